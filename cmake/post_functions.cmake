@@ -1,0 +1,32 @@
+# post_module(NAME SOURCES...): the object library of one directory of `post` and its libraries.
+function(post_module name)
+  add_library(${name} OBJECT ${ARGN})
+  target_include_directories(${name} PUBLIC "${CMAKE_SOURCE_DIR}" "${CMAKE_SOURCE_DIR}/include")
+  # -fPIE, not -fPIC: calls between exported functions of one program need no detour.
+  set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE OFF)
+  target_compile_options(${name} PRIVATE -fPIE -fno-exceptions -fno-rtti)
+endfunction()
+
+# post_program(NAME SOURCES...): an executable whose functions and tables stand in its dynamic symbol table.
+function(post_program name)
+  add_executable(${name} ${ARGN})
+  target_include_directories(${name} PRIVATE "${CMAKE_SOURCE_DIR}" "${CMAKE_SOURCE_DIR}/include")
+  set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+  target_link_options(${name} PRIVATE -pie)
+  if(NOT POST_SANITIZE)
+    target_link_options(${name} PRIVATE -static-libstdc++ -static-libgcc)
+  endif()
+endfunction()
+
+# post_test(NAME SOURCES files... LIBS targets...): a test program; each of its tests is a ctest of its own.
+function(post_test name)
+  cmake_parse_arguments(arg "" "" "SOURCES;LIBS" ${ARGN})
+  add_executable(${name} ${arg_SOURCES})
+  target_include_directories(${name} PRIVATE "${CMAKE_SOURCE_DIR}" "${CMAKE_SOURCE_DIR}/include")
+  target_link_libraries(${name} PRIVATE ${arg_LIBS} gtest gmock gtest_main)
+  set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+  target_link_options(${name} PRIVATE -pie -rdynamic)
+  target_compile_definitions(${name} PRIVATE POST_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}"
+    POST_LIB_DIR="${CMAKE_LIBRARY_OUTPUT_DIRECTORY}")
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 300)
+endfunction()

@@ -1,0 +1,1 @@
+#include "platform/mfgd/cmn_lib/diag_util/spin.h"

@@ -1,0 +1,1 @@
+#include "platform/mfgd/uspace/utils/sprom/sprom_dev.h"

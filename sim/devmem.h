@@ -1,0 +1,31 @@
+// devmem.h: the memory side of the board: the windows behind /dev/mem, the trapped accesses, I/O port 0x50C.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+#include "sim/options.h"
+
+namespace sim {
+
+// Prepares the device models and creates what the state directory lacks of their contents (nvram0, nvram1, nvram2,
+// flash). Returns false, with a message on standard error, when the state directory cannot be used.
+bool devmem_start(const options &opts);
+
+// Drops every mapping and model; contents are in their files.
+void devmem_stop();
+
+// mmap() of /dev/mem: physical range [phys, phys + length). Returns MAP_FAILED with errno set when no device lives
+// there.
+void *devmem_map(size_t length, int prot, int flags, uint64_t phys);
+
+// munmap(). Returns false if [addr, addr + length) is no mapping of devmem_map.
+bool devmem_unmap(void *addr, size_t length);
+
+// iopl(). Returns 0, or -1 with errno set.
+int port_iopl(int level);
+
+// Asked by the port model, told by the I/O port: whether bit 27 of port 0x50C protects the supervisor's EEPROM.
+[[nodiscard]] bool port_write_protected();
+
+}  // namespace sim
