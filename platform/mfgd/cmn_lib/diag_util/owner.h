@@ -1,0 +1,52 @@
+// owner.h: owners of what the C library hands out. Their destructors leave errno as it was.
+#pragma once
+
+#include <errno.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <memory>
+#include <utility>
+
+template <auto release>
+struct releaser {
+  void operator()(auto *p) const noexcept {
+    const int saved = errno;
+    release(p);
+    errno = saved;
+  }
+};
+
+// An open stream.
+using file_ptr = std::unique_ptr<FILE, releaser<[](FILE *f) { (void)fclose(f); }>>;
+
+// Memory of malloc(). Allocation failures are results here, not exceptions.
+template <typename T>
+using malloc_ptr = std::unique_ptr<T[], releaser<&free>>;
+
+template <typename T>
+[[nodiscard]] malloc_ptr<T> malloc_array(size_t count) {
+  return malloc_ptr<T>(static_cast<T *>(malloc(count * sizeof(T))));
+}
+
+// An open descriptor; negative for none.
+class unique_fd {
+ public:
+  explicit unique_fd(int fd) : fd_(fd) {}
+  unique_fd(unique_fd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+  unique_fd &operator=(unique_fd &&other) = delete;
+  ~unique_fd() {
+    if (fd_ < 0) return;
+    const int saved = errno;
+    (void)close(fd_);
+    errno = saved;
+  }
+
+  [[nodiscard]] int get() const { return fd_; }
+  explicit operator bool() const { return fd_ >= 0; }
+
+ private:
+  int fd_;
+};
