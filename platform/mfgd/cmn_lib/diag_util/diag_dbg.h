@@ -1,7 +1,11 @@
-// diag_dbg.h: the two output hooks that the host program provides.
+// diag_dbg.h: the two output hooks that the host program provides, and the idioms that print through them.
 #pragma once
 
+#include <execinfo.h>
 #include <stdint.h>
+#include <stdlib.h>
+
+#include "platform/mfgd/cmn_lib/hw_acc/hw_err.h"
 
 // Levels of diag_dbg_print, numbered as the syslog severities are.
 enum diag_lvl_t : int32_t {
@@ -17,4 +21,44 @@ int cli_printf(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
 // As cli_printf, but for DIAG_LVL_DEBUG, which prints nothing. The level leaves no mark in the text.
 void diag_dbg_print(int32_t level, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
+}
+
+// Prints the same text through both hooks: on a program that sends both to one place it stands twice in a row.
+#define DIAG_PRINT_BOTH(level, ...) ((void)cli_printf(__VA_ARGS__), diag_dbg_print((level), __VA_ARGS__))
+
+// Checked call: traces `text` in the name of the calling function, evaluates `call`, which gives a status of hw_err.h,
+// and reports a status other than HW_SUCCESS. An expression with the status as its value.
+//   text  the call as the messages name it
+#define DIAG_CALL(text, call) \
+  (diag_dbg_print(DIAG_LVL_DEBUG, "%s(): %s\n", __func__, (text)), diag_call_status((text), (call)))
+
+// Diagnostic assertion: where `cond` does not hold, reports it with the call stack and aborts.
+#define DIAG_ASSERT(cond) DIAG_ASSERT_AS(cond, #cond)
+
+// The same with `text`, a literal, in place of the condition's source text. It becomes part of a format string.
+#define DIAG_ASSERT_AS(cond, text)                                                                             \
+  do {                                                                                                         \
+    if (!(cond)) {                                                                                             \
+      DIAG_PRINT_BOTH(DIAG_LVL_INFO, "## Assert:%s():%u\n", __func__, static_cast<unsigned>(__LINE__));        \
+      DIAG_PRINT_BOTH(DIAG_LVL_INFO, "         :\"" text "\" is false\n");                                     \
+      void *diag_frames[DIAG_FRAMES_MAX];                                                                      \
+      diag_print_frames(diag_frames, backtrace(diag_frames, DIAG_FRAMES_MAX)); /* here: this frame is first */ \
+      abort();                                                                                                 \
+    }                                                                                                          \
+  } while (0)
+
+enum : int { DIAG_FRAMES_MAX = 20 };
+
+// The checking half of DIAG_CALL.
+static inline uint32_t diag_call_status(const char *text, uint32_t rc) {
+  if (rc != HW_SUCCESS)
+    DIAG_PRINT_BOTH(DIAG_LVL_ERR, "## Error : Failed %s\n           with rc %u (%s)\n", text, rc, hw_err_to_str(rc));
+  return rc;
+}
+
+// The last half of DIAG_ASSERT's report. Nothing is printed where there is no frame or no memory for the names.
+static inline void diag_print_frames(void *const *frames, int count) {
+  char *const *const names = backtrace_symbols(frames, count);
+  for (int i = 0; names != nullptr && i < count; ++i)
+    DIAG_PRINT_BOTH(DIAG_LVL_INFO, "## BT: %s\n", names[i]);
 }

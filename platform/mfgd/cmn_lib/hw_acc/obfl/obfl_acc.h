@@ -1,0 +1,128 @@
+// obfl_acc.h: the on-board failure logging flash, a 64 MiB parallel NOR flash with a 16-bit data bus.
+//
+// The flash speaks the AMD command set and answers the JEDEC Common Flash Interface query. It has 512 sectors of 65536
+// words; programming goes through a write buffer that takes one page of 16 words at a time and can only clear bits, so
+// a sector is erased before it is written. There is one flash, instance 0.
+//
+// Every erase and every page program holds the write lock from its first bus cycle until the flash is ready, every read
+// call holds the read lock; get_timeout_val takes none. Argument and address checks are diagnostic assertions.
+#pragma once
+
+#include <stddef.h>
+#include <stdint.h>
+
+#define OBFL_FLASH_DEV_NAME "OBFL_Flash"
+
+enum : uint32_t {
+  OBFL_INST_MAX = 1,
+  OBFL_WORD_SIZE = 2,         // bytes of one access
+  OBFL_WRITE_PAGE_SIZE = 32,  // bytes of one write-buffer page
+  OBFL_SECTOR_SIZE = 0x20000,
+  OBFL_PAGE_WORDS = OBFL_WRITE_PAGE_SIZE / OBFL_WORD_SIZE,
+  OBFL_SECTOR_WORDS = OBFL_SECTOR_SIZE / OBFL_WORD_SIZE,
+  OBFL_SECTOR_PAGES = OBFL_SECTOR_SIZE / OBFL_WRITE_PAGE_SIZE,
+};
+
+// Bounds of a wait, whatever a timing record says. The chip's data sheet has typical times of 0.5 s for an erase and
+// 0.34 ms for a full write buffer; what lies above the bounds comes from a flash that does not answer its query.
+enum : uint32_t {
+  OBFL_ERASE_POLL_MAX_US = 4096000,   // one wait between two polls
+  OBFL_ERASE_WAIT_MAX_US = 65536000,  // all the waits of one erase
+  OBFL_WRITE_POLL_MAX_US = 4096,      // likewise of one page program
+  OBFL_WRITE_WAIT_MAX_US = 1048576,
+};
+
+extern "C" {
+// A byte offset into the flash. A sector address is one whose so.offset is 0.
+union obfl_addr_t {
+  uint32_t addr;
+  struct {
+    uint32_t offset : 17;  // byte within the sector
+    uint32_t sector : 9;
+    uint32_t mbz : 6;  // must be zero
+  } so;
+  union {
+    struct {
+      uint32_t mbz : 1;  // must be zero: words are aligned
+      uint32_t word : 4;
+    } wr;
+    __extension__ struct {
+      uint32_t : 5;        // wr
+      uint32_t page : 12;  // write page within the sector
+      uint32_t sector : 9;
+      uint32_t mbz : 6;
+    };
+  } pw;
+};
+
+// Times of the flash, from get_timeout_val.
+struct obfl_timeout_t {
+  uint32_t typ_erase_ms;
+  uint32_t max_erase_ms;
+  uint32_t typ_wr_us;  // one page
+  uint32_t max_wr_us;
+};
+
+// Starts the driver before main. Returns HW_SUCCESS. A driver that cannot start fails a diagnostic assertion after its
+// reports.
+uint32_t obfl_libinit();
+
+// Finds the flash behind the last base address register of the board's PLX PCI 9030 bridge and maps it. Does nothing
+// once that has succeeded.
+// Returns HW_SUCCESS, HW_ERR_MALLOC, or the status of the look-up or mapping that failed, which was reported. Nothing
+// is mapped when the look-up fails.
+[[nodiscard]] uint32_t obfl_sw_init();
+
+// Unmaps the flash; the driver is of no use afterwards. Returns HW_SUCCESS.
+uint32_t obfl_sw_finish();
+
+// Reads the flash's times from its query table and leaves it in read mode. `inst` is not checked.
+// Times are the low 32 bits of 2^n; all ones where that does not fit 64 bits.
+[[nodiscard]] obfl_timeout_t get_timeout_val(uint32_t inst);
+
+// The address of the sector that holds `addr`, which must be a word's (asserted).
+[[nodiscard]] obfl_addr_t obfl_get_sector_addr(obfl_addr_t addr);
+
+// Erase, write or read the sector at `sector_addr`.
+//   src  65536 words; the sector must have been erased
+//   dst  receives 65536 words
+// Return HW_SUCCESS, or HW_ERR_TIMEOUT after a message when the flash is still busy at the end of its maximum time. A
+// write ends at the first page that fails; earlier ones stay written. The flash is not reset.
+[[nodiscard]] uint32_t obfl_sector_erase(uint32_t inst, obfl_addr_t sector_addr, obfl_timeout_t timeout);
+[[nodiscard]] uint32_t obfl_sector_wr(uint32_t inst, obfl_addr_t sector_addr, const uint16_t *src,
+                                      obfl_timeout_t timeout);
+void obfl_sector_rd(uint32_t inst, obfl_addr_t sector_addr, uint16_t *dst);
+
+// Writes wr_data[i] at wr_addr[i], in order, for i below n_cpt, which must not be 0. Neighbouring entries of one page,
+// at most 16, are programmed together. `inst` is not checked, each address just before its use.
+// Returns HW_SUCCESS, or HW_ERR_TIMEOUT after a message; what was written before stays.
+[[nodiscard]] uint32_t obfl_wr_array(uint32_t inst, uint32_t n_cpt, const obfl_addr_t *wr_addr, const uint16_t *wr_data,
+                                     obfl_timeout_t timeout);
+
+// Reads the word at rd_addr[i] into rd_data[i], in order, for i below `count`, which may be 0. Each address is checked
+// just before it is read.
+void obfl_rd_array(uint32_t inst, uint32_t count, const obfl_addr_t *rd_addr, uint16_t *rd_data);
+
+// The same for one word.
+[[nodiscard]] uint32_t obfl_wr_word(uint32_t inst, obfl_addr_t wr_addr, uint16_t wr_data, obfl_timeout_t timeout);
+void obfl_rd_word(uint32_t inst, obfl_addr_t rd_addr, uint16_t *rd_data);
+
+// Steps. None but _obfl_wr_page takes a lock.
+
+// One bus cycle at a byte offset. _obfl_wr returns the access's status.
+uint32_t _obfl_wr(uint32_t inst, uint32_t offset, uint16_t data);
+void _obfl_rd(uint32_t inst, uint32_t offset, uint16_t *data);
+
+// Programs up to 16 words of one page of the sector at `sector_addr`; nothing for none. Returns as obfl_wr_array.
+[[nodiscard]] uint32_t _obfl_wr_page(uint32_t inst, obfl_addr_t sector_addr, const obfl_addr_t *wr_addr,
+                                     const uint16_t *wr_data, uint32_t word_count, obfl_timeout_t timeout);
+
+// Wait until the operation that runs at `addr` has ended. Each poll comes a typical time after the one before, and at
+// least one is made; a typical time of 0, which is one that did not fit, counts as the longest.
+// Return HW_SUCCESS, or HW_ERR_TIMEOUT after a message.
+[[nodiscard]] uint32_t _obfl_erase_wait(uint32_t inst, obfl_addr_t addr, obfl_timeout_t timeout);
+[[nodiscard]] uint32_t _obfl_write_wait(uint32_t inst, obfl_addr_t addr, obfl_timeout_t timeout);
+}
+
+static_assert(sizeof(obfl_addr_t) == 4);
+static_assert(sizeof(obfl_timeout_t) == 16);
