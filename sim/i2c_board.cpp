@@ -107,6 +107,11 @@ std::vector<T> present(const std::array<T, N> &rows, const options &opts) {
   return list;
 }
 
+// The place of a word among those of the fault table.
+size_t word(const fault &f, std::string_view key) {
+  return static_cast<size_t>(f.get(key));
+}
+
 const fault *device_fault(const options &opts, std::string_view name, uint32_t bus, uint8_t addr) {
   for (const auto &f : opts.faults)
     if (f.name == name && f.get("bus") == bus && f.get("addr") == addr) return &f;
@@ -165,8 +170,8 @@ std::vector<at24c512::setup::corruption> corruptions(const options &opts, uint32
     if (f.name != "sprom-corrupt") continue;
     for (const auto &row : present(image_rows, opts)) {
       if (row.bus != bus || row.addr != addr || row.name == nullptr) continue;
-      if (row.name != std::string_view(image_words.at(f.get("image")))) continue;
-      if (const auto *const block = image_block_of(row.kind, block_words.at(f.get("block"))))
+      if (row.name != std::string_view(image_words.at(word(f, "image")))) continue;
+      if (const auto *const block = image_block_of(row.kind, block_words.at(word(f, "block"))))
         list.push_back({static_cast<uint16_t>(row.base + block->offset + f.get("offset")), bits});
     }
   }
@@ -228,8 +233,8 @@ std::string check_fault(const options &opts, const fault &f) {
   if (f.name == "straps" && opts.family == family::dorvan) return "the board has no straps";
   if (f.name != "sprom-corrupt") return "";
   for (const auto &row : present(image_rows, opts)) {
-    if (row.name == nullptr || row.name != std::string_view(image_words.at(f.get("image")))) continue;
-    const auto *const block = image_block_of(row.kind, block_words.at(f.get("block")));
+    if (row.name == nullptr || row.name != std::string_view(image_words.at(word(f, "image")))) continue;
+    const auto *const block = image_block_of(row.kind, block_words.at(word(f, "block")));
     if (block == nullptr) return "the image has no such block";
     return f.get("offset") < block->length ? "" : "the block ends before this offset";
   }
@@ -245,8 +250,7 @@ std::vector<uint32_t> i2c_bus_numbers(const options &opts) {
   for (const auto &row : present(expander_rows, opts))
     numbers.push_back(row.bus);
   std::ranges::sort(numbers);
-  const auto repeated = std::ranges::unique(numbers);
-  numbers.erase(repeated.begin(), repeated.end());
+  numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
   for (const auto &f : opts.faults)
     if (f.name == "i2c-bus-absent") std::erase(numbers, f.get("bus"));
   return numbers;

@@ -102,8 +102,8 @@ int by_path_at(next_function<int(int, const char *, A...)> &next, bool writing, 
 }
 
 // Asking about what cannot be opened is no error.
-template <typename... A>
-int by_asked_path(next_function<int(const char *, A...)> &next, const char *path, A... rest) {
+template <typename R, typename... A>
+R by_asked_path(next_function<R(const char *, A...)> &next, const char *path, A... rest) {
   const auto to = board_path(path, false);
   return next.get()(to ? to->path.c_str() : path, rest...);
 }
@@ -143,6 +143,10 @@ constinit next_function<int(const char *, struct stat64 *)>         next_stat64{
 constinit next_function<int(const char *, struct stat *)>           next_lstat{"lstat"};
 constinit next_function<int(const char *, struct stat64 *)>         next_lstat64{"lstat64"};
 constinit next_function<DIR *(const char *)>                        next_opendir{"opendir"};
+constinit next_function<ssize_t(const char *, const char *, void *, size_t)> next_getxattr{"getxattr"};
+constinit next_function<ssize_t(const char *, const char *, void *, size_t)> next_lgetxattr{"lgetxattr"};
+constinit next_function<ssize_t(const char *, char *, size_t)>      next_listxattr{"listxattr"};
+constinit next_function<ssize_t(const char *, char *, size_t)>      next_llistxattr{"llistxattr"};
 constinit next_function<int(int, const char *, int)>                next_unlinkat{"unlinkat"};
 constinit next_function<int(int, const char *, mode_t)>             next_mkdirat{"mkdirat"};
 constinit next_function<int(int, const char *, int, int)>           next_faccessat{"faccessat"};
@@ -189,6 +193,10 @@ int board_stat64(const char *path, struct stat64 *st)              __asm__("stat
 int board_lstat(const char *path, struct stat *st)                 __asm__("lstat");
 int board_lstat64(const char *path, struct stat64 *st)             __asm__("lstat64");
 DIR *board_opendir(const char *path)                               __asm__("opendir");
+ssize_t board_getxattr(const char *path, const char *name, void *value, size_t size)  __asm__("getxattr");
+ssize_t board_lgetxattr(const char *path, const char *name, void *value, size_t size) __asm__("lgetxattr");
+ssize_t board_listxattr(const char *path, char *list, size_t size)  __asm__("listxattr");
+ssize_t board_llistxattr(const char *path, char *list, size_t size) __asm__("llistxattr");
 int board_unlinkat(int dir, const char *path, int flags)           __asm__("unlinkat");
 int board_mkdirat(int dir, const char *path, mode_t mode)          __asm__("mkdirat");
 int board_faccessat(int dir, const char *path, int mode, int flags) __asm__("faccessat");
@@ -336,6 +344,18 @@ int board_lstat64(const char *path, struct stat64 *st) {
 }
 DIR *board_opendir(const char *path) {
   return by_path<DIR *>(next_opendir, nullptr, false, path);
+}
+ssize_t board_getxattr(const char *path, const char *name, void *value, size_t size) {
+  return by_asked_path(next_getxattr, path, name, value, size);
+}
+ssize_t board_lgetxattr(const char *path, const char *name, void *value, size_t size) {
+  return by_asked_path(next_lgetxattr, path, name, value, size);
+}
+ssize_t board_listxattr(const char *path, char *list, size_t size) {
+  return by_asked_path(next_listxattr, path, list, size);
+}
+ssize_t board_llistxattr(const char *path, char *list, size_t size) {
+  return by_asked_path(next_llistxattr, path, list, size);
 }
 int board_unlinkat(int dir, const char *path, int flags) {
   return by_path_at(next_unlinkat, true, dir, path, flags);

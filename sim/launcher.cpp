@@ -38,7 +38,8 @@ constexpr const char *example_text =
     "Examples:\n"
     "  board-sim -- -s                                    short test on a healthy board\n"
     "  board-sim --card 11096 --fault \"pci-missing bus=2 dev=0 func=0\"\n"
-    "  board-sim --state board -- cat /post/result        look into a kept board\n";
+    "  board-sim --state board -- -s                      keep what the run leaves\n"
+    "  board-sim -- /bin/sh                               look around\n";
 
 int fail(const std::string &what) {
   (void)std::fprintf(stderr, "board-sim: %s\n", what.c_str());
@@ -87,6 +88,38 @@ class state_directory {
   bool m_temporary = false;
 };
 
+bool is_executable(const std::string &path) {
+  struct stat st {};
+  return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && access(path.c_str(), X_OK) == 0;
+}
+
+// Where the shell would find a program: the path as it stands, or the first match in PATH. "" if nowhere.
+std::string find_program(const std::string &name) {
+  if (name.find('/') != std::string::npos) return name;
+  const char *const path = std::getenv("PATH");
+  std::string_view rest = path == nullptr ? "/bin:/usr/bin" : path;
+  while (!rest.empty()) {
+    const auto end = std::min(rest.find(':'), rest.size());
+    const auto candidate = std::string(rest.substr(0, end)) + "/" + name;
+    if (is_executable(candidate)) return candidate;
+    rest.remove_prefix(std::min(end + 1, rest.size()));
+  }
+  return "";
+}
+
+// The loader leaves a library of the other word size out, and the program would meet the real machine. A script is
+// judged by its interpreter.
+bool has_own_word_size(const std::string &path) {
+  char head[256] = "";
+  const sim::file in{sim::sys::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
+  const auto length = read(in.fd(), head, sizeof(head) - 1);
+  constexpr char own_class = sizeof(void *) == 8 ? 2 : 1;
+  if (length > 4 && std::memcmp(head, "\177ELF", 4) == 0) return head[4] == own_class;
+  if (length < 3 || std::memcmp(head, "#!", 2) != 0) return true;
+  const char *const interpreter = head + 2 + std::strspn(head + 2, " \t");
+  return has_own_word_size(std::string(interpreter, std::strcspn(interpreter, " \t\n")));
+}
+
 // The running program. Signals that end a run are handed on to it.
 volatile pid_t child = 0;
 
@@ -124,7 +157,7 @@ std::string preload_list(const std::string &library) {
   for (const auto &argument : arguments)
     argv.push_back(const_cast<char *>(argument.c_str()));
   argv.push_back(nullptr);
-  (void)execvp(program.c_str(), argv.data());
+  (void)execv(program.c_str(), argv.data());
   const int error = errno;
   (void)!write(told, &error, sizeof(error));
   _exit(exit_not_found);
@@ -187,7 +220,16 @@ int run_on_board(sim::command *cmd) {
   cmd->opts.state = state.path();
 
   const auto own = sim::own_directory();
-  const auto library = own + "/../lib/libboard_sim.so";
+  const auto program = cmd->program.empty() ? own + "/post" : find_program(cmd->program);
+  if (program.empty()) {
+    (void)fail(cmd->program + ": not found in PATH");
+    return exit_not_found;
+  }
+  if (!has_own_word_size(program)) {
+    (void)fail(program + ": this board runs " + (sizeof(void *) == 8 ? "64" : "32") + "-bit programs only");
+    return exit_not_executable;
+  }
+  const auto library = own.substr(0, own.rfind('/')) + "/lib/libboard_sim.so";
   if (access(library.c_str(), R_OK) != 0) return fail_os(library);
   std::string error;
   const auto holders = sim::lock_holders_start(cmd->opts, &error);
@@ -196,7 +238,7 @@ int run_on_board(sim::command *cmd) {
   (void)setenv("LD_PRELOAD", preload_list(library).c_str(), 1);
   (void)setenv(sim::options_variable, sim::options_format(cmd->opts).c_str(), 1);
   (void)setenv("BOARD_SIM_TSC_KHZ", std::to_string(sim::tsc_khz()).c_str(), 1);
-  const int status = run(cmd->program.empty() ? own + "/post" : cmd->program, cmd->arguments);
+  const int status = run(program, cmd->arguments);
   end_holders(*holders);
   if (cmd->show_result) show_result(cmd->opts.state);
   return status;

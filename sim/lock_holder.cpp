@@ -42,7 +42,8 @@ std::optional<std::vector<pid_t>> lock_holders_start(const options &opts, std::s
   for (const auto &f : opts.faults) {
     if (f.name != "lock-held") continue;
     const auto directory = opts.state + "/var/lock";
-    const auto path = directory + "/" + lock_names.at(f.get("lock")) + "-" + lock_kinds.at(f.get("kind")) + ".lock";
+    const auto path = directory + "/" + lock_names.at(static_cast<size_t>(f.get("lock"))) + "-" +
+                      lock_kinds.at(static_cast<size_t>(f.get("kind"))) + ".lock";
     int ends[2];
     if (!make_directories(directory) || pipe2(ends, O_CLOEXEC) != 0) {
       *error = directory + ": " + std::strerror(errno);

@@ -175,7 +175,7 @@ resources bridge_resources(const options &opts) {
     r.size[bar] = w.length;
   }
   for (const auto &f : opts.faults) {
-    const auto bar = f.get("bar");
+    const auto bar = static_cast<size_t>(f.get("bar"));
     if (f.name == "bar-missing") r.base[bar] = r.size[bar] = 0;
     if (f.name == "bar-io") r.base[bar] = (r.base[bar] & ~uint64_t{bar_flags}) | bar_io;
     if (f.name != "bar-64bit") continue;
