@@ -1,0 +1,12 @@
+// ethtool.h: the board's own ethtool: self-tests of its Ethernet controllers.
+#pragma once
+
+#include <span>
+#include <string>
+
+namespace sim {
+
+// Runs "ethtool ARGS..." on the board that the environment names. Returns the exit status.
+int ethtool_main(std::span<const std::string> args);
+
+}  // namespace sim
