@@ -12,7 +12,11 @@ namespace sim {
 
 struct fault_row {
   const char *name;   // as written on the command line
-  const char *parms;  // "key=value ..." with the defaults of optional ones, "" for none
+  const char *parms;  // parameters separated by a blank, "" for none:
+                      //   key=LOW..HIGH            a number, must be given
+                      //   key=word|word            one of the words; its value is its position, from 0
+                      //   [...]                    may be left out
+                      //   [key=LOW..HIGH:DEFAULT]  may be left out and is then DEFAULT
   const char *what;   // one line for --list-faults
 };
 
@@ -22,13 +26,15 @@ std::span<const fault_row> fault_table();
 // One fault as asked for: "NAME key=value ...", numbers in C notation.
 struct fault {
   std::string name;
-  std::map<std::string, uint64_t, std::less<>> parm;
+  std::map<std::string, uint64_t, std::less<>> parm;  // what was given, and the defaults of what was not
 
+  // The value of a parameter; `otherwise` if it was left out and has no default.
   [[nodiscard]] uint64_t get(std::string_view key, uint64_t otherwise = 0) const;
   [[nodiscard]] bool has(std::string_view key) const { return parm.find(key) != parm.end(); }
 };
 
-// Parses one fault. On failure returns nothing and says why in *error.
+// Parses one fault against the table. On failure returns nothing and says why in *error: unknown name, unknown,
+// repeated, missing or bad parameter.
 std::optional<fault> fault_parse(std::string_view text, std::string *error);
 
 }  // namespace sim
