@@ -1,0 +1,278 @@
+// devmem.cpp: the windows behind /dev/mem: contents, mappings, and the way of an access to its model.
+#include "sim/devmem.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "sim/flash.h"
+#include "sim/layout.h"
+#include "sim/nvram.h"
+#include "sim/port.h"
+#include "sim/real.h"
+#include "sim/trace.h"
+#include "sim/trap.h"
+
+namespace sim {
+
+namespace {
+
+constexpr size_t page_size = 4096;
+constexpr size_t flash_window = 3;
+static_assert(windows[flash_window].length == flash_bytes);
+
+// Reads of the array that trap before the flash is opened for direct reading: fewer than a status poll needs, and
+// opening and closing costs as much.
+constexpr unsigned reads_before_opening = 4;
+
+// Device contents: a file of the state directory, mapped for the models' own use.
+struct contents {
+  int fd = -1;
+  std::span<uint8_t> bytes;
+};
+
+struct mapping {
+  uintptr_t address;
+  size_t length;
+  size_t window;
+  uint32_t offset;  // within the window
+  int prot;         // as asked for
+
+  [[nodiscard]] bool holds(uintptr_t a, size_t bytes) const {
+    return a >= address && a - address < length && bytes <= length - (a - address);
+  }
+};
+
+constinit std::array<contents, windows.size()> store{};
+std::array<nvram_model, flash_window> nvram;
+flash_model flash;
+std::vector<mapping> mappings;
+bool trap_all = false;     // everything goes into the log
+bool flash_open = false;   // the flash's mappings allow reading
+unsigned array_reads = 0;  // trapped ones in a row
+
+bool complain(const std::string &path, const char *what) {
+  fprintf(stderr, "board-sim: %s: %s\n", path.c_str(), what);
+  return false;
+}
+
+// A new device's contents: words that differ from place to place, so that nothing lost or mixed up goes unseen. In
+// the flash the records fill the first part of each sector; the rest is erased.
+void fill_new(std::span<uint8_t> bytes, size_t window) {
+  constexpr uint32_t records = 0x1000;
+  uint32_t state = 0x9E3779B9U * static_cast<uint32_t>(window + 1);
+  const bool is_flash = window == flash_window;
+  if (is_flash) memset(bytes.data(), 0xFF, bytes.size());
+  for (size_t base = 0; base < bytes.size(); base += is_flash ? flash_sector_bytes : bytes.size()) {
+    for (auto &byte : bytes.subspan(base, is_flash ? records : bytes.size())) {
+      state = state * 1664525U + 1013904223U;
+      byte = static_cast<uint8_t>(state >> 24U);
+    }
+  }
+}
+
+// A file appears under its name when it is whole.
+bool create_contents(const std::string &path, size_t window) {
+  const std::string unfinished = path + ".new";
+  std::vector<uint8_t> bytes(windows[window].length);
+  fill_new(bytes, window);
+  const int fd = sys::open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC);
+  if (fd < 0) return complain(path, strerror(errno));
+  size_t done = 0;
+  while (done < bytes.size()) {
+    const ssize_t now = write(fd, &bytes[done], bytes.size() - done);
+    if (now <= 0) break;
+    done += static_cast<size_t>(now);
+  }
+  const int why = errno;
+  (void)sys::close(fd);
+  if (done < bytes.size()) return complain(unfinished, strerror(why));
+  if (sys::rename(unfinished.c_str(), path.c_str()) != 0) return complain(path, strerror(errno));
+  return true;
+}
+
+bool open_contents(const std::string &path, size_t window) {
+  auto &c = store[window];
+  const size_t length = windows[window].length;
+  c.fd = sys::keep(sys::open(path.c_str(), O_RDWR | O_CLOEXEC));
+  if (c.fd < 0 && errno == ENOENT) {
+    if (!create_contents(path, window)) return false;
+    c.fd = sys::keep(sys::open(path.c_str(), O_RDWR | O_CLOEXEC));
+  }
+  if (c.fd < 0) return complain(path, strerror(errno));
+  struct stat st {};
+  if (fstat(c.fd, &st) != 0) return complain(path, strerror(errno));
+  if (static_cast<uint64_t>(st.st_size) != length)
+    return complain(path, ("size is not " + std::to_string(length) + " bytes").c_str());
+  void *const address = sys::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, c.fd, 0);
+  if (address == MAP_FAILED) return complain(path, strerror(errno));
+  c.bytes = {static_cast<uint8_t *>(address), length};
+  return true;
+}
+
+// The access that a mapping may have without its model.
+int direct_prot(const mapping &m) {
+  if (trap_all) return PROT_NONE;
+  if (m.window != flash_window) return nvram[m.window].healthy() ? m.prot : PROT_NONE;
+  return flash_open ? m.prot & PROT_READ : PROT_NONE;
+}
+
+void flash_set_open(bool open) {
+  array_reads = 0;
+  if (open == flash_open) return;
+  flash_open = open;
+  for (const auto &m : mappings) {
+    if (m.window != flash_window) continue;
+    if (mprotect(reinterpret_cast<void *>(m.address), m.length, direct_prot(m)) != 0)
+      trap_die("flash window: %s", strerror(errno));
+  }
+}
+
+const mapping *mapping_at(uintptr_t address, size_t bytes) {
+  for (const auto &m : mappings)
+    if (m.holds(address, bytes)) return &m;
+  return nullptr;
+}
+
+bool covers(uintptr_t address, size_t bytes, bool write) {
+  const auto *const m = mapping_at(address, bytes);
+  return m != nullptr && (m->prot & (write ? PROT_WRITE : PROT_READ)) != 0;
+}
+
+uint16_t word_read(size_t window, uint32_t offset) {
+  return window == flash_window ? flash.read(offset) : nvram[window].read(offset);
+}
+
+// The flash has no byte lanes: bytes that are not driven read as ones.
+void word_write(size_t window, uint32_t offset, uint16_t word, uint16_t lanes) {
+  if (window == flash_window) {
+    flash.write(offset, static_cast<uint16_t>(word | ~lanes));
+  } else {
+    nvram[window].write(offset, word, lanes);
+  }
+}
+
+// One access as cycles of the 16-bit local bus, `visit(word offset, lanes, shift)`, the lowest first. The shift is
+// the place of the bus word's bit 0 in the data, negative when it lies below.
+template <class Visit>
+void for_each_cycle(uint32_t offset, unsigned width, Visit visit) {
+  const uint32_t end = offset + width / 8;
+  for (uint32_t word = offset & ~1U; word < end; word += 2) {
+    unsigned lanes = 0xFFFF;
+    if (word < offset) lanes &= 0xFF00U;
+    if (word + 1 >= end) lanes &= 0x00FFU;
+    visit(word, static_cast<uint16_t>(lanes), 8 * (static_cast<int>(word) - static_cast<int>(offset)));
+  }
+}
+
+uint32_t window_read(uintptr_t address, unsigned width) {
+  const auto &m = *mapping_at(address, width / 8);
+  const auto offset = static_cast<uint32_t>(m.offset + (address - m.address));
+  uint32_t data = 0;
+  for_each_cycle(offset, width, [&](uint32_t at, uint16_t lanes, int shift) {
+    const uint32_t word = word_read(m.window, at) & uint32_t{lanes};
+    data |= shift < 0 ? word >> -shift : word << shift;
+  });
+  trace_access(windows[m.window].name, 'r', width, offset, data);
+  if (m.window == flash_window && !trap_all && flash.reads_plainly() && ++array_reads >= reads_before_opening)
+    flash_set_open(true);
+  return data;
+}
+
+void window_write(uintptr_t address, unsigned width, uint32_t data) {
+  const auto &m = *mapping_at(address, width / 8);
+  const auto offset = static_cast<uint32_t>(m.offset + (address - m.address));
+  trace_access(windows[m.window].name, 'w', width, offset, data);
+  for_each_cycle(offset, width, [&](uint32_t at, uint16_t lanes, int shift) {
+    const uint32_t word = shift < 0 ? data << -shift : data >> shift;
+    word_write(m.window, at, static_cast<uint16_t>(word & lanes), lanes);
+  });
+  array_reads = 0;
+  if (m.window == flash_window && flash_open && !flash.reads_plainly()) flash_set_open(false);
+}
+
+constexpr trap_bus bus{covers, window_read, window_write, port_allowed, port_in, port_out};
+
+size_t whole_pages(size_t length) {
+  return (length + page_size - 1) & ~(page_size - 1);
+}
+
+void *refuse(int error) {
+  errno = error;
+  return MAP_FAILED;
+}
+
+}  // namespace
+
+bool devmem_start(const options &opts) {
+  devmem_stop();
+  for (size_t i = 0; i < windows.size(); i++)
+    if (!open_contents(opts.state + "/" + windows[i].name, i)) return false;
+  for (unsigned i = 0; i < nvram.size(); i++)
+    nvram[i].start(store[i].bytes, i, opts);
+  flash.start(store[flash_window].bytes, opts);
+  port_start(opts);
+  trap_all = !opts.trace.empty();
+  flash_open = !trap_all && flash.reads_plainly();
+  array_reads = 0;
+  return true;
+}
+
+void devmem_stop() {
+  if (!store[flash_window].bytes.empty()) flash.stop();
+  for (const auto &m : mappings)
+    (void)sys::munmap(reinterpret_cast<void *>(m.address), m.length);
+  mappings.clear();
+  trap_remove();
+  for (auto &c : store) {
+    if (!c.bytes.empty()) (void)sys::munmap(c.bytes.data(), c.bytes.size());
+    if (c.fd >= 0) (void)sys::close(c.fd);
+    c = contents{};
+  }
+}
+
+void *devmem_map(size_t length, int prot, int flags, uint64_t phys) {
+  const int sharing = flags & MAP_TYPE;
+  const bool shared = sharing == MAP_SHARED || sharing == MAP_SHARED_VALIDATE;
+  if (length == 0 || phys % page_size != 0 || !shared || (flags & MAP_FIXED) != 0) return refuse(EINVAL);
+  if (length > SIZE_MAX - page_size) return refuse(ENOMEM);
+  const size_t whole = whole_pages(length);
+  const auto found = std::ranges::find_if(windows, [&](const window &w) {
+    return phys >= w.base && phys - w.base < w.length && whole <= w.length - (phys - w.base);
+  });
+  if (found == windows.end()) return refuse(EPERM);
+  const auto index = static_cast<size_t>(found - windows.begin());
+  if (store[index].bytes.empty()) return refuse(EPERM);
+
+  mapping m{0, whole, index, static_cast<uint32_t>(phys - found->base), prot};
+  void *const address = sys::mmap(nullptr, whole, direct_prot(m), MAP_SHARED, store[index].fd, m.offset);
+  if (address == MAP_FAILED) return MAP_FAILED;
+  m.address = reinterpret_cast<uintptr_t>(address);
+  mappings.push_back(m);
+  trap_install(bus);
+  return address;
+}
+
+bool devmem_unmap(void *addr, size_t length) {
+  const auto address = reinterpret_cast<uintptr_t>(addr);
+  if (length == 0 || address % page_size != 0 || length > SIZE_MAX - page_size) return false;
+  const size_t whole = whole_pages(length);
+  const auto found = std::ranges::find_if(mappings, [&](const mapping &m) { return m.holds(address, whole); });
+  if (found == mappings.end()) return false;
+  const mapping m = *found;
+  mappings.erase(found);
+  const size_t before = address - m.address;
+  const size_t after = m.length - before - whole;
+  if (before != 0) mappings.push_back({m.address, before, m.window, m.offset, m.prot});
+  if (after != 0)
+    mappings.push_back({address + whole, after, m.window, static_cast<uint32_t>(m.offset + before + whole), m.prot});
+  (void)sys::munmap(addr, whole);
+  return true;
+}
+
+}  // namespace sim
