@@ -56,7 +56,8 @@ void dump_log(int port) {
   const file_ptr log(fopen(ethtool_log, "r"));
   if (!log) return;
   line_buffer line;
-  while (fgets(line.data(), line.size(), log.get()) != nullptr) puts(line.data());
+  while (fgets(line.data(), line.size(), log.get()) != nullptr)
+    puts(line.data());
 }
 
 int32_t judge_log(int port) {

@@ -64,7 +64,8 @@ class line_offsets {
  public:
   explicit line_offsets(uint32_t words) {
     const uint32_t mask = words - 1;
-    for (uint32_t offset = 2; (offset & mask) != 0; offset *= 2) offsets_[count_++] = offset;
+    for (uint32_t offset = 2; (offset & mask) != 0; offset *= 2)
+      offsets_[count_++] = offset;
   }
   [[nodiscard]] std::span<const uint32_t> all() const { return {offsets_.data(), count_}; }
 
@@ -92,7 +93,8 @@ bool check_alias(uint32_t inst, std::span<const uint32_t> lines, uint32_t writte
 }
 
 bool check_lines(uint32_t inst, std::span<const uint32_t> lines) {
-  for (const uint32_t offset : lines) wr(inst, offset, pattern);
+  for (const uint32_t offset : lines)
+    wr(inst, offset, pattern);
   wr(inst, 0, antipattern);
   for (const uint32_t offset : lines) {
     if (check(inst, offset, pattern)) continue;
@@ -115,7 +117,8 @@ bool address_phase(uint32_t inst, uint32_t words) {
   const auto saved = malloc_array<uint16_t>(lines.size() + 1);
   if (!saved) return false;
   saved[0] = rd(inst, 0);
-  for (size_t i = 0; i < lines.size(); ++i) saved[i + 1] = rd(inst, lines[i]);
+  for (size_t i = 0; i < lines.size(); ++i)
+    saved[i + 1] = rd(inst, lines[i]);
   if (lines.empty()) {
     wr(inst, 0, antipattern);
     wr(inst, 0, pattern);
@@ -123,7 +126,8 @@ bool address_phase(uint32_t inst, uint32_t words) {
     return false;
   }
   wr(inst, 0, saved[0]);
-  for (size_t i = 0; i < lines.size(); ++i) wr(inst, lines[i], saved[i + 1]);
+  for (size_t i = 0; i < lines.size(); ++i)
+    wr(inst, lines[i], saved[i + 1]);
   return true;
 }
 
@@ -134,7 +138,8 @@ uint16_t counted(uint32_t offset) {
 
 // Fills the lower half of the region with a count, then with its inverse.
 bool pattern_phase(uint32_t inst, uint32_t words) {
-  for (uint32_t offset = 0; offset < words; offset += 2) wr(inst, offset, counted(offset));
+  for (uint32_t offset = 0; offset < words; offset += 2)
+    wr(inst, offset, counted(offset));
   for (uint32_t offset = 0; offset < words; offset += 2) {
     if (!check(inst, offset, counted(offset))) {
       printf("Failed above increment data pattern test for NVRAM %d\n", inst);
@@ -162,9 +167,11 @@ uint32_t test_instance(uint32_t inst) {
   if (words == 0) return 0;
   const auto saved = malloc_array<uint16_t>(words);
   if (!saved) return status_no_memory;
-  for (uint32_t i = 0; i < words; ++i) saved[i] = rd(inst, 2 * i);
+  for (uint32_t i = 0; i < words; ++i)
+    saved[i] = rd(inst, 2 * i);
   const bool passed = data_phase(inst) && address_phase(inst, words) && pattern_phase(inst, words);
-  for (uint32_t i = 0; i < words; ++i) wr(inst, 2 * i, saved[i]);
+  for (uint32_t i = 0; i < words; ++i)
+    wr(inst, 2 * i, saved[i]);
   return passed ? 0 : status_failed;
 }
 

@@ -60,7 +60,8 @@ constexpr list_t one_clear =
 
 uint32_t test_list(const char *label, uint32_t inst, uint16_t sector, const list_t &list, obfl_timeout_t timeout) {
   std::array<obfl_addr_t, words_max> addr;
-  for (uint32_t i = 0; i < words_max; ++i) addr[i] = at(sector, list.offset[i]);
+  for (uint32_t i = 0; i < words_max; ++i)
+    addr[i] = at(sector, list.offset[i]);
   return obfl_test(label, inst, words_max, addr.data(), list.data.data(), timeout);
 }
 

@@ -34,7 +34,8 @@ constexpr char plx8112[]              = "PLX8112 PCIe/PCIe bridge: PLX Technolog
 constexpr pci_dev_tbl_entry row(uint8_t bus, uint8_t dev, uint8_t func, uint32_t vendor, uint32_t device,
                                 const char *description) {
   pci_dev_tbl_entry entry{bus, dev, func, vendor, device, {}};
-  for (size_t i = 0; description[i] != '\0'; ++i) entry.description[i] = description[i];
+  for (size_t i = 0; description[i] != '\0'; ++i)
+    entry.description[i] = description[i];
   return entry;
 }
 

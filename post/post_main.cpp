@@ -55,7 +55,8 @@ void test_row(const PostTestEntry &row, post_run *run) {
 
   printf("  Executing %s: \n", row.name);
   fflush(stdout);
-  for (uint32_t device = row.first_device; device < row.end_device; ++device) test_device(row, device, run);
+  for (uint32_t device = row.first_device; device < row.end_device; ++device)
+    test_device(row, device, run);
   gettimeofday(&end, nullptr);
   printf("done (%d seconds)\n",
          static_cast<int>(static_cast<uint32_t>(end.tv_sec) - static_cast<uint32_t>(start.tv_sec)));
@@ -71,7 +72,8 @@ int main(int argc, char **argv) {
   printf("P(0x%llx) board\n", static_cast<unsigned long long>(dorvan_post_hw_change_bits_get()));
 
   post_run run;
-  for (const PostTestEntry &row : dorvan_post) test_row(row, &run);
+  for (const PostTestEntry &row : dorvan_post)
+    test_row(row, &run);
 
   printf("  Mod 1 1 Post %s\n", run.failed ? "Failed" : "Completed Successfully");
   puts("POST is completed");

@@ -87,7 +87,8 @@ TEST(exports, hold_every_function_and_table) {
   const std::set<std::string> symbols = exported();
   for (const char *line : names) {
     std::istringstream words(line);
-    for (std::string name; words >> name;) EXPECT_TRUE(symbols.contains(name)) << name;
+    for (std::string name; words >> name;)
+      EXPECT_TRUE(symbols.contains(name)) << name;
   }
 }
 

@@ -1,0 +1,83 @@
+#include "tests/support/run.h"
+
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <regex>
+#include <sstream>
+
+namespace {
+
+// Runs in the child: no allocation between fork and exec but what the arguments took before.
+[[noreturn]] void exec_into(const std::vector<char *> &argv, int out, int err) {
+  dup2(out, STDOUT_FILENO);
+  dup2(err, STDERR_FILENO);
+  execv(argv[0], argv.data());
+  _exit(127);
+}
+
+}  // namespace
+
+temp_dir::temp_dir() {
+  std::string name = (std::filesystem::temp_directory_path() / "post-test-XXXXXX").string();
+  path_ = mkdtemp(name.data());
+}
+
+temp_dir::~temp_dir() {
+  std::error_code ignored;
+  std::filesystem::remove_all(path_, ignored);
+}
+
+outcome run_program(const std::string &program, const std::vector<std::string> &args) {
+  const temp_dir dir;
+  const auto out_file = dir.path() / "out";
+  const auto err_file = dir.path() / "err";
+  std::vector<std::string> words{std::string(POST_BIN_DIR) + "/" + program};
+  words.insert(words.end(), args.begin(), args.end());
+  std::vector<char *> argv;
+  for (auto &word : words)
+    argv.push_back(word.data());
+  argv.push_back(nullptr);
+
+  const int out = open(out_file.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+  const int err = open(err_file.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
+  const pid_t child = fork();
+  if (child == 0) exec_into(argv, out, err);
+  close(out);
+  close(err);
+  int status = 0;
+  waitpid(child, &status, 0);
+
+  outcome result;
+  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  result.out = read_file(out_file);
+  result.err = read_file(err_file);
+  return result;
+}
+
+outcome run_board(const std::filesystem::path &state, const std::vector<std::string> &args) {
+  std::vector<std::string> all{"--state", state.string()};
+  all.insert(all.end(), args.begin(), args.end());
+  outcome result = run_program("board-sim", all);
+  result.records = read_file(state / "post" / "result");
+  return result;
+}
+
+std::string read_file(const std::filesystem::path &file) {
+  const std::ifstream in(file, std::ios::binary);
+  std::ostringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+std::string steady(std::string text) {
+  static const std::regex seconds(R"(done \(\d+ seconds\))");
+  static const std::regex mapped(R"(-->0x[0-9a-f]+)");
+  static const std::regex descriptor(R"(devmemfd:0x[0-9a-f]+)");
+  text = std::regex_replace(text, seconds, "done (N seconds)");
+  text = std::regex_replace(text, mapped, "-->0xADDR");
+  return std::regex_replace(text, descriptor, "devmemfd:0xN");
+}
