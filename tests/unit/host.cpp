@@ -13,14 +13,15 @@
 
 #include "platform/mfgd/cmn_lib/diag_util/diag_dbg.h"
 
-std::vector<hook_line> hook_log;
-
 namespace {
 
+std::vector<hook_line> *recording = nullptr;
+
 __attribute__((format(printf, 2, 0))) int print(int32_t level, const char *fmt, va_list args) {
+  if (recording == nullptr && level == DIAG_LVL_DEBUG) return 0;
   std::array<char, 4096> text{};
   const int length = vsnprintf(text.data(), text.size(), fmt, args);
-  hook_log.push_back({level, text.data()});
+  if (recording != nullptr) recording->push_back({level, text.data()});
   if (level == DIAG_LVL_DEBUG) return length;
   (void)fputs(text.data(), stdout);
   (void)fflush(stdout);
@@ -64,10 +65,12 @@ void PrintTo(const hook_line &line, std::ostream *os) {
 }
 
 std::vector<hook_line> hooks_of(const std::function<void()> &body, bool traces) {
-  hook_log.clear();
+  std::vector<hook_line> lines;
+  recording = &lines;
   body();
-  if (!traces) std::erase_if(hook_log, [](const hook_line &line) { return line.level == DIAG_LVL_DEBUG; });
-  return hook_log;
+  recording = nullptr;
+  if (!traces) std::erase_if(lines, [](const hook_line &line) { return line.level == DIAG_LVL_DEBUG; });
+  return lines;
 }
 
 outcome run_child(const std::function<void()> &body) {

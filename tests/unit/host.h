@@ -1,4 +1,4 @@
-// host.h: what the tests of the libraries need around them: output hooks that remember, and child processes.
+// host.h: what the tests of the libraries need around them: output hooks that are watched, and child processes.
 #pragma once
 
 #include <cstdint>
@@ -13,10 +13,8 @@ struct hook_line {
   bool operator==(const hook_line &) const = default;
 };
 
-// The calls since the list was last cleared, call traces included. What the hooks print also goes to standard output.
-extern std::vector<hook_line> hook_log;
-
-// Runs `body` and returns what the hooks were given, without call traces unless asked for.
+// Runs `body` and returns what the hooks were given, without call traces unless asked for. What they print also goes to
+// standard output.
 std::vector<hook_line> hooks_of(const std::function<void()> &body, bool traces = false);
 
 // Prints a hook call, for failing comparisons.
