@@ -201,8 +201,9 @@ std::optional<fault> fault_parse(std::string_view text, std::string *error) {
   for (const auto spec : split(row->parms, " "))
     specs.push_back(parm_of(spec));
 
-  fault f{row->name, {}};
+  fault f{row->name, {}, row->name};
   for (size_t i = 1; i < parts.size(); i++) {
+    f.text.append(" ").append(parts[i]);
     const auto wrong = parm_take(parts[i], specs, &f);
     if (!wrong.empty()) {
       *error = "fault " + quoted(row->name) + ": " + wrong;

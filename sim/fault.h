@@ -27,6 +27,7 @@ std::span<const fault_row> fault_table();
 struct fault {
   std::string name;
   std::map<std::string, uint64_t, std::less<>> parm;  // what was given, and the defaults of what was not
+  std::string text;                                   // as it was asked for
 
   // The value of a parameter; `otherwise` if it was left out and has no default.
   [[nodiscard]] uint64_t get(std::string_view key, uint64_t otherwise = 0) const;

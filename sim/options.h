@@ -31,8 +31,31 @@ struct options {
   [[nodiscard]] const fault *find(std::string_view name) const;
 };
 
-// Parses the command line of board-sim up to "--" (`args` without the program's name). On failure returns nothing
-// and says why in *error. The same text form, one argument a line, travels to the preloaded library in BOARD_SIM_ARGS.
+// What the command line asks of the launcher itself.
+enum class action { run, help, version, list_faults };
+
+struct command {
+  sim::action action = sim::action::run;
+  bool show_result = false;  // print the result records after the run
+  options opts;              // an empty state directory asks for a temporary one
+  std::string program;       // empty for the default program
+  std::vector<std::string> arguments;
+};
+
+// Parses a whole command line of board-sim, without the program's name. On failure returns nothing and says why in
+// *error: unknown option, missing or bad value, unknown fault.
+std::optional<command> command_parse(std::span<const std::string> args, std::string *error);
+
+// The same for options of the board alone.
 std::optional<options> options_parse(std::span<const std::string> args, std::string *error);
+
+// Options as arguments, one a line: how they travel to the preloaded library and to ethtool, in BOARD_SIM_ARGS.
+std::string options_format(const options &opts);
+std::optional<options> options_parse_lines(std::string_view lines, std::string *error);
+
+inline constexpr const char *options_variable = "BOARD_SIM_ARGS";
+
+// Text for --help: one paragraph an option.
+std::string options_help();
 
 }  // namespace sim

@@ -1,0 +1,95 @@
+// real.h: the operating system beneath the interposed entry points. The board's own code reaches files through these
+// alone, since it may not call what it stands in for.
+#pragma once
+
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdint>
+
+namespace sim {
+
+// Restores errno at the end of a scope.
+class keep_errno {
+ public:
+  keep_errno() = default;
+  keep_errno(const keep_errno &) = delete;
+  keep_errno &operator=(const keep_errno &) = delete;
+  ~keep_errno() { errno = m_errno; }
+
+ private:
+  int m_errno = errno;
+};
+
+// The plain system calls, with the C library's results: -1 and errno.
+namespace sys {
+
+inline int open(const char *path, int flags, mode_t mode = 0666) {
+  return static_cast<int>(::syscall(SYS_openat, AT_FDCWD, path, flags | O_LARGEFILE, mode));
+}
+inline int close(int fd) {
+  return static_cast<int>(::syscall(SYS_close, fd));
+}
+inline int unlink(const char *path) {
+  return static_cast<int>(::syscall(SYS_unlink, path));
+}
+inline int rmdir(const char *path) {
+  return static_cast<int>(::syscall(SYS_rmdir, path));
+}
+inline int mkdir(const char *path, mode_t mode) {
+  return static_cast<int>(::syscall(SYS_mkdir, path, mode));
+}
+inline int rename(const char *from, const char *to) {
+  return static_cast<int>(::syscall(SYS_rename, from, to));
+}
+inline int access(const char *path, int mode) {
+  return static_cast<int>(::syscall(SYS_access, path, mode));
+}
+inline int munmap(void *addr, size_t length) {
+  return static_cast<int>(::syscall(SYS_munmap, addr, length));
+}
+
+inline void *mmap(void *addr, size_t length, int prot, int flags, int fd, uint64_t offset) {
+#ifdef SYS_mmap2
+  const long at = ::syscall(SYS_mmap2, addr, length, prot, flags, fd, static_cast<unsigned long>(offset / 4096));
+#else
+  const long at = ::syscall(SYS_mmap, addr, length, prot, flags, fd, offset);
+#endif
+  return reinterpret_cast<void *>(at);
+}
+
+// Moves a descriptor that stays open out of the low numbers, which belong to the program. Returns -1 for -1.
+inline int keep(int fd) {
+  constexpr int first = 700;
+  if (fd < 0) return fd;
+  const int high = ::fcntl(fd, F_DUPFD_CLOEXEC, first);
+  if (high < 0) return fd;
+  (void)sys::close(fd);
+  return high;
+}
+
+}  // namespace sys
+
+// A descriptor that closes itself.
+class file {
+ public:
+  explicit file(int fd) : m_fd(fd) {}
+  file(const file &) = delete;
+  file &operator=(const file &) = delete;
+  ~file() {
+    const keep_errno kept;
+    if (m_fd >= 0) (void)sys::close(m_fd);
+  }
+  [[nodiscard]] int fd() const { return m_fd; }
+  [[nodiscard]] bool is_open() const { return m_fd >= 0; }
+
+ private:
+  int m_fd;
+};
+
+}  // namespace sim
