@@ -288,4 +288,9 @@ bool devmem_unmap(void *addr, size_t length) {
   return true;
 }
 
+int port_iopl(int level) {
+  if (level > 0) trap_install(bus);
+  return port_set_level(level);
+}
+
 }  // namespace sim
