@@ -171,6 +171,17 @@ bool unary(reader *r, uint8_t code, const modrm &m, insn *i) {
   return true;
 }
 
+// Opcodes C0, C1, D0 to D3: shifts and rotations by an immediate, by one, by cl.
+bool shift(reader *r, uint8_t code, const cpu_regs &regs, const modrm &m, insn *i) {
+  constexpr std::array ops{operation::rol, operation::ror, operation::mov, operation::mov,
+                           operation::shl, operation::shr, operation::shl, operation::sar};
+  if (ops[m.reg] == operation::mov) return false;  // rotations through the carry
+  operands(i, ops[m.reg], operand::memory, operand::immediate);
+  const uint64_t count = code < 0xD0 ? r->byte() : code < 0xD2 ? 1 : regs.gpr[1];
+  i->immediate = count & (i->width == 64 ? 0x3FU : 0x1FU);
+  return true;
+}
+
 // Opcodes after 0F: loads that extend, stores of a condition.
 bool two_bytes(reader *r, const cpu_regs &regs, insn *i, modrm *m) {
   const uint8_t code = r->byte();
@@ -214,21 +225,30 @@ void absolute(reader *r, uint8_t code, insn *i, modrm *m) {
   m->address = r->number(r->size == word_size::bits64 && !r->address32 ? 8 : 4);
 }
 
+bool is_shift(uint8_t code) {
+  return (code & 0xFEU) == 0xC0 || (code & 0xFCU) == 0xD0;
+}
+
+// The opcodes with a ModRM byte that one_byte takes apart.
+bool is_known(uint8_t code, word_size size) {
+  if (code < 0x40) return (code & 7U) < 4;
+  if (code == 0x63) return size == word_size::bits64;
+  if (code >= 0x80 && code <= 0x8B) return code != 0x82;
+  return (code & 0xFEU) == 0xC6 || (code & 0xF6U) == 0xF6 || is_shift(code);
+}
+
 bool one_byte(reader *r, uint8_t code, const cpu_regs &regs, insn *i, modrm *m) {
   i->width = (code & 1U) != 0 ? r->operand_width() : 8;
   if (code >= 0xA0 && code <= 0xA3) {
     absolute(r, code, i, m);
     return true;
   }
-  const bool extends = code == 0x63 && r->size == word_size::bits64;
-  const bool has_modrm = (code < 0x40 && (code & 7U) < 4) || extends ||
-                         (code >= 0x80 && code <= 0x8B && code != 0x82) || (code & 0xFEU) == 0xC6 ||
-                         (code & 0xF6U) == 0xF6;
-  if (!has_modrm || !modrm_read(r, regs, m)) return false;
+  if (!is_known(code, r->size) || !modrm_read(r, regs, m)) return false;
   if (code < 0x40) {
     arithmetic(*r, code, *m, i);
     return true;
   }
+  if (is_shift(code)) return shift(r, code, regs, *m, i);
   switch (code) {
     case 0x63:
       operands(i, operation::mov, operand::reg, operand::memory);
@@ -343,6 +363,49 @@ bool holds(unsigned condition, uint64_t flags) {
   return result != ((condition & 1U) != 0);
 }
 
+uint64_t flag_if(bool condition, uint64_t flag) {
+  return condition ? flag : 0;
+}
+
+// Rotations set carry and overflow alone. Overflow has a meaning only where the count is 1.
+uint64_t rotate(operation op, uint64_t a, unsigned count, unsigned width, uint64_t *flags) {
+  if (count == 0) return a;
+  const unsigned left = (op == operation::rol ? count : width - count % width) % width;
+  const uint64_t result = left == 0 ? a : (a << left | a >> (width - left)) & mask_of(width);
+  const bool top = (result >> (width - 1) & 1U) != 0;
+  const bool next = (result >> (width - 2) & 1U) != 0;
+  const bool carry = op == operation::rol ? (result & 1U) != 0 : top;
+  const bool overflow = op == operation::rol ? top != carry : top != next;
+  *flags = (*flags & ~(flag_carry | flag_overflow)) | flag_if(carry, flag_carry) | flag_if(overflow, flag_overflow);
+  return result;
+}
+
+// The last bit shifted out is the carry. Overflow as above; adjust has no meaning.
+uint64_t shift_bits(operation op, uint64_t a, unsigned count, unsigned width, uint64_t *flags) {
+  if (count == 0) return a;
+  const uint64_t extended = op == operation::sar ? sign_extend(a, width) : a;
+  const auto right = [&](unsigned n) {
+    const uint64_t filled = extended >> 63U != 0 && n != 0 ? ~(~uint64_t{0} >> n) : 0;
+    return extended >> n | (op == operation::sar ? filled : 0);
+  };
+  const bool top = (a >> (width - 1) & 1U) != 0;
+  uint64_t result = 0;
+  bool carry = false;
+  bool overflow = false;
+  if (op == operation::shl) {
+    result = a << count;
+    carry = count <= width && (a >> (width - count) & 1U) != 0;
+    overflow = ((result >> (width - 1) & 1U) != 0) != carry;
+  } else {
+    result = right(count);
+    carry = (right(count - 1) & 1U) != 0;
+    overflow = op == operation::shr && top;
+  }
+  *flags = (*flags & ~flags_arithmetic) | result_flags(result, width) | flag_if(carry, flag_carry) |
+           flag_if(overflow, flag_overflow);
+  return result;
+}
+
 // The arithmetic operations: `a` is the operand that also takes the result.
 uint64_t compute(operation op, uint64_t a, uint64_t b, unsigned width, uint64_t *flags) {
   const uint64_t carry = (*flags & flag_carry) != 0 ? 1 : 0;
@@ -382,6 +445,13 @@ uint64_t compute(operation op, uint64_t a, uint64_t b, unsigned width, uint64_t 
       kept |= flag_carry;
       changed &= ~flag_carry;
       break;
+    case operation::rol:
+    case operation::ror:
+      return rotate(op, a, static_cast<unsigned>(b), width, flags);
+    case operation::shl:
+    case operation::shr:
+    case operation::sar:
+      return shift_bits(op, a, static_cast<unsigned>(b), width, flags);
     case operation::not_:
       return ~a;
     case operation::set:

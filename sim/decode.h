@@ -18,7 +18,13 @@ struct cpu_regs {
 enum class word_size : uint8_t { bits32, bits64 };
 
 // The first eight stand in the order of their encoding.
-enum class operation : uint8_t { add, or_, adc, sbb, and_, sub, xor_, cmp, test, mov, xchg, not_, neg, inc, dec, set };
+enum class operation : uint8_t {
+  // clang-format off
+  add, or_, adc, sbb, and_, sub, xor_, cmp,
+  test, mov, xchg, not_, neg, inc, dec, set,
+  rol, ror, shl, shr, sar,
+  // clang-format on
+};
 
 enum class operand : uint8_t { none, memory, reg, immediate };
 

@@ -61,37 +61,50 @@ bool complain(const std::string &path, const char *what) {
   return false;
 }
 
-// A new device's contents: words that differ from place to place, so that nothing lost or mixed up goes unseen. In
-// the flash the records fill the first part of each sector; the rest is erased.
-void fill_new(std::span<uint8_t> bytes, size_t window) {
-  constexpr uint32_t records = 0x1000;
-  uint32_t state = 0x9E3779B9U * static_cast<uint32_t>(window + 1);
-  const bool is_flash = window == flash_window;
-  if (is_flash) memset(bytes.data(), 0xFF, bytes.size());
-  for (size_t base = 0; base < bytes.size(); base += is_flash ? flash_sector_bytes : bytes.size()) {
-    for (auto &byte : bytes.subspan(base, is_flash ? records : bytes.size())) {
+// A new device's contents: bytes that differ from place to place, so that nothing lost or mixed up goes unseen. In the
+// flash they fill the first part of each sector, as records do; the rest is erased.
+class new_contents {
+ public:
+  explicit new_contents(size_t window)
+      : piece(window == flash_window ? flash_sector_bytes : windows[window].length, 0xFF),
+        records(window == flash_window ? 0x1000 : piece.size()),
+        state(0x9E3779B9U * static_cast<uint32_t>(window + 1)) {}
+
+  // The next piece, of the same size each time. Small pieces are written much faster than one large one.
+  std::span<const uint8_t> next() {
+    for (auto &byte : std::span(piece).first(records)) {
       state = state * 1664525U + 1013904223U;
       byte = static_cast<uint8_t>(state >> 24U);
     }
+    return piece;
   }
+
+ private:
+  std::vector<uint8_t> piece;
+  size_t records;
+  uint32_t state;
+};
+
+bool write_all(int fd, std::span<const uint8_t> bytes) {
+  while (!bytes.empty()) {
+    const ssize_t done = write(fd, bytes.data(), bytes.size());
+    if (done <= 0) return false;
+    bytes = bytes.subspan(static_cast<size_t>(done));
+  }
+  return true;
 }
 
 // A file appears under its name when it is whole.
 bool create_contents(const std::string &path, size_t window) {
   const std::string unfinished = path + ".new";
-  std::vector<uint8_t> bytes(windows[window].length);
-  fill_new(bytes, window);
-  const int fd = sys::open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC);
-  if (fd < 0) return complain(path, strerror(errno));
-  size_t done = 0;
-  while (done < bytes.size()) {
-    const ssize_t now = write(fd, &bytes[done], bytes.size() - done);
-    if (now <= 0) break;
-    done += static_cast<size_t>(now);
+  const file made{sys::open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC)};
+  if (!made.is_open()) return complain(unfinished, strerror(errno));
+  new_contents contents(window);
+  for (size_t done = 0; done < windows[window].length;) {
+    const auto piece = contents.next();
+    if (!write_all(made.fd(), piece)) return complain(unfinished, strerror(errno));
+    done += piece.size();
   }
-  const int why = errno;
-  (void)sys::close(fd);
-  if (done < bytes.size()) return complain(unfinished, strerror(why));
   if (sys::rename(unfinished.c_str(), path.c_str()) != 0) return complain(path, strerror(errno));
   return true;
 }
@@ -273,6 +286,11 @@ bool devmem_unmap(void *addr, size_t length) {
     mappings.push_back({address + whole, after, m.window, static_cast<uint32_t>(m.offset + before + whole), m.prot});
   (void)sys::munmap(addr, whole);
   return true;
+}
+
+int port_iopl(int level) {
+  if (level > 0) trap_install(bus);
+  return port_set_level(level);
 }
 
 }  // namespace sim

@@ -54,7 +54,7 @@ void port_out(uint16_t port, unsigned width, uint32_t data) {
   latch = data;
 }
 
-int port_iopl(int wanted) {
+int port_set_level(int wanted) {
   if (wanted < 0 || wanted > 3) {
     errno = EINVAL;
     return -1;

@@ -14,6 +14,9 @@ inline constexpr uint32_t port_protect_bit = 1U << 27;
 // Sets the port to its initial value, with the process's privilege down.
 void port_start(const options &opts);
 
+// iopl(): 0, or -1 with errno set.
+int port_set_level(int level);
+
 // Whether the process has raised its I/O privilege to level 3.
 [[nodiscard]] bool port_allowed();
 
