@@ -18,13 +18,13 @@ extern "C" {
 struct smb_dev_t {
   char path[36];      // bus device path, NUL-padded
   uint32_t addr;      // 7-bit I2C address
-  uint32_t base;      // offset of the SPROM image within the device
-  uint32_t addr_len;  // bytes of the device's internal address; descriptive
-  uint32_t data_len;  // bytes of one data item; descriptive
+  uint32_t base;      // offset of the SPROM image within the device, bytes
+  uint32_t addr_len;  // bytes of the device's internal address; descriptive, not consulted
+  uint32_t data_len;  // bytes of one data item; descriptive, not consulted
   uint32_t flags;     // 0; not consulted
 };
 
-// Reads or writes `length` bytes at device offset `offset`. Negative on failure.
+// Reads `length` bytes from device offset `offset` to buf, or writes them. Negative on failure.
 typedef int32_t (*smb_rd_t)(const smb_dev_t *dev, uint32_t offset, uint32_t length, void *buf);
 typedef int32_t (*smb_wr_t)(const smb_dev_t *dev, uint32_t offset, uint32_t length, const void *buf);
 
@@ -38,12 +38,12 @@ struct smb_acc_t {
 // Write-protect hook. The library does not look at its result; a hook without a result of its own returns 0.
 typedef int32_t (*sprom_hook_t)(void);
 
-// One SPROM.
+// One SPROM. The descriptors are tables; only `valid` and what `buf` points to change at run time.
 struct sprom_t {
   const smb_acc_t *smb_acc;
-  sprom_hook_t we;   // lifts the hardware write protection; may be null
-  sprom_hook_t wd;   // restores it; may be null
-  const char *name;  // label
+  sprom_hook_t we;   // write enable: lifts the hardware write protection; may be null
+  sprom_hook_t wd;   // write disable: restores it; may be null
+  const char *name;  // label, such as "SUPERVISOR"
   uint32_t type;     // SPROM_TYPE_*
   uint32_t valid;    // 1 while buf holds the image in host order
   uint8_t *buf;      // image cache of at least the image size, or null

@@ -12,9 +12,9 @@ enum : uint32_t {
 
 // Device kinds, sse_req_t::dev_type.
 enum : uint32_t {
-  SSE_DEV_AT24C512 = 7,
-  SSE_DEV_PCA9539 = 15,
-  SSE_DEV_PCA8575 = 16,
+  SSE_DEV_AT24C512 = 7,  // EEPROM
+  SSE_DEV_PCA9539 = 15,  // I/O expander with registers
+  SSE_DEV_PCA8575 = 16,  // I/O expander without registers
 };
 
 // Transfer kinds, sse_req_t::xfer: the codes of the Linux SMBus transfer sizes.
@@ -36,11 +36,24 @@ struct sse_req_t {
   uint8_t flags;      // always 0
 };
 
-// Makes the transaction that *req describes.
+// Makes the I2C transaction that *req describes, with the device that sse_route named or else the one that the
+// identity (dev_type, unit, instance) stands for.
 //   op   SSE_OP_I2C_READ or SSE_OP_I2C_WRITE
-// Returns  >= 0  success
-//          <  0  failure, a negative errno value
+// A read of a PCA8575 sends no command byte, as the device has no registers. An EEPROM that does not answer may be busy
+// with its write cycle and is asked again for 10 ms before the call fails; nothing else is retried. Not for use by
+// several threads.
+// Returns  >= 0         success
+//          -EINVAL      unknown operation or transfer kind, no request, no data, command or address out of range
+//          -ENODEV      no device has this identity
+//          -EOPNOTSUPP  the bus adapter cannot make this transaction
+//          <  0         the bus device's error, a negative errno value; -ENXIO if the device does not answer
 [[nodiscard]] int32_t sse_call(uint32_t op, sse_req_t *req);
+
+// Names the device of the next sse_call, and of that one only, in place of its identity's. Only this system's own
+// service has this operation; a caller declares it weak and does without where it is missing.
+//   path  bus device, such as "/dev/i2c-1", at most 35 characters are copied; null goes back to the identity
+//   addr  7-bit I2C address
+void sse_route(const char *path, uint32_t addr);
 }
 
 static_assert(offsetof(sse_req_t, dev_type) == 4);
