@@ -32,13 +32,13 @@ const identity_t &identity_of(const smb_dev_t *dev) {
 
 int32_t transfer(const smb_dev_t *dev, uint32_t op, uint8_t cmd, uint32_t xfer, uint8_t *data) {
   const identity_t &identity = identity_of(dev);
-  sse_req_t req{};
-  req.unit = identity.unit;
-  req.dev_type = SSE_DEV_AT24C512;
-  req.instance = identity.instance;
-  req.cmd = cmd;
-  req.xfer = xfer;
-  req.data = data;
+  sse_req_t req{.unit = identity.unit,
+                .dev_type = SSE_DEV_AT24C512,
+                .instance = identity.instance,
+                .cmd = cmd,
+                .xfer = xfer,
+                .data = data,
+                .flags = 0};
   return sse_call_dev(dev, op, &req);
 }
 

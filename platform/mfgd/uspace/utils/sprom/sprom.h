@@ -13,6 +13,12 @@ enum : uint32_t {
   SPROM_TYPE_FAN = 6,   // fan; has a layout, but no image size
 };
 
+// Board families. Other numbers stand for none.
+enum : uint32_t {
+  SPROM_PLATFORM_PELLIN = 0,
+  SPROM_PLATFORM_TOSK = 2,
+};
+
 extern "C" {
 // One I2C device, EEPROM or I/O expander.
 struct smb_dev_t {

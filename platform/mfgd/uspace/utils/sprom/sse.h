@@ -43,7 +43,7 @@ struct sse_req_t {
 // with its write cycle and is asked again for 10 ms before the call fails; nothing else is retried. Not for use by
 // several threads.
 // Returns  >= 0         success
-//          -EINVAL      unknown operation or transfer kind, no request, no data, command or address out of range
+//          -EINVAL      unknown operation or transfer kind, no request, no data, command above 0xFF, bad sse_route
 //          -ENODEV      no device has this identity
 //          -EOPNOTSUPP  the bus adapter cannot make this transaction
 //          <  0         the bus device's error, a negative errno value; -ENXIO if the device does not answer
@@ -51,7 +51,7 @@ struct sse_req_t {
 
 // Names the device of the next sse_call, and of that one only, in place of its identity's. Only this system's own
 // service has this operation; a caller declares it weak and does without where it is missing.
-//   path  bus device, such as "/dev/i2c-1", at most 35 characters are copied; null goes back to the identity
+//   path  bus device, such as "/dev/i2c-1", 1 to 35 characters, copied; null goes back to the identity
 //   addr  7-bit I2C address
 void sse_route(const char *path, uint32_t addr);
 }

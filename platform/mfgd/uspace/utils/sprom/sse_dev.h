@@ -6,6 +6,7 @@
 
 #include <string.h>
 
+#include <span>
 #include <string_view>
 
 #include "platform/mfgd/uspace/utils/sprom/sprom.h"
@@ -13,9 +14,25 @@
 
 extern "C" [[gnu::weak]] void sse_route(const char *path, uint32_t addr);
 
+// An expander's identity within its device kind.
+struct sse_expander_t {
+  uint32_t addr;
+  const char *path;  // null for any
+  uint8_t instance;
+};
+
 // Whether the record's device path is exactly `path`.
-inline bool smb_path_is(const smb_dev_t *dev, std::string_view path) {
+[[nodiscard]] inline bool smb_path_is(const smb_dev_t *dev, std::string_view path) {
   return std::string_view{dev->path, strnlen(dev->path, sizeof dev->path)} == path;
+}
+
+// The first row that fits the record, or null if there is none.
+[[nodiscard]] inline const sse_expander_t *sse_find_expander(std::span<const sse_expander_t> rows,
+                                                             const smb_dev_t *dev) {
+  for (const sse_expander_t &row : rows) {
+    if (row.addr == dev->addr && (row.path == nullptr || smb_path_is(dev, row.path))) return &row;
+  }
+  return nullptr;
 }
 
 // Makes the transaction *req with the device *dev. Returns the service's result unchanged.

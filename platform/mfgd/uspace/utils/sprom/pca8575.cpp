@@ -1,0 +1,58 @@
+#include "platform/mfgd/uspace/utils/sprom/pca8575.h"
+
+#include <array>
+
+#include "platform/mfgd/uspace/utils/sprom/sse_dev.h"
+
+namespace {
+
+// clang-format off
+// First match wins; a null path stands for any.
+constexpr std::array<sse_expander_t, 6> expanders{{
+    // addr  path           instance
+    {0x26,   "/dev/i2c-4",  0},
+    {0x26,   "/dev/i2c-8",  1},
+    {0x26,   "/dev/i2c-24", 4},
+    {0x26,   nullptr,       3},
+    {0x27,   "/dev/i2c-8",  2},
+    {0x27,   nullptr,       5},
+}};
+// clang-format on
+
+}  // namespace
+
+extern "C" {
+
+int32_t pca8575_rd(const smb_dev_t *dev, uint32_t, uint32_t, void *buf) {
+  const sse_expander_t *expander = sse_find_expander(expanders, dev);
+  if (expander == nullptr) return -1;
+  std::array<uint8_t, 2> data{};
+  sse_req_t req{.unit = 0,
+                .dev_type = SSE_DEV_PCA8575,
+                .instance = expander->instance,
+                .cmd = 0,
+                .xfer = SSE_XFER_WORD_DATA,
+                .data = data.data(),
+                .flags = 0};
+  const int32_t result = sse_call_dev(dev, SSE_OP_I2C_READ, &req);
+  memcpy(buf, data.data(), data.size());
+  return result;
+}
+
+int32_t pca8575_wr(const smb_dev_t *dev, uint32_t, uint32_t, const void *buf) {
+  const sse_expander_t *expander = sse_find_expander(expanders, dev);
+  if (expander == nullptr) return -1;
+  std::array<uint8_t, 2> ports{};
+  memcpy(ports.data(), buf, ports.size());
+  // Without registers, the service's command byte is the byte for port 0.
+  sse_req_t req{.unit = 0,
+                .dev_type = SSE_DEV_PCA8575,
+                .instance = expander->instance,
+                .cmd = ports[0],
+                .xfer = SSE_XFER_BYTE_DATA,
+                .data = &ports[1],
+                .flags = 0};
+  return sse_call_dev(dev, SSE_OP_I2C_WRITE, &req);
+}
+
+}  // extern "C"

@@ -1,0 +1,42 @@
+// sprom_tosk.h: the SPROMs of the `tosk` board family: descriptors, probe and write protection.
+#pragma once
+
+#include "platform/mfgd/uspace/utils/sprom/sprom.h"
+
+extern "C" {
+extern const smb_dev_t tosk_bp_dev;  // device of the backplane SPROM
+
+// The power supplies and DIMMs have no write protection. The DIMM descriptors share one cache, and are reached through
+// their table only.
+extern sprom_t tosk_sprom_bp;
+extern sprom_t tosk_sprom_sup;
+extern sprom_t tosk_sprom_lc[1];    // module "LC 2"; no cache
+extern sprom_t tosk_sprom_ps[2];    // "PS1", "PS2"
+extern sprom_t tosk_sprom_dimm[2];  // "DIMM0", "DIMM1"
+
+// The descriptor at an SPROM address, or null if there is none. Slot 0 is the chassis, slot 1 the supervisor's own;
+// in the module slot 2 any index does.
+[[nodiscard]] sprom_t *sprom_init_tosk(uint32_t slot, uint32_t index);
+
+// Store the address of the family's supervisor, backplane or chassis SPROM. Return 0.
+int32_t sprom_get_slot_sup_tosk(uint32_t *slot, uint32_t *index);
+int32_t sprom_get_slot_bp_tosk(uint32_t *slot, uint32_t *index);
+int32_t sprom_get_slot_chassis_tosk(uint32_t *slot, uint32_t *index);
+
+// Tells whether the board belongs to the family: by its identification straps or, where these do not say so, by the
+// card index in the supervisor's SPROM, which is read (once, into the descriptor's cache) and verified for it. Returns
+// 2        it does
+//          -EINVAL  it does not, or the supervisor image is bad; the verifier's lines are printed
+//          <  0     a device's negative result
+[[nodiscard]] int32_t sprom_platform_probe_tosk(void);
+
+// Write protection of the supervisor's and the backplane's SPROM: bit 27 of I/O port 0x50C, 1 protects. Needs the right
+// to raise the I/O privilege level, without which nothing is done; the level is dropped to 0 afterwards. Return 0.
+int32_t sprom_we_tosk(void);
+int32_t sprom_wd_tosk(void);
+
+// Write protection of the module in slot 2: a pin of an I/O expander, high protects; we makes the pin an output if it
+// is an input. Return the last expander result; the first negative one ends the hook.
+int32_t velto_quellrim_gem_sprom_we(void);
+int32_t velto_quellrim_gem_sprom_wd(void);
+}
