@@ -1,0 +1,85 @@
+// sprom_image.h: valid SPROM images made from nothing.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstdint>
+#include <initializer_list>
+#include <vector>
+
+// Block starts, signatures and lengths of an image kind, kept apart from the library's own tables.
+struct test_block {
+  uint32_t offset;
+  uint16_t signature;
+  uint32_t length;
+  const char *label;
+};
+// clang-format off
+inline const std::array<std::vector<test_block>, 7> test_blocks{{
+    {},
+    {{0, 0xABAB, 160, "Supervisor Common Header"},   {160, 0x6002, 103, "Supervisor Main"},
+     {263, 0x6008, 71, "Supervisor Extra Sensor"}},
+    {{0, 0xABAB, 160, "Backplane Common Header"},    {160, 0x6001,  39, "Backplane Main"},
+     {199, 0x6005, 256, "Backplane WWN"},            {455, 0x6006,  16, "Backplane License"}},
+    {{0, 0xABAB, 160, "Line card Common Header"},    {160, 0x6003, 103, "Line card Main"}},
+    {{0, 0xABAB, 160, "Power Supply Common Header"}, {160, 0xAB01,  36, "Power Supply Main"}},
+    {},
+    {{0, 0xABAB, 160, "Fan Common Header"},          {160, 0xAB04,  32, "Fan Main"}},
+}};
+// clang-format on
+
+// Puts the checksums right, in an image in device order.
+inline void seal_image(std::vector<uint8_t> *image, uint32_t type) {
+  for (const test_block &block : test_blocks.at(type)) {
+    uint8_t *start = image->data() + block.offset;
+    uint32_t sum = 0;
+    for (uint32_t i = 0; i < block.length; ++i)
+      sum += i == 4 || i == 5 ? 0U : start[i];
+    start[4] = static_cast<uint8_t>(sum >> 8);
+    start[5] = static_cast<uint8_t>(sum);
+  }
+}
+
+// A valid image in device order, every byte of it different from its neighbours; a supervisor or line card has the
+// card index given.
+inline std::vector<uint8_t> device_image(uint32_t type, uint16_t card_index = 0x2AFB) {
+  const test_block &last = test_blocks.at(type).back();
+  std::vector<uint8_t> image(last.offset + last.length);
+  for (size_t i = 0; i < image.size(); ++i)
+    image[i] = static_cast<uint8_t>(i * 7 + 3);
+  image[182] = static_cast<uint8_t>(card_index >> 8);
+  image[183] = static_cast<uint8_t>(card_index);
+  for (const test_block &block : test_blocks.at(type)) {
+    image[block.offset] = static_cast<uint8_t>(block.signature >> 8);
+    image[block.offset + 1] = static_cast<uint8_t>(block.signature);
+    image[block.offset + 3] = static_cast<uint8_t>(block.length);
+  }
+  seal_image(&image, type);
+  return image;
+}
+
+// Exchanges the bytes of each number, from flat lists of where they stand.
+inline std::vector<uint8_t> host_image(std::vector<uint8_t> image, uint32_t type) {
+  static const std::vector<uint32_t> common{0,   4,   6,   8,   10,  12,  114, 116, 118, 120, 122,
+                                            124, 126, 128, 130, 132, 134, 136, 138, 160, 164};
+  static const std::array<std::vector<uint32_t>, 7> halves{{{},
+                                                            {182, 190, 240, 258, 260, 263, 267},
+                                                            {182, 190, 192, 194, 196, 199, 203, 455, 459},
+                                                            {182, 190, 240, 258, 260},
+                                                            {174, 176, 178},
+                                                            {},
+                                                            {182, 184}}};
+  static const std::array<std::vector<uint32_t>, 7> wides{
+      {{}, {166, 174}, {166, 174}, {166, 174}, {166}, {}, {166, 174}}};
+  for (const uint32_t at : common)
+    std::swap(image[at], image[at + 1]);
+  for (const uint32_t at : halves.at(type))
+    std::swap(image[at], image[at + 1]);
+  for (const uint32_t at : wides.at(type))
+    std::reverse(&image[at], &image[at] + 8);
+  return image;
+}
+
+inline std::vector<uint8_t> host_image(uint32_t type) {
+  return host_image(device_image(type), type);
+}
