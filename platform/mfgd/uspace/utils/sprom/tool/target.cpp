@@ -132,7 +132,7 @@ bool is_file_written(const target_t &target, const image_t &image) {
   return error == 0;
 }
 
-bool is_read_back(const target_t &target, const image_t &before, const image_t &image) {
+bool is_read_back(const target_t &target, const image_t &before, const image_t &image, bool is_written) {
   image_t now;
   const bool is_read = target.entry ? read_sprom(target, now) : load_image(target.name, target.kind, now) != nullptr;
   if (!is_read) {
@@ -143,7 +143,8 @@ bool is_read_back(const target_t &target, const image_t &before, const image_t &
   if (count == 0) return true;
   complain("%s: reads back with %zu of %zu bytes different from the image, the first at byte %zu", target.name.c_str(),
            count, image.size(), first);
-  if (now == before) complain("%s: nothing has changed; it may be write-protected", target.name.c_str());
+  const char *reason = is_written ? "; it may be write-protected" : "";
+  if (now == before) complain("%s: nothing has changed%s", target.name.c_str(), reason);
   return false;
 }
 
@@ -181,7 +182,7 @@ bool read_target(const target_t &target, image_t &image) {
 bool write_target(const target_t &target, const image_t &before, const image_t &image) {
   if (!target.entry && !is_file_written(target, image)) return false;
   const bool is_written = !target.entry || is_sprom_written(target, image);
-  if (!is_read_back(target, before, image)) return false;
+  if (!is_read_back(target, before, image, is_written)) return false;
   if (!is_written) complain("%s: it reads back as the image, although the write failed", target.name.c_str());
   return is_written;
 }
