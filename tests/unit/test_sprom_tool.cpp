@@ -131,7 +131,7 @@ TEST_F(sprom_tool, round_trips_every_byte_through_show_and_make) {
 
 TEST_F(sprom_tool, shows_fields_and_verdicts) {
   bytes image =
-      patched(zero_image(tool_kinds[3]), SPROM_TYPE_PS, 34, {'P', 'S', ' ', 0x1B, '\\', '"', 0xE9, ' ', 0xFF});
+      patched(zero_image(tool_kinds[3]), SPROM_TYPE_PS, 34, {'P', 'S', 0x7F, '~', 0x1B, '\\', '"', 0xE9, ' ', 0xFF});
   image = patched(image, SPROM_TYPE_PS, 166, {1, 2, 3, 4, 5, 6, 7, 8, 9, 10});
   image = patched(image, SPROM_TYPE_PS, 14, {0xDE, 0xAD});
   image[162] = 9;
@@ -154,7 +154,7 @@ Power Supply Common Header, 160 bytes at offset 0: good
   num_12            0x0000
   bytes_14          de ad 00 00 00 00 00 00 00 00 00 00 00 00 00 00
                     00 00 00 00
-  product_id        PS \x1b\\"\xe9
+  product_id        PS\x7f~\x1b\\"\xe9
   serial_number
   bytes_74          00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00
                     00 00 00 00 00 00 00 00 00 00 00 00 00 00 00 00
@@ -200,7 +200,7 @@ Power Supply Main, 36 bytes at offset 160: BAD
                 R"("common_checksum":")" +
                 hex16(image, 4) +
                 R"(","num_6":"0x0000","num_8":"0x0000","num_10":"0x0000","num_12":"0x0000",)"
-                R"("bytes_14":"dead000000000000000000000000000000000000","product_id":"PS \u001b\\\"\u00e9",)"
+                R"("bytes_14":"dead000000000000000000000000000000000000","product_id":"PS\u007f~\u001b\\\"\u00e9",)"
                 R"("serial_number":"","bytes_74":")" +
                 zeros80 +
                 R"(","num_114":"0x0000","num_116":"0x0000","num_118":"0x0000","num_120":"0x0000","num_122":"0x0000",)"

@@ -372,6 +372,13 @@ TEST_F(sprom_tool_dev, never_claims_a_write_that_did_not_arrive) {
   }
 }
 
+TEST_F(sprom_tool_dev, tells_the_address_of_a_stopped_write_within_the_eeprom) {
+  save(path("bp"), zero_image(tool_kinds[1]));
+  surroundings.env["SSE_PULL"] = "470";
+  EXPECT_THAT(dorvan({"write", "-y", path("bp")}).err,
+              StartsWith("sprom: BACKPLANE: write stopped at byte 470 of 471 (EEPROM offset 0x11d6): "));
+}
+
 TEST_F(sprom_tool_dev, reads_back_what_the_chip_ignored) {
   const bytes image = device_image(SPROM_TYPE_SUP, 11080);
   save(path("sup"), image);

@@ -99,7 +99,7 @@ int32_t write_sprom(sprom_t &sprom, const image_t &image) {
   copy.smb_acc = &watched;
   show_progress();
   const int32_t result = diag_sprom_wr(&copy, 0, progress.size, image.data());
-  sprom.valid = 0;
+  sprom.valid = 0;  // a cached image is an old one now, however far the write came
   if (progress.is_shown) (void)fputc('\n', stderr);
   return result;
 }
