@@ -53,7 +53,7 @@ verdict verify(const std::vector<uint8_t> &image, uint32_t type) {
 }
 
 unsigned half(const std::vector<uint8_t> &image, size_t at) {
-  return image[at] | image[at + 1] << 8;
+  return image[at] + 256U * image[at + 1];
 }
 
 TEST(sprom_conv, exchanges_the_bytes_of_every_number_and_no_others) {

@@ -55,3 +55,6 @@ struct sprom_t {
   uint8_t *buf;      // image cache of at least the image size, or null
 };
 }
+
+static_assert(sizeof(smb_dev_t) == 56);
+static_assert(sizeof(void *) != 4 || (sizeof(smb_acc_t) == 12 && sizeof(sprom_t) == 28));
