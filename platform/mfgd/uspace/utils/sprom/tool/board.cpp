@@ -1,0 +1,169 @@
+#include "platform/mfgd/uspace/utils/sprom/tool/board.h"
+
+#include <ctype.h>
+#include <fcntl.h>
+#include <stddef.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <charconv>
+
+#include "platform/mfgd/uspace/utils/sprom/sprom_api.h"
+#include "platform/mfgd/uspace/utils/sprom/sprom_dorvan.h"
+#include "platform/mfgd/uspace/utils/sprom/sprom_pellin.h"
+#include "platform/mfgd/uspace/utils/sprom/sprom_tosk.h"
+#include "platform/mfgd/uspace/utils/sprom/tool/output.h"
+
+namespace tool {
+
+namespace {
+
+// A SPROM's address; without an index every index of the slot denotes it.
+struct place_t {
+  uint32_t slot;
+  std::optional<uint32_t> index;
+};
+
+}  // namespace
+
+struct family_t {
+  const char *name;
+  sprom_t *(*init)(uint32_t slot, uint32_t index);
+  std::span<const place_t> places;
+  std::span<sprom_t> dimms;
+  std::optional<int32_t> platform;  // as sprom_get_platform tells it
+};
+
+namespace {
+
+// clang-format off
+constexpr std::array<place_t, 2> dorvan_places{{{0, 0}, {1, 1}}};
+constexpr std::array<place_t, 7> pellin_places{{{0, 0}, {0, 1}, {0, 2}, {1, 1}, {1, 2}, {2, {}}, {3, {}}}};
+constexpr std::array<place_t, 5> tosk_places  {{{0, 0}, {0, 1}, {0, 2}, {1, 1}, {2, {}}}};
+// clang-format on
+
+sprom_t *init_dorvan(uint32_t slot, uint32_t index) {
+  constexpr uint32_t any_platform = 0;
+  return sprom_init_dorvan(any_platform, slot, index);
+}
+sprom_t *init_pellin(uint32_t slot, uint32_t index) {
+  return sprom_init(SPROM_PLATFORM_PELLIN, slot, index);
+}
+sprom_t *init_tosk(uint32_t slot, uint32_t index) {
+  return sprom_init(SPROM_PLATFORM_TOSK, slot, index);
+}
+
+// clang-format off
+const std::array<family_t, 3> families{{
+    // name     init         places         DIMMs              platform
+    {"dorvan", init_dorvan, dorvan_places, {},                std::nullopt},
+    {"pellin", init_pellin, pellin_places, pellin_sprom_dimm, SPROM_PLATFORM_PELLIN},
+    {"tosk",   init_tosk,   tosk_places,   tosk_sprom_dimm,   SPROM_PLATFORM_TOSK},
+}};
+// clang-format on
+
+// Request of the SPROM kernel driver.
+struct sprom_ioctl_req {
+  uint32_t m_word0 = 3;
+  uint8_t m_byte4 = 0;
+  uint8_t m_byte5 = 0;
+  uint16_t m_half6 = 0;
+  uint16_t m_half8 = 4;
+  uint8_t m_byte10 = 0;
+  uint8_t m_byte11 = 0;
+  uint16_t *m_answer;
+  uint32_t m_word16 = 0;
+};
+static_assert(sizeof(void *) != 4 || sizeof(sprom_ioctl_req) == 20);
+
+constexpr unsigned long ioc_get_card_index = 0x80044314;
+
+// The supervisor cards of the dorvan boards.
+constexpr std::array<uint16_t, 7> dorvan_cards{11061, 11062, 11079, 11080, 11096, 11099, 11111};
+
+bool is_dorvan() {
+  const int fd = open("/dev/sprom", O_RDWR | O_CLOEXEC);
+  if (fd < 0) return false;
+  uint16_t card_index = 0xFFFF;  // stays if the driver refuses
+  const sprom_ioctl_req req{.m_answer = &card_index};
+  (void)ioctl(fd, ioc_get_card_index, &req);
+  (void)close(fd);
+  return std::ranges::find(dorvan_cards, card_index) != dorvan_cards.end();
+}
+
+bool same_name(std::string_view a, std::string_view b) {
+  const auto folded = [](std::string_view text) {
+    std::string result;
+    for (const char c : text) {
+      if (c != ' ') result += static_cast<char>(tolower(static_cast<unsigned char>(c)));
+    }
+    return result;
+  };
+  return folded(a) == folded(b);
+}
+
+// "SLOT,INDEX", both decimal.
+std::optional<std::pair<uint32_t, uint32_t>> parse_place(std::string_view text) {
+  const char *const end = text.data() + text.size();
+  uint32_t slot = 0;
+  uint32_t index = 0;
+  const auto first = std::from_chars(text.data(), end, slot);
+  if (first.ec != std::errc{} || first.ptr == end || *first.ptr != ',') return std::nullopt;
+  const auto second = std::from_chars(first.ptr + 1, end, index);
+  if (second.ec != std::errc{} || second.ptr != end) return std::nullopt;
+  return std::pair{slot, index};
+}
+
+}  // namespace
+
+const family_t *family_by_name(std::string_view name) {
+  const auto *family = std::ranges::find_if(families, [=](const family_t &f) { return same_name(name, f.name); });
+  return family == families.end() ? nullptr : family;
+}
+
+const family_t *detect_family(std::string &report) {
+  if (is_dorvan()) return family_by_name("dorvan");
+  int32_t platform = 0;
+  report = captured([&] { platform = sprom_get_platform(); });
+  const auto *family = std::ranges::find(families, std::optional{platform}, &family_t::platform);
+  return family == families.end() ? nullptr : family;
+}
+
+const char *family_name(const family_t &family) {
+  return family.name;
+}
+
+std::string family_names(std::string_view separator) {
+  std::string names;
+  for (const family_t &family : families) {
+    if (!names.empty()) names += separator;
+    names += family.name;
+  }
+  return names;
+}
+
+std::vector<entry_t> family_sproms(const family_t &family) {
+  std::vector<entry_t> entries;
+  for (const place_t &place : family.places) {
+    entries.push_back({family.init(place.slot, place.index.value_or(0)), place.slot, place.index});
+  }
+  for (sprom_t &dimm : family.dimms)
+    entries.push_back({&dimm, std::nullopt, std::nullopt});
+  return entries;
+}
+
+std::optional<entry_t> find_sprom(const family_t &family, std::string_view name) {
+  if (const auto place = parse_place(name)) {
+    sprom_t *sprom = family.init(place->first, place->second);
+    if (sprom == nullptr) return std::nullopt;
+    return entry_t{sprom, place->first, place->second};
+  }
+  for (const entry_t &entry : family_sproms(family)) {
+    if (same_name(name, entry.sprom->name)) return entry;
+  }
+  return std::nullopt;
+}
+
+}  // namespace tool

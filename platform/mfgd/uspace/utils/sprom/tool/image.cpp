@@ -1,0 +1,106 @@
+#include "platform/mfgd/uspace/utils/sprom/tool/image.h"
+
+#include <algorithm>
+
+#include "platform/mfgd/cmn_lib/diag_util/diag_assert.h"
+#include "platform/mfgd/uspace/utils/sprom/sprom_conv.h"
+#include "platform/mfgd/uspace/utils/sprom/sprom_verify.h"
+#include "platform/mfgd/uspace/utils/sprom/tool/output.h"
+
+namespace tool {
+namespace {
+
+// A descriptor of which the library reads the kind alone.
+sprom_t of_kind(const kind_t &kind) {
+  sprom_t sprom{};
+  sprom.type = kind.type;
+  return sprom;
+}
+
+image_t in_host_order(const kind_t &kind, std::span<const uint8_t> image) {
+  const sprom_t sprom = of_kind(kind);
+  image_t host{image.begin(), image.end()};
+  assert(host.size() == kind.size);
+  const int32_t result = sprom_ntoh(&sprom, host.data());
+  assert(result == 0);
+  return host;
+}
+
+void put_u16(uint32_t value, std::span<uint8_t> out) {
+  out[0] = static_cast<uint8_t>(value >> 8);
+  out[1] = static_cast<uint8_t>(value);
+}
+
+constexpr size_t short_bytes = 8;  // up to here a run of bytes is shown in full
+
+}  // namespace
+
+verdict_t verify_image(const kind_t &kind, std::span<const uint8_t> image) {
+  const sprom_t sprom = of_kind(kind);
+  const image_t host = in_host_order(kind, image);
+  verdict_t verdict{};
+  verdict.lines = captured([&] { verdict.is_good = sprom_verify(&sprom, host.data()) == 0; });
+  return verdict;
+}
+
+verdict_t verify_block(const kind_t &kind, const sprom_block_t &block, std::span<const uint8_t> image) {
+  const image_t host = in_host_order(kind, image);
+  verdict_t verdict{};
+  verdict.lines = captured([&] {
+    const uint8_t *start = host.data() + block.offset;
+    verdict.is_good = sprom_verify_block(start, block.label, block.signature, block.length) == 0;
+  });
+  return verdict;
+}
+
+image_t new_image(const kind_t &kind) {
+  image_t image(kind.size);
+  for (const sprom_block_t &block : kind.blocks()) {
+    const auto header = std::span{image}.subspan(block.offset, 6);
+    put_u16(block.signature, header.subspan(SPROM_BLK_SIGNATURE));
+    header[SPROM_BLK_VERSION] = block.version;
+    header[SPROM_BLK_LENGTH] = static_cast<uint8_t>(block.length);  // 256 is stored as 0
+    update_checksum(block, image);
+  }
+  return image;
+}
+
+void update_checksum(const sprom_block_t &block, std::span<uint8_t> image) {
+  const auto bytes = image.subspan(block.offset, block.length);
+  put_u16(diag_sprom_compute_xsum(bytes.data(), block.length), bytes.subspan(SPROM_BLK_CHECKSUM));
+}
+
+std::vector<std::string> changes(const kind_t &kind, std::span<const uint8_t> from, std::span<const uint8_t> to) {
+  std::vector<std::string> lines;
+  for (const field_t &field : kind.fields) {
+    const auto [count, first] = difference(field_bytes(field, from), field_bytes(field, to));
+    if (count == 0) continue;
+    std::string line{field.name};
+    line.resize(std::max<size_t>(line.size() + 1, 18), ' ');
+    const std::string before = value_of(field, from);
+    const std::string after = value_of(field, to);
+    // Long runs, and texts that differ in their padding alone, are told by position.
+    if (before == after || (field.type == field_type::bytes && field.width > short_bytes)) {
+      line += std::to_string(count) + " of " + std::to_string(field.width) + " bytes differ, the first at offset " +
+              std::to_string(field.offset + first);
+    } else if (field.type == field_type::text) {
+      line += '"' + before + "\" -> \"" + after + '"';
+    } else {
+      line += before + " -> " + after;
+    }
+    lines.push_back(std::move(line));
+  }
+  return lines;
+}
+
+difference_t difference(std::span<const uint8_t> from, std::span<const uint8_t> to) {
+  difference_t result{0, 0};
+  for (size_t i = from.size(); i-- > 0;) {
+    if (from[i] == to[i]) continue;
+    ++result.count;
+    result.first = i;
+  }
+  return result;
+}
+
+}  // namespace tool

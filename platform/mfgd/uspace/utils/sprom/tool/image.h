@@ -1,0 +1,43 @@
+// image.h: SPROM images as they stand on the chip, numbers big-endian.
+#pragma once
+
+#include <stdint.h>
+
+#include <span>
+#include <string>
+#include <vector>
+
+#include "platform/mfgd/uspace/utils/sprom/tool/fields.h"
+
+namespace tool {
+
+using image_t = std::vector<uint8_t>;
+
+struct verdict_t {
+  bool is_good;
+  std::string lines;  // the library's lines
+};
+
+// Checks a whole image of its kind's size.
+verdict_t verify_image(const kind_t &kind, std::span<const uint8_t> image);
+
+// Checks one block of such an image.
+verdict_t verify_block(const kind_t &kind, const sprom_block_t &block, std::span<const uint8_t> image);
+
+// A valid image whose fields are zero.
+image_t new_image(const kind_t &kind);
+
+// Puts the checksum that fits a block's bytes into its header.
+void update_checksum(const sprom_block_t &block, std::span<uint8_t> image);
+
+// What tells one image from another, one line a field. Both have the kind's size.
+std::vector<std::string> changes(const kind_t &kind, std::span<const uint8_t> from, std::span<const uint8_t> to);
+
+// How many bytes differ, and where the first one stands.
+struct difference_t {
+  size_t count;
+  size_t first;
+};
+difference_t difference(std::span<const uint8_t> from, std::span<const uint8_t> to);
+
+}  // namespace tool

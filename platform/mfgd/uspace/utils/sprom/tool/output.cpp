@@ -1,0 +1,168 @@
+#include "platform/mfgd/uspace/utils/sprom/tool/output.h"
+
+#include <errno.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <array>
+
+namespace tool {
+namespace {
+
+void complain_list(const char *fmt, va_list args) __attribute__((format(printf, 1, 0)));
+
+void complain_list(const char *fmt, va_list args) {
+  (void)fflush(stdout);  // the order of both streams is that of the events
+  (void)fputs("sprom: ", stderr);
+  (void)vfprintf(stderr, fmt, args);
+  (void)fputc('\n', stderr);
+}
+
+// The bytes of the UTF-8 character at the front of `text`; 0 if there is none.
+size_t utf8_length(std::string_view text) {
+  const auto lead = static_cast<uint8_t>(text.front());
+  const size_t length = lead < 0x80                   ? 1
+                        : lead >= 0xC2 && lead < 0xE0 ? 2
+                        : lead >= 0xE0 && lead < 0xF0 ? 3
+                        : lead >= 0xF0 && lead < 0xF5 ? 4
+                                                      : 0;
+  if (length == 0 || text.size() < length) return 0;
+  for (const char c : text.substr(1, length - 1)) {
+    if ((static_cast<uint8_t>(c) & 0xC0) != 0x80) return 0;
+  }
+  const auto second = length > 2 ? static_cast<uint8_t>(text[1]) : uint8_t{0x80};
+  const bool is_overlong = (lead == 0xE0 && second < 0xA0) || (lead == 0xF0 && second < 0x90);
+  const bool is_no_character = (lead == 0xED && second >= 0xA0) || (lead == 0xF4 && second >= 0x90);
+  return is_overlong || is_no_character ? 0 : length;
+}
+
+bool is_utf8(std::string_view text) {
+  while (!text.empty()) {
+    const size_t length = utf8_length(text);
+    if (length == 0) return false;
+    text.remove_prefix(length);
+  }
+  return true;
+}
+
+}  // namespace
+
+void complain(const char *fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  complain_list(fmt, args);
+  va_end(args);
+}
+
+exit_code complain_usage(const char *fmt, ...) {
+  va_list args;
+  va_start(args, fmt);
+  complain_list(fmt, args);
+  va_end(args);
+  (void)fputs("Try 'sprom --help' for more information.\n", stderr);
+  return EXIT_USAGE;
+}
+
+const char *result_text(int32_t result) {
+  return strerror(-result);
+}
+
+std::vector<std::string_view> lines_of(std::string_view text) {
+  std::vector<std::string_view> lines;
+  while (!text.empty()) {
+    const size_t end = text.find('\n');
+    lines.push_back(text.substr(0, end));
+    text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
+  }
+  return lines;
+}
+
+// stdout is an ordinary variable of the C library.
+capture_t::capture_t() : m_stdout(stdout), m_stream(open_memstream(&m_text, &m_size)) {
+  if (m_stream != nullptr) stdout = m_stream;
+}
+
+capture_t::~capture_t() {
+  restore();
+  free(m_text);
+}
+
+std::string capture_t::take() {
+  restore();
+  return m_text == nullptr ? std::string{} : std::string{m_text, m_size};
+}
+
+void capture_t::restore() {
+  stdout = m_stdout;
+  if (m_stream != nullptr) (void)fclose(m_stream);  // memory only; m_text and m_size are set now
+  m_stream = nullptr;
+}
+
+void json_t::begin(char bracket) {
+  value({&bracket, 1});
+  m_closing += bracket == '{' ? '}' : ']';
+  m_is_first = true;
+}
+
+void json_t::end() {
+  m_out += m_closing.back();
+  m_closing.pop_back();
+  m_is_first = false;
+}
+
+void json_t::key(std::string_view name) {
+  if (!m_is_first) m_out += ',';
+  quoted(name);
+  m_out += ':';
+  m_is_first = true;
+}
+
+void json_t::text(std::string_view text) {
+  value("");
+  quoted(text);
+}
+
+void json_t::file_name(std::string_view name) {
+  value("");
+  quoted(name, is_utf8(name));
+}
+
+void json_t::number(uint64_t number) {
+  value(std::to_string(number));
+}
+
+void json_t::boolean(bool flag) {
+  value(flag ? "true" : "false");
+}
+
+void json_t::null() {
+  value("null");
+}
+
+void json_t::value(std::string_view literal) {
+  if (!m_is_first) m_out += ',';
+  m_out += literal;
+  m_is_first = false;
+}
+
+void json_t::quoted(std::string_view text, bool keep_high) {
+  m_out += '"';
+  for (const char c : text) {
+    const auto byte = static_cast<uint8_t>(c);
+    if (c == '"' || c == '\\') {
+      m_out += '\\';
+      m_out += c;
+    } else if ((byte >= 0x20 && byte < 0x7F) || (keep_high && byte >= 0x80)) {
+      m_out += c;
+    } else {
+      std::array<char, 7> escape;
+      (void)snprintf(escape.data(), escape.size(), "\\u%04x", byte);  // six characters, always
+      m_out += escape.data();
+    }
+  }
+  m_out += '"';
+}
+
+}  // namespace tool
