@@ -25,6 +25,8 @@ function(post_test name)
   target_include_directories(${name} PRIVATE "${CMAKE_SOURCE_DIR}" "${CMAKE_SOURCE_DIR}/include")
   target_link_libraries(${name} PRIVATE ${arg_LIBS} gtest gmock gtest_main)
   set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+  # Tests are compiled more often than they run.
+  target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE)
   target_link_options(${name} PRIVATE -pie -rdynamic)
   target_compile_definitions(${name} PRIVATE POST_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}"
     POST_LIB_DIR="${CMAKE_LIBRARY_OUTPUT_DIRECTORY}")
