@@ -120,7 +120,7 @@ bool is_sprom_written(const target_t &target, const image_t &image) {
   }();
   if (result >= 0) return true;
   const uint32_t address = target.entry->sprom->smb_acc->dev->base + progress.done;
-  const char *reason = is_interrupted != 0 ? "interrupted" : result_text(result);
+  const char *reason = result == -EINTR ? "interrupted" : result_text(result);
   complain("%s: write stopped at byte %u of %zu (EEPROM offset 0x%04x): %s", target.name.c_str(), progress.done,
            image.size(), address, reason);
   return false;
