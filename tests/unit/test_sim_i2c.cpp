@@ -476,6 +476,14 @@ TEST(sim_i2c_faults, fail_the_transactions_that_they_name) {
   }
 }
 
+TEST(sim_i2c_faults, count_a_transaction_once_however_many_messages_it_has) {
+  const sim_board board({"--fault=i2c-fail bus=1 addr=0x52 nth=2"});
+  bus i2c(1);
+  EXPECT_EQ(i2c.transfer(eeprom, {{{0, 0}}, {{}, 1}, {{0, 1}}, {{}, 1}}), (outcome{0, {0xAB, 0xAB}}));
+  EXPECT_EQ(i2c.read_at(eeprom, {0, 0}, 1).error, EIO);
+  EXPECT_EQ(i2c.read_at(eeprom, {0, 0}, 1), (outcome{0, {0xAB}}));
+}
+
 TEST(sim_i2c_faults, are_refused_for_what_the_board_lacks) {
   const struct {
     strings args;
