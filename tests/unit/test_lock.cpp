@@ -3,12 +3,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
+#include <cstdarg>
 #include <cstring>
 #include <fstream>
 #include <string>
@@ -17,6 +19,31 @@
 #include "platform/mfgd/cmn_lib/diag_util/diag_dbg.h"
 #include "platform/mfgd/cmn_lib/diag_util/lock.h"
 #include "tests/unit/host.h"
+
+namespace {
+
+// What the next record lock request fails with; 0 for none.
+int request_error = 0;
+
+}  // namespace
+
+extern "C" int test_fcntl(int fd, int cmd, ...) asm("fcntl64");
+
+int test_fcntl(int fd, int cmd, ...) {
+  va_list args;
+  va_start(args, cmd);
+  void *const arg = va_arg(args, void *);
+  va_end(args);
+  if (request_error != 0 && (cmd == F_SETLK || cmd == F_SETLKW)) {
+    errno = std::exchange(request_error, 0);
+    return -1;
+  }
+#ifdef SYS_fcntl64
+  return static_cast<int>(syscall(SYS_fcntl64, fd, cmd, arg));
+#else
+  return static_cast<int>(syscall(SYS_fcntl, fd, cmd, arg));
+#endif
+}
 
 namespace {
 
@@ -166,6 +193,25 @@ TEST_F(lock_test, keeps_waiting_through_signals_and_traces_once) {
     EXPECT_GE(signals, 3);
     EXPECT_EQ(lines, (std::vector<hook_line>{{DIAG_LVL_DEBUG, trace + std::to_string(lock) + ".\n"}}));
     (void)lock_drop_wr_lock(lock);
+  }
+  (void)lock_destroy(lock);
+}
+
+TEST_F(lock_test, takes_both_errors_of_a_held_byte_for_contention_where_it_does_not_wait) {
+  const int32_t lock = lock_create(name_.c_str());
+  for (const int error : {EACCES, EAGAIN}) {
+    for (const operation take : {lock_get_rd_lock, lock_get_wr_lock}) {
+      request_error = error;
+      EXPECT_EQ(take(lock), LOCK_ERR_BUSY);
+    }
+    for (const auto &[op, name] :
+         {std::pair{&lock_get_rd_lockw, "lock_get_rd_lockw"}, std::pair{&lock_drop_wr_lock, "lock_drop_wr_lock"}}) {
+      const auto call = [&, operation = op] {
+        request_error = error;
+        (void)operation(lock);
+      };
+      expect_assertion(call, "cmn_lib/diag_util/lock.cpp", name, "0");
+    }
   }
   (void)lock_destroy(lock);
 }

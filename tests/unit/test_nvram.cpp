@@ -111,6 +111,11 @@ TEST(nvram_start, finds_and_maps_all_regions_or_none) {
   const std::string largest = "map RTC_NVRAM 3 x 2 0x10000 @ 0xf4000000 0xf4010000 0xf4020000\n";
   EXPECT_EQ(start(setup, nvram_sw_init), lookups + largest + "init\nrc 0\n");
 
+  // A region that is not there makes the length 0, which the mapping layer does not take.
+  setup.bars[0x18].len = 0;
+  const std::string none = "map RTC_NVRAM 3 x 2 0x0 @ 0xf4000000 0xf4010000 0xf4020000\n";
+  EXPECT_EQ(start(setup, nvram_sw_init), lookups + none + "init\nrc 0\n");
+
   const auto report = [](const std::string &call, const std::string &rc) {
     return twice("## Error : Failed " + call + "\n           with rc " + rc + "\n");
   };

@@ -48,7 +48,7 @@ enum : uint32_t {
   BAR_IO = 0x1,             // I/O space
   BAR_64_BIT = 0x4,         // memory space: 64-bit address, with the next BAR as its upper half
   BAR_IO_FLAGS = 0x3,       // bits of an I/O BAR that are no address
-  BAR_MEMORY_FLAGS = 0x7F,  // the smallest memory region of a bridge is 128 bytes
+  BAR_MEMORY_FLAGS = 0x7F,  // the bridge's smallest memory region, its registers, has 128 bytes
 };
 
 struct position_t {

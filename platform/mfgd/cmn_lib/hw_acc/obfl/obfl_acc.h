@@ -23,8 +23,8 @@ enum : uint32_t {
   OBFL_SECTOR_PAGES = OBFL_SECTOR_SIZE / OBFL_WRITE_PAGE_SIZE,
 };
 
-// Bounds of a wait, whatever a timing record says. The chip's data sheet has typical times of 0.5 s for an erase and
-// 0.34 ms for a full write buffer; what lies above the bounds comes from a flash that does not answer its query.
+// Bounds of a wait, whatever a timing record says. Flashes of this family take about half a second for an erase and
+// well under a millisecond for a page; what lies above the bounds comes from a flash that does not answer its query.
 enum : uint32_t {
   OBFL_ERASE_POLL_MAX_US = 4096000,   // one wait between two polls
   OBFL_ERASE_WAIT_MAX_US = 65536000,  // all the waits of one erase
