@@ -523,13 +523,11 @@ TEST(sim_trap_death, ends_the_run_on_an_instruction_that_it_does_not_know) {
   memory_board board{trap_nvram0};
   ASSERT_NO_FATAL_FAILURE(board.start());
   const auto *const window = board.map<uint8_t>(nvram0);
-#ifdef __x86_64__
-  constexpr const char *bytes = "bytes f3 0f 6f 01";
-  EXPECT_EXIT(asm volatile("movdqu (%%rcx), %%xmm0" : : "c"(window) : "xmm0"), testing::KilledBySignal(SIGABRT), bytes);
-#else
-  constexpr const char *bytes = "bytes f3 0f 6f 01";
-  EXPECT_EXIT(asm volatile("movdqu (%%ecx), %%xmm0" : : "c"(window) : "xmm0"), testing::KilledBySignal(SIGABRT), bytes);
-#endif
+  EXPECT_EXIT(asm volatile("movdqu (%0), %%xmm0"
+                           :
+                           : "c"(window)
+                           : "xmm0"),
+              testing::KilledBySignal(SIGABRT), "bytes f3 0f 6f 01");
 }
 
 volatile sig_atomic_t passed_on = 0;
