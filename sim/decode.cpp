@@ -165,6 +165,15 @@ bool unary(reader *r, uint8_t code, const modrm &m, insn *i) {
     i->immediate = r->operand_immediate(i->width);
     return true;
   }
+  if (code == 0xFF && m.reg == 6) {
+    operands(i, operation::push, operand::none, operand::memory);
+    i->width = r->size == word_size::bits64 ? 64 : 32;
+    return !r->operand16;
+  }
+  if (!step && (m.reg == 4 || m.reg == 5)) {
+    operands(i, m.reg == 4 ? operation::mul : operation::imul, operand::none, operand::memory);
+    return i->width <= 32;
+  }
   if (step ? m.reg > 1 : m.reg > 3) return false;
   constexpr std::array ops{operation::inc, operation::dec, operation::not_, operation::neg};
   operands(i, ops[m.reg], operand::memory, operand::none);
@@ -182,12 +191,26 @@ bool shift(reader *r, uint8_t code, const cpu_regs &regs, const modrm &m, insn *
   return true;
 }
 
+// Opcodes 0F AF, 69, 6B.
+void multiply_register(const reader &r, const modrm &m, insn *i) {
+  operands(i, operation::imul_reg, operand::reg, operand::memory);
+  i->width = r.operand_width();
+  take_register(r, m.reg, i->width, i);
+}
+
+bool multiply_immediate(reader *r, uint8_t code, const modrm &m, insn *i) {
+  multiply_register(*r, m, i);
+  i->op = operation::imul_immediate;
+  i->immediate = code == 0x6B ? r->signed_number(1) : r->operand_immediate(i->width);
+  return i->width <= 32;
+}
+
 // Opcodes after 0F: loads that extend, stores of a condition.
 bool two_bytes(reader *r, const cpu_regs &regs, insn *i, modrm *m) {
   const uint8_t code = r->byte();
   const bool extends = (code & 0xF6U) == 0xB6;
   const bool condition = (code & 0xF0U) == 0x90;
-  if (!extends && !condition && code != 0xC3) return false;
+  if (!extends && !condition && code != 0xC3 && code != 0xAF) return false;
   if (!modrm_read(r, regs, m)) return false;
   if (extends) {  // movzx B6 B7, movsx BE BF
     operands(i, operation::mov, operand::reg, operand::memory);
@@ -198,6 +221,9 @@ bool two_bytes(reader *r, const cpu_regs &regs, insn *i, modrm *m) {
     operands(i, operation::set, operand::memory, operand::none);
     i->width = 8;
     i->condition = code & 0xFU;
+  } else if (code == 0xAF) {
+    multiply_register(*r, *m, i);
+    return i->width <= 32;
   } else {  // movnti
     if (r->operand16) return false;
     operands(i, operation::mov, operand::memory, operand::reg);
@@ -233,6 +259,7 @@ bool is_shift(uint8_t code) {
 bool is_known(uint8_t code, word_size size) {
   if (code < 0x40) return (code & 7U) < 4;
   if (code == 0x63) return size == word_size::bits64;
+  if (code == 0x69 || code == 0x6B) return true;
   if (code >= 0x80 && code <= 0x8B) return code != 0x82;
   return (code & 0xFEU) == 0xC6 || (code & 0xF6U) == 0xF6 || is_shift(code);
 }
@@ -256,6 +283,9 @@ bool one_byte(reader *r, uint8_t code, const cpu_regs &regs, insn *i, modrm *m) 
       i->width = i->reg_width == 16 ? 16 : 32;
       i->sign = true;
       return true;
+    case 0x69:
+    case 0x6B:
+      return multiply_immediate(r, code, *m, i);
     case 0x80:
     case 0x81:
     case 0x83:
@@ -406,6 +436,30 @@ uint64_t shift_bits(operation op, uint64_t a, unsigned count, unsigned width, ui
   return result;
 }
 
+// Multiplications set carry and overflow alone, both when the product does not fit.
+void set_product_flags(bool fits, uint64_t *flags) {
+  *flags = (*flags & ~(flag_carry | flag_overflow)) | flag_if(!fits, flag_carry | flag_overflow);
+}
+
+// Into ax, or into dx and ax; `i` is taken as an instruction on each of them in turn.
+void multiply_accumulator(insn i, cpu_regs *regs, uint64_t memory) {
+  const bool has_sign = i.op == operation::imul;
+  const auto extend = [&](uint64_t value) { return has_sign ? sign_extend(value, i.width) : value & mask_of(i.width); };
+  const uint64_t product = extend(regs->gpr[0]) * extend(memory);
+  set_product_flags(extend(product) == product, &regs->flags);
+  i.reg = 0;
+  i.reg_width = i.width == 8 ? 16 : i.width;
+  register_set(i, regs, product);
+  i.reg = 2;
+  if (i.width != 8) register_set(i, regs, product >> i.width);
+}
+
+uint64_t multiply(uint64_t a, uint64_t b, unsigned width, uint64_t *flags) {
+  const uint64_t product = sign_extend(a, width) * sign_extend(b, width);
+  set_product_flags(sign_extend(product, width) == product, flags);
+  return product;
+}
+
 // The arithmetic operations: `a` is the operand that also takes the result.
 uint64_t compute(operation op, uint64_t a, uint64_t b, unsigned width, uint64_t *flags) {
   const uint64_t carry = (*flags & flag_carry) != 0 ? 1 : 0;
@@ -454,6 +508,12 @@ uint64_t compute(operation op, uint64_t a, uint64_t b, unsigned width, uint64_t 
       return shift_bits(op, a, static_cast<unsigned>(b), width, flags);
     case operation::not_:
       return ~a;
+    case operation::imul_reg:
+    case operation::imul_immediate:
+      return multiply(a, b, width, flags);
+    case operation::mul:
+    case operation::imul:
+    case operation::push:
     case operation::set:
     case operation::mov:
     case operation::xchg:
@@ -498,7 +558,13 @@ uint64_t retire(const insn &i, cpu_regs *regs, uint64_t bus_data) {
     if (o == operand::reg) return register_get(i, *regs);
     return i.immediate & mask_of(i.width);
   };
-  const uint64_t result = compute(i.op, value(i.to), value(i.from), i.width, &regs->flags);
+  if (i.op == operation::mul || i.op == operation::imul) {
+    multiply_accumulator(i, regs, memory);
+    return 0;
+  }
+  const operand first = i.op == operation::imul_immediate ? operand::immediate : i.to;
+  const uint64_t result = compute(i.op, value(first), value(i.from), i.width, &regs->flags);
+  if (i.op == operation::push) regs->gpr[reg_sp] -= i.width / 8U;
   const bool only_flags = i.op == operation::cmp || i.op == operation::test;
   if (i.op == operation::xchg) register_set(i, regs, memory);
   if (i.to == operand::reg && !only_flags) register_set(i, regs, result);

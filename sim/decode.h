@@ -1,6 +1,6 @@
 // decode.h: the one x86 instruction that met a device: what it asks of the bus, and what it does to the processor.
-// Known are the forms that compilers make of 8-, 16- and 32-bit loads and stores; string, locked and vector
-// instructions are not (AMD64 Architecture Programmer's Manual, volume 3).
+// Known are the forms that compilers make of 8-, 16- and 32-bit loads and stores; divisions and string, locked and
+// vector instructions are not (AMD64 Architecture Programmer's Manual, volume 3).
 #pragma once
 
 #include <array>
@@ -22,7 +22,9 @@ enum class operation : uint8_t {
   // clang-format off
   add, or_, adc, sbb, and_, sub, xor_, cmp,
   test, mov, xchg, not_, neg, inc, dec, set,
-  rol, ror, shl, shr, sar,
+  rol, ror, shl, shr, sar, push,
+  mul, imul,        // of the accumulator, into dx and ax
+  imul_reg, imul_immediate,
   // clang-format on
 };
 
@@ -54,7 +56,7 @@ struct insn {
 
 // Carries the instruction out on the registers, flags and instruction pointer.
 //   bus_data  what the bus delivered, if i.reads; bits above i.width are ignored
-// Returns the data for the bus, if i.writes.
+// Returns the data for the bus, if i.writes; those for the new top of the stack with operation::push.
 [[nodiscard]] uint64_t retire(const insn &i, cpu_regs *regs, uint64_t bus_data);
 
 }  // namespace sim

@@ -15,14 +15,18 @@ bool devmem_start(const options &opts);
 // Drops every mapping and model; contents are in their files.
 void devmem_stop();
 
-// mmap() of /dev/mem: physical range [phys, phys + length). Returns MAP_FAILED with errno set when no device lives
-// there.
+// mmap() of /dev/mem: physical range [phys, phys + length), rounded up to whole pages. A device may be mapped several
+// times. The first mapping puts the handler of trapped accesses in place.
+//   prot, flags  as for mmap(); MAP_SHARED without MAP_FIXED
+// Returns MAP_FAILED with errno set: EINVAL for an offset within a page, no length or other flags; EPERM where no
+// window holds the whole range.
 void *devmem_map(size_t length, int prot, int flags, uint64_t phys);
 
-// munmap(). Returns false if [addr, addr + length) is no mapping of devmem_map.
+// munmap() of a mapping or a part of it. Returns false, with nothing done, if [addr, addr + length) does not lie in one
+// mapping of devmem_map.
 bool devmem_unmap(void *addr, size_t length);
 
-// iopl(). Returns 0, or -1 with errno set.
+// iopl(), level 0 to 3. Returns 0, or -1 with errno set. At level 3 the process may use the port.
 int port_iopl(int level);
 
 // Asked by the port model, told by the I/O port: whether bit 27 of port 0x50C protects the supervisor's EEPROM.
