@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -251,6 +253,18 @@ TEST(short_post, appends_its_records) {
   const temp_dir state;
   EXPECT_EQ(run_board(state.path(), {"--", "-s"}).records, records());
   EXPECT_EQ(run_board(state.path(), {"--", "-sx", "-y"}).records, records() + records());
+}
+
+// A device in a closed standard descriptor's place would get the messages written there.
+TEST(short_post, opens_no_device_as_a_standard_descriptor) {
+  const temp_dir state;
+  const std::string command = "exec " POST_BIN_DIR "/board-sim --state " + state.path().string() + " -- -s <&- 2>&-";
+  const std::unique_ptr<FILE, int (*)(FILE *)> out(popen(command.c_str(), "r"), pclose);
+  unsigned fd = 0;
+  ASSERT_EQ(fscanf(out.get(), "devmemfd:0x%x", &fd), 1);
+  EXPECT_GT(fd, 2U);
+  while (fgetc(out.get()) != EOF) {
+  }
 }
 
 }  // namespace
