@@ -3,6 +3,7 @@
 #include <array>
 
 #include "platform/mfgd/uspace/utils/sprom/at24c512.h"
+#include "platform/mfgd/uspace/utils/sprom/sprom_layout.h"
 
 // clang-format off
 const smb_dev_t dorvan_sup_dev = {.path = "/dev/i2c-1", .addr = 0x52, .base = 0,      .addr_len = 2, .data_len = 1, .flags = 0};
@@ -12,8 +13,8 @@ static constexpr smb_acc_t dorvan_sup_acc = {.dev = &dorvan_sup_dev, .smb_rd = a
 static constexpr smb_acc_t dorvan_bp_acc  = {.dev = &dorvan_bp_dev,  .smb_rd = at24c512_rd, .smb_wr = at24c512_wr};
 // clang-format on
 
-static constinit std::array<uint8_t, 334> dorvan_sup_buf{};
-static constinit std::array<uint8_t, 471> dorvan_bp_buf{};
+static constinit std::array<uint8_t, SPROM_SIZE_SUP> dorvan_sup_buf{};
+static constinit std::array<uint8_t, SPROM_SIZE_BP> dorvan_bp_buf{};
 
 constinit sprom_t dorvan_sprom_sup = {
     .smb_acc = &dorvan_sup_acc,
