@@ -138,9 +138,9 @@ int32_t pci_scan_devices() {
     puts("Unable to open /proc/bus/pci/devices");
     return -1;
   }
-  char line[1024];
+  char line[1023];  // longer lines come in pieces
   uint32_t count = 0;
-  while (count < pci_scan_list.size() && fgets(line, sizeof line - 1, list.get()) != nullptr) {
+  while (count < pci_scan_list.size() && fgets(line, sizeof line, list.get()) != nullptr) {
     pci_scan_list[count++] = parse_line(line);
   }
   pci_scan_count = count;

@@ -3,10 +3,15 @@
 #include <gtest/gtest.h>
 
 #include <cstdio>
+#include <cstring>
+#include <iterator>
+#include <map>
 #include <memory>
-#include <set>
 #include <sstream>
 #include <string>
+#include <vector>
+
+#include "tests/support/run.h"
 
 namespace {
 
@@ -69,26 +74,42 @@ constexpr const char *names[] = {
 };
 // clang-format on
 
-std::set<std::string> exported() {
-  std::set<std::string> symbols;
-  const std::unique_ptr<FILE, int (*)(FILE *)> nm(popen("nm -D --defined-only " POST_BIN_DIR "/post", "r"), pclose);
+// The sizes by name, 0 where the symbol has none.
+std::map<std::string, size_t> exported() {
+  std::map<std::string, size_t> symbols;
+  const std::unique_ptr<FILE, int (*)(FILE *)> nm(popen("nm -D -S --defined-only " POST_BIN_DIR "/post", "r"), pclose);
   char line[1024];
   while (nm && fgets(line, sizeof line, nm.get()) != nullptr) {
     std::istringstream words(line);
-    std::string address;
-    std::string kind;
-    std::string name;
-    if (words >> address >> kind >> name) symbols.insert(name);
+    const std::vector<std::string> column{std::istream_iterator<std::string>(words), {}};
+    if (column.size() >= 3) symbols[column.back()] = column.size() == 4 ? std::stoul(column[1], nullptr, 16) : 0;
   }
   return symbols;
 }
 
 TEST(exports, hold_every_function_and_table) {
-  const std::set<std::string> symbols = exported();
+  const auto symbols = exported();
   for (const char *line : names) {
     std::istringstream words(line);
     for (std::string name; words >> name;)
       EXPECT_TRUE(symbols.contains(name)) << name;
+  }
+}
+
+TEST(exports, hold_the_build_stamps) {
+  constexpr size_t stamp_size = 200;
+  const std::string image = read_file(POST_BIN_DIR "/post");
+  auto symbols = exported();
+  for (const auto &[name, prefix] :
+       {std::pair{"tgt_data", "@@TGT@@"}, {"tree_loc", "@@TREE@@"}, {"image_name", "@@IMAGE@@"}}) {
+    SCOPED_TRACE(name);
+    EXPECT_EQ(symbols[name], stamp_size);
+    const size_t at = image.find(prefix);
+    ASSERT_NE(at, std::string::npos);
+    const std::string stamp = image.substr(at, stamp_size);
+    const std::string text = stamp.c_str();
+    EXPECT_GT(text.size(), strlen(prefix));
+    EXPECT_EQ(stamp, text + std::string(stamp_size - text.size(), '\0'));
   }
 }
 

@@ -1,7 +1,10 @@
 // Whole short runs: each fault of the identity reads, the SEEPROM, GigE and PCIe rows, with exact output and records.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -102,6 +105,15 @@ std::vector<short_case> short_cases() {
        {"--fault", "i2c-fail bus=1 addr=0x52 nth=340 times=1"},
        start() + rows(".." + error(4, 1) + ".", ok5, ok12, true),
        records({"4:1"})},
+      {"change bits 2 are revision P1, too",
+       {"--card", "11111", "--change-bits", "2", "--fault", "pci-missing bus=0x2C dev=0 func=0"},
+       start("P(0x2) board\n") + rows(ok4, ok5,
+                                      ".\n" +
+                                          missing("Intel 82576EB Inband Gigabit Ethernet Controller",
+                                                  "bus:2C, dev:00, func:00, vendId:8086, devId:1523") +
+                                          detection + "......",
+                                      false),
+       records()},
       {"a row behind the sixth missing reaches no device",
        {"--fault", "pci-missing bus=0x30 dev=1 func=0"},
        start() + rows(ok4, ok5,
@@ -246,11 +258,55 @@ TEST(short_post, names_the_corrupt_block) {
   }
 }
 
-// Records of earlier runs stay in front; an unknown flag warns and runs the full test; others are ignored.
+// Records of earlier runs stay in front.
 TEST(short_post, appends_its_records) {
   const temp_dir state;
   EXPECT_EQ(run_board(state.path(), {"--", "-s"}).records, records());
-  EXPECT_EQ(run_board(state.path(), {"--", "-sx", "-y"}).records, records() + records());
+  EXPECT_EQ(run_board(state.path(), {"--", "-s"}).records, records() + records());
+}
+
+// The first argument alone counts, and of that the first two characters.
+TEST(short_post, reads_one_flag) {
+  struct flag_case {
+    std::vector<std::string> args;
+    std::string warning;
+    bool full;
+  };
+  const auto unsupported = [](char flag) {
+    return std::string("Warning: Unsupported flag \"-") + flag + "\"! Ignoring it\n";
+  };
+  const flag_case cases[] = {
+      {{"-Sx", "-y"}, "", false},
+      {{"-x", "-s"}, unsupported('x'), true},
+      {{"-"}, unsupported('\0'), true},
+      {{"s", "-s"}, "", true},
+      {{""}, "", true},
+      {{}, "", true},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(testing::PrintToString(c.args));
+    const temp_dir state;
+    // With a line of the flash stuck, its test ends at once.
+    std::vector<std::string> args{"--fault", "flash-data-stuck line=0 level=0", "--", POST_BIN_DIR "/post"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    const outcome run = run_board(state.path(), args);
+    EXPECT_EQ(run.status, 0);
+    EXPECT_THAT(steady(run.out), testing::StartsWith(mapping_lines() + c.warning + "Starting system POST.....\n"));
+    EXPECT_EQ(run.out.find("NVRAM Test") != std::string::npos, c.full);
+    EXPECT_EQ(run.records.find("\n0:10:0:2\n") != std::string::npos, c.full);
+  }
+}
+
+// A device in a closed standard descriptor's place would get the messages written there.
+TEST(short_post, opens_no_device_as_a_standard_descriptor) {
+  const temp_dir state;
+  const std::string command = "exec " POST_BIN_DIR "/board-sim --state " + state.path().string() + " -- -s <&- 2>&-";
+  const std::unique_ptr<FILE, int (*)(FILE *)> out(popen(command.c_str(), "r"), pclose);
+  unsigned fd = 0;
+  ASSERT_EQ(fscanf(out.get(), "devmemfd:0x%x", &fd), 1);
+  EXPECT_GT(fd, 2U);
+  while (fgetc(out.get()) != EOF) {
+  }
 }
 
 }  // namespace

@@ -6,7 +6,9 @@
 #include <string>
 #include <vector>
 
+#include "platform/mfgd/cmn_lib/diag_util/diag_dbg.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_dorvan.h"
+#include "platform/mfgd/uspace/utils/sprom/sprom_layout.h"
 #include "post/gige_test.h"
 #include "post/hw_change_bits.h"
 #include "post/pcie_test.h"
@@ -15,6 +17,16 @@
 #include "post/post_test.h"
 #include "post/seeprom_test.h"
 #include "tests/support/board.h"
+
+// The allocations of one size can be refused.
+static size_t refused_size = 0;
+extern "C" {
+void *__real_malloc(size_t size);
+void *__wrap_malloc(size_t size);
+void *__wrap_malloc(size_t size) {
+  return size == refused_size ? nullptr : __real_malloc(size);
+}
+}
 
 namespace {
 
@@ -305,10 +317,43 @@ TEST(seeprom, needs_the_right_kind) {
   EXPECT_EQ(result, POST_RESULT_NONE);
 }
 
-TEST(hw_change_bits, stay_0_without_a_card) {
-  const test_board board({}, 4711);
-  EXPECT_EQ(printed([] { post_read_hw_change_bits(); }), "");
-  EXPECT_EQ(dorvan_post_hw_change_bits_get(), 0U);
+TEST(seeprom, fails_without_memory) {
+  const test_board board;
+  for (const uint32_t device : {0U, 1U}) {
+    uint32_t result = POST_RESULT_NONE;
+    refused_size = device == 0 ? SPROM_SIZE_SUP : SPROM_SIZE_BP;
+    EXPECT_EQ(static_cast<int32_t>(dorvan_brd_seeprom_test(0, &result, device, nullptr)), -12);
+    EXPECT_EQ(result, POST_RESULT_FAIL);
+  }
+  refused_size = 0;
+}
+
+TEST(hw_change_bits, stay_0_without_a_card_or_memory) {
+  for (const uint32_t card : {4711U, 11062U}) {
+    const test_board board({}, card);
+    refused_size = SPROM_SIZE_SUP;
+    EXPECT_EQ(printed([] { post_read_hw_change_bits(); }), "");
+    EXPECT_EQ(dorvan_post_hw_change_bits_get(), 0U);
+  }
+  refused_size = 0;
+}
+
+TEST(dorvan_sproms, have_two_slots) {
+  for (uint32_t a = 0; a < 3; ++a) {
+    for (uint32_t b = 0; b < 3; ++b) {
+      const sprom_t *const expected = a != b   ? nullptr
+                                      : a == 0 ? &dorvan_sprom_bp
+                                      : a == 1 ? &dorvan_sprom_sup
+                                               : nullptr;
+      EXPECT_EQ(sprom_init_dorvan(0xFFFFFFFF, a, b), expected) << a << "," << b;
+    }
+  }
+}
+
+TEST(output_hooks, print_all_but_traces) {
+  EXPECT_EQ(printed([] { EXPECT_EQ(cli_printf("%s %d\n", "cli", -1), 7); }), "cli -1\n");
+  for (const int32_t level : {0, 3, 6, 7, 8})
+    EXPECT_EQ(printed([=] { diag_dbg_print(level, "%s %d\n", "dbg", 2); }), level == 7 ? "" : "dbg 2\n") << level;
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <memory>
-#include <utility>
 
 template <auto release>
 struct releaser {
@@ -35,8 +34,8 @@ template <typename T>
 class unique_fd {
  public:
   explicit unique_fd(int fd) : fd_(fd) {}
-  unique_fd(unique_fd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-  unique_fd &operator=(unique_fd &&other) = delete;
+  unique_fd(const unique_fd &) = delete;
+  unique_fd &operator=(const unique_fd &) = delete;
   ~unique_fd() {
     if (fd_ < 0) return;
     const int saved = errno;
