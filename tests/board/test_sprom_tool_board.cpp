@@ -200,6 +200,10 @@ TEST_F(sprom_board, never_claims_a_write_that_did_not_arrive) {
     EXPECT_EQ(result.status, 1);
     EXPECT_THAT(result.out, Not(HasSubstr("written and read back")));
   }
+  // The last byte is the old one already.
+  const auto result = sh("board-sim --fault 'i2c-fail bus=1 addr=0x52 nth=669' -- sprom edit -y 1,1 --num_6=7");
+  EXPECT_EQ(result.status, 1);
+  EXPECT_THAT(result.err, EndsWith("sprom: SUPERVISOR: it reads back as the image, although the write failed\n"));
 }
 
 // A signal stops the write between two bytes, and the protection is restored.
