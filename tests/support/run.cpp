@@ -31,12 +31,13 @@ temp_dir::~temp_dir() {
   std::filesystem::remove_all(path_, ignored);
 }
 
-outcome run_program(const std::string &program, const std::vector<std::string> &args) {
+namespace {
+
+// Runs a program to its end.
+outcome run(std::vector<std::string> words) {
   const temp_dir dir;
   const auto out_file = dir.path() / "out";
   const auto err_file = dir.path() / "err";
-  std::vector<std::string> words{std::string(POST_BIN_DIR) + "/" + program};
-  words.insert(words.end(), args.begin(), args.end());
   std::vector<char *> argv;
   for (auto &word : words)
     argv.push_back(word.data());
@@ -56,6 +57,19 @@ outcome run_program(const std::string &program, const std::vector<std::string> &
   result.out = read_file(out_file);
   result.err = read_file(err_file);
   return result;
+}
+
+}  // namespace
+
+outcome run_program(const std::string &program, const std::vector<std::string> &args) {
+  std::vector<std::string> words{std::string(POST_BIN_DIR) + "/" + program};
+  words.insert(words.end(), args.begin(), args.end());
+  return run(words);
+}
+
+outcome run_shell(const std::filesystem::path &dir, const std::string &command) {
+  const std::string script = "cd \"$0\" && PATH=\"$1:$PATH\" && exec </dev/null\n" + command;
+  return run({"/bin/sh", "-c", script, dir.string(), POST_BIN_DIR});
 }
 
 outcome run_board(const std::filesystem::path &state, const std::vector<std::string> &args) {

@@ -28,6 +28,9 @@ struct outcome {
 // Runs a program of the build's bin directory to its end.
 outcome run_program(const std::string &program, const std::vector<std::string> &args);
 
+// Runs a shell command in a directory, with the build's programs in its path and an empty standard input.
+outcome run_shell(const std::filesystem::path &dir, const std::string &command);
+
 // Runs board-sim with `args` on a state directory; "--state" is added in front.
 outcome run_board(const std::filesystem::path &state, const std::vector<std::string> &args);
 

@@ -127,6 +127,8 @@ const family_t *detect_family(std::string &report) {
   if (is_dorvan()) return family_by_name("dorvan");
   int32_t platform = 0;
   report = captured([&] { platform = sprom_get_platform(); });
+  constexpr std::string_view undefined = " platform undefined";  // what the result says, too
+  if (report.ends_with(undefined)) report.resize(report.size() - undefined.size());
   const auto *family = std::ranges::find(families, std::optional{platform}, &family_t::platform);
   return family == families.end() ? nullptr : family;
 }

@@ -28,7 +28,7 @@ const family_t *family_by_name(std::string_view name);
 
 // Asks the board for its family: the SPROM kernel driver first, which knows the dorvan cards, then the straps and the
 // supervisor's SPROM.
-//   report  what the library had to say
+//   report  what the library had to say of a bad supervisor image
 // Returns null if the board is of no known family.
 const family_t *detect_family(std::string &report);
 

@@ -23,11 +23,8 @@ const family_t *find_family(const options_t &options) {
   std::string report;
   const family_t *family = detect_family(report);
   if (family != nullptr) return family;
-  for (auto line : lines_of(report)) {
-    line.remove_prefix(std::min(line.find_first_not_of(' '), line.size()));
-    complain("%.*s", static_cast<int>(line.size()), line.data());
-  }
-  complain("the board's family cannot be told; --family names it, --file works on an image");
+  (void)fputs(report.c_str(), stderr);
+  complain("this is no board of a known family; --family names one, --file works on an image");
   return nullptr;
 }
 
@@ -39,7 +36,7 @@ struct found_t {
 
 found_t find_file(const options_t &options) {
   image_t image;
-  const kind_t *kind = load_image(*options.file, options.kind, image);
+  const kind_t *kind = load_image(*options.file, nullptr, image);
   if (kind == nullptr) return {EXIT_FAILED, {}};
   return {EXIT_OK, {kind, *options.file, std::nullopt, std::move(image)}};
 }
@@ -74,14 +71,8 @@ found_t find_only(const options_t &options, const kind_t &kind) {
   return {EXIT_FAILED, {}};
 }
 
-exit_code check_options(const options_t &options) {
-  if (options.kind != nullptr && !options.file) return complain_usage("--kind goes with --file");
-  return EXIT_OK;
-}
-
 // The SPROM of that name, or the file in its place; without a name there must be a file.
 found_t find_target(const options_t &options, const std::string *name) {
-  if (const exit_code code = check_options(options); code != EXIT_OK) return {code, {}};
   if (options.file && name != nullptr) return {complain_usage("--file stands in place of a SPROM"), {}};
   if (options.file) return find_file(options);
   if (name != nullptr) return find_named(options, *name);
@@ -111,10 +102,10 @@ void put_optional(json_t &json, const std::optional<uint32_t> &value) {
   }
 }
 
-// Name, slot, index, kind and size; a file has no slot, and its name may be anything.
+// Name, slot, index, kind and size; a file has no slot.
 void put_identity(json_t &json, const std::string &name, const std::optional<entry_t> &entry, const kind_t &kind) {
   json.key("name");
-  json.file_name(name);
+  json.text(name);
   json.key("slot");
   put_optional(json, entry ? entry->slot : std::nullopt);
   json.key("index");
@@ -182,7 +173,6 @@ void print_list_json(const char *family, const std::vector<list_row_t> &rows) {
 exit_code run_list(const options_t &options) {
   std::vector<list_row_t> rows;
   const char *family_word = nullptr;
-  if (const exit_code code = check_options(options); code != EXIT_OK) return code;
   if (options.file) {
     const found_t found = find_file(options);
     if (found.code != EXIT_OK) return found.code;
@@ -347,7 +337,6 @@ exit_code find_targets(const options_t &options, std::vector<target_t> &targets)
     targets.push_back(found.target);
     return found.code;
   }
-  if (const exit_code code = check_options(options); code != EXIT_OK) return code;
   const family_t *family = find_family(options);
   if (family == nullptr) return EXIT_FAILED;
   for (const entry_t &entry : family_sproms(*family)) {
@@ -388,7 +377,6 @@ exit_code save(const std::string &path, const image_t &image) {
 exit_code run_dump(const options_t &options) {
   const std::string *name = argument(options, 2);
   const bool is_named = options.file || name != nullptr;
-  if (const exit_code code = check_options(options); code != EXIT_OK) return code;
   const found_t found = is_named ? find_target(options, name) : find_only(options, *kind_by_type(SPROM_TYPE_SUP));
   if (found.code != EXIT_OK) return found.code;
   image_t image;
@@ -451,7 +439,7 @@ exit_code run_write(const options_t &options) {
   if (found.code != EXIT_OK) return found.code;
 
   image_t image;
-  const kind_t *kind = load_image(path, is_named ? found.target.kind : options.kind, image);
+  const kind_t *kind = load_image(path, is_named ? found.target.kind : nullptr, image);
   if (kind == nullptr || !is_accepted(options, path, *kind, image)) return EXIT_FAILED;
   if (!is_named) found = find_only(options, *kind);
   if (found.code != EXIT_OK) return found.code;
@@ -532,7 +520,7 @@ exit_code run_fields(const options_t &options) {
   return EXIT_OK;
 }
 
-constexpr uint32_t OPT_BOARD = OPT_FILE | OPT_FAMILY | OPT_KIND;
+constexpr uint32_t OPT_BOARD = OPT_FILE | OPT_FAMILY;
 constexpr uint32_t OPT_WRITE = OPT_BOARD | OPT_YES | OPT_FORCE;
 
 // clang-format off

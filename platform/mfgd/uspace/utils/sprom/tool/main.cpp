@@ -31,10 +31,9 @@ struct option_row_t {
 };
 
 // clang-format off
-constexpr std::array<option_row_t, 7> option_rows{{
+constexpr std::array<option_row_t, 6> option_rows{{
     {"file",   'f',        "IMAGE",      OPT_FILE,   "work on an image file in place of a SPROM"},
     {"family", 'F',        "NAME",       OPT_FAMILY, "take the board for one of this family"},
-    {"kind",   'k',        "KIND",       OPT_KIND,   "take the image file for one of this kind"},
     {"json",   'j',        nullptr,      OPT_JSON,   "print JSON"},
     {"yes",    'y',        nullptr,      OPT_YES,    "write without asking"},
     {"force",  LONG_FORCE, nullptr,      OPT_FORCE,  "write although blocks are bad"},
@@ -124,10 +123,6 @@ exit_code add_option(int value, std::span<const std::string> fields, options_t &
       options.family = family_by_name(optarg);
       if (options.family != nullptr) return EXIT_OK;
       return complain_usage("%s: no such family (%s)", optarg, family_names(", ").c_str());
-    case 'k':
-      options.kind = kind_by_name(optarg);
-      if (options.kind != nullptr && options.kind->size != 0) return EXIT_OK;
-      return complain_usage("%s: no such kind of image", optarg);
     case 'j':
       options.json = true;
       return EXIT_OK;
@@ -168,8 +163,8 @@ exit_code run_command(const options_t &given, uint32_t used) {
   options_t options = given;
   options.args.erase(options.args.begin());
   if (options.args.size() < command->min_args || options.args.size() > command->max_args)
-    return complain_usage("%s takes: %s", command->name,
-                          *command->synopsis == '\0' ? "no argument" : command->synopsis);
+    return complain_usage("usage: sprom %s%s%s", command->name, *command->synopsis == '\0' ? "" : " ",
+                          command->synopsis);
   return command->run(options);
 }
 
@@ -180,7 +175,7 @@ exit_code run(int argc, char **argv) {
   options_t options;
   uint32_t used = 0;
   for (;;) {
-    const int value = getopt_long(argc, argv, "f:F:k:jyhV", all.table.data(), nullptr);
+    const int value = getopt_long(argc, argv, "f:F:jyhV", all.table.data(), nullptr);
     if (value < 0) break;
     if (value == 'h') return print_help(), EXIT_OK;
     if (value == 'V') return (void)printf("sprom %s\n", SPROM_TOOL_VERSION), EXIT_OK;

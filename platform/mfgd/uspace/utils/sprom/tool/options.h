@@ -17,18 +17,16 @@ namespace tool {
 enum option_set : uint32_t {
   OPT_FILE = 1 << 0,
   OPT_FAMILY = 1 << 1,
-  OPT_KIND = 1 << 2,
-  OPT_JSON = 1 << 3,
-  OPT_YES = 1 << 4,
-  OPT_FORCE = 1 << 5,
-  OPT_FIELD = 1 << 6,
+  OPT_JSON = 1 << 2,
+  OPT_YES = 1 << 3,
+  OPT_FORCE = 1 << 4,
+  OPT_FIELD = 1 << 5,
 };
 
 struct options_t {
   std::vector<std::string> args;  // after the command
   std::optional<std::string> file;
   const family_t *family = nullptr;
-  const kind_t *kind = nullptr;
   bool json = false;
   bool yes = false;
   bool force = false;

@@ -20,33 +20,6 @@ void complain_list(const char *fmt, va_list args) {
   (void)fputc('\n', stderr);
 }
 
-// The bytes of the UTF-8 character at the front of `text`; 0 if there is none.
-size_t utf8_length(std::string_view text) {
-  const auto lead = static_cast<uint8_t>(text.front());
-  const size_t length = lead < 0x80                   ? 1
-                        : lead >= 0xC2 && lead < 0xE0 ? 2
-                        : lead >= 0xE0 && lead < 0xF0 ? 3
-                        : lead >= 0xF0 && lead < 0xF5 ? 4
-                                                      : 0;
-  if (length == 0 || text.size() < length) return 0;
-  for (const char c : text.substr(1, length - 1)) {
-    if ((static_cast<uint8_t>(c) & 0xC0) != 0x80) return 0;
-  }
-  const auto second = length > 2 ? static_cast<uint8_t>(text[1]) : uint8_t{0x80};
-  const bool is_overlong = (lead == 0xE0 && second < 0xA0) || (lead == 0xF0 && second < 0x90);
-  const bool is_no_character = (lead == 0xED && second >= 0xA0) || (lead == 0xF4 && second >= 0x90);
-  return is_overlong || is_no_character ? 0 : length;
-}
-
-bool is_utf8(std::string_view text) {
-  while (!text.empty()) {
-    const size_t length = utf8_length(text);
-    if (length == 0) return false;
-    text.remove_prefix(length);
-  }
-  return true;
-}
-
 }  // namespace
 
 void complain(const char *fmt, ...) {
@@ -124,11 +97,6 @@ void json_t::text(std::string_view text) {
   quoted(text);
 }
 
-void json_t::file_name(std::string_view name) {
-  value("");
-  quoted(name, is_utf8(name));
-}
-
 void json_t::number(uint64_t number) {
   value(std::to_string(number));
 }
@@ -147,14 +115,14 @@ void json_t::value(std::string_view literal) {
   m_is_first = false;
 }
 
-void json_t::quoted(std::string_view text, bool keep_high) {
+void json_t::quoted(std::string_view text) {
   m_out += '"';
   for (const char c : text) {
     const auto byte = static_cast<uint8_t>(c);
     if (c == '"' || c == '\\') {
       m_out += '\\';
       m_out += c;
-    } else if ((byte >= 0x20 && byte < 0x7F) || (keep_high && byte >= 0x80)) {
+    } else if (byte >= 0x20 && byte < 0x7F) {
       m_out += c;
     } else {
       std::array<char, 7> escape;

@@ -35,10 +35,8 @@ class json_t {
   void begin(char bracket);  // '{' or '['
   void end();
   void key(std::string_view name);
-  // SPROM text: bytes above 0x7F are taken as the characters U+0080 to U+00FF.
+  // Bytes above 0x7F are taken as the characters U+0080 to U+00FF.
   void text(std::string_view value);
-  // A file name: as text, but valid UTF-8 stays what it is.
-  void file_name(std::string_view value);
   void number(uint64_t value);
   void boolean(bool value);
   void null();
@@ -47,7 +45,7 @@ class json_t {
 
  private:
   void value(std::string_view literal);
-  void quoted(std::string_view value, bool keep_high = false);
+  void quoted(std::string_view value);
 
   std::string m_out;
   std::string m_closing;   // the brackets that are open, innermost last

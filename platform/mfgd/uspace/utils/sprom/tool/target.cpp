@@ -22,10 +22,11 @@ constexpr size_t file_limit = 65537;
 
 // The write of a SPROM, byte by byte. The access record has no room for a context of its own.
 struct progress_t {
-  smb_wr_t write;    // the driver's
-  const char *name;  // of the SPROM
-  uint32_t size;     // bytes to write
-  uint32_t done;     // bytes that the driver has accepted
+  const sprom_t *sprom;
+  uint32_t size;   // bytes to write
+  uint32_t done;   // bytes that the driver has accepted
+  int32_t lifted;  // results of the hooks that lift and restore the write protection
+  int32_t restored;
   bool is_shown;
 };
 constinit progress_t progress{};
@@ -71,7 +72,7 @@ class signal_guard_t {
 
 void show_progress() {
   if (!progress.is_shown) return;
-  (void)fprintf(stderr, "\r%s: %u of %u bytes written", progress.name, progress.done, progress.size);
+  (void)fprintf(stderr, "\r%s: %u of %u bytes written", progress.sprom->name, progress.done, progress.size);
   (void)fflush(stderr);
 }
 
@@ -80,7 +81,7 @@ int32_t write_watched(const smb_dev_t *dev, uint32_t offset, uint32_t length, co
   const std::span bytes{static_cast<const uint8_t *>(buf), length};
   for (uint32_t i = 0; i < length; ++i) {
     if (is_interrupted != 0) return -EINTR;
-    const int32_t result = progress.write(dev, offset + i, 1, &bytes[i]);
+    const int32_t result = progress.sprom->smb_acc->smb_wr(dev, offset + i, 1, &bytes[i]);
     if (result < 0) return result;
     ++progress.done;
     show_progress();
@@ -88,15 +89,26 @@ int32_t write_watched(const smb_dev_t *dev, uint32_t offset, uint32_t length, co
   return 0;
 }
 
+int32_t lift_watched() {
+  return progress.lifted = progress.sprom->we();
+}
+
+int32_t restore_watched() {
+  return progress.restored = progress.sprom->wd();
+}
+
 int32_t write_sprom(sprom_t &sprom, const image_t &image) {
-  progress = {.write = sprom.smb_acc->smb_wr,
-              .name = sprom.name,
+  progress = {.sprom = &sprom,
               .size = static_cast<uint32_t>(image.size()),
               .done = 0,
+              .lifted = 0,
+              .restored = 0,
               .is_shown = isatty(STDERR_FILENO) != 0};
   const smb_acc_t watched = {.dev = sprom.smb_acc->dev, .smb_rd = sprom.smb_acc->smb_rd, .smb_wr = write_watched};
   sprom_t copy = sprom;
   copy.smb_acc = &watched;
+  if (sprom.we != nullptr) copy.we = lift_watched;
+  if (sprom.wd != nullptr) copy.wd = restore_watched;
   show_progress();
   const int32_t result = diag_sprom_wr(&copy, 0, progress.size, image.data());
   sprom.valid = 0;  // a cached image is an old one now, however far the write came
@@ -118,6 +130,10 @@ bool is_sprom_written(const target_t &target, const image_t &image) {
     const signal_guard_t guard;
     return write_sprom(*target.entry->sprom, image);
   }();
+  if (progress.lifted < 0)
+    complain("%s: the write protection cannot be lifted: %s", target.name.c_str(), result_text(progress.lifted));
+  if (progress.restored < 0)
+    complain("%s: the write protection cannot be restored: %s", target.name.c_str(), result_text(progress.restored));
   if (result >= 0) return true;
   const uint32_t address = target.entry->sprom->smb_acc->dev->base + progress.done;
   const char *reason = result == -EINTR ? "interrupted" : result_text(result);
@@ -180,11 +196,14 @@ bool read_target(const target_t &target, image_t &image) {
 }
 
 bool write_target(const target_t &target, const image_t &before, const image_t &image) {
-  if (!target.entry && !is_file_written(target, image)) return false;
-  const bool is_written = !target.entry || is_sprom_written(target, image);
+  if (!target.entry) return is_file_written(target, image) && is_read_back(target, before, image, true);
+  const bool is_written = is_sprom_written(target, image);
   if (!is_read_back(target, before, image, is_written)) return false;
-  if (!is_written) complain("%s: it reads back as the image, although the write failed", target.name.c_str());
-  return is_written;
+  const bool is_protected = progress.restored >= 0;
+  if (!is_written || !is_protected)
+    complain("%s: it reads back as the image, although the %s failed", target.name.c_str(),
+             is_written ? "write protection" : "write");
+  return is_written && is_protected;
 }
 
 }  // namespace tool

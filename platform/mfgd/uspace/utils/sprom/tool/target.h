@@ -29,7 +29,9 @@ const kind_t *load_image(const std::string &path, const kind_t *wanted, image_t 
 
 // Writes a whole image, then reads it back. A SPROM shows its progress on a terminal; an interrupt stops it between two
 // bytes, with the write protection restored.
-// Returns true if the target was read back and holds the image; false after a message that says how far it came.
+//   before  what the target held, to tell whether anything has changed
+// Returns true if the target was read back and holds the image, and the write protection is restored; false after a
+// message that says how far it came.
 [[nodiscard]] bool write_target(const target_t &target, const image_t &before, const image_t &image);
 
 }  // namespace tool

@@ -1,0 +1,47 @@
+// sprom_tool.h: the `sprom` program in a directory of its own, and images to feed it.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "platform/mfgd/uspace/utils/sprom/sprom.h"
+#include "tests/support/run.h"
+#include "tests/unit/sprom_image.h"
+
+using bytes = std::vector<uint8_t>;
+
+// An image with other bytes at an offset, its checksums right.
+inline bytes patched(bytes image, uint32_t type, size_t offset, const bytes &patch) {
+  std::copy(patch.begin(), patch.end(), image.begin() + static_cast<std::ptrdiff_t>(offset));
+  seal_image(&image, type);
+  return image;
+}
+
+inline bytes with_byte(bytes image, size_t offset, uint8_t byte) {
+  image.at(offset) = byte;
+  return image;
+}
+
+class sprom_tool : public testing::Test {
+ protected:
+  [[nodiscard]] std::filesystem::path path(const std::string &name) const { return dir_.path() / name; }
+  [[nodiscard]] outcome sh(const std::string &command) const { return run_shell(dir_.path(), command); }
+
+  void save(const std::string &name, const bytes &data) const {
+    std::ofstream file{path(name), std::ios::binary};
+    file.write(reinterpret_cast<const char *>(data.data()), static_cast<std::streamsize>(data.size()));
+    ASSERT_TRUE(file.flush().good()) << name;
+  }
+  [[nodiscard]] bytes load(const std::string &name) const {
+    const std::string text = read_file(path(name));
+    return {text.begin(), text.end()};
+  }
+
+ private:
+  temp_dir dir_;
+};
