@@ -50,7 +50,6 @@ constexpr std::array<identity_t, 17> identities{{
 constexpr size_t path_size = 36;
 constexpr uint32_t addr_max = 0x7F;
 constexpr int64_t write_cycle_ns = 10'000'000;  // AT24C512 data sheet, AC characteristics: tWR at most 10 ms
-constexpr int min_polls = 4;
 
 struct bus_t {
   char path[path_size];  // "" for a free entry
@@ -170,13 +169,13 @@ bool not_acknowledged(int result) {
 }
 
 // Acknowledge polling. The clock is read before the transfer, so that a device that became ready while this process had
-// to wait for the processor is asked once more. The time may pass between two polls, so it counts only after a few.
+// to wait for the processor is asked once more.
 int transfer_when_ready(const bus_t &bus, uint16_t addr, uint32_t op, const sse_req_t &req) {
   const int64_t deadline = now_ns() + write_cycle_ns;
-  for (int polls = 1;; ++polls) {
+  while (true) {
     const int64_t now = now_ns();
     const int result = transfer(bus, addr, op, req);
-    if (!not_acknowledged(result) || (now >= deadline && polls >= min_polls)) return result;
+    if (!not_acknowledged(result) || now >= deadline) return result;
   }
 }
 

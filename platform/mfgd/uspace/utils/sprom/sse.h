@@ -40,8 +40,8 @@ struct sse_req_t {
 // identity (dev_type, unit, instance) stands for.
 //   op   SSE_OP_I2C_READ or SSE_OP_I2C_WRITE
 // A read of a PCA8575 sends no command byte, as the device has no registers. An EEPROM that does not answer may be busy
-// with its write cycle: it is asked for 10 ms, and four times at least, before the call fails. Nothing else is
-// retried. Not for use by several threads.
+// with its write cycle and is asked again for 10 ms before the call fails; nothing else is retried. Not for use by
+// several threads.
 // Returns  >= 0         success
 //          -EINVAL      unknown operation or transfer kind, no request, no data, command above 0xFF, bad sse_route
 //          -ENODEV      no device has this identity
