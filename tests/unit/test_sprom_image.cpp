@@ -52,9 +52,8 @@ TEST(sprom_conv, exchanges_the_bytes_of_every_number_and_no_others) {
     for (const uint32_t type : image_kinds) {
       SCOPED_TRACE(type);
       const sprom_t sprom = descriptor(type);
-      bytes device = device_image(type);
-      device.resize(600, 0xEE);
-      std::iota(device.begin(), device.begin() + 160, uint8_t{1});
+      bytes device(600);
+      std::iota(device.begin(), device.end(), uint8_t{1});
       bytes image = device;
       EXPECT_EQ(convert(&sprom, image.data()), 0);
       EXPECT_EQ(image, host_image(device, type));
