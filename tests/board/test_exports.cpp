@@ -64,6 +64,7 @@ constexpr const char *names[] = {
     "sprom_init_dorvan dorvan_sprom_sup dorvan_sprom_bp dorvan_sup_dev dorvan_bp_dev",
     "velto_dorvan_sprom_we velto_dorvan_sprom_wd",
     "pellin_sprom_bp pellin_sprom_sup pellin_sprom_lc pellin_sprom_ps pellin_sprom_dimm pellin_bp_dev",
+    "pca9539_gem_acc pca9539_mezz_acc",
     "sprom_init_pellin sprom_get_slot_sup_pellin sprom_get_slot_bp_pellin sprom_get_slot_chassis_pellin",
     "sprom_platform_probe_pellin velto_or_sprom_we velto_or_sprom_wd",
     "velto_mt_varnholm_sprom_we velto_mt_varnholm_sprom_wd velto_mt_varnholm_gem_sprom_we",

@@ -11,6 +11,7 @@
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "sim/board.h"
 #include "tests/support/run.h"
@@ -30,6 +31,19 @@ class test_board {
       }
       options_.faults.push_back(*parsed);
     }
+    if (!sim::board_start(options_)) abort();
+  }
+  // `args` as on board-sim's command line; the bus log is the file `trace` of the state directory.
+  test_board(const std::vector<std::string> &args, const char *trace) {
+    std::string error;
+    const auto parsed = sim::options_parse(args, &error);
+    if (!parsed) {
+      (void)fprintf(stderr, "%s\n", error.c_str());
+      abort();
+    }
+    options_ = *parsed;
+    options_.state = dir_.path().string();
+    options_.trace = file(trace).string();
     if (!sim::board_start(options_)) abort();
   }
   test_board(const test_board &) = delete;
@@ -65,11 +79,13 @@ std::string printed(Code &&code) {
 template <typename Code>
 void isolated(Code &&code) {
   (void)fflush(stdout);
+  const auto parts = [] { return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count(); };
+  const int before = parts();
   const pid_t child = fork();
   if (child == 0) {
     std::forward<Code>(code)();
     (void)fflush(stdout);
-    _exit(testing::Test::HasFailure() ? 1 : 0);
+    _exit(parts() != before ? 1 : 0);
   }
   int status = 0;
   ASSERT_EQ(waitpid(child, &status, 0), child);

@@ -1,29 +1,78 @@
+// The EEPROM and expander drivers and the whole-image operations, by their exact requests to the I2C service.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
 #include <numeric>
 
 #include "platform/mfgd/uspace/utils/sprom/at24c512.h"
 #include "platform/mfgd/uspace/utils/sprom/pca8575.h"
 #include "platform/mfgd/uspace/utils/sprom/pca9539.h"
+#include "platform/mfgd/uspace/utils/sprom/sprom_api.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_dev.h"
+#include "platform/mfgd/uspace/utils/sprom/sprom_pellin.h"
+#include "platform/mfgd/uspace/utils/sprom/sprom_tosk.h"
 #include "platform/mfgd/uspace/utils/sprom/sse.h"
 #include "tests/unit/sprom_image.h"
-#include "tests/unit/sse_double.h"
-
-namespace {
-std::vector<std::string> routes;
-}
-
-void sse_route(const char *path, uint32_t addr) {
-  routes.push_back(std::string(path, strnlen(path, sizeof smb_dev_t::path)) + " " + std::to_string(addr));
-}
 
 namespace {
 
 using testing::ElementsAre;
 using bytes = std::vector<uint8_t>;
+using lines = std::vector<std::string>;
+
+// The service: notes each request and answers what is read from `input`, in a failing request as well.
+struct service {
+  // "w 7:0.1 12 34 56": operation, device kind:unit.instance, command byte (-- for none), data bytes written
+  lines log;
+  std::string route;  // what the last request was told
+  bytes input;
+  size_t taken = 0;
+  size_t calls = 0;
+  size_t fail_at = SIZE_MAX;  // number of the request that fails, from 0
+  int32_t result = 0;         // of the others
+};
+service sse;
+
+std::string hex(unsigned number) {
+  char text[8];
+  (void)std::snprintf(text, sizeof text, " %02x", number);
+  return text;
+}
+
+std::string route_to(const smb_dev_t &dev) {
+  return std::string(dev.path, strnlen(dev.path, sizeof dev.path)) + hex(dev.addr);
+}
+
+}  // namespace
+
+void sse_route(const char *path, uint32_t addr) {
+  sse.route = std::string(path, strnlen(path, sizeof smb_dev_t::path)) + hex(addr);
+}
+
+int32_t sse_call(uint32_t op, sse_req_t *req) {
+  const bool read = op == SSE_OP_I2C_READ;
+  EXPECT_TRUE(read || op == SSE_OP_I2C_WRITE);
+  EXPECT_EQ(req->flags, 0);
+  EXPECT_TRUE(req->xfer >= SSE_XFER_BYTE && req->xfer <= SSE_XFER_WORD_DATA);
+  EXPECT_TRUE(req->xfer != SSE_XFER_BYTE || req->cmd == 0);
+  std::string line = std::string{read ? "r " : "w "} + std::to_string(req->dev_type) + ":" + std::to_string(req->unit) +
+                     "." + std::to_string(req->instance) + (req->xfer == SSE_XFER_BYTE ? " --" : hex(req->cmd));
+  for (size_t i = 0; i < (req->xfer == SSE_XFER_WORD_DATA ? 2 : 1); ++i) {
+    if (read) req->data[i] = sse.taken < sse.input.size() ? sse.input[sse.taken++] : 0xEE;
+    if (!read) line += hex(req->data[i]);
+  }
+  sse.log.push_back(line);
+  return sse.calls++ == sse.fail_at ? -6 : sse.result;
+}
+
+namespace {
+
+// The first `count` requests, or all there are.
+lines first(const lines &requests, size_t count) {
+  return {requests.begin(), requests.begin() + static_cast<ptrdiff_t>(std::min(count, requests.size()))};
+}
 
 int32_t we_hook() {
   sse.log.emplace_back("we");
@@ -34,240 +83,240 @@ int32_t wd_hook() {
   return -5;
 }
 
-constexpr smb_dev_t dev{"/dev/i2c-1", 0x52, 0, 2, 1, 0};
-constexpr smb_dev_t bp_dev{"/dev/i2c-1", 0x52, 0x1000, 2, 1, 0};
+constexpr smb_dev_t dev{"/dev/i2c-1", 0x52, 0x1000, 2, 1, 0};
 constexpr smb_acc_t acc{&dev, at24c512_rd, at24c512_wr};
-constexpr smb_acc_t bp_acc{&bp_dev, at24c512_rd, at24c512_wr};
+constexpr smb_dev_t gem{"/dev/i2c-7", 0x75, 0, 1, 2, 0};
 
 struct sprom_dev : testing::Test {
-  sprom_dev() : eeprom{(sse = {}).eeproms[{7, 0, 0}]} { routes.clear(); }
-  sse_double::eeprom &eeprom;
+  sprom_dev() { begin({}); }
   std::array<uint8_t, 512> cache{};
   sprom_t sup{&acc, we_hook, wd_hook, "SUPERVISOR", SPROM_TYPE_SUP, 0, cache.data()};
 
-  // A device with a supervisor image from offset 0.
-  bytes put_image() {
-    const bytes image = device_image(SPROM_TYPE_SUP);
-    std::copy(image.begin(), image.end(), eeprom.bytes.begin());
-    return image;
-  }
-  void fail_at(size_t n) {
-    sse.calls = 0;
-    sse.fail_at = n;
-    sse.log.clear();
+  static void begin(const bytes &input, size_t fail_at = SIZE_MAX, int32_t result = 0) {
+    sse = {.log = {}, .route = "", .input = input, .fail_at = fail_at, .result = result};
   }
 };
 
-TEST_F(sprom_dev, reads_by_one_address_and_single_bytes) {
-  eeprom.bytes[0x1036] = 0xA1;
-  eeprom.bytes[0x1037] = 0xA2;
-  bytes buf(3, 0x55);
-  sse.ok_result = 7;
-  EXPECT_EQ(at24c512_rd(&dev, 0x1036, 2, buf.data()), 7);
-  EXPECT_EQ(buf, (bytes{0xA1, 0xA2, 0x55}));
-  EXPECT_THAT(sse.log, ElementsAre("w 7:0.0 10 36", "r 7:0.0 -- a1", "r 7:0.0 -- a2"));
-  EXPECT_THAT(routes, ElementsAre("/dev/i2c-1 82", "/dev/i2c-1 82", "/dev/i2c-1 82"));
-
-  sse.log.clear();
-  EXPECT_EQ(at24c512_rd(&dev, 0x5FFFE, 0, nullptr), 7);
-  EXPECT_THAT(sse.log, ElementsAre("w 7:0.0 ff fe"));
+TEST_F(sprom_dev, reads_an_eeprom_by_one_address_and_single_bytes) {
+  for (size_t fail_at = 0; fail_at <= 3; ++fail_at) {
+    begin({0xA1, 0xA2}, fail_at, 7);
+    bytes buf(3, 0x55);
+    EXPECT_EQ(at24c512_rd(&dev, 0x1FE36, 2, buf.data()), fail_at < 3 ? -6 : 7);
+    const lines all{"w 7:0.0 fe 36", "r 7:0.0 --", "r 7:0.0 --"};
+    EXPECT_EQ(sse.log, first(all, fail_at + 1));
+    EXPECT_EQ(fail_at > 1 ? buf[0] : 0xA1, 0xA1);
+    EXPECT_EQ(fail_at > 2 ? buf[1] : 0xA2, 0xA2);
+    EXPECT_EQ(buf[2], 0x55);
+  }
+  begin({}, SIZE_MAX, 7);
+  EXPECT_EQ(at24c512_rd(&dev, 0x12, 0, nullptr), 7);
+  EXPECT_THAT(sse.log, ElementsAre("w 7:0.0 00 12"));
 }
 
 TEST_F(sprom_dev, writes_each_byte_at_its_own_address) {
   const bytes buf{0xB1, 0xB2, 0xB3};
-  sse.ok_result = 7;
-  EXPECT_EQ(at24c512_wr(&dev, 0x12FE, 3, buf.data()), 0);
-  EXPECT_EQ(at24c512_wr(&dev, 0x1FFFF, 2, buf.data()), 0);
+  for (size_t fail_at = 0; fail_at <= 3; ++fail_at) {
+    begin({}, fail_at, 7);
+    EXPECT_EQ(at24c512_wr(&dev, 0x5FFFE, 3, buf.data()), fail_at < 3 ? -6 : 0);
+    const lines all{"w 7:0.0 ff fe b1", "w 7:0.0 ff ff b2", "w 7:0.0 00 00 b3"};
+    EXPECT_EQ(sse.log, first(all, fail_at + 1));
+  }
+  begin({});
   EXPECT_EQ(at24c512_wr(&dev, 0, 0, nullptr), 0);
-  EXPECT_THAT(sse.log, ElementsAre("w 7:0.0 12 fe b1", "w 7:0.0 12 ff b2", "w 7:0.0 13 00 b3",  //
-                                   "w 7:0.0 ff ff b1", "w 7:0.0 00 00 b2"));
+  EXPECT_EQ(sse.calls, 0U);
 }
 
-TEST_F(sprom_dev, ends_at_the_first_failing_transaction) {
-  for (size_t n = 0; n <= 4; ++n) {
-    fail_at(n);
-    bytes buf(4, 0x55);
-    EXPECT_EQ(at24c512_rd(&dev, 0x20, 4, buf.data()), -6);
-    EXPECT_EQ(sse.log.size(), n + 1);
-    bytes expected(4, 0x55);
-    std::fill_n(expected.begin(), n > 0 ? n - 1 : 0, 0xFF);
-    EXPECT_EQ(buf, expected);
-  }
-  const bytes data{1, 2, 3, 4};
-  for (size_t n = 0; n < 4; ++n) {
-    std::fill_n(eeprom.bytes.begin(), 6, 0xFF);
-    fail_at(n);
-    EXPECT_EQ(at24c512_wr(&dev, 1, 4, data.data()), -6);
-    EXPECT_EQ(sse.log.size(), n + 1);
-    bytes expected(6, 0xFF);
-    std::copy_n(data.begin(), n, &expected[1]);
-    EXPECT_EQ(bytes(eeprom.bytes.begin(), eeprom.bytes.begin() + 6), expected);
+TEST_F(sprom_dev, knows_devices_by_address_and_whole_path) {
+  constexpr const char *unterminated = "/dev/i2c-1/dev/i2c-1/dev/i2c-1/dev/i";
+  // clang-format off
+  const std::array<const char *, 7> rows[]{
+      // path         EEPROM 0x74   0x75   0x76   0x26   0x27
+      {"/dev/i2c-1",  "0.0", "0.4", "0.5", "0.6", "0.3", "0.5"},
+      {"/dev/i2c-17", "0.1", "0.4", "0.5", "0.6", "0.3", "0.5"},
+      {"/dev/i2c-23", "1.0", "0.4", "0.5", "0.6", "0.3", "0.5"},
+      {"/dev/i2c-4",  "2.0", "0.0", "0.1", "0.2", "0.0", "0.5"},
+      {"/dev/i2c-8",  "2.0", "0.4", "0.3", "0.8", "0.1", "0.2"},
+      {"/dev/i2c-24", "2.0", "0.4", "0.7", "0.9", "0.4", "0.5"},
+      {"/dev/i2c-2",  "2.0", "0.4", "0.5", "0.6", "0.3", "0.5"},
+      {"/dev/i2c-10", "2.0", "0.4", "0.5", "0.6", "0.3", "0.5"},
+      {"/dev/i2c-40", "2.0", "0.4", "0.5", "0.6", "0.3", "0.5"},
+      {unterminated,  "2.0", "0.4", "0.5", "0.6", "0.3", "0.5"},
+      {"",            "2.0", "0.4", "0.5", "0.6", "0.3", "0.5"}};
+  // clang-format on
+  uint16_t pair = 0xBEEF;
+  uint8_t buf[2];
+  for (const auto &[path, eeprom, at_74, at_75, at_76, at_26, at_27] : rows) {
+    SCOPED_TRACE(path);
+    smb_dev_t any{"", 0, 0, 1, 1, 0};
+    std::memcpy(any.path, path, std::strlen(path));
+    const auto check = [&](int32_t result, const std::string &type, const char *id, const std::string &request) {
+      EXPECT_EQ(result, id == nullptr ? -1 : -6);
+      const std::string line = request.substr(0, 2) + type + (id != nullptr ? id : "") + request.substr(1);
+      EXPECT_EQ(sse.log, id == nullptr ? lines{} : lines{line});
+      EXPECT_EQ(sse.route, id == nullptr ? "" : route_to(any));
+      begin({}, 0);
+    };
+    begin({}, 0);
+    for (any.addr = 0x50; any.addr < 0x58; ++any.addr)
+      check(at24c512_rd(&any, 0x102, 0, nullptr), "7:", eeprom, "w 01 02");
+    using addressed = std::pair<uint32_t, const char *>;
+    for (const auto &[addr, id] : {addressed{0x74, at_74},
+                                   {0x75, at_75},
+                                   {0x76, at_76},
+                                   {0x73, nullptr},
+                                   {0x77, nullptr},
+                                   {0x174, nullptr},
+                                   {0x26, nullptr}}) {
+      any.addr = addr;
+      check(pca9539_wr(&any, 2, 0, &pair), "15:", id, "w 02 ef be");
+      check(pca9539_write_reg(&any, 3, 0x12345678), "15:", id, "w 03 78 56");
+      check(pca9539_reg_rd(&any, 0), "15:", id, "r 00");
+      check(pca9539_init(&any, 0, 0, 0), "15:", id, "r 02");
+      check(pca9539_rd(&any, 7, 2, buf), "15:", id, "r 07");
+    }
+    for (const auto &[addr, id] :
+         {addressed{0x26, at_26}, {0x27, at_27}, {0x25, nullptr}, {0x28, nullptr}, {0x76, nullptr}}) {
+      any.addr = addr;
+      check(pca8575_wr(&any, 9, 0, &pair), "16:", id, "w ef be");
+      check(pca8575_rd(&any, 9, 0, buf), "16:", id, "r 00");
+    }
   }
 }
 
-TEST_F(sprom_dev, knows_eeproms_by_their_whole_path) {
-  smb_dev_t unterminated{"", 0x52, 0, 2, 1, 0};
-  std::memset(unterminated.path, '1', sizeof unterminated.path);
-  const std::pair<smb_dev_t, const char *> cases[]{
-      {{"/dev/i2c-1", 0x10, 0, 2, 1, 0}, "w 7:0.0 00 00 !"},
-      {{"/dev/i2c-17", 0, 0, 2, 1, 0}, "w 7:0.1 00 00 !"},
-      {{"/dev/i2c-23", 0, 9, 2, 1, 0}, "w 7:1.0 00 00 !"},
-      {{"/dev/i2c-7", 0, 0, 2, 1, 0}, "w 7:2.0 00 00 !"},
-      {{"/dev/i2c-10", 0, 0, 2, 1, 0}, "w 7:2.0 00 00 !"},
-      {{"/dev/i2c-2", 0, 0, 2, 1, 0}, "w 7:2.0 00 00 !"},
-      {{"", 0, 0, 2, 1, 0}, "w 7:2.0 00 00 !"},
-      {unterminated, "w 7:2.0 00 00 !"},
-  };
-  sse.eeproms.clear();
-  for (const auto &[device, expected] : cases) {
-    sse.log.clear();
-    EXPECT_EQ(at24c512_rd(&device, 0, 0, nullptr), -6);
-    EXPECT_THAT(sse.log, ElementsAre(expected));
+TEST_F(sprom_dev, moves_register_pairs_port_0_first) {
+  for (const int32_t result : {4, -6}) {
+    begin({0x16, 0x17, 0xAB, 0xCD}, SIZE_MAX, result);
+    uint16_t pair = 0, ports = 0;
+    EXPECT_EQ(pca9539_rd(&gem, 6, 99, &pair), result);
+    EXPECT_EQ(pair, 0x1716);  // stored whatever the result
+    const smb_dev_t port_dev{"/dev/i2c-8", 0x26, 0, 1, 2, 0};
+    EXPECT_EQ(pca8575_rd(&port_dev, 5, 1, &ports), result);
+    EXPECT_EQ(ports, 0xCDAB);
+    EXPECT_EQ(pca9539_wr(&gem, 4, 1, &pair), result);
+    EXPECT_EQ(pca9539_write_reg(&gem, 2, 0xFFFF0108), result);
+    EXPECT_EQ(pca8575_wr(&port_dev, 5, 1, &ports), result);
+    EXPECT_THAT(sse.log,
+                ElementsAre("r 15:0.5 06", "r 16:0.1 00", "w 15:0.5 04 16 17", "w 15:0.5 02 08 01", "w 16:0.1 ab cd"));
   }
+  begin({0xFE, 0x01});
+  EXPECT_EQ(pca9539_reg_rd(&gem, 5), 0xFE);
+  EXPECT_THAT(sse.log, ElementsAre("r 15:0.5 05"));
 }
 
-TEST_F(sprom_dev, adds_the_base_and_restores_write_protection_whatever_the_write_did) {
-  sprom_t bp{&bp_acc, we_hook, wd_hook, "BACKPLANE", SPROM_TYPE_BP, 0, nullptr};
+TEST_F(sprom_dev, sets_up_pins_level_before_direction) {
+  const bytes before{0x0F, 0xF0, 0xFF, 0xFF, 0x00, 0xFF};
+  const lines all{"r 15:0.5 02",       "w 15:0.5 02 0a f1", "r 15:0.5 06",
+                  "w 15:0.5 06 fb fe", "r 15:0.5 04",       "w 15:0.5 04 01 fe"};
+  for (size_t fail_at = 0; fail_at <= all.size(); ++fail_at) {
+    begin(before, fail_at, 4);
+    EXPECT_EQ(pca9539_init(&gem, 0x0105, 0xFF5A, 0x0001), fail_at < all.size() ? -6 : 0);
+    EXPECT_EQ(sse.log, first(all, fail_at + 1));
+  }
+  begin(before);
+  EXPECT_EQ(pca9539_init(&gem, 0, 0xFFFF, 0xFFFF), 0);
+  EXPECT_THAT(sse.log, ElementsAre("r 15:0.5 02", "w 15:0.5 02 0f f0", "r 15:0.5 06", "w 15:0.5 06 ff ff",
+                                   "r 15:0.5 04", "w 15:0.5 04 00 ff"));
+}
+
+TEST_F(sprom_dev, adds_the_base_and_wraps_a_write_in_its_hooks) {
   bytes buf{0x11, 0x22};
-  sse.ok_result = 3;
-  EXPECT_EQ(diag_sprom_wr(&bp, 0x36, 2, buf.data()), 0);
-  EXPECT_EQ(diag_sprom_rd(&bp, 0x37, 1, buf.data()), 3);
-  EXPECT_THAT(sse.log,
-              ElementsAre("we", "w 7:0.0 10 36 11", "w 7:0.0 10 37 22", "wd", "w 7:0.0 10 37", "r 7:0.0 -- 22"));
-  EXPECT_EQ(buf[0], 0x22);
-
-  fail_at(1);
-  EXPECT_EQ(diag_sprom_wr(&bp, 0, 2, buf.data()), -6);
-  EXPECT_THAT(sse.log, ElementsAre("we", "w 7:0.0 10 00 22", "w 7:0.0 10 01 22 !", "wd"));
-
-  bp.we = bp.wd = nullptr;
-  fail_at(SIZE_MAX);
-  EXPECT_EQ(diag_sprom_wr(&bp, 0, 1, buf.data()), 0);
-  EXPECT_THAT(sse.log, ElementsAre("w 7:0.0 10 00 22"));
+  begin({0x33}, SIZE_MAX, 3);
+  EXPECT_EQ(diag_sprom_wr(&sup, 0x36, 2, buf.data()), 0);
+  EXPECT_EQ(diag_sprom_rd(&sup, 0x37, 1, buf.data()), 3);
+  EXPECT_THAT(sse.log, ElementsAre("we", "w 7:0.0 10 36 11", "w 7:0.0 10 37 22", "wd", "w 7:0.0 10 37", "r 7:0.0 --"));
+  EXPECT_EQ(buf[0], 0x33);
+  begin({}, 0);
+  EXPECT_EQ(diag_sprom_wr(&sup, 0, 2, buf.data()), -6);
+  EXPECT_THAT(sse.log, ElementsAre("we", "w 7:0.0 10 00 33", "wd"));
+  sup.we = sup.wd = nullptr;
+  begin({});
+  EXPECT_EQ(diag_sprom_wr(&sup, 0, 1, buf.data()), 0);
+  EXPECT_THAT(sse.log, ElementsAre("w 7:0.0 10 00 33"));
 }
 
 TEST_F(sprom_dev, serves_the_cache_until_the_image_is_written) {
-  put_image();
-  sse.ok_result = 1;
-  const bytes host = host_image(SPROM_TYPE_SUP);
+  const bytes device = device_image(SPROM_TYPE_SUP);
   bytes buf(334);
-  EXPECT_EQ(sprom_read(&sup, buf.data()), 0);
-  EXPECT_EQ(buf, host);
-  EXPECT_EQ(sup.valid, 1U);
-  EXPECT_EQ(sse.calls, 335U);
-  std::fill(buf.begin(), buf.end(), 0);
-  EXPECT_EQ(sprom_read(&sup, buf.data()), 0);
-  EXPECT_EQ(buf, host);
-  EXPECT_EQ(sse.calls, 335U);
-
-  buf[60] = 'Q';
-  EXPECT_EQ(sprom_write(&sup, buf.data()), 0);
-  EXPECT_EQ(sup.valid, 0U);
-  EXPECT_EQ(sse.calls, 335U + 334U);
-  bytes device = device_image(SPROM_TYPE_SUP);
-  device[60] = 'Q';
-  EXPECT_EQ(buf, device);  // left in device order
-  EXPECT_EQ(bytes(eeprom.bytes.begin(), eeprom.bytes.begin() + 334), device);
-  EXPECT_EQ(eeprom.bytes[334], 0xFF);
-  EXPECT_EQ(sprom_read(&sup, buf.data()), 0);
-  EXPECT_EQ(buf[60], 'Q');
-  EXPECT_EQ(sse.calls, 335U + 334U + 335U);
-}
-
-TEST_F(sprom_dev, reads_the_device_every_time_without_a_cache) {
-  put_image();
-  sup.buf = nullptr;
-  sse.ok_result = 1;
-  for (const size_t calls : {335U, 670U}) {
-    bytes buf(335, 0x55);
-    EXPECT_EQ(sprom_read(&sup, buf.data()), 0);
-    buf.pop_back();
-    EXPECT_EQ(buf, host_image(SPROM_TYPE_SUP));
-    EXPECT_EQ(sse.calls, calls);
-    EXPECT_EQ(sup.valid, 0U);
+  for (const bool with_cache : {true, false}) {
+    if (!with_cache) sup.buf = nullptr;
+    bytes twice = device;
+    twice.insert(twice.end(), device.begin(), device.end());
+    begin(twice, SIZE_MAX, 1);
+    for (size_t reads = 1; reads <= 2; ++reads) {
+      std::fill(buf.begin(), buf.end(), 0);
+      EXPECT_EQ(sprom_read(&sup, buf.data()), 0);
+      EXPECT_EQ(buf, host_image(SPROM_TYPE_SUP));
+      EXPECT_EQ(sup.valid, with_cache ? 1U : 0U);
+      EXPECT_EQ(sse.calls, with_cache ? 335U : 335U * reads);
+    }
+    // A write that fails keeps the cache, one that succeeds drops it. The image stays in device order.
+    for (const size_t fail_at : {size_t{333}, SIZE_MAX}) {
+      begin({}, fail_at, 1);
+      buf = host_image(SPROM_TYPE_SUP);
+      EXPECT_EQ(sprom_write(&sup, buf.data()), fail_at == 333 ? -6 : 0);
+      EXPECT_EQ(sup.valid, with_cache && fail_at == 333 ? 1U : 0U);
+      EXPECT_EQ(buf, device);
+      ASSERT_EQ(sse.log.size(), 336U);
+      EXPECT_EQ(sse.log[1], "w 7:0.0 10 00 ab");
+      EXPECT_EQ(sse.log[334], "w 7:0.0 11 4d" + hex(device[333]));
+    }
   }
-  fail_at(300);
-  bytes buf(334);
-  EXPECT_EQ(sprom_read(&sup, buf.data()), -6);
 }
 
-TEST_F(sprom_dev, keeps_the_callers_image_when_a_cached_read_fails_at_any_transaction) {
-  put_image();
+TEST_F(sprom_dev, keeps_the_callers_image_when_a_cached_read_fails) {
   for (size_t n = 0; n <= 334; ++n) {
-    fail_at(n);
+    begin(device_image(SPROM_TYPE_SUP), n);
     bytes buf(334, 0x55);
     ASSERT_EQ(sprom_read(&sup, buf.data()), -6);
     ASSERT_EQ(buf, bytes(334, 0x55));
     ASSERT_EQ(sup.valid, 0U);
     ASSERT_EQ(sse.calls, n + 1);
   }
-  fail_at(SIZE_MAX);
+  begin({}, 334);
+  sup.buf = nullptr;
   bytes buf(334);
-  EXPECT_EQ(sprom_read(&sup, buf.data()), 0);
-  EXPECT_EQ(buf, host_image(SPROM_TYPE_SUP));
-}
-
-TEST_F(sprom_dev, stops_a_write_at_any_transaction_with_protection_back_on) {
-  const bytes device = device_image(SPROM_TYPE_SUP);
-  for (size_t n = 0; n < 334; ++n) {
-    std::fill_n(eeprom.bytes.begin(), 334, 0xFF);
-    sup.valid = n % 2;
-    fail_at(n);
-    bytes buf = host_image(SPROM_TYPE_SUP);
-    ASSERT_EQ(sprom_write(&sup, buf.data()), -6);
-    ASSERT_EQ(sup.valid, n % 2);
-    ASSERT_EQ(sse.log.size(), n + 3);
-    ASSERT_EQ(sse.log.front(), "we");
-    ASSERT_EQ(sse.log.back(), "wd");
-    bytes expected(334, 0xFF);
-    std::copy_n(device.begin(), n, expected.begin());
-    ASSERT_EQ(bytes(eeprom.bytes.begin(), eeprom.bytes.begin() + 334), expected);
-  }
+  EXPECT_EQ(sprom_read(&sup, buf.data()), -6);
 }
 
 TEST_F(sprom_dev, moves_each_kind_in_its_size_and_none_without_one) {
-  const std::pair<uint32_t, int32_t> cases[]{{0, -22},
-                                             {SPROM_TYPE_SUP, 334},
-                                             {SPROM_TYPE_BP, 471},
-                                             {SPROM_TYPE_LC, 263},
-                                             {SPROM_TYPE_PS, 196},
-                                             {SPROM_TYPE_DIMM, -22},
-                                             {SPROM_TYPE_FAN, -22},
-                                             {7, -22},
-                                             {0xFFFFFFFF, -22}};
+  const std::pair<uint32_t, int32_t> cases[]{{0, -22}, {1, 334}, {2, 471}, {3, 263},         {4, 196},
+                                             {5, -22}, {6, -22}, {7, -22}, {UINT32_MAX, -22}};
   for (const auto &[type, size] : cases) {
     SCOPED_TRACE(type);
-    sprom_t sprom{&bp_acc, we_hook, wd_hook, "LC 2", type, 0, cache.data()};
+    sprom_t sprom{&acc, we_hook, wd_hook, "LC 2", type, 0, cache.data()};
     EXPECT_EQ(sprom_get_size(&sprom), size);
     EXPECT_STREQ(sprom_get_name(&sprom), "LC 2");
     bytes image(512);
     std::iota(image.begin(), image.end(), uint8_t{0});
     const bytes before = image;
-    fail_at(SIZE_MAX);
-    const int32_t result = size < 0 ? -22 : 0;
-    const size_t transfers = size < 0 ? 0 : static_cast<size_t>(size);
-    EXPECT_EQ(sprom_write(&sprom, image.data()), result);
+    begin({});
+    const auto transfers = static_cast<size_t>(std::max(size, 0));
+    EXPECT_EQ(sprom_write(&sprom, image.data()), std::min(size, 0));
     EXPECT_EQ(sse.calls, transfers);
     EXPECT_EQ(image == before, size < 0);
-    EXPECT_EQ(sprom_read(&sprom, image.data()), result);
+    EXPECT_EQ(sprom_read(&sprom, image.data()), std::min(size, 0));
     EXPECT_EQ(sse.calls, size < 0 ? 0 : 2 * transfers + 1);
-    EXPECT_EQ(image, before);
   }
 }
 
-TEST_F(sprom_dev, names_the_records_own_bus_before_each_transaction) {
-  sse.pca9539s[{15, 0, 5}] = {};
-  sse.pca8575s[{16, 0, 5}] = {};
-  const smb_dev_t gem{"/dev/i2c-23", 0x75, 0, 1, 2, 0};
-  const smb_dev_t port{"/dev/i2c-9", 0x27, 0, 1, 2, 0};
-  uint16_t pair = 0;
-  EXPECT_EQ(pca9539_init(&gem, 0, 0, 0), 0);
-  EXPECT_EQ(pca8575_rd(&port, 0, 0, &pair), 0);
-  EXPECT_EQ(pca8575_wr(&port, 0, 0, &pair), 0);
-  EXPECT_EQ(sse.log.size(), 8U);
-  std::vector<std::string> expected(6, "/dev/i2c-23 117");
-  expected.insert(expected.end(), 2, "/dev/i2c-9 39");
-  EXPECT_EQ(routes, expected);
+TEST_F(sprom_dev, takes_positive_results_of_the_service_for_success) {
+  begin({0x3F, 0xFF}, SIZE_MAX, 5);
+  EXPECT_EQ(sprom_platform_probe_pellin(), 0);
+  begin({0x3F, 0xFF, 0xFF, 0xBF}, 0, 5);  // the failed read's data do not count
+  EXPECT_EQ(sprom_platform_probe_tosk(), 2);
+  EXPECT_THAT(sse.log, ElementsAre("r 15:0.8 00", "r 16:0.1 00"));
+  begin({0x1F, 0xA5, 0x5A, 0xC3, 0x52, 0xC3}, SIZE_MAX, 5);
+  EXPECT_EQ(velto_quellrim_gem_sprom_we(), 5);
+  EXPECT_EQ(velto_quellrim_gem_sprom_wd(), 5);
+  EXPECT_THAT(sse.log, ElementsAre("r 15:0.5 06", "w 15:0.5 06 17 a5", "r 15:0.5 02", "w 15:0.5 02 52 c3",
+                                   "r 15:0.5 02", "w 15:0.5 02 5a c3"));
+  begin({1, 2, 3, 4, 5, 6, 7, 8, 0x2A, 0xFB}, SIZE_MAX, 5);
+  uint64_t hw_change = 0;
+  uint16_t card_index = 0;
+  EXPECT_EQ(sprom_get_hw_change(&sup, &hw_change), 5);
+  EXPECT_EQ(hw_change, 0x0102030405060708U);
+  EXPECT_EQ(sprom_get_card_index(&sup, &card_index), 5);
+  EXPECT_EQ(card_index, 0x2AFB);
 }
 
 }  // namespace

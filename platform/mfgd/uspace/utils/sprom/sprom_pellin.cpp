@@ -52,11 +52,6 @@ constexpr smb_acc_t ps_acc[]{{&ps_dev[0],     at24c512_rd, at24c512_wr},
 constexpr smb_acc_t dimm_acc[]{
                              {&dimm_dev[0],   at24c512_rd, at24c512_wr},
                              {&dimm_dev[1],   at24c512_rd, at24c512_wr}};
-constexpr smb_acc_t pca9539_gem_acc[]{
-                             {&gem_dev[0],    pca9539_rd,  pca9539_wr},
-                             {&gem_dev[1],    pca9539_rd,  pca9539_wr}};
-constexpr smb_acc_t pca9539_mezz_acc
-                             {&mezz_dev,      pca9539_rd,  pca9539_wr};
 // clang-format on
 
 constinit std::array<uint8_t, SPROM_SIZE_BP> bp_buf{};
@@ -87,6 +82,12 @@ uint16_t mezz_pin() {
 extern "C" {
 
 // clang-format off
+const smb_acc_t pca9539_gem_acc[2]{
+    {&gem_dev[0],  pca9539_rd, pca9539_wr},
+    {&gem_dev[1],  pca9539_rd, pca9539_wr}};
+const smb_acc_t pca9539_mezz_acc
+    {&mezz_dev,    pca9539_rd, pca9539_wr};
+
 constinit sprom_t pellin_sprom_bp
     {&bp_acc,      velto_or_sprom_we, velto_or_sprom_wd, "BACKPLANE",  SPROM_TYPE_BP,   0, bp_buf.data()};
 constinit sprom_t pellin_sprom_sup

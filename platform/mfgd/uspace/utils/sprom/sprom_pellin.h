@@ -6,6 +6,10 @@
 extern "C" {
 extern const smb_dev_t pellin_bp_dev;  // device of the backplane SPROM
 
+// The expanders with the write-protect pins of the modules in slots 2 and 3 and of the mezzanine.
+extern const smb_acc_t pca9539_gem_acc[2];
+extern const smb_acc_t pca9539_mezz_acc;
+
 // The power supplies and DIMMs have no write protection. The DIMM descriptors share one cache, and are reached through
 // their table only.
 extern sprom_t pellin_sprom_bp;

@@ -1,0 +1,446 @@
+// The board families and the queries on boards in this process, compared with what went over their buses.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <functional>
+#include <sstream>
+
+#include "platform/mfgd/uspace/utils/sprom/at24c512.h"
+#include "platform/mfgd/uspace/utils/sprom/sprom_api.h"
+#include "platform/mfgd/uspace/utils/sprom/sprom_dev.h"
+#include "platform/mfgd/uspace/utils/sprom/sprom_pellin.h"
+#include "platform/mfgd/uspace/utils/sprom/sprom_tosk.h"
+#include "tests/support/board.h"
+#include "tests/unit/sprom_image.h"
+
+namespace {
+
+using testing::HasSubstr;
+using words = std::vector<std::string>;
+
+std::string joined(const words &parts) {
+  std::string all;
+  for (const std::string &part : parts)
+    if (!part.empty()) all += (all.empty() ? "" : "; ") + part;
+  return all;
+}
+
+// A board with its bus log. Each stands in a process of its own, with descriptors and bus devices as at the start.
+class logged_board {
+ public:
+  explicit logged_board(const words &args) : board_(args, "trace") {}
+
+  // What went over the buses since the last call, as "8:76 w 00; 8:76 r 3fff; port r 6b5a3c41": bus and address of the
+  // device, direction, bytes in their order on the wire; W and R if it failed. An EEPROM's single bytes are counted, as
+  // in "1:52 r*334"; what it does not answer is left out, as it may be busy.
+  std::string log() {
+    const std::string text = read_file(board_.file("trace"));
+    std::istringstream lines(text.substr(seen_));
+    seen_ = text.size();
+    words entries;
+    std::string counted, seconds, device, kind, width, offset, data;
+    size_t count = 0;
+    while (lines >> seconds >> device >> kind >> width >> offset >> data) {
+      if (device.starts_with("i2c-")) device.erase(0, 4);
+      const bool eeprom = device.find(":5") != std::string::npos;
+      if (eeprom && (kind == "W" || kind == "R")) continue;
+      const bool single = eeprom && (kind == "r" || width == "24");
+      const std::string head = device + " " + kind;
+      count = single && head == counted ? count + 1 : 1;
+      if (count > 1) entries.pop_back();
+      counted = single ? head : "";
+      entries.push_back(single ? head + "*" + std::to_string(count) : head + " " + data.substr(2));
+    }
+    return joined(entries);
+  }
+  [[nodiscard]] std::vector<uint8_t> eeprom(const std::string &name) const {
+    const std::string bytes = read_file(board_.file(("eeprom-" + name).c_str()));
+    return {bytes.begin(), bytes.end()};
+  }
+
+ private:
+  test_board board_;
+  size_t seen_ = 0;
+};
+
+void on_board(const words &args, const std::function<void(logged_board &)> &code) {
+  (void)setenv("BOARD_SIM_TSC_KHZ", "1000000", 1);  // nothing here looks at it, and measuring takes long
+  isolated([&] {
+    logged_board board(args);
+    code(board);
+  });
+}
+
+words with(words args, const std::string &fault) {
+  if (!fault.empty()) args.push_back("--fault=" + fault);
+  return args;
+}
+
+// The descriptors.
+
+std::string text_of(const smb_dev_t &dev) {
+  char text[128];
+  (void)snprintf(text, sizeof text, "%s:%x+%x, %u:%u:%u", dev.path, dev.addr, dev.base, dev.addr_len, dev.data_len,
+                 dev.flags);
+  return text;
+}
+std::string text_of(const sprom_t &sprom) {
+  return std::string{sprom.name} + ", " + std::to_string(sprom.type) + ", " + text_of(*sprom.smb_acc->dev) +
+         (sprom.we != nullptr && sprom.wd != nullptr ? ", hooks" : ", none") +
+         (sprom.buf != nullptr ? ", cache" : ", none");
+}
+
+TEST(sprom_families, have_their_sproms_where_the_records_say) {
+  const std::pair<const sprom_t *, const char *> rows[]{
+      {&pellin_sprom_bp, "BACKPLANE, 2, /dev/i2c-1:52+1000, 2:1:0, hooks, cache"},
+      {&pellin_sprom_sup, "SUPERVISOR, 1, /dev/i2c-1:52+0, 2:1:0, hooks, cache"},
+      {&pellin_sprom_lc[0], "DC 1, 3, /dev/i2c-17:52+0, 2:1:0, hooks, none"},
+      {&pellin_sprom_lc[1], "LC 2, 3, /dev/i2c-23:52+0, 2:1:0, hooks, none"},
+      {&pellin_sprom_lc[2], "LC 3, 3, /dev/i2c-7:52+0, 2:1:0, hooks, none"},
+      {&pellin_sprom_ps[0], "PS1, 4, /dev/i2c-6:52+0, 1:1:0, none, cache"},
+      {&pellin_sprom_ps[1], "PS2, 4, /dev/i2c-6:53+0, 1:1:0, none, cache"},
+      {&pellin_sprom_dimm[0], "DIMM0, 5, /dev/i2c-0:5e+0, 1:1:0, none, cache"},
+      {&pellin_sprom_dimm[1], "DIMM1, 5, /dev/i2c-0:55+0, 1:1:0, none, cache"},
+      {&tosk_sprom_bp, "BACKPLANE, 2, /dev/i2c-1:52+1000, 2:1:0, hooks, cache"},
+      {&tosk_sprom_sup, "SUPERVISOR, 1, /dev/i2c-1:52+0, 2:1:0, hooks, cache"},
+      {&tosk_sprom_lc[0], "LC 2, 3, /dev/i2c-7:52+0, 2:1:0, hooks, none"},
+      {&tosk_sprom_ps[0], "PS1, 4, /dev/i2c-6:52+0, 1:1:0, none, cache"},
+      {&tosk_sprom_ps[1], "PS2, 4, /dev/i2c-6:53+0, 1:1:0, none, cache"},
+      {&tosk_sprom_dimm[0], "DIMM0, 5, /dev/i2c-0:5e+0, 1:1:0, none, cache"},
+      {&tosk_sprom_dimm[1], "DIMM1, 5, /dev/i2c-0:55+0, 1:1:0, none, cache"}};
+  std::map<const uint8_t *, int> owners;
+  for (const auto &[sprom, expected] : rows) {
+    EXPECT_EQ(text_of(*sprom), expected);
+    EXPECT_EQ(sprom->valid, 0U);
+    EXPECT_EQ(sprom->smb_acc->smb_rd, at24c512_rd);
+    EXPECT_EQ(sprom->smb_acc->smb_wr, at24c512_wr);
+    if (sprom->buf != nullptr) ++owners[sprom->buf];
+  }
+  // Each cache has one owner but for the DIMMs'.
+  EXPECT_EQ(owners.size(), 10U);
+  EXPECT_EQ(owners[pellin_sprom_dimm[0].buf] + owners[tosk_sprom_dimm[0].buf], 4);
+  EXPECT_EQ(pellin_sprom_bp.smb_acc->dev, &pellin_bp_dev);
+  EXPECT_EQ(tosk_sprom_bp.smb_acc->dev, &tosk_bp_dev);
+  EXPECT_EQ(text_of(*pca9539_gem_acc[0].dev), "/dev/i2c-23:75+0, 1:2:0");
+  EXPECT_EQ(text_of(*pca9539_gem_acc[1].dev), "/dev/i2c-7:75+0, 1:2:0");
+  EXPECT_EQ(text_of(*pca9539_mezz_acc.dev), "/dev/i2c-20:76+0, 1:2:0");
+}
+
+TEST(sprom_families, answer_to_sprom_addresses) {
+  struct row {
+    uint32_t slot, index;
+    sprom_t *pellin, *tosk;
+  };
+  // clang-format off
+  const row rows[]{
+      {0, 0, &pellin_sprom_bp,    &tosk_sprom_bp},    {0, 1, &pellin_sprom_ps[0], &tosk_sprom_ps[0]},
+      {0, 2, &pellin_sprom_ps[1], &tosk_sprom_ps[1]}, {0, 3, nullptr, nullptr},   {0, UINT32_MAX, nullptr, nullptr},
+      {1, 0, nullptr, nullptr},                       {1, 1, &pellin_sprom_sup,   &tosk_sprom_sup},
+      {1, 2, &pellin_sprom_lc[0], nullptr},           {1, 3, nullptr, nullptr},
+      {2, 0, &pellin_sprom_lc[1], &tosk_sprom_lc[0]}, {2, 7, &pellin_sprom_lc[1], &tosk_sprom_lc[0]},
+      {3, 0, &pellin_sprom_lc[2], nullptr},           {3, UINT32_MAX, &pellin_sprom_lc[2], nullptr},
+      {4, 0, nullptr, nullptr},                       {UINT32_MAX, 1, nullptr, nullptr}};
+  // clang-format on
+  using get_slot = int32_t (*)(uint32_t, uint32_t *, uint32_t *);
+  const std::pair<get_slot, uint32_t> slots[]{
+      {sprom_get_slot_sup, 1}, {sprom_get_slot_bp, 0}, {sprom_get_slot_chassis, 0}};
+  for (const uint32_t platform : {0U, 1U, 2U, 3U, UINT32_MAX}) {
+    const bool known = platform == 0 || platform == 2;
+    for (const auto &[slot, index, pellin, tosk] : rows)
+      EXPECT_EQ(sprom_init(platform, slot, index), platform == 0 ? pellin : platform == 2 ? tosk : nullptr);
+    for (const auto &[get, expected] : slots) {
+      uint32_t slot = 77, index = 78;
+      EXPECT_EQ(get(platform, &slot, &index), known ? 0 : -22);
+      EXPECT_EQ(std::pair(slot, index), known ? std::pair(expected, expected) : std::pair(77U, 78U));
+    }
+  }
+}
+
+// The probes.
+
+// What a probe does on the buses to see the straps, then the supervisor's image.
+constexpr const char *straps_0 = "8:76 w 00; 8:76 r 3fff";
+constexpr const char *straps_1 = "8:76 w 00; 8:76 r 7fff";
+constexpr const char *straps_2 = "8:76 w 00; 8:76 r bfff";
+constexpr const char *straps_3 = "8:76 w 00; 8:76 r ffff";
+constexpr const char *image_read = "1:52 w 0000; 1:52 r*334";
+constexpr const char *no_9539 = "i2c-fail bus=8 addr=0x76 times=0";
+constexpr const char *bad_image = "sprom-corrupt image=sup block=main offset=8 xor=3";
+constexpr const char *bad_image_line = "Supervisor Main block checksum mismatch.  Found 0x01f5, expected 0x01f8.\n";
+
+struct board_case {
+  uint32_t card;
+  const char *straps;  // their fault
+  const char *fault;
+  const char *transfers;                  // of either probe, first
+  const char *pellin_reads, *tosk_reads;  // then of one
+  int32_t pellin, tosk, platform;
+};
+// clang-format off
+const board_case boards[]{
+    // card  faults                            transfers                      pellin      tosk        results
+    {11004, "straps value=0", "",              straps_0,                      "",         image_read, 0,    2,    0},
+    {11003, "straps value=2", "",              straps_2,                      image_read, "",         0,    2,    0},
+    {11004, "straps value=2", "",              straps_2,                      image_read, "",         -22,  2,    2},
+    {11003, "straps value=1", "",              straps_1,                      image_read, image_read, 0,    -22,  0},
+    {11005, "straps value=3", "",              straps_3,                      image_read, image_read, 0,    -22,  0},
+    {11006, "straps value=3", "",              straps_3,                      image_read, image_read, 0,    -22,  0},
+    {11007, "straps value=3", "",              straps_3,                      image_read, image_read, 0,    -22,  0},
+    {11008, "straps value=3", "",              straps_3,                      image_read, image_read, 0,    -22,  0},
+    {11004, "straps value=1", "",              straps_1,                      image_read, image_read, -22,  2,    2},
+    {11002, "straps value=3", "",              straps_3,                      image_read, image_read, -22,  -22,  -22},
+    {11009, "straps value=3", "",              straps_3,                      image_read, image_read, -22,  -22,  -22},
+    {11004, "straps value=3", bad_image,       straps_3,                      image_read, image_read, -22,  -22,  -22},
+    {11004, "straps value=2", "i2c-fail bus=1 addr=0x52 times=0 errno=110",
+                                               straps_2,                      "",         "",         -110, 2,    2},
+    {11004, "straps value=0", no_9539,         "8:76 W 00; 8:26 r ff3f",      "",         image_read, 0,    2,    0},
+    {11004, "straps value=2", no_9539,         "8:76 W 00; 8:26 r ffbf",      image_read, "",         -22,  2,    2},
+    {11008, "straps value=1", no_9539,         "8:76 W 00; 8:26 r ff7f",      image_read, image_read, 0,    -22,  0},
+    // With neither expander, the second one's result is told.
+    {11003, no_9539, "i2c-fail bus=8 addr=0x26 times=0 errno=110",
+                                               "8:76 W 00; 8:26 R 0",         "",         "",         -110, -110, -22},
+};
+// clang-format on
+
+TEST(sprom_families, are_recognised_by_straps_and_card_index) {
+  for (const board_case &c : boards) {
+    SCOPED_TRACE(std::to_string(c.card) + ", " + c.straps + ", " + c.fault);
+    const words args = with(with({"--family=pellin", "--card=" + std::to_string(c.card)}, c.straps), c.fault);
+    const std::string lines = c.fault == std::string{bad_image} ? bad_image_line : "";
+    const std::string pellin = joined({c.transfers, c.pellin_reads});
+    const std::string tosk = joined({c.transfers, c.tosk_reads});
+    on_board(args, [&](logged_board &board) {
+      EXPECT_EQ(printed([&] { EXPECT_EQ(sprom_platform_probe_tosk(), c.tosk); }), lines);
+      EXPECT_EQ(board.log(), tosk);
+      EXPECT_EQ(printed([&] { EXPECT_EQ(sprom_platform_probe_pellin(), c.pellin); }), lines);
+      EXPECT_EQ(board.log(), pellin);
+    });
+    on_board(args, [&](logged_board &board) {
+      const std::string output = lines + lines + (c.platform < 0 ? " platform undefined" : "");
+      EXPECT_EQ(printed([&] { EXPECT_EQ(sprom_get_platform(), c.platform); }), output);
+      EXPECT_EQ(board.log(), joined({pellin, c.pellin != 0 ? tosk : ""}));
+      // An image once read stands in the family's cache, a bad one too.
+      EXPECT_EQ(printed([&] { EXPECT_EQ(sprom_get_platform(), c.platform); }), output);
+      EXPECT_EQ(board.log(), joined({c.transfers, c.pellin != 0 ? c.transfers : ""}));
+    });
+  }
+}
+
+// Writing.
+
+// The transactions of an SPROM's hooks. The protect pin is high and an input at power-on; `again` is what we does once
+// it is an output.
+struct hooks {
+  words we, again, wd;
+};
+// An expander's: what its pairs hold with the pin low.
+hooks pin_hooks(const std::string &dev, const std::string &low) {
+  const std::string config = dev + " w 06; " + dev + " r ";
+  const std::string output = dev + " w 02; " + dev + " r ";
+  return {{config + "ffff", dev + " w 06" + low, output + "ffff", dev + " w 02" + low},
+          {config + low, output + "ffff", dev + " w 02" + low},
+          {output + low, dev + " w 02ffff"}};
+}
+const words port_off{"port r 6b5a3c41", "port w 635a3c41"};
+const words port_on{"port r 635a3c41", "port w 6b5a3c41"};
+const hooks port_hooks{port_off, port_off, port_on};
+
+struct hook_case {
+  const char *family;
+  sprom_t *sprom;
+  const char *eeprom;
+  uint32_t base;
+  hooks expected;
+  const char *expander;
+};
+// clang-format off
+const hook_case hook_cases[]{
+    {"pellin", &pellin_sprom_sup,   "1-52",  0,      port_hooks,                 nullptr},
+    {"pellin", &pellin_sprom_bp,    "1-52",  0x1000, port_hooks,                 nullptr},
+    {"pellin", &pellin_sprom_lc[0], "17-52", 0,      pin_hooks("20:76", "fffd"), "bus=20 addr=0x76"},
+    {"pellin", &pellin_sprom_lc[1], "23-52", 0,      pin_hooks("23:75", "f7ff"), "bus=23 addr=0x75"},
+    {"pellin", &pellin_sprom_lc[2], "7-52",  0,      pin_hooks("7:75", "f7ff"),  "bus=7 addr=0x75"},
+    {"pellin", &pellin_sprom_ps[0], "6-52",  0,      {},                         nullptr},
+    {"tosk",   &tosk_sprom_sup,     "1-52",  0,      port_hooks,                 nullptr},
+    {"tosk",   &tosk_sprom_bp,      "1-52",  0x1000, port_hooks,                 nullptr},
+    {"tosk",   &tosk_sprom_lc[0],   "7-52",  0,      pin_hooks("7:75", "f7ff"),  "bus=7 addr=0x75"},
+    {"tosk",   &tosk_sprom_ps[1],   "6-53",  0,      {},                         nullptr},
+};
+// clang-format on
+
+TEST(sprom_write_protection, is_lifted_for_each_write_and_restored) {
+  for (const hook_case &c : hook_cases) {
+    SCOPED_TRACE(std::string{c.family} + " " + c.sprom->name);
+    on_board({std::string{"--family="} + c.family}, [&](logged_board &board) {
+      const auto size = static_cast<size_t>(sprom_get_size(c.sprom));
+      auto chip = board.eeprom(c.eeprom);
+      auto *const at = &chip[c.base];
+      std::vector<uint8_t> image(size);
+      EXPECT_EQ(sprom_read(c.sprom, image.data()), 0);
+      EXPECT_EQ(image, host_image({at, at + size}, c.sprom->type));
+      (void)board.log();
+      for (const words &we : {c.expected.we, c.expected.again}) {
+        image[60] = ++at[60];
+        const std::string device = std::string{c.eeprom}.replace(std::string{c.eeprom}.find('-'), 1, ":");
+        EXPECT_EQ(sprom_write(c.sprom, image.data()), 0);
+        EXPECT_EQ(image, std::vector<uint8_t>(at, at + size));
+        EXPECT_EQ(board.eeprom(c.eeprom), chip);
+        EXPECT_EQ(board.log(), joined({joined(we), device + " w*" + std::to_string(size), joined(c.expected.wd)}));
+        image = host_image(image, c.sprom->type);
+      }
+    });
+  }
+}
+
+// The transactions up to the nth, which fails at its first message.
+std::string failing(const words &transactions, size_t nth) {
+  const auto end = transactions.begin() + static_cast<ptrdiff_t>(nth);
+  std::string last = transactions[nth];
+  last = last.substr(0, last.find(';'));
+  last[last.find(" w ") + 1] = 'W';
+  return joined({joined({transactions.begin(), end}), last});
+}
+
+TEST(sprom_write_protection, ends_a_hook_at_any_failing_transaction) {
+  for (const hook_case &c : hook_cases) {
+    if (c.expander == nullptr) continue;
+    for (size_t nth = 0; nth < 6; ++nth) {
+      const std::string fault = std::string{"i2c-fail "} + c.expander + " nth=" + std::to_string(nth + 1);
+      on_board(with({std::string{"--family="} + c.family}, fault), [&](logged_board &board) {
+        EXPECT_EQ(c.sprom->we(), nth < 4 ? -5 : 0);
+        EXPECT_EQ(board.log(), nth < 4 ? failing(c.expected.we, nth) : joined(c.expected.we));
+        if (nth < 4) return;
+        EXPECT_EQ(c.sprom->wd(), -5);
+        EXPECT_EQ(board.log(), failing(c.expected.wd, nth - 4));
+      });
+    }
+  }
+}
+
+TEST(sprom_write_protection, is_restored_after_a_write_that_stopped_anywhere) {
+  for (const size_t nth : {1U, 2U, 200U, 334U}) {
+    const std::string fault = "i2c-fail bus=1 addr=0x52 nth=" + std::to_string(nth);
+    on_board(with({"--family=pellin"}, fault), [&](logged_board &board) {
+      auto chip = board.eeprom("1-52");
+      auto image = host_image(SPROM_TYPE_SUP);
+      EXPECT_EQ(sprom_write(&pellin_sprom_sup, image.data()), -5);
+      std::copy_n(image.begin(), nth - 1, chip.begin());
+      EXPECT_EQ(board.eeprom("1-52"), chip);
+      EXPECT_EQ(board.log(),
+                joined({joined(port_off), nth > 1 ? "1:52 w*" + std::to_string(nth - 1) : "", joined(port_on)}));
+    });
+  }
+}
+
+TEST(sprom_write_protection, that_stays_keeps_the_contents_unnoticed) {
+  const std::pair<const char *, const char *> cases[]{
+      {"iopl-refused", "1:52 w*334"},
+      {"port-stuck bit=27 level=1", "port r 6b5a3c41; port w 635a3c41; 1:52 w*334; port r 6b5a3c41; port w 6b5a3c41"},
+      {"eeprom-protected bus=1 addr=0x52",
+       "port r 6b5a3c41; port w 635a3c41; 1:52 w*334; port r 635a3c41; port w 6b5a3c41"}};
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.first);
+    on_board(with({"--family=tosk"}, c.first), [&](logged_board &board) {
+      const auto chip = board.eeprom("1-52");
+      auto image = host_image(SPROM_TYPE_SUP);
+      EXPECT_EQ(sprom_write(&tosk_sprom_sup, image.data()), 0);
+      EXPECT_EQ(board.eeprom("1-52"), chip);
+      EXPECT_EQ(board.log(), c.second);
+    });
+  }
+}
+
+TEST(sprom_write_protection, of_the_mezzanine_follows_the_environment_at_each_call) {
+  on_board({"--family=pellin"}, [](logged_board &board) {
+    constexpr const char *early = "20:76 w 027fff";
+    constexpr const char *later = "20:76 w 02fffd";
+    const std::pair<const char *, const char *> cases[]{
+        {"", early},    {"0", early},           {"0x0", early},
+        {" 00", early}, {"P1", early},          {"5", later},
+        {"010", later}, {"0x100000000", later}, {"99999999999999999999", later}};
+    for (const auto &[bits, low] : cases) {
+      SCOPED_TRACE(bits);
+      EXPECT_EQ(setenv("DIAG_HW_CHANGE_BITS", bits, 1), 0);
+      EXPECT_EQ(velto_mt_varnholm_sprom_we(), 0);
+      EXPECT_THAT(board.log(), testing::EndsWith(low));
+      EXPECT_EQ(velto_mt_varnholm_sprom_wd(), 0);
+      EXPECT_THAT(board.log(), testing::EndsWith("20:76 w 02ffff"));
+    }
+  });
+}
+
+// The queries.
+
+TEST(sprom_queries, read_fields_from_the_device_past_base_and_cache) {
+  on_board({"--family=pellin", "--change-bits=0x102030405060708"}, [](logged_board &board) {
+    const auto chip = board.eeprom("1-52");
+    std::array<char, 22> text;
+    uint64_t bits = 0;
+    uint16_t card = 0;
+    pellin_sprom_bp.valid = pellin_sprom_sup.valid = 1;
+    text.fill('#');
+    EXPECT_EQ(sprom_get_sn(&pellin_sprom_bp, text.data()), 0);
+    EXPECT_EQ(std::string(text.data(), 22), std::string(&chip[0x1036], &chip[0x104A]) + "##");
+    text.fill('#');
+    EXPECT_EQ(sprom_get_pid(&pellin_sprom_sup, text.data()), 0);
+    EXPECT_EQ(std::string(text.data(), 22), std::string(&chip[34], &chip[54]) + "##");
+    EXPECT_EQ(sprom_get_hw_change(&pellin_sprom_lc[1], &bits), 0);
+    EXPECT_EQ(bits, 0x0102030405060708U);
+    EXPECT_EQ(sprom_get_card_index(&pellin_sprom_sup, &card), 0);
+    EXPECT_EQ(card, 11003);
+    EXPECT_EQ(board.log(),
+              "1:52 w 1036; 1:52 r*20; 1:52 w 0022; 1:52 r*20; 23:52 w 00ae; 23:52 r*8; 1:52 w 00b6; 1:52 r*2");
+  });
+}
+
+TEST(sprom_queries, hand_on_a_failure) {
+  on_board({"--family=tosk", "--fault=i2c-fail bus=1 addr=0x52 times=0 nth=3"}, [](logged_board &) {
+    std::array<char, 20> text;
+    uint64_t bits = 0;
+    uint16_t card = 0;
+    EXPECT_EQ(sprom_get_card_index(&tosk_sprom_sup, &card), -5);
+    EXPECT_EQ(sprom_get_hw_change(&tosk_sprom_bp, &bits), -5);
+    EXPECT_EQ(sprom_get_sn(&tosk_sprom_bp, text.data()), -5);
+    EXPECT_EQ(sprom_get_pid(&tosk_sprom_sup, text.data()), -5);
+  });
+}
+
+TEST(sprom_queries, refuse_kinds_before_anything_else) {
+  for (const uint32_t type : {0U, 1U, 2U, 3U, 4U, 5U, 6U, 7U, UINT32_MAX}) {
+    SCOPED_TRACE(type);
+    const sprom_t sprom{nullptr, nullptr, nullptr, "", type, 0, nullptr};
+    if (type < 1 || type > 3) {
+      EXPECT_EQ(sprom_get_pid(&sprom, nullptr), -22);
+      EXPECT_EQ(sprom_get_sn(&sprom, nullptr), -22);
+      EXPECT_EQ(sprom_get_hw_change(&sprom, nullptr), -22);
+    }
+    if (type != 1 && type != 3) {
+      EXPECT_EQ(sprom_get_card_index(&sprom, nullptr), -22);
+    }
+  }
+}
+
+TEST(sprom_queries_DeathTest, assert_their_arguments) {
+  static constexpr smb_acc_t no_read{&pellin_bp_dev, nullptr, at24c512_wr};
+  const auto check = [](auto get, const std::string &function, const char *output) {
+    const auto dies = [&](const sprom_t *sprom, const std::string &text) {
+      EXPECT_DEATH((void)get(sprom, nullptr), HasSubstr(function + ": Assertion `" + text + "' failed"));
+    };
+    dies(nullptr, "sprom");
+    for (const uint32_t type : {1U, 2U, 3U}) {
+      if (type == 2 && function == "sprom_get_card_index") continue;
+      const sprom_t no_acc{nullptr, nullptr, nullptr, "", type, 0, nullptr};
+      const sprom_t no_rd{&no_read, nullptr, nullptr, "", type, 0, nullptr};
+      dies(&no_acc, "smb_acc");
+      dies(&no_rd, "smb_acc->smb_rd");
+    }
+    if (output != nullptr) dies(&pellin_sprom_sup, output);
+  };
+  check(sprom_get_pid, "sprom_get_pid", "pid");
+  check(sprom_get_sn, "sprom_get_sn", "sn");
+  check(sprom_get_hw_change, "sprom_get_hw_change", nullptr);
+  check(sprom_get_card_index, "sprom_get_card_index", nullptr);
+}
+
+}  // namespace
