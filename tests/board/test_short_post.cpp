@@ -4,7 +4,10 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -113,6 +116,10 @@ std::vector<short_case> short_cases() {
                                                   "bus:2C, dev:00, func:00, vendId:8086, devId:1523") +
                                           detection + "......",
                                       false),
+       records()},
+      {"change bits 3 are no known revision",
+       {"--change-bits", "3", "--fault", "pci-missing bus=2 dev=0 func=0"},
+       start("P(0x3) board\n") + rows(ok4, ok5, ok12, false),
        records()},
       {"a row behind the sixth missing reaches no device",
        {"--fault", "pci-missing bus=0x30 dev=1 func=0"},
@@ -297,16 +304,34 @@ TEST(short_post, reads_one_flag) {
   }
 }
 
+// The standard output of a short run that a shell starts with `redirections`.
+std::string run_in_shell(const std::string &args, const std::string &redirections) {
+  const temp_dir state;
+  const std::string command =
+      "exec " POST_BIN_DIR "/board-sim --state " + state.path().string() + " " + args + " -- -s " + redirections;
+  const std::unique_ptr<FILE, int (*)(FILE *)> out(popen(command.c_str(), "r"), pclose);
+  std::string text;
+  for (int c; (c = fgetc(out.get())) != EOF;)
+    text.push_back(static_cast<char>(c));
+  return text;
+}
+
 // A device in a closed standard descriptor's place would get the messages written there.
 TEST(short_post, opens_no_device_as_a_standard_descriptor) {
-  const temp_dir state;
-  const std::string command = "exec " POST_BIN_DIR "/board-sim --state " + state.path().string() + " -- -s <&- 2>&-";
-  const std::unique_ptr<FILE, int (*)(FILE *)> out(popen(command.c_str(), "r"), pclose);
-  unsigned fd = 0;
-  ASSERT_EQ(fscanf(out.get(), "devmemfd:0x%x", &fd), 1);
-  EXPECT_GT(fd, 2U);
-  while (fgetc(out.get()) != EOF) {
-  }
+  const std::string out = run_in_shell("", "<&- 2>&-");
+  EXPECT_THAT(out, testing::StartsWith("devmemfd:0x"));
+  EXPECT_GT(strtoul(out.c_str() + strlen("devmemfd:"), nullptr, 16), 2U);
+}
+
+// Each dot and line is out before a command writes to the same pipe.
+TEST(short_post, keeps_its_order_with_the_commands) {
+  const std::string out = run_in_shell("--fault post-missing", "2>&1");
+  EXPECT_TRUE(std::regex_search(out, std::regex("GigE Port Test: \n"
+                                                "\\..*ethtool\\.log.*\n"
+                                                "Fail to open /post/ethtool\\.log\n"
+                                                "rm: .*\n"
+                                                "\n ERROR: Executing 5 on dev 0\n")))
+      << out;
 }
 
 }  // namespace

@@ -171,6 +171,9 @@ TEST(pcie_scan, takes_fields_apart) {
     scan(board, pci_line(0x2CFF, 0x8086, 0x10A9));
     EXPECT_TRUE(found(0x2C, 31, 7, 0x8086, 0x10A9));
     EXPECT_FALSE(found(0x2C, 31, 7, 0x8086, 0x10A8));
+    EXPECT_FALSE(found(0x2C, 31, 7, 0x8087, 0x10A9));
+    EXPECT_FALSE(found(0x2D, 31, 7, 0x8086, 0x10A9));
+    EXPECT_FALSE(found(0x2C, 30, 7, 0x8086, 0x10A9));
     EXPECT_FALSE(found(0x2C, 31, 6, 0x8086, 0x10A9));
     EXPECT_FALSE(found(0, 0, 0, 0, 0));  // only filled entries are searched
   });
