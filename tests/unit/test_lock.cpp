@@ -246,6 +246,21 @@ TEST_F(lock_test, ends_the_process_on_any_other_failure) {
   }
 }
 
+TEST_F(lock_test, takes_commands_by_both_numbers) {
+  const int32_t lock = lock_create(name_.c_str());
+  for (const int32_t cmd : {6, F_SETLK}) {
+    EXPECT_EQ(lock_req(lock, cmd, F_WRLCK), 0);
+    const outcome other = run_child([&] {
+      struct flock held = {};
+      held.l_type = F_WRLCK;
+      _exit(fcntl(lock, F_GETLK, &held) == 0 && held.l_len == 1 ? 0 : 1);
+    });
+    EXPECT_EQ(other.exit_code, 0);
+    EXPECT_EQ(lock_drop_wr_lock(lock), 0U);
+  }
+  (void)lock_destroy(lock);
+}
+
 TEST_F(lock_test, takes_0_for_a_handle) {
   const outcome child = run_child([&] {
     (void)close(0);

@@ -32,6 +32,17 @@ constexpr lock_op_t op_drop_rd  = {"lock_drop_rd_lock", "dropping rd_lock", F_SE
 constexpr lock_op_t op_drop_wr  = {"lock_drop_wr_lock", "dropping wr_lock", F_SETLK,  F_UNLCK, "F_SETLK",  "F_UNLCK"};
 // clang-format on
 
+// Callers built with 32-bit file offsets mean the same commands by other numbers.
+constexpr int32_t own_number(int32_t cmd) {
+  // clang-format off
+  switch (cmd) {
+    case 6:  return F_SETLK;
+    case 7:  return F_SETLKW;
+    default: return cmd;
+  }
+  // clang-format on
+}
+
 // assert(0) in the name of an operation.
 [[noreturn]] void die(const char *op) {
   (void)fflush(stdout);
@@ -122,7 +133,7 @@ int32_t lock_req(int32_t m_lock, int32_t cmd, int32_t type) {
   req.l_start = 0;
   req.l_len = 1;
   errno = 0;
-  return fcntl(m_lock, cmd, &req);
+  return fcntl(m_lock, own_number(cmd), &req);
 }
 
 }  // extern "C"

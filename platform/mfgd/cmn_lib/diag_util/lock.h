@@ -33,7 +33,7 @@ uint32_t lock_drop_rd_lock(int32_t m_lock);
 uint32_t lock_drop_wr_lock(int32_t m_lock);
 
 // One request, the step under all of them.
-//   cmd   F_SETLK or F_SETLKW
+//   cmd   F_SETLK or F_SETLKW, by the number for either size of file offsets
 //   type  F_RDLCK, F_WRLCK or F_UNLCK
 // Returns fcntl's result: 0 or above, or -1 with errno set.
 [[nodiscard]] int32_t lock_req(int32_t m_lock, int32_t cmd, int32_t type);

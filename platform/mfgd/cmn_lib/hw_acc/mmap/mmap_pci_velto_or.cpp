@@ -1,7 +1,6 @@
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_pci_velto_or.h"
 
 #include <stdio.h>
-#include <stdlib.h>
 
 #include <algorithm>
 #include <span>
@@ -61,20 +60,13 @@ position_t position_of(uint32_t busdevfn) {
   return {busdevfn >> 8, (busdevfn >> 3) & 0x1F, busdevfn & 7};
 }
 
-// Columns are up to 64 bits wide, of which the low 32 are kept; parsing stops at the first that is no number.
+// Parsing stops at the first column that is no number; what a wide column makes is the C library's choice.
 void parse_line(const char *text, pci_dev_line_t *line) {
-  const auto columns = [&text](std::span<uint32_t> fields) {
-    for (uint32_t &field : fields) {
-      char *end = nullptr;
-      const unsigned long long value = strtoull(text, &end, 16);
-      if (end == text) return false;
-      field = static_cast<uint32_t>(value);
-      text = end;
-    }
-    return true;
-  };
-  (void)(columns({&line->m_busdevfn, 1}) && columns({&line->m_vendor_device, 1}) && columns({&line->m_irq, 1}) &&
-         columns(line->m_base) && columns(line->m_size));
+  auto &base = line->m_base;
+  auto &size = line->m_size;
+  (void)sscanf(text, "%x %x %x %x %x %x %x %x %x %x %x %x %x %x %x %x %x ", &line->m_busdevfn, &line->m_vendor_device,
+               &line->m_irq, &base[0], &base[1], &base[2], &base[3], &base[4], &base[5], &base[6], &size[0], &size[1],
+               &size[2], &size[3], &size[4], &size[5], &size[6]);
 }
 
 const mmap_pci_map_t *find_row(uint32_t hwtype) {

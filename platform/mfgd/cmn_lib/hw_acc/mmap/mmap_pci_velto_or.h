@@ -74,7 +74,8 @@ struct pci_find_base_len_t {
 [[nodiscard]] uint32_t mmap_get_map_pci(uint32_t hwtype, uint32_t inst, uint32_t bar, uint32_t *base, uint32_t *len);
 
 // Runs `callback` over the lines of the list until it clears m_not_found. Columns that a line lacks keep what the line
-// before had. Returns HW_ERR_FILE_IO, PCI_ERR_DEVICE_NOT_FOUND or the last call's status.
+// before had. Of a column above 32 bits, the low 32 are kept where long has 64 bits; elsewhere it becomes all ones.
+// Returns HW_ERR_FILE_IO, PCI_ERR_DEVICE_NOT_FOUND or the last call's status.
 [[nodiscard]] uint32_t _pci_scan_devices_file(pci_line_cb_t callback, void *ctx);
 
 // Callbacks; their contexts stand above.
