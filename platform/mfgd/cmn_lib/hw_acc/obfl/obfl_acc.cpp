@@ -122,8 +122,8 @@ uint32_t obfl_sw_init() {
   if (obfl_initialised != 0) return HW_SUCCESS;
   uint32_t addr = 0;
   uint32_t len = 0;
-  uint32_t rc = DIAG_CALL("mmap_get_map_pci( HWTYPE_PLX_PCI, 0, bar, &addr, &len)",
-                          mmap_get_map_pci(HWTYPE_PLX_PCI, 0, obfl_bar, &addr, &len));
+  uint32_t rc = diag_call_status("mmap_get_map_pci( HWTYPE_PLX_PCI, 0, bar, &addr, &len)",
+                                 mmap_get_map_pci(HWTYPE_PLX_PCI, 0, obfl_bar, &addr, &len));
   if (rc != HW_SUCCESS) return rc;
   if (mmap_info == nullptr) mmap_info = static_cast<mmap_info_t *>(malloc(mmap_acc_sizeof(OBFL_INST_MAX)));
   if (mmap_info == nullptr) return HW_ERR_MALLOC;
