@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <optional>
 #include <span>
 #include <string>
 #include <vector>
@@ -55,6 +56,8 @@ std::vector<mapping> mappings;
 bool trap_all = false;     // everything goes into the log
 bool flash_open = false;   // the flash's mappings allow reading
 unsigned array_reads = 0;  // trapped ones in a row
+std::optional<fault> map_fault;
+uint64_t maps = 0;  // asked for so far
 
 bool complain(const std::string &path, const char *what) {
   fprintf(stderr, "board-sim: %s: %s\n", path.c_str(), what);
@@ -220,6 +223,14 @@ void *refuse(int error) {
   return MAP_FAILED;
 }
 
+// Whether the fault hits this mapping.
+bool map_fails() {
+  ++maps;
+  if (!map_fault || maps < map_fault->get("nth")) return false;
+  const uint64_t before = maps - map_fault->get("nth");
+  return map_fault->get("times") == 0 || before < map_fault->get("times");
+}
+
 }  // namespace
 
 bool devmem_start(const options &opts) {
@@ -233,6 +244,9 @@ bool devmem_start(const options &opts) {
   trap_all = !opts.trace.empty();
   flash_open = !trap_all && flash.reads_plainly();
   array_reads = 0;
+  const fault *const refused = opts.find("mem-mmap-refused");
+  map_fault = refused != nullptr ? std::optional(*refused) : std::nullopt;
+  maps = 0;
   return true;
 }
 
@@ -250,6 +264,7 @@ void devmem_stop() {
 }
 
 void *devmem_map(size_t length, int prot, int flags, uint64_t phys) {
+  if (map_fails()) return refuse(static_cast<int>(map_fault->get("errno")));
   const int sharing = flags & MAP_TYPE;
   const bool shared = sharing == MAP_SHARED || sharing == MAP_SHARED_VALIDATE;
   if (length == 0 || phys % page_size != 0 || !shared || (flags & MAP_FIXED) != 0) return refuse(EINVAL);

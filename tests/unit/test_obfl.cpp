@@ -1,692 +1,320 @@
-// The flash driver and the flash test. The driver's bus cycles are compared one by one; the test runs on a flash model.
-#include <gmock/gmock.h>
-#include <gtest/gtest.h>
-
-#include <array>
+// The flash driver and the flash test.
+#include <algorithm>
 #include <csignal>
-#include <cstdio>
-#include <functional>
-#include <map>
-#include <string>
-#include <vector>
 
-#include "platform/mfgd/cmn_lib/diag_util/diag_dbg.h"
-#include "platform/mfgd/cmn_lib/hw_acc/hw_err.h"
 #include "platform/mfgd/cmn_lib/hw_acc/obfl/obfl_acc.h"
 #include "post/obfl_test.h"
 #include "post/post_test.h"
-#include "tests/unit/fake_acc.h"
-#include "tests/unit/host.h"
+#include "tests/unit/driver_board.h"
 
 namespace {
 
 constexpr obfl_timeout_t quick = {.typ_erase_ms = 512, .max_erase_ms = 4096, .typ_wr_us = 256, .max_wr_us = 1024};
 
 obfl_addr_t at(uint32_t address) {
-  obfl_addr_t addr;
-  addr.addr = address;
-  return addr;
+  return {.addr = address};
 }
 
-// Answers reads with a list, and then with its last entries over and over.
-class script : public bus_device {
- public:
-  explicit script(std::vector<uint16_t> answers, size_t repeat = 1) : answers_(std::move(answers)), repeat_(repeat) {
-    fake_acc.device = this;
-  }
-  uint16_t read(uint32_t /*inst*/, uint32_t /*offset*/) override {
-    const uint16_t answer = answers_[next_++];
-    if (next_ == answers_.size()) next_ -= repeat_;
-    return answer;
-  }
-  void write(uint32_t /*inst*/, uint32_t /*offset*/, uint16_t /*data*/) override {}
+// What reads give in place of the bus: these words, the last two again and again.
+std::vector<uint16_t> answers;
+size_t next_answer = 0;
 
- private:
-  std::vector<uint16_t> answers_;
-  size_t repeat_;
-  size_t next_ = 0;
-};
-
-std::string twice(const std::string &text) {
-  return text + text;
+uint32_t answer(uint32_t /*inst*/, uint32_t offset, uint32_t *data, void * /*parm*/) {
+  *data = answers[next_answer++];
+  if (next_answer == answers.size()) next_answer -= 2;
+  note(format("r %x=%x", offset, *data));
+  return HW_ERR_INV_PARAM;
 }
 
-// These come first: no test before them may start the driver in this process.
-
-TEST(obfl_start, finds_and_maps_the_flash_once) {
-  fake_acc_t healthy;
-  healthy.bars = {{0x24, {0, 0xF8000000, 0x4000000}}};
-  const auto start = [](const fake_acc_t &setup, const std::function<uint32_t()> &body) {
-    return run_child([&] {
-             fake_acc = setup;
-             const uint32_t rc = body();
-             (void)printf("%src %u\n", log_text().c_str(), rc);
-           })
-        .out;
-  };
-  const auto report = [](const std::string &call, const std::string &rc) {
-    return twice("## Error : Failed " + call + "\n           with rc " + rc + "\n");
-  };
-  const std::string map = "pci 0x24\nmap OBFL_Flash 1 x 2 0x4000000 @ 0xf8000000\n";
-  EXPECT_EQ(start(healthy, obfl_libinit), map + "init\nrc 0\n");
-  EXPECT_EQ(start(healthy, [] { return obfl_sw_init() + obfl_sw_init(); }), map + "init\nrc 0\n");
-  EXPECT_EQ(start(healthy, [] { return obfl_sw_init() + obfl_sw_finish(); }), map + "init\nfini\nrc 0\n");
-
-  const std::string lookup = "mmap_get_map_pci( HWTYPE_PLX_PCI, 0, bar, &addr, &len)";
-  EXPECT_EQ(start({}, obfl_sw_init), report(lookup, "3901 (PCI_ERR_DEVICE_NOT_FOUND)") + "pci 0x24\nrc 3901\n");
-  fake_acc_t setup = healthy;
-  setup.describe_status = HW_ERR_INV_PARAM;
-  EXPECT_EQ(start(setup, obfl_sw_init),
-            report("mmap_acc_init( mmap_info, OBFL_FLASH_DEV_NAME, OBFL_INST_MAX, &addr, len, OBFL_WORD_SIZE, dev)",
-                   "411 (HW_ERR_INV_PARAM)") +
-                map + "rc 411\n");
-  setup = healthy;
-  setup.init_status = MMAP_ERR_DEV_MEM;
-  const std::string rc = "601 (MMAP_ERR_DEV_MEM)";
-  const std::string failed = report("cb->m_init( cb->m_parm)", rc) + report("hw_acc_init( dev)", rc);
-  EXPECT_EQ(start(setup, obfl_sw_init), failed + map + "init\nrc 601\n");
-  const outcome child = run_child([&] {
-    fake_acc = setup;
-    (void)obfl_libinit();
-  });
-  EXPECT_EQ(child.signal, SIGABRT);
-  const std::string reports = failed + report("obfl_sw_init()", rc);
-  EXPECT_EQ(child.out.substr(0, reports.size()), reports);
-  EXPECT_EQ(child.out.rfind("## Assert:obfl_libinit():", reports.size()), reports.size());
-  EXPECT_THAT(child.out, testing::HasSubstr(twice("         :\"rc == HW_SUCCESS\" is false\n") + "## BT: "));
-}
-
-TEST(obfl_start, comes_before_any_use) {
-  const std::string header = "hw_acc/hw_acc_p.h";
-  expect_assertion([] { (void)get_timeout_val(0); }, header, "hw_acc_wr", "_hw_acc_init");
-  expect_assertion([] { (void)obfl_sector_erase(0, at(0), quick); }, header, "hw_acc_wr_lk_acq", "_hw_acc_init");
-  uint16_t word = 0;
-  expect_assertion([&] { obfl_rd_word(0, at(0), &word); }, header, "hw_acc_rd_lk_acq", "_hw_acc_init");
-  expect_assertion([&] { _obfl_rd(0, 0, &word); }, header, "hw_acc_rd", "_hw_acc_init");
-  expect_assertion([] { (void)obfl_sw_finish(); }, header, "hw_acc_fini", "_hw_acc_init");
-}
-
-class obfl : public testing::Test {
- protected:
-  static void SetUpTestSuite() {
-    fake_acc = {};
-    fake_acc.bars = {{0x24, {0, 0xF8000000, 0x4000000}}};
+// Runs `body` with the driver started and the log empty; reads are answered if there are words for them.
+void with_driver(const std::vector<uint16_t> &words, const std::function<void()> &body) {
+  on_board("--card=11062", [&] {
+    answers = words;
+    change_acc = [](hw_acc_cb_t *cb) { cb->m_rd = answers.empty() ? cb->m_rd : answer; };
     EXPECT_EQ(obfl_sw_init(), HW_SUCCESS);
-  }
-  obfl() { fake_acc = {}; }
+    (void)events();
+    body();
+  });
+}
+
+struct word_t {
+  uint32_t addr, data;
 };
+using list = std::vector<word_t>;
 
-TEST_F(obfl, reads_its_times_in_two_queries_without_a_lock) {
-  script flash({8, 2, 9, 3});
-  const obfl_timeout_t times = get_timeout_val(0);
-  EXPECT_EQ(log_text(),
-            "w0 aa=98\nr0 40=8\nr0 48=2\nw0 aaa=f0\n"
-            "w0 aa=98\nr0 42=9\nr0 4a=3\nw0 aaa=f0\n");
-  EXPECT_EQ(times.typ_wr_us, 256U);
-  EXPECT_EQ(times.max_wr_us, 1024U);
-  EXPECT_EQ(times.typ_erase_ms, 512U);
-  EXPECT_EQ(times.max_erase_ms, 4096U);
+std::string cycles(const char *fmt, const list &words) {
+  std::string text;
+  for (const auto &[addr, data] : words)
+    text += format(fmt, addr, data);
+  return text;
 }
 
-TEST_F(obfl, keeps_the_low_half_of_long_times_and_all_ones_of_longer_ones) {
-  const struct {
-    uint16_t typ, max;
-    uint32_t typ_time, max_time;
-  } cases[] = {
-      {0, 0, 1, 1},
-      {31, 0, 0x80000000, 0x80000000},
-      {31, 1, 0x80000000, 0},
-      {32, 0, 0, 0},
-      {63, 0, 0, 0},
-      {32, 32, 0, 0xFFFFFFFF},
-      {64, 0, 0xFFFFFFFF, 0xFFFFFFFF},
-      {0, 0xFFFF, 1, 0xFFFFFFFF},
-      {0xFFFF, 0xFFFF, 0xFFFFFFFF, 0xFFFFFFFF},
+// What an erase, the program of an erased page and a read of some words look like.
+std::string erase(uint32_t sector) {
+  return "+w OBFL_Flash0-write.lock; w aaa=aa; w 554=55; w aaa=80; w aaa=aa; w 554=55; " +
+         format("w %x=30; wait 512000; r %x=44; r %x=8; wait 512000; ", sector, sector, sector) +
+         format("r %x=ffff; r %x=ffff; -OBFL_Flash0-write.lock; ", sector, sector);
+}
+
+std::string program(const list &words) {
+  const uint32_t sector = words[0].addr & ~0x1FFFFU;
+  return format("+w OBFL_Flash0-write.lock; w aaa=aa; w 554=55; w %x=25; ", sector) +
+         format("w %x=%x; ", sector, words.size() - 1) + cycles("w %x=%x; ", words) +
+         format("w %x=29; wait 256; ", sector) + cycles("r %x=%x; ", {words.back(), words.back()}) +
+         "-OBFL_Flash0-write.lock; ";
+}
+
+std::string read(const list &words) {
+  return "+r OBFL_Flash0-read.lock; " + cycles("r %x=%x; ", words) + "-OBFL_Flash0-read.lock; ";
+}
+
+TEST(obfl_driver, starts_and_reads_its_times) {
+  on_board("--card=11062", [] {
+    expect_assertion([] { (void)get_timeout_val(0); }, "hw_acc/hw_acc_p.h", "hw_acc_wr", "_hw_acc_init");
+    failing_malloc = 1;
+    EXPECT_EQ(stdout_of([] { EXPECT_EQ(obfl_sw_init(), HW_ERR_MALLOC); }), "");
+    (void)events();
+    EXPECT_EQ(obfl_libinit() + obfl_sw_init(), HW_SUCCESS);
+    EXPECT_EQ(get_timeout_val(0).max_wr_us, 32U);
+    EXPECT_EQ(events(),
+              "pci 24; map OBFL_Flash 1 x 2 4000000 f8000000..f8000000; "
+              "w aa=98; r 40=2; r 48=3; w aaa=f0; w aa=98; r 42=1; r 4a=3; w aaa=f0; ");
+    EXPECT_EQ(obfl_sw_finish(), HW_SUCCESS);
+  });
+  // The low half of long times, all ones for longer ones.
+  const auto expect = [](const std::vector<uint16_t> &exponents, const char *expected) {
+    with_driver(exponents, [expected] {
+      const auto [typ_erase_ms, max_erase_ms, typ_wr_us, max_wr_us] = get_timeout_val(0);
+      EXPECT_EQ(format("%x %x %x %x", typ_wr_us, max_wr_us, typ_erase_ms, max_erase_ms), expected);
+    });
   };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(std::to_string(c.typ) + " " + std::to_string(c.max));
-    script flash({c.typ, c.max, c.typ, c.max});
-    const obfl_timeout_t times = get_timeout_val(0);
-    EXPECT_EQ(times.typ_wr_us, c.typ_time);
-    EXPECT_EQ(times.max_wr_us, c.max_time);
-    EXPECT_EQ(times.typ_erase_ms, c.typ_time);
-    EXPECT_EQ(times.max_erase_ms, c.max_time);
-  }
+  expect({31, 1, 31, 0}, "80000000 0 80000000 80000000");
+  expect({32, 32, 0xFFFF, 0xFFFF}, "0 ffffffff ffffffff ffffffff");
 }
 
-TEST_F(obfl, erases_with_these_cycles) {
-  script flash({0x0080});
-  EXPECT_EQ(obfl_sector_erase(0, at(0x20000), quick), HW_SUCCESS);
-  EXPECT_EQ(log_text(),
-            "+w0\nw0 aaa=aa\nw0 554=55\nw0 aaa=80\nw0 aaa=aa\nw0 554=55\nw0 20000=30\n"
-            "wait 512000\nr0 20000=80\nr0 20000=80\n-w0\n");
-}
-
-TEST_F(obfl, programs_runs_of_one_page_together) {
-  const struct {
-    const char *name;
-    std::vector<uint32_t> address;
-    const char *events;
-  } cases[] = {
-      {"two words of a page",
-       {0x20040, 0x20042},
-       "+w0\nw0 aaa=aa\nw0 554=55\nw0 20000=25\nw0 20000=1\nw0 20040=1000\nw0 20042=1001\nw0 20000=29\n"
-       "wait 256\nr0 20042=0\nr0 20042=0\n-w0\n"},
-      {"leaves a page and comes back",
-       {0x0, 0x2, 0x20, 0x4},
-       "+w0\nw0 aaa=aa\nw0 554=55\nw0 0=25\nw0 0=1\nw0 0=1000\nw0 2=1001\nw0 0=29\nwait 256\nr0 2=0\nr0 2=0\n-w0\n"
-       "+w0\nw0 aaa=aa\nw0 554=55\nw0 0=25\nw0 0=0\nw0 20=1002\nw0 0=29\nwait 256\nr0 20=0\nr0 20=0\n-w0\n"
-       "+w0\nw0 aaa=aa\nw0 554=55\nw0 0=25\nw0 0=0\nw0 4=1003\nw0 0=29\nwait 256\nr0 4=0\nr0 4=0\n-w0\n"},
-      {"the same page of two sectors",
-       {0x20000, 0x40000},
-       "+w0\nw0 aaa=aa\nw0 554=55\nw0 20000=25\nw0 20000=0\nw0 20000=1000\nw0 20000=29\nwait 256\nr0 20000=0\n"
-       "r0 20000=0\n-w0\n"
-       "+w0\nw0 aaa=aa\nw0 554=55\nw0 40000=25\nw0 40000=0\nw0 40000=1001\nw0 40000=29\nwait 256\nr0 40000=0\n"
-       "r0 40000=0\n-w0\n"},
-      {"one word at the very end",
-       {0x3FFFFFE},
-       "+w0\nw0 aaa=aa\nw0 554=55\nw0 3fe0000=25\nw0 3fe0000=0\nw0 3fffffe=1000\nw0 3fe0000=29\n"
-       "wait 256\nr0 3fffffe=0\nr0 3fffffe=0\n-w0\n"},
-      {"backwards, polling the last one listed",
-       {0x1E, 0x1C},
-       "+w0\nw0 aaa=aa\nw0 554=55\nw0 0=25\nw0 0=1\nw0 1e=1000\nw0 1c=1001\nw0 0=29\nwait 256\nr0 1c=0\nr0 1c=0\n"
-       "-w0\n"},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.name);
-    script flash({0});
-    fake_acc.log.clear();
+TEST(obfl_driver, makes_these_cycles) {
+  with_driver({}, [] {
+    for (const uint32_t sector : {0U, 0x20000U, 0x40000U, 0x3FE0000U}) {
+      EXPECT_EQ(obfl_sector_erase(0, at(sector), quick), HW_SUCCESS);
+      EXPECT_EQ(events(), erase(sector));
+    }
+    // Neighbours of one page go together, in the order of the list.
     std::vector<obfl_addr_t> addr;
     std::vector<uint16_t> data;
-    for (const uint32_t address : c.address) {
-      addr.push_back(at(address));
-      data.push_back(static_cast<uint16_t>(0x1000 + data.size()));
-    }
-    EXPECT_EQ(obfl_wr_array(0, static_cast<uint32_t>(addr.size()), addr.data(), data.data(), quick), HW_SUCCESS);
-    EXPECT_EQ(log_text(), c.events);
-  }
-  script flash({0});
-  fake_acc.log.clear();
-  EXPECT_EQ(obfl_wr_word(0, at(0x3FFFFFE), 0x1000, quick), HW_SUCCESS);
-  EXPECT_EQ(log_text(), cases[3].events);
-}
-
-TEST_F(obfl, reads_under_one_lock) {
-  script flash({0x11, 0x22, 0x33});
-  const obfl_addr_t addr[] = {at(0x3FFFFFE), at(0), at(0x20000)};
-  uint16_t data[3] = {};
-  obfl_rd_array(0, 3, addr, data);
-  EXPECT_EQ(log_text(), "+r0\nr0 3fffffe=11\nr0 0=22\nr0 20000=33\n-r0\n");
-  EXPECT_EQ(data[2], 0x33);
-  fake_acc.log.clear();
-  obfl_rd_array(0, 0, nullptr, nullptr);
-  EXPECT_EQ(log_text(), "+r0\n-r0\n");
-  fake_acc.log.clear();
-  obfl_rd_word(0, at(0x44), data);
-  EXPECT_EQ(log_text(), "+r0\nr0 44=33\n-r0\n");
-}
-
-TEST_F(obfl, reads_and_writes_whole_sectors_in_order) {
-  script flash({0});
-  std::vector<uint16_t> words(0x10000);
-  for (size_t i = 0; i < words.size(); ++i)
-    words[i] = static_cast<uint16_t>(i ^ 0x55AA);
-  EXPECT_EQ(obfl_sector_wr(0, at(0x40000), words.data(), quick), HW_SUCCESS);
-  std::vector<std::string> expected;
-  const auto add = [&](const char *fmt, uint32_t a, uint32_t b) {
-    char text[32];
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-    (void)snprintf(text, sizeof text, fmt, a, b);
-#pragma GCC diagnostic pop
-    expected.emplace_back(text);
-  };
-  for (uint32_t page = 0; page < 4096; ++page) {
-    const uint32_t first = 0x40000 + 32 * page;
-    expected.insert(expected.end(), {"+w0", "w0 aaa=aa", "w0 554=55", "w0 40000=25", "w0 40000=f"});
-    for (uint32_t word = 0; word < 16; ++word)
-      add("w0 %x=%x", first + 2 * word, words[16 * page + word]);
-    expected.insert(expected.end(), {"w0 40000=29", "wait 256"});
-    for (int i = 0; i < 2; ++i)
-      add("r0 %x=%x", first + 30, 0);
-    expected.emplace_back("-w0");
-  }
-  EXPECT_TRUE(fake_acc.log == expected);
-
-  fake_acc.log.clear();
-  expected = {"+r0"};
-  for (uint32_t k = 0; k < 0x10000; ++k)
-    add("r0 %x=%x", 0x40000 + 2 * k, 0);
-  expected.emplace_back("-r0");
-  obfl_sector_rd(0, at(0x40000), words.data());
-  EXPECT_TRUE(fake_acc.log == expected);
-  EXPECT_EQ(words, std::vector<uint16_t>(0x10000));
-}
-
-constexpr char dq5_set[] = "Reached the max timeout and DQ5 bit is set\n";
-constexpr char dq5_clear[] = "Reached the max timeout but DQ5 bit not set\n";
-
-TEST_F(obfl, polls_as_long_as_the_status_toggles_and_the_times_allow) {
-  using times = obfl_timeout_t;
-  constexpr times one_poll = {1, 1, 1, 1};
-  const struct {
-    const char *name;
-    bool erase;
-    times timeout;
-    std::vector<uint16_t> status;
-    int polls;
-    uint32_t usec;
-    uint32_t rc;
-    const char *line;
-  } cases[] = {
-      // clang-format off
-      {"erased at once",           true,  quick, {0xFFFF},                             1, 512000, HW_SUCCESS, ""},
-      {"erased at the third poll", true,  quick, {0x44, 0, 0, 0x44, 0x80, 0x80},       3, 512000, HW_SUCCESS, ""},
-      {"DQ2 steady",               true,  quick, {0x40, 0},                            1, 512000, HW_SUCCESS, ""},
-      {"DQ6 steady",               true,  quick, {0x04, 0},                            1, 512000, HW_SUCCESS, ""},
-      {"written, DQ2 steady",      false, quick, {0x40, 0, 0x40, 0x40},                2, 256,    HW_SUCCESS, ""},
-      {"DQ2 does not count",       false, quick, {0x04, 0},                            1, 256,    HW_SUCCESS, ""},
-      {"erase without end",        true,  {512, 1535, 1, 1},  {0x44, 0},             2, 512000, HW_ERR_TIMEOUT, dq5_clear},
-      {"erase at the last poll",   true,  {512, 1535, 1, 1},  {0x44, 0, 0x44, 0x40},   2, 512000, HW_SUCCESS, ""},
-      {"DQ5 in the first read",    true,  one_poll, {0x64, 0x00},                      1, 1000, HW_ERR_TIMEOUT, dq5_clear},
-      {"DQ5 in the second read",   true,  one_poll, {0x44, 0x20},                      1, 1000, HW_ERR_TIMEOUT, dq5_set},
-      {"DQ5 in an earlier poll",   true,  {1, 2, 1, 1}, {0x44, 0x20, 0x44, 0},         2, 1000, HW_ERR_TIMEOUT, dq5_clear},
-      {"write without end",        false, one_poll, {0x40, 0x20},                      1, 1,    HW_ERR_TIMEOUT, dq5_set},
-      // Answers that cannot be used.
-      {"maximum below typical",    true,  {9, 4, 1, 1}, {0x44, 0},                     1, 9000, HW_ERR_TIMEOUT, dq5_clear},
-      {"no typical erase time",    true,  {0, 4, 1, 1}, {0x44, 0},               1, 4096000, HW_ERR_TIMEOUT, dq5_clear},
-      {"no typical write time",    false, {1, 1, 0, 0}, {0x40, 0},                     1, 4096, HW_ERR_TIMEOUT, dq5_clear},
-      {"all ones, erase",          true,  {~0U, ~0U, ~0U, ~0U}, {0x44, 0},       1, 4096000, HW_ERR_TIMEOUT, dq5_clear},
-      {"all ones, write",          false, {~0U, ~0U, ~0U, ~0U}, {0x40, 0},             1, 4096, HW_ERR_TIMEOUT, dq5_clear},
-      {"endless maximum",          false, {1, 1, 1024, ~0U}, {0x40, 0},             1024, 1024, HW_ERR_TIMEOUT, dq5_clear},
-      // clang-format on
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.name);
-    script flash(c.status, c.status.size() > 1 ? 2 : 1);
-    fake_acc.log.clear();
-    const auto lines = hooks_of([&] {
-      const auto wait = c.erase ? _obfl_erase_wait : _obfl_write_wait;
-      EXPECT_EQ(wait(0, at(0x20002), c.timeout), c.rc);
-    });
-    EXPECT_EQ(lines, *c.line != '\0' ? (std::vector<hook_line>{{DIAG_LVL_INFO, c.line}}) : std::vector<hook_line>{});
-    ASSERT_EQ(fake_acc.log.size(), static_cast<size_t>(3 * c.polls));
-    for (size_t i = 0; i < fake_acc.log.size(); i += 3) {
-      EXPECT_EQ(fake_acc.log[i], "wait " + std::to_string(c.usec));
-      EXPECT_EQ(fake_acc.log[i + 1].substr(0, 9), "r0 20002=");
-      EXPECT_EQ(fake_acc.log[i + 2].substr(0, 9), "r0 20002=");
-    }
-  }
-}
-
-TEST_F(obfl, stops_at_the_first_page_that_times_out_and_drops_the_lock) {
-  // The second page program never ends.
-  const obfl_timeout_t timeout = {1, 1, 1, 1};
-  const std::vector<uint16_t> words(0x10000);
-  script sector({0, 0, 0x40, 0}, 2);
-  EXPECT_EQ(obfl_sector_wr(0, at(0), words.data(), timeout), HW_ERR_TIMEOUT);
-  EXPECT_EQ(fake_acc.log.size(), 2U * 26);
-  EXPECT_EQ(fake_acc.log.back(), "-w0");
-
-  script array({0, 0, 0x40, 0}, 2);
-  fake_acc.log.clear();
-  const obfl_addr_t addr[] = {at(0), at(0x20), at(0x40)};
-  EXPECT_EQ(obfl_wr_array(0, 3, addr, words.data(), timeout), HW_ERR_TIMEOUT);
-  EXPECT_EQ(fake_acc.log.size(), 2U * 11);
-  EXPECT_EQ(fake_acc.log.back(), "-w0");
-
-  script erase({0x44, 0}, 2);
-  fake_acc.log.clear();
-  EXPECT_EQ(obfl_sector_erase(0, at(0), timeout), HW_ERR_TIMEOUT);
-  EXPECT_EQ(fake_acc.log.back(), "-w0");
-}
-
-TEST_F(obfl, gives_sector_addresses) {
-  EXPECT_EQ(obfl_get_sector_addr(at(0x0003CAFE)).addr, 0x00020000U);
-  EXPECT_EQ(obfl_get_sector_addr(at(0x03FFFFFE)).addr, 0x03FE0000U);
-  const obfl_addr_t addr = at(0x03FE1235);
-  EXPECT_EQ(addr.so.sector, 511U);
-  EXPECT_EQ(addr.so.offset, 0x1235U);
-  EXPECT_EQ(addr.so.mbz, 0U);
-  EXPECT_EQ(addr.pw.wr.mbz, 1U);
-  EXPECT_EQ(addr.pw.wr.word, 0xAU);
-  EXPECT_EQ(addr.pw.page, 0x91U);
-  EXPECT_EQ(addr.pw.sector, 511U);
-}
-
-// A failing check: what was done before it, and its report.
-TEST_F(obfl, asserts_its_arguments_just_before_their_use) {
-  std::vector<uint16_t> words(0x10000);
-  obfl_addr_t addr[17] = {};
-  const auto list = [&](uint32_t a, uint32_t b, uint32_t c) {
-    addr[0] = at(a);
-    addr[1] = at(b);
-    addr[2] = at(c);
-    return addr;
-  };
-  const std::string erase = "obfl_sector_erase";
-  const struct {
-    std::string op;
-    std::string condition;
-    std::function<void()> call;
-    size_t events;
-  } cases[] = {
-      {"obfl_get_sector_addr", "addr.so.mbz == 0", [] { (void)obfl_get_sector_addr(at(0x04000001)); }, 0},
-      {"obfl_get_sector_addr", "addr.pw.wr.mbz == 0", [] { (void)obfl_get_sector_addr(at(0x0003CAFF)); }, 0},
-      {erase, "inst < OBFL_INST_MAX", [] { (void)obfl_sector_erase(1, at(0x04000001), quick); }, 0},
-      {erase, "sector_addr.so.mbz == 0", [] { (void)obfl_sector_erase(0, at(0x04000001), quick); }, 0},
-      {erase, "sector_addr.so.offset == 0", [] { (void)obfl_sector_erase(0, at(0x00020002), quick); }, 0},
-      {"obfl_sector_wr", "inst < OBFL_INST_MAX", [&] { (void)obfl_sector_wr(1, at(1), words.data(), quick); }, 0},
-      {"obfl_sector_wr", "sector_addr.so.mbz == 0",
-       [&] { (void)obfl_sector_wr(0, at(0x80000000), words.data(), quick); }, 0},
-      {"obfl_sector_wr", "sector_addr.so.offset == 0", [&] { (void)obfl_sector_wr(0, at(1), words.data(), quick); }, 0},
-      {"obfl_sector_rd", "inst < OBFL_INST_MAX", [&] { obfl_sector_rd(~0U, at(0), words.data()); }, 0},
-      {"obfl_sector_rd", "sector_addr.so.mbz == 0", [&] { obfl_sector_rd(0, at(0x04000000), words.data()); }, 0},
-      {"obfl_sector_rd", "sector_addr.so.offset == 0", [&] { obfl_sector_rd(0, at(0x10000), words.data()); }, 0},
-      {"obfl_rd_array", "inst < OBFL_INST_MAX", [&] { obfl_rd_array(1, 1, addr, words.data()); }, 0},
-      {"obfl_rd_array", "rd_addr[i].so.mbz == 0", [&] { obfl_rd_array(0, 3, list(0, 2, 0x04000001), words.data()); },
-       3},
-      {"obfl_rd_array", "rd_addr[i].pw.wr.mbz == 0", [&] { obfl_rd_array(0, 2, list(0, 3, 0), words.data()); }, 2},
-      {"obfl_wr_array", "n_cpt && wr_addr && wr_data", [&] { (void)obfl_wr_array(0, 0, addr, words.data(), quick); },
-       0},
-      {"obfl_wr_array", "n_cpt && wr_addr && wr_data", [&] { (void)obfl_wr_array(0, 1, nullptr, words.data(), quick); },
-       0},
-      {"obfl_wr_array", "n_cpt && wr_addr && wr_data", [&] { (void)obfl_wr_array(0, 1, addr, nullptr, quick); }, 0},
-      {"obfl_wr_array", "next_addr.so.mbz == 0",
-       [&] { (void)obfl_wr_array(0, 3, list(0x04000001, 0, 0), words.data(), quick); }, 0},
-      // The open group waits until the entry that ends it is known to be good.
-      {"obfl_wr_array", "next_addr.pw.wr.mbz == 0",
-       [&] { (void)obfl_wr_array(0, 2, list(0, 0x21, 0), words.data(), quick); }, 0},
-      {"obfl_wr_array", "next_addr.so.mbz == 0",
-       [&] { (void)obfl_wr_array(0, 3, list(0, 0x20, 0x04000000), words.data(), quick); }, 11},
-      {"_obfl_wr_page", "word_count <= (OBFL_WRITE_PAGE_SIZE/OBFL_WORD_SIZE)",
-       [&] { (void)_obfl_wr_page(0, at(0), addr, words.data(), 17, quick); }, 0},
-      {"_obfl_wr_page", "word_count <= (OBFL_WRITE_PAGE_SIZE/OBFL_WORD_SIZE)",
-       [&] { (void)obfl_wr_array(0, 17, list(0, 0, 0), words.data(), quick); }, 0},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.op + " " + c.condition);
-    const outcome child = run_child([&] {
-      script flash({0});
-      // The report cannot be followed by the log, so the log goes first, from the handler.
-      (void)signal(SIGABRT, [](int) {
-        (void)fprintf(stderr, "%zu", fake_acc.log.size());
-        (void)fflush(stderr);
-        (void)signal(SIGABRT, SIG_DFL);
-        (void)raise(SIGABRT);
-      });
-      c.call();
-    });
-    EXPECT_EQ(child.signal, SIGABRT);
-    EXPECT_EQ(child.err, std::to_string(c.events));
-    EXPECT_THAT(child.out, testing::StartsWith("## Assert:" + c.op + "():"));
-    EXPECT_THAT(child.out,
-                testing::HasSubstr("\n" + twice("         :\"" + c.condition + "\" is false\n") + "## BT: "));
-  }
-}
-
-// A flash that obeys the command set strictly and can be broken.
-class flash_model : public bus_device {
- public:
-  flash_model() {
-    fake_acc.device = this;
-    fake_acc.logging = false;
-  }
-
-  static uint16_t fresh(uint32_t offset) { return static_cast<uint16_t>((offset >> 1) * 0x9E37 >> 3); }
-
-  std::vector<uint16_t> &sector(uint32_t number) {
-    std::vector<uint16_t> &words = sectors_[number];
-    if (!words.empty()) return words;
-    words.resize(0x10000);
-    for (uint32_t i = 0; i < 0x10000; ++i)
-      words[i] = fresh(number << 17 | 2 * i);
-    return words;
-  }
-
-  // The sectors that do not hold what they held at the start.
-  std::vector<uint32_t> changed() {
-    std::vector<uint32_t> result;
-    for (const auto &[number, words] : sectors_) {
-      for (uint32_t i = 0; i < 0x10000; ++i) {
-        if (words[i] == fresh(number << 17 | 2 * i)) continue;
-        result.push_back(number);
-        break;
+    list all;
+    std::string expected;
+    for (const list &group : std::vector<list>{{{0x20040, 0x1234}, {0x20042, 0x5678}},
+                                               {{0, 1}, {2, 2}},
+                                               {{0x20, 3}},
+                                               {{4, 4}},
+                                               {{0x20060, 1}},
+                                               {{0x40060, 2}},
+                                               {{0x5E, 1}, {0x5C, 2}},
+                                               {{0x3FFFFFE, 0x8001}}}) {
+      expected += program(group);
+      for (const word_t &word : group) {
+        all.push_back(word);
+        addr.push_back(at(word.addr));
+        data.push_back(static_cast<uint16_t>(word.data));
       }
     }
-    return result;
-  }
+    EXPECT_EQ(obfl_wr_array(0, 11, addr.data(), data.data(), quick), HW_SUCCESS);
+    obfl_rd_array(0, 11, addr.data(), data.data());
+    obfl_rd_array(0, 0, nullptr, nullptr);
+    EXPECT_EQ(events(), expected + read(all) + read({}));
+    EXPECT_EQ(obfl_wr_word(0, at(0x100), 7, quick), HW_SUCCESS);
+    obfl_rd_word(0, at(0x100), data.data());
+    EXPECT_EQ(events(), program({{0x100, 7}}) + read({{0x100, 7}}));
+    EXPECT_EQ(data[0], 7);
 
-  uint16_t read(uint32_t /*inst*/, uint32_t offset) override {
-    if (busy_) return static_cast<uint16_t>((toggle_ = !toggle_) ? 0x44 : 0);
-    if (query_) {
-      const std::map<uint32_t, uint16_t> exponents = {{0x40, 8}, {0x42, 9}, {0x48, 2}, {0x4A, 3}};
-      return exponents.at(offset);
-    }
-    EXPECT_EQ(step_, 0U) << "read inside a command";
-    return static_cast<uint16_t>((sector(offset >> 17)[offset % 0x20000 / 2] | data_high) & ~data_low);
-  }
-
-  void write(uint32_t /*inst*/, uint32_t offset, uint16_t data) override {
-    if (busy_) return;
-    if (offset == 0xAA && data == 0x98 && step_ == 0) {
-      query_ = true;
-    } else if (offset == 0xAAA && data == 0xF0) {
-      query_ = false;
-      step_ = 0;
-    } else if (expect_words_ > 0) {
-      buffer_.push_back({offset, data});
-      if (--expect_words_ == 0) step_ = 4;
-    } else {
-      command(offset, data);
-    }
-  }
-
-  std::vector<std::string> ops;  // "e6" an erase of sector 6, "p6" a program there
-  uint16_t data_high = 0;        // data lines stuck at 1 on reads
-  uint16_t data_low = 0;         // ... at 0
-  int erase_hangs_at = 0;        // the n-th erase never ends
-  int program_hangs_at = 0;      // the n-th page program
-  uint32_t weak_offset = ~0U;    // a word ...
-  uint16_t weak_bits = 0;        // ... of which these bits cannot be programmed
-
- private:
-  // 0 idle, 1 and 2 unlocked, 3 word count expected, 4 confirmation expected, 5 to 7 erase set up and unlocked again.
-  void command(uint32_t offset, uint16_t data) {
-    const uint32_t step = step_;
-    step_ = 0;
-    if (step == 0 && offset == 0xAAA && data == 0xAA) {
-      step_ = 1;
-    } else if (step == 1 && offset == 0x554 && data == 0x55) {
-      step_ = 2;
-    } else if (step == 2 && offset == 0xAAA && data == 0x80) {
-      step_ = 5;
-    } else if (step == 5 && offset == 0xAAA && data == 0xAA) {
-      step_ = 6;
-    } else if (step == 6 && offset == 0x554 && data == 0x55) {
-      step_ = 7;
-    } else if (step == 7 && data == 0x30) {
-      erase(offset >> 17);
-    } else if (step == 2 && data == 0x25) {
-      page_sector_ = offset;
-      step_ = 3;
-    } else if (step == 3 && offset == page_sector_ && data < 16) {
-      expect_words_ = data + 1;
-      buffer_.clear();
-    } else if (step == 4 && offset == page_sector_ && data == 0x29) {
-      program();
-    } else {
-      ADD_FAILURE() << "not a command: " << std::hex << offset << " = " << data << " in step " << step;
-    }
-  }
-
-  void erase(uint32_t number) {
-    ops.push_back("e" + std::to_string(number));
-    busy_ = ++erases_ == erase_hangs_at;
-    if (!busy_) sector(number).assign(0x10000, 0xFFFF);
-  }
-
-  void program() {
-    const std::string op = "p" + std::to_string(page_sector_ >> 17);
-    // A restore of 4096 pages is one entry.
-    if (ops.empty() || ops.back() != op) ops.push_back(op);
-    busy_ = ++programs_ == program_hangs_at;
-    if (busy_) return;
-    for (const auto &[offset, data] : buffer_) {
-      EXPECT_EQ(offset >> 5, buffer_[0].first >> 5) << "outside the page";
-      EXPECT_EQ(offset >> 17, page_sector_ >> 17) << "outside the sector";
-      const uint16_t weak = offset == weak_offset ? weak_bits : uint16_t{0};
-      sector(offset >> 17)[offset % 0x20000 / 2] &= static_cast<uint16_t>(data | weak);
-    }
-  }
-
-  std::map<uint32_t, std::vector<uint16_t>> sectors_;
-  std::vector<std::pair<uint32_t, uint16_t>> buffer_;
-  uint32_t step_ = 0;
-  uint32_t page_sector_ = 0;
-  uint32_t expect_words_ = 0;
-  int erases_ = 0;
-  int programs_ = 0;
-  bool query_ = false;
-  bool busy_ = false;
-  bool toggle_ = false;
-};
-
-uint32_t run(std::string *output) {
-  uint32_t status = 0;
-  uint32_t result = 99;
-  *output = stdout_of([&] { status = dorvan_obfl_test(0, &result, 0, nullptr); });
-  EXPECT_EQ(result, status == 0 ? POST_RESULT_PASS : POST_RESULT_FAIL);
-  return status;
+    std::vector<uint16_t> words(OBFL_SECTOR_WORDS), now(OBFL_SECTOR_WORDS);
+    std::generate(words.begin(), words.end(),
+                  [word = uint16_t{0}]() mutable { return word = static_cast<uint16_t>(word + 0x9E37); });
+    list last;
+    for (uint32_t i = OBFL_SECTOR_WORDS - 16; i < OBFL_SECTOR_WORDS; ++i)
+      last.push_back({0x20000 + 2 * i, words[i]});
+    (void)obfl_sector_erase(0, at(0x20000), quick);
+    EXPECT_EQ(obfl_sector_wr(0, at(0x20000), words.data(), quick), HW_SUCCESS);
+    EXPECT_TRUE(events().ends_with(program(last)));
+    obfl_sector_rd(0, at(0x20000), now.data());
+    EXPECT_EQ(now, words);
+    const std::string reads = events();
+    EXPECT_TRUE(reads.starts_with("+r OBFL_Flash0-read.lock; r 20000=9e37; r 20002=3c6e; "));
+    EXPECT_TRUE(reads.ends_with(cycles("r %x=%x; ", last) + "-OBFL_Flash0-read.lock; "));
+    EXPECT_EQ(std::count(reads.begin(), reads.end(), ';'), 65536 + 2);
+  });
 }
 
-TEST_F(obfl, tests_20_sectors_and_keeps_what_they_hold) {
-  flash_model flash;
-  std::string output;
-  EXPECT_EQ(run(&output), 0U);
-  EXPECT_EQ(output, "");
-  EXPECT_EQ(flash.changed(), std::vector<uint32_t>{});
-  std::vector<std::string> expected;
-  for (const int sector : {6, 0, 2, 509, 4, 507, 8, 503, 16, 495, 32, 479, 64, 447, 128, 383, 256, 255, 0, 511}) {
-    const std::string number = std::to_string(sector);
-    for (const char *const op : {"e", "p", "e", "p"})
-      expected.push_back(op + number);
-  }
-  EXPECT_EQ(flash.ops, expected);
-}
-
-TEST_F(obfl, stops_at_the_first_fault_with_the_sector_restored_where_that_is_possible) {
-  const struct {
-    const char *name;
-    void (*breaks)(flash_model &);
-    uint32_t status;
-    const char *output;
-    std::vector<std::string> ops;
-    std::vector<uint32_t> lost;
-  } cases[] = {
-      {"word that keeps bits",
-       [](flash_model &flash) { flash.weak_offset = 0x4, flash.weak_bits = 2; },
-       434,
-       "## Error: Addr 0x00000004, data 0x00000001 : failed\nRead 0x00000003, failed bits 0x00000002\n",
-       {"e6", "p6", "e6", "p6", "e0", "p0", "e0", "p0"},
-       {0}},
-      {"number of the sector",
-       [](flash_model &flash) { flash.weak_offset = 509 * 0x20000 + 0xCAFE, flash.weak_bits = 2; },
-       434,
-       "## Error: Addr 0x03facafe, data 0x000001fd : failed\nRead 0x000001ff, failed bits 0x00000002\n",
-       {"e6", "p6", "e6", "p6", "e0", "p0", "e0", "p0", "e2", "p2", "e2", "p2", "e509", "p509", "e509", "p509"},
-       {509}},
-      {"first erase",
-       [](flash_model &flash) { flash.erase_hangs_at = 1; },
-       435,
-       "Reached the max timeout but DQ5 bit not set\n## Error : obfl_sector_erase failed \n",
-       {"e6"},
-       {}},
-      {"second erase",
-       [](flash_model &flash) { flash.erase_hangs_at = 2; },
-       435,
-       "Reached the max timeout but DQ5 bit not set\n## Error : obfl_sector_erase failed \n",
-       {"e6", "p6", "e6"},
-       {6}},
-      {"restoring write",
-       [](flash_model &flash) { flash.program_hangs_at = 100; },
-       436,
-       "Reached the max timeout but DQ5 bit not set\n## Error : obfl_sector_wr failed \n",
-       {"e6", "p6", "e6", "p6"},
-       {6}},
-      // The flash stays busy, so the clean-up fails as well; the sub-test's status wins.
-      {"test write",
-       [](flash_model &flash) { flash.program_hangs_at = 2; },
-       436,
-       "Reached the max timeout but DQ5 bit not set\n## Error:obfl_wr_array failed\n"
-       "Reached the max timeout but DQ5 bit not set\n## Error : obfl_sector_erase failed \n",
-       {"e6", "p6"},
-       {6}},
+TEST(obfl_driver, polls_while_the_status_toggles_and_the_times_allow) {
+  const char ready[] = "", dq5[] = "Reached the max timeout and DQ5 bit is set\n";
+  const char busy[] = "Reached the max timeout but DQ5 bit not set\n";
+  const auto expect = [](auto wait, obfl_timeout_t times, const std::vector<uint16_t> &status, size_t polls,
+                         uint32_t usec, const std::string &said) {
+    with_driver(status, [&] {
+      const uint32_t rc = said.empty() ? HW_SUCCESS : HW_ERR_TIMEOUT;
+      EXPECT_EQ(stdout_of([&] { EXPECT_EQ(wait(0, at(0x20002), times), rc); }), said);
+      std::string expected;
+      for (size_t i = 0; i < polls; ++i) {
+        const uint16_t *const pair = &status[std::min(2 * i, status.size() - 2)];
+        expected += format("wait %u; r 20002=%x; r 20002=%x; ", usec, pair[0], pair[1]);
+      }
+      EXPECT_EQ(events(), expected);
+    });
   };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.name);
-    flash_model flash;
-    c.breaks(flash);
-    std::string output;
-    EXPECT_EQ(run(&output), c.status);
-    EXPECT_EQ(output, c.output);
-    EXPECT_EQ(flash.ops, c.ops);
-    EXPECT_EQ(flash.changed(), c.lost);
-  }
+  // clang-format off
+  expect(_obfl_erase_wait, quick, {0x44, 0, 0, 0x44, 0x80, 0x80},              3, 512000,    ready);
+  expect(_obfl_erase_wait, quick, {0x40, 0},                                   1, 512000,    ready);  // DQ2 steady
+  expect(_obfl_erase_wait, quick, {0x04, 0},                                   1, 512000,    ready);  // DQ6 steady
+  expect(_obfl_write_wait, quick, {0x40, 0, 0x40, 0x40},                       2, 256,       ready);
+  expect(_obfl_write_wait, quick, {0x04, 0},                                   1, 256,       ready);
+  expect(_obfl_erase_wait, {512, 1535, 1, 1}, {0x44, 0, 0x44, 0x40},           2, 512000,    ready);
+  expect(_obfl_erase_wait, {512, 1535, 1, 1}, {0x44, 0},                       2, 512000,    busy);
+  expect(_obfl_erase_wait, {1, 2, 1, 1}, {0x44, 0x20, 0x64, 0},                2, 1000,      busy);
+  expect(_obfl_erase_wait, {1, 1, 1, 1}, {0x44, 0x20},                         1, 1000,      dq5);
+  expect(_obfl_write_wait, {1, 1, 20000, 80000}, {0x40, 0x20},                 4, 20000,     dq5);
+  expect(_obfl_erase_wait, {100, 100000, 1, 1}, {0x44, 0},                     1000, 100000, busy);
+  // Bounds, and what cannot be used.
+  expect(_obfl_erase_wait, {9, 4, 1, 1}, {0x44, 0},                            1, 9000,      busy);
+  expect(_obfl_erase_wait, {16777, ~0U, 1, 1}, {0x44, 0},                      16, 16777000, busy);
+  expect(_obfl_write_wait, {1, 1, 1 << 24, ~0U}, {0x40, 0},                    16, 1 << 24,  busy);
+  expect(_obfl_erase_wait, {16778, ~0U, 1, 1}, {0x44, 0},                      1, 512000,    busy);
+  expect(_obfl_write_wait, {1, 1, (1 << 24) + 1, ~0U}, {0x40, 0},              1, 512,       busy);
+  expect(_obfl_erase_wait, {0, 4, 1, 1}, {0x44, 0},                            1, 512000,    busy);
+  expect(_obfl_write_wait, {1, 1, 0, ~0U}, {0x40, 0},                          1, 512,       busy);
+  // clang-format on
 }
 
-TEST_F(obfl, finds_each_stuck_data_line) {
-  for (uint32_t bit = 0; bit < 16; ++bit) {
-    for (const bool high : {false, true}) {
-      SCOPED_TRACE(std::to_string(bit) + (high ? " high" : " low"));
-      flash_model flash;
-      const uint32_t line = 1U << bit;
-      (high ? flash.data_high : flash.data_low) = static_cast<uint16_t>(line);
-      // At 0, the walking one is missing on its line; at 1, the first word that is another one's has a bit more.
-      const uint32_t entry = high ? (bit == 0 ? 1 : 0) : bit;
-      const uint32_t word = 1U << entry;
-      char expected[128];
-      (void)snprintf(expected, sizeof expected,
-                     "## Error: Addr 0x%08x, data 0x%08x : failed\nRead 0x%08x, failed bits 0x%08x\n",
-                     0xC0000 + 2 * entry, word, word ^ line, line);
-      std::string output;
-      // A line that is stuck also falsifies what is saved; that is not for this case to see.
-      EXPECT_EQ(run(&output), OBFL_TEST_READ_FAILED);
-      EXPECT_EQ(output, expected);
-    }
-  }
-}
-
-TEST_F(obfl, writes_these_words_in_the_sub_tests) {
-  const struct {
-    const char *name;
-    obfl_subtest_t subtest;
-    std::map<uint32_t, uint32_t> words;  // by offset, a selection
-  } cases[] = {
-      // clang-format off
-      {"data lines", dataline_test,
-       {{0x00, 0x0001}, {0x02, 0x0002}, {0x1E, 0x8000}, {0x20, 0xFFFE}, {0x22, 0xFFFD}, {0x3E, 0x7FFF}, {0x40, 0xFFFF}}},
-      {"low address lines", addressline_low_test,
-       {{0x0, 0xFFFF}, {0x2, 0}, {0x4, 1}, {0x8, 2}, {0x10000, 15}, {0x1FFFE, 16}, {0x1FFFC, 17}, {0x1FFFA, 18}, {0x17FFE, 31}}},
-      {"high address lines", addressline_high_test, {{0xCAFE, 0x0605}, {0xCAFC, 0xFFFF}}},
-      // clang-format on
+// Arguments are checked just before their use: so many events come before the report.
+TEST(obfl_driver, asserts_its_arguments) {
+  static uint16_t words[OBFL_SECTOR_WORDS];
+  const auto expect = [](const std::string &op, const std::string &condition, int before,
+                         const std::function<void()> &call) {
+    with_driver({0, 0}, [&] {
+      const outcome child = run_child(call);
+      EXPECT_EQ(child.signal, SIGABRT);
+      const std::string log = events(), text = "         :\"" + condition + "\" is false\n";
+      EXPECT_EQ(std::count(log.begin(), log.end(), ';'), before) << op << condition;
+      EXPECT_THAT(child.out, testing::StartsWith("## Assert:" + op + "():"));
+      EXPECT_THAT(child.out, testing::HasSubstr("\n" + text + text + "## BT: "));
+    });
   };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.name);
-    flash_model flash;
-    flash.sector(5).assign(0x10000, 0xFFFF);
-    // Only the low 9 bits choose the sector; the number is written whole.
-    EXPECT_EQ(c.subtest(0, 0x0605, quick), 0U);
-    for (const auto &[offset, word] : c.words)
-      EXPECT_EQ(flash.sector(5)[offset / 2], word) << std::hex << offset;
-  }
+  const auto wr = [](std::vector<obfl_addr_t> addr) {
+    (void)obfl_wr_array(0, static_cast<uint32_t>(addr.size()), addr.data(), words, quick);
+  };
+  const auto rd = [](std::vector<obfl_addr_t> addr) {
+    obfl_rd_array(0, static_cast<uint32_t>(addr.size()), addr.data(), words);
+  };
+  const auto expect_sector = [&](const std::string &op, void (*call)(uint32_t inst, obfl_addr_t addr)) {
+    expect(op, "inst < OBFL_INST_MAX", 0, [=] { call(1, at(0x04000001)); });
+    expect(op, "sector_addr.so.mbz == 0", 0, [=] { call(0, at(0x04000001)); });
+    expect(op, "sector_addr.so.offset == 0", 0, [=] { call(0, at(0x00020002)); });
+  };
+  // clang-format off
+  expect_sector("obfl_sector_erase", [](uint32_t inst, obfl_addr_t addr) { (void)obfl_sector_erase(inst, addr, quick); });
+  expect_sector("obfl_sector_wr",    [](uint32_t inst, obfl_addr_t addr) { (void)obfl_sector_wr(inst, addr, words, quick); });
+  expect_sector("obfl_sector_rd",    [](uint32_t inst, obfl_addr_t addr) { obfl_sector_rd(inst, addr, words); });
+  expect("obfl_get_sector_addr", "addr.so.mbz == 0",            0, [] { (void)obfl_get_sector_addr(at(0x04000001)); });
+  expect("obfl_get_sector_addr", "addr.pw.wr.mbz == 0",         0, [] { (void)obfl_get_sector_addr(at(0x0003CAFF)); });
+  expect("obfl_rd_array", "inst < OBFL_INST_MAX",               0, [] { obfl_rd_array(1, 0, nullptr, words); });
+  expect("obfl_rd_array", "rd_addr[i].so.mbz == 0",             3, [=] { rd({at(0), at(2), at(0x04000001)}); });
+  expect("obfl_rd_array", "rd_addr[i].pw.wr.mbz == 0",          2, [=] { rd({at(0), at(3)}); });
+  expect("obfl_wr_array", "n_cpt && wr_addr && wr_data",        0, [=] { wr({}); });
+  expect("obfl_wr_array", "n_cpt && wr_addr && wr_data",        0, [] { (void)obfl_wr_array(0, 1, nullptr, words, quick); });
+  expect("obfl_wr_array", "next_addr.so.mbz == 0",              0, [=] { wr({at(0x04000001)}); });
+  expect("obfl_wr_array", "next_addr.pw.wr.mbz == 0",           0, [=] { wr({at(0), at(0x21)}); });
+  expect("obfl_wr_array", "next_addr.so.mbz == 0",              11, [=] { wr({at(0), at(0x20), at(0x04000000)}); });
+  expect("_obfl_wr_page", "word_count <= (OBFL_WRITE_PAGE_SIZE/OBFL_WORD_SIZE)", 0, [=] { wr(std::vector<obfl_addr_t>(17)); });
+  // clang-format on
 }
 
-TEST_F(obfl, without_a_buffer_neither_saves_nor_restores) {
-  flash_model flash;
-  EXPECT_EQ(obfl_sector_test(addressline_high_test, 0, 7, nullptr, quick), 0U);
-  EXPECT_EQ(flash.ops, (std::vector<std::string>{"e7", "p7", "e7"}));
-  EXPECT_EQ(flash.sector(7), std::vector<uint16_t>(0x10000, 0xFFFF));
+// The sub-tests in an erased sector. The low 9 bits of the number are the sector's.
+TEST(obfl_test, writes_reads_and_compares) {
+  with_driver({}, [] {
+    list one, zero, set, clear;
+    for (uint32_t i = 0; i < 16; ++i) {
+      one.push_back({0xA0000 + 2 * i, 1U << i});
+      zero.push_back({0xA0020 + 2 * i, 0xFFFF ^ 1U << i});
+      set.push_back({0xA0000 + (2U << i), i});
+      clear.push_back({0xA0000 + (0x1FFFE & ~(1U << i)), 16 + i});
+    }
+    std::string set_pages = program({set.begin(), set.begin() + 4});
+    std::string clear_pages = program({clear.begin(), clear.begin() + 5});
+    for (size_t i = 4; i < 16; ++i) {
+      set_pages += program({set[i]});
+      if (i > 4) clear_pages += program({clear[i]});
+    }
+    const auto run = [](obfl_subtest_t subtest) {
+      (void)obfl_sector_erase(0, at(0xA0000), quick);
+      (void)events();
+      EXPECT_EQ(subtest(0, 0x605, quick), 0U);
+      return events();
+    };
+    EXPECT_EQ(run(dataline_test), program(one) + read(one) + program(zero) + read(zero));
+    EXPECT_EQ(run(addressline_low_test), set_pages + read(set) + clear_pages + read(clear));
+    EXPECT_EQ(run(addressline_high_test), program({{0xACAFE, 0x605}}) + read({{0xACAFE, 0x605}}));
+  });
+  with_driver({0, 0, 1, 3, 5}, [] {
+    const obfl_addr_t addr[] = {at(0x20002), at(0x20004), at(0x20006)};
+    const uint16_t data[] = {1, 2, 4};
+    EXPECT_EQ(stdout_of([&] { EXPECT_EQ(obfl_test("", 0, 3, addr, data, quick), 434U); }),
+              "## Error: Addr 0x00020004, data 0x00000002 : failed\nRead 0x00000003, failed bits 0x00000001\n");
+  });
+}
+
+// The sector operations as the test calls them: the erase alone does its work, and the nth erase or write fails.
+bool calls_only = false;
+int failing_call = 0;
+
+uint32_t sector_call(const char *name, obfl_addr_t addr, obfl_timeout_t timeout) {
+  note(format("%s %u", name, addr.so.sector) + (timeout.max_wr_us == 32 ? "" : " with other times"));
+  return failing_call != 0 && --failing_call == 0 ? HW_ERR_TIMEOUT : HW_SUCCESS;
+}
+
+TEST(obfl_test, saves_tests_and_restores_sector_by_sector) {
+  const auto run = [](int failing) {
+    failing_call = failing;
+    uint32_t result = 99, status = 99;
+    const std::string said = stdout_of([&] { status = dorvan_obfl_test(0, &result, 0, nullptr); });
+    EXPECT_EQ(result, status == 0 ? POST_RESULT_PASS : POST_RESULT_FAIL);
+    return events("SER") + said + std::to_string(status);
+  };
+  with_driver({}, [&run] {
+    calls_only = true;
+    std::string all;
+    for (const int n : {6, 0, 2, 509, 4, 507, 8, 503, 16, 495, 32, 479, 64, 447, 128, 383, 256, 255, 0, 511})
+      all += format("Save %d; Erase %d; Erase %d; Restore %d; ", n, n, n, n);
+    EXPECT_EQ(run(0), all + "0");
+    EXPECT_EQ(run(1), "Save 6; Erase 6; ## Error : obfl_sector_erase failed \n435");
+    EXPECT_EQ(run(2), "Save 6; Erase 6; Erase 6; ## Error : obfl_sector_erase failed \n435");
+    EXPECT_EQ(run(3), "Save 6; Erase 6; Erase 6; Restore 6; ## Error : obfl_sector_wr failed \n436");
+    failing_malloc = 1;
+    EXPECT_EQ(run(0), "6");
+    // The clean-up comes after a failed sub-test too, whose status wins.
+    failing_call = 2;
+    const obfl_subtest_t fails = [](uint32_t, uint16_t, obfl_timeout_t) { return 434U; };
+    EXPECT_EQ(obfl_sector_test(fails, 0, 7, nullptr, get_timeout_val(0)), 434U);
+    EXPECT_EQ(events("SER"), "Erase 7; Erase 7; ");
+  });
 }
 
 }  // namespace
+
+extern "C" {
+
+decltype(obfl_sector_rd) __real_obfl_sector_rd, __wrap_obfl_sector_rd;
+decltype(obfl_sector_wr) __real_obfl_sector_wr, __wrap_obfl_sector_wr;
+decltype(obfl_sector_erase) __real_obfl_sector_erase, __wrap_obfl_sector_erase;
+
+void __wrap_obfl_sector_rd(uint32_t inst, obfl_addr_t addr, uint16_t *dst) {
+  calls_only ? note(format("Save %u", addr.so.sector)) : __real_obfl_sector_rd(inst, addr, dst);
+}
+
+uint32_t __wrap_obfl_sector_wr(uint32_t inst, obfl_addr_t addr, const uint16_t *src, obfl_timeout_t timeout) {
+  return calls_only ? sector_call("Restore", addr, timeout) : __real_obfl_sector_wr(inst, addr, src, timeout);
+}
+
+uint32_t __wrap_obfl_sector_erase(uint32_t inst, obfl_addr_t addr, obfl_timeout_t timeout) {
+  const uint32_t rc = __real_obfl_sector_erase(inst, addr, timeout);
+  return calls_only ? sector_call("Erase", addr, timeout) : rc;
+}
+}

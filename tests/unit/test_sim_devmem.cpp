@@ -81,6 +81,17 @@ TEST(sim_devmem, maps_what_lies_in_a_window_and_nothing_else) {
   }
 }
 
+TEST(sim_devmem, refuses_mappings_on_request) {
+  memory_board board{{"mem-mmap-refused nth=2 times=2 errno=12"}};
+  ASSERT_NO_FATAL_FAILURE(board.start());
+  for (const int error : {0, ENOMEM, ENOMEM, 0, 0}) {
+    errno = 0;
+    const void *const address = sim::devmem_map(0x8000, read_write, MAP_SHARED, 0xF4000000);
+    EXPECT_EQ(errno, error);
+    EXPECT_EQ(address == MAP_FAILED, error != 0);
+  }
+}
+
 TEST(sim_devmem, takes_mappings_away_whole_or_in_part) {
   memory_board board;
   ASSERT_NO_FATAL_FAILURE(board.start());

@@ -87,10 +87,10 @@ struct polls_t {
 };
 
 // typ and max in units of `unit` microseconds.
-constexpr polls_t polls_of(uint32_t typ, uint32_t max, uint32_t unit, uint32_t poll_max_us, uint32_t wait_max_us) {
-  if (typ == 0) return {1, poll_max_us};
-  const uint32_t usec = typ < poll_max_us / unit ? typ * unit : poll_max_us;
-  return {std::clamp(max / typ, 1U, wait_max_us / usec), usec};
+constexpr polls_t polls_of(uint32_t typ, uint32_t max, uint32_t unit, uint32_t fallback_us) {
+  if (typ == 0 || typ > OBFL_POLL_MAX_US / unit) return {1, fallback_us};
+  const uint32_t usec = typ * unit;
+  return {std::clamp(max / typ, 1U, OBFL_WAIT_MAX_US / usec), usec};
 }
 
 // Polls until `running` bits no longer toggle, all of them.
@@ -122,8 +122,8 @@ uint32_t obfl_sw_init() {
   if (obfl_initialised != 0) return HW_SUCCESS;
   uint32_t addr = 0;
   uint32_t len = 0;
-  uint32_t rc = DIAG_CALL("mmap_get_map_pci( HWTYPE_PLX_PCI, 0, bar, &addr, &len)",
-                          mmap_get_map_pci(HWTYPE_PLX_PCI, 0, obfl_bar, &addr, &len));
+  uint32_t rc = diag_call_status("mmap_get_map_pci( HWTYPE_PLX_PCI, 0, bar, &addr, &len)",
+                                 mmap_get_map_pci(HWTYPE_PLX_PCI, 0, obfl_bar, &addr, &len));
   if (rc != HW_SUCCESS) return rc;
   if (mmap_info == nullptr) mmap_info = static_cast<mmap_info_t *>(malloc(mmap_acc_sizeof(OBFL_INST_MAX)));
   if (mmap_info == nullptr) return HW_ERR_MALLOC;
@@ -179,14 +179,12 @@ obfl_addr_t obfl_get_sector_addr(obfl_addr_t addr) {
 }
 
 uint32_t _obfl_erase_wait(uint32_t inst, obfl_addr_t addr, obfl_timeout_t timeout) {
-  const polls_t polls =
-      polls_of(timeout.typ_erase_ms, timeout.max_erase_ms, 1000, OBFL_ERASE_POLL_MAX_US, OBFL_ERASE_WAIT_MAX_US);
+  const polls_t polls = polls_of(timeout.typ_erase_ms, timeout.max_erase_ms, 1000, OBFL_ERASE_FALLBACK_US);
   return wait_ready(inst, addr, polls, DQ6 | DQ2);
 }
 
 uint32_t _obfl_write_wait(uint32_t inst, obfl_addr_t addr, obfl_timeout_t timeout) {
-  const polls_t polls =
-      polls_of(timeout.typ_wr_us, timeout.max_wr_us, 1, OBFL_WRITE_POLL_MAX_US, OBFL_WRITE_WAIT_MAX_US);
+  const polls_t polls = polls_of(timeout.typ_wr_us, timeout.max_wr_us, 1, OBFL_WRITE_FALLBACK_US);
   return wait_ready(inst, addr, polls, DQ6);
 }
 

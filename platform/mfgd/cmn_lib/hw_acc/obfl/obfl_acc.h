@@ -23,13 +23,13 @@ enum : uint32_t {
   OBFL_SECTOR_PAGES = OBFL_SECTOR_SIZE / OBFL_WRITE_PAGE_SIZE,
 };
 
-// Bounds of a wait, whatever a timing record says. Flashes of this family take about half a second for an erase and
-// well under a millisecond for a page; what lies above the bounds comes from a flash that does not answer its query.
+// Polling, whatever a timing record says. A typical time that is 0 or above OBFL_POLL_MAX_US comes from a flash that
+// does not answer its query: it is polled once, after about the time that flashes of this family need.
 enum : uint32_t {
-  OBFL_ERASE_POLL_MAX_US = 4096000,   // one wait between two polls
-  OBFL_ERASE_WAIT_MAX_US = 65536000,  // all the waits of one erase
-  OBFL_WRITE_POLL_MAX_US = 4096,      // likewise of one page program
-  OBFL_WRITE_WAIT_MAX_US = 1048576,
+  OBFL_POLL_MAX_US = 1 << 24,       // longest wait before a poll
+  OBFL_WAIT_MAX_US = 1 << 28,       // longest time for all polls of an operation
+  OBFL_ERASE_FALLBACK_US = 512000,  // the only wait of an erase without a usable time
+  OBFL_WRITE_FALLBACK_US = 512,     // likewise of a page program
 };
 
 extern "C" {
@@ -117,8 +117,9 @@ void _obfl_rd(uint32_t inst, uint32_t offset, uint16_t *data);
 [[nodiscard]] uint32_t _obfl_wr_page(uint32_t inst, obfl_addr_t sector_addr, const obfl_addr_t *wr_addr,
                                      const uint16_t *wr_data, uint32_t word_count, obfl_timeout_t timeout);
 
-// Wait until the operation that runs at `addr` has ended. Each poll comes a typical time after the one before, and at
-// least one is made; a typical time of 0, which is one that did not fit, counts as the longest.
+// Wait until the operation that runs at `addr` has ended. Polls come a typical time apart, the first one as long after
+// the call, and as many are made as typical times fit into the maximum, at least one; OBFL_POLL_MAX_US and
+// OBFL_WAIT_MAX_US bound them.
 // Return HW_SUCCESS, or HW_ERR_TIMEOUT after a message.
 [[nodiscard]] uint32_t _obfl_erase_wait(uint32_t inst, obfl_addr_t addr, obfl_timeout_t timeout);
 [[nodiscard]] uint32_t _obfl_write_wait(uint32_t inst, obfl_addr_t addr, obfl_timeout_t timeout);

@@ -1,0 +1,111 @@
+// driver_board.h: a driver on the simulated board. Its bus cycles, locks, waits and PCI look-ups come in one log; the
+// linker hands what drivers call besides the bus to this file.
+#pragma once
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+
+#include <cstdarg>
+#include <filesystem>
+#include <fstream>
+
+#include "platform/mfgd/cmn_lib/diag_util/spin.h"
+#include "platform/mfgd/cmn_lib/hw_acc/hw_err.h"
+#include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_acc.h"
+#include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_pci_velto_or.h"
+#include "tests/sim_fixture.h"
+#include "tests/unit/host.h"
+
+inline std::function<void(hw_acc_cb_t *)> change_acc;  // changes what mmap_acc_init filled
+inline int failing_malloc = 0;                         // how many calls on, from 1; 0 for none
+
+template <typename... Values>
+std::string format(const char *fmt, Values... values) {
+  char text[256];
+  (void)snprintf(text, sizeof text, fmt, values...);
+  return text;
+}
+
+inline sim_board &board() {
+  static sim_board only;
+  return only;
+}
+
+inline void note(const std::string &event) {
+  std::ofstream(board().state() + "/trace", std::ios::app) << "0 " << event << "\n";
+}
+
+// The log since the last call, "; " behind each event:
+//   w aaa=f0, r1 aaa=f0        bus cycles: a write to the flash, a read of NVRAM 1
+//   +w NAME, +r NAME, -NAME    an exclusive or a shared lock that was waited for, a release
+//   wait 512                   a busy wait in microseconds; it returns at once
+//   pci 18                     the PCI look-up of a base address register
+//   map NAME 3 x 2 LEN BASES   a call of mmap_acc_init
+//   kinds  first letters of the events that are wanted
+inline std::string events(const std::string &kinds = "wr+-pm") {
+  std::string log;
+  for (std::string line : board().take_log()) {
+    char kind = 0;
+    unsigned inst = 0, offset = 0, data = 0;
+    if (sscanf(line.c_str(), "flash %c 16 %x %x", &kind, &offset, &data) == 3)
+      line = format("%c %x=%x", kind, offset, data);
+    if (sscanf(line.c_str(), "nvram%u %c 16 %x %x", &inst, &kind, &offset, &data) == 4)
+      line = format("%c%u %x=%x", kind, inst, offset, data);
+    if (kinds.find(line[0]) != std::string::npos) log += line + "; ";
+  }
+  return log;
+}
+
+// Runs `body` in a child process on a board with this option of board-sim. All boards share one state directory.
+inline void on_board(const std::string &option, const std::function<void()> &body) {
+  (void)board();
+  const outcome child = run_child([&] {
+    std::ofstream(board().state() + "/trace").close();
+    board().start({option});
+    body();
+    (void)fflush(nullptr);
+    if (testing::Test::HasFailure()) _exit(1);
+  });
+  EXPECT_EQ(child.exit_code, 0) << child.out << child.err;
+}
+
+extern "C" {
+
+decltype(fcntl) __real_fcntl64, __wrap_fcntl64;
+void *__real_malloc(size_t size), *__wrap_malloc(size_t size);
+decltype(mmap_get_map_pci) __real_mmap_get_map_pci, __wrap_mmap_get_map_pci;
+decltype(mmap_acc_init) __real_mmap_acc_init, __wrap_mmap_acc_init;
+decltype(diag_spin_usec) __wrap_diag_spin_usec;
+
+int __wrap_fcntl64(int fd, int cmd, ...) {
+  va_list args;
+  va_start(args, cmd);
+  const auto parm = va_arg(args, struct flock *);
+  va_end(args);
+  const std::string file = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)).filename();
+  if (cmd == F_SETLKW) note((parm->l_type == F_RDLCK ? "+r " : "+w ") + file);
+  if (cmd == F_SETLK) note((parm->l_type == F_UNLCK ? "-" : "+? ") + file);
+  return __real_fcntl64(fd, cmd, parm);
+}
+
+void *__wrap_malloc(size_t size) {
+  return failing_malloc != 0 && --failing_malloc == 0 ? nullptr : __real_malloc(size);
+}
+
+uint32_t __wrap_mmap_get_map_pci(uint32_t hwtype, uint32_t inst, uint32_t bar, uint32_t *base, uint32_t *len) {
+  note(format("pci %x", bar));
+  return __real_mmap_get_map_pci(hwtype, inst, bar, base, len);
+}
+
+uint32_t __wrap_mmap_acc_init(mmap_info_t *info, const char *name, uint32_t num_inst, const uint32_t *base_addr,
+                              uint32_t len, uint32_t width, hw_acc_cb_t *cb) {
+  note(format("map %s %u x %u %x %x..%x", name, num_inst, width, len, base_addr[0], base_addr[num_inst - 1]));
+  const uint32_t rc = __real_mmap_acc_init(info, name, num_inst, base_addr, len, width, cb);
+  if (change_acc) change_acc(cb);
+  return rc;
+}
+
+void __wrap_diag_spin_usec(uint32_t usec) {
+  note(format("wait %u", usec));
+}
+}
