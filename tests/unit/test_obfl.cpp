@@ -184,21 +184,6 @@ TEST(obfl_driver, polls_while_the_status_toggles_and_the_times_allow) {
   // clang-format on
 }
 
-TEST(obfl_driver, stops_at_the_first_page_that_times_out) {
-  static const uint16_t words[OBFL_SECTOR_WORDS] = {};
-  static const obfl_addr_t addr[] = {at(0), at(0x20), at(0x40)};
-  for (const bool sector : {false, true}) {
-    with_driver({0, 0, 0x40, 0}, [sector] {
-      EXPECT_EQ(sector ? obfl_sector_wr(0, at(0), words, {1, 1, 1, 1}) : obfl_wr_array(0, 3, addr, words, {1, 1, 1, 1}),
-                HW_ERR_TIMEOUT);
-      const std::string log = events();
-      EXPECT_EQ(std::count(log.begin(), log.end(), '+'), 2);
-      const uint32_t polled = sector ? 0x3E : 0x20;
-      EXPECT_TRUE(log.ends_with(format("wait 1; r %x=40; r %x=0; -OBFL_Flash0-write.lock; ", polled, polled))) << log;
-    });
-  }
-}
-
 // Arguments are checked just before their use: so many events come before the report.
 TEST(obfl_driver, asserts_its_arguments) {
   static uint16_t words[OBFL_SECTOR_WORDS];
