@@ -53,6 +53,12 @@ enum : uint16_t {
   DQ6 = 1 << 6,  // toggles on every read while an operation runs
 };
 
+uint16_t read_word(const hw_acc_cb_t &cb, uint32_t inst, uint32_t offset) {
+  uint32_t value = 0;
+  (void)hw_acc_rd(&cb, inst, offset, &value);
+  return static_cast<uint16_t>(value);
+}
+
 // Two exponents of the query table.
 struct cfi_pair_t {
   uint16_t typ;
@@ -155,9 +161,7 @@ uint32_t _obfl_wr(uint32_t inst, uint32_t offset, uint16_t data) {
 }
 
 void _obfl_rd(uint32_t inst, uint32_t offset, uint16_t *data) {
-  uint32_t value = 0;
-  (void)hw_acc_rd(&dev, inst, offset, &value);
-  *data = static_cast<uint16_t>(value);
+  *data = read_word(dev, inst, offset);
 }
 
 obfl_timeout_t get_timeout_val(uint32_t inst) {
@@ -237,8 +241,10 @@ void obfl_sector_rd(uint32_t inst, obfl_addr_t sector_addr, uint16_t *dst) {
   DIAG_ASSERT(sector_addr.so.mbz == 0);
   DIAG_ASSERT(sector_addr.so.offset == 0);
   hw_acc_rd_lk_acq(&dev, 0);
+  // A copy stays in registers, where dev itself might change with every call.
+  const hw_acc_cb_t cb = dev;
   for (uint32_t k = 0; k < OBFL_SECTOR_WORDS; ++k)
-    _obfl_rd(inst, sector_addr.addr + k * OBFL_WORD_SIZE, &dst[k]);
+    dst[k] = read_word(cb, inst, sector_addr.addr + k * OBFL_WORD_SIZE);
   hw_acc_rd_lk_rel(&dev, 0);
 }
 
