@@ -123,8 +123,9 @@ void flash_model::start(std::span<uint8_t> contents, const options &opts) {
     if (f.name == "flash-power-cut") writes_left = f.get("nth");
     if (f.name == "flash-cfi") query_table.at(parm(f, "word")) = static_cast<uint16_t>(f.get("value"));
     if (f.name == "flash-slow") {
-      program_polls = f.get("program", program_polls);
-      erase_polls = f.get("erase", erase_polls);
+      real_time = false;
+      program_polls = f.get("program");
+      erase_polls = f.get("erase");
     }
     const bool line = data_lines.add(f, "flash-data-stuck", "flash-data-short") ||
                       address_lines.add(f, "flash-addr-stuck", "flash-addr-short");
@@ -405,7 +406,7 @@ void flash_model::erase() {
     if (!erase_sector(sector)) outcome = ending::failure;
   }
   const uint64_t typical_ns = (uint64_t{1'000'000} << times.erase_ms) * erasing_sectors.count();
-  run(phase::erasing, typical_ns, times.erase_factor, erase_polls - std::min<uint64_t>(erase_polls, 1));
+  run(phase::erasing, typical_ns, times.erase_factor, erase_polls - 1);
 }
 
 // Returns whether all cells of the sector are erased, as the chip sees it.

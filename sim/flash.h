@@ -20,7 +20,7 @@ inline constexpr uint32_t flash_page_words = 16;
 inline constexpr uint32_t flash_page_bytes = 2 * flash_page_words;
 
 // Busy time in polls: so many status reads show an operation running, the next one shows it done. An operation that
-// is never polled never ends.
+// is never polled never ends. The first poll of an erase shows its window.
 inline constexpr unsigned flash_program_polls = 0;
 inline constexpr unsigned flash_erase_polls = 2;
 // Status reads after which the chip gives up an operation that fails.
