@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <span>
 #include <string>
 #include <vector>
@@ -52,6 +53,8 @@ constinit std::array<contents, windows.size()> store{};
 std::array<nvram_model, flash_window> nvram;
 flash_model flash;
 std::vector<mapping> mappings;
+std::vector<fault> refusals;  // of mmap
+uint64_t map_calls = 0;
 bool trap_all = false;     // everything goes into the log
 bool flash_open = false;   // the flash's mappings allow reading
 unsigned array_reads = 0;  // trapped ones in a row
@@ -230,6 +233,10 @@ bool devmem_start(const options &opts) {
     nvram[i].start(store[i].bytes, i, opts);
   flash.start(store[flash_window].bytes, opts);
   port_start(opts);
+  refusals.clear();
+  std::ranges::copy_if(opts.faults, std::back_inserter(refusals),
+                       [](const fault &f) { return f.name == "mem-mmap-refused"; });
+  map_calls = 0;
   trap_all = !opts.trace.empty();
   flash_open = !trap_all && flash.reads_plainly();
   array_reads = 0;
@@ -250,6 +257,9 @@ void devmem_stop() {
 }
 
 void *devmem_map(size_t length, int prot, int flags, uint64_t phys) {
+  map_calls++;
+  for (const auto &f : refusals)
+    if (f.hits(map_calls)) return refuse(static_cast<int>(f.get("errno")));
   const int sharing = flags & MAP_TYPE;
   const bool shared = sharing == MAP_SHARED || sharing == MAP_SHARED_VALIDATE;
   if (length == 0 || phys % page_size != 0 || !shared || (flags & MAP_FIXED) != 0) return refuse(EINVAL);

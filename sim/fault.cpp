@@ -187,6 +187,12 @@ uint64_t fault::get(std::string_view key, uint64_t otherwise) const {
   return found == parm.end() ? otherwise : found->second;
 }
 
+bool fault::hits(uint64_t event) const {
+  const auto nth = get("nth");
+  const auto times = get("times");
+  return event >= nth && (times == 0 || event - nth < times);
+}
+
 std::optional<fault> fault_parse(std::string_view text, std::string *error) {
   const auto parts = split(text, " \t\n");
   if (parts.empty()) {

@@ -32,6 +32,8 @@ struct fault {
   // The value of a parameter; `otherwise` if it was left out and has no default.
   [[nodiscard]] uint64_t get(std::string_view key, uint64_t otherwise = 0) const;
   [[nodiscard]] bool has(std::string_view key) const { return parm.find(key) != parm.end(); }
+  // Whether the parameters nth and times, 0 for ever, name the event of this number, from 1.
+  [[nodiscard]] bool hits(uint64_t event) const;
 };
 
 // Parses one fault against the table. On failure returns nothing and says why in *error: unknown name, unknown,

@@ -51,11 +51,7 @@ int i2c_bus::injected(slot *to) {
   for (const auto &f : m_opts.faults) {
     if (!is_at(f, m_number, to->addr)) continue;
     if (f.name == "i2c-absent") return ENXIO;
-    if (f.name != "i2c-fail") continue;
-    const auto nth = f.get("nth");
-    const auto times = f.get("times");
-    if (to->transactions >= nth && (times == 0 || to->transactions < nth + times))
-      return static_cast<int>(f.get("errno"));
+    if (f.name == "i2c-fail" && f.hits(to->transactions)) return static_cast<int>(f.get("errno"));
   }
   return 0;
 }
