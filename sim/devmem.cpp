@@ -298,7 +298,7 @@ bool devmem_unmap(void *addr, size_t length) {
   return true;
 }
 
-int port_iopl(int level) {
+int devmem_iopl(int level) {
   if (level > 0) trap_install(bus);
   return port_set_level(level);
 }

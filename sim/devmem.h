@@ -27,9 +27,6 @@ void *devmem_map(size_t length, int prot, int flags, uint64_t phys);
 bool devmem_unmap(void *addr, size_t length);
 
 // iopl(), level 0 to 3. Returns 0, or -1 with errno set. At level 3 the process may use the port.
-int port_iopl(int level);
-
-// Asked by the port model, told by the I/O port: whether bit 27 of port 0x50C protects the supervisor's EEPROM.
-[[nodiscard]] bool port_write_protected();
+int devmem_iopl(int level);
 
 }  // namespace sim

@@ -6,8 +6,8 @@
 #include <cstdio>
 
 #include "sim/at24c512.h"
-#include "sim/devmem.h"
 #include "sim/expander.h"
+#include "sim/port.h"
 #include "sim/sprom_image.h"
 
 namespace sim {

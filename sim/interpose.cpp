@@ -297,7 +297,7 @@ int board_munmap(void *addr, size_t length) {
 }
 
 int board_iopl(int level) {
-  return sim::board_options() != nullptr ? sim::port_iopl(level) : next_iopl.get()(level);
+  return sim::board_options() != nullptr ? sim::devmem_iopl(level) : next_iopl.get()(level);
 }
 
 // The command runs in the real shell, which meets the board by the command's text and its environment.

@@ -3,7 +3,6 @@
 
 #include <cerrno>
 
-#include "sim/devmem.h"
 #include "sim/trace.h"
 #include "sim/trap.h"
 
