@@ -3,14 +3,16 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "sim/options.h"
 
 namespace sim {
 
-// Prepares the device models and creates what the state directory lacks of their contents (nvram0, nvram1, nvram2,
-// flash). Returns false, with a message on standard error, when the state directory cannot be used.
-bool devmem_start(const options &opts);
+// Prepares the device models and creates what the state directory lacks of their contents: nvram0, nvram1 and nvram2 at
+// once, flash at the first access to it. `opts` must stay until devmem_stop. Returns false and says why in *error when
+// the state directory cannot be used.
+bool devmem_start(const options &opts, std::string *error);
 
 // Drops every mapping and model; contents are in their files.
 void devmem_stop();

@@ -2,9 +2,9 @@
 #include "sim/fault.h"
 
 #include <array>
-#include <cerrno>
-#include <charconv>
 #include <vector>
+
+#include "sim/text.h"
 
 namespace sim {
 
@@ -101,23 +101,6 @@ std::vector<std::string_view> split(std::string_view text, std::string_view sepa
   }
 }
 
-// C notation: decimal, 0x hexadecimal, 0 octal.
-std::optional<uint64_t> number(std::string_view text) {
-  int base = 10;
-  if (text.starts_with("0x") || text.starts_with("0X")) {
-    base = 16;
-    text.remove_prefix(2);
-  } else if (text.size() > 1 && text.starts_with('0')) {
-    base = 8;
-    text.remove_prefix(1);
-  }
-  uint64_t value = 0;
-  const char *const end = text.data() + text.size();
-  const auto [stop, result] = std::from_chars(text.data(), end, value, base);
-  if (text.empty() || result != std::errc{} || stop != end) return std::nullopt;
-  return value;
-}
-
 parm_spec parm_of(std::string_view text) {
   parm_spec spec;
   if (text.starts_with('[')) {
@@ -135,18 +118,18 @@ parm_spec parm_of(std::string_view text) {
   }
   const auto colon = spec.values.find(':');
   if (colon != std::string_view::npos) {
-    spec.otherwise = number(spec.values.substr(colon + 1));
+    spec.otherwise = parse_number(spec.values.substr(colon + 1));
     spec.values = spec.values.substr(0, colon);
   }
-  spec.low = number(spec.values.substr(0, dots)).value_or(0);
-  spec.high = number(spec.values.substr(dots + 2)).value_or(0);
+  spec.low = parse_number(spec.values.substr(0, dots)).value_or(0);
+  spec.high = parse_number(spec.values.substr(dots + 2)).value_or(0);
   return spec;
 }
 
 std::optional<uint64_t> parm_value(const parm_spec &spec, std::string_view text) {
   for (size_t i = 0; i < spec.words.size(); i++)
     if (spec.words[i] == text) return i;
-  const auto value = spec.words.empty() ? number(text) : std::nullopt;
+  const auto value = spec.words.empty() ? parse_number(text) : std::nullopt;
   if (value && (*value < spec.low || *value > spec.high)) return std::nullopt;
   return value;
 }
@@ -155,10 +138,6 @@ const fault_row *row_of(std::string_view name) {
   for (const auto &row : fault_rows)
     if (name == row.name) return &row;
   return nullptr;
-}
-
-std::string quoted(std::string_view text) {
-  return "'" + std::string(text) + "'";
 }
 
 // Takes one "key=value" into *f. Returns what is wrong with it, "" for nothing.

@@ -72,7 +72,7 @@ TEST_F(launcher, tells_wrong_arguments_and_unusable_boards_and_ends_with_2) {
       {{"--state", "/proc/none"}, "/proc/none: No such file or directory\n"},
       {{"--state", "/proc/cpuinfo"}, "/proc/cpuinfo: Not a directory\n"},
       {{"--trace", "/proc/none/trace"}, "/proc/none/trace: No such file or directory\n"},
-      {{"--state", path("cut")}, path("cut/eeprom-1-52") + ": File too large\n"},
+      {{"--state", path("cut")}, path("cut/eeprom-1-52") + ": size is not 65536 bytes\n"},
   };
   for (const auto &[args, error] : cases) {
     const auto r = run(args, "system", "echo it runs");

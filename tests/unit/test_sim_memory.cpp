@@ -43,10 +43,6 @@ std::string rights(const volatile void *address) {
   return "";
 }
 
-uint16_t word_at(const std::string &bytes, size_t offset) {
-  return static_cast<uint16_t>(static_cast<uint8_t>(bytes[offset]) | static_cast<uint8_t>(bytes[offset + 1]) << 8);
-}
-
 // --- Mappings -------------------------------------------------------------------------------------------------------
 
 TEST(sim_devmem, maps_what_lies_in_a_window_and_nothing_else) {
@@ -98,8 +94,8 @@ TEST(sim_devmem, keeps_the_rest_when_a_part_is_taken_away) {
   words[0x1FFE / 2] = 0x1234;
   words[0x3000 / 2] = 0x5678;
   EXPECT_EQ(words[0x3000 / 2], 0x5679);
-  EXPECT_EQ(word_at(board.contents("nvram1"), 0x5FFE), 0x1234);
-  EXPECT_EQ(word_at(board.contents("nvram1"), 0x7000), 0x5679);
+  EXPECT_EQ(board.contents("nvram1").substr(0x5FFE, 2), "\x34\x12");
+  EXPECT_EQ(board.contents("nvram1").substr(0x7000, 2), "\x79\x56");
 }
 
 TEST(sim_devmem, shows_one_device_through_several_mappings) {
@@ -138,17 +134,14 @@ TEST(sim_devmem, lets_healthy_devices_run_at_memory_speed) {
   }
 }
 
-TEST(sim_devmem, logs_every_cycle_in_order) {
+TEST(sim_devmem, logs_every_access_in_order) {
   test_board board({"--trace"});
   auto *const nvram = map_window<uint16_t>(nvram2);
   auto *const words = map_window<uint16_t>(flash);
   nvram[1] = 0xBEEF;
-  EXPECT_EQ(nvram[1], 0xBEEF);
-  for (const auto &[offset, data] : {std::pair{0xAAA, 0xAA}, {0x554, 0x55}, {0xAAA, 0x90}})
-    words[offset / 2] = static_cast<uint16_t>(data);
-  EXPECT_EQ(reinterpret_cast<volatile uint32_t *>(words)[0], 0x227E0001);
-  EXPECT_THAT(board.log(), ElementsAre("nvram2 w 16 0x2 0xbeef", "nvram2 r 16 0x2 0xbeef", "flash w 16 0xaaa 0xaa",
-                                       "flash w 16 0x554 0x55", "flash w 16 0xaaa 0x90", "flash r 32 0x0 0x227e0001"));
+  words[0xAA / 2] = 0x98;
+  EXPECT_EQ(reinterpret_cast<volatile uint32_t *>(words)[8], 0x00520051U);
+  EXPECT_THAT(board.log(), ElementsAre("nvram2 w 16 0x2 0xbeef", "flash w 16 0xaa 0x98", "flash r 32 0x20 0x520051"));
 }
 
 TEST(sim_devmem, keeps_contents_for_the_next_run) {
@@ -165,10 +158,9 @@ TEST(sim_devmem, keeps_contents_for_the_next_run) {
   for (const auto &[offset, data] : {std::pair{0xAAA, 0xAA}, {0x554, 0x55}, {0xAAA, 0xA0}, {0x10000, 0x1234}})
     words[offset / 2] = static_cast<uint16_t>(data);
   board.start();
-  EXPECT_EQ(rights(words), "");
   EXPECT_EQ(map_window<uint16_t>(nvram0)[0], 0xCAFE);
   EXPECT_EQ(map_window<uint16_t>(flash)[0x10000 / 2], 0x1234);
-  EXPECT_EQ(word_at(board.contents("flash"), 0x10000), 0x1234);
+  EXPECT_EQ(board.contents("flash").substr(0x10000, 2), "\x34\x12");
 }
 
 // --- Battery-backed RAM ---------------------------------------------------------------------------------------------
