@@ -1,23 +1,22 @@
 #include "sim/at24c512.h"
 
-#include <time.h>
+#include "sim/real.h"
 
 namespace sim {
 
 namespace {
 
-constexpr int64_t write_cycle_nsec = 5000000;  // tWR, maximum
-
-int64_t now_nsec() {
-  timespec now{};
-  (void)clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t{now.tv_sec} * 1000000000 + now.tv_nsec;
-}
+constexpr int64_t write_cycle_nsec = 5'000'000;  // tWR, maximum
 
 }  // namespace
 
+bool at24c512::open(const std::string &path, std::span<const uint8_t> initial, std::string *error) {
+  return m_file.open(
+      path, initial.size(), [&] { return initial; }, error);
+}
+
 bool at24c512::is_busy() {
-  if (m_setup.busy == busy::time) return m_busy_until != 0 && now_nsec() < m_busy_until;
+  if (m_setup.busy == busy::time) return m_busy_until != 0 && monotonic_nsec() < m_busy_until;
   if (m_busy_polls == 0) return false;
   if (!m_setup.busy_forever) m_busy_polls--;
   return true;
@@ -65,7 +64,7 @@ void at24c512::program() {
   for (size_t i = 0; i < at24c512_page; i++)
     if (m_written[i]) page[i] = m_page[i];
   m_busy_polls = m_setup.busy_forever ? 1 : m_setup.busy_polls;
-  m_busy_until = m_setup.busy_forever ? INT64_MAX : now_nsec() + write_cycle_nsec;
+  m_busy_until = m_setup.busy_forever ? INT64_MAX : monotonic_nsec() + write_cycle_nsec;
 }
 
 }  // namespace sim

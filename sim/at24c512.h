@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdint>
 #include <functional>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -35,8 +36,8 @@ class at24c512 : public i2c_device {
 
   explicit at24c512(setup with) : m_setup(std::move(with)) {}
 
-  // Contents are in this file, which starts as `initial`. Returns false with errno set.
-  bool open(const std::string &path, std::span<const uint8_t> initial) { return m_file.open(path, initial); }
+  // Contents are in this file, which starts as `initial`. Returns false and says why in *error.
+  bool open(const std::string &path, std::span<const uint8_t> initial, std::string *error);
 
   bool start(bool reading) override;
   bool write(uint8_t byte) override;

@@ -2,7 +2,6 @@
 
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <map>
 #include <memory>
 #include <string_view>
@@ -10,6 +9,7 @@
 
 #include "sim/cpuinfo.h"
 #include "sim/devmem.h"
+#include "sim/files.h"
 #include "sim/i2c_board.h"
 #include "sim/pci_list.h"
 #include "sim/real.h"
@@ -20,6 +20,14 @@ namespace sim {
 
 namespace {
 
+// The launcher measures once for all programs of a run.
+uint64_t rate_in_khz() {
+  static uint64_t measured = 0;
+  if (const char *const given = std::getenv("BOARD_SIM_TSC_KHZ")) measured = std::strtoull(given, nullptr, 10);
+  if (measured == 0) measured = tsc_khz();
+  return measured;
+}
+
 // A descriptor that stands for a device.
 struct handle {
   sim::device device = device::none;
@@ -28,6 +36,18 @@ struct handle {
 
 struct board {
   explicit board(const options &from) : opts(from), sprom(opts) {}
+
+  // Returns false and says why in *error.
+  bool power_up(std::string *error) {
+    if (!make_board_files(opts, rate_in_khz(), error)) return false;
+    i2c = i2c_board::make(opts, error);
+    if (!i2c) return false;
+    if (!trace_open(opts.trace)) {
+      *error = os_error(opts.trace);
+      return false;
+    }
+    return devmem_start(opts, error);
+  }
 
   const options opts;
   sprom_driver sprom;
@@ -59,14 +79,6 @@ handle *handle_of(int fd) {
   return nullptr;
 }
 
-// The launcher measures once for all programs of a run.
-uint64_t rate_in_khz() {
-  static uint64_t measured = 0;
-  if (const char *const given = std::getenv("BOARD_SIM_TSC_KHZ")) measured = std::strtoull(given, nullptr, 10);
-  if (measured == 0) measured = tsc_khz();
-  return measured;
-}
-
 bool names(std::string_view entry, std::string_view variable) {
   return entry.starts_with(variable) && entry.substr(variable.size()).starts_with('=');
 }
@@ -90,21 +102,11 @@ bool board_start(const options &opts) {
     return false;
   }
   auto made = std::make_unique<board>(opts);
-  std::string failed;
-  bool ready = make_board_files(made->opts, rate_in_khz(), &failed);
-  if (ready) {
-    made->i2c = i2c_board::make(made->opts, &failed);
-    ready = made->i2c != nullptr;
-  }
-  if (ready) {
-    failed = made->opts.trace;
-    ready = trace_open(failed);
-  }
-  if (!ready) {
-    complain(failed + ": " + std::strerror(errno));
+  std::string error;
+  if (!made->power_up(&error)) {
+    complain(error);
     return false;
   }
-  if (!devmem_start(made->opts)) return false;
   running = made.release();
   return true;
 }

@@ -50,31 +50,39 @@ bool make_commands(const options &opts) {
   return true;
 }
 
+// Tells by *path what cannot be made.
+bool make_all(const options &opts, uint64_t tsc_khz, std::string *path) {
+  for (const auto *const name : directories) {
+    *path = opts.state + name;
+    if (!make_directories(*path)) return false;
+  }
+  for (const auto *const name : device_files) {
+    *path = opts.state + name;
+    if (!make_empty(*path)) return false;
+  }
+  for (const auto number : i2c_bus_numbers(opts)) {
+    *path = opts.state + "/dev/i2c-" + std::to_string(number);
+    if (!make_empty(*path)) return false;
+  }
+  *path = opts.state + "/proc/bus/pci/devices";
+  if (!write_file(*path, pci_list(opts))) return false;
+  *path = opts.state + "/proc/cpuinfo";
+  if (!write_file(*path, cpuinfo(opts, tsc_khz))) return false;
+  *path = command_directory(opts);
+  return make_commands(opts);
+}
+
 }  // namespace
 
 std::string command_directory(const options &opts) {
   return opts.state + "/bin";
 }
 
-bool make_board_files(const options &opts, uint64_t tsc_khz, std::string *failed) {
-  for (const auto *const name : directories) {
-    *failed = opts.state + name;
-    if (!make_directories(*failed)) return false;
-  }
-  for (const auto *const name : device_files) {
-    *failed = opts.state + name;
-    if (!make_empty(*failed)) return false;
-  }
-  for (const auto number : i2c_bus_numbers(opts)) {
-    *failed = opts.state + "/dev/i2c-" + std::to_string(number);
-    if (!make_empty(*failed)) return false;
-  }
-  *failed = opts.state + "/proc/bus/pci/devices";
-  if (!write_file(*failed, pci_list(opts))) return false;
-  *failed = opts.state + "/proc/cpuinfo";
-  if (!write_file(*failed, cpuinfo(opts, tsc_khz))) return false;
-  *failed = command_directory(opts);
-  return make_commands(opts);
+bool make_board_files(const options &opts, uint64_t tsc_khz, std::string *error) {
+  std::string path;
+  const bool made = make_all(opts, tsc_khz, &path);
+  if (!made) *error = os_error(path);
+  return made;
 }
 
 }  // namespace sim

@@ -8,7 +8,7 @@
 
 namespace sim {
 
-// The time-stamp counter's rate in kHz, measured against the monotonic clock. Takes about 20 ms.
+// The time-stamp counter's rate in kHz, measured against the monotonic clock. Takes about 2 ms.
 uint64_t tsc_khz();
 
 // The file's contents, faults included.

@@ -264,6 +264,18 @@ bool is_known(uint8_t code, word_size size) {
   return (code & 0xFEU) == 0xC6 || (code & 0xF6U) == 0xF6 || is_shift(code);
 }
 
+// Opcodes 84 to 8B, by pairs.
+struct exchange {
+  operation op;
+  operand to, from;
+};
+constexpr std::array exchanges{std::to_array<exchange>({
+    {operation::test, operand::memory, operand::reg},
+    {operation::xchg, operand::memory, operand::reg},
+    {operation::mov, operand::memory, operand::reg},
+    {operation::mov, operand::reg, operand::memory},
+})};
+
 bool one_byte(reader *r, uint8_t code, const cpu_regs &regs, insn *i, modrm *m) {
   i->width = (code & 1U) != 0 ? r->operand_width() : 8;
   if (code >= 0xA0 && code <= 0xA3) {
@@ -271,11 +283,17 @@ bool one_byte(reader *r, uint8_t code, const cpu_regs &regs, insn *i, modrm *m) 
     return true;
   }
   if (!is_known(code, r->size) || !modrm_read(r, regs, m)) return false;
+  if (is_shift(code)) return shift(r, code, regs, *m, i);
   if (code < 0x40) {
     arithmetic(*r, code, *m, i);
     return true;
   }
-  if (is_shift(code)) return shift(r, code, regs, *m, i);
+  if (code >= 0x84 && code <= 0x8B) {
+    const auto &e = exchanges[(code - 0x84U) / 2];
+    operands(i, e.op, e.to, e.from);
+    take_register(*r, m->reg, i->width, i);
+    return true;
+  }
   switch (code) {
     case 0x63:
       operands(i, operation::mov, operand::reg, operand::memory);
@@ -291,22 +309,6 @@ bool one_byte(reader *r, uint8_t code, const cpu_regs &regs, insn *i, modrm *m) 
     case 0x83:
       arithmetic_immediate(r, code, *m, i);
       return true;
-    case 0x84:
-    case 0x85:
-      operands(i, operation::test, operand::memory, operand::reg);
-      break;
-    case 0x86:
-    case 0x87:
-      operands(i, operation::xchg, operand::memory, operand::reg);
-      break;
-    case 0x88:
-    case 0x89:
-      operands(i, operation::mov, operand::memory, operand::reg);
-      break;
-    case 0x8A:
-    case 0x8B:
-      operands(i, operation::mov, operand::reg, operand::memory);
-      break;
     case 0xC6:
     case 0xC7:
       operands(i, operation::mov, operand::memory, operand::immediate);
@@ -315,8 +317,6 @@ bool one_byte(reader *r, uint8_t code, const cpu_regs &regs, insn *i, modrm *m) 
     default:
       return unary(r, code, *m, i);
   }
-  take_register(*r, m->reg, i->width, i);
-  return true;
 }
 
 uint64_t register_get(const insn &i, const cpu_regs &regs) {
@@ -460,29 +460,46 @@ uint64_t multiply(uint64_t a, uint64_t b, unsigned width, uint64_t *flags) {
   return product;
 }
 
-// The arithmetic operations: `a` is the operand that also takes the result.
-uint64_t compute(operation op, uint64_t a, uint64_t b, unsigned width, uint64_t *flags) {
-  const uint64_t carry = (*flags & flag_carry) != 0 ? 1 : 0;
-  uint64_t changed = 0;
-  uint64_t kept = ~flags_arithmetic;
-  uint64_t result = 0;
+uint64_t sum_or_difference(operation op, uint64_t a, uint64_t b, uint64_t carry, unsigned width, uint64_t *flags) {
   switch (op) {
     case operation::add:
-      result = add(a, b, 0, width, &changed);
-      break;
+      return add(a, b, 0, width, flags);
     case operation::adc:
-      result = add(a, b, carry, width, &changed);
-      break;
-    case operation::sub:
-    case operation::cmp:
-      result = subtract(a, b, 0, width, &changed);
-      break;
+      return add(a, b, carry, width, flags);
+    case operation::inc:
+      return add(a, 1, 0, width, flags);
+    case operation::dec:
+      return subtract(a, 1, 0, width, flags);
     case operation::sbb:
-      result = subtract(a, b, carry, width, &changed);
-      break;
+      return subtract(a, b, carry, width, flags);
     case operation::neg:
-      result = subtract(0, a, 0, width, &changed);
-      break;
+      return subtract(0, a, 0, width, flags);
+    default:  // sub, cmp
+      return subtract(a, b, 0, width, flags);
+  }
+}
+
+// `a` is the operand that also takes the result.
+uint64_t compute(operation op, uint64_t a, uint64_t b, unsigned width, uint64_t *flags) {
+  uint64_t result = 0;
+  uint64_t changed = 0;
+  switch (op) {
+    case operation::mov:
+    case operation::xchg:
+    case operation::push:
+      return b;
+    case operation::not_:
+      return ~a;
+    case operation::rol:
+    case operation::ror:
+      return rotate(op, a, static_cast<unsigned>(b), width, flags);
+    case operation::shl:
+    case operation::shr:
+    case operation::sar:
+      return shift_bits(op, a, static_cast<unsigned>(b), width, flags);
+    case operation::imul_reg:
+    case operation::imul_immediate:
+      return multiply(a, b, width, flags);
     case operation::or_:
       result = a | b;
       break;
@@ -493,33 +510,13 @@ uint64_t compute(operation op, uint64_t a, uint64_t b, unsigned width, uint64_t 
     case operation::test:
       result = a & b;
       break;
-    case operation::inc:
-    case operation::dec:
-      result = op == operation::inc ? add(a, 1, 0, width, &changed) : subtract(a, 1, 0, width, &changed);
-      kept |= flag_carry;
-      changed &= ~flag_carry;
+    default:
+      result = sum_or_difference(op, a, b, *flags & flag_carry, width, &changed);
       break;
-    case operation::rol:
-    case operation::ror:
-      return rotate(op, a, static_cast<unsigned>(b), width, flags);
-    case operation::shl:
-    case operation::shr:
-    case operation::sar:
-      return shift_bits(op, a, static_cast<unsigned>(b), width, flags);
-    case operation::not_:
-      return ~a;
-    case operation::imul_reg:
-    case operation::imul_immediate:
-      return multiply(a, b, width, flags);
-    case operation::mul:
-    case operation::imul:
-    case operation::push:
-    case operation::set:
-    case operation::mov:
-    case operation::xchg:
-      return b;
   }
-  *flags = (*flags & kept) | changed | result_flags(result, width);
+  const bool keeps_carry = op == operation::inc || op == operation::dec;
+  const uint64_t replaced = keeps_carry ? flags_arithmetic & ~flag_carry : flags_arithmetic;
+  *flags = (*flags & ~replaced) | ((changed | result_flags(result, width)) & replaced);
   return result;
 }
 

@@ -4,13 +4,13 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
-#include <optional>
+#include <iterator>
 #include <span>
 #include <string>
 #include <vector>
 
+#include "sim/files.h"
 #include "sim/flash.h"
 #include "sim/layout.h"
 #include "sim/nvram.h"
@@ -23,19 +23,12 @@ namespace sim {
 
 namespace {
 
-constexpr size_t page_size = 4096;
 constexpr size_t flash_window = 3;
 static_assert(windows[flash_window].length == flash_bytes);
 
 // Reads of the array that trap before the flash is opened for direct reading: fewer than a status poll needs, and
 // opening and closing costs as much.
 constexpr unsigned reads_before_opening = 4;
-
-// Device contents: a file of the state directory, mapped for the models' own use.
-struct contents {
-  int fd = -1;
-  std::span<uint8_t> bytes;
-};
 
 struct mapping {
   uintptr_t address;
@@ -49,20 +42,17 @@ struct mapping {
   }
 };
 
-constinit std::array<contents, windows.size()> store{};
-std::array<nvram_model, flash_window> nvram;
-flash_model flash;
-std::vector<mapping> mappings;
-bool trap_all = false;     // everything goes into the log
-bool flash_open = false;   // the flash's mappings allow reading
-unsigned array_reads = 0;  // trapped ones in a row
-std::optional<fault> map_fault;
-uint64_t maps = 0;  // asked for so far
-
-bool complain(const std::string &path, const char *what) {
-  fprintf(stderr, "board-sim: %s: %s\n", path.c_str(), what);
-  return false;
-}
+// Ready before any code of the library's start runs.
+constinit const options *board = nullptr;
+constinit std::array<backing_file, windows.size()> store;
+constinit std::array<nvram_model, flash_window> nvram{};
+constinit flash_model flash{};
+constinit std::vector<mapping> mappings{};
+constinit std::vector<fault> refusals{};  // of mmap
+constinit uint64_t map_calls = 0;
+constinit bool trap_all = false;     // everything goes into the log
+constinit bool flash_open = false;   // the flash's mappings allow reading
+constinit unsigned array_reads = 0;  // trapped ones in a row
 
 // A new device's contents: bytes that differ from place to place, so that nothing lost or mixed up goes unseen. In the
 // flash they fill the first part of each sector, as records do; the rest is erased.
@@ -73,7 +63,7 @@ class new_contents {
         records(window == flash_window ? 0x1000 : piece.size()),
         state(0x9E3779B9U * static_cast<uint32_t>(window + 1)) {}
 
-  // The next piece, of the same size each time. Small pieces are written much faster than one large one.
+  // The next piece. Small ones are written much faster than a large one.
   std::span<const uint8_t> next() {
     for (auto &byte : std::span(piece).first(records)) {
       state = state * 1664525U + 1013904223U;
@@ -88,47 +78,14 @@ class new_contents {
   uint32_t state;
 };
 
-bool write_all(int fd, std::span<const uint8_t> bytes) {
-  while (!bytes.empty()) {
-    const ssize_t done = write(fd, bytes.data(), bytes.size());
-    if (done <= 0) return false;
-    bytes = bytes.subspan(static_cast<size_t>(done));
-  }
-  return true;
+std::string contents_path(size_t window) {
+  return board->state + "/" + windows[window].name;
 }
 
-// A file appears under its name when it is whole.
-bool create_contents(const std::string &path, size_t window) {
-  const std::string unfinished = path + ".new";
-  const file made{sys::open(unfinished.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC)};
-  if (!made.is_open()) return complain(unfinished, strerror(errno));
+bool open_contents(size_t window, std::string *error) {
   new_contents contents(window);
-  for (size_t done = 0; done < windows[window].length;) {
-    const auto piece = contents.next();
-    if (!write_all(made.fd(), piece)) return complain(unfinished, strerror(errno));
-    done += piece.size();
-  }
-  if (sys::rename(unfinished.c_str(), path.c_str()) != 0) return complain(path, strerror(errno));
-  return true;
-}
-
-bool open_contents(const std::string &path, size_t window) {
-  auto &c = store[window];
-  const size_t length = windows[window].length;
-  c.fd = sys::keep(sys::open(path.c_str(), O_RDWR | O_CLOEXEC));
-  if (c.fd < 0 && errno == ENOENT) {
-    if (!create_contents(path, window)) return false;
-    c.fd = sys::keep(sys::open(path.c_str(), O_RDWR | O_CLOEXEC));
-  }
-  if (c.fd < 0) return complain(path, strerror(errno));
-  struct stat st {};
-  if (fstat(c.fd, &st) != 0) return complain(path, strerror(errno));
-  if (static_cast<uint64_t>(st.st_size) != length)
-    return complain(path, ("size is not " + std::to_string(length) + " bytes").c_str());
-  void *const address = sys::mmap(nullptr, length, PROT_READ | PROT_WRITE, MAP_SHARED, c.fd, 0);
-  if (address == MAP_FAILED) return complain(path, strerror(errno));
-  c.bytes = {static_cast<uint8_t *>(address), length};
-  return true;
+  return store[window].open(
+      contents_path(window), windows[window].length, [&] { return contents.next(); }, error);
 }
 
 // The access that a mapping may have without its model.
@@ -145,6 +102,26 @@ void flash_set_open(bool open) {
   for (const auto &m : mappings) {
     if (m.window != flash_window) continue;
     if (mprotect(reinterpret_cast<void *>(m.address), m.length, direct_prot(m)) != 0)
+      trap_die("flash window: %s", strerror(errno));
+  }
+}
+
+bool flash_power_up(std::string *error) {
+  if (!open_contents(flash_window, error)) return false;
+  flash.start(store[flash_window].bytes(), *board);
+  flash_open = !trap_all && flash.reads_plainly();
+  return true;
+}
+
+// Contents that do not exist yet are made at the first access: most runs of a short test never make one. Until then
+// mappings hold the place.
+void flash_first_access() {
+  std::string error;
+  if (!flash_power_up(&error)) trap_die("%s", error.c_str());
+  for (const auto &m : mappings) {
+    if (m.window != flash_window) continue;
+    void *const address = reinterpret_cast<void *>(m.address);
+    if (store[flash_window].map(address, m.length, direct_prot(m), MAP_SHARED | MAP_FIXED, m.offset) == MAP_FAILED)
       trap_die("flash window: %s", strerror(errno));
   }
 }
@@ -186,8 +163,14 @@ void for_each_cycle(uint32_t offset, unsigned width, Visit visit) {
   }
 }
 
-uint32_t window_read(uintptr_t address, unsigned width) {
+const mapping &accessed(uintptr_t address, unsigned width) {
   const auto &m = *mapping_at(address, width / 8);
+  if (!store[m.window].is_open()) flash_first_access();
+  return m;
+}
+
+uint32_t window_read(uintptr_t address, unsigned width) {
+  const auto &m = accessed(address, width);
   const auto offset = static_cast<uint32_t>(m.offset + (address - m.address));
   uint32_t data = 0;
   for_each_cycle(offset, width, [&](uint32_t at, uint16_t lanes, int shift) {
@@ -201,7 +184,7 @@ uint32_t window_read(uintptr_t address, unsigned width) {
 }
 
 void window_write(uintptr_t address, unsigned width, uint32_t data) {
-  const auto &m = *mapping_at(address, width / 8);
+  const auto &m = accessed(address, width);
   const auto offset = static_cast<uint32_t>(m.offset + (address - m.address));
   trace_access(windows[m.window].name, 'w', width, offset, data);
   for_each_cycle(offset, width, [&](uint32_t at, uint16_t lanes, int shift) {
@@ -223,48 +206,41 @@ void *refuse(int error) {
   return MAP_FAILED;
 }
 
-// Whether the fault hits this mapping.
-bool map_fails() {
-  ++maps;
-  if (!map_fault || maps < map_fault->get("nth")) return false;
-  const uint64_t before = maps - map_fault->get("nth");
-  return map_fault->get("times") == 0 || before < map_fault->get("times");
-}
-
 }  // namespace
 
-bool devmem_start(const options &opts) {
+bool devmem_start(const options &opts, std::string *error) {
   devmem_stop();
-  for (size_t i = 0; i < windows.size(); i++)
-    if (!open_contents(opts.state + "/" + windows[i].name, i)) return false;
-  for (unsigned i = 0; i < nvram.size(); i++)
-    nvram[i].start(store[i].bytes, i, opts);
-  flash.start(store[flash_window].bytes, opts);
-  port_start(opts);
+  board = &opts;
+  for (size_t i = 0; i < flash_window; i++) {
+    if (!open_contents(i, error)) return false;
+    nvram[i].start(store[i].bytes(), static_cast<unsigned>(i), opts);
+  }
   trap_all = !opts.trace.empty();
-  flash_open = !trap_all && flash.reads_plainly();
+  flash_open = false;
   array_reads = 0;
-  const fault *const refused = opts.find("mem-mmap-refused");
-  map_fault = refused != nullptr ? std::optional(*refused) : std::nullopt;
-  maps = 0;
+  if (file_exists(contents_path(flash_window)) && !flash_power_up(error)) return false;
+  port_start(opts);
+  refusals.clear();
+  std::ranges::copy_if(opts.faults, std::back_inserter(refusals),
+                       [](const fault &f) { return f.name == "mem-mmap-refused"; });
+  map_calls = 0;
   return true;
 }
 
 void devmem_stop() {
-  if (!store[flash_window].bytes.empty()) flash.stop();
+  if (store[flash_window].is_open()) flash.stop();
   for (const auto &m : mappings)
     (void)sys::munmap(reinterpret_cast<void *>(m.address), m.length);
   mappings.clear();
   trap_remove();
-  for (auto &c : store) {
-    if (!c.bytes.empty()) (void)sys::munmap(c.bytes.data(), c.bytes.size());
-    if (c.fd >= 0) (void)sys::close(c.fd);
-    c = contents{};
-  }
+  for (auto &contents : store)
+    contents.close();
 }
 
 void *devmem_map(size_t length, int prot, int flags, uint64_t phys) {
-  if (map_fails()) return refuse(static_cast<int>(map_fault->get("errno")));
+  map_calls++;
+  for (const auto &f : refusals)
+    if (f.hits(map_calls)) return refuse(f.error());
   const int sharing = flags & MAP_TYPE;
   const bool shared = sharing == MAP_SHARED || sharing == MAP_SHARED_VALIDATE;
   if (length == 0 || phys % page_size != 0 || !shared || (flags & MAP_FIXED) != 0) return refuse(EINVAL);
@@ -275,10 +251,10 @@ void *devmem_map(size_t length, int prot, int flags, uint64_t phys) {
   });
   if (found == windows.end()) return refuse(EPERM);
   const auto index = static_cast<size_t>(found - windows.begin());
-  if (store[index].bytes.empty()) return refuse(EPERM);
-
   mapping m{0, whole, index, static_cast<uint32_t>(phys - found->base), prot};
-  void *const address = sys::mmap(nullptr, whole, direct_prot(m), MAP_SHARED, store[index].fd, m.offset);
+  void *const address = store[index].is_open()
+                            ? store[index].map(nullptr, whole, direct_prot(m), MAP_SHARED, m.offset)
+                            : sys::mmap(nullptr, whole, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (address == MAP_FAILED) return MAP_FAILED;
   m.address = reinterpret_cast<uintptr_t>(address);
   mappings.push_back(m);
@@ -303,7 +279,7 @@ bool devmem_unmap(void *addr, size_t length) {
   return true;
 }
 
-int port_iopl(int level) {
+int devmem_iopl(int level) {
   if (level > 0) trap_install(bus);
   return port_set_level(level);
 }

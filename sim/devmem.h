@@ -3,14 +3,16 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string>
 
 #include "sim/options.h"
 
 namespace sim {
 
-// Prepares the device models and creates what the state directory lacks of their contents (nvram0, nvram1, nvram2,
-// flash). Returns false, with a message on standard error, when the state directory cannot be used.
-bool devmem_start(const options &opts);
+// Prepares the device models and creates what the state directory lacks of their contents: nvram0, nvram1 and nvram2 at
+// once, flash at the first access to it. `opts` must stay until devmem_stop. Returns false and says why in *error when
+// the state directory cannot be used.
+bool devmem_start(const options &opts, std::string *error);
 
 // Drops every mapping and model; contents are in their files.
 void devmem_stop();
@@ -27,9 +29,6 @@ void *devmem_map(size_t length, int prot, int flags, uint64_t phys);
 bool devmem_unmap(void *addr, size_t length);
 
 // iopl(), level 0 to 3. Returns 0, or -1 with errno set. At level 3 the process may use the port.
-int port_iopl(int level);
-
-// Asked by the port model, told by the I/O port: whether bit 27 of port 0x50C protects the supervisor's EEPROM.
-[[nodiscard]] bool port_write_protected();
+int devmem_iopl(int level);
 
 }  // namespace sim

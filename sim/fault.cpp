@@ -2,9 +2,9 @@
 #include "sim/fault.h"
 
 #include <array>
-#include <cerrno>
-#include <charconv>
 #include <vector>
+
+#include "sim/text.h"
 
 namespace sim {
 
@@ -61,14 +61,15 @@ constexpr std::array fault_rows{std::to_array<fault_row>({
     {"nvram-cell-coupled",  "instance=0..2 offset=0..0x7FFF bit=0..7 victim=0..0x7FFF vbit=0..7",   "a change of one cell inverts another"},
 
     // NOR flash. Lines as above; the chip's address A0 is bit 1 of the byte offset.
-    {"flash-data-stuck",    "line=0..15 level=0..1",                                                "a data line is stuck"},
-    {"flash-data-short",    "line=0..15 other=0..15 [wins=0..1:0]",                                 "two data lines are shorted; the level that wins"},
-    {"flash-addr-stuck",    "line=1..25 level=0..1",                                                "an address line is stuck"},
-    {"flash-addr-short",    "line=1..25 other=1..25 [wins=0..1:0]",                                 "two address lines are shorted; the level that wins"},
+    {"flash-data-stuck",    "line=0..15 level=0..1 [commands=0..1:0]",                              "a data line is stuck; commands=1: for command and status cycles too"},
+    {"flash-data-short",    "line=0..15 other=0..15 [wins=0..1:0] [commands=0..1:0]",               "two data lines are shorted; the level that wins; commands=1: for command and status cycles too"},
+    {"flash-addr-stuck",    "line=1..25 level=0..1 [commands=0..1:0]",                              "an address line is stuck; commands=1: for command and status cycles too"},
+    {"flash-addr-short",    "line=1..25 other=1..25 [wins=0..1:0] [commands=0..1:0]",               "two address lines are shorted; the level that wins; commands=1: for command and status cycles too"},
     {"flash-cell-stuck",    "offset=0..0x3FFFFFF bit=0..7 level=0..1",                              "a cell is stuck"},
     {"flash-cell-coupled",  "offset=0..0x3FFFFFF bit=0..7 victim=0..0x3FFFFFF vbit=0..7",           "programming one cell programs another"},
     {"flash-silent",        "",                                                                     "the flash does not answer: all ones"},
     {"flash-cfi",           "word=0x10..0xFF value=0..0xFFFF",                                      "this word of the CFI query reads wrong"},
+    {"flash-slow",          "[program=0..1000000:0] [erase=1..1000000:2]",                          "so many status reads show a program or an erase running, in place of the usual number"},
     {"flash-erase-hangs",   "[sector=0..511] [dq5=0..1:0]",                                         "erase never ends, with or without DQ5"},
     {"flash-program-hangs", "[sector=0..511] [dq5=0..1:0]",                                         "programming never ends, with or without DQ5"},
     {"flash-erase-leaves",  "offset=0..0x3FFFFFF bit=0..7",                                         "erase leaves this bit programmed"},
@@ -100,23 +101,6 @@ std::vector<std::string_view> split(std::string_view text, std::string_view sepa
   }
 }
 
-// C notation: decimal, 0x hexadecimal, 0 octal.
-std::optional<uint64_t> number(std::string_view text) {
-  int base = 10;
-  if (text.starts_with("0x") || text.starts_with("0X")) {
-    base = 16;
-    text.remove_prefix(2);
-  } else if (text.size() > 1 && text.starts_with('0')) {
-    base = 8;
-    text.remove_prefix(1);
-  }
-  uint64_t value = 0;
-  const char *const end = text.data() + text.size();
-  const auto [stop, result] = std::from_chars(text.data(), end, value, base);
-  if (text.empty() || result != std::errc{} || stop != end) return std::nullopt;
-  return value;
-}
-
 parm_spec parm_of(std::string_view text) {
   parm_spec spec;
   if (text.starts_with('[')) {
@@ -134,18 +118,18 @@ parm_spec parm_of(std::string_view text) {
   }
   const auto colon = spec.values.find(':');
   if (colon != std::string_view::npos) {
-    spec.otherwise = number(spec.values.substr(colon + 1));
+    spec.otherwise = parse_number(spec.values.substr(colon + 1));
     spec.values = spec.values.substr(0, colon);
   }
-  spec.low = number(spec.values.substr(0, dots)).value_or(0);
-  spec.high = number(spec.values.substr(dots + 2)).value_or(0);
+  spec.low = parse_number(spec.values.substr(0, dots)).value_or(0);
+  spec.high = parse_number(spec.values.substr(dots + 2)).value_or(0);
   return spec;
 }
 
 std::optional<uint64_t> parm_value(const parm_spec &spec, std::string_view text) {
   for (size_t i = 0; i < spec.words.size(); i++)
     if (spec.words[i] == text) return i;
-  const auto value = spec.words.empty() ? number(text) : std::nullopt;
+  const auto value = spec.words.empty() ? parse_number(text) : std::nullopt;
   if (value && (*value < spec.low || *value > spec.high)) return std::nullopt;
   return value;
 }
@@ -154,10 +138,6 @@ const fault_row *row_of(std::string_view name) {
   for (const auto &row : fault_rows)
     if (name == row.name) return &row;
   return nullptr;
-}
-
-std::string quoted(std::string_view text) {
-  return "'" + std::string(text) + "'";
 }
 
 // Takes one "key=value" into *f. Returns what is wrong with it, "" for nothing.
@@ -184,6 +164,12 @@ std::span<const fault_row> fault_table() {
 uint64_t fault::get(std::string_view key, uint64_t otherwise) const {
   const auto found = parm.find(key);
   return found == parm.end() ? otherwise : found->second;
+}
+
+bool fault::hits(uint64_t event) const {
+  const auto nth = get("nth");
+  const auto times = get("times");
+  return event >= nth && (times == 0 || event - nth < times);
 }
 
 std::optional<fault> fault_parse(std::string_view text, std::string *error) {

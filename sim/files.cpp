@@ -11,13 +11,46 @@ namespace sim {
 
 namespace {
 
-bool write_all(int fd, std::string_view contents) {
-  while (!contents.empty()) {
-    const auto written = ::syscall(SYS_write, fd, contents.data(), contents.size());
+bool write_all(int fd, std::span<const uint8_t> bytes) {
+  while (!bytes.empty()) {
+    const auto written = ::syscall(SYS_write, fd, bytes.data(), bytes.size());
     if (written < 0) return false;
-    contents.remove_prefix(static_cast<size_t>(written));
+    bytes = bytes.subspan(static_cast<size_t>(written));
   }
   return true;
+}
+
+// A file under a name of its own, to be put in place when it is whole.
+class unfinished_file {
+ public:
+  explicit unfinished_file(const std::string &path)
+      : m_path(path + "." + std::to_string(getpid())),
+        m_file(sys::open(m_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC)) {}
+  unfinished_file(const unfinished_file &) = delete;
+  unfinished_file &operator=(const unfinished_file &) = delete;
+  ~unfinished_file() {
+    const keep_errno kept;
+    (void)sys::unlink(m_path.c_str());
+  }
+  [[nodiscard]] bool write(std::span<const uint8_t> bytes) const {
+    return m_file.is_open() && write_all(m_file.fd(), bytes);
+  }
+  [[nodiscard]] const char *path() const { return m_path.c_str(); }
+
+ private:
+  std::string m_path;
+  file m_file;
+};
+
+// Where another program of the run was first, its file stays; it may have written to it already.
+bool make_contents(const std::string &path, size_t size, const backing_file::piece_source &next) {
+  const unfinished_file made(path);
+  for (size_t done = 0; done < size;) {
+    const auto piece = next();
+    if (!made.write(piece)) return false;
+    done += piece.size();
+  }
+  return sys::link(made.path(), path.c_str()) == 0 || errno == EEXIST || sys::rename(made.path(), path.c_str()) == 0;
 }
 
 bool is_directory(const std::string &path) {
@@ -50,17 +83,9 @@ bool remove_tree(const std::string &path) {
 }
 
 bool write_file(const std::string &path, std::string_view contents) {
-  const auto temporary = path + "." + std::to_string(getpid());
-  {
-    const file out{sys::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC)};
-    if (!out.is_open()) return false;
-    if (!write_all(out.fd(), contents)) {
-      const keep_errno kept;
-      (void)sys::unlink(temporary.c_str());
-      return false;
-    }
-  }
-  return sys::rename(temporary.c_str(), path.c_str()) == 0;
+  const unfinished_file made(path);
+  return made.write({reinterpret_cast<const uint8_t *>(contents.data()), contents.size()}) &&
+         sys::rename(made.path(), path.c_str()) == 0;
 }
 
 std::optional<std::string> read_file(const std::string &path) {
@@ -74,6 +99,14 @@ std::optional<std::string> read_file(const std::string &path) {
     if (got == 0) return contents;
     contents.append(part, static_cast<size_t>(got));
   }
+}
+
+bool file_exists(const std::string &path) {
+  return sys::access(path.c_str(), F_OK) == 0;
+}
+
+std::string os_error(const std::string &path) {
+  return path + ": " + std::strerror(errno);
 }
 
 std::string own_directory() {
@@ -91,25 +124,35 @@ std::string own_directory() {
 }
 
 backing_file::~backing_file() {
-  if (!m_bytes.empty()) (void)sys::munmap(m_bytes.data(), m_bytes.size());
+  close();
 }
 
-bool backing_file::open(const std::string &path, std::span<const uint8_t> initial) {
-  if (sys::access(path.c_str(), F_OK) != 0) {
-    const std::string contents(initial.begin(), initial.end());
-    if (!write_file(path, contents)) return false;
+void backing_file::close() {
+  if (is_open()) (void)sys::munmap(m_bytes.data(), m_bytes.size());
+  m_bytes = {};
+}
+
+bool backing_file::open(const std::string &path, size_t size, const piece_source &next, std::string *error) {
+  close();
+  m_path = path;
+  if (file_exists(path) || make_contents(path, size, next)) {
+    const file backing{sys::open(path.c_str(), O_RDWR | O_CLOEXEC)};
+    const auto found = lseek(backing.fd(), 0, SEEK_END);
+    if (found >= 0 && static_cast<uint64_t>(found) != size) {
+      *error = path + ": size is not " + std::to_string(size) + " bytes";
+      return false;
+    }
+    void *const at = found < 0 ? MAP_FAILED : map(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, 0);
+    if (at != MAP_FAILED) m_bytes = {static_cast<uint8_t *>(at), size};
   }
-  const file backing{sys::open(path.c_str(), O_RDWR | O_CLOEXEC)};
-  if (!backing.is_open()) return false;
-  const auto size = lseek(backing.fd(), 0, SEEK_END);
-  if (size != static_cast<off_t>(initial.size())) {
-    if (size >= 0) errno = EFBIG;
-    return false;
-  }
-  void *const at = sys::mmap(nullptr, initial.size(), PROT_READ | PROT_WRITE, MAP_SHARED, backing.fd(), 0);
-  if (at == MAP_FAILED) return false;
-  m_bytes = {static_cast<uint8_t *>(at), initial.size()};
-  return true;
+  if (!is_open()) *error = os_error(path);
+  return is_open();
+}
+
+void *backing_file::map(void *addr, size_t length, int prot, int flags, uint64_t offset) const {
+  const file backing{sys::open(m_path.c_str(), O_RDWR | O_CLOEXEC)};
+  if (!backing.is_open()) return MAP_FAILED;
+  return sys::mmap(addr, length, prot, flags, backing.fd(), offset);
 }
 
 }  // namespace sim

@@ -2,10 +2,11 @@
 #include "sim/flash.h"
 
 #include <signal.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
+
+#include "sim/real.h"
 
 namespace sim {
 
@@ -40,7 +41,7 @@ enum status_bit : uint16_t {
   dq7 = 0x80,  // complement of the data, 0 during an erase
 };
 
-constexpr uint64_t erase_window_ns = 50'000;
+constexpr int64_t erase_window_ns = 50'000;
 
 // clang-format off
 // The words of the query from 0x10 on, but for times and sizes.
@@ -80,12 +81,6 @@ constexpr std::array<uint16_t, 0x11> query_command_set{
 };
 // clang-format on
 
-uint64_t now_ns() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000U + static_cast<uint64_t>(now.tv_nsec);
-}
-
 uint32_t sector_of(uint32_t offset) {
   return offset / flash_sector_bytes;
 }
@@ -123,8 +118,9 @@ void flash_model::start(std::span<uint8_t> contents, const options &opts) {
     if (f.name == "flash-power-cut") writes_left = f.get("nth");
     if (f.name == "flash-cfi") query_table.at(parm(f, "word")) = static_cast<uint16_t>(f.get("value"));
     if (f.name == "flash-slow") {
-      program_polls = f.get("program", program_polls);
-      erase_polls = f.get("erase", erase_polls);
+      real_time = false;
+      program_polls = f.get("program");
+      erase_polls = f.get("erase");
     }
     const bool line = data_lines.add(f, "flash-data-stuck", "flash-data-short") ||
                       address_lines.add(f, "flash-addr-stuck", "flash-addr-short");
@@ -368,7 +364,7 @@ void flash_model::program(std::span<const word_load> words, unsigned typical_us,
     for (const auto &w : words)
       if (!program_word(w.offset, w.data)) outcome = ending::failure;
   }
-  run(phase::programming, uint64_t{1000} << typical_us, factor, program_polls);
+  run(phase::programming, int64_t{1000} << typical_us, factor, program_polls);
 }
 
 // Programming clears bits, then the chip compares. Returns whether the cells hold the word.
@@ -390,7 +386,7 @@ bool flash_model::program_word(uint32_t offset, uint16_t data) {
 
 void flash_model::open_window() {
   mode = phase::erase_window;
-  if (real_time) window_end_ns = now_ns() + erase_window_ns;
+  if (real_time) window_end_ns = monotonic_nsec() + erase_window_ns;
 }
 
 void flash_model::erase() {
@@ -404,8 +400,8 @@ void flash_model::erase() {
     }
     if (!erase_sector(sector)) outcome = ending::failure;
   }
-  const uint64_t typical_ns = (uint64_t{1'000'000} << times.erase_ms) * erasing_sectors.count();
-  run(phase::erasing, typical_ns, times.erase_factor, erase_polls - std::min<uint64_t>(erase_polls, 1));
+  const auto sectors = static_cast<int64_t>(erasing_sectors.count());
+  run(phase::erasing, sectors * 1'000'000 << times.erase_ms, times.erase_factor, erase_polls - 1);
 }
 
 // Returns whether all cells of the sector are erased, as the chip sees it.
@@ -426,11 +422,11 @@ bool flash_model::erase_sector(uint32_t sector) {
 }
 
 // An operation lasts a little less than its typical time. A failing one is given up before its longest time is over.
-void flash_model::run(phase busy_phase, uint64_t typical_ns, unsigned factor, uint64_t polls) {
+void flash_model::run(phase busy_phase, int64_t typical_ns, unsigned factor, uint64_t polls) {
   mode = busy_phase;
   const bool fails = outcome == ending::failure;
   polls_left = fails ? std::max<uint64_t>(polls, flash_give_up_polls) : polls;
-  if (real_time) deadline_ns = now_ns() + (fails ? (typical_ns << factor) / 2 : typical_ns / 8 * 7);
+  if (real_time) deadline_ns = monotonic_nsec() + (fails ? (typical_ns << factor) / 2 : typical_ns / 8 * 7);
 }
 
 void flash_model::poll() {
@@ -442,7 +438,7 @@ void flash_model::poll() {
 }
 
 void flash_model::pass_time() {
-  const uint64_t now = now_ns();
+  const int64_t now = monotonic_nsec();
   if (mode == phase::erase_window && now >= window_end_ns) {
     erase();
     deadline_ns -= now - window_end_ns;

@@ -20,7 +20,7 @@ inline constexpr uint32_t flash_page_words = 16;
 inline constexpr uint32_t flash_page_bytes = 2 * flash_page_words;
 
 // Busy time in polls: so many status reads show an operation running, the next one shows it done. An operation that
-// is never polled never ends.
+// is never polled never ends. The first poll of an erase shows its window.
 inline constexpr unsigned flash_program_polls = 0;
 inline constexpr unsigned flash_erase_polls = 2;
 // Status reads after which the chip gives up an operation that fails.
@@ -40,7 +40,7 @@ inline constexpr flash_times flash_times_scaled{2, 2, 1, 3, 3, 3};
 
 class flash_model {
  public:
-  // Powers the chip up on its contents (flash_bytes of them), which the caller keeps mapped.
+  // Powers the chip up on its contents (flash_bytes of them), which stay the caller's.
   void start(std::span<uint8_t> contents, const options &opts);
 
   // Lets an operation that is running come to its end, as the chip does without its processor.
@@ -115,8 +115,8 @@ class flash_model {
   std::bitset<flash_sectors> erasing_sectors;  // empty while programming
   ending outcome = ending::success;
   uint64_t polls_left = 0;
-  uint64_t deadline_ns = 0;
-  uint64_t window_end_ns = 0;
+  int64_t deadline_ns = 0;
+  int64_t window_end_ns = 0;
   uint16_t toggles = 0;    // DQ6 and DQ2 as they stand
   bool data_bit7 = false;  // of the word last loaded
 
@@ -140,7 +140,7 @@ class flash_model {
   void open_window();
   void erase();
   [[nodiscard]] bool erase_sector(uint32_t sector);
-  void run(phase busy, uint64_t typical_ns, unsigned factor, uint64_t polls);
+  void run(phase busy, int64_t typical_ns, unsigned factor, uint64_t polls);
   void poll();
   void pass_time();
   void finish();

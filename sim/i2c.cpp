@@ -7,25 +7,72 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 
+#include "sim/real.h"
 #include "sim/trace.h"
 
 namespace sim {
 
 namespace {
 
-int fail(int error) {
-  errno = error;
-  return -1;
-}
-
-bool is_at(const fault &f, uint32_t bus, uint8_t addr) {
-  return f.get("bus") == bus && f.get("addr") == addr;
-}
-
 constexpr unsigned long smbus_functions = I2C_FUNC_SMBUS_QUICK | I2C_FUNC_SMBUS_BYTE | I2C_FUNC_SMBUS_BYTE_DATA |
                                           I2C_FUNC_SMBUS_WORD_DATA | I2C_FUNC_SMBUS_I2C_BLOCK;
+
+// An SMBus transfer is a write of the command and its data, or a write of the command and a read.
+struct smbus_transfer {
+  std::array<uint8_t, 1 + I2C_SMBUS_BLOCK_MAX> out{};
+  size_t out_length = 1;
+  std::array<uint8_t, I2C_SMBUS_BLOCK_MAX> in{};
+  size_t in_length = 0;
+};
+
+// Returns 0, or the errno value with which the kernel refuses the transfer.
+int smbus_plan(const i2c_smbus_ioctl_data &args, smbus_transfer *t) {
+  const bool reading = args.read_write == I2C_SMBUS_READ;
+  const bool bare = args.size == I2C_SMBUS_QUICK || (args.size == I2C_SMBUS_BYTE && !reading);
+  if (!reading && args.read_write != I2C_SMBUS_WRITE) return EINVAL;
+  if (!bare && args.data == nullptr) return EINVAL;
+  t->out[0] = args.command;
+  size_t length = 0;  // of the data
+  switch (args.size) {
+    case I2C_SMBUS_QUICK:
+      t->out_length = 0;
+      return 0;
+    case I2C_SMBUS_BYTE:
+      t->out_length = reading ? 0 : 1;
+      t->in_length = reading ? 1 : 0;
+      return 0;
+    case I2C_SMBUS_BYTE_DATA:
+      length = 1;
+      t->out[1] = args.data->byte;
+      break;
+    case I2C_SMBUS_WORD_DATA:
+      length = 2;
+      t->out[1] = static_cast<uint8_t>(args.data->word);
+      t->out[2] = static_cast<uint8_t>(args.data->word >> 8);
+      break;
+    case I2C_SMBUS_I2C_BLOCK_DATA:
+      length = args.data->block[0];
+      if (length == 0 || length > I2C_SMBUS_BLOCK_MAX) return EINVAL;
+      std::copy_n(&args.data->block[1], length, &t->out[1]);
+      break;
+    default:
+      return EOPNOTSUPP;
+  }
+  (reading ? t->in_length : t->out_length) += length;
+  return 0;
+}
+
+// Gives the caller what was read.
+void smbus_store(const i2c_smbus_ioctl_data &args, const smbus_transfer &t) {
+  if (t.in_length == 0) return;
+  if (args.size == I2C_SMBUS_WORD_DATA)
+    args.data->word = static_cast<uint16_t>(t.in[0] | t.in[1] << 8);
+  else if (args.size == I2C_SMBUS_I2C_BLOCK_DATA)
+    std::copy_n(t.in.begin(), t.in_length, &args.data->block[1]);
+  else
+    args.data->byte = t.in[0];
+}
 
 }  // namespace
 
@@ -49,13 +96,9 @@ i2c_bus::slot *i2c_bus::slot_of(uint8_t addr) {
 // The error that a fault makes of this transaction with the device, 0 for none.
 int i2c_bus::injected(slot *to) {
   for (const auto &f : m_opts.faults) {
-    if (!is_at(f, m_number, to->addr)) continue;
+    if (!f.is_at(m_number, to->addr)) continue;
     if (f.name == "i2c-absent") return ENXIO;
-    if (f.name != "i2c-fail") continue;
-    const auto nth = f.get("nth");
-    const auto times = f.get("times");
-    if (to->transactions >= nth && (times == 0 || to->transactions < nth + times))
-      return static_cast<int>(f.get("errno"));
+    if (f.name == "i2c-fail" && f.hits(to->transactions)) return f.error();
   }
   return 0;
 }
@@ -141,57 +184,18 @@ int i2c_client::rdwr(void *arg) {
   return static_cast<int>(data.nmsgs);
 }
 
-// Each SMBus transfer is a write of the command and its data, or a write of the command and a read.
 int i2c_client::smbus(void *arg) {
   if (arg == nullptr) return fail(EFAULT);
   const auto &args = *static_cast<const i2c_smbus_ioctl_data *>(arg);
+  smbus_transfer transfer;
+  if (const int error = smbus_plan(args, &transfer)) return fail(error);
   const bool reading = args.read_write == I2C_SMBUS_READ;
-  const bool bare_write = args.size == I2C_SMBUS_BYTE && !reading;
-  if (!reading && args.read_write != I2C_SMBUS_WRITE) return fail(EINVAL);
-  if (args.size != I2C_SMBUS_QUICK && !bare_write && args.data == nullptr) return fail(EINVAL);
-
-  std::array<uint8_t, 2 + I2C_SMBUS_BLOCK_MAX> out{args.command};
-  size_t out_length = 1;
-  std::array<uint8_t, I2C_SMBUS_BLOCK_MAX> in{};
-  size_t length = 0;  // of the data
-  switch (args.size) {
-    case I2C_SMBUS_QUICK:
-      out_length = 0;
-      break;
-    case I2C_SMBUS_BYTE:
-      length = reading ? 1 : 0;
-      out_length = reading ? 0 : 1;
-      break;
-    case I2C_SMBUS_BYTE_DATA:
-      length = 1;
-      if (!reading) out[1] = args.data->byte;
-      break;
-    case I2C_SMBUS_WORD_DATA:
-      length = 2;
-      if (!reading) out[1] = static_cast<uint8_t>(args.data->word);
-      if (!reading) out[2] = static_cast<uint8_t>(args.data->word >> 8);
-      break;
-    case I2C_SMBUS_I2C_BLOCK_DATA:
-      length = args.data->block[0];
-      if (length == 0 || length > I2C_SMBUS_BLOCK_MAX) return fail(EINVAL);
-      if (!reading) std::memcpy(&out[1], &args.data->block[1], length);
-      break;
-    default:
-      return fail(EOPNOTSUPP);
-  }
-  if (!reading) out_length += args.size == I2C_SMBUS_BYTE ? 0 : length;
-
   std::vector<i2c_message> messages;
-  if (!reading || out_length != 0) messages.push_back({m_addr, false, {out.data(), out_length}});
-  if (reading) messages.push_back({m_addr, true, {in.data(), length}});
+  if (!reading || transfer.out_length != 0)
+    messages.push_back({m_addr, false, std::span(transfer.out).first(transfer.out_length)});
+  if (reading) messages.push_back({m_addr, true, std::span(transfer.in).first(transfer.in_length)});
   if (const int error = m_bus->transfer(messages)) return fail(error);
-  if (!reading || length == 0) return 0;
-  if (args.size == I2C_SMBUS_WORD_DATA)
-    args.data->word = static_cast<uint16_t>(in[0] | in[1] << 8);
-  else if (args.size == I2C_SMBUS_I2C_BLOCK_DATA)
-    std::memcpy(&args.data->block[1], in.data(), length);
-  else
-    args.data->byte = in[0];
+  smbus_store(args, transfer);
   return 0;
 }
 

@@ -6,8 +6,8 @@
 #include <cstdio>
 
 #include "sim/at24c512.h"
-#include "sim/devmem.h"
 #include "sim/expander.h"
+#include "sim/port.h"
 #include "sim/sprom_image.h"
 
 namespace sim {
@@ -114,7 +114,7 @@ size_t word(const fault &f, std::string_view key) {
 
 const fault *device_fault(const options &opts, std::string_view name, uint32_t bus, uint8_t addr) {
   for (const auto &f : opts.faults)
-    if (f.name == name && f.get("bus") == bus && f.get("addr") == addr) return &f;
+    if (f.name == name && f.is_at(bus, addr)) return &f;
   return nullptr;
 }
 
@@ -126,7 +126,7 @@ expander_pins pins_of(const expander_row &row, const options &opts) {
     pins.level = static_cast<uint16_t>((pins.level & ~(3u << row.straps)) | straps << row.straps);
   }
   for (const auto &f : opts.faults) {
-    if (f.name != "pin-stuck" || f.get("bus") != row.bus || f.get("addr") != row.addr) continue;
+    if (f.name != "pin-stuck" || !f.is_at(row.bus, row.addr)) continue;
     const auto pin = static_cast<uint16_t>(1u << f.get("pin"));
     pins.stuck = static_cast<uint16_t>(pins.stuck | pin);
     if (f.get("level") != 0) pins.stuck_level = static_cast<uint16_t>(pins.stuck_level | pin);
@@ -165,7 +165,7 @@ std::vector<at24c512::setup::corruption> corruptions(const options &opts, uint32
   std::vector<at24c512::setup::corruption> list;
   for (const auto &f : opts.faults) {
     const auto bits = static_cast<uint8_t>(f.get("xor"));
-    if (f.name == "eeprom-corrupt" && f.get("bus") == bus && f.get("addr") == addr)
+    if (f.name == "eeprom-corrupt" && f.is_at(bus, addr))
       list.push_back({static_cast<uint16_t>(f.get("offset")), bits});
     if (f.name != "sprom-corrupt") continue;
     for (const auto &row : present(image_rows, opts)) {
@@ -281,11 +281,7 @@ std::unique_ptr<i2c_board> i2c_board::make(const options &opts, std::string *err
     auto *const bus = board->bus(row.bus);
     if (bus == nullptr || bus->has(row.addr)) continue;
     auto made = std::make_unique<at24c512>(setup_of(row, opts, expanders));
-    const auto path = eeprom_path(opts, row.bus, row.addr);
-    if (!made->open(path, contents_of(row.bus, row.addr, opts))) {
-      *error = path;
-      return nullptr;
-    }
+    if (!made->open(eeprom_path(opts, row.bus, row.addr), contents_of(row.bus, row.addr, opts), error)) return nullptr;
     bus->add(row.addr, std::move(made));
   }
   return board;

@@ -14,7 +14,7 @@ class expander;
 class i2c_board {
  public:
   // Makes the buses and devices that `opts` asks for, with the EEPROMs' files in the state directory. Check first.
-  // Returns null with errno set and *error naming the file when the state directory cannot be used.
+  // Returns null and says why in *error when the state directory cannot be used.
   static std::unique_ptr<i2c_board> make(const options &opts, std::string *error);
 
   // The bus of that number, or null.

@@ -64,10 +64,7 @@ bool is_writing(const char *mode) {
 int open_any(int dir, const char *path, int flags, mode_t mode) {
   const auto to = board_path(path, is_writing(flags));
   if (!to) return static_cast<int>(syscall(SYS_openat, dir, path, flags, mode));
-  if (to->error != 0) {
-    errno = to->error;
-    return -1;
-  }
+  if (to->error != 0) return sim::fail(to->error);
   if (to->device != sim::device::none) return sim::device_open(*to, flags);
   return static_cast<int>(syscall(SYS_openat, AT_FDCWD, to->path.c_str(), flags, mode));
 }
@@ -94,10 +91,7 @@ template <typename... A>
 int by_path_at(next_function<int(int, const char *, A...)> &next, bool writing, int dir, const char *path, A... rest) {
   const auto to = board_path(path, writing);
   if (!to) return next.get()(dir, path, rest...);
-  if (to->error != 0) {
-    errno = to->error;
-    return -1;
-  }
+  if (to->error != 0) return sim::fail(to->error);
   return next.get()(AT_FDCWD, to->path.c_str(), rest...);
 }
 
@@ -135,6 +129,7 @@ constinit next_function<int(const char *)>                          next_system{
 constinit next_function<int(const char *)>                          next_unlink{"unlink"};
 constinit next_function<int(const char *)>                          next_remove{"remove"};
 constinit next_function<int(const char *)>                          next_rmdir{"rmdir"};
+constinit next_function<int(const char *)>                          next_chdir{"chdir"};
 constinit next_function<int(const char *, mode_t)>                  next_mkdir{"mkdir"};
 constinit next_function<int(const char *, mode_t)>                  next_chmod{"chmod"};
 constinit next_function<int(const char *, int)>                     next_access{"access"};
@@ -149,11 +144,21 @@ constinit next_function<ssize_t(const char *, char *, size_t)>      next_listxat
 constinit next_function<ssize_t(const char *, char *, size_t)>      next_llistxattr{"llistxattr"};
 constinit next_function<int(int, const char *, int)>                next_unlinkat{"unlinkat"};
 constinit next_function<int(int, const char *, mode_t)>             next_mkdirat{"mkdirat"};
+constinit next_function<int(int, const char *, int, const char *, unsigned)> next_renameat2{"renameat2"};
 constinit next_function<int(int, const char *, int, int)>           next_faccessat{"faccessat"};
 constinit next_function<int(int, const char *, struct stat *, int)> next_fstatat{"fstatat"};
 constinit next_function<int(int, const char *, struct stat64 *, int)> next_fstatat64{"fstatat64"};
 constinit next_function<int(int, const char *, int, unsigned, struct statx *)> next_statx{"statx"};
 // clang-format on
+
+int rename_any(int from_dir, const char *from, int to_dir, const char *to, unsigned flags) {
+  const auto source = board_path(from, true);
+  const auto target = board_path(to, true);
+  const int error = source && source->error != 0 ? source->error : target ? target->error : 0;
+  if (error != 0) return sim::fail(error);
+  return next_renameat2.get()(from_dir, source ? source->path.c_str() : from, to_dir,
+                              target ? target->path.c_str() : to, flags);
+}
 
 }  // namespace
 
@@ -185,6 +190,7 @@ int board_system(const char *command)                              __asm__("syst
 int board_unlink(const char *path)                                 __asm__("unlink");
 int board_remove(const char *path)                                 __asm__("remove");
 int board_rmdir(const char *path)                                  __asm__("rmdir");
+int board_chdir(const char *path)                                  __asm__("chdir");
 int board_mkdir(const char *path, mode_t mode)                     __asm__("mkdir");
 int board_chmod(const char *path, mode_t mode)                     __asm__("chmod");
 int board_access(const char *path, int mode)                       __asm__("access");
@@ -199,6 +205,9 @@ ssize_t board_listxattr(const char *path, char *list, size_t size)  __asm__("lis
 ssize_t board_llistxattr(const char *path, char *list, size_t size) __asm__("llistxattr");
 int board_unlinkat(int dir, const char *path, int flags)           __asm__("unlinkat");
 int board_mkdirat(int dir, const char *path, mode_t mode)          __asm__("mkdirat");
+int board_rename(const char *from, const char *to)                 __asm__("rename");
+int board_renameat(int from_dir, const char *from, int to_dir, const char *to) __asm__("renameat");
+int board_renameat2(int from_dir, const char *from, int to_dir, const char *to, unsigned flags) __asm__("renameat2");
 int board_faccessat(int dir, const char *path, int mode, int flags) __asm__("faccessat");
 int board_fstatat(int dir, const char *path, struct stat *st, int flags)     __asm__("fstatat");
 int board_fstatat64(int dir, const char *path, struct stat64 *st, int flags) __asm__("fstatat64");
@@ -297,7 +306,7 @@ int board_munmap(void *addr, size_t length) {
 }
 
 int board_iopl(int level) {
-  return sim::board_options() != nullptr ? sim::port_iopl(level) : next_iopl.get()(level);
+  return sim::board_options() != nullptr ? sim::devmem_iopl(level) : next_iopl.get()(level);
 }
 
 // The command runs in the real shell, which meets the board by the command's text and its environment.
@@ -320,6 +329,9 @@ int board_remove(const char *path) {
 }
 int board_rmdir(const char *path) {
   return by_path(next_rmdir, -1, true, path);
+}
+int board_chdir(const char *path) {
+  return by_path(next_chdir, -1, false, path);
 }
 int board_mkdir(const char *path, mode_t mode) {
   return by_path(next_mkdir, -1, true, path, mode);
@@ -362,6 +374,15 @@ int board_unlinkat(int dir, const char *path, int flags) {
 }
 int board_mkdirat(int dir, const char *path, mode_t mode) {
   return by_path_at(next_mkdirat, true, dir, path, mode);
+}
+int board_rename(const char *from, const char *to) {
+  return rename_any(AT_FDCWD, from, AT_FDCWD, to, 0);
+}
+int board_renameat(int from_dir, const char *from, int to_dir, const char *to) {
+  return rename_any(from_dir, from, to_dir, to, 0);
+}
+int board_renameat2(int from_dir, const char *from, int to_dir, const char *to, unsigned flags) {
+  return rename_any(from_dir, from, to_dir, to, flags);
 }
 int board_faccessat(int dir, const char *path, int mode, int flags) {
   return by_path_at(next_faccessat, (mode & W_OK) != 0, dir, path, mode, flags);

@@ -3,7 +3,8 @@
 
 #include <algorithm>
 #include <array>
-#include <charconv>
+
+#include "sim/text.h"
 
 namespace sim {
 
@@ -15,18 +16,6 @@ struct option_row {
   const char *help;
   bool (*take)(command *cmd, std::string_view value);  // false: bad value
 };
-
-template <typename T>
-bool take_number(std::string_view text, T *number) {
-  const bool hex = text.starts_with("0x") || text.starts_with("0X");
-  if (hex) text.remove_prefix(2);
-  T parsed{};
-  const char *const end = text.data() + text.size();
-  const auto [stop, result] = std::from_chars(text.data(), end, parsed, hex ? 16 : 10);
-  if (result != std::errc{} || stop != end || text.empty()) return false;
-  *number = parsed;
-  return true;
-}
 
 bool take_path(std::string_view text, std::string *path) {
   *path = text;
@@ -58,13 +47,22 @@ bool take_family(command *cmd, std::string_view text) {
 }
 
 bool take_card(command *cmd, std::string_view text) {
-  return take_number(text, &cmd->opts.card) && cmd->opts.card <= 0xFFFF;
+  const auto number = parse_number(text);
+  if (!number || *number > 0xFFFF) return false;
+  cmd->opts.card = static_cast<uint32_t>(*number);
+  return true;
 }
 
 bool take_revision(command *cmd, std::string_view text) {
   if (text != "P0" && text != "P1") return false;
   cmd->opts.change_bits = text == "P1" ? 1 : 0;
   return true;
+}
+
+bool take_change_bits(command *cmd, std::string_view text) {
+  const auto number = parse_number(text);
+  if (number) cmd->opts.change_bits = *number;
+  return number.has_value();
 }
 
 bool take_busy(command *cmd, std::string_view text) {
@@ -87,8 +85,7 @@ constexpr std::array option_rows{std::to_array<option_row>({
     {opt_family,      "NAME", "board family: dorvan (default), pellin or tosk",                            take_family},
     {opt_card,        "N",    "card index, 0 to 65535; default 11062 (pellin 11003, tosk 11004)",          take_card},
     {"--revision",    "P0|P1", "board revision; default P1",                                               take_revision},
-    {"--change-bits", "N",    "hardware change bits, 64 bits, in place of a revision",
-     [](command *cmd, std::string_view text) { return take_number(text, &cmd->opts.change_bits); }},
+    {"--change-bits", "N",    "hardware change bits, 64 bits, in place of a revision",                     take_change_bits},
     {"--state",       "DIR",  "keep EEPROM, NVRAM, flash and files here; default a temporary directory",
      [](command *cmd, std::string_view text) { return take_path(text, &cmd->opts.state); }},
     {"--trace",       "FILE", "write every device access and bus transaction to this file",
@@ -108,10 +105,6 @@ constexpr std::array option_rows{std::to_array<option_row>({
 const option_row *row_of(std::string_view name) {
   const auto *const found = std::ranges::find_if(option_rows, [&](const auto &row) { return name == row.name; });
   return found == option_rows.end() ? nullptr : found;
-}
-
-std::string quoted(std::string_view text) {
-  return "'" + std::string(text) + "'";
 }
 
 // Takes one option with its value. Returns what is wrong, "" for nothing.

@@ -114,7 +114,7 @@ std::optional<redirection> redirect(const options &opts, std::string_view path, 
   const auto *const row = row_of(clean);
   if (row == nullptr) return std::nullopt;
   redirection to{place(opts, has_fault(opts, row->missing), clean), 0, row->device, 0};
-  if (has_fault(opts, row->failing)) to.error = static_cast<int>(opts.find(row->failing)->get("errno"));
+  if (has_fault(opts, row->failing)) to.error = opts.find(row->failing)->error();
   if (writing && has_fault(opts, row->read_only)) to.error = EROFS;
   return to;
 }

@@ -28,9 +28,9 @@ std::optional<redirection> redirect(const options &opts, std::string_view path, 
 std::string redirect_command(const options &opts, std::string_view command);
 
 // Makes the board's directories and files in the state directory: what is missing, and anew those whose contents the
-// options fix. Returns false with errno set and *failed naming the path when the state directory cannot be used.
+// options fix. Returns false and says why in *error when the state directory cannot be used.
 //   tsc_khz  the time-stamp counter's rate
-bool make_board_files(const options &opts, uint64_t tsc_khz, std::string *failed);
+bool make_board_files(const options &opts, uint64_t tsc_khz, std::string *error);
 
 // The directory in the state directory that holds the commands of the board's shell.
 std::string command_directory(const options &opts);

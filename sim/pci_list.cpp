@@ -1,8 +1,11 @@
 #include "sim/pci_list.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <span>
+#include <string_view>
+#include <vector>
 
 #include "platform/mfgd/hw_acc/switch_asic.h"
 #include "sim/layout.h"
@@ -17,6 +20,15 @@ enum : uint16_t {
   marvell = 0x11AB,
   asic = SWITCH_ASIC_VENDOR_ID,
   plx_9030 = 0x9030,
+};
+
+struct pci_function {
+  uint8_t bus;
+  uint8_t dev;
+  uint8_t func;
+  uint16_t vendor;
+  uint16_t device;
+  const char *driver;  // "" for none
 };
 
 // clang-format off
@@ -127,6 +139,7 @@ constexpr std::array card_rows{std::to_array<card_row>({
 })};
 // clang-format on
 
+// An unknown card has the functions of card 11062.
 std::span<const pci_function> card_functions(const options &opts) {
   for (const auto &row : card_rows)
     if (row.card == opts.card) return row.functions;
@@ -141,6 +154,7 @@ bool is_at(const pci_function &f, const fault &at) {
   return f.bus == at.get("bus") && f.dev == at.get("dev") && f.func == at.get("func");
 }
 
+// All functions in ascending order of their position.
 std::vector<pci_function> healthy_functions(const options &opts) {
   std::vector<pci_function> list(chipset.begin(), chipset.end());
   const auto card = card_functions(opts);
@@ -199,10 +213,15 @@ uint32_t interrupt(const pci_function &f) {
   return f.driver[0] == '\0' ? 0 : 16 + line % 8;
 }
 
+// The line of a function. What answers with wrong ids still has its own resources.
 std::string list_line(const options &opts, const pci_function &f) {
   const auto r = f.vendor == plx && f.device == plx_9030 ? bridge_resources(opts) : plain_resources(f);
+  uint32_t ids = uint32_t{f.vendor} << 16 | f.device;
+  for (const auto &fault : opts.faults)
+    if (fault.name == "pci-wrong-id" && is_at(f, fault))
+      ids = static_cast<uint32_t>(fault.get("vendor", f.vendor) << 16 | fault.get("device", f.device));
   char text[64];
-  (void)std::snprintf(text, sizeof(text), "%04x\t%04x%04x\t%x", position(f), f.vendor, f.device, interrupt(f));
+  (void)std::snprintf(text, sizeof(text), "%04x\t%08x\t%x", position(f), ids, interrupt(f));
   std::string line = text;
   for (const auto &column : {r.base, r.size}) {
     for (const auto value : column) {
@@ -213,26 +232,17 @@ std::string list_line(const options &opts, const pci_function &f) {
   return line + "\t" + f.driver + "\n";
 }
 
-}  // namespace
-
-std::vector<pci_function> pci_functions(const options &opts) {
-  auto list = healthy_functions(opts);
-  for (const auto &fault : opts.faults) {
-    if (fault.name == "pci-missing") std::erase_if(list, [&](const auto &f) { return is_at(f, fault); });
-    if (fault.name != "pci-wrong-id") continue;
-    for (auto &f : list) {
-      if (!is_at(f, fault)) continue;
-      f.vendor = static_cast<uint16_t>(fault.get("vendor", f.vendor));
-      f.device = static_cast<uint16_t>(fault.get("device", f.device));
-    }
-  }
-  return list;
+bool is_missing(const options &opts, const pci_function &f) {
+  return std::ranges::any_of(opts.faults,
+                             [&](const fault &fault) { return fault.name == "pci-missing" && is_at(f, fault); });
 }
+
+}  // namespace
 
 std::string pci_list(const options &opts) {
   std::string list;
-  for (const auto &f : pci_functions(opts))
-    list += list_line(opts, f);
+  for (const auto &f : healthy_functions(opts))
+    if (!is_missing(opts, f)) list += list_line(opts, f);
   return list;
 }
 

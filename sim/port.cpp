@@ -3,7 +3,7 @@
 
 #include <cerrno>
 
-#include "sim/devmem.h"
+#include "sim/real.h"
 #include "sim/trace.h"
 #include "sim/trap.h"
 
@@ -32,7 +32,7 @@ void port_start(const options &opts) {
   stuck_high = stuck_low = 0;
   refusal = level = 0;
   for (const auto &f : opts.faults) {
-    if (f.name == "iopl-refused") refusal = static_cast<int>(f.get("errno", EPERM));
+    if (f.name == "iopl-refused") refusal = f.error();
     if (f.name == "port-stuck") (f.get("level") != 0 ? stuck_high : stuck_low) |= 1U << f.get("bit");
   }
 }
@@ -55,14 +55,8 @@ void port_out(uint16_t port, unsigned width, uint32_t data) {
 }
 
 int port_set_level(int wanted) {
-  if (wanted < 0 || wanted > 3) {
-    errno = EINVAL;
-    return -1;
-  }
-  if (wanted > level && refusal != 0) {
-    errno = refusal;
-    return -1;
-  }
+  if (wanted < 0 || wanted > 3) return fail(EINVAL);
+  if (wanted > level && refusal != 0) return fail(refusal);
   level = wanted;
   return 0;
 }

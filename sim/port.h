@@ -20,6 +20,9 @@ int port_set_level(int level);
 // Whether the process has raised its I/O privilege to level 3.
 [[nodiscard]] bool port_allowed();
 
+// Whether the pins protect the supervisor's EEPROM.
+[[nodiscard]] bool port_write_protected();
+
 // I/O cycles. Ends the run on another port or width: nothing else of the board answers there.
 [[nodiscard]] uint32_t port_in(uint16_t port, unsigned width);
 void port_out(uint16_t port, unsigned width, uint32_t data);

@@ -6,6 +6,7 @@
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -26,6 +27,20 @@ class keep_errno {
   int m_errno = errno;
 };
 
+// A failed call's result: -1 with this errno.
+inline int fail(int error) {
+  errno = error;
+  return -1;
+}
+
+inline int64_t monotonic_nsec() {
+  timespec now{};
+  (void)::clock_gettime(CLOCK_MONOTONIC, &now);
+  return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
+inline constexpr size_t page_size = 4096;
+
 // The plain system calls, with the C library's results: -1 and errno.
 namespace sys {
 
@@ -44,6 +59,9 @@ inline int rmdir(const char *path) {
 inline int mkdir(const char *path, mode_t mode) {
   return static_cast<int>(::syscall(SYS_mkdir, path, mode));
 }
+inline int link(const char *from, const char *to) {
+  return static_cast<int>(::syscall(SYS_link, from, to));
+}
 inline int rename(const char *from, const char *to) {
   return static_cast<int>(::syscall(SYS_rename, from, to));
 }
@@ -56,7 +74,7 @@ inline int munmap(void *addr, size_t length) {
 
 inline void *mmap(void *addr, size_t length, int prot, int flags, int fd, uint64_t offset) {
 #ifdef SYS_mmap2
-  const long at = ::syscall(SYS_mmap2, addr, length, prot, flags, fd, static_cast<unsigned long>(offset / 4096));
+  const long at = ::syscall(SYS_mmap2, addr, length, prot, flags, fd, static_cast<unsigned long>(offset / page_size));
 #else
   const long at = ::syscall(SYS_mmap, addr, length, prot, flags, fd, offset);
 #endif

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "sim/real.h"
 #include "sim/trace.h"
 
 namespace sim {
@@ -30,17 +31,12 @@ bool is_well_formed(const request_record &r) {
          r.more_8[0] == 0 && r.more_8[1] == 0 && r.flags == 0;
 }
 
-int fail(int error) {
-  errno = error;
-  return -1;
-}
-
 }  // namespace
 
 int sprom_driver::ioctl(unsigned long request, void *arg) {
   m_requests++;
   const auto *const refused = m_opts.find("sprom-refuse");
-  if (refused != nullptr && m_requests > refused->get("after")) return fail(static_cast<int>(refused->get("errno")));
+  if (refused != nullptr && m_requests > refused->get("after")) return fail(refused->error());
   return answer(request, arg);
 }
 

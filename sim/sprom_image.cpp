@@ -93,10 +93,6 @@ image make_dimm(const identity &id) {
 
 }  // namespace
 
-std::span<const image_block> image_blocks() {
-  return block_rows;
-}
-
 const image_block *image_block_of(image_kind kind, std::string_view name) {
   const auto *const found =
       std::ranges::find_if(block_rows, [&](const auto &row) { return row.kind == kind && name == row.name; });

@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <span>
 #include <string_view>
 #include <vector>
 
@@ -21,10 +20,7 @@ struct image_block {
   uint8_t version;
 };
 
-// The blocks of all kinds, those of one kind in the order of the image. DIMMs have none.
-std::span<const image_block> image_blocks();
-
-// The block of that name, or null.
+// The block of that name, or null. DIMMs have none.
 const image_block *image_block_of(image_kind kind, std::string_view name);
 
 // What an image says of its unit.

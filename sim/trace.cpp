@@ -1,8 +1,6 @@
 // trace.cpp: the bus log.
 #include "sim/trace.h"
 
-#include <time.h>
-
 #include <array>
 #include <charconv>
 #include <cstring>
@@ -14,19 +12,13 @@ namespace sim {
 namespace {
 
 constinit int log_fd = -1;
-constinit int64_t started_usec = 0;
-
-int64_t now_usec() {
-  timespec now{};
-  (void)clock_gettime(CLOCK_MONOTONIC, &now);
-  return int64_t{now.tv_sec} * 1000000 + now.tv_nsec / 1000;
-}
+constinit int64_t started_nsec = 0;
 
 // A line that is built in place: the trap handler may not allocate. What does not fit is cut.
 class line {
  public:
   line() {
-    const auto usec = now_usec() - started_usec;
+    const auto usec = (monotonic_nsec() - started_nsec) / 1000;
     number(static_cast<uint64_t>(usec / 1000000), 10);
     text(".");
     const auto fraction = static_cast<uint64_t>(usec % 1000000) + 1000000;
@@ -80,7 +72,7 @@ bool trace_open(const std::string &path) {
   if (log_fd >= 0) (void)sys::close(log_fd);
   log_fd = -1;
   if (path.empty()) return true;
-  started_usec = now_usec();
+  started_nsec = monotonic_nsec();
   log_fd = sys::keep(sys::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC));
   return log_fd >= 0;
 }

@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "sim/decode.h"
+#include "sim/real.h"
 
 namespace sim {
 
@@ -35,7 +36,6 @@ constexpr int greg_ip = REG_EIP;
 constexpr size_t legacy_state = 112;  // the record of FSAVE stands before the one of XSAVE
 #endif
 
-constexpr size_t page_size = 4096;
 constexpr size_t longest_insn = 15;
 
 uintptr_t ip_of(const ucontext_t &context) {

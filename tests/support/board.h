@@ -1,37 +1,45 @@
 // board.h: the simulated board in the test's own process, and what the code under test prints.
 #pragma once
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <initializer_list>
 #include <memory>
+#include <optional>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "sim/board.h"
+#include "sim/layout.h"
 #include "tests/support/run.h"
 
-// A running board on a state directory of its own; `faults` as on the command line.
+// The options of a board on a state directory. Each of `more` is one of board-sim's if it begins with "--", else a
+// fault. "--trace" alone logs to "trace" in the state directory.
+inline sim::options board_options(const std::filesystem::path &state, const std::vector<const char *> &more) {
+  std::vector<std::string> args{"--state=" + state.string()};
+  for (const std::string option : more) {
+    args.push_back(option.starts_with("--") ? option : "--fault=" + option);
+    if (option == "--trace") args.back() += "=" + (state / "trace").string();
+  }
+  std::string error;
+  auto parsed = sim::options_parse(args, &error);
+  if (parsed) return *std::move(parsed);
+  (void)fprintf(stderr, "%s\n", error.c_str());
+  abort();
+}
+
+// A running board on a state directory of its own; options as above.
 class test_board {
  public:
-  explicit test_board(std::initializer_list<const char *> faults = {}, uint32_t card = 11062) {
-    options_.card = card;
-    options_.state = dir_.path().string();
-    for (const char *text : faults) {
-      std::string error;
-      const auto parsed = sim::fault_parse(text, &error);
-      if (!parsed) {
-        (void)fprintf(stderr, "%s: %s\n", text, error.c_str());
-        abort();
-      }
-      options_.faults.push_back(*parsed);
-    }
-    if (!sim::board_start(options_)) abort();
+  explicit test_board(const std::vector<const char *> &options = {}, std::optional<uint32_t> card = {}) {
+    start(options, card);
   }
   // `args` as on board-sim's command line; the bus log is the file `trace` of the state directory.
   test_board(const std::vector<std::string> &args, const char *trace) {
@@ -50,12 +58,46 @@ class test_board {
   test_board &operator=(const test_board &) = delete;
   ~test_board() { sim::board_stop(); }
 
+  // Power-on again, perhaps with other options, on the same state.
+  void start(const std::vector<const char *> &options = {}, std::optional<uint32_t> card = {}) const {
+    auto parsed = board_options(dir_.path(), options);
+    if (card) parsed.card = *card;
+    if (!sim::board_start(parsed)) abort();
+  }
+
   [[nodiscard]] std::filesystem::path file(const char *name) const { return dir_.path() / name; }
+  [[nodiscard]] std::string contents(const char *name) const { return read_file(file(name)); }
+
+  // The lines of the log of "--trace" without their times, from the last call on.
+  std::vector<std::string> log() {
+    std::istringstream text(contents("trace"));
+    text.seekg(log_read_);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(text, line);) {
+      log_read_ += static_cast<std::streamoff>(line.size() + 1);
+      lines.push_back(line.substr(line.find(' ') + 1));
+    }
+    return lines;
+  }
 
  private:
   temp_dir dir_;
-  sim::options options_;
+  std::streamoff log_read_ = 0;
 };
+
+enum window_number : size_t { nvram0, nvram1, nvram2, flash };
+
+// Maps a window of the local bus as drivers do.
+template <class T>
+volatile T *map_window(window_number number) {
+  const auto &window = sim::windows[number];
+  const int fd = open("/dev/mem", O_RDWR | O_DSYNC | O_CLOEXEC);
+  void *const at =
+      mmap(nullptr, window.length, PROT_READ | PROT_WRITE, MAP_SHARED, fd, static_cast<off_t>(window.base));
+  (void)close(fd);
+  EXPECT_NE(at, MAP_FAILED);
+  return static_cast<volatile T *>(at);
+}
 
 // What `code` writes to standard output, through the descriptor.
 template <typename Code>

@@ -31,45 +31,32 @@ __attribute__((noinline)) uint64_t eight(uint64_t a, uint64_t b, uint64_t c, uin
 
 template <class T>
 void add_forms(std::vector<access_form> *forms) {
+  using U = bits_of<T>;
   const auto add = [&](const char *name, const char *cycles, uint64_t (*run)(uintptr_t, uint64_t)) {
     forms->push_back({name, 8 * sizeof(T), cycles, run});
   };
   // clang-format off
   // Plain loads.
-  add("load", "r", [](uintptr_t b, uint64_t) -> uint64_t { return static_cast<bits_of<T>>(*at<T>(b)); });
-  add("load, extended to 64", "r", [](uintptr_t b, uint64_t) { return static_cast<uint64_t>(int64_t{0} + static_cast<int64_t>(*at<T>(b))); });
-  add("load, extended to 32", "r", [](uintptr_t b, uint64_t) -> uint64_t { return uint64_t{static_cast<uint32_t>(static_cast<int32_t>(*at<T>(b)))}; });
-  add("load, extended to 16", "r", [](uintptr_t b, uint64_t) -> uint64_t { return uint64_t{static_cast<uint16_t>(static_cast<int16_t>(*at<T>(b)))}; });
+  add("load", "r", [](uintptr_t b, uint64_t) -> uint64_t { return static_cast<U>(*at<T>(b)); });
+  add("load, extended to 64", "r", [](uintptr_t b, uint64_t) { return static_cast<uint64_t>(static_cast<int64_t>(*at<T>(b))); });
+  add("load, extended to 32", "r", [](uintptr_t b, uint64_t) -> uint64_t { return static_cast<uint32_t>(static_cast<int32_t>(*at<T>(b))); });
+  add("load, extended to 16", "r", [](uintptr_t b, uint64_t) -> uint64_t { return static_cast<uint16_t>(static_cast<int16_t>(*at<T>(b))); });
   add("load, cut to 8", "r", [](uintptr_t b, uint64_t) -> uint64_t { return static_cast<uint8_t>(*at<T>(b)); });
-  add("load before the base", "r", [](uintptr_t b, uint64_t) -> uint64_t { return static_cast<bits_of<T>>(at<T>(b)[-3]); });
-  add("load, indexed", "r", [](uintptr_t b, uint64_t s) -> uint64_t { return static_cast<bits_of<T>>(at<T>(b)[s & 7U]); });
-  add("load, indexed by int", "r", [](uintptr_t b, uint64_t s) -> uint64_t { return static_cast<bits_of<T>>(at<T>(b)[2 - static_cast<int>(s & 3U)]); });
-  add("load and fence", "r", [](uintptr_t b, uint64_t) -> uint64_t {
-    const T value = *at<T>(b);
-    _mm_lfence();
-    return static_cast<bits_of<T>>(value);
-  });
+  add("load before the base", "r", [](uintptr_t b, uint64_t) -> uint64_t { return static_cast<U>(at<T>(b)[-3]); });
+  add("load, indexed", "r", [](uintptr_t b, uint64_t s) -> uint64_t { return static_cast<U>(at<T>(b)[s & 7U]); });
+  add("load, indexed by int", "r", [](uintptr_t b, uint64_t s) -> uint64_t { return static_cast<U>(at<T>(b)[2 - static_cast<int>(s & 3U)]); });
+  add("load and fence", "r", [](uintptr_t b, uint64_t) -> uint64_t { const T v = *at<T>(b); _mm_lfence(); return static_cast<U>(v); });
   add("load, nothing done", "r", [](uintptr_t b, uint64_t) -> uint64_t { (void)*at<T>(b); return 0; });
-  add("four loads", "rrrr", [](uintptr_t b, uint64_t s) -> uint64_t {
-    const auto *p = at<T>(b);
-    const T v0 = p[0], v1 = p[1], v2 = p[2], v3 = p[3];
-    return eight(static_cast<bits_of<T>>(v0), static_cast<bits_of<T>>(v1), s, static_cast<uint32_t>(v2), static_cast<uint32_t>(v3), static_cast<uint32_t>(s), 7, 8);
-  });
   add("loads as arguments", "rrr", [](uintptr_t b, uint64_t s) -> uint64_t {
-    const auto *p = at<T>(b);
-    const auto first = static_cast<uint32_t>(p[4]);
-    const auto second = static_cast<uint32_t>(p[5]);
-    return eight(s, 2, 3, 4, static_cast<uint32_t>(p[6]), first, second, 8);
+    const auto first = static_cast<uint32_t>(at<T>(b)[4]);
+    const auto second = static_cast<uint32_t>(at<T>(b)[5]);
+    return eight(s, 2, 3, 4, static_cast<uint32_t>(at<T>(b)[6]), first, second, 8);
   });
   add("load as last argument", "r", [](uintptr_t b, uint64_t s) -> uint64_t { return eight(s, s, s, 4, 5, 6, 7, static_cast<uint32_t>(*at<T>(b))); });
-  add("loads in a loop", "rrrrrrrr", [](uintptr_t b, uint64_t s) -> uint64_t {
-    for (unsigned i = 0; i < 8; i++) s = s * 31U + static_cast<bits_of<T>>(at<T>(b)[i]);
-    return s;
-  });
   add("loads into a list", "rrrrrrrr", [](uintptr_t b, uint64_t s) -> uint64_t {
     T list[8];
     for (unsigned i = 0; i < 8; i++) list[i] = at<T>(b)[i];
-    for (const T v : list) s = s * 33U + static_cast<bits_of<T>>(v);
+    for (const T v : list) s = s * 33U + static_cast<U>(v);
     return s;
   });
 
@@ -80,24 +67,15 @@ void add_forms(std::vector<access_form> *forms) {
   add("compare, greater", "r", [](uintptr_t b, uint64_t s) -> uint64_t { return wrap<T>(s) < *at<T>(b) ? 1 : 2; });
   add("compare, not less than 9", "r", [](uintptr_t b, uint64_t) -> uint64_t { return *at<T>(b) >= 9 ? 1 : 2; });
   add("test a bit", "r", [](uintptr_t b, uint64_t s) -> uint64_t { return (*at<T>(b) & 0x40) != 0 ? s : 2; });
-  add("test the top bit", "r", [](uintptr_t b, uint64_t s) -> uint64_t { return (static_cast<bits_of<T>>(*at<T>(b)) >> (8 * sizeof(T) - 1)) != 0 ? s : 2; });
+  add("test the top bit", "r", [](uintptr_t b, uint64_t s) -> uint64_t { return (static_cast<U>(*at<T>(b)) >> (8 * sizeof(T) - 1)) != 0 ? s : 2; });
   add("test a mask", "r", [](uintptr_t b, uint64_t s) -> uint64_t { return (*at<T>(b) & wrap<T>(s)) != 0 ? 4 : 2; });
-  add("add", "r", [](uintptr_t b, uint64_t s) -> uint64_t { return s + static_cast<bits_of<T>>(*at<T>(b)); });
-  add("subtract", "r", [](uintptr_t b, uint64_t s) -> uint64_t { return s - static_cast<bits_of<T>>(*at<T>(b)); });
-  add("and", "r", [](uintptr_t b, uint64_t s) -> uint64_t { return s & static_cast<bits_of<T>>(*at<T>(b)); });
-  add("or, exclusive or", "rr", [](uintptr_t b, uint64_t s) -> uint64_t { return (s | static_cast<bits_of<T>>(at<T>(b)[0])) ^ static_cast<bits_of<T>>(at<T>(b)[1]); });
-  add("add in T", "r", [](uintptr_t b, uint64_t s) -> uint64_t { return static_cast<bits_of<T>>(wrap<T>(s + static_cast<bits_of<T>>(*at<T>(b)))); });
-  add("multiply by 3", "r", [](uintptr_t b, uint64_t) -> uint64_t { return 3U * uint64_t{static_cast<bits_of<T>>(*at<T>(b))}; });
-  add("shift", "r", [](uintptr_t b, uint64_t) -> uint64_t { return uint64_t{static_cast<bits_of<T>>(*at<T>(b))} << 5U; });
-  add("switch", "r", [](uintptr_t b, uint64_t s) -> uint64_t {
-    switch (*at<T>(b) & 7) {
-      case 1: return s;
-      case 2: return s * 3;
-      case 3: return s + 9;
-      case 5: return s ^ 77U;
-      default: return 0;
-    }
-  });
+  add("add", "r", [](uintptr_t b, uint64_t s) -> uint64_t { return s + static_cast<U>(*at<T>(b)); });
+  add("subtract", "r", [](uintptr_t b, uint64_t s) -> uint64_t { return s - static_cast<U>(*at<T>(b)); });
+  add("and", "r", [](uintptr_t b, uint64_t s) -> uint64_t { return s & static_cast<U>(*at<T>(b)); });
+  add("or, exclusive or", "rr", [](uintptr_t b, uint64_t s) -> uint64_t { return (s | static_cast<U>(at<T>(b)[0])) ^ static_cast<U>(at<T>(b)[1]); });
+  add("add in T", "r", [](uintptr_t b, uint64_t s) -> uint64_t { return static_cast<U>(wrap<T>(s + static_cast<U>(*at<T>(b)))); });
+  add("multiply by 3", "r", [](uintptr_t b, uint64_t) -> uint64_t { return 3U * uint64_t{static_cast<U>(*at<T>(b))}; });
+  add("shift", "r", [](uintptr_t b, uint64_t) -> uint64_t { return uint64_t{static_cast<U>(*at<T>(b))} << 5U; });
   add("differ", "rr", [](uintptr_t b, uint64_t) -> uint64_t { const T first = at<T>(b)[0]; return first != at<T>(b)[1] ? 1 : 2; });
   add("toggle mask", "rr", [](uintptr_t b, uint64_t) -> uint64_t { const T first = *at<T>(b); const T second = *at<T>(b); return ((first ^ second) & 0x44) == 0 ? 1 : 2; });
 
@@ -109,34 +87,23 @@ void add_forms(std::vector<access_form> *forms) {
   add("store bits 8 and up", "w", [](uintptr_t b, uint64_t s) -> uint64_t { *at<T>(b) = wrap<T>(s >> 8U); return s; });
   add("store a condition", "w", [](uintptr_t b, uint64_t s) -> uint64_t { *at<T>(b) = s > 0x1234 ? 1 : 0; return 0; });
   add("store a sign", "w", [](uintptr_t b, uint64_t s) -> uint64_t { *at<T>(b) = static_cast<int32_t>(s) < 0 ? 1 : 0; return 0; });
-  add("store, indexed", "w", [](uintptr_t b, uint64_t s) -> uint64_t { at<T>(b)[s & 7U] = wrap<T>(s); return 0; });
   add("store a constant, indexed", "w", [](uintptr_t b, uint64_t s) -> uint64_t { at<T>(b)[s & 7U] = 0x21; return 0; });
   add("store and fence", "w", [](uintptr_t b, uint64_t s) -> uint64_t { *at<T>(b) = wrap<T>(s); _mm_sfence(); return 0; });
-  add("store and go on with it", "w", [](uintptr_t b, uint64_t s) -> uint64_t { const T v = wrap<T>(s * 5U); *at<T>(b) = v; return static_cast<bits_of<T>>(v); });
-  add("stores in a loop", "wwwwwwww", [](uintptr_t b, uint64_t s) -> uint64_t {
-    for (unsigned i = 0; i < 8; i++) at<T>(b)[i] = wrap<T>(s >> i);
-    return 0;
-  });
+  add("store and go on with it", "w", [](uintptr_t b, uint64_t s) -> uint64_t { const T v = wrap<T>(s * 5U); *at<T>(b) = v; return static_cast<U>(v); });
+  add("stores in a loop", "wwwwwwww", [](uintptr_t b, uint64_t s) -> uint64_t { for (unsigned i = 0; i < 8; i++) at<T>(b)[i] = wrap<T>(s >> i); return 0; });
 
   // Both.
   add("copy", "rw", [](uintptr_t b, uint64_t) -> uint64_t { at<T>(b)[1] = at<T>(b)[0]; return 0; });
-  add("invert", "rw", [](uintptr_t b, uint64_t) -> uint64_t { *at<T>(b) = wrap<T>(~uint64_t{static_cast<bits_of<T>>(*at<T>(b))}); return 0; });
-  add("negate", "rw", [](uintptr_t b, uint64_t) -> uint64_t { *at<T>(b) = wrap<T>(0U - uint64_t{static_cast<bits_of<T>>(*at<T>(b))}); return 0; });
+  add("invert", "rw", [](uintptr_t b, uint64_t) -> uint64_t { *at<T>(b) = wrap<T>(~uint64_t{static_cast<U>(*at<T>(b))}); return 0; });
+  add("negate", "rw", [](uintptr_t b, uint64_t) -> uint64_t { *at<T>(b) = wrap<T>(0U - uint64_t{static_cast<U>(*at<T>(b))}); return 0; });
   add("set bits", "rw", [](uintptr_t b, uint64_t) -> uint64_t { *at<T>(b) = static_cast<T>(*at<T>(b) | 0x11); return 0; });
   add("clear bits", "rw", [](uintptr_t b, uint64_t s) -> uint64_t { *at<T>(b) = static_cast<T>(*at<T>(b) & wrap<T>(s)); return 0; });
   add("flip bits", "rw", [](uintptr_t b, uint64_t s) -> uint64_t { *at<T>(b) = static_cast<T>(*at<T>(b) ^ wrap<T>(s)); return 0; });
-  add("increment", "rw", [](uintptr_t b, uint64_t) -> uint64_t { *at<T>(b) = wrap<T>(static_cast<bits_of<T>>(*at<T>(b)) + uint64_t{1}); return 0; });
-  add("decrement", "rw", [](uintptr_t b, uint64_t) -> uint64_t { *at<T>(b) = wrap<T>(static_cast<bits_of<T>>(*at<T>(b)) - uint64_t{1}); return 0; });
-  add("accumulate", "rw", [](uintptr_t b, uint64_t s) -> uint64_t { *at<T>(b) = wrap<T>(static_cast<bits_of<T>>(*at<T>(b)) + s); return 0; });
-  add("shift in place", "rw", [](uintptr_t b, uint64_t) -> uint64_t { *at<T>(b) = wrap<T>(uint64_t{static_cast<bits_of<T>>(*at<T>(b))} << 1U); return 0; });
+  add("increment", "rw", [](uintptr_t b, uint64_t) -> uint64_t { *at<T>(b) = wrap<T>(static_cast<U>(*at<T>(b)) + uint64_t{1}); return 0; });
+  add("decrement", "rw", [](uintptr_t b, uint64_t) -> uint64_t { *at<T>(b) = wrap<T>(static_cast<U>(*at<T>(b)) - uint64_t{1}); return 0; });
+  add("accumulate", "rw", [](uintptr_t b, uint64_t s) -> uint64_t { *at<T>(b) = wrap<T>(static_cast<U>(*at<T>(b)) + s); return 0; });
   add("shift right in place", "rw", [](uintptr_t b, uint64_t s) -> uint64_t { *at<T>(b) = static_cast<T>(*at<T>(b) >> (s & 7U)); return 0; });
-  add("rotate in place", "rw", [](uintptr_t b, uint64_t) -> uint64_t { const auto v = static_cast<bits_of<T>>(*at<T>(b)); *at<T>(b) = static_cast<T>(std::rotl(v, 3)); return 0; });
-  add("check and invert", "rw", [](uintptr_t b, uint64_t s) -> uint64_t {
-    const T v = *at<T>(b);
-    if (v == wrap<T>(s)) return 1;
-    *at<T>(b) = wrap<T>(~uint64_t{static_cast<bits_of<T>>(v)});
-    return static_cast<bits_of<T>>(v);
-  });
+  add("rotate in place", "rw", [](uintptr_t b, uint64_t) -> uint64_t { const U v = static_cast<U>(*at<T>(b)); *at<T>(b) = static_cast<T>(std::rotl(v, 3)); return 0; });
   // clang-format on
 }
 

@@ -1,0 +1,280 @@
+// The memory side of the board: windows behind /dev/mem, battery-backed RAM and its faults, contents that outlive the
+// run, the I/O port.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/io.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "sim/flash.h"
+#include "sim/port.h"
+#include "tests/support/board.h"
+
+namespace {
+
+using testing::ElementsAre;
+
+constexpr int read_write = PROT_READ | PROT_WRITE;
+
+void *map(uint64_t phys, size_t length, int prot = read_write, int flags = MAP_SHARED) {
+  const int fd = open("/dev/mem", O_RDWR | O_CLOEXEC);
+  void *const at = mmap(nullptr, length, prot, flags, fd, static_cast<off_t>(phys));
+  const int error = errno;
+  (void)close(fd);
+  errno = error;
+  return at;
+}
+
+// The access rights of the page at `address`: "rw", "r-", "--" or "" for no mapping.
+std::string rights(const volatile void *address) {
+  const auto wanted = reinterpret_cast<uintptr_t>(address);
+  std::ifstream maps("/proc/self/maps");
+  for (std::string line; std::getline(maps, line);) {
+    uintptr_t first = 0, last = 0;
+    char flags[5] = {};
+    if (sscanf(line.c_str(), "%" SCNxPTR "-%" SCNxPTR " %4s", &first, &last, flags) != 3) continue;
+    if (wanted >= first && wanted < last) return std::string(flags, 2);
+  }
+  return "";
+}
+
+// --- Mappings -------------------------------------------------------------------------------------------------------
+
+TEST(sim_devmem, maps_what_lies_in_a_window_and_nothing_else) {
+  const struct {
+    const char *name;
+    uint64_t phys;
+    size_t length;
+    int flags, error;  // 0 for success
+  } cases[] = {
+      // clang-format off
+      {"nvram0",           0xF4000000,  0x8000,    MAP_SHARED, 0},
+      {"part of a page",   0xF4020000,  12,        MAP_SHARED, 0},
+      {"the flash",        0xF8000000,  0x4000000, MAP_SHARED, 0},
+      {"beyond nvram2",    0xF4020000,  0x9000,    MAP_SHARED, EPERM},
+      {"beyond the flash", 0xFC000000,  0x1000,    MAP_SHARED, EPERM},
+      {"over its end",     0xFBFFF000,  0x2000,    MAP_SHARED, EPERM},
+      {"above 4 GiB",      0x1F4000000, 0x1000,    MAP_SHARED, EPERM},
+      {"not at a page",    0xF4000800,  0x1000,    MAP_SHARED, EINVAL},
+      {"nothing",          0xF4000000,  0,         MAP_SHARED, EINVAL},
+      {"private",          0xF4000000,  0x1000,    MAP_PRIVATE, EINVAL},
+      {"far too much",     0xF4000000,  SIZE_MAX,  MAP_SHARED, ENOMEM},
+      // clang-format on
+  };
+  const test_board board;
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.name);
+    errno = 0;
+    void *const address = map(c.phys, c.length, read_write, c.flags);
+    EXPECT_EQ(errno, c.error);
+    EXPECT_EQ(address == MAP_FAILED, c.error != 0);
+    EXPECT_TRUE(c.error != 0 || munmap(address, c.length) == 0);
+    EXPECT_EQ(rights(address), "");
+  }
+  const test_board refusing({"mem-mmap-refused nth=2 times=2 errno=12"});
+  for (const int error : {0, ENOMEM, ENOMEM, 0}) {
+    errno = 0;
+    (void)map(0xF4000000, 0x1000);
+    EXPECT_EQ(errno, error);
+  }
+}
+
+TEST(sim_devmem, keeps_the_rest_when_a_part_is_taken_away) {
+  const test_board board({"nvram-cell-stuck instance=1 offset=0x7000 bit=0 level=1"});
+  auto *const bytes = static_cast<uint8_t *>(map(0xF4014000, 0x4000));  // the upper half of nvram1
+  EXPECT_EQ(munmap(bytes + 0x2000, 0x1000), 0);
+  EXPECT_EQ(rights(bytes + 0x1FFF), "--");
+  EXPECT_EQ(rights(bytes + 0x2000), "");
+  auto *const words = reinterpret_cast<volatile uint16_t *>(bytes);
+  words[0x1FFE / 2] = 0x1234;
+  words[0x3000 / 2] = 0x5678;
+  EXPECT_EQ(words[0x3000 / 2], 0x5679);
+  EXPECT_EQ(board.contents("nvram1").substr(0x5FFE, 2), "\x34\x12");
+  EXPECT_EQ(board.contents("nvram1").substr(0x7000, 2), "\x79\x56");
+}
+
+TEST(sim_devmem, shows_one_device_through_several_mappings) {
+  const test_board board;
+  auto *const one = map_window<uint16_t>(flash);
+  const auto *const other = map_window<uint16_t>(flash);
+  one[0xAA / 2] = 0x98;
+  EXPECT_EQ(rights(one), "--");
+  EXPECT_EQ(rights(other), "--");
+  EXPECT_EQ(other[0x20 / 2], 'Q');
+  one[0xAAA / 2] = 0xF0;
+  for (unsigned i = 0; i < 8; i++)
+    EXPECT_NE(other[0x20 / 2], 'Q');
+  EXPECT_EQ(rights(one), "r-");
+  EXPECT_EQ(rights(other), "r-");
+}
+
+TEST(sim_devmem, lets_healthy_devices_run_at_memory_speed) {
+  const struct {
+    std::vector<const char *> options;
+    std::array<const char *, 4> rights;  // of the windows, after reads
+  } cases[] = {
+      {{}, {"rw", "rw", "rw", "r-"}},
+      {{"nvram-data-stuck instance=1 line=0 level=0"}, {"rw", "--", "rw", "r-"}},
+      {{"flash-cell-stuck offset=0 bit=0 level=1"}, {"rw", "rw", "rw", "--"}},
+      {{"--trace"}, {"--", "--", "--", "--"}},
+  };
+  for (const auto &c : cases) {
+    const test_board board(c.options);
+    for (const auto number : {nvram0, nvram1, nvram2, flash}) {
+      const auto *const words = map_window<uint16_t>(number);
+      for (unsigned i = 0; i < 8; i++)
+        (void)words[i];
+      EXPECT_EQ(rights(words), c.rights[number]) << number;
+    }
+  }
+}
+
+TEST(sim_devmem, logs_every_access_in_order) {
+  test_board board({"--trace"});
+  auto *const nvram = map_window<uint16_t>(nvram2);
+  auto *const words = map_window<uint16_t>(flash);
+  nvram[1] = 0xBEEF;
+  words[0xAA / 2] = 0x98;
+  EXPECT_EQ(reinterpret_cast<volatile uint32_t *>(words)[8], 0x00520051U);
+  EXPECT_THAT(board.log(), ElementsAre("nvram2 w 16 0x2 0xbeef", "flash w 16 0xaa 0x98", "flash r 32 0x20 0x520051"));
+}
+
+TEST(sim_devmem, keeps_contents_for_the_next_run) {
+  const test_board board;
+  map_window<uint16_t>(nvram0)[0] = 0xCAFE;
+  auto *const words = map_window<uint16_t>(flash);
+  // New contents differ from place to place, and so does the start of every sector.
+  EXPECT_NE(board.contents("nvram0"), board.contents("nvram1"));
+  EXPECT_NE(board.contents("nvram1"), board.contents("nvram2"));
+  for (uint32_t at = 0; at < sim::flash_bytes; at += sim::flash_sector_bytes) {
+    ASSERT_NE((words[at / 2] << 16) | words[at / 2 + 1], (words[at / 2 + 2] << 16) | words[at / 2 + 3]);
+    ASSERT_EQ(words[(at + sim::flash_sector_bytes) / 2 - 1], 0xFFFF);
+  }
+  for (const auto &[offset, data] : {std::pair{0xAAA, 0xAA}, {0x554, 0x55}, {0xAAA, 0xA0}, {0x10000, 0x1234}})
+    words[offset / 2] = static_cast<uint16_t>(data);
+  board.start();
+  EXPECT_EQ(map_window<uint16_t>(nvram0)[0], 0xCAFE);
+  EXPECT_EQ(map_window<uint16_t>(flash)[0x10000 / 2], 0x1234);
+  EXPECT_EQ(board.contents("flash").substr(0x10000, 2), "\x34\x12");
+}
+
+// --- Battery-backed RAM ---------------------------------------------------------------------------------------------
+
+TEST(sim_nvram, shows_each_fault_on_the_words_that_it_hits) {
+  const struct {
+    const char *fault;
+    uint16_t given, taken;  // written at 0x20 and read back there
+    size_t cell;            // where they are kept
+  } cases[] = {
+      // clang-format off
+      {"nvram-data-stuck instance=1 line=3 level=0",            0x1238, 0x1238, 0x20},
+      {"nvram-data-stuck instance=0 line=3 level=0",            0x1238, 0x1230, 0x20},
+      {"nvram-data-stuck instance=0 line=15 level=1",           0x1238, 0x9238, 0x20},
+      {"nvram-data-short instance=0 line=3 other=9",            0x1438, 0x1430, 0x20},
+      {"nvram-data-short instance=0 line=3 other=9 wins=1",     0x1438, 0x1638, 0x20},
+      {"nvram-data-short instance=0 line=3 other=9",            0x1638, 0x1638, 0x20},
+      {"nvram-addr-stuck instance=0 line=5 level=0",            0x1238, 0x1238, 0x00},
+      {"nvram-addr-stuck instance=0 line=14 level=1",           0x1238, 0x1238, 0x4020},
+      {"nvram-addr-short instance=0 line=5 other=1",            0x1238, 0x1238, 0x00},
+      {"nvram-addr-short instance=0 line=5 other=1 wins=1",     0x1238, 0x1238, 0x22},
+      {"nvram-cell-stuck instance=0 offset=0x21 bit=4 level=0", 0x1238, 0x0238, 0x20},
+      {"nvram-cell-stuck instance=0 offset=0x20 bit=0 level=1", 0x1238, 0x1239, 0x20},
+      {"nvram-cell-stuck instance=0 offset=0x22 bit=0 level=1", 0x1238, 0x1238, 0x20},
+      // clang-format on
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.fault);
+    const test_board board({c.fault});
+    auto *const words = map_window<uint16_t>(nvram0);
+    auto expected = board.contents("nvram0");
+    const auto others = board.contents("nvram1") + board.contents("nvram2");
+    words[0x20 / 2] = c.given;
+    EXPECT_EQ(words[0x20 / 2], c.taken);
+    expected[c.cell] = static_cast<char>(c.taken);
+    expected[c.cell + 1] = static_cast<char>(c.taken >> 8);
+    EXPECT_EQ(board.contents("nvram0"), expected);
+    EXPECT_EQ(board.contents("nvram1") + board.contents("nvram2"), others);
+  }
+}
+
+TEST(sim_nvram, inverts_a_coupled_cell_at_each_change_of_the_leading_one) {
+  const test_board board({"nvram-cell-coupled instance=2 offset=0x11 bit=7 victim=0x40 vbit=1"});
+  auto *const words = map_window<uint16_t>(nvram2);
+  words[0x10 / 2] = 0;
+  words[0x40 / 2] = 0;
+  std::vector<unsigned> seen;
+  for (const uint16_t value : std::initializer_list<uint16_t>{0x0000, 0x8000, 0xFFFF, 0x7FFF, 0x8000}) {
+    words[0x10 / 2] = value;
+    seen.push_back(words[0x40 / 2]);
+  }
+  EXPECT_THAT(seen, ElementsAre(0, 2, 2, 0, 2));
+}
+
+TEST(sim_nvram, keeps_lanes_apart_in_bytes_and_long_words) {
+  const test_board board({"nvram-data-stuck instance=0 line=8 level=1"});  // bit 0 of the odd bytes
+  auto *const bytes = map_window<uint8_t>(nvram0);
+  auto *const longs = reinterpret_cast<volatile uint32_t *>(bytes);
+  longs[4] = 0x10203040;
+  EXPECT_EQ(longs[4], 0x11203140U);
+  bytes[0x10] = 0xA0;
+  bytes[0x13] = 0xB0;
+  EXPECT_EQ(longs[4], 0xB12031A0U);
+  EXPECT_EQ(bytes[0x11], 0x31);
+  // Across words, with a byte to be kept at either end.
+  auto *const odd = reinterpret_cast<volatile uint32_t *>(bytes + 0x21);
+  longs[8] = 0x5A5A5A5A;
+  longs[9] = 0x5A5A5A5A;
+  asm volatile("movl %1, %0" : "=m"(*odd) : "r"(0x44332211));
+  uint32_t back = 0;
+  asm volatile("movl %1, %0" : "=r"(back) : "m"(*odd));
+  EXPECT_EQ(back, 0x44332211U | 0x00010001U);
+  EXPECT_EQ(longs[8], 0x3322115AU | 0x01000100U);
+  EXPECT_EQ(longs[9], 0x5A5A5A44U | 0x01000100U);
+}
+
+// --- I/O port -------------------------------------------------------------------------------------------------------
+
+TEST(sim_port, holds_what_is_written_and_protects_by_bit_27) {
+  test_board board({"--trace"});
+  EXPECT_TRUE(sim::port_write_protected());
+  ASSERT_EQ(iopl(3), 0);
+  outl(inl(0x50C) & ~0x08000000U, 0x50C);
+  EXPECT_FALSE(sim::port_write_protected());
+  EXPECT_EQ(inl(0x50C), 0x635A3C41U);
+  EXPECT_THAT(board.log(),
+              ElementsAre("port r 32 0x50c 0x6b5a3c41", "port w 32 0x50c 0x635a3c41", "port r 32 0x50c 0x635a3c41"));
+  board.start({"port-stuck bit=27 level=1", "port-stuck bit=0 level=0"});
+  ASSERT_EQ(iopl(3), 0);
+  EXPECT_EQ(inl(0x50C), sim::port_initial & ~1U);
+  outl(3, 0x50C);
+  EXPECT_EQ(inl(0x50C), 0x08000002U);
+  EXPECT_TRUE(sim::port_write_protected());
+}
+
+TEST(sim_port, takes_levels_0_to_3_or_refuses_to_raise_them) {
+  const test_board board;
+  for (const auto &[level, error] : {std::pair{0, 0}, {1, 0}, {3, 0}, {0, 0}, {-1, EINVAL}, {4, EINVAL}}) {
+    errno = 0;
+    EXPECT_EQ(iopl(level), error == 0 ? 0 : -1);
+    EXPECT_EQ(errno, error);
+  }
+  board.start({"iopl-refused errno=38"});
+  EXPECT_EQ(iopl(3), -1);
+  EXPECT_EQ(errno, 38);
+  EXPECT_EQ(iopl(0), 0);
+}
+
+TEST(sim_port_death, ends_the_run_without_privilege_and_elsewhere) {
+  const test_board board;
+  const auto raised = [](int level) { return signal(SIGSEGV, SIG_DFL), iopl(3), iopl(level); };
+  EXPECT_EXIT((raised(2), inl(0x50C)), testing::KilledBySignal(SIGSEGV), "0x50c used without the I/O privilege");
+  EXPECT_EXIT((raised(3), outb(1, 0x50C)), testing::KilledBySignal(SIGABRT), "8-bit access to I/O port 0x50c: no dev");
+  EXPECT_EXIT((raised(3), inl(0x80)), testing::KilledBySignal(SIGABRT), "32-bit access to I/O port 0x80: no device");
+}
+
+}  // namespace
