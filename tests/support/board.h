@@ -41,19 +41,6 @@ class test_board {
   explicit test_board(const std::vector<const char *> &options = {}, std::optional<uint32_t> card = {}) {
     start(options, card);
   }
-  // `args` as on board-sim's command line; the bus log is the file `trace` of the state directory.
-  test_board(const std::vector<std::string> &args, const char *trace) {
-    std::string error;
-    const auto parsed = sim::options_parse(args, &error);
-    if (!parsed) {
-      (void)fprintf(stderr, "%s\n", error.c_str());
-      abort();
-    }
-    options_ = *parsed;
-    options_.state = dir_.path().string();
-    options_.trace = file(trace).string();
-    if (!sim::board_start(options_)) abort();
-  }
   test_board(const test_board &) = delete;
   test_board &operator=(const test_board &) = delete;
   ~test_board() { sim::board_stop(); }

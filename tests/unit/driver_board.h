@@ -13,7 +13,7 @@
 #include "platform/mfgd/cmn_lib/hw_acc/hw_err.h"
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_acc.h"
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_pci_velto_or.h"
-#include "tests/sim_fixture.h"
+#include "tests/support/board.h"
 #include "tests/unit/host.h"
 
 inline std::function<void(hw_acc_cb_t *)> change_acc;  // changes what mmap_acc_init filled
@@ -26,13 +26,13 @@ std::string format(const char *fmt, Values... values) {
   return text;
 }
 
-inline sim_board &board() {
-  static sim_board only;
+inline test_board &board() {
+  static test_board only({"--trace"});
   return only;
 }
 
 inline void note(const std::string &event) {
-  std::ofstream(board().state() + "/trace", std::ios::app) << "0 " << event << "\n";
+  std::ofstream(board().file("trace"), std::ios::app) << "0 " << event << "\n";
 }
 
 // The log since the last call, "; " behind each event:
@@ -44,7 +44,7 @@ inline void note(const std::string &event) {
 //   kinds  first letters of the events that are wanted
 inline std::string events(const std::string &kinds = "wr+-pm") {
   std::string log;
-  for (std::string line : board().take_log()) {
+  for (std::string line : board().log()) {
     char kind = 0;
     unsigned inst = 0, offset = 0, data = 0;
     if (sscanf(line.c_str(), "flash %c 16 %x %x", &kind, &offset, &data) == 3)
@@ -60,8 +60,8 @@ inline std::string events(const std::string &kinds = "wr+-pm") {
 inline void on_board(const std::string &option, const std::function<void()> &body) {
   (void)board();
   const outcome child = run_child([&] {
-    std::ofstream(board().state() + "/trace").close();
-    board().start({option});
+    std::ofstream(board().file("trace")).close();
+    board().start({option.c_str(), "--trace"});
     body();
     (void)fflush(nullptr);
     if (testing::Test::HasFailure()) _exit(1);

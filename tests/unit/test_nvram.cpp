@@ -13,7 +13,7 @@ using testing::HasSubstr;
 // Puts these lengths of the regions into the PCI list.
 void set_lengths(uint32_t length0, uint32_t length1, uint32_t length2) {
   const char line[] = "2e00 10b59030 10 0 0 f4000000 f4010000 f4020000 f8000000 0 0 0 %x %x %x 4000000 0\n";
-  std::ofstream(board().state() + "/proc/bus/pci/devices") << format(line, length0, length1, length2);
+  std::ofstream(board().file("proc/bus/pci/devices")) << format(line, length0, length1, length2);
 }
 
 TEST(nvram_driver, maps_all_regions_with_the_largest_length) {
@@ -77,7 +77,7 @@ std::string run(uint32_t length, uint32_t expected_status) {
 
 // So many words of NVRAM 0, as they are saved or written back.
 std::string words(char kind, uint32_t count) {
-  const std::string bytes = board().read("nvram0");
+  const std::string bytes = board().contents("nvram0");
   std::string text;
   for (uint32_t i = 0; i < 2 * count; i += 2)
     text += format("%c0 %x=%x; ", kind, i, static_cast<uint8_t>(bytes[i]) | static_cast<uint8_t>(bytes[i + 1]) << 8);

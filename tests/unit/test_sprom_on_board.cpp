@@ -29,7 +29,7 @@ std::string joined(const words &parts) {
 // A board with its bus log. Each stands in a process of its own, with descriptors and bus devices as at the start.
 class logged_board {
  public:
-  explicit logged_board(const words &args) : board_(args, "trace") {}
+  explicit logged_board(const words &args) : board_(options(args)) {}
 
   // What went over the buses since the last call, as "8:76 w 00; 8:76 r 3fff; port r 6b5a3c41": bus and address of the
   // device, direction, bytes in their order on the wire; W and R if it failed. An EEPROM's single bytes are counted, as
@@ -60,6 +60,13 @@ class logged_board {
   }
 
  private:
+  static std::vector<const char *> options(const words &args) {
+    std::vector<const char *> all{"--trace"};
+    for (const std::string &arg : args)
+      all.push_back(arg.c_str());
+    return all;
+  }
+
   test_board board_;
   size_t seen_ = 0;
 };
