@@ -190,35 +190,27 @@ TEST(sim_i2c_dev, puts_smbus_transfers_on_the_wire_as_messages) {
   EXPECT_EQ(functions & (I2C_FUNC_I2C | I2C_FUNC_SMBUS_WORD_DATA), unsigned{I2C_FUNC_SMBUS_WORD_DATA});
   EXPECT_EQ(transfer("1:52 r1"), "EOPNOTSUPP");
   EXPECT_EQ(ioctl(fd, I2C_SLAVE, 0x52), 0);
-  const struct {
-    uint8_t reading, command;
-    uint32_t size;
-    uint16_t word;  // before and after it; the block's length is its low byte
-    int error, after;
-    std::vector<const char *> log = {};
-  } cases[] = {
+  // Kind, command, size; the word before, the error, the word after; a block's length is the low byte. What is logged.
+  const std::tuple<uint8_t, uint8_t, uint32_t, uint16_t, int, int, strings> cases[] = {
       // clang-format off
-      {I2C_SMBUS_WRITE, 0x20, I2C_SMBUS_BYTE_DATA,      0x0000, 0, 0x0000,  {"w 16 0x0 0x2000"}},
-      {I2C_SMBUS_READ,  0,    I2C_SMBUS_BYTE,           0x0000, 0, 0x00FF,  {"r 8 0x0 0xff"}},
-      {I2C_SMBUS_WRITE, 0x20, I2C_SMBUS_WORD_DATA,      0x5A07, 0, 0x5A07,  {"w 24 0x0 0x20075a"}},
-      {I2C_SMBUS_READ,  0,    I2C_SMBUS_BYTE,           0x0000, ENXIO, 0,   {"R 0 0x0 0x0"}},
-      {I2C_SMBUS_WRITE, 0,    I2C_SMBUS_QUICK,          0x0000, ENXIO, 0,   {"W 0 0x0 0x0"}},
-      {I2C_SMBUS_WRITE, 0x20, I2C_SMBUS_BYTE,           0x0000, 0, 0x0000,  {"w 8 0x0 0x20"}},
-      {I2C_SMBUS_READ,  0x07, I2C_SMBUS_WORD_DATA,      0x0000, 0, 0xFFFF,  {"w 8 0x0 0x07", "r 16 0x1 0xffff"}},
-      {I2C_SMBUS_READ,  0x08, I2C_SMBUS_I2C_BLOCK_DATA, 0x0001, 0, 0xFF01,  {"w 8 0x0 0x08", "r 8 0x1 0xff"}},
-      {I2C_SMBUS_WRITE, 0x10, I2C_SMBUS_I2C_BLOCK_DATA, 0x0001, 0, 0x0001,  {"w 16 0x0 0x1000"}},
-      {I2C_SMBUS_READ,  0x07, I2C_SMBUS_BLOCK_DATA,     0x0000, EOPNOTSUPP, 0},
+      {I2C_SMBUS_WRITE, 0x20, I2C_SMBUS_BYTE_DATA,      0x0000, 0, 0x0000,  {"i2c-1:52 w 16 0x0 0x2000"}},
+      {I2C_SMBUS_READ,  0,    I2C_SMBUS_BYTE,           0x0000, 0, 0x00FF,  {"i2c-1:52 r 8 0x0 0xff"}},
+      {I2C_SMBUS_WRITE, 0x20, I2C_SMBUS_WORD_DATA,      0x5A07, 0, 0x5A07,  {"i2c-1:52 w 24 0x0 0x20075a"}},
+      {I2C_SMBUS_READ,  0,    I2C_SMBUS_BYTE,           0x0000, ENXIO, 0,   {"i2c-1:52 R 0 0x0 0x0"}},
+      {I2C_SMBUS_WRITE, 0,    I2C_SMBUS_QUICK,          0x0000, ENXIO, 0,   {"i2c-1:52 W 0 0x0 0x0"}},
+      {I2C_SMBUS_WRITE, 0x20, I2C_SMBUS_BYTE,           0x0000, 0, 0x0000,  {"i2c-1:52 w 8 0x0 0x20"}},
+      {I2C_SMBUS_READ,  0x07, I2C_SMBUS_WORD_DATA,      0x0000, 0, 0xFFFF,  {"i2c-1:52 w 8 0x0 0x07", "i2c-1:52 r 16 0x1 0xffff"}},
+      {I2C_SMBUS_READ,  0x08, I2C_SMBUS_I2C_BLOCK_DATA, 0x0001, 0, 0xFF01,  {"i2c-1:52 w 8 0x0 0x08", "i2c-1:52 r 8 0x1 0xff"}},
+      {I2C_SMBUS_WRITE, 0x10, I2C_SMBUS_I2C_BLOCK_DATA, 0x0001, 0, 0x0001,  {"i2c-1:52 w 16 0x0 0x1000"}},
+      {I2C_SMBUS_READ,  0x07, I2C_SMBUS_BLOCK_DATA,     0x0000, EOPNOTSUPP, 0, {}},
       // clang-format on
   };
   (void)board.log();
-  for (const auto &c : cases) {
-    i2c_smbus_data data{.word = c.word};
-    i2c_smbus_ioctl_data args{c.reading, c.command, c.size, c.size == I2C_SMBUS_QUICK ? nullptr : &data};
-    EXPECT_EQ(ioctl(fd, I2C_SMBUS, &args) < 0 ? errno : 0, c.error);
-    EXPECT_EQ(data.word, c.after);
-    strings log;
-    for (const auto *const line : c.log)
-      log.push_back("i2c-1:52 " + std::string(line));
+  for (const auto &[kind, command, size, before, error, after, log] : cases) {
+    i2c_smbus_data data{.word = before};
+    i2c_smbus_ioctl_data args{kind, command, size, size == I2C_SMBUS_QUICK ? nullptr : &data};
+    EXPECT_EQ(ioctl(fd, I2C_SMBUS, &args) < 0 ? errno : 0, error);
+    EXPECT_EQ(data.word, after);
     EXPECT_EQ(board.log(), log);
   }
   (void)close(fd);

