@@ -9,7 +9,7 @@ packages_test=(googletest python3)
 packages_sanitizers=(libasan8 libubsan1)
 packages_clang=(clang)
 packages_style=(clang-format clang-tidy)
-packages_bench=(libbenchmark-dev libevent-dev libuv1-dev)
+packages_bench=(libbenchmark-dev libevent-dev libuv1-dev pkg-config)
 
 note() { printf '%s\n' "$*" >&2; }
 

@@ -22,6 +22,8 @@ struct queue_t {
   int32_t count;
 };
 
+static_assert(sizeof(queue_t) == (sizeof(void *) == 4 ? 12 : 24));
+
 // Selects an element: gets the search's argument and the element.
 using queue_test_t = int32_t (*)(uint32_t arg, void *elem);
 
@@ -75,6 +77,8 @@ struct dlq_t {
   dlq_elem_t *tail;  // null when empty
   int32_t count;
 };
+
+static_assert(sizeof(dlq_t) == (sizeof(void *) == 4 ? 12 : 24));
 
 // Insert at the head; at the tail; after `prev`, or at the head where it is null. A null element does nothing. An
 // empty list with a `prev`, or with a tail left over, fails an assertion.

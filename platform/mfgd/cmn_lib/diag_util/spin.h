@@ -10,6 +10,8 @@ struct ptu_parms_t {
   double usec_per_cycle;  // 1 / cpu_mhz
 };
 
+static_assert(sizeof(ptu_parms_t) == (sizeof(void *) == 4 ? 20 : 24));
+
 extern ptu_parms_t ptu_parms;  // all zero until _init_ptu, which alone writes it
 
 // Copies the clock record to *ptu, which must not be null (asserted).

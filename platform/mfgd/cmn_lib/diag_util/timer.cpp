@@ -79,12 +79,17 @@ queue_t *bucket_of(uint64_t time) {
   return &timer_tbl[timer_get_hash_idx(static_cast<uint32_t>(time))];
 }
 
+// Not by peek_head: its call would make an empty tick a third dearer.
+void *first_of(const queue_t *queue) {
+  return queue->head;
+}
+
 timer_exp_entry_t *first_entry(const queue_t *bucket) {
-  return static_cast<timer_exp_entry_t *>(peek_head(bucket));
+  return static_cast<timer_exp_entry_t *>(first_of(bucket));
 }
 
 diag_timer_t *first_timer(const queue_t *timers) {
-  return static_cast<diag_timer_t *>(peek_head(timers));
+  return static_cast<diag_timer_t *>(first_of(timers));
 }
 
 // The entry of a bucket for one tick and epoch, made where it is missing; null when no memory is left.
@@ -125,8 +130,10 @@ void remove_entry(queue_t *bucket, timer_exp_entry_t *entry) {
   dequeue_elem(bucket, prev, entry);
 }
 
-// Takes a timer off its entry's queue, whose links run one way only. One that is not there keeps its entry.
+// Takes a timer off its entry's queue, whose links run one way only. One that is not there keeps its entry; one that
+// is just expiring has none any more.
 void take_off_entry(diag_timer_t *timer) {
+  if (timer->exp_entry == nullptr) return;
   queue_t *const timers = &timer->exp_entry->timers;
   diag_timer_t *prev = nullptr;
   for (diag_timer_t *each = first_timer(timers); each != nullptr; prev = each, each = each->next) {
@@ -255,7 +262,6 @@ void timer_invoke_callback(queue_t *bucket, timer_exp_entry_t *entry) {
         timer->state = TIMER_INACTIVE;
         break;
       case TIMER_ONE_SHOT_FREE:
-        timer->state = TIMER_INACTIVE;
         (void)timer_free(timer);
         break;
       default:

@@ -59,6 +59,8 @@ struct diag_timer_t {
   uint32_t callback_param;  // 32 bits in every word size
 };
 
+static_assert(sizeof(diag_timer_t) == (sizeof(void *) == 4 ? 28 : 48));
+
 // All timers of one expiry tick.
 struct timer_exp_entry_t {
   timer_exp_entry_t *next;  // link in its bucket's queue
@@ -66,6 +68,8 @@ struct timer_exp_entry_t {
   uint64_t exp_time;        // tick
   uint32_t wrap_flag;       // epoch of exp_time, 0 or 1
 };
+
+static_assert(sizeof(timer_exp_entry_t) == (sizeof(void *) == 4 ? 28 : 48));
 
 // State of the module, for reading. Zero at start.
 extern queue_t *timer_tbl;           // the wheel: timer_tbl_size buckets of expiry entries
@@ -77,7 +81,7 @@ extern uint32_t wrap_flag;           // epoch: flips each time current_time wrap
 extern uint32_t last_elapsed_ticks;  // clock ticks, low 32 bits, at the last poll that found time passed
 extern uint64_t start_cycles;        // cycle count at initialisation in polled mode
 
-// Sets the mode and allocates the wheel.
+// Sets the mode and allocates the wheel. Comes before every start and tick.
 //   size    wanted number of buckets; the largest power of two not above it is taken, 1 for 0
 //   period  milliseconds per tick; 0 selects tick mode
 // Returns 1, or 0 when the wheel cannot be allocated (timer_tbl is null then).
