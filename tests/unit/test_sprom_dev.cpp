@@ -299,6 +299,17 @@ TEST_F(sprom_dev, moves_each_kind_in_its_size_and_none_without_one) {
   }
 }
 
+TEST_F(sprom_dev, probes_no_board_without_a_supervisors_descriptor) {
+  for (const auto &[descriptor, probe] :
+       {std::pair{&pellin_sprom_sup, sprom_platform_probe_pellin}, {&tosk_sprom_sup, sprom_platform_probe_tosk}}) {
+    begin({});
+    descriptor->type = SPROM_TYPE_LC;
+    EXPECT_EQ(probe(), -22);
+    EXPECT_EQ(sse.calls, 0U);
+    descriptor->type = SPROM_TYPE_SUP;
+  }
+}
+
 TEST_F(sprom_dev, takes_positive_results_of_the_service_for_success) {
   begin({0x3F, 0xFF}, SIZE_MAX, 5);
   EXPECT_EQ(sprom_platform_probe_pellin(), 0);
