@@ -1,19 +1,13 @@
-// board.h: the simulated board in the test's own process, and what the code under test prints.
+// board.h: the simulated board in the test's own process.
 #pragma once
-
-#include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <initializer_list>
-#include <memory>
 #include <string>
-#include <utility>
 
 #include "sim/board.h"
-#include "tests/support/run.h"
+#include "tests/support/host.h"
 
 // A running board on a state directory of its own; `faults` as on the command line.
 class test_board {
@@ -43,35 +37,5 @@ class test_board {
   sim::options options_;
 };
 
-// What `code` writes to standard output, through the descriptor.
-template <typename Code>
-std::string printed(Code &&code) {
-  (void)fflush(stdout);
-  const std::unique_ptr<FILE, int (*)(FILE *)> file(tmpfile(), fclose);
-  const int saved = dup(STDOUT_FILENO);
-  (void)dup2(fileno(file.get()), STDOUT_FILENO);
-  std::forward<Code>(code)();
-  (void)fflush(stdout);
-  (void)dup2(saved, STDOUT_FILENO);
-  (void)close(saved);
-  std::string text;
-  rewind(file.get());
-  for (int c; (c = fgetc(file.get())) != EOF;)
-    text.push_back(static_cast<char>(c));
-  return text;
-}
-
-// Runs `code` with its expectations in a process of its own: what it leaves in static state is gone afterwards.
-template <typename Code>
-void isolated(Code &&code) {
-  (void)fflush(stdout);
-  const pid_t child = fork();
-  if (child == 0) {
-    std::forward<Code>(code)();
-    (void)fflush(stdout);
-    _exit(testing::Test::HasFailure() ? 1 : 0);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
-}
+// The short name of stdout_of in the tests of POST's own lines.
+inline constexpr auto &printed = stdout_of;

@@ -15,7 +15,7 @@
 #include "post/pfm_card.h"
 #include "post/post_test.h"
 #include "tests/unit/fake_acc.h"
-#include "tests/unit/host.h"
+#include "tests/support/host.h"
 
 namespace {
 

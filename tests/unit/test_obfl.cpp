@@ -16,7 +16,7 @@
 #include "post/obfl_test.h"
 #include "post/post_test.h"
 #include "tests/unit/fake_acc.h"
-#include "tests/unit/host.h"
+#include "tests/support/host.h"
 
 namespace {
 
@@ -89,7 +89,7 @@ TEST(obfl_start, finds_and_maps_the_flash_once) {
     fake_acc = setup;
     (void)obfl_libinit();
   });
-  EXPECT_EQ(child.signal, SIGABRT);
+  EXPECT_EQ(child.status, 128 + SIGABRT);
   const std::string reports = failed + report("obfl_sw_init()", rc);
   EXPECT_EQ(child.out.substr(0, reports.size()), reports);
   EXPECT_EQ(child.out.rfind("## Assert:obfl_libinit():", reports.size()), reports.size());
@@ -417,7 +417,7 @@ TEST_F(obfl, asserts_its_arguments_just_before_their_use) {
       });
       c.call();
     });
-    EXPECT_EQ(child.signal, SIGABRT);
+    EXPECT_EQ(child.status, 128 + SIGABRT);
     EXPECT_EQ(child.err, std::to_string(c.events));
     EXPECT_THAT(child.out, testing::StartsWith("## Assert:" + c.op + "():"));
     EXPECT_THAT(child.out,
