@@ -1,15 +1,13 @@
-// board.h: the simulated board in the test's own process, and what the code under test prints.
+// board.h: the simulated board in the test's own process.
 #pragma once
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -18,7 +16,7 @@
 
 #include "sim/board.h"
 #include "sim/layout.h"
-#include "tests/support/run.h"
+#include "tests/support/host.h"
 
 // The options of a board on a state directory. Each of `more` is one of board-sim's if it begins with "--", else a
 // fault. "--trace" alone logs to "trace" in the state directory.
@@ -86,37 +84,5 @@ volatile T *map_window(window_number number) {
   return static_cast<volatile T *>(at);
 }
 
-// What `code` writes to standard output, through the descriptor.
-template <typename Code>
-std::string printed(Code &&code) {
-  (void)fflush(stdout);
-  const std::unique_ptr<FILE, int (*)(FILE *)> file(tmpfile(), fclose);
-  const int saved = dup(STDOUT_FILENO);
-  (void)dup2(fileno(file.get()), STDOUT_FILENO);
-  std::forward<Code>(code)();
-  (void)fflush(stdout);
-  (void)dup2(saved, STDOUT_FILENO);
-  (void)close(saved);
-  std::string text;
-  rewind(file.get());
-  for (int c; (c = fgetc(file.get())) != EOF;)
-    text.push_back(static_cast<char>(c));
-  return text;
-}
-
-// Runs `code` with its expectations in a process of its own: what it leaves in static state is gone afterwards.
-template <typename Code>
-void isolated(Code &&code) {
-  (void)fflush(stdout);
-  const auto parts = [] { return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count(); };
-  const int before = parts();
-  const pid_t child = fork();
-  if (child == 0) {
-    std::forward<Code>(code)();
-    (void)fflush(stdout);
-    _exit(parts() != before ? 1 : 0);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_EQ(status, 0);
-}
+// The short name of stdout_of in the tests of POST's own lines.
+inline constexpr auto &printed = stdout_of;

@@ -14,7 +14,7 @@
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_acc.h"
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_pci_velto_or.h"
 #include "tests/support/board.h"
-#include "tests/unit/host.h"
+#include "tests/support/host.h"
 
 inline std::function<void(hw_acc_cb_t *)> change_acc;  // changes what mmap_acc_init filled
 inline int failing_malloc = 0;                         // how many calls on, from 1; 0 for none
@@ -66,7 +66,7 @@ inline void on_board(const std::string &option, const std::function<void()> &bod
     (void)fflush(nullptr);
     if (testing::Test::HasFailure()) _exit(1);
   });
-  EXPECT_EQ(child.exit_code, 0) << child.out << child.err;
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
 }
 
 extern "C" {

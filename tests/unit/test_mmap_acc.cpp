@@ -1,307 +1,126 @@
-// Devices mapped through /dev/mem, with real mappings of memory that stands in for it and real locks.
+// Devices mapped through /dev/mem, on the board's NVRAM, with every access in the bus log. Devices that cannot be
+// mapped and locks that cannot be created stand in the tests of whole runs.
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/mman.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <csignal>
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <memory>
-#include <string>
-#include <tuple>
-#include <vector>
-
-#include "platform/mfgd/cmn_lib/diag_util/diag_dbg.h"
 #include "platform/mfgd/cmn_lib/diag_util/lock.h"
 #include "platform/mfgd/cmn_lib/hw_acc/hw_err.h"
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_acc.h"
-#include "tests/unit/fake_os.h"
-#include "tests/unit/host.h"
+#include "tests/sim_fixture.h"
+#include "tests/support/host.h"
 
 namespace {
 
-constexpr uint32_t phys[] = {0xF4000000, 0x70010000, 0xFFFFF000};
+constexpr uint32_t phys[] = {0xF4000000, 0xF4010000, 0xF4020000};
 constexpr uint32_t len = 0x1000;
+constexpr char source[] = "mmap/mmap_acc.cpp";
 
 class mmap_acc : public testing::Test {
  protected:
-  mmap_acc() : name_("post-test-" + std::to_string(getpid())) { fake_os = {}; }
-  ~mmap_acc() override {
-    for (const char *const lock : {"0-read", "0-write", "1-read", "1-write", "10-read", "2-read", "2-write"})
-      (void)unlink(lock_path(lock).c_str());
+  mmap_acc() { memset(storage_, 0x5A, sizeof storage_); }
+  ~mmap_acc() override { devmemfd = -1; }
+  void map(uint32_t width) {
+    EXPECT_EQ(mmap_acc_init(info_, "RTC_NVRAM", 3, phys, len, width, &cb_), HW_SUCCESS);
+    EXPECT_EQ(cb_.m_init(cb_.m_parm), HW_SUCCESS);
   }
 
-  std::string lock_path(const char *lock) { return "/var/lock/" + name_ + lock + ".lock"; }
-
-  void describe(uint32_t width, uint32_t instances = 3) {
-    info_.reset(static_cast<mmap_info_t *>(calloc(1, mmap_acc_sizeof(instances))));
-    memset(&cb_, 0xEE, sizeof cb_);
-    std::vector<uint32_t> base(instances, phys[0]);
-    for (uint32_t i = 0; i < instances && i < std::size(phys); ++i)
-      base[i] = phys[i];
-    EXPECT_EQ(mmap_acc_init(info_.get(), name_.c_str(), instances, base.data(), len, width, &cb_), HW_SUCCESS);
-  }
-
-  const std::string name_;
-  std::unique_ptr<mmap_info_t, decltype(&free)> info_{nullptr, &free};
-  hw_acc_cb_t cb_ = {};
+  sim_board board_;
+  alignas(mmap_info_t) unsigned char storage_[128];
+  mmap_info_t *const info_ = reinterpret_cast<mmap_info_t *>(storage_);
+  hw_acc_cb_t cb_;
 };
 
-std::string number(const char *fmt, unsigned long long value) {
-  char text[64];
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wformat-nonliteral"
-  (void)snprintf(text, sizeof text, fmt, value);
-#pragma GCC diagnostic pop
-  return text;
-}
-
-TEST_F(mmap_acc, sizes_the_record_by_instances) {
-  EXPECT_EQ(mmap_acc_sizeof(0), offsetof(mmap_info_t, m_inst_info));
-  EXPECT_EQ(mmap_acc_sizeof(3) - mmap_acc_sizeof(2), sizeof(mmap_inst_info_t));
+TEST_F(mmap_acc, describes_a_device_and_leaves_what_belongs_to_the_mapping) {
+  EXPECT_EQ(mmap_acc_init(info_, (std::string(31, 'n') + "tail").c_str(), 3, phys, len, 2, &cb_), HW_SUCCESS);
+  EXPECT_EQ(cb_.m_name, std::string(31, 'n'));
+  EXPECT_EQ(info_->m_hw_name, cb_.m_name);
+  EXPECT_EQ(info_->m_inst_info[2].m_phys_addr, phys[2]);
+  EXPECT_EQ(memcmp(&info_->m_inst_info[2].m_virt_addr, &storage_[128 - 16], 8 + sizeof(void *)), 0);
   EXPECT_EQ(mmap_acc_sizeof(3), sizeof(void *) == 4 ? 76U : 96U);
 }
 
-TEST_F(mmap_acc, fills_the_block_by_width) {
-  struct {
-    uint32_t width;
-    hw_acc_rd_t rd;
-    hw_acc_wr_t wr;
-  } const cases[] = {
-      {1, _mmap_rd8, _mmap_wr8}, {2, _mmap_rd16, _mmap_wr16}, {4, _mmap_rd32, _mmap_wr32}, {8, _mmap_rd64, _mmap_wr64}};
-  for (const auto &c : cases) {
-    describe(c.width);
-    EXPECT_EQ(cb_.m_rd, c.rd);
-    EXPECT_EQ(cb_.m_wr, c.wr);
-    EXPECT_EQ(cb_.m_init, _mmap_init);
-    EXPECT_EQ(cb_.m_fini, _mmap_fini);
-    EXPECT_EQ(cb_.m_rd_lk_acq, _mmap_rd_lk_acq);
-    EXPECT_EQ(cb_.m_rd_lk_rel, _mmap_rd_lk_rel);
-    EXPECT_EQ(cb_.m_wr_lk_acq, _mmap_wr_lk_acq);
-    EXPECT_EQ(cb_.m_wr_lk_rel, _mmap_wr_lk_rel);
-    EXPECT_EQ(cb_.m_parm, info_.get());
-    EXPECT_EQ(cb_.m_name, name_);
-    EXPECT_EQ(info_->m_hw_name, cb_.m_name);
-    EXPECT_EQ(info_->m_inst_info[2].m_phys_addr, 0xFFFFF000U);
-  }
-}
-
-TEST_F(mmap_acc, describing_leaves_what_belongs_to_the_mapping) {
-  info_.reset(static_cast<mmap_info_t *>(malloc(mmap_acc_sizeof(1))));
-  memset(static_cast<void *>(info_.get()), 0x5A, mmap_acc_sizeof(1));
-  const std::string long_name = std::string(31, 'n') + "123456789";
-  EXPECT_EQ(mmap_acc_init(info_.get(), long_name.c_str(), 1, phys, len, 2, &cb_), HW_SUCCESS);
-  EXPECT_EQ(cb_.m_name, std::string(31, 'n'));
-  EXPECT_EQ(info_->m_inst_info[0].m_rd_lock, 0x5A5A5A5A);
-  EXPECT_EQ(info_->m_inst_info[0].m_wr_lock, 0x5A5A5A5A);
-  EXPECT_EQ(reinterpret_cast<uintptr_t>(info_->m_inst_info[0].m_virt_addr) & 0xFFFFFFFF, 0x5A5A5A5AU);
-}
-
 TEST_F(mmap_acc, asserts_arguments_in_order) {
-  mmap_info_t info = {};
-  const struct {
-    const char *text;
-    mmap_info_t *info;
-    const char *name;
-    uint32_t num;
-    const uint32_t *base;
-    uint32_t len;
-    uint32_t width;
-    hw_acc_cb_t *cb;
-  } cases[] = {
-      {"info", nullptr, nullptr, 0, nullptr, 0, 3, nullptr},
-      {"hw_name", &info, nullptr, 0, nullptr, 0, 3, nullptr},
-      {"num_inst", &info, "n", 0, nullptr, 0, 3, nullptr},
-      {"base_addr", &info, "n", 1, nullptr, 0, 3, nullptr},
-      {"len", &info, "n", 1, phys, 0, 3, nullptr},
-      {"(width == 1) || (width == 2) || (width == 4) || (width == 8)", &info, "n", 1, phys, len, 3, nullptr},
-      {"cb", &info, "n", 1, phys, len, 8, nullptr},
-  };
-  for (const auto &c : cases)
-    expect_assertion([&] { (void)mmap_acc_init(c.info, c.name, c.num, c.base, c.len, c.width, c.cb); },
-                     "mmap/mmap_acc.cpp", "mmap_acc_init", c.text);
-  expect_assertion([] { (void)mmap_map_addr(0, len, nullptr); }, "mmap/mmap_acc.cpp", "mmap_map_addr", "pLogAddr");
+  constexpr char widths[] = "(width == 1) || (width == 2) || (width == 4) || (width == 8)";
+  int right = 0;  // so many arguments
+  for (const char *const text : {"info", "hw_name", "num_inst", "base_addr", "len", widths, "cb"}) {
+    const auto given = [right](int number, auto value) { return right > number ? value : decltype(value){}; };
+    const auto call = [&] {
+      (void)mmap_acc_init(given(0, info_), given(1, "n"), given(2, 1U), given(3, &phys[0]), given(4, len), given(5, 8U),
+                          nullptr);
+    };
+    expect_assertion(call, source, "mmap_acc_init", text);
+    ++right;
+  }
+  expect_assertion([] { (void)mmap_map_addr(0x800, len, nullptr); }, source, "mmap_map_addr", "pLogAddr");
 }
 
-TEST_F(mmap_acc, accesses_each_width_at_its_physical_place) {
-  struct {
-    uint32_t width;
-    uint32_t wr_low, wr_high;  // memory after writing 0x89ABCDEF
-    uint32_t rd;               // read of 0xF1E2D3C4
-  } const cases[] = {
-      {1, 0x777777EF, 0x77777777, 0xC4},
-      {2, 0x7777CDEF, 0x77777777, 0xD3C4},
-      {4, 0x89ABCDEF, 0x77777777, 0xF1E2D3C4},
-      {8, 0x89ABCDEF, 0x00000000, 0xF1E2D3C4},
-  };
-  for (const auto &c : cases) {
-    describe(c.width);
-    EXPECT_EQ(cb_.m_init(cb_.m_parm), HW_SUCCESS);
-    for (uint32_t inst = 0; inst < 3; ++inst) {
-      const uint64_t at = phys[inst] + 0xFF0ULL;
-      phys_write(at, 4, 0x77777777);
-      phys_write(at + 4, 4, 0x77777777);
-      EXPECT_EQ(cb_.m_wr(inst, 0xFF0, 0x89ABCDEF, cb_.m_parm), HW_SUCCESS);
-      EXPECT_EQ(phys_read(at, 4), c.wr_low);
-      EXPECT_EQ(phys_read(at + 4, 4), c.wr_high);
-      phys_write(at, 4, 0xF1E2D3C4);
-      uint32_t data = 0xFFFFFFFF;
-      EXPECT_EQ(cb_.m_rd(inst, 0xFF0, &data, cb_.m_parm), HW_SUCCESS);
-      EXPECT_EQ(data, c.rd);
-    }
+TEST_F(mmap_acc, accesses_each_width_by_the_cycles_it_takes) {
+  std::vector<uint32_t> read;
+  for (const uint32_t width : {1U, 2U, 4U, 8U}) {
+    map(width);
+    EXPECT_EQ(cb_.m_wr(1, 0xFF0, 0x89ABCDEF, cb_.m_parm), HW_SUCCESS);
+    EXPECT_EQ(cb_.m_rd(1, 0xFF0, &read.emplace_back(0xFFFFFFFF), cb_.m_parm), HW_SUCCESS);
     EXPECT_EQ(cb_.m_fini(cb_.m_parm), HW_SUCCESS);
   }
+  EXPECT_EQ(read, (std::vector{0xEFU, 0xCDEFU, 0x89ABCDEFU, 0x89ABCDEFU}));
+  // clang-format off
+  EXPECT_EQ(board_.take_log(), (std::vector<std::string>{
+      "nvram1 w 8 0xff0 0xef",        "nvram1 r 8 0xff0 0xef",
+      "nvram1 w 16 0xff0 0xcdef",     "nvram1 r 16 0xff0 0xcdef",
+      "nvram1 w 32 0xff0 0x89abcdef", "nvram1 r 32 0xff0 0x89abcdef",
+      "nvram1 w 32 0xff0 0x89abcdef", "nvram1 w 32 0xff4 0x0",
+      "nvram1 r 32 0xff0 0x89abcdef", "nvram1 r 32 0xff4 0x0"}));
+  // clang-format on
 }
 
-TEST_F(mmap_acc, opens_dev_mem_once_and_tells_every_mapping) {
-  // The descriptor may be open from a test before.
-  if (devmemfd >= 0) (void)close(devmemfd);
-  devmemfd = -1;
-  describe(2);
-  std::vector<hook_line> lines = hooks_of([&] { EXPECT_EQ(cb_.m_init(cb_.m_parm), HW_SUCCESS); });
-  EXPECT_EQ(fake_os.devmem_flags, std::vector<int>{0x1002});
-  std::vector<hook_line> expected;
-  for (uint32_t i = 0; i < 3; ++i) {
-    void *virt = nullptr;
-    EXPECT_EQ(mmap_get_virt_addr(i, &virt, info_.get()), HW_SUCCESS);
-    expected.push_back({DIAG_LVL_INFO, "devmemfd:" + number("0x%llx\n", static_cast<unsigned>(devmemfd))});
-    expected.push_back({DIAG_LVL_INFO, "phys->virt: " + number("0x%llx", phys[i]) + "-->" +
-                                           number("0x%llx\n", reinterpret_cast<uintptr_t>(virt))});
-  }
-  EXPECT_EQ(lines, expected);
-  EXPECT_EQ(cb_.m_fini(cb_.m_parm), HW_SUCCESS);
-  EXPECT_GE(devmemfd, 0);
-  const std::string trace =
-      name_ + "_0: virt_addr=" + number("%llx\n", reinterpret_cast<uintptr_t>(info_->m_inst_info[0].m_virt_addr));
+TEST_F(mmap_acc, maps_pages_and_opens_dev_mem_again_after_a_failure) {
   void *virt = nullptr;
-  lines = hooks_of([&] { (void)mmap_get_virt_addr(0, &virt, info_.get()); }, true);
-  EXPECT_EQ(lines, (std::vector<hook_line>{{DIAG_LVL_DEBUG, trace}}));
-  expect_assertion([&] { (void)mmap_get_virt_addr(3, &virt, info_.get()); }, "mmap/mmap_acc.cpp", "mmap_get_virt_addr",
+  const auto map_at = [&](uint64_t at, uint64_t size) { return mmap_map_addr(at, size, &virt); };
+  EXPECT_EQ(stdout_of([&] { EXPECT_EQ(map_at(0x1F4000800, len), MMAP_ERR_DEV_MEM); }),
+            "mmap_map_addr():physAddr 1f4000800 not aligned at page boundary\n");
+  EXPECT_EQ(virt, nullptr);
+  EXPECT_EQ(map_at(0x10000, len), MMAP_ERR_MMAP) << "no device there";
+  EXPECT_EQ(virt, MAP_FAILED);
+  EXPECT_EQ(devmemfd, -1);
+  EXPECT_EQ(map_at(0x1F4000000, 0x700000000 + len), HW_SUCCESS) << "only the low halves count";
+  map(2);
+  EXPECT_EQ(mmap_get_virt_addr(2, &virt, info_), HW_SUCCESS);
+  EXPECT_EQ(virt, info_->m_inst_info[2].m_virt_addr);
+  expect_assertion([&] { (void)mmap_get_virt_addr(3, &virt, info_); }, source, "mmap_get_virt_addr",
                    "inst < info->m_num_inst");
 }
 
-constexpr char failed_map[] =
-    "## Error : Failed mmap_map_addr( info->m_inst_info[i].m_phys_addr, info->m_len, "
-    "&info->m_inst_info[i].m_virt_addr)\n";
-
-TEST_F(mmap_acc, reports_each_failure_to_map) {
-  describe(2, 1);
-  const uint32_t crooked = 0xF4000800;
-  struct {
-    const char *name;
-    void (*prepare)();
-    uint32_t base;
-    uint32_t rc;
-    hook_line message;
-  } const cases[] = {
-      {"not aligned",
-       [] {},
-       crooked,
-       MMAP_ERR_DEV_MEM,
-       {DIAG_LVL_ERR, "mmap_map_addr():physAddr f4000800 not aligned at page boundary\n"}},
-      {"no /dev/mem",
-       [] { fake_os.devmem_absent = true; },
-       phys[0],
-       MMAP_ERR_DEV_MEM,
-       {DIAG_LVL_INFO, "mmap_map_addr(): failed to open /dev/mem. Errno 2:No such file or directory"}},
-      {"mmap refused",
-       [] { fake_os.devmem_read_only = true; },
-       phys[0],
-       MMAP_ERR_MMAP,
-       {DIAG_LVL_ERR, "mmap_map_addr(): mmap() failed. Errno 13:Permission denied"}},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.name);
-    if (devmemfd >= 0) (void)close(devmemfd);
-    devmemfd = -1;
-    fake_os = {};
-    c.prepare();
-    info_->m_inst_info[0].m_phys_addr = c.base;
-    auto lines = hooks_of([&] { EXPECT_EQ(cb_.m_init(cb_.m_parm), c.rc); });
-    std::erase_if(lines, [](const hook_line &line) { return line.text.rfind("devmemfd", 0) == 0; });
-    const std::string report =
-        failed_map + std::string("           with rc ") + std::to_string(c.rc) + " (" + hw_err_to_str(c.rc) + ")\n";
-    EXPECT_EQ(lines, (std::vector<hook_line>{c.message, {0, report}, {DIAG_LVL_ERR, report}}));
-    EXPECT_EQ(devmemfd, -1);
-    EXPECT_EQ(info_->m_inst_info[0].m_virt_addr, c.rc == MMAP_ERR_MMAP ? MAP_FAILED : nullptr);
-    EXPECT_EQ(fake_os.devmem_flags.size(), c.base == crooked ? 0U : 1U);
-  }
-}
-
 TEST_F(mmap_acc, creates_each_lock_at_its_first_use_and_closes_it_at_the_end) {
-  describe(2);
-  (void)cb_.m_init(cb_.m_parm);
-  EXPECT_EQ(info_->m_inst_info[1].m_rd_lock, 0);
-  EXPECT_EQ(cb_.m_rd_lk_acq(1, cb_.m_parm), HW_SUCCESS);
-  const int read_lock = info_->m_inst_info[1].m_rd_lock;
-  EXPECT_GT(read_lock, 0);
-  EXPECT_EQ(access(lock_path("1-read").c_str(), F_OK), 0);
-  EXPECT_NE(access(lock_path("1-write").c_str(), F_OK), 0);
-  EXPECT_EQ(cb_.m_rd_lk_rel(1, cb_.m_parm), HW_SUCCESS);
-  EXPECT_EQ(cb_.m_rd_lk_acq(1, cb_.m_parm), HW_SUCCESS);
-  EXPECT_EQ(info_->m_inst_info[1].m_rd_lock, read_lock);
-  EXPECT_EQ(cb_.m_wr_lk_acq(1, cb_.m_parm), HW_SUCCESS);
-  EXPECT_EQ(access(lock_path("1-write").c_str(), F_OK), 0);
-  // Another process may read, but neither write nor take the write lock of the readers' file.
-  const auto busy = [this](const char *lock, uint32_t (*take)(int32_t)) {
-    const int exit_code =
-        run_child([&] { _exit(take(lock_create((name_ + lock).c_str())) == LOCK_ERR_BUSY ? 1 : 0); }).exit_code;
-    return exit_code == 1;
-  };
-  EXPECT_FALSE(busy("1-read", lock_get_rd_lock));
-  EXPECT_TRUE(busy("1-read", lock_get_wr_lock));
-  EXPECT_TRUE(busy("1-write", lock_get_rd_lock));
-  EXPECT_EQ(cb_.m_wr_lk_rel(1, cb_.m_parm), HW_SUCCESS);
-  EXPECT_FALSE(busy("1-write", lock_get_wr_lock));
-  EXPECT_EQ(cb_.m_fini(cb_.m_parm), HW_SUCCESS);
-  EXPECT_EQ(info_->m_inst_info[1].m_rd_lock, 0);
-  EXPECT_EQ(fcntl(read_lock, F_GETFD), -1);
-  EXPECT_EQ(access(lock_path("1-read").c_str(), F_OK), 0);
-}
-
-TEST_F(mmap_acc, writes_instance_numbers_in_full) {
-  describe(2, 11);
-  EXPECT_EQ(_mmap_rd_lk_acq(10, info_.get()), HW_SUCCESS);
-  EXPECT_EQ(access(lock_path("10-read").c_str(), F_OK), 0);
-  (void)lock_destroy(info_->m_inst_info[10].m_rd_lock);
-}
-
-TEST_F(mmap_acc, ends_the_process_on_misused_locks) {
-  describe(2);
-  const char *const file = "mmap/mmap_acc.cpp";
-  expect_assertion([&] { (void)_mmap_rd_lk_rel(0, info_.get()); }, file, "_mmap_rd_lk_rel",
-                   "info->m_inst_info[inst].m_rd_lock");
-  expect_assertion([&] { (void)_mmap_wr_lk_rel(2, info_.get()); }, file, "_mmap_wr_lk_rel",
-                   "info->m_inst_info[inst].m_wr_lock");
-  (void)snprintf(cb_.m_name, sizeof cb_.m_name, "no-such-directory/x");
-  for (const auto &[op, name, lock] : {std::tuple{&_mmap_rd_lk_acq, "_mmap_rd_lk_acq", "2-read"},
-                                       std::tuple{&_mmap_wr_lk_acq, "_mmap_wr_lk_acq", "2-write"}}) {
-    const auto call = [&, acquire = op] { (void)acquire(2, info_.get()); };
-    expect_assertion(call, file, name, "(0)");
-    const std::string message = "lock_create(\"no-such-directory/x" + std::string(lock) + "\") failed\n";
-    const std::string out = run_child(call).out;
-    ASSERT_GE(out.size(), message.size());
-    EXPECT_EQ(out.substr(out.size() - message.size()), message);
+  map(2);
+  mmap_inst_info_t *const inst = info_->m_inst_info;
+  for (const bool reads : {true, false}) {
+    const int32_t &handle = reads ? inst[1].m_rd_lock : inst[1].m_wr_lock;
+    const auto acquire = [&] { return (reads ? cb_.m_rd_lk_acq : cb_.m_wr_lk_acq)(1, info_); };
+    const auto release = [&] { return (reads ? cb_.m_rd_lk_rel : cb_.m_wr_lk_rel)(1, info_); };
+    const auto others = [&](auto ask) {
+      const int32_t file = lock_create(reads ? "RTC_NVRAM1-read" : "RTC_NVRAM1-write");
+      return run_child([&] { _exit(ask(file) == 0 ? 0 : 1); }).status == 0;
+    };
+    expect_assertion([&] { (void)release(); }, source, reads ? "_mmap_rd_lk_rel" : "_mmap_wr_lk_rel",
+                     std::string("info->m_inst_info[inst].m_") + (reads ? "rd_lock" : "wr_lock"));
+    EXPECT_EQ(acquire(), HW_SUCCESS);
+    EXPECT_EQ(others(lock_get_rd_lock), reads);
+    EXPECT_FALSE(others(lock_get_wr_lock));
+    EXPECT_EQ(release(), HW_SUCCESS);
+    EXPECT_TRUE(others(lock_get_wr_lock));
+    const int32_t used = handle;
+    EXPECT_EQ(acquire(), HW_SUCCESS);
+    EXPECT_EQ(handle, used);
   }
-}
-
-TEST_F(mmap_acc, stops_unmapping_at_the_first_failure) {
-  describe(2);
-  (void)cb_.m_init(cb_.m_parm);
-  (void)cb_.m_rd_lk_acq(2, cb_.m_parm);
-  void *const good = info_->m_inst_info[1].m_virt_addr;
-  info_->m_inst_info[1].m_virt_addr = reinterpret_cast<void *>(0x1234);
-  const auto lines = hooks_of([&] { EXPECT_EQ(cb_.m_fini(cb_.m_parm), MMAP_ERR_MUNMAP); });
-  const std::string message =
-      "_mmap_fini(): munmap(addr=00001234, size=00001000) failed. Errno 22:" + std::string(strerror(EINVAL));
-  EXPECT_EQ(lines, (std::vector<hook_line>{{DIAG_LVL_ERR, message}}));
-  EXPECT_NE(info_->m_inst_info[2].m_rd_lock, 0);
-  uint32_t data = 0;
-  EXPECT_EQ(cb_.m_rd(2, 0, &data, cb_.m_parm), HW_SUCCESS);
-  info_->m_inst_info[1].m_virt_addr = good;
+  // The third instance cannot be unmapped: those before it are gone with their locks.
+  const int32_t lock = inst[1].m_rd_lock;
+  inst[2].m_virt_addr = reinterpret_cast<void *>(0x1234);
+  EXPECT_EQ(cb_.m_rd_lk_acq(2, info_), HW_SUCCESS);
+  EXPECT_EQ(stdout_of([&] { EXPECT_EQ(cb_.m_fini(info_), MMAP_ERR_MUNMAP); }),
+            "_mmap_fini(): munmap(addr=00001234, size=00001000) failed. Errno 22:Invalid argument");
+  EXPECT_EQ(inst[1].m_rd_lock | inst[1].m_wr_lock, 0);
+  EXPECT_EQ(fcntl(lock, F_GETFD), -1);
+  EXPECT_NE(inst[2].m_rd_lock, 0);
 }
 
 }  // namespace

@@ -1,0 +1,87 @@
+#include "tests/support/host.h"
+
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <csignal>
+#include <cstdio>
+
+namespace {
+
+// Takes what is written to a descriptor.
+class scratch_file {
+ public:
+  scratch_file() : fd_(memfd_create("scratch", MFD_CLOEXEC)) { EXPECT_GE(fd_, 0); }
+  scratch_file(const scratch_file &) = delete;
+  scratch_file &operator=(const scratch_file &) = delete;
+  ~scratch_file() { (void)close(fd_); }
+
+  void take_over(int descriptor) const { (void)dup2(fd_, descriptor); }
+  [[nodiscard]] std::string contents() const {
+    std::string text;
+    std::array<char, 4096> piece{};
+    off_t at = 0;
+    for (ssize_t got; (got = pread(fd_, piece.data(), piece.size(), at)) > 0; at += got)
+      text.append(piece.data(), static_cast<size_t>(got));
+    return text;
+  }
+
+ private:
+  int fd_;
+};
+
+}  // namespace
+
+std::string stdout_of(const std::function<void()> &body) {
+  const scratch_file out;
+  (void)fflush(stdout);
+  const int saved = dup(STDOUT_FILENO);
+  out.take_over(STDOUT_FILENO);
+  body();
+  (void)fflush(stdout);
+  (void)dup2(saved, STDOUT_FILENO);
+  (void)close(saved);
+  return out.contents();
+}
+
+outcome run_child(const std::function<void()> &body) {
+  const scratch_file out;
+  const scratch_file err;
+  (void)fflush(nullptr);
+  const pid_t child = fork();
+  if (child == 0) {
+    out.take_over(STDOUT_FILENO);
+    err.take_over(STDERR_FILENO);
+    body();
+    (void)fflush(nullptr);
+    _exit(0);
+  }
+  int status = 0;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), out.contents(), err.contents(), ""};
+}
+
+void isolated(const std::function<void()> &body) {
+  const auto parts = [] { return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count(); };
+  const outcome child = run_child([&] {
+    const int before = parts();
+    body();
+    (void)fflush(stdout);
+    _exit(parts() != before ? 1 : 0);
+  });
+  EXPECT_EQ(child.status, 0) << child.out << child.err;
+}
+
+outcome expect_assertion(const std::function<void()> &body, const std::string &file, const std::string &op,
+                         const std::string &text) {
+  SCOPED_TRACE(op + " " + text);
+  outcome child = run_child(body);
+  EXPECT_EQ(child.status, 128 + SIGABRT);
+  const size_t line = child.err.find(": ", child.err.find(file + ":"));
+  EXPECT_EQ(child.err.substr(std::min(line, child.err.size())), ": " + op + ": Assertion `" + text + "' failed.\n");
+  return child;
+}
