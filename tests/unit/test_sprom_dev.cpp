@@ -300,8 +300,9 @@ TEST_F(sprom_dev, moves_each_kind_in_its_size_and_none_without_one) {
 }
 
 TEST_F(sprom_dev, probes_no_board_without_a_supervisors_descriptor) {
-  for (const auto &[descriptor, probe] :
-       {std::pair{&pellin_sprom_sup, sprom_platform_probe_pellin}, {&tosk_sprom_sup, sprom_platform_probe_tosk}}) {
+  const std::pair<sprom_t *, int32_t (*)()> probes[]{{&pellin_sprom_sup, sprom_platform_probe_pellin},
+                                                     {&tosk_sprom_sup, sprom_platform_probe_tosk}};
+  for (const auto &[descriptor, probe] : probes) {
     begin({});
     descriptor->type = SPROM_TYPE_LC;
     EXPECT_EQ(probe(), -22);
