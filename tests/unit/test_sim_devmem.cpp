@@ -82,7 +82,7 @@ TEST(sim_devmem, maps_what_lies_in_a_window_and_nothing_else) {
 }
 
 TEST(sim_devmem, refuses_mappings_on_request) {
-  memory_board board{{"mem-mmap-refused nth=2 times=2 errno=12"}};
+  memory_board board({"mem-mmap-refused nth=2 times=2 errno=12"});
   ASSERT_NO_FATAL_FAILURE(board.start());
   for (const int error : {0, ENOMEM, ENOMEM, 0, 0}) {
     errno = 0;
