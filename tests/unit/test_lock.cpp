@@ -6,7 +6,7 @@
 
 #include "platform/mfgd/cmn_lib/diag_util/diag_dbg.h"
 #include "platform/mfgd/cmn_lib/diag_util/lock.h"
-#include "tests/sim_fixture.h"
+#include "tests/support/board.h"
 #include "tests/support/host.h"
 
 using request = std::array<long long, 6>;  // command, type, whence, start, length, process
@@ -51,7 +51,7 @@ TEST(lock, makes_one_request_and_tells_contention_from_failure) {
       {"lock_drop_wr_lock", lock_drop_wr_lock, F_SETLK,  F_UNLCK, "F_SETLK, F_UNLCK",  "dropping wr_lock: "},
       // clang-format on
   };
-  const sim_board board;
+  const test_board board;
   const int32_t lock = lock_create("x");
   for (const auto &c : cases) {
     const std::string error = std::string("ERROR ") + c.name + "(): ";
@@ -79,8 +79,8 @@ TEST(lock, makes_one_request_and_tells_contention_from_failure) {
 }
 
 TEST(lock, keeps_a_private_empty_file_at_a_cut_path) {
-  const sim_board board;
-  const std::string path = board.state() + "/var/lock/x.lock";
+  const test_board board;
+  const std::string path = board.file("var/lock/x.lock");
   EXPECT_EQ(lock_destroy(lock_create("x")), 0U);
   EXPECT_EQ(std::filesystem::status(path).permissions(), std::filesystem::perms{0600});
   std::filesystem::resize_file(path, 5);

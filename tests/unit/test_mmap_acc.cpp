@@ -6,7 +6,7 @@
 #include "platform/mfgd/cmn_lib/diag_util/lock.h"
 #include "platform/mfgd/cmn_lib/hw_acc/hw_err.h"
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_acc.h"
-#include "tests/sim_fixture.h"
+#include "tests/support/board.h"
 #include "tests/support/host.h"
 
 namespace {
@@ -24,7 +24,7 @@ class mmap_acc : public testing::Test {
     EXPECT_EQ(cb_.m_init(cb_.m_parm), HW_SUCCESS);
   }
 
-  sim_board board_;
+  test_board board_{{"--trace"}};
   alignas(mmap_info_t) unsigned char storage_[128];
   mmap_info_t *const info_ = reinterpret_cast<mmap_info_t *>(storage_);
   hw_acc_cb_t cb_;
@@ -64,7 +64,7 @@ TEST_F(mmap_acc, accesses_each_width_by_the_cycles_it_takes) {
   }
   EXPECT_EQ(read, (std::vector{0xEFU, 0xCDEFU, 0x89ABCDEFU, 0x89ABCDEFU}));
   // clang-format off
-  EXPECT_EQ(board_.take_log(), (std::vector<std::string>{
+  EXPECT_EQ(board_.log(), (std::vector<std::string>{
       "nvram1 w 8 0xff0 0xef",        "nvram1 r 8 0xff0 0xef",
       "nvram1 w 16 0xff0 0xcdef",     "nvram1 r 16 0xff0 0xcdef",
       "nvram1 w 32 0xff0 0x89abcdef", "nvram1 r 32 0xff0 0x89abcdef",

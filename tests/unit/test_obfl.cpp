@@ -191,7 +191,7 @@ TEST(obfl_driver, asserts_its_arguments) {
                          const std::function<void()> &call) {
     with_driver({0, 0}, [&] {
       const outcome child = run_child(call);
-      EXPECT_EQ(child.signal, SIGABRT);
+      EXPECT_EQ(child.status, 128 + SIGABRT);
       const std::string log = events(), text = "         :\"" + condition + "\" is false\n";
       EXPECT_EQ(std::count(log.begin(), log.end(), ';'), before) << op << condition;
       EXPECT_THAT(child.out, testing::StartsWith("## Assert:" + op + "():"));

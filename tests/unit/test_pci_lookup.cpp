@@ -2,12 +2,12 @@
 #include <fstream>
 
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_pci_velto_or.h"
-#include "tests/sim_fixture.h"
+#include "tests/support/board.h"
 #include "tests/support/host.h"
 
 namespace {
 
-constexpr char list_path[] = "/proc/bus/pci/devices";
+constexpr char list_path[] = "proc/bus/pci/devices";
 constexpr uint32_t old = 0x1111;
 constexpr uint32_t wide = sizeof(long) == 8 ? 0xF4000000 : 0xFFFFFFFC;  // of 38f4000000: all ones are I/O space
 
@@ -39,10 +39,10 @@ TEST(pci_lookup, takes_base_and_length_of_the_bar) {
       {"no PCI type",       macs,                 32, 0, 0x10, 3904, old,        old,       ""},
       // clang-format on
   };
-  const sim_board board;
+  const test_board board;
   for (const auto &c : cases) {
     SCOPED_TRACE(c.name);
-    std::ofstream(board.state() + list_path) << c.list;
+    std::ofstream(board.file(list_path)) << c.list;
     uint32_t base = old;
     uint32_t len = old;
     EXPECT_EQ(stdout_of([&] { EXPECT_EQ(mmap_get_map_pci(c.hwtype, c.inst, c.bar, &base, &len), c.rc); }), c.message);
@@ -68,9 +68,9 @@ TEST(pci_lookup, searches_from_a_position_on) {
       {apart, {7, 0,   0,  0}, 0,    {0, 0,    0, 0}},
       // clang-format on
   };
-  const sim_board board;
+  const test_board board;
   for (auto [text, at, rc, to] : cases) {
-    std::ofstream(board.state() + list_path) << text;
+    std::ofstream(board.file(list_path)) << text;
     EXPECT_EQ(pci_find_by_vendor_device(0x8086, 0x105E, &at[0], &at[1], &at[2], &at[3]), rc);
     EXPECT_EQ(at, to);
   }
