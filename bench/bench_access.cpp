@@ -16,7 +16,7 @@ void add(const std::string &name, void (*run)(uint64_t n)) {
                                    run(batch);
                                })
       ->Repetitions(101)
-      ->MinTime(0.002)
+      ->MinTime(0.0005)
       ->UseRealTime();
 }
 
