@@ -21,6 +21,7 @@ struct queue_t {
   queue_elem_t *tail;  // null when empty
   int32_t count;
 };
+static_assert(sizeof(void *) != 4 || sizeof(queue_t) == 12);
 
 // Selects an element: gets the search's argument and the element.
 using queue_test_t = int32_t (*)(uint32_t arg, void *elem);
@@ -75,6 +76,7 @@ struct dlq_t {
   dlq_elem_t *tail;  // null when empty
   int32_t count;
 };
+static_assert(sizeof(void *) != 4 || sizeof(dlq_t) == 12);
 
 // Insert at the head; at the tail; after `prev`, or at the head where it is null. A null element does nothing. An
 // empty list with a `prev`, or with a tail left over, fails an assertion.

@@ -9,6 +9,7 @@ struct ptu_parms_t {
   double cpu_mhz;         // cycles per microsecond, exact whatever the rate
   double usec_per_cycle;  // 1 / cpu_mhz
 };
+static_assert(sizeof(void *) != 4 || sizeof(ptu_parms_t) == 20);
 
 extern ptu_parms_t ptu_parms;  // all zero until _init_ptu, which alone writes it
 
