@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 
 #include "platform/mfgd/cmn_lib/diag_util/queue.h"
@@ -19,6 +20,7 @@ char name_of(const void *elem) {
   return elem != nullptr ? static_cast<const letter_t *>(elem)->name : '-';
 }
 
+constexpr int QUEUE = 0, DLQ = 8, TINYQ = 16;
 enum op_t { ENQ_HEAD, ENQ_TAIL, ENQ_ELEM, DEQ_HEAD, DEQ_TAIL, DEQ_ELEM, TRAVERSE, SEARCH };
 
 // Both searches get this: other than 0 for every element but the one named by arg.
@@ -49,114 +51,102 @@ const change_t changes[] = {
 };
 // clang-format on
 
-// Head first, tail second.
-template <typename list_t>
-struct ops_t {
-  char kind;
-  void (*enqueue[2])(list_t *, void *);
-  void (*enqueue_elem)(list_t *, void *, void *);
-  void *(*dequeue[2])(list_t *);
-  void (*dequeue_elem)(list_t *, void *, void *);
-  void *(*peek[2])(const list_t *);
-};
-
-// A list and elements A to Z, whose links hold a stray pointer until they are enqueued.
-template <typename list_t>
+// A list of each kind and elements A to Z, whose links hold a stray pointer until they are enqueued.
 struct drawing {
-  const ops_t<list_t> &ops;
-  list_t list{};
+  queue_t q{};
+  dlq_t d{};
+  tinyq_t t{};
   letter_t elems[27]{};
 
-  drawing(const ops_t<list_t> &of, const std::string &names) : ops(of) {
-    for (size_t i = 0; i < 26; i++)
+  drawing() {
+    for (int i = 0; i < 26; i++)
       elems[i] = {{&elems[26], &elems[26]}, static_cast<char>('A' + i)};
-    for (size_t i = names.size(); i-- > 0;)
-      ops.enqueue[0](&list, at(names[i]));
   }
 
   letter_t *at(char name) { return name != '-' ? &elems[name - 'A'] : nullptr; }
 
-  void *run(op_t op, letter_t *prev, letter_t *elem) {
-    if constexpr (std::is_same_v<list_t, queue_t>) {
-      if (op == TRAVERSE) return queue_traverse(&list, static_cast<uint32_t>(elem->name), differs);
-      if (op == SEARCH) return search_and_dequeue_elem(&list, static_cast<uint32_t>(elem->name), differs);
+  // clang-format off
+  void *run(int kind, op_t op, letter_t *prev, letter_t *elem) {
+    switch (kind + op) {
+      case QUEUE + ENQ_HEAD: enqueue_head(&q, elem);               return nullptr;
+      case QUEUE + ENQ_TAIL: enqueue_tail(&q, elem);               return nullptr;
+      case QUEUE + ENQ_ELEM: enqueue_elem(&q, prev, elem);         return nullptr;
+      case QUEUE + DEQ_HEAD:                                       return dequeue_head(&q);
+      case QUEUE + DEQ_TAIL:                                       return dequeue_tail(&q);
+      case QUEUE + DEQ_ELEM: dequeue_elem(&q, prev, elem);         return nullptr;
+      case QUEUE + TRAVERSE: return queue_traverse(&q, static_cast<uint32_t>(elem->name), differs);
+      case QUEUE + SEARCH:   return search_and_dequeue_elem(&q, static_cast<uint32_t>(elem->name), differs);
+      case DLQ + ENQ_HEAD:   dlq_enqueue_head(&d, elem);           return nullptr;
+      case DLQ + ENQ_TAIL:   dlq_enqueue_tail(&d, elem);           return nullptr;
+      case DLQ + ENQ_ELEM:   dlq_enqueue_elem(&d, prev, elem);     return nullptr;
+      case DLQ + DEQ_HEAD:                                         return dlq_dequeue_head(&d);
+      case DLQ + DEQ_TAIL:                                         return dlq_dequeue_tail(&d);
+      case DLQ + DEQ_ELEM:   dlq_dequeue_elem(&d, elem);           return nullptr;
+      case TINYQ + ENQ_HEAD: tinyq_enqueue(&t, elem);              return nullptr;
+      case TINYQ + DEQ_HEAD:                                       return tinyq_dequeue(&t);
+      default:               tinyq_dequeue_elem(&t, prev, elem);   return nullptr;
     }
-    if (op == DEQ_HEAD || op == DEQ_TAIL) return ops.dequeue[op - DEQ_HEAD](&list);
-    if (op == ENQ_HEAD || op == ENQ_TAIL) ops.enqueue[op - ENQ_HEAD](&list, elem);
-    if (op == ENQ_ELEM) ops.enqueue_elem(&list, prev, elem);
-    if (op == DEQ_ELEM) ops.dequeue_elem(&list, prev, elem);
-    return nullptr;
   }
+  // clang-format on
 
   // Follows the links from the head, and checks what leads back.
-  std::string draw() {
+  std::string draw(int kind) {
     std::string names;
+    const void *const head = kind == QUEUE ? peek_head(&q) : kind == DLQ ? dlq_peek_head(&d) : tinyq_peek_head(&t);
     const letter_t *last = nullptr;
-    auto *elem = static_cast<letter_t *>(ops.peek[0](&list));
-    for (; elem != nullptr && names.size() < 30; last = elem, elem = elem->link[ops.kind == 'd' ? 1 : 0]) {
-      EXPECT_TRUE(ops.kind != 'd' || elem->link[0] == last) << names;
+    const auto *elem = static_cast<const letter_t *>(head);
+    for (; elem != nullptr && names.size() < 30; last = elem, elem = elem->link[kind == DLQ ? 1 : 0]) {
+      EXPECT_TRUE(kind != DLQ || elem->link[0] == last) << names;
       names += elem->name;
     }
-    if constexpr (requires { list.count; }) {
-      EXPECT_EQ(ops.peek[1](&list), last);
-      EXPECT_EQ(list.count, static_cast<int32_t>(names.size()));
-    }
+    EXPECT_EQ(kind == QUEUE ? peek_tail(&q) : kind == DLQ ? dlq_peek_tail(&d) : last, last);
+    EXPECT_EQ(kind == QUEUE ? q.count : d.count, kind == TINYQ ? 0 : static_cast<int32_t>(names.size()));
     return names;
   }
 };
 
-template <typename list_t>
-void check_changes(const ops_t<list_t> &ops) {
-  for (const auto &c : changes) {
-    if (std::string(c.kinds).find(ops.kind) == std::string::npos) continue;
-    SCOPED_TRACE(testing::Message() << ops.kind << " " << c.op << " " << c.before << " " << c.with);
-    drawing d(ops, c.before);
-    letter_t *const removed = d.at(c.with[c.op == DEQ_ELEM ? 1 : 3]);
-    const letter_t former = removed != nullptr ? *removed : letter_t{};
-    EXPECT_EQ(name_of(d.run(c.op, d.at(c.with[0]), d.at(c.with[1]))), c.with[3]);
-    EXPECT_EQ(d.draw(), c.after);
-    EXPECT_TRUE(removed == nullptr || std::ranges::equal(former.link, removed->link)) << "lost its links";
-  }
-  for (const auto peek : ops.peek)
-    EXPECT_TRUE(peek == nullptr || peek(nullptr) == nullptr);
-}
-
-// clang-format off
-const ops_t<queue_t> queue_ops = {'q', {enqueue_head, enqueue_tail}, enqueue_elem,
-    {dequeue_head, dequeue_tail}, dequeue_elem, {peek_head, peek_tail}};
-const ops_t<dlq_t> dlq_ops = {'d', {dlq_enqueue_head, dlq_enqueue_tail}, dlq_enqueue_elem,
-    {dlq_dequeue_head, dlq_dequeue_tail}, [](dlq_t *list, void *, void *elem) { dlq_dequeue_elem(list, elem); },
-    {dlq_peek_head, dlq_peek_tail}};
-const ops_t<tinyq_t> tinyq_ops = {'t', {tinyq_enqueue, nullptr}, nullptr,
-    {tinyq_dequeue, nullptr}, tinyq_dequeue_elem, {tinyq_peek_head, nullptr}};
-// clang-format on
-
 TEST(lists, each_operation_turns_the_list_before_into_the_list_after) {
-  check_changes(queue_ops);
-  check_changes(dlq_ops);
-  check_changes(tinyq_ops);
+  for (const auto &c : changes) {
+    for (const char letter : std::string(c.kinds)) {
+      SCOPED_TRACE(testing::Message() << letter << " " << c.op << " " << c.before << " " << c.with);
+      const int kind = letter == 'q' ? QUEUE : letter == 'd' ? DLQ : TINYQ;
+      drawing d;
+      for (size_t i = strlen(c.before); i-- > 0;)
+        (void)d.run(kind, ENQ_HEAD, nullptr, d.at(c.before[i]));
+      letter_t *const removed = d.at(c.with[c.op == DEQ_ELEM ? 1 : 3]);
+      const letter_t former = removed != nullptr ? *removed : letter_t{};
+      EXPECT_EQ(name_of(d.run(kind, c.op, d.at(c.with[0]), d.at(c.with[1]))), c.with[3]);
+      EXPECT_EQ(d.draw(kind), c.after);
+      EXPECT_TRUE(removed == nullptr || std::ranges::equal(former.link, removed->link)) << "lost its links";
+    }
+  }
+  for (const void *end : {peek_head(nullptr), peek_tail(nullptr), dlq_peek_head(nullptr), dlq_peek_tail(nullptr),
+                          tinyq_peek_head(nullptr)})
+    EXPECT_EQ(end, nullptr);
 }
 
 TEST(queue, search_ends_at_the_tail_whatever_its_link_holds) {
-  drawing d(queue_ops, "AB");
-  d.at('B')->link[0] = d.at('X');
-  EXPECT_EQ(search_and_dequeue_elem(&d.list, 'X', differs), nullptr);
+  drawing d;
+  enqueue_tail(&d.q, d.at('A'));
+  d.at('A')->link[0] = d.at('X');
+  EXPECT_EQ(search_and_dequeue_elem(&d.q, 'X', differs), nullptr);
 }
 
 TEST(lists, a_count_out_of_step_or_an_empty_list_that_is_not_ends_the_process) {
-  drawing q(queue_ops, "AB");
-  drawing d(dlq_ops, "AB");
+  drawing d;
+  enqueue_tail(&d.q, d.at('A'));
+  dlq_enqueue_tail(&d.d, d.at('B'));
   dlq_t empty{};
-  dlq_t headless = {nullptr, d.list.tail, 0};
-  q.list.count = d.list.count = 0;
+  dlq_t headless = {nullptr, d.d.tail, 0};
+  d.q.count = d.d.count = 0;
   const char count[] = "list->count >= 0";
   // clang-format off
   const struct { const char *op, *text; std::function<void()> body; } cases[] = {
-      {"dequeue_head",     count,                       [&] { (void)dequeue_head(&q.list); }},
-      {"dequeue_tail",     count,                       [&] { (void)dequeue_tail(&q.list); }},
-      {"dequeue_elem",     count,                       [&] { dequeue_elem(&q.list, q.at('A'), q.at('B')); }},
-      {"dlq_dequeue_elem", count,                       [&] { (void)dlq_dequeue_tail(&d.list); }},
-      {"dlq_enqueue_elem", "prev == ((void *)0)",       [&] { dlq_enqueue_elem(&empty, d.at('A'), d.at('X')); }},
+      {"dequeue_head",     count,                       [&] { (void)dequeue_head(&d.q); }},
+      {"dequeue_tail",     count,                       [&] { (void)dequeue_tail(&d.q); }},
+      {"dequeue_elem",     count,                       [&] { dequeue_elem(&d.q, nullptr, d.at('A')); }},
+      {"dlq_dequeue_elem", count,                       [&] { (void)dlq_dequeue_tail(&d.d); }},
+      {"dlq_enqueue_elem", "prev == ((void *)0)",       [&] { dlq_enqueue_elem(&empty, d.at('B'), d.at('X')); }},
       {"dlq_enqueue_elem", "prev == ((void *)0)",       [&] { dlq_enqueue_tail(&headless, d.at('X')); }},
       {"dlq_enqueue_elem", "list->tail == ((void *)0)", [&] { dlq_enqueue_head(&headless, d.at('X')); }},
   };
