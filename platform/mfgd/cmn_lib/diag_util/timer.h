@@ -5,7 +5,8 @@
 //   polled mode  timer_some_time_elapsed, called at will, reads the time-stamp counter and catches up on every tick
 //                since the last poll; "now" is the number of ticks on the clock since timer_module_init
 // Callbacks run inside those two calls. They may start, stop, restart and free timers, also others of the same tick
-// and, unless it is of kind TIMER_ONE_SHOT_FREE, the timer that they belong to. Nothing is locked: one thread.
+// and, unless it is of kind TIMER_ONE_SHOT_FREE, the timer that they belong to; ticks must not be reported from there.
+// Nothing is locked: one thread.
 //
 // A null timer gives 0 everywhere. A timer that was freed, by timer_free or by itself, must not be passed again; the
 // assertion "timer->state != TIMER_DELETED" catches it where the memory still shows it.
@@ -87,7 +88,8 @@ extern uint64_t start_cycles;        // cycle count at initialisation in polled 
 // Returns 1, or 0 when the wheel cannot be allocated (timer_tbl is null then).
 // Meant to be called once. A second call starts with an empty wheel: the former one and its entries are the caller's
 // (timer_get_timer_tbl), and current_time, wrap_flag and last_elapsed_ticks stay as they are. So does, with period 0,
-// system_time_period, which alone decides what "now" is: expiries still follow the clock then.
+// system_time_period, which alone decides what "now" is: expiries still follow the clock then. In polled mode the clock
+// starts again at 0 while the next poll counts on from last_elapsed_ticks, modulo 2^32.
 [[nodiscard]] uint32_t timer_module_init(uint32_t size, uint32_t period);
 
 // Makes a timer, inactive.
