@@ -36,6 +36,12 @@ struct handle {
 
 struct board {
   explicit board(const options &from) : opts(from), sprom(opts) {}
+  board(const board &) = delete;
+  board &operator=(const board &) = delete;
+  ~board() {
+    devmem_stop();
+    (void)trace_open("");
+  }
 
   // Returns false and says why in *error.
   bool power_up(std::string *error) {
@@ -112,9 +118,6 @@ bool board_start(const options &opts) {
 }
 
 void board_stop() {
-  if (running == nullptr) return;
-  devmem_stop();
-  (void)trace_open("");
   delete running;
   running = nullptr;
 }

@@ -1,6 +1,7 @@
 // fault.cpp: the table of faults and the parser of what the command line asks for.
 #include "sim/fault.h"
 
+#include <algorithm>
 #include <array>
 #include <vector>
 

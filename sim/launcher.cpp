@@ -108,16 +108,16 @@ std::string find_program(const std::string &name) {
 }
 
 // The loader leaves a library of the other word size out, and the program would meet the real machine. A script is
-// judged by its interpreter.
-bool has_own_word_size(const std::string &path) {
+// judged by its interpreter, which may be a script; the kernel refuses more than a few in a row.
+bool has_own_word_size(const std::string &path, int scripts = 0) {
   char head[256] = "";
   const sim::file in{sim::sys::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
   const auto length = read(in.fd(), head, sizeof(head) - 1);
   constexpr char own_class = sizeof(void *) == 8 ? 2 : 1;
   if (length > 4 && std::memcmp(head, "\177ELF", 4) == 0) return head[4] == own_class;
-  if (length < 3 || std::memcmp(head, "#!", 2) != 0) return true;
+  if (length < 3 || std::memcmp(head, "#!", 2) != 0 || scripts > 4) return true;
   const char *const interpreter = head + 2 + std::strspn(head + 2, " \t");
-  return has_own_word_size(std::string(interpreter, std::strcspn(interpreter, " \t\n")));
+  return has_own_word_size(std::string(interpreter, std::strcspn(interpreter, " \t\n")), scripts + 1);
 }
 
 // The running program. Signals that end a run are handed on to it.

@@ -36,6 +36,9 @@ constexpr std::array path_rows{std::to_array<path_row>({
 
 constexpr std::string_view i2c_prefix = "/dev/i2c-";
 
+// Characters of a command beside which a path may begin or end.
+constexpr std::string_view delimiters = " \t\n'\"<>|&;()`=:,";
+
 bool has_fault(const options &opts, const char *name) {
   return name != nullptr && opts.find(name) != nullptr;
 }
@@ -100,11 +103,6 @@ std::string quoted_for(std::string_view text, char quote) {
   return out;
 }
 
-// Whether a path may begin or end beside this character of a command.
-bool is_delimiter(char c) {
-  return std::strchr(" \t\n'\"<>|&;()`=:,", c) != nullptr;
-}
-
 }  // namespace
 
 std::optional<redirection> redirect(const options &opts, std::string_view path, bool writing) {
@@ -125,9 +123,10 @@ std::string redirect_command(const options &opts, std::string_view command) {
   char before = ' ';
   while (!command.empty()) {
     const char c = command[0];
-    const auto end = std::min(command.find_first_of(" \t\n'\"<>|&;()`=:,"), command.size());
+    const auto end = std::min(command.find_first_of(delimiters), command.size());
     const auto word = command.substr(0, end);
-    if (const auto to = is_delimiter(before) && c == '/' ? redirect(opts, word, false) : std::nullopt) {
+    const bool begins = c == '/' && delimiters.find(before) != std::string_view::npos;
+    if (const auto to = begins ? redirect(opts, word, false) : std::nullopt) {
       out += quoted_for(to->path, quote);
       before = 'x';
       command.remove_prefix(word.size());

@@ -97,7 +97,8 @@ TEST_F(launcher, reports_programs_that_cannot_run) {
   const char head[] = {0x7F, 'E', 'L', 'F', sizeof(void *) == 8 ? 1 : 2, 1, 1};
   std::ofstream(path("other"), std::ios::binary).write(head, sizeof head);
   std::ofstream(path("script")) << "#! " << path("other") << " -x\n";
-  for (const auto *const name : {"other", "script"})
+  std::ofstream(path("loop")) << "#!" << path("loop") << "\n";
+  for (const auto *const name : {"other", "script", "loop"})
     fs::permissions(path(name), fs::perms::owner_all);
   const struct {
     std::string program;
@@ -107,6 +108,7 @@ TEST_F(launcher, reports_programs_that_cannot_run) {
       {"/no/such", 127, ": No such file or directory\n"},
       {"no-such-command", 127, ": not found in PATH\n"},
       {"/etc/passwd", 126, ": Permission denied\n"},
+      {path("loop"), 126, ": Too many levels of symbolic links\n"},
       {path("other"), 126, ": this board runs (64|32)-bit programs only\n"},
       {path("script"), 126, ": this board runs (64|32)-bit programs only\n"},
   };
