@@ -227,8 +227,10 @@ TEST(sim_decode, agrees_with_the_processor) {
       if (op.narrow && !prefix.empty() && (prefix.back() & 0xF8) == 0x48) continue;
       for (unsigned n = 0; n < (op.last - op.first + 1) * 8; n++) {
         const unsigned field = n % 8;
-        // Neither the registers that the judge needs nor the one that holds the address.
-        const bool unfit = op.fields == 0xFF && (field == reg_bx || field == reg_sp || field == (state_register & 7));
+        // Neither the registers that the judge needs nor the one that holds the address, BH included.
+        constexpr unsigned reg_bh = 7;
+        const bool unfit = op.fields == 0xFF &&
+                           (field == reg_bx || field == reg_bh || field == reg_sp || field == (state_register & 7));
         if (unfit || (op.fields >> field & 1) == 0) continue;
         const auto code = assemble(prefix, op, op.first + n / 8, field);
         const judge judged(code);
