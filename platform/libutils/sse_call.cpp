@@ -169,8 +169,8 @@ bool not_acknowledged(int result) {
   return result == -ENXIO || result == -EREMOTEIO;
 }
 
-// Acknowledge polling, for the write cycle's time and for a number of polls at least: a process that has to wait for the
-// processor would otherwise give a device up after a single question.
+// Acknowledge polling, for the write cycle's time and for a number of polls at least: a process that has to wait for
+// the processor would otherwise give a device up after a single question.
 int transfer_when_ready(const bus_t &bus, uint16_t addr, uint32_t op, const sse_req_t &req) {
   const int64_t deadline = now_ns() + write_cycle_ns;
   for (int polls = 1;; ++polls) {
