@@ -86,6 +86,8 @@ TEST(lock, keeps_a_private_empty_file_at_a_cut_path) {
   std::filesystem::resize_file(path, 5);
   EXPECT_EQ(lock_destroy(lock_create("x")), 0U);
   EXPECT_EQ(std::filesystem::file_size(path), 0U);
+  const auto with_handle_0 = [] { _exit(close(0) == 0 && lock_create("x") == 0 && lock_get_wr_lock(0) == 0 ? 0 : 1); };
+  EXPECT_EQ(run_child(with_handle_0).status, 0);
   const std::string cut = "/var/lock/none/" + std::string(271, 'n');  // 286 characters
   const auto lines = hooks_of([] { EXPECT_EQ(lock_create(("none/" + std::string(300, 'n')).c_str()), -1); }, true);
   EXPECT_EQ(lines.front().text, "creating lock: " + cut + "\n");

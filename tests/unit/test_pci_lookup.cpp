@@ -60,6 +60,7 @@ TEST(pci_lookup, searches_from_a_position_on) {
       // clang-format off
       {list,  {7, 1,   2,  3}, 0,    {0, 1,    2, 3}},
       {list,  {7, 1,   2,  4}, 0,    {0, 3,    0, 1}},
+      {list,  {7, 1,   1,  7}, 0,    {0, 1,    2, 3}},
       {list,  {7, 1,   1,  8}, 0,    {0, 1,    2, 3}},
       {list,  {7, 0,   31, 8}, 0,    {0, 1,    2, 3}},
       {list,  {7, 3,   0,  2}, 3901, {0, 3,    0, 0}},  // the next bus resets device and function
