@@ -134,7 +134,7 @@ void backing_file::close() {
 
 bool backing_file::open(const std::string &path, size_t size, const piece_source &next, std::string *error) {
   close();
-  m_path = path;
+  m_path = std::make_unique<const std::string>(path);
   if (file_exists(path) || make_contents(path, size, next)) {
     const file backing{sys::open(path.c_str(), O_RDWR | O_CLOEXEC)};
     const auto found = lseek(backing.fd(), 0, SEEK_END);
@@ -150,7 +150,7 @@ bool backing_file::open(const std::string &path, size_t size, const piece_source
 }
 
 void *backing_file::map(void *addr, size_t length, int prot, int flags, uint64_t offset) const {
-  const file backing{sys::open(m_path.c_str(), O_RDWR | O_CLOEXEC)};
+  const file backing{sys::open(m_path->c_str(), O_RDWR | O_CLOEXEC)};
   if (!backing.is_open()) return MAP_FAILED;
   return sys::mmap(addr, length, prot, flags, backing.fd(), offset);
 }

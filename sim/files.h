@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -53,7 +54,8 @@ class backing_file {
   void *map(void *addr, size_t length, int prot, int flags, uint64_t offset) const;
 
  private:
-  std::string m_path;
+  // Behind a pointer: an empty string is no constant initialiser for every compiler.
+  std::unique_ptr<const std::string> m_path;
   std::span<uint8_t> m_bytes;
 };
 
