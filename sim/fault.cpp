@@ -114,7 +114,6 @@ parm_spec parm_of(std::string_view text) {
   const auto dots = spec.values.find("..");
   if (dots == std::string_view::npos) {
     spec.words = split(spec.values, "|");
-    spec.high = spec.words.size() - 1;
     return spec;
   }
   const auto colon = spec.values.find(':');
