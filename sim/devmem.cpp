@@ -228,7 +228,6 @@ bool devmem_start(const options &opts, std::string *error) {
 }
 
 void devmem_stop() {
-  if (store[flash_window].is_open()) flash.stop();
   for (const auto &m : mappings)
     (void)sys::munmap(reinterpret_cast<void *>(m.address), m.length);
   mappings.clear();

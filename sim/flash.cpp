@@ -130,11 +130,6 @@ void flash_model::start(std::span<uint8_t> contents, const options &opts) {
   plain = !silent && data_lines.healthy() && address_lines.healthy() && cells.healthy();
 }
 
-void flash_model::stop() {
-  if (mode == phase::erase_window) erase();
-  mode = phase::array;
-}
-
 // The first fault of that name which names the sector, or none.
 const fault *flash_model::find(std::string_view name, uint32_t sector) const {
   for (const auto &f : faults)

@@ -43,9 +43,6 @@ class flash_model {
   // Powers the chip up on its contents (flash_bytes of them), which stay the caller's.
   void start(std::span<uint8_t> contents, const options &opts);
 
-  // Lets an operation that is running come to its end, as the chip does without its processor.
-  void stop();
-
   // One 16-bit bus cycle at an even byte offset.
   [[nodiscard]] uint16_t read(uint32_t offset);
   void write(uint32_t offset, uint16_t data);

