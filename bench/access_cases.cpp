@@ -16,9 +16,9 @@
 #include "platform/mfgd/cmn_lib/diag_util/spin.h"
 #include "platform/mfgd/cmn_lib/hw_acc/nvram/nvram_acc_velto.h"
 #include "platform/mfgd/cmn_lib/hw_acc/obfl/obfl_acc.h"
-#include "sim/board.h"
-#include "sim/files.h"
-#include "sim/layout.h"
+#include "sim/board/board.h"
+#include "sim/bus/layout.h"
+#include "sim/host/files.h"
 
 namespace {
 

@@ -7,7 +7,7 @@
 
 #include "post/hw_change_bits.h"
 #include "post/post_result.h"
-#include "post/post_test.h"
+#include "post/post_tbl.h"
 
 namespace {
 

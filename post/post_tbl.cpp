@@ -1,11 +1,11 @@
 #include <stddef.h>
 
-#include "post/gige_test.h"
-#include "post/nvram_test.h"
-#include "post/obfl_test.h"
-#include "post/pcie_test.h"
-#include "post/post_test.h"
-#include "post/seeprom_test.h"
+#include "post/gige.h"
+#include "post/nvram.h"
+#include "post/obfl.h"
+#include "post/pcie.h"
+#include "post/post_tbl.h"
+#include "post/seeprom.h"
 
 // clang-format off
 const PostTestEntry dorvan_post[5] = {

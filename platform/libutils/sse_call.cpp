@@ -11,7 +11,7 @@
 #include <array>
 #include <string_view>
 
-#include "platform/mfgd/uspace/utils/sprom/sse.h"
+#include "platform/libutils/sse.h"
 
 namespace {
 

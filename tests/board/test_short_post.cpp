@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "sim/layout.h"
+#include "sim/bus/layout.h"
 #include "tests/support/run.h"
 
 namespace {

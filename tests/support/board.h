@@ -14,8 +14,8 @@
 #include <utility>
 #include <vector>
 
-#include "sim/board.h"
-#include "sim/layout.h"
+#include "sim/board/board.h"
+#include "sim/bus/layout.h"
 #include "tests/support/host.h"
 
 // The options of a board on a state directory. Each of `more` is one of board-sim's if it begins with "--", else a

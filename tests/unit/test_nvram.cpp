@@ -2,8 +2,8 @@
 #include <algorithm>
 
 #include "platform/mfgd/cmn_lib/hw_acc/nvram/nvram_acc_velto.h"
-#include "post/nvram_test.h"
-#include "post/post_test.h"
+#include "post/nvram.h"
+#include "post/post_tbl.h"
 #include "tests/unit/driver_board.h"
 
 namespace {

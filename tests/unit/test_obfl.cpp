@@ -3,8 +3,8 @@
 #include <csignal>
 
 #include "platform/mfgd/cmn_lib/hw_acc/obfl/obfl_acc.h"
-#include "post/obfl_test.h"
-#include "post/post_test.h"
+#include "post/obfl.h"
+#include "post/post_tbl.h"
 #include "tests/unit/driver_board.h"
 
 namespace {

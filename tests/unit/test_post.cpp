@@ -7,15 +7,15 @@
 #include <vector>
 
 #include "platform/mfgd/cmn_lib/diag_util/diag_dbg.h"
-#include "platform/mfgd/uspace/utils/sprom/sprom_dorvan.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_layout.h"
-#include "post/gige_test.h"
+#include "post/dorvan/sprom_dorvan.h"
+#include "post/gige.h"
 #include "post/hw_change_bits.h"
-#include "post/pcie_test.h"
+#include "post/pcie.h"
 #include "post/pfm_card.h"
 #include "post/post_result.h"
-#include "post/post_test.h"
-#include "post/seeprom_test.h"
+#include "post/post_tbl.h"
+#include "post/seeprom.h"
 #include "tests/support/board.h"
 
 // The allocations of one size can be refused.

@@ -10,7 +10,7 @@
 #include <sstream>
 #include <vector>
 
-#include "sim/decode.h"
+#include "sim/bus/decode.h"
 #include "tests/support/board.h"
 #include "tests/unit/sim_access_forms.h"
 

@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "sim/cpuinfo.h"
-#include "sim/paths.h"
-#include "sim/pci_list.h"
+#include "sim/devices/pci_list.h"
+#include "sim/host/cpuinfo.h"
+#include "sim/host/paths.h"
 #include "tests/support/board.h"
 
 extern "C" {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "sim/flash.h"
+#include "sim/devices/flash.h"
 #include "tests/support/board.h"
 
 namespace {

@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "sim/flash.h"
-#include "sim/port.h"
+#include "sim/devices/flash.h"
+#include "sim/devices/port.h"
 #include "tests/support/board.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "sim/options.h"
+#include "sim/board/options.h"
 
 namespace {
 

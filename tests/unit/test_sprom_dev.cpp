@@ -6,6 +6,7 @@
 #include <cstring>
 #include <numeric>
 
+#include "platform/libutils/sse.h"
 #include "platform/mfgd/uspace/utils/sprom/at24c512.h"
 #include "platform/mfgd/uspace/utils/sprom/pca8575.h"
 #include "platform/mfgd/uspace/utils/sprom/pca9539.h"
@@ -13,7 +14,6 @@
 #include "platform/mfgd/uspace/utils/sprom/sprom_dev.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_pellin.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_tosk.h"
-#include "platform/mfgd/uspace/utils/sprom/sse.h"
 #include "tests/unit/sprom_image.h"
 
 namespace {

@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/mfgd/uspace/utils/sprom/sse.h"
+#include "platform/libutils/sse.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include <span>
 #include <string_view>
 
+#include "platform/libutils/sse.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom.h"
-#include "platform/mfgd/uspace/utils/sprom/sse.h"
 
 extern "C" [[gnu::weak]] void sse_route(const char *path, uint32_t addr);
 

@@ -11,10 +11,10 @@
 #include <charconv>
 
 #include "platform/mfgd/uspace/utils/sprom/sprom_api.h"
-#include "platform/mfgd/uspace/utils/sprom/sprom_dorvan.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_pellin.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_tosk.h"
 #include "platform/mfgd/uspace/utils/sprom/tool/output.h"
+#include "post/dorvan/sprom_dorvan.h"
 
 namespace tool {
 

@@ -1,0 +1,14 @@
+// gige.h: the Ethernet controllers' self-test, run through ethtool.
+#pragma once
+
+#include <stdint.h>
+
+extern "C" {
+// Tests the device's interface: eth0, eth1, eth2, eth5 for devices 0 to 3; a PostTestFn.
+uint32_t dorvan_nic_lpback_test(uint32_t reserved, uint32_t *result, uint32_t device, uint32_t *scratch);
+
+// Runs `ethtool -t eth<port>`, online in the short test, and judges its report. /post/ethtool.log holds the report
+// meanwhile. eth1 and eth2 pass untested on cards 11062 and 11111.
+// Returns 0 for a pass, 1 for a failure, the non-zero result of the card index read.
+[[nodiscard]] int32_t gige_test(int port);
+}

@@ -1,0 +1,44 @@
+// pcie.h: every PCI function that the card should carry, at its bus position.
+#pragma once
+
+#include <stdint.h>
+
+#include <array>
+
+extern "C" {
+struct pci_dev_tbl_entry {
+  uint8_t bus;
+  uint8_t dev;
+  uint8_t func;
+  uint32_t vendor;
+  uint32_t device;
+  char description[100];
+};
+
+extern const std::array<pci_dev_tbl_entry, 15> pci_dev_tbl_dorvan_a;     // cards 11061, 11099
+extern const std::array<pci_dev_tbl_entry, 20> pci_dev_tbl_dorvan_b;     // cards 11062, 11111 before revision P1
+extern const std::array<pci_dev_tbl_entry, 20> pci_dev_tbl_dorvan_b_p1;  // cards 11062, 11111
+extern const std::array<pci_dev_tbl_entry, 11> pci_dev_tbl_dorvan_c;     // cards 11079, 11080
+extern const std::array<pci_dev_tbl_entry, 14> pci_dev_tbl_dorvan_d;     // card 11096
+
+// Hands out one bit of the comparison's outcome; a PostTestFn. The first call of the run compares. Devices 0 to 3 are
+// table rows 0 to 3, devices 5 and 6 rows 4 and 5; device 4 stands for none.
+// Returns 0, or the device's bit.
+uint32_t dorvan_pcie_test(uint32_t reserved, uint32_t *result, uint32_t device, uint32_t *scratch);
+
+// Compares the card's table with the scanned functions and prints a line for each one missing.
+//   fail_mask  gets the bits of missing rows set, bit i for rows 0 to 3, bit i + 1 for the others
+// Returns 0 when nothing is missing or the board revision has no table, 1 when something is or the card is unknown,
+// or the non-zero result of the scan or of the card index read.
+[[nodiscard]] int32_t pciscan_test(uint32_t *fail_mask);
+
+// Reads /proc/bus/pci/devices, once a run; the first 150 lines.
+// Returns 0, or -1 with a message when the list cannot be opened.
+[[nodiscard]] int32_t pci_scan_devices();
+
+// Returns 0 when the row's function was scanned with the row's ids, else -1.
+[[nodiscard]] int32_t pci_find_device(const pci_dev_tbl_entry *row);
+
+// Prints the scanned functions; for use from a debugger. Returns the scan's result.
+int32_t pci_dump_devices();
+}

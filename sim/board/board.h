@@ -1,0 +1,45 @@
+// board.h: the simulated board of this process.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "sim/board/options.h"
+#include "sim/host/paths.h"
+
+namespace sim {
+
+// Tells why the board that `opts` asks for cannot be built: "" if it can. Looks at the options alone.
+std::string board_check(const options &opts);
+
+// Builds the board that `opts` asks for: the state directory's files, the device models, the redirections. From then
+// on the interposed C library entry points of this process meet it. Returns false, with a message on standard error,
+// when the state directory cannot be used. The rest of the board is as after power-on.
+bool board_start(const options &opts);
+
+// Takes the board away; the state directory stays. The C library's entry points are plain again.
+void board_stop();
+
+// The running board's options, or null.
+const options *board_options();
+
+// What the interposed entry points ask. Each is "not mine" (nothing, false) while no board runs.
+
+// Opens a device: a descriptor that stands for it, or -1 with errno set.
+int device_open(const redirection &to, int flags);
+
+// The descriptor is about to be closed.
+void device_close(int fd);
+
+std::optional<int> device_ioctl(int fd, unsigned long request, void *arg);
+
+// Whether the descriptor is an open /dev/mem.
+[[nodiscard]] bool device_is_mem(int fd);
+
+// The environment of a command of the board's shell: nothing preloaded, the board's own commands in PATH, the board's
+// options for them. Null-terminated; valid until the next call.
+char **shell_environment();
+
+}  // namespace sim

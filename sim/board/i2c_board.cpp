@@ -1,0 +1,295 @@
+#include "sim/board/i2c_board.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdio>
+
+#include "sim/board/sprom_image.h"
+#include "sim/devices/at24c512.h"
+#include "sim/devices/expander.h"
+#include "sim/devices/port.h"
+
+namespace sim {
+
+namespace {
+
+enum family_bits : unsigned {
+  on_dorvan = 1u << static_cast<unsigned>(family::dorvan),
+  on_pellin = 1u << static_cast<unsigned>(family::pellin),
+  on_tosk = 1u << static_cast<unsigned>(family::tosk),
+  on_both = on_pellin | on_tosk,
+};
+
+// What holds an EEPROM's protect pin.
+enum class protect {
+  nothing,    // low
+  port,       // bit 27 of I/O port 0x50C
+  pin3,       // pin 3 of the expander on the same bus
+  mezzanine,  // a pin of the mezzanine's expander, another one on early boards
+};
+
+// One image in an EEPROM. Rows with the same bus and address are one chip.
+struct image_row {
+  unsigned families;
+  const char *name;  // as faults name it, null for images that none names
+  image_kind kind;
+  uint32_t bus;
+  uint8_t addr;
+  uint16_t base;  // where the image starts
+  protect pin;
+  const char *product;
+  const char *serial;
+};
+
+// clang-format off
+constexpr std::array image_rows{std::to_array<image_row>({
+    // families name     kind              bus addr  base    protected by        product         serial
+    {on_dorvan, "sup",   image_kind::sup,  1,  0x52, 0,      protect::nothing,   "SUP-DORVAN",   "SIM00000001"},
+    {on_dorvan, "bp",    image_kind::bp,   1,  0x52, 0x1000, protect::nothing,   "BP-DORVAN",    "SIM00000002"},
+    {on_pellin, "sup",   image_kind::sup,  1,  0x52, 0,      protect::port,      "SUP-PELLIN",   "SIM00000001"},
+    {on_pellin, "bp",    image_kind::bp,   1,  0x52, 0x1000, protect::port,      "BP-PELLIN",    "SIM00000002"},
+    {on_tosk,   "sup",   image_kind::sup,  1,  0x52, 0,      protect::port,      "SUP-TOSK",     "SIM00000001"},
+    {on_tosk,   "bp",    image_kind::bp,   1,  0x52, 0x1000, protect::port,      "BP-TOSK",      "SIM00000002"},
+    {on_pellin, "dc1",   image_kind::lc,   17, 0x52, 0,      protect::mezzanine, "DC-VARNHOLM",  "SIM00000003"},
+    {on_pellin, "lc2",   image_kind::lc,   23, 0x52, 0,      protect::pin3,      "GEM-VARNHOLM", "SIM00000004"},
+    {on_pellin, "lc3",   image_kind::lc,   7,  0x52, 0,      protect::pin3,      "GEM-MIRN",     "SIM00000005"},
+    {on_tosk,   "lc2",   image_kind::lc,   7,  0x52, 0,      protect::pin3,      "GEM-QUELLRIM", "SIM00000004"},
+    {on_both,   "ps1",   image_kind::ps,   6,  0x52, 0,      protect::nothing,   "PWR-3000",     "SIM00000006"},
+    {on_both,   "ps2",   image_kind::ps,   6,  0x53, 0,      protect::nothing,   "PWR-3000",     "SIM00000007"},
+    {on_both,   nullptr, image_kind::fan,  6,  0x54, 0,      protect::nothing,   "FAN-4",        "SIM00000008"},
+    {on_both,   nullptr, image_kind::dimm, 0,  0x5E, 0,      protect::nothing,   "DIMM-2G",      ""},
+    {on_both,   nullptr, image_kind::dimm, 0,  0x55, 0,      protect::nothing,   "DIMM-2G",      ""},
+})};
+
+// The names above, in the order in which the fault table has them.
+constexpr std::array image_words{"sup", "bp", "dc1", "lc2", "lc3", "ps1", "ps2"};
+constexpr std::array block_words{"header", "main", "sensor", "wwn", "license"};
+
+enum class chip { pca9539, pca8575 };
+
+struct expander_row {
+  unsigned families;
+  sim::chip chip;
+  uint32_t bus;
+  uint8_t addr;
+  unsigned straps;  // lowest of the two pins with the board's identification straps, 16 for none
+};
+
+constexpr std::array expander_rows{std::to_array<expander_row>({
+    // families chip           bus addr  straps
+    {on_both,   chip::pca9539, 8,  0x76, 6},
+    {on_both,   chip::pca8575, 8,  0x26, 14},
+    {on_both,   chip::pca9539, 7,  0x75, 16},
+    {on_pellin, chip::pca9539, 23, 0x75, 16},
+    {on_pellin, chip::pca9539, 20, 0x76, 16},
+})};
+// clang-format on
+
+constexpr uint32_t module_card = 11900;  // card index of a module, none of a supervisor
+constexpr uint8_t gem_expander = 0x75;
+constexpr uint32_t mezzanine_bus = 20;
+constexpr uint8_t mezzanine_expander = 0x76;
+constexpr uint16_t gem_pin = 0x0008;
+constexpr uint16_t mezzanine_pin = 0x0200;
+constexpr uint16_t mezzanine_early_pin = 0x0080;
+
+bool has(unsigned families, const options &opts) {
+  return (families >> static_cast<unsigned>(opts.family) & 1) != 0;
+}
+
+// The rows of a table that the board has.
+template <typename T, size_t N>
+std::vector<T> present(const std::array<T, N> &rows, const options &opts) {
+  std::vector<T> list;
+  for (const auto &row : rows)
+    if (has(row.families, opts)) list.push_back(row);
+  return list;
+}
+
+// The place of a word among those of the fault table.
+size_t word(const fault &f, std::string_view key) {
+  return static_cast<size_t>(f.get(key));
+}
+
+const fault *device_fault(const options &opts, std::string_view name, uint32_t bus, uint8_t addr) {
+  for (const auto &f : opts.faults)
+    if (f.name == name && f.is_at(bus, addr)) return &f;
+  return nullptr;
+}
+
+expander_pins pins_of(const expander_row &row, const options &opts) {
+  expander_pins pins;
+  if (row.straps < 16) {
+    uint64_t straps = opts.family == family::tosk ? 2 : 0;
+    if (const auto *const f = opts.find("straps")) straps = f->get("value");
+    pins.level = static_cast<uint16_t>((pins.level & ~(3u << row.straps)) | straps << row.straps);
+  }
+  for (const auto &f : opts.faults) {
+    if (f.name != "pin-stuck" || !f.is_at(row.bus, row.addr)) continue;
+    const auto pin = static_cast<uint16_t>(1u << f.get("pin"));
+    pins.stuck = static_cast<uint16_t>(pins.stuck | pin);
+    if (f.get("level") != 0) pins.stuck_level = static_cast<uint16_t>(pins.stuck_level | pin);
+  }
+  return pins;
+}
+
+std::unique_ptr<expander> make_expander(const expander_row &row, const options &opts) {
+  if (row.chip == chip::pca8575) return std::make_unique<pca8575>(pins_of(row, opts));
+  return std::make_unique<pca9539>(pins_of(row, opts));
+}
+
+struct placed_expander {
+  uint32_t bus;
+  uint8_t addr;
+  const expander *chip;
+};
+
+// The level of an EEPROM's protect pin, high where nothing drives it.
+std::function<bool()> protection(const image_row &row, const options &opts,
+                                 const std::vector<placed_expander> &expanders) {
+  if (device_fault(opts, "eeprom-protected", row.bus, row.addr) != nullptr) return [] { return true; };
+  if (row.pin == protect::nothing) return nullptr;
+  if (row.pin == protect::port) return [] { return port_write_protected(); };
+  const bool on_mezzanine = row.pin == protect::mezzanine;
+  const uint32_t bus = on_mezzanine ? mezzanine_bus : row.bus;
+  const uint8_t addr = on_mezzanine ? mezzanine_expander : gem_expander;
+  uint16_t pin = gem_pin;
+  if (on_mezzanine) pin = opts.change_bits == 0 ? mezzanine_early_pin : mezzanine_pin;
+  for (const auto &at : expanders)
+    if (at.bus == bus && at.addr == addr) return [chip = at.chip, pin] { return (chip->levels() & pin) != 0; };
+  return [] { return true; };
+}
+
+std::vector<at24c512::setup::corruption> corruptions(const options &opts, uint32_t bus, uint8_t addr) {
+  std::vector<at24c512::setup::corruption> list;
+  for (const auto &f : opts.faults) {
+    const auto bits = static_cast<uint8_t>(f.get("xor"));
+    if (f.name == "eeprom-corrupt" && f.is_at(bus, addr))
+      list.push_back({static_cast<uint16_t>(f.get("offset")), bits});
+    if (f.name != "sprom-corrupt") continue;
+    for (const auto &row : present(image_rows, opts)) {
+      if (row.bus != bus || row.addr != addr || row.name == nullptr) continue;
+      if (row.name != std::string_view(image_words.at(word(f, "image")))) continue;
+      if (const auto *const block = image_block_of(row.kind, block_words.at(word(f, "block"))))
+        list.push_back({static_cast<uint16_t>(row.base + block->offset + f.get("offset")), bits});
+    }
+  }
+  return list;
+}
+
+at24c512::setup setup_of(const image_row &row, const options &opts, const std::vector<placed_expander> &expanders) {
+  at24c512::setup with;
+  with.busy = opts.busy;
+  if (const auto *const f = device_fault(opts, "eeprom-busy", row.bus, row.addr)) {
+    with.busy = busy::polls;
+    with.busy_polls = f->get("polls");
+    with.busy_forever = with.busy_polls == 0;
+  }
+  with.write_protected = protection(row, opts, expanders);
+  with.corrupt = corruptions(opts, row.bus, row.addr);
+  return with;
+}
+
+// What a new chip at this place holds: all its images, the rest erased.
+std::vector<uint8_t> contents_of(uint32_t bus, uint8_t addr, const options &opts) {
+  std::vector<uint8_t> contents(at24c512_size, 0xFF);
+  for (const auto &row : present(image_rows, opts)) {
+    if (row.bus != bus || row.addr != addr) continue;
+    const auto card = static_cast<uint16_t>(row.kind == image_kind::sup ? opts.card : module_card);
+    const identity id{row.product, row.serial, opts.change_bits, card};
+    std::ranges::copy(make_image(row.kind, id), contents.begin() + row.base);
+  }
+  return contents;
+}
+
+std::string eeprom_path(const options &opts, uint32_t bus, uint8_t addr) {
+  char name[32];
+  (void)std::snprintf(name, sizeof(name), "/eeprom-%u-%02x", bus, addr);
+  return opts.state + name;
+}
+
+bool has_device(const options &opts, uint64_t bus, uint64_t addr, bool *is_eeprom, bool *is_expander) {
+  const auto at = [&](const auto &row) { return row.bus == bus && row.addr == addr; };
+  *is_eeprom = std::ranges::any_of(present(image_rows, opts), at);
+  *is_expander = std::ranges::any_of(present(expander_rows, opts), at);
+  return *is_eeprom || *is_expander;
+}
+
+// Whether the board has what the fault is about: "" or what it lacks.
+std::string check_fault(const options &opts, const fault &f) {
+  bool is_eeprom = false;
+  bool is_expander = false;
+  if (f.has("addr") && !has_device(opts, f.get("bus"), f.get("addr"), &is_eeprom, &is_expander))
+    return "the board has no such I2C device";
+  if (f.name.starts_with("eeprom-") && !is_eeprom) return "the device is no EEPROM";
+  if (f.name == "pin-stuck" && !is_expander) return "the device is no I/O expander";
+  if (f.name.starts_with("i2c-") && f.has("bus")) {
+    options healthy = opts;
+    healthy.faults.clear();
+    const auto numbers = i2c_bus_numbers(healthy);
+    if (std::ranges::find(numbers, f.get("bus")) == numbers.end()) return "the board has no such I2C bus";
+  }
+  if (f.name == "straps" && opts.family == family::dorvan) return "the board has no straps";
+  if (f.name != "sprom-corrupt") return "";
+  for (const auto &row : present(image_rows, opts)) {
+    if (row.name == nullptr || row.name != std::string_view(image_words.at(word(f, "image")))) continue;
+    const auto *const block = image_block_of(row.kind, block_words.at(word(f, "block")));
+    if (block == nullptr) return "the image has no such block";
+    return f.get("offset") < block->length ? "" : "the block ends before this offset";
+  }
+  return "the board has no such SPROM";
+}
+
+}  // namespace
+
+std::vector<uint32_t> i2c_bus_numbers(const options &opts) {
+  std::vector<uint32_t> numbers;
+  for (const auto &row : present(image_rows, opts))
+    numbers.push_back(row.bus);
+  for (const auto &row : present(expander_rows, opts))
+    numbers.push_back(row.bus);
+  std::ranges::sort(numbers);
+  numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
+  for (const auto &f : opts.faults)
+    if (f.name == "i2c-bus-absent") std::erase(numbers, f.get("bus"));
+  return numbers;
+}
+
+std::string i2c_board::check(const options &opts) {
+  for (const auto &f : opts.faults) {
+    const auto lacks = check_fault(opts, f);
+    if (!lacks.empty()) return "fault '" + f.text + "': " + lacks;
+  }
+  return "";
+}
+
+std::unique_ptr<i2c_board> i2c_board::make(const options &opts, std::string *error) {
+  auto board = std::make_unique<i2c_board>();
+  for (const auto number : i2c_bus_numbers(opts))
+    board->m_buses.push_back(std::make_unique<i2c_bus>(number, opts));
+
+  std::vector<placed_expander> expanders;
+  for (const auto &row : present(expander_rows, opts)) {
+    auto *const bus = board->bus(row.bus);
+    if (bus == nullptr) continue;
+    auto made = make_expander(row, opts);
+    expanders.push_back({row.bus, row.addr, made.get()});
+    bus->add(row.addr, std::move(made));
+  }
+  for (const auto &row : present(image_rows, opts)) {
+    auto *const bus = board->bus(row.bus);
+    if (bus == nullptr || bus->has(row.addr)) continue;
+    auto made = std::make_unique<at24c512>(setup_of(row, opts, expanders));
+    if (!made->open(eeprom_path(opts, row.bus, row.addr), contents_of(row.bus, row.addr, opts), error)) return nullptr;
+    bus->add(row.addr, std::move(made));
+  }
+  return board;
+}
+
+i2c_bus *i2c_board::bus(uint32_t number) const {
+  const auto found = std::ranges::find_if(m_buses, [&](const auto &bus) { return bus->number() == number; });
+  return found == m_buses.end() ? nullptr : found->get();
+}
+
+}  // namespace sim

@@ -1,0 +1,220 @@
+// options.cpp: the command line of board-sim.
+#include "sim/board/options.h"
+
+#include <algorithm>
+#include <array>
+
+#include "sim/host/text.h"
+
+namespace sim {
+
+namespace {
+
+struct option_row {
+  const char *name;
+  const char *value;  // what stands for its value in the help text, null for an option without one
+  const char *help;
+  bool (*take)(command *cmd, std::string_view value);  // false: bad value
+};
+
+bool take_path(std::string_view text, std::string *path) {
+  *path = text;
+  return !text.empty() && text.find('\n') == std::string_view::npos;
+}
+
+struct family_row {
+  const char *name;
+  family value;
+  uint32_t card;
+};
+
+// clang-format off
+constexpr std::array family_rows{std::to_array<family_row>({
+    // name    family          card index if none is given
+    {"dorvan", family::dorvan, 11062},
+    {"pellin", family::pellin, 11003},
+    {"tosk",   family::tosk,   11004},
+})};
+// clang-format on
+
+bool take_family(command *cmd, std::string_view text) {
+  for (const auto &row : family_rows) {
+    if (text != row.name) continue;
+    cmd->opts.family = row.value;
+    return true;
+  }
+  return false;
+}
+
+bool take_card(command *cmd, std::string_view text) {
+  const auto number = parse_number(text);
+  if (!number || *number > 0xFFFF) return false;
+  cmd->opts.card = static_cast<uint32_t>(*number);
+  return true;
+}
+
+bool take_revision(command *cmd, std::string_view text) {
+  if (text != "P0" && text != "P1") return false;
+  cmd->opts.change_bits = text == "P1" ? 1 : 0;
+  return true;
+}
+
+bool take_change_bits(command *cmd, std::string_view text) {
+  const auto number = parse_number(text);
+  if (number) cmd->opts.change_bits = *number;
+  return number.has_value();
+}
+
+bool take_busy(command *cmd, std::string_view text) {
+  cmd->opts.busy = text == "time" ? busy::time : busy::polls;
+  return text == "time" || text == "polls";
+}
+
+template <action A>
+bool take_action(command *cmd, std::string_view) {
+  cmd->action = A;
+  return true;
+}
+
+constexpr const char *opt_family = "--family";
+constexpr const char *opt_card = "--card";
+constexpr const char *opt_fault = "--fault";
+
+// clang-format off
+constexpr std::array option_rows{std::to_array<option_row>({
+    {opt_family,      "NAME", "board family: dorvan (default), pellin or tosk",                            take_family},
+    {opt_card,        "N",    "card index, 0 to 65535; default 11062 (pellin 11003, tosk 11004)",          take_card},
+    {"--revision",    "P0|P1", "board revision; default P1",                                               take_revision},
+    {"--change-bits", "N",    "hardware change bits, 64 bits, in place of a revision",                     take_change_bits},
+    {"--state",       "DIR",  "keep EEPROM, NVRAM, flash and files here; default a temporary directory",
+     [](command *cmd, std::string_view text) { return take_path(text, &cmd->opts.state); }},
+    {"--trace",       "FILE", "write every device access and bus transaction to this file",
+     [](command *cmd, std::string_view text) { return take_path(text, &cmd->opts.trace); }},
+    {"--busy",        "polls|time", "count busy times in polls (default) or in real time",                 take_busy},
+    {"--real-times",  nullptr, "take the real chip's flash times in place of scaled ones",
+     [](command *cmd, std::string_view) { return cmd->opts.real_times = true; }},
+    {opt_fault,       "\"NAME key=value ...\"", "inject a fault; may be given several times",              nullptr},
+    {"--show-result", nullptr, "print the result records after the run",
+     [](command *cmd, std::string_view) { return cmd->show_result = true; }},
+    {"--list-faults", nullptr, "list the faults and their parameters, and exit",                           take_action<action::list_faults>},
+    {"--help",        nullptr, "print this text, and exit",                                                take_action<action::help>},
+    {"--version",     nullptr, "print the version, and exit",                                              take_action<action::version>},
+})};
+// clang-format on
+
+const option_row *row_of(std::string_view name) {
+  const auto *const found = std::ranges::find_if(option_rows, [&](const auto &row) { return name == row.name; });
+  return found == option_rows.end() ? nullptr : found;
+}
+
+// Takes one option with its value. Returns what is wrong, "" for nothing.
+std::string take_option(command *cmd, const option_row &row, std::string_view value) {
+  if (row.take != nullptr)
+    return row.take(cmd, value) ? "" : "bad value " + quoted(value) + " of option " + quoted(row.name);
+  std::string error;
+  const auto parsed = fault_parse(value, &error);
+  if (!parsed) return error + " (--list-faults lists them)";
+  cmd->opts.faults.push_back(*parsed);
+  return "";
+}
+
+// What begins with '-' is no program but an argument of the default one.
+void take_program(command *cmd, std::span<const std::string> args) {
+  if (!args.empty() && !args[0].starts_with('-')) {
+    cmd->program = args[0];
+    args = args.subspan(1);
+  }
+  cmd->arguments.assign(args.begin(), args.end());
+}
+
+}  // namespace
+
+const fault *options::find(std::string_view name) const {
+  const auto found = std::ranges::find_if(faults, [&](const fault &f) { return f.name == name; });
+  return found == faults.end() ? nullptr : &*found;
+}
+
+std::optional<command> command_parse(std::span<const std::string> args, std::string *error) {
+  command cmd;
+  bool has_card = false;
+  for (size_t i = 0; i < args.size(); i++) {
+    const std::string_view arg = args[i];
+    if (arg == "--") {
+      take_program(&cmd, args.subspan(i + 1));
+      break;
+    }
+    const auto equals = arg.find('=');
+    const auto name = arg.substr(0, equals);
+    const auto *const row = row_of(name);
+    if (row == nullptr) {
+      *error = arg.starts_with('-') ? "unknown option " + quoted(name)
+                                    : "unexpected argument " + quoted(arg) + " (a program stands after --)";
+      return std::nullopt;
+    }
+    std::string_view value;
+    if (equals != std::string_view::npos) {
+      if (row->value == nullptr) {
+        *error = "option " + quoted(name) + " takes no value";
+        return std::nullopt;
+      }
+      value = arg.substr(equals + 1);
+    } else if (row->value != nullptr) {
+      if (++i == args.size()) {
+        *error = "option " + quoted(name) + " needs a value";
+        return std::nullopt;
+      }
+      value = args[i];
+    }
+    *error = take_option(&cmd, *row, value);
+    if (!error->empty()) return std::nullopt;
+    if (name == opt_card) has_card = true;
+  }
+  if (!has_card)
+    for (const auto &row : family_rows)
+      if (row.value == cmd.opts.family) cmd.opts.card = row.card;
+  return cmd;
+}
+
+std::optional<options> options_parse(std::span<const std::string> args, std::string *error) {
+  const auto cmd = command_parse(args, error);
+  if (!cmd) return std::nullopt;
+  return cmd->opts;
+}
+
+std::string options_format(const options &opts) {
+  const auto *const family =
+      std::ranges::find_if(family_rows, [&](const auto &row) { return row.value == opts.family; });
+  std::string lines = std::string(opt_family) + "=" + family->name;
+  lines += "\n" + std::string(opt_card) + "=" + std::to_string(opts.card);
+  lines += "\n--change-bits=" + std::to_string(opts.change_bits);
+  if (!opts.state.empty()) lines += "\n--state=" + opts.state;
+  if (!opts.trace.empty()) lines += "\n--trace=" + opts.trace;
+  if (opts.busy == busy::time) lines += "\n--busy=time";
+  if (opts.real_times) lines += "\n--real-times";
+  for (const auto &f : opts.faults)
+    lines += "\n" + std::string(opt_fault) + "=" + f.text;
+  return lines;
+}
+
+std::optional<options> options_parse_lines(std::string_view lines, std::string *error) {
+  std::vector<std::string> args;
+  while (!lines.empty()) {
+    const auto end = std::min(lines.find('\n'), lines.size());
+    args.emplace_back(lines.substr(0, end));
+    lines.remove_prefix(std::min(end + 1, lines.size()));
+  }
+  return options_parse(args, error);
+}
+
+std::string options_help() {
+  std::string text;
+  for (const auto &row : option_rows) {
+    std::string line = std::string("  ") + row.name;
+    if (row.value != nullptr) line += std::string(" ") + row.value;
+    line.resize(std::max<size_t>(line.size() + 2, 26), ' ');
+    text += line + row.help + "\n";
+  }
+  return text;
+}
+
+}  // namespace sim

@@ -1,0 +1,61 @@
+// options.h: what a run asks of the simulated board.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "sim/board/fault.h"
+
+namespace sim {
+
+enum class family { dorvan, pellin, tosk };
+
+// What busy devices (flash, EEPROM) count their busy time in.
+enum class busy { polls, time };
+
+struct options {
+  sim::family family = family::dorvan;
+  uint32_t card = 11062;     // card index
+  uint64_t change_bits = 1;  // hardware change bits of the supervisor image; 1 is revision P1
+  std::string state;         // state directory, absolute
+  std::string trace;         // bus log, absolute; empty for none. With a log every device access is trapped.
+  sim::busy busy = busy::polls;
+  bool real_times = false;  // flash timings of the real chip instead of the scaled ones
+  std::vector<fault> faults;
+
+  // The first fault of that name, or null.
+  [[nodiscard]] const fault *find(std::string_view name) const;
+};
+
+// What the command line asks of the launcher itself.
+enum class action { run, help, version, list_faults };
+
+struct command {
+  sim::action action = sim::action::run;
+  bool show_result = false;  // print the result records after the run
+  options opts;              // an empty state directory asks for a temporary one
+  std::string program;       // empty for the default program
+  std::vector<std::string> arguments;
+};
+
+// Parses a whole command line of board-sim, without the program's name. On failure returns nothing and says why in
+// *error: unknown option, missing or bad value, unknown fault.
+std::optional<command> command_parse(std::span<const std::string> args, std::string *error);
+
+// The same for options of the board alone.
+std::optional<options> options_parse(std::span<const std::string> args, std::string *error);
+
+// Options as arguments, one a line: how they travel to the preloaded library and to ethtool, in BOARD_SIM_ARGS.
+std::string options_format(const options &opts);
+std::optional<options> options_parse_lines(std::string_view lines, std::string *error);
+
+inline constexpr const char *options_variable = "BOARD_SIM_ARGS";
+
+// Text for --help: one paragraph an option.
+std::string options_help();
+
+}  // namespace sim

@@ -1,0 +1,82 @@
+// i2c.h: numbered I2C buses with devices, as the Linux i2c-dev driver offers them.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "sim/board/options.h"
+
+namespace sim {
+
+// A device on a bus, seen byte by byte. A transaction is start, bytes, perhaps start again, stop.
+class i2c_device {
+ public:
+  virtual ~i2c_device() = default;
+
+  // Addressed for reading or writing. False: it does not acknowledge.
+  [[nodiscard]] virtual bool start(bool reading) = 0;
+  // The master sends a byte. False: it does not acknowledge.
+  [[nodiscard]] virtual bool write(uint8_t byte) = 0;
+  // The master fetches a byte.
+  [[nodiscard]] virtual uint8_t read() = 0;
+  virtual void stop() = 0;
+};
+
+// A message of a transaction, as I2C_RDWR has it.
+struct i2c_message {
+  uint8_t addr;
+  bool reading;
+  std::span<uint8_t> bytes;
+};
+
+// One bus: it addresses the devices, counts their transactions and injects the faults that are common to all.
+class i2c_bus {
+ public:
+  i2c_bus(uint32_t number, const options &opts);
+
+  [[nodiscard]] uint32_t number() const { return m_number; }
+  void add(uint8_t addr, std::unique_ptr<i2c_device> device);
+  [[nodiscard]] bool has(uint8_t addr) const;
+
+  // Carries out one transaction. Returns 0 or an errno value: ENXIO for an address and EIO for a byte that is not
+  // acknowledged, else what the fault says.
+  [[nodiscard]] int transfer(std::span<i2c_message> messages);
+
+ private:
+  struct slot {
+    uint8_t addr;
+    std::unique_ptr<i2c_device> device;
+    uint64_t transactions = 0;
+    std::string name;  // in the log
+  };
+
+  slot *slot_of(uint8_t addr);
+  int injected(slot *to);
+  int carry(slot *to, i2c_message *message);
+
+  uint32_t m_number;
+  const options &m_opts;
+  std::vector<slot> m_slots;
+};
+
+// An open bus device file: the address that I2C_SLAVE chose, and the ioctls.
+class i2c_client {
+ public:
+  i2c_client(i2c_bus *bus, bool smbus_only) : m_bus(bus), m_smbus_only(smbus_only) {}
+
+  // As ioctl(): a result of 0 or more, or -1 with errno set.
+  int ioctl(unsigned long request, void *arg);
+
+ private:
+  int rdwr(void *arg);
+  int smbus(void *arg);
+
+  i2c_bus *m_bus;
+  bool m_smbus_only;
+  uint8_t m_addr = 0;
+};
+
+}  // namespace sim

@@ -1,0 +1,75 @@
+// expander.h: 16-pin I2C I/O expanders: NXP PCA9539 and PCA8575 (their data sheets). Bit n of a 16-bit value is pin n
+// of port 0, bit 8 + n pin n of port 1.
+#pragma once
+
+#include <array>
+#include <cstdint>
+
+#include "sim/bus/i2c.h"
+
+namespace sim {
+
+// What is soldered to the pins.
+struct expander_pins {
+  uint16_t level = 0xFFFF;  // what the outside drives or pulls an input to
+  uint16_t stuck = 0;       // pins that do not follow
+  uint16_t stuck_level = 0;
+
+  // The levels on the pins, where `driven` are those that the chip drives, to `outputs`.
+  [[nodiscard]] uint16_t levels(uint16_t driven, uint16_t outputs) const {
+    const auto free = static_cast<uint16_t>((outputs & driven) | (level & ~driven));
+    return static_cast<uint16_t>((stuck_level & stuck) | (free & ~stuck));
+  }
+};
+
+class expander : public i2c_device {
+ public:
+  explicit expander(const expander_pins &pins) : m_pins(pins) {}
+
+  // The levels on the pins.
+  [[nodiscard]] virtual uint16_t levels() const = 0;
+
+ protected:
+  expander_pins m_pins;
+};
+
+// Four register pairs: input, output, polarity inversion, configuration. The command byte names a register; what
+// follows it alternates between the two of its pair. Inputs cannot be written. A command above 7 is not acknowledged.
+class pca9539 : public expander {
+ public:
+  using expander::expander;
+  [[nodiscard]] uint16_t levels() const override;
+
+  bool start(bool reading) override;
+  bool write(uint8_t byte) override;
+  uint8_t read() override;
+  void stop() override {}
+
+ private:
+  [[nodiscard]] uint16_t pair(unsigned first) const;
+
+  // Power-on values: outputs high, polarity plain, all pins inputs.
+  std::array<uint8_t, 8> m_registers{0, 0, 0xFF, 0xFF, 0, 0, 0xFF, 0xFF};
+  uint8_t m_command = 0;
+  uint8_t m_next = 0;
+  bool m_has_command = false;
+};
+
+// No registers: bytes written go to port 0 and port 1 in turn, bytes read are the pins of port 0 and port 1 in turn.
+// A pin that is written high is a weak pull-up that the outside can pull low, and so an input.
+class pca8575 : public expander {
+ public:
+  using expander::expander;
+  [[nodiscard]] uint16_t levels() const override;
+
+  bool start(bool reading) override;
+  bool write(uint8_t byte) override;
+  uint8_t read() override;
+  void stop() override {}
+
+ private:
+  uint16_t m_latch = 0xFFFF;
+  unsigned m_port = 0;
+};
+
+}  // namespace sim

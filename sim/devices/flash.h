@@ -1,0 +1,146 @@
+// flash.h: parallel NOR flash, 512 uniform sectors of 64 Ki words behind a 16-bit bus, with the AMD command set and
+// the CFI query (Spansion S29GL-N data sheet; JEDEC JESD68.01). Erase and program suspend, unlock bypass and sector
+// protection are not there, and the query says so.
+#pragma once
+
+#include <array>
+#include <bitset>
+#include <cstdint>
+#include <span>
+
+#include "sim/board/options.h"
+#include "sim/devices/lines.h"
+
+namespace sim {
+
+inline constexpr uint32_t flash_sector_bytes = 0x20000;
+inline constexpr uint32_t flash_sectors = 512;
+inline constexpr uint32_t flash_bytes = flash_sector_bytes * flash_sectors;
+inline constexpr uint32_t flash_page_words = 16;
+inline constexpr uint32_t flash_page_bytes = 2 * flash_page_words;
+
+// Busy time in polls: so many status reads show an operation running, the next one shows it done. An operation that
+// is never polled never ends. The first poll of an erase shows its window.
+inline constexpr unsigned flash_program_polls = 0;
+inline constexpr unsigned flash_erase_polls = 2;
+// Status reads after which the chip gives up an operation that fails.
+inline constexpr unsigned flash_give_up_polls = 4;
+
+// The chip's own times, as the query tells them: exponents of 2.
+struct flash_times {
+  uint8_t word_us;
+  uint8_t buffer_us;
+  uint8_t erase_ms;
+  uint8_t word_factor;  // of the typical time, for the longest one
+  uint8_t buffer_factor;
+  uint8_t erase_factor;
+};
+inline constexpr flash_times flash_times_real{7, 7, 10, 1, 5, 4};
+inline constexpr flash_times flash_times_scaled{2, 2, 1, 3, 3, 3};
+
+class flash_model {
+ public:
+  // Powers the chip up on its contents (flash_bytes of them), which stay the caller's.
+  void start(std::span<uint8_t> contents, const options &opts);
+
+  // One 16-bit bus cycle at an even byte offset.
+  [[nodiscard]] uint16_t read(uint32_t offset);
+  void write(uint32_t offset, uint16_t data);
+
+  // Whether reads may go to the contents at once: the chip reads its array, and nothing alters what it reads.
+  [[nodiscard]] bool reads_plainly() const { return plain && reads_array(); }
+  [[nodiscard]] bool reads_array() const { return mode < phase::autoselect; }
+
+ private:
+  // Where in a command the chip stands. Up to wb_confirm, reads deliver the array.
+  enum class phase : uint8_t {
+    array,
+    unlock1,
+    unlock2,
+    erase_setup,
+    erase_unlock1,
+    erase_unlock2,
+    word,        // the next cycle is a word to program
+    wb_count,    // write-buffer programming: number of words less 1,
+    wb_load,     // words,
+    wb_confirm,  // confirmation
+    autoselect,
+    query,
+    query_in_autoselect,
+    aborted,  // write buffer aborted; only its own reset leads out
+    aborted_unlock1,
+    aborted_unlock2,
+    erase_window,  // sectors may be added
+    erasing,
+    programming,
+    failed,  // given up, DQ5; reset leads out
+  };
+
+  struct word_load {
+    uint32_t offset;
+    uint16_t data;
+  };
+
+  // What becomes of the running operation: it ends, is given up with DQ5, or runs for ever.
+  enum class ending : uint8_t { success, failure, never };
+
+  std::span<uint8_t> memory;
+  phase mode = phase::array;
+
+  // The board and its faults.
+  bool plain = true;  // nothing alters what the array reads
+  bool silent = false;
+  bool command_faults = false;  // line faults hit every cycle, not the array's alone
+  bool real_time = false;
+  flash_times times = flash_times_scaled;
+  uint64_t program_polls = flash_program_polls;
+  uint64_t erase_polls = flash_erase_polls;
+  uint64_t writes_left = 0;  // until the power cut; 0 for none
+  std::vector<fault> faults;
+  bus_lines data_lines;
+  bus_lines address_lines;
+  bad_cells cells;
+  std::array<uint16_t, 0x100> query_table{};
+
+  // The write buffer.
+  uint32_t buffer_sector = 0;
+  uint32_t buffer_count = 0;   // cycles that the count cycle announced,
+  uint32_t buffer_cycles = 0;  // and those that came
+  std::vector<word_load> buffer;
+
+  // The running operation.
+  std::bitset<flash_sectors> erasing_sectors;  // empty while programming
+  ending outcome = ending::success;
+  uint64_t polls_left = 0;
+  int64_t deadline_ns = 0;
+  int64_t window_end_ns = 0;
+  uint16_t toggles = 0;    // DQ6 and DQ2 as they stand
+  bool data_bit7 = false;  // of the word last loaded
+
+  [[nodiscard]] const fault *find(std::string_view name, uint32_t sector) const;
+  [[nodiscard]] uint32_t cell_offset(uint32_t offset) const;
+  [[nodiscard]] uint16_t chip_read(uint32_t offset);
+  [[nodiscard]] uint16_t array_word(uint32_t offset) const;
+  [[nodiscard]] uint16_t status(uint32_t offset);
+
+  void chip_write(uint32_t offset, uint16_t data);
+  void array_cycle(uint32_t word, uint8_t code);
+  void command_cycle(uint32_t offset, uint8_t code);
+  void erase_cycle(uint32_t offset, uint8_t code);
+  void mode_cycle(uint32_t word, uint8_t code);
+  void buffer_cycle(uint32_t offset, uint16_t data);
+  void buffer_word(uint32_t offset, uint16_t data);
+  void busy_cycle(uint32_t offset, uint8_t code);
+
+  void program(std::span<const word_load> words, unsigned typical_us, unsigned factor);
+  [[nodiscard]] bool program_word(uint32_t offset, uint16_t data);
+  void open_window();
+  void erase();
+  [[nodiscard]] bool erase_sector(uint32_t sector);
+  void run(phase busy, int64_t typical_ns, unsigned factor, uint64_t polls);
+  void poll();
+  void pass_time();
+  void finish();
+};
+
+}  // namespace sim

@@ -1,0 +1,70 @@
+#include "sim/host/lock_holder.h"
+
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <time.h>
+
+#include <array>
+#include <csignal>
+#include <cstring>
+
+#include "sim/host/files.h"
+#include "sim/host/real.h"
+
+namespace sim {
+
+namespace {
+
+// In the order of the fault table's words.
+constexpr std::array lock_names{"RTC_NVRAM0", "RTC_NVRAM1", "RTC_NVRAM2", "OBFL_Flash0"};
+constexpr std::array lock_kinds{"read", "write"};
+
+// Takes an exclusive lock on the file's first byte, tells through the pipe whether it has it, and keeps it.
+[[noreturn]] void hold(const std::string &path, uint64_t ms, int told) {
+  (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
+  const int fd = sys::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+  struct flock lock {};
+  lock.l_type = F_WRLCK;
+  lock.l_whence = SEEK_SET;
+  lock.l_len = 1;
+  const bool held = fd >= 0 && fcntl(fd, F_SETLK, &lock) == 0;
+  const char answer = held ? 1 : 0;
+  if (::syscall(SYS_write, told, &answer, 1) != 1 || !held) _exit(1);
+  const timespec pause{static_cast<time_t>(ms / 1000), static_cast<long>(ms % 1000 * 1000000)};
+  (void)nanosleep(&pause, nullptr);
+  _exit(0);
+}
+
+}  // namespace
+
+std::optional<std::vector<pid_t>> lock_holders_start(const options &opts, std::string *error) {
+  std::vector<pid_t> holders;
+  for (const auto &f : opts.faults) {
+    if (f.name != "lock-held") continue;
+    const auto directory = opts.state + "/var/lock";
+    const auto path = directory + "/" + lock_names.at(static_cast<size_t>(f.get("lock"))) + "-" +
+                      lock_kinds.at(static_cast<size_t>(f.get("kind"))) + ".lock";
+    int ends[2];
+    if (!make_directories(directory) || pipe2(ends, O_CLOEXEC) != 0) {
+      *error = directory + ": " + std::strerror(errno);
+      return std::nullopt;
+    }
+    const pid_t pid = fork();
+    if (pid == 0) hold(path, f.get("ms"), ends[1]);
+    (void)sys::close(ends[1]);
+    char answer = 0;
+    const bool held = pid > 0 && ::syscall(SYS_read, ends[0], &answer, 1) == 1 && answer == 1;
+    (void)sys::close(ends[0]);
+    if (pid > 0) holders.push_back(pid);
+    if (held) continue;
+    *error = path + ": cannot be locked";
+    for (const auto other : holders) {
+      (void)kill(other, SIGKILL);
+      (void)waitpid(other, nullptr, 0);
+    }
+    return std::nullopt;
+  }
+  return holders;
+}
+
+}  // namespace sim

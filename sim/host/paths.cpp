@@ -1,0 +1,147 @@
+#include "sim/host/paths.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <vector>
+
+#include "sim/board/i2c_board.h"
+
+namespace sim {
+
+namespace {
+
+struct path_row {
+  const char *path;
+  bool tree;              // with all that lies below
+  const char *missing;    // fault: it does not exist
+  const char *failing;    // fault: opening fails with the errno that the fault names
+  const char *read_only;  // fault: it cannot be written
+  sim::device device;
+};
+
+// clang-format off
+constexpr std::array path_rows{std::to_array<path_row>({
+    // path                  tree    missing             failing                read-only             device
+    {"/post",                true,   "post-missing",     nullptr,               nullptr,              device::none},
+    {"/var/lock",            true,   "lock-dir-missing", nullptr,               "lock-dir-read-only", device::none},
+    {"/proc/bus/pci/devices", false, nullptr,            "pci-list-unreadable", nullptr,              device::none},
+    {"/proc/cpuinfo",        false,  "cpuinfo-missing",  nullptr,               nullptr,              device::none},
+    {"/dev/sprom",           false,  "sprom-absent",     nullptr,               nullptr,              device::sprom},
+    {"/dev/mem",             false,  nullptr,            "mem-absent",          nullptr,              device::mem},
+})};
+// clang-format on
+
+constexpr std::string_view i2c_prefix = "/dev/i2c-";
+
+// Characters of a command beside which a path may begin or end.
+constexpr std::string_view delimiters = " \t\n'\"<>|&;()`=:,";
+
+bool has_fault(const options &opts, const char *name) {
+  return name != nullptr && opts.find(name) != nullptr;
+}
+
+// Resolves empty, "." and ".." parts of an absolute path by its text alone.
+std::string normal(std::string_view path) {
+  std::vector<std::string_view> parts;
+  while (!path.empty()) {
+    path.remove_prefix(1);
+    const auto end = std::min(path.find('/'), path.size());
+    const auto part = path.substr(0, end);
+    path.remove_prefix(end);
+    if (part == ".." && !parts.empty()) parts.pop_back();
+    if (!part.empty() && part != "." && part != "..") parts.push_back(part);
+  }
+  std::string joined;
+  for (const auto part : parts)
+    joined.append("/").append(part);
+  return joined;
+}
+
+const path_row *row_of(std::string_view path) {
+  for (const auto &row : path_rows) {
+    const auto length = std::strlen(row.path);
+    if (!path.starts_with(row.path)) continue;
+    if (path.size() == length || (row.tree && path[length] == '/')) return &row;
+  }
+  return nullptr;
+}
+
+// The place in the state directory. What a fault takes away is looked for where nothing is ever made.
+std::string place(const options &opts, bool missing, std::string_view path) {
+  return opts.state + (missing ? "/missing" : "") + std::string(path);
+}
+
+std::optional<redirection> redirect_i2c(const options &opts, std::string_view path) {
+  auto digits = path;
+  digits.remove_prefix(i2c_prefix.size());
+  uint32_t number = 0;
+  const char *const end = digits.data() + digits.size();
+  const auto [stop, result] = std::from_chars(digits.data(), end, number);
+  if (result != std::errc{} || stop != end || (digits.size() > 1 && digits[0] == '0')) return std::nullopt;
+  const auto present = i2c_bus_numbers(opts);
+  const bool missing = std::ranges::find(present, number) == present.end();
+  return redirection{place(opts, missing, path), 0, device::i2c, number};
+}
+
+// Text for a place inside of quotes of the given kind, or outside of any ('\0').
+std::string quoted_for(std::string_view text, char quote) {
+  constexpr std::string_view safe = "/_-.+,:@%=ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+  std::string out;
+  for (const char c : text) {
+    if (safe.find(c) == std::string_view::npos) {
+      const bool special = std::strchr("\"$`\\", c) != nullptr;
+      if (quote == '\'' && c == '\'')
+        out += "'\\'";
+      else if (quote == '\0' || (quote == '"' && special))
+        out += '\\';
+    }
+    out += c;
+  }
+  return out;
+}
+
+}  // namespace
+
+std::optional<redirection> redirect(const options &opts, std::string_view path, bool writing) {
+  if (!path.starts_with('/')) return std::nullopt;
+  const auto clean = normal(path);
+  if (clean.starts_with(i2c_prefix)) return redirect_i2c(opts, clean);
+  const auto *const row = row_of(clean);
+  if (row == nullptr) return std::nullopt;
+  redirection to{place(opts, has_fault(opts, row->missing), clean), 0, row->device, 0};
+  if (has_fault(opts, row->failing)) to.error = opts.find(row->failing)->error();
+  if (writing && has_fault(opts, row->read_only)) to.error = EROFS;
+  return to;
+}
+
+std::string redirect_command(const options &opts, std::string_view command) {
+  std::string out;
+  char quote = '\0';
+  char before = ' ';
+  while (!command.empty()) {
+    const char c = command[0];
+    const auto end = std::min(command.find_first_of(delimiters), command.size());
+    const auto word = command.substr(0, end);
+    const bool begins = c == '/' && delimiters.find(before) != std::string_view::npos;
+    if (const auto to = begins ? redirect(opts, word, false) : std::nullopt) {
+      out += quoted_for(to->path, quote);
+      before = 'x';
+      command.remove_prefix(word.size());
+      continue;
+    }
+    if (quote == '\0' && (c == '\'' || c == '"'))
+      quote = c;
+    else if (quote == c)
+      quote = '\0';
+    const size_t length = c == '\\' && quote != '\'' && command.size() > 1 ? 2 : 1;
+    before = length == 2 ? 'x' : c;
+    out += command.substr(0, length);
+    command.remove_prefix(length);
+  }
+  return out;
+}
+
+}  // namespace sim

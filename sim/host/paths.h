@@ -1,0 +1,38 @@
+// paths.h: which files of the program are the board's, and where they live in its state directory.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "sim/board/options.h"
+
+namespace sim {
+
+enum class device { none, sprom, mem, i2c };
+
+// What the board makes of a path.
+struct redirection {
+  std::string path;                        // to be used in its place; for a device a file that stands for it
+  int error = 0;                           // if not 0, opening fails with it
+  sim::device device = sim::device::none;  // the model that answers
+  uint32_t number = 0;                     // of an I2C bus
+};
+
+// The board's version of an absolute path: what lies under /post and /var/lock, /dev/i2c-N, /dev/sprom, /dev/mem,
+// /proc/bus/pci/devices and /proc/cpuinfo. Nothing for every other path. "//", "/./" and "/../" are resolved first.
+//   writing  the file is to be made or changed
+std::optional<redirection> redirect(const options &opts, std::string_view path, bool writing);
+
+// A shell command in which the board's paths are replaced, quoted as their places demand.
+std::string redirect_command(const options &opts, std::string_view command);
+
+// Makes the board's directories and files in the state directory: what is missing, and anew those whose contents the
+// options fix. Returns false and says why in *error when the state directory cannot be used.
+//   tsc_khz  the time-stamp counter's rate
+bool make_board_files(const options &opts, uint64_t tsc_khz, std::string *error);
+
+// The directory in the state directory that holds the commands of the board's shell.
+std::string command_directory(const options &opts);
+
+}  // namespace sim
