@@ -69,7 +69,7 @@ void complain(const std::string &what) {
 
 bool smbus_only(const options &opts, uint32_t bus) {
   for (const auto &f : opts.faults)
-    if (f.name == "i2c-smbus-only" && f.get("bus", bus) == bus) return true;
+    if (f.id == fault_id::i2c_smbus_only && f.get("bus", bus) == bus) return true;
   return false;
 }
 

@@ -41,7 +41,7 @@ std::string launcher_path() {
 bool make_commands(const options &opts) {
   const auto bin = command_directory(opts) + "/";
   const auto ethtool = bin + "ethtool";
-  if (opts.find("ethtool-missing") != nullptr)
+  if (opts.find(fault_id::ethtool_missing) != nullptr)
     (void)sys::unlink(ethtool.c_str());
   else if (!make_link(ethtool, launcher_path()))
     return false;

@@ -10,7 +10,32 @@
 
 namespace sim {
 
+// The faults that the board knows, in the order of their table.
+// clang-format off
+enum class fault_id : uint8_t {
+  post_missing, pci_list_unreadable, pci_missing, pci_wrong_id, bar_missing, bar_64bit, bar_io, sprom_absent,
+  sprom_refuse, cpuinfo_missing, cpuinfo_no_rate, cpuinfo_rate, lock_dir_missing, lock_dir_read_only, lock_held,
+  mem_absent, mem_mmap_refused, iopl_refused, port_stuck,
+
+  ethtool_missing, ethtool_silent, ethtool_fail,
+
+  i2c_bus_absent, i2c_smbus_only, i2c_absent, i2c_fail, eeprom_corrupt, sprom_corrupt, eeprom_protected, eeprom_busy,
+  straps, pin_stuck,
+
+  nvram_data_stuck, nvram_data_short, nvram_addr_stuck, nvram_addr_short, nvram_cell_stuck, nvram_cell_coupled,
+
+  flash_data_stuck, flash_data_short, flash_addr_stuck, flash_addr_short, flash_cell_stuck, flash_cell_coupled,
+  flash_silent, flash_cfi, flash_slow, flash_erase_hangs, flash_program_hangs, flash_erase_leaves,
+  flash_program_clears, flash_power_cut,
+};
+// clang-format on
+
+// What a fault is in.
+enum class fault_part : uint8_t { service, ethernet, i2c, eeprom, expander, nvram, flash };
+
 struct fault_row {
+  fault_id id;
+  fault_part part;
   const char *name;   // as written on the command line
   const char *parms;  // parameters separated by a blank, "" for none:
                       //   key=LOW..HIGH            a number, must be given
@@ -23,15 +48,24 @@ struct fault_row {
 // Every fault the board knows, in the order in which --list-faults prints them.
 std::span<const fault_row> fault_table();
 
+// A parameter as given.
+struct fault_parm {
+  uint64_t value;
+  std::string_view word;  // the table's, "" for a number
+};
+
 // One fault as asked for: "NAME key=value ...", numbers in C notation.
 struct fault {
-  std::string name;
-  std::map<std::string, uint64_t, std::less<>> parm;  // what was given, and the defaults of what was not
-  std::string text;                                   // as it was asked for
+  fault_id id;
+  std::map<std::string, fault_parm, std::less<>> parms;  // what was given, and the defaults of what was not
+  std::string text;                                      // as it was asked for
 
+  [[nodiscard]] const fault_row &row() const;
   // The value of a parameter; `otherwise` if it was left out and has no default.
   [[nodiscard]] uint64_t get(std::string_view key, uint64_t otherwise = 0) const;
-  [[nodiscard]] bool has(std::string_view key) const { return parm.find(key) != parm.end(); }
+  [[nodiscard]] bool has(std::string_view key) const { return parms.find(key) != parms.end(); }
+  // The word of a parameter that takes one; "" if it was left out.
+  [[nodiscard]] std::string_view word(std::string_view key) const;
   // The parameter errno.
   [[nodiscard]] int error() const { return static_cast<int>(get("errno")); }
   // Whether the parameters bus and addr name this I2C device.

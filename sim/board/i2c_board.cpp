@@ -62,10 +62,6 @@ constexpr std::array image_rows{std::to_array<image_row>({
     {on_both,   nullptr, image_kind::dimm, 0,  0x55, 0,      protect::nothing,   "DIMM-2G",      ""},
 })};
 
-// The names above, in the order in which the fault table has them.
-constexpr std::array image_words{"sup", "bp", "dc1", "lc2", "lc3", "ps1", "ps2"};
-constexpr std::array block_words{"header", "main", "sensor", "wwn", "license"};
-
 enum class chip { pca9539, pca8575 };
 
 struct expander_row {
@@ -107,14 +103,9 @@ std::vector<T> present(const std::array<T, N> &rows, const options &opts) {
   return list;
 }
 
-// The place of a word among those of the fault table.
-size_t word(const fault &f, std::string_view key) {
-  return static_cast<size_t>(f.get(key));
-}
-
-const fault *device_fault(const options &opts, std::string_view name, uint32_t bus, uint8_t addr) {
+const fault *device_fault(const options &opts, fault_id id, uint32_t bus, uint8_t addr) {
   for (const auto &f : opts.faults)
-    if (f.name == name && f.is_at(bus, addr)) return &f;
+    if (f.id == id && f.is_at(bus, addr)) return &f;
   return nullptr;
 }
 
@@ -122,11 +113,11 @@ expander_pins pins_of(const expander_row &row, const options &opts) {
   expander_pins pins;
   if (row.straps < 16) {
     uint64_t straps = opts.family == family::tosk ? 2 : 0;
-    if (const auto *const f = opts.find("straps")) straps = f->get("value");
+    if (const auto *const f = opts.find(fault_id::straps)) straps = f->get("value");
     pins.level = static_cast<uint16_t>((pins.level & ~(3u << row.straps)) | straps << row.straps);
   }
   for (const auto &f : opts.faults) {
-    if (f.name != "pin-stuck" || !f.is_at(row.bus, row.addr)) continue;
+    if (f.id != fault_id::pin_stuck || !f.is_at(row.bus, row.addr)) continue;
     const auto pin = static_cast<uint16_t>(1u << f.get("pin"));
     pins.stuck = static_cast<uint16_t>(pins.stuck | pin);
     if (f.get("level") != 0) pins.stuck_level = static_cast<uint16_t>(pins.stuck_level | pin);
@@ -148,7 +139,7 @@ struct placed_expander {
 // The level of an EEPROM's protect pin, high where nothing drives it.
 std::function<bool()> protection(const image_row &row, const options &opts,
                                  const std::vector<placed_expander> &expanders) {
-  if (device_fault(opts, "eeprom-protected", row.bus, row.addr) != nullptr) return [] { return true; };
+  if (device_fault(opts, fault_id::eeprom_protected, row.bus, row.addr) != nullptr) return [] { return true; };
   if (row.pin == protect::nothing) return nullptr;
   if (row.pin == protect::port) return [] { return port_write_protected(); };
   const bool on_mezzanine = row.pin == protect::mezzanine;
@@ -165,13 +156,13 @@ std::vector<at24c512::setup::corruption> corruptions(const options &opts, uint32
   std::vector<at24c512::setup::corruption> list;
   for (const auto &f : opts.faults) {
     const auto bits = static_cast<uint8_t>(f.get("xor"));
-    if (f.name == "eeprom-corrupt" && f.is_at(bus, addr))
+    if (f.id == fault_id::eeprom_corrupt && f.is_at(bus, addr))
       list.push_back({static_cast<uint16_t>(f.get("offset")), bits});
-    if (f.name != "sprom-corrupt") continue;
+    if (f.id != fault_id::sprom_corrupt) continue;
     for (const auto &row : present(image_rows, opts)) {
       if (row.bus != bus || row.addr != addr || row.name == nullptr) continue;
-      if (row.name != std::string_view(image_words.at(word(f, "image")))) continue;
-      if (const auto *const block = image_block_of(row.kind, block_words.at(word(f, "block"))))
+      if (row.name != f.word("image")) continue;
+      if (const auto *const block = image_block_of(row.kind, f.word("block")))
         list.push_back({static_cast<uint16_t>(row.base + block->offset + f.get("offset")), bits});
     }
   }
@@ -181,7 +172,7 @@ std::vector<at24c512::setup::corruption> corruptions(const options &opts, uint32
 at24c512::setup setup_of(const image_row &row, const options &opts, const std::vector<placed_expander> &expanders) {
   at24c512::setup with;
   with.busy = opts.busy;
-  if (const auto *const f = device_fault(opts, "eeprom-busy", row.bus, row.addr)) {
+  if (const auto *const f = device_fault(opts, fault_id::eeprom_busy, row.bus, row.addr)) {
     with.busy = busy::polls;
     with.busy_polls = f->get("polls");
     with.busy_forever = with.busy_polls == 0;
@@ -222,19 +213,19 @@ std::string check_fault(const options &opts, const fault &f) {
   bool is_expander = false;
   if (f.has("addr") && !has_device(opts, f.get("bus"), f.get("addr"), &is_eeprom, &is_expander))
     return "the board has no such I2C device";
-  if (f.name.starts_with("eeprom-") && !is_eeprom) return "the device is no EEPROM";
-  if (f.name == "pin-stuck" && !is_expander) return "the device is no I/O expander";
-  if (f.name.starts_with("i2c-") && f.has("bus")) {
+  if (f.has("addr") && f.row().part == fault_part::eeprom && !is_eeprom) return "the device is no EEPROM";
+  if (f.id == fault_id::pin_stuck && !is_expander) return "the device is no I/O expander";
+  if (f.row().part == fault_part::i2c && f.has("bus")) {
     options healthy = opts;
     healthy.faults.clear();
     const auto numbers = i2c_bus_numbers(healthy);
     if (std::ranges::find(numbers, f.get("bus")) == numbers.end()) return "the board has no such I2C bus";
   }
-  if (f.name == "straps" && opts.family == family::dorvan) return "the board has no straps";
-  if (f.name != "sprom-corrupt") return "";
+  if (f.id == fault_id::straps && opts.family == family::dorvan) return "the board has no straps";
+  if (f.id != fault_id::sprom_corrupt) return "";
   for (const auto &row : present(image_rows, opts)) {
-    if (row.name == nullptr || row.name != std::string_view(image_words.at(word(f, "image")))) continue;
-    const auto *const block = image_block_of(row.kind, block_words.at(word(f, "block")));
+    if (row.name == nullptr || row.name != f.word("image")) continue;
+    const auto *const block = image_block_of(row.kind, f.word("block"));
     if (block == nullptr) return "the image has no such block";
     return f.get("offset") < block->length ? "" : "the block ends before this offset";
   }
@@ -252,7 +243,7 @@ std::vector<uint32_t> i2c_bus_numbers(const options &opts) {
   std::ranges::sort(numbers);
   numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
   for (const auto &f : opts.faults)
-    if (f.name == "i2c-bus-absent") std::erase(numbers, f.get("bus"));
+    if (f.id == fault_id::i2c_bus_absent) std::erase(numbers, f.get("bus"));
   return numbers;
 }
 

@@ -129,8 +129,8 @@ void take_program(command *cmd, std::span<const std::string> args) {
 
 }  // namespace
 
-const fault *options::find(std::string_view name) const {
-  const auto found = std::ranges::find_if(faults, [&](const fault &f) { return f.name == name; });
+const fault *options::find(fault_id id) const {
+  const auto found = std::ranges::find(faults, id, &fault::id);
   return found == faults.end() ? nullptr : &*found;
 }
 

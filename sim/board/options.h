@@ -27,8 +27,8 @@ struct options {
   bool real_times = false;  // flash timings of the real chip instead of the scaled ones
   std::vector<fault> faults;
 
-  // The first fault of that name, or null.
-  [[nodiscard]] const fault *find(std::string_view name) const;
+  // The first of these faults, or null.
+  [[nodiscard]] const fault *find(fault_id id) const;
 };
 
 // What the command line asks of the launcher itself.

@@ -222,7 +222,7 @@ bool devmem_start(const options &opts, std::string *error) {
   port_start(opts);
   refusals.clear();
   std::ranges::copy_if(opts.faults, std::back_inserter(refusals),
-                       [](const fault &f) { return f.name == "mem-mmap-refused"; });
+                       [](const fault &f) { return f.id == fault_id::mem_mmap_refused; });
   map_calls = 0;
   return true;
 }

@@ -97,8 +97,8 @@ i2c_bus::slot *i2c_bus::slot_of(uint8_t addr) {
 int i2c_bus::injected(slot *to) {
   for (const auto &f : m_opts.faults) {
     if (!f.is_at(m_number, to->addr)) continue;
-    if (f.name == "i2c-absent") return ENXIO;
-    if (f.name == "i2c-fail" && f.hits(to->transactions)) return f.error();
+    if (f.id == fault_id::i2c_absent) return ENXIO;
+    if (f.id == fault_id::i2c_fail && f.hits(to->transactions)) return f.error();
   }
   return 0;
 }

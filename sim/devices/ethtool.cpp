@@ -11,23 +11,22 @@ namespace sim {
 
 namespace {
 
-// In the order of the fault table's words.
 constexpr std::array ports{"eth0", "eth1", "eth2", "eth5"};
 
 struct sub_test {
   const char *text;  // as the controllers' driver names it
   bool online;       // runs without taking the port down
-  size_t fault;      // its place among the fault table's words
+  const char *word;  // as the fault table names it
 };
 
 // clang-format off
 constexpr std::array sub_tests{std::to_array<sub_test>({
-    // text                       online fault
-    {"Register test  (offline)",  false, 0},
-    {"Eeprom test    (offline)",  false, 1},
-    {"Interrupt test (offline)",  false, 2},
-    {"Loopback test  (offline)",  false, 3},
-    {"Link test   (on/offline)",  true,  4},
+    // text                       online word
+    {"Register test  (offline)",  false, "register"},
+    {"Eeprom test    (offline)",  false, "eeprom"},
+    {"Interrupt test (offline)",  false, "interrupt"},
+    {"Loopback test  (offline)",  false, "loopback"},
+    {"Link test   (on/offline)",  true,  "link"},
 })};
 // clang-format on
 
@@ -39,19 +38,20 @@ int usage() {
   return exit_usage;
 }
 
-uint64_t result_of(const options &opts, size_t port, const sub_test &test, bool online) {
+uint64_t result_of(const options &opts, std::string_view port, const sub_test &test, bool online) {
   if (online && !test.online) return 0;
   for (const auto &f : opts.faults)
-    if (f.name == "ethtool-fail" && f.get("port") == port && f.get("test") == test.fault) return f.get("code");
+    if (f.id == fault_id::ethtool_fail && f.word("port") == port && f.word("test") == test.word) return f.get("code");
   return 0;
 }
 
-bool is_silent(const options &opts, size_t port) {
-  return std::ranges::any_of(opts.faults,
-                             [&](const fault &f) { return f.name == "ethtool-silent" && f.get("port", port) == port; });
+bool is_silent(const options &opts, std::string_view port) {
+  return std::ranges::any_of(opts.faults, [&](const fault &f) {
+    return f.id == fault_id::ethtool_silent && (!f.has("port") || f.word("port") == port);
+  });
 }
 
-int self_test(const options &opts, size_t port, bool online) {
+int self_test(const options &opts, std::string_view port, bool online) {
   std::array<uint64_t, sub_tests.size()> results{};
   std::ranges::transform(sub_tests, results.begin(),
                          [&](const sub_test &test) { return result_of(opts, port, test, online); });
@@ -76,13 +76,12 @@ int ethtool_main(std::span<const std::string> args) {
   if (args.size() < 2 || args.size() > 3 || (args[0] != "-t" && args[0] != "--test")) return usage();
   const bool online = args.size() == 3 && args[2] == "online";
   if (args.size() == 3 && !online && args[2] != "offline") return usage();
-  const auto *const port = std::ranges::find(ports, args[1]);
-  if (port == ports.end()) {
+  const auto &port = args[1];
+  if (std::ranges::find(ports, port) == ports.end()) {
     (void)std::fputs("Cannot get driver information: No such device\n", stderr);
     return exit_no_device;
   }
-  const auto index = static_cast<size_t>(port - ports.begin());
-  return is_silent(*opts, index) ? 0 : self_test(*opts, index, online);
+  return is_silent(*opts, port) ? 0 : self_test(*opts, port, online);
 }
 
 }  // namespace sim

@@ -113,27 +113,28 @@ void flash_model::start(std::span<uint8_t> contents, const options &opts) {
   // clang-format on
 
   for (const auto &f : opts.faults) {
-    if (!f.name.starts_with("flash-")) continue;
-    if (f.name == "flash-silent") silent = true;
-    if (f.name == "flash-power-cut") writes_left = f.get("nth");
-    if (f.name == "flash-cfi") query_table.at(parm(f, "word")) = static_cast<uint16_t>(f.get("value"));
-    if (f.name == "flash-slow") {
+    if (f.row().part != fault_part::flash) continue;
+    if (f.id == fault_id::flash_silent) silent = true;
+    if (f.id == fault_id::flash_power_cut) writes_left = f.get("nth");
+    if (f.id == fault_id::flash_cfi) query_table.at(parm(f, "word")) = static_cast<uint16_t>(f.get("value"));
+    if (f.id == fault_id::flash_slow) {
       real_time = false;
       program_polls = f.get("program");
       erase_polls = f.get("erase");
     }
-    const bool line = data_lines.add(f, "flash-data-stuck", "flash-data-short") ||
-                      address_lines.add(f, "flash-addr-stuck", "flash-addr-short");
+    const bool line = data_lines.add(f, fault_id::flash_data_stuck, fault_id::flash_data_short) ||
+                      address_lines.add(f, fault_id::flash_addr_stuck, fault_id::flash_addr_short);
     if (line && f.get("commands") != 0) command_faults = true;
-    if (!line && !cells.add(f, "flash-cell-stuck", "flash-cell-coupled", contents.size())) faults.push_back(f);
+    if (!line && !cells.add(f, fault_id::flash_cell_stuck, fault_id::flash_cell_coupled, contents.size()))
+      faults.push_back(f);
   }
   plain = !silent && data_lines.healthy() && address_lines.healthy() && cells.healthy();
 }
 
-// The first fault of that name which names the sector, or none.
-const fault *flash_model::find(std::string_view name, uint32_t sector) const {
+// The first of these faults that names the sector, or none.
+const fault *flash_model::find(fault_id id, uint32_t sector) const {
   for (const auto &f : faults)
-    if (f.name == name && f.get("sector", sector) == sector) return &f;
+    if (f.id == id && f.get("sector", sector) == sector) return &f;
   return nullptr;
 }
 
@@ -351,7 +352,7 @@ void flash_model::busy_cycle(uint32_t offset, uint8_t code) {
 
 void flash_model::program(std::span<const word_load> words, unsigned typical_us, unsigned factor) {
   erasing_sectors.reset();
-  const fault *const hang = find("flash-program-hangs", sector_of(cell_offset(words[0].offset)));
+  const fault *const hang = find(fault_id::flash_program_hangs, sector_of(cell_offset(words[0].offset)));
   outcome = ending::success;
   if (hang != nullptr) {
     outcome = hang->get("dq5") != 0 ? ending::failure : ending::never;
@@ -373,7 +374,7 @@ bool flash_model::program_word(uint32_t offset, uint16_t data) {
     memory[cell.victim] &= static_cast<uint8_t>(~cell.victim_mask);
   const uint32_t sector = sector_of(at);
   for (const auto &f : faults) {
-    if (f.name == "flash-program-clears" && f.get("sector") == sector)
+    if (f.id == fault_id::flash_program_clears && f.get("sector") == sector)
       memory[sector * flash_sector_bytes + parm(f, "offset")] &= static_cast<uint8_t>(~(1U << parm(f, "bit")));
   }
   return after == data;
@@ -388,7 +389,7 @@ void flash_model::erase() {
   outcome = ending::success;
   for (uint32_t sector = 0; sector < flash_sectors; sector++) {
     if (!erasing_sectors[sector]) continue;
-    const fault *const hang = find("flash-erase-hangs", sector);
+    const fault *const hang = find(fault_id::flash_erase_hangs, sector);
     if (hang != nullptr) {
       outcome = hang->get("dq5") != 0 ? ending::failure : ending::never;
       break;
@@ -410,7 +411,7 @@ bool flash_model::erase_sector(uint32_t sector) {
     erased = erased && word == 0xFFFF;
   }
   for (const auto &f : faults) {
-    if (f.name == "flash-erase-leaves" && sector_of(parm(f, "offset")) == sector)
+    if (f.id == fault_id::flash_erase_leaves && sector_of(parm(f, "offset")) == sector)
       memory[parm(f, "offset")] &= static_cast<uint8_t>(~(1U << parm(f, "bit")));
   }
   return erased;

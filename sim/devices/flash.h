@@ -117,7 +117,7 @@ class flash_model {
   uint16_t toggles = 0;    // DQ6 and DQ2 as they stand
   bool data_bit7 = false;  // of the word last loaded
 
-  [[nodiscard]] const fault *find(std::string_view name, uint32_t sector) const;
+  [[nodiscard]] const fault *find(fault_id id, uint32_t sector) const;
   [[nodiscard]] uint32_t cell_offset(uint32_t offset) const;
   [[nodiscard]] uint16_t chip_read(uint32_t offset);
   [[nodiscard]] uint16_t array_word(uint32_t offset) const;

@@ -16,12 +16,12 @@ uint16_t in_word(uint32_t offset, uint8_t mask) {
 
 }  // namespace
 
-bool bus_lines::add(const fault &f, std::string_view stuck, std::string_view shorted) {
-  if (f.name == stuck) {
+bool bus_lines::add(const fault &f, fault_id stuck, fault_id shorted) {
+  if (f.id == stuck) {
     (f.get("level") != 0 ? stuck_high : stuck_low) |= bit(f.get("line"));
     return true;
   }
-  if (f.name != shorted) return false;
+  if (f.id != shorted) return false;
   shorts.push_back({bit(f.get("line")) | bit(f.get("other")), f.get("wins") != 0});
   return true;
 }
@@ -34,15 +34,15 @@ uint32_t bus_lines::pass(uint32_t levels) const {
   return (levels | stuck_high) & ~stuck_low;
 }
 
-bool bad_cells::add(const fault &f, std::string_view stuck_name, std::string_view coupled_name, size_t size) {
+bool bad_cells::add(const fault &f, fault_id stuck_id, fault_id coupled_id, size_t size) {
   const auto offset = static_cast<uint32_t>(f.get("offset"));
   const auto mask = static_cast<uint8_t>(bit(f.get("bit")));
-  if (f.name == stuck_name && offset < size) {
+  if (f.id == stuck_id && offset < size) {
     stuck.push_back({offset, mask, f.get("level") != 0});
     return true;
   }
   const auto victim = static_cast<uint32_t>(f.get("victim"));
-  if (f.name != coupled_name || offset >= size || victim >= size) return false;
+  if (f.id != coupled_id || offset >= size || victim >= size) return false;
   coupled.push_back({offset, mask, victim, static_cast<uint8_t>(bit(f.get("vbit")))});
   return true;
 }

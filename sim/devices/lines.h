@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <span>
-#include <string_view>
 #include <vector>
 
 #include "sim/board/fault.h"
@@ -15,7 +14,7 @@ class bus_lines {
  public:
   // Adds the fault if it is `stuck` (parameters line, level) or `shorted` (line, other, wins: the level that both
   // lines take when they differ). Returns whether it was.
-  bool add(const fault &f, std::string_view stuck, std::string_view shorted);
+  bool add(const fault &f, fault_id stuck, fault_id shorted);
 
   [[nodiscard]] bool healthy() const { return stuck_high == 0 && stuck_low == 0 && shorts.empty(); }
 
@@ -49,7 +48,7 @@ class bad_cells {
 
   // Adds the fault if it is `stuck` (offset, bit, level) or `coupled` (offset, bit, victim, vbit) and lies in a memory
   // of `size` bytes. Returns whether it was.
-  bool add(const fault &f, std::string_view stuck, std::string_view coupled, size_t size);
+  bool add(const fault &f, fault_id stuck, fault_id coupled, size_t size);
 
   [[nodiscard]] bool healthy() const { return stuck.empty() && coupled.empty(); }
 

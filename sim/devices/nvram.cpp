@@ -9,10 +9,10 @@ void nvram_model::start(std::span<uint8_t> contents, unsigned instance, const op
   *this = nvram_model{};
   memory = contents;
   for (const auto &f : opts.faults) {
-    if (!f.name.starts_with("nvram-") || f.get("instance") != instance) continue;
-    (void)(data.add(f, "nvram-data-stuck", "nvram-data-short") ||
-           address.add(f, "nvram-addr-stuck", "nvram-addr-short") ||
-           cells.add(f, "nvram-cell-stuck", "nvram-cell-coupled", contents.size()));
+    if (f.row().part != fault_part::nvram || f.get("instance") != instance) continue;
+    (void)(data.add(f, fault_id::nvram_data_stuck, fault_id::nvram_data_short) ||
+           address.add(f, fault_id::nvram_addr_stuck, fault_id::nvram_addr_short) ||
+           cells.add(f, fault_id::nvram_cell_stuck, fault_id::nvram_cell_coupled, contents.size()));
   }
 }
 

@@ -190,9 +190,9 @@ resources bridge_resources(const options &opts) {
   }
   for (const auto &f : opts.faults) {
     const auto bar = static_cast<size_t>(f.get("bar"));
-    if (f.name == "bar-missing") r.base[bar] = r.size[bar] = 0;
-    if (f.name == "bar-io") r.base[bar] = (r.base[bar] & ~uint64_t{bar_flags}) | bar_io;
-    if (f.name != "bar-64bit") continue;
+    if (f.id == fault_id::bar_missing) r.base[bar] = r.size[bar] = 0;
+    if (f.id == fault_id::bar_io) r.base[bar] = (r.base[bar] & ~uint64_t{bar_flags}) | bar_io;
+    if (f.id != fault_id::bar_64bit) continue;
     r.base[bar] = (r.base[bar] & ~uint64_t{bar_flags}) | bar_64bit;
     r.base[bar + 1] = f.get("high");
   }
@@ -218,7 +218,7 @@ std::string list_line(const options &opts, const pci_function &f) {
   const auto r = f.vendor == plx && f.device == plx_9030 ? bridge_resources(opts) : plain_resources(f);
   uint32_t ids = uint32_t{f.vendor} << 16 | f.device;
   for (const auto &fault : opts.faults)
-    if (fault.name == "pci-wrong-id" && is_at(f, fault))
+    if (fault.id == fault_id::pci_wrong_id && is_at(f, fault))
       ids = static_cast<uint32_t>(fault.get("vendor", f.vendor) << 16 | fault.get("device", f.device));
   char text[64];
   (void)std::snprintf(text, sizeof(text), "%04x\t%08x\t%x", position(f), ids, interrupt(f));
@@ -234,7 +234,7 @@ std::string list_line(const options &opts, const pci_function &f) {
 
 bool is_missing(const options &opts, const pci_function &f) {
   return std::ranges::any_of(opts.faults,
-                             [&](const fault &fault) { return fault.name == "pci-missing" && is_at(f, fault); });
+                             [&](const fault &fault) { return fault.id == fault_id::pci_missing && is_at(f, fault); });
 }
 
 }  // namespace
@@ -249,7 +249,7 @@ std::string pci_list(const options &opts) {
 std::string pci_check(const options &opts) {
   const auto list = healthy_functions(opts);
   for (const auto &fault : opts.faults) {
-    if (fault.name != "pci-missing" && fault.name != "pci-wrong-id") continue;
+    if (fault.id != fault_id::pci_missing && fault.id != fault_id::pci_wrong_id) continue;
     if (std::ranges::none_of(list, [&](const auto &f) { return is_at(f, fault); }))
       return "fault '" + fault.text + "': the board has no such PCI function";
   }

@@ -32,8 +32,8 @@ void port_start(const options &opts) {
   stuck_high = stuck_low = 0;
   refusal = level = 0;
   for (const auto &f : opts.faults) {
-    if (f.name == "iopl-refused") refusal = f.error();
-    if (f.name == "port-stuck") (f.get("level") != 0 ? stuck_high : stuck_low) |= 1U << f.get("bit");
+    if (f.id == fault_id::iopl_refused) refusal = f.error();
+    if (f.id == fault_id::port_stuck) (f.get("level") != 0 ? stuck_high : stuck_low) |= 1U << f.get("bit");
   }
 }
 

@@ -44,10 +44,10 @@ uint64_t tsc_khz() {
 }
 
 std::string cpuinfo(const options &opts, uint64_t khz) {
-  if (const auto *const f = opts.find("cpuinfo-rate")) khz = f->get("khz");
+  if (const auto *const f = opts.find(fault_id::cpuinfo_rate)) khz = f->get("khz");
   char rate[64];
   (void)std::snprintf(rate, sizeof(rate), "cpu MHz\t\t: %" PRIu64 ".%03" PRIu64 "\n", khz / 1000, khz % 1000);
-  if (opts.find("cpuinfo-no-rate") != nullptr) rate[0] = '\0';
+  if (opts.find(fault_id::cpuinfo_no_rate) != nullptr) rate[0] = '\0';
   return std::string(
              "processor\t: 0\n"
              "vendor_id\t: GenuineIntel\n"

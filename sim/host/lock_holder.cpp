@@ -4,6 +4,7 @@
 #include <sys/wait.h>
 #include <time.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstring>
@@ -15,9 +16,25 @@ namespace sim {
 
 namespace {
 
-// In the order of the fault table's words.
-constexpr std::array lock_names{"RTC_NVRAM0", "RTC_NVRAM1", "RTC_NVRAM2", "OBFL_Flash0"};
-constexpr std::array lock_kinds{"read", "write"};
+// The locks of a device, by the fault's word.
+struct lock_row {
+  const char *word;
+  const char *name;
+};
+
+// clang-format off
+constexpr std::array lock_rows{std::to_array<lock_row>({
+    {"nvram0", "RTC_NVRAM0"},
+    {"nvram1", "RTC_NVRAM1"},
+    {"nvram2", "RTC_NVRAM2"},
+    {"flash",  "OBFL_Flash0"},
+})};
+// clang-format on
+
+std::string lock_path(const std::string &directory, const fault &f) {
+  const auto *const row = std::ranges::find(lock_rows, f.word("lock"), &lock_row::word);
+  return directory + "/" + row->name + "-" + std::string(f.word("kind")) + ".lock";
+}
 
 // Takes an exclusive lock on the file's first byte, tells through the pipe whether it has it, and keeps it.
 [[noreturn]] void hold(const std::string &path, uint64_t ms, int told) {
@@ -40,10 +57,9 @@ constexpr std::array lock_kinds{"read", "write"};
 std::optional<std::vector<pid_t>> lock_holders_start(const options &opts, std::string *error) {
   std::vector<pid_t> holders;
   for (const auto &f : opts.faults) {
-    if (f.name != "lock-held") continue;
+    if (f.id != fault_id::lock_held) continue;
     const auto directory = opts.state + "/var/lock";
-    const auto path = directory + "/" + lock_names.at(static_cast<size_t>(f.get("lock"))) + "-" +
-                      lock_kinds.at(static_cast<size_t>(f.get("kind"))) + ".lock";
+    const auto path = lock_path(directory, f);
     int ends[2];
     if (!make_directories(directory) || pipe2(ends, O_CLOEXEC) != 0) {
       *error = directory + ": " + std::strerror(errno);

@@ -15,22 +15,25 @@ namespace {
 
 struct path_row {
   const char *path;
-  bool tree;              // with all that lies below
-  const char *missing;    // fault: it does not exist
-  const char *failing;    // fault: opening fails with the errno that the fault names
-  const char *read_only;  // fault: it cannot be written
+  bool tree;                          // with all that lies below
+  std::optional<fault_id> missing;    // it does not exist
+  std::optional<fault_id> failing;    // opening fails with the errno that the fault names
+  std::optional<fault_id> read_only;  // it cannot be written
   sim::device device;
 };
 
+using id = fault_id;
+constexpr std::nullopt_t none = std::nullopt;
+
 // clang-format off
 constexpr std::array path_rows{std::to_array<path_row>({
-    // path                  tree    missing             failing                read-only             device
-    {"/post",                true,   "post-missing",     nullptr,               nullptr,              device::none},
-    {"/var/lock",            true,   "lock-dir-missing", nullptr,               "lock-dir-read-only", device::none},
-    {"/proc/bus/pci/devices", false, nullptr,            "pci-list-unreadable", nullptr,              device::none},
-    {"/proc/cpuinfo",        false,  "cpuinfo-missing",  nullptr,               nullptr,              device::none},
-    {"/dev/sprom",           false,  "sprom-absent",     nullptr,               nullptr,              device::sprom},
-    {"/dev/mem",             false,  nullptr,            "mem-absent",          nullptr,              device::mem},
+    // path                   tree   missing               failing                  read-only               device
+    {"/post",                 true,  id::post_missing,     none,                    none,                   device::none},
+    {"/var/lock",             true,  id::lock_dir_missing, none,                    id::lock_dir_read_only, device::none},
+    {"/proc/bus/pci/devices", false, none,                 id::pci_list_unreadable, none,                   device::none},
+    {"/proc/cpuinfo",         false, id::cpuinfo_missing,  none,                    none,                   device::none},
+    {"/dev/sprom",            false, id::sprom_absent,     none,                    none,                   device::sprom},
+    {"/dev/mem",              false, none,                 id::mem_absent,          none,                   device::mem},
 })};
 // clang-format on
 
@@ -39,8 +42,8 @@ constexpr std::string_view i2c_prefix = "/dev/i2c-";
 // Characters of a command beside which a path may begin or end.
 constexpr std::string_view delimiters = " \t\n'\"<>|&;()`=:,";
 
-bool has_fault(const options &opts, const char *name) {
-  return name != nullptr && opts.find(name) != nullptr;
+const fault *find_fault(const options &opts, std::optional<fault_id> wanted) {
+  return wanted ? opts.find(*wanted) : nullptr;
 }
 
 // Resolves empty, "." and ".." parts of an absolute path by its text alone.
@@ -111,9 +114,9 @@ std::optional<redirection> redirect(const options &opts, std::string_view path, 
   if (clean.starts_with(i2c_prefix)) return redirect_i2c(opts, clean);
   const auto *const row = row_of(clean);
   if (row == nullptr) return std::nullopt;
-  redirection to{place(opts, has_fault(opts, row->missing), clean), 0, row->device, 0};
-  if (has_fault(opts, row->failing)) to.error = opts.find(row->failing)->error();
-  if (writing && has_fault(opts, row->read_only)) to.error = EROFS;
+  redirection to{place(opts, find_fault(opts, row->missing) != nullptr, clean), 0, row->device, 0};
+  if (const auto *const f = find_fault(opts, row->failing)) to.error = f->error();
+  if (writing && find_fault(opts, row->read_only) != nullptr) to.error = EROFS;
   return to;
 }
 

@@ -110,8 +110,8 @@ TEST(sim_options, travel_as_lines_without_loss) {
   const auto opts = sim::options_parse_lines(lines + " \t nth=7 ", &error).value();
   EXPECT_EQ(sim::options_format(opts), lines + " nth=7");
   EXPECT_EQ(opts.change_bits, 0x123456789abcdef0U);
-  EXPECT_EQ(opts.find("ethtool-fail")->get("test"), 3U);
-  const auto *const f = opts.find("i2c-fail");
+  EXPECT_EQ(opts.find(sim::fault_id::ethtool_fail)->get("test"), 3U);
+  const auto *const f = opts.find(sim::fault_id::i2c_fail);
   EXPECT_EQ(f->get("bus") << 8 | f->get("addr"), 0x1152U);
   EXPECT_EQ(f->get("nth") << 8 | f->get("times"), 0x0701U);
 }
