@@ -74,11 +74,10 @@ cfi_pair_t read_cfi(uint32_t inst, uint32_t typ_offset, uint32_t max_offset) {
   return pair;
 }
 
-// The low 32 bits of a time; all ones from 2^64 on.
-uint32_t time_of(double value) {
-  constexpr double limit = 18446744073709551616.0;
-  if (!(value < limit)) return UINT32_MAX;
-  return static_cast<uint32_t>(static_cast<uint64_t>(value));
+// The low 32 bits of a time. A power of two has none of them set from 2^32 on.
+uint32_t time_of(double power_of_two) {
+  constexpr double limit = 4294967296.0;
+  return power_of_two < limit ? static_cast<uint32_t>(power_of_two) : 0;
 }
 
 void unlock(uint32_t inst) {
@@ -94,9 +93,8 @@ struct polls_t {
 
 // typ and max in units of `unit` microseconds.
 constexpr polls_t polls_of(uint32_t typ, uint32_t max, uint32_t unit, uint32_t fallback_us) {
-  if (typ == 0 || typ > OBFL_POLL_MAX_US / unit) return {1, fallback_us};
-  const uint32_t usec = typ * unit;
-  return {std::clamp(max / typ, 1U, OBFL_WAIT_MAX_US / usec), usec};
+  if (typ == 0 || typ > UINT32_MAX / unit) return {1, fallback_us};
+  return {std::max(max / typ, 1U), typ * unit};
 }
 
 // Polls until `running` bits no longer toggle, all of them.
