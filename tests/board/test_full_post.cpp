@@ -343,8 +343,11 @@ TEST(start_up, ends_when_a_device_cannot_be_reached) {
        not_found + failed_call(find_call, "3901 (PCI_ERR_DEVICE_NOT_FOUND)") +
            failed_call("obfl_sw_init()", "3901 (PCI_ERR_DEVICE_NOT_FOUND)") + obfl_assert,
        ""},
-      {"bar-missing bar=5", "", "mmap_acc_init: Assertion `len' failed.\n"},
-      {"bar-missing bar=3", flash_mapped, "mmap_acc_init: Assertion `len' failed.\n"},
+      {"bar-missing bar=5", "obfl_sw_init(): ERROR: OBFL_Flash0: no size in base address register 0x24\n",
+       "mmap_acc_init: Assertion `len' failed.\n"},
+      {"bar-missing bar=3",
+       flash_mapped + "nvram_sw_init(): ERROR: RTC_NVRAM1: no size in base address register 0x1c\n",
+       "mmap_acc_init: Assertion `len' failed.\n"},
       {"bar-64bit bar=2",
        flash_mapped + "_pci_find_cb_base_len(): ERROR: PCI BAR 2 is a 64-bit memory space for 0x2e:0x0:0x0\n" +
            failed_call(find_call, "3903 (PCI_ERR_64_BIT_MEMORY_SPACE)") +

@@ -129,6 +129,7 @@ uint32_t obfl_sw_init() {
   uint32_t rc = diag_call_status("mmap_get_map_pci( HWTYPE_PLX_PCI, 0, bar, &addr, &len)",
                                  mmap_get_map_pci(HWTYPE_PLX_PCI, 0, obfl_bar, &addr, &len));
   if (rc != HW_SUCCESS) return rc;
+  if (len == 0) hw_acc_report_no_size(__func__, OBFL_FLASH_DEV_NAME, 0, obfl_bar);
   if (mmap_info == nullptr) mmap_info = static_cast<mmap_info_t *>(malloc(mmap_acc_sizeof(OBFL_INST_MAX)));
   if (mmap_info == nullptr) return HW_ERR_MALLOC;
   rc = DIAG_CALL("mmap_acc_init( mmap_info, OBFL_FLASH_DEV_NAME, OBFL_INST_MAX, &addr, len, OBFL_WORD_SIZE, dev)",

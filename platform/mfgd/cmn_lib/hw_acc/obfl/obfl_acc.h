@@ -66,7 +66,7 @@ struct obfl_timeout_t {
 uint32_t obfl_libinit();
 
 // Finds the flash behind the last base address register of the board's PLX PCI 9030 bridge and maps it. Does nothing
-// once that has succeeded.
+// once that has succeeded. A region of length 0 fails a standard assertion after a message.
 // Returns HW_SUCCESS, HW_ERR_MALLOC, or the status of the look-up or mapping that failed, which was reported. Nothing
 // is mapped when the look-up fails.
 [[nodiscard]] uint32_t obfl_sw_init();
