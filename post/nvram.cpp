@@ -13,6 +13,7 @@
 #include "platform/mfgd/hw_acc/hwtype_defs.h"
 #include "post/pfm_card.h"
 #include "post/post_tbl.h"
+#include "post/signal_hold.h"
 
 namespace {
 
@@ -169,6 +170,7 @@ uint32_t test_instance(uint32_t inst) {
   if (!saved) return status_no_memory;
   for (uint32_t i = 0; i < words; ++i)
     saved[i] = rd(inst, 2 * i);
+  const signal_hold until_restored;
   const bool passed = data_phase(inst) && address_phase(inst, words) && pattern_phase(inst, words);
   for (uint32_t i = 0; i < words; ++i)
     wr(inst, 2 * i, saved[i]);
