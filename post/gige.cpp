@@ -9,6 +9,7 @@
 #include <array>
 
 #include "platform/mfgd/cmn_lib/diag_util/owner.h"
+#include "post/dorvan/cards.h"
 #include "post/pfm_card.h"
 #include "post/post_tbl.h"
 
@@ -95,7 +96,8 @@ uint32_t dorvan_nic_lpback_test(uint32_t, uint32_t *result, uint32_t device, uin
 int32_t gige_test(int port) {
   uint16_t card_index = PFM_CARD_UNKNOWN;
   if (const uint32_t status = pfm_get_card_index(&card_index); status != 0) return static_cast<int32_t>(status);
-  if ((port == 1 || port == 2) && (card_index == PFM_CARD_11062 || card_index == PFM_CARD_11111)) return 0;
+  const dorvan_card_t *const card = dorvan_card(card_index);
+  if (card != nullptr && std::ranges::count(card->untested_ports, port) != 0) return 0;
 
   line_buffer command;
   (void)snprintf(

@@ -8,7 +8,7 @@ extern "C" {
 uint32_t dorvan_nic_lpback_test(uint32_t reserved, uint32_t *result, uint32_t device, uint32_t *scratch);
 
 // Runs `ethtool -t eth<port>`, online in the short test, and judges its report. /post/ethtool.log holds the report
-// meanwhile. eth1 and eth2 pass untested on cards 11062 and 11111.
+// meanwhile. Ports that the card leaves untested pass.
 // Returns 0 for a pass, 1 for a failure, the non-zero result of the card index read.
 [[nodiscard]] int32_t gige_test(int port);
 }

@@ -11,6 +11,7 @@
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_pci_velto_or.h"
 #include "platform/mfgd/cmn_lib/hw_acc/nvram/nvram_acc_velto.h"
 #include "platform/mfgd/hw_acc/hwtype_defs.h"
+#include "post/dorvan/cards.h"
 #include "post/pfm_card.h"
 #include "post/post_tbl.h"
 #include "post/signal_hold.h"
@@ -177,9 +178,13 @@ uint32_t test_instance(uint32_t inst) {
   return passed ? 0 : status_failed;
 }
 
-// How many of the instances the card's test covers.
+static_assert(std::ranges::max(dorvan_cards, {}, &dorvan_card_t::nvram_instances).nvram_instances <=
+              RTC_NVRAM_INST_MAX);
+
+// How many of the instances the card's test covers: all of them on an unknown card.
 uint32_t instances_of(uint16_t card_index) {
-  return card_index == PFM_CARD_11096 || card_index == PFM_CARD_11061 ? 1U : RTC_NVRAM_INST_MAX;
+  const dorvan_card_t *const card = dorvan_card(card_index);
+  return card != nullptr ? card->nvram_instances : RTC_NVRAM_INST_MAX;
 }
 
 }  // namespace

@@ -1,9 +1,8 @@
+#include "post/dorvan/pcie_tbl.h"
+
 #include <stddef.h>
 
-#include <array>
-
 #include "platform/mfgd/hw_acc/switch_asic.h"
-#include "post/pcie.h"
 
 namespace {
 
