@@ -56,7 +56,7 @@ uint32_t nvram_sw_init() {
   regions_t regions = {};
   const uint32_t found = find_regions(&regions);
   if (nvram_initialised != 0) return HW_SUCCESS;
-  uint32_t rc = diag_call_status("mmap_get_map_pci( HWTYPE_PLX_PCI, 0, bar, &addr, &len)", found);
+  uint32_t rc = DIAG_CALL_STATUS("mmap_get_map_pci( HWTYPE_PLX_PCI, 0, bar, &addr, &len)", found);
   if (rc != HW_SUCCESS) return rc;
   const uint32_t len = common_length(regions, __func__);
   if (mmap_info == nullptr) mmap_info = static_cast<mmap_info_t *>(malloc(mmap_acc_sizeof(RTC_NVRAM_INST_MAX)));

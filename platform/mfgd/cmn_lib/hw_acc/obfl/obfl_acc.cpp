@@ -126,7 +126,7 @@ uint32_t obfl_sw_init() {
   if (obfl_initialised != 0) return HW_SUCCESS;
   uint32_t addr = 0;
   uint32_t len = 0;
-  uint32_t rc = diag_call_status("mmap_get_map_pci( HWTYPE_PLX_PCI, 0, bar, &addr, &len)",
+  uint32_t rc = DIAG_CALL_STATUS("mmap_get_map_pci( HWTYPE_PLX_PCI, 0, bar, &addr, &len)",
                                  mmap_get_map_pci(HWTYPE_PLX_PCI, 0, obfl_bar, &addr, &len));
   if (rc != HW_SUCCESS) return rc;
   if (len == 0) hw_acc_report_no_size(__func__, OBFL_FLASH_DEV_NAME, 0, obfl_bar);
