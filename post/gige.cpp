@@ -87,7 +87,7 @@ int32_t judge_log(int port) {
 
 }  // namespace
 
-uint32_t dorvan_nic_lpback_test(uint32_t, uint32_t *result, uint32_t device, uint32_t *) {
+uint32_t dorvan_nic_lpback_test(uint32_t /*reserved*/, uint32_t *result, uint32_t device, uint32_t * /*scratch*/) {
   const auto status = static_cast<uint32_t>(gige_test(device == 3 ? 5 : static_cast<int>(device)));
   *result = post_result_of(status);
   return status;

@@ -1,4 +1,8 @@
 // gige.h: the Ethernet controllers' self-test, run through ethtool.
+//
+// Detects what the controller's register, EEPROM, interrupt and loopback tests report, a missing interface and a
+// missing ethtool. Does not detect a bad link, plug or cable: a failure in which those four read 0 counts as a pass. A
+// result is taken for a 0 if its line has that digit anywhere, so that 10 passes, too.
 #pragma once
 
 #include <stdint.h>

@@ -67,13 +67,13 @@ class line_offsets {
   explicit line_offsets(uint32_t words) {
     const uint32_t mask = words - 1;
     for (uint32_t offset = 2; (offset & mask) != 0; offset *= 2)
-      offsets_[count_++] = offset;
+      m_offsets[m_count++] = offset;
   }
-  [[nodiscard]] std::span<const uint32_t> all() const { return {offsets_.data(), count_}; }
+  [[nodiscard]] std::span<const uint32_t> all() const { return {m_offsets.data(), m_count}; }
 
  private:
-  std::array<uint32_t, 31> offsets_{};
-  size_t count_ = 0;
+  std::array<uint32_t, 31> m_offsets{};
+  size_t m_count = 0;
 };
 
 bool alias_error(uint32_t inst, uint32_t written, uint32_t changed) {
@@ -189,8 +189,6 @@ uint32_t instances_of(uint16_t card_index) {
 
 }  // namespace
 
-extern "C" {
-
 void memory_error(uint16_t expected, uint32_t offset, uint16_t actual) {
   printf("0x%08x: Expected 0x%x Actual 0x%x\n", offset, uint32_t{expected}, uint32_t{actual});
 }
@@ -213,5 +211,3 @@ uint32_t dorvan_nvram_test(uint32_t /*reserved*/, uint32_t *result, uint32_t /*d
   *result = post_result_of(status);
   return status;
 }
-
-}  // extern "C"

@@ -95,8 +95,6 @@ uint32_t run_sector_tests(uint16_t *buffer, obfl_timeout_t timeout) {
 
 }  // namespace
 
-extern "C" {
-
 uint32_t dorvan_obfl_test(uint32_t /*reserved*/, uint32_t *result, uint32_t /*device*/, uint32_t * /*scratch*/) {
   const uint32_t status = obfl_post_test();
   *result = post_result_of(status);
@@ -169,5 +167,3 @@ uint32_t obfl_test(const char * /*label*/, uint32_t inst, uint32_t n, const obfl
   }
   return 0;
 }
-
-}  // extern "C"

@@ -66,7 +66,7 @@ void report_detection() {
 
 }  // namespace
 
-uint32_t dorvan_pcie_test(uint32_t, uint32_t *result, uint32_t device, uint32_t *) {
+uint32_t dorvan_pcie_test(uint32_t /*reserved*/, uint32_t *result, uint32_t device, uint32_t * /*scratch*/) {
   if (pcie_scan_pending != 0) {
     (void)pciscan_test(&pcie_fail_mask);
     pcie_scan_pending = 0;

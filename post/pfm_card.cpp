@@ -11,7 +11,7 @@ namespace {
 
 constexpr char sprom_device[] = "/dev/sprom";
 
-// `what` names the answer in the message.
+// Asks the SPROM kernel driver; `what` names the answer in the message.
 uint32_t query_driver(uint32_t request, const char *what, uint16_t *answer) {
   sprom_ioctl_req req{3, 0, 0, 0, 4, 0, 0, answer, 0};
   const unique_fd fd(open(sprom_device, O_RDWR));
