@@ -1,4 +1,8 @@
 // gige.h: the Ethernet controllers' self-test, run through ethtool.
+//
+// Detects what the controller's register, EEPROM, interrupt and loopback tests report, a missing interface and a
+// missing ethtool. Does not detect a bad link, plug or cable: a failure in which those four read 0 counts as a pass. A
+// result is taken for a 0 if its line has that digit anywhere, so that 10 passes, too.
 #pragma once
 
 #include <stdint.h>
@@ -8,7 +12,7 @@ extern "C" {
 uint32_t dorvan_nic_lpback_test(uint32_t reserved, uint32_t *result, uint32_t device, uint32_t *scratch);
 
 // Runs `ethtool -t eth<port>`, online in the short test, and judges its report. /post/ethtool.log holds the report
-// meanwhile. eth1 and eth2 pass untested on cards 11062 and 11111.
+// meanwhile. Ports that the card leaves untested pass.
 // Returns 0 for a pass, 1 for a failure, the non-zero result of the card index read.
 [[nodiscard]] int32_t gige_test(int port);
 }

@@ -11,8 +11,10 @@
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_pci_velto_or.h"
 #include "platform/mfgd/cmn_lib/hw_acc/nvram/nvram_acc_velto.h"
 #include "platform/mfgd/hw_acc/hwtype_defs.h"
+#include "post/dorvan/cards.h"
 #include "post/pfm_card.h"
 #include "post/post_tbl.h"
+#include "post/signal_hold.h"
 
 namespace {
 
@@ -65,13 +67,13 @@ class line_offsets {
   explicit line_offsets(uint32_t words) {
     const uint32_t mask = words - 1;
     for (uint32_t offset = 2; (offset & mask) != 0; offset *= 2)
-      offsets_[count_++] = offset;
+      m_offsets[m_count++] = offset;
   }
-  [[nodiscard]] std::span<const uint32_t> all() const { return {offsets_.data(), count_}; }
+  [[nodiscard]] std::span<const uint32_t> all() const { return {m_offsets.data(), m_count}; }
 
  private:
-  std::array<uint32_t, 31> offsets_{};
-  size_t count_ = 0;
+  std::array<uint32_t, 31> m_offsets{};
+  size_t m_count = 0;
 };
 
 bool alias_error(uint32_t inst, uint32_t written, uint32_t changed) {
@@ -169,20 +171,23 @@ uint32_t test_instance(uint32_t inst) {
   if (!saved) return status_no_memory;
   for (uint32_t i = 0; i < words; ++i)
     saved[i] = rd(inst, 2 * i);
+  const signal_hold until_restored;
   const bool passed = data_phase(inst) && address_phase(inst, words) && pattern_phase(inst, words);
   for (uint32_t i = 0; i < words; ++i)
     wr(inst, 2 * i, saved[i]);
   return passed ? 0 : status_failed;
 }
 
-// How many of the instances the card's test covers.
+static_assert(std::ranges::max(dorvan_cards, {}, &dorvan_card_t::nvram_instances).nvram_instances <=
+              RTC_NVRAM_INST_MAX);
+
+// How many of the instances the card's test covers: all of them on an unknown card.
 uint32_t instances_of(uint16_t card_index) {
-  return card_index == PFM_CARD_11096 || card_index == PFM_CARD_11061 ? 1U : RTC_NVRAM_INST_MAX;
+  const dorvan_card_t *const card = dorvan_card(card_index);
+  return card != nullptr ? card->nvram_instances : RTC_NVRAM_INST_MAX;
 }
 
 }  // namespace
-
-extern "C" {
 
 void memory_error(uint16_t expected, uint32_t offset, uint16_t actual) {
   printf("0x%08x: Expected 0x%x Actual 0x%x\n", offset, uint32_t{expected}, uint32_t{actual});
@@ -206,5 +211,3 @@ uint32_t dorvan_nvram_test(uint32_t /*reserved*/, uint32_t *result, uint32_t /*d
   *result = post_result_of(status);
   return status;
 }
-
-}  // extern "C"

@@ -8,6 +8,7 @@
 #include "platform/mfgd/cmn_lib/diag_util/diag_assert.h"
 #include "platform/mfgd/cmn_lib/diag_util/owner.h"
 #include "post/post_tbl.h"
+#include "post/signal_hold.h"
 
 namespace {
 
@@ -58,6 +59,17 @@ constexpr list_t one_set = make_list([](uint32_t b) { return 2U << b; }, [](uint
 constexpr list_t one_clear =
     make_list([](uint32_t b) { return 0x1FFFE & ~(1U << b); }, [](uint32_t b) { return 16 + b; });
 
+// A null buffer saves nothing.
+void save_sector(uint32_t inst, uint16_t sector, uint16_t *buffer) {
+  if (buffer != nullptr) obfl_sector_rd(inst, sector_addr_of(sector), buffer);
+}
+
+uint32_t erase_sector(uint32_t inst, uint16_t sector, obfl_timeout_t timeout) {
+  if (obfl_sector_erase(inst, sector_addr_of(sector), timeout) == 0) return 0;
+  puts("## Error : obfl_sector_erase failed ");
+  return OBFL_TEST_ERASE_FAILED;
+}
+
 uint32_t test_list(const char *label, uint32_t inst, uint16_t sector, const list_t &list, obfl_timeout_t timeout) {
   std::array<obfl_addr_t, words_max> addr;
   for (uint32_t i = 0; i < words_max; ++i)
@@ -83,8 +95,6 @@ uint32_t run_sector_tests(uint16_t *buffer, obfl_timeout_t timeout) {
 
 }  // namespace
 
-extern "C" {
-
 uint32_t dorvan_obfl_test(uint32_t /*reserved*/, uint32_t *result, uint32_t /*device*/, uint32_t * /*scratch*/) {
   const uint32_t status = obfl_post_test();
   *result = post_result_of(status);
@@ -99,29 +109,25 @@ uint32_t obfl_post_test() {
 
 uint32_t obfl_sector_test(obfl_subtest_t subtest, uint32_t inst, uint16_t sector, uint16_t *buffer,
                           obfl_timeout_t timeout) {
-  const uint32_t setup = obfl_sector_setup(inst, sector, buffer, timeout);
-  if (setup != 0) return setup;
+  save_sector(inst, sector, buffer);
+  const signal_hold until_restored;
+  const uint32_t erased = erase_sector(inst, sector, timeout);
+  if (erased != 0) return erased;
   const uint32_t tested = subtest(inst, sector, timeout);
   const uint32_t cleanup = obfl_sector_cleanup(inst, sector, buffer, timeout);
   return tested != 0 ? tested : cleanup;
 }
 
 uint32_t obfl_sector_setup(uint32_t inst, uint16_t sector, uint16_t *buffer, obfl_timeout_t timeout) {
-  const obfl_addr_t sector_addr = sector_addr_of(sector);
-  if (buffer != nullptr) obfl_sector_rd(inst, sector_addr, buffer);
-  if (obfl_sector_erase(inst, sector_addr, timeout) == 0) return 0;
-  puts("## Error : obfl_sector_erase failed ");
-  return OBFL_TEST_ERASE_FAILED;
+  save_sector(inst, sector, buffer);
+  return erase_sector(inst, sector, timeout);
 }
 
 uint32_t obfl_sector_cleanup(uint32_t inst, uint16_t sector, const uint16_t *buffer, obfl_timeout_t timeout) {
-  const obfl_addr_t sector_addr = sector_addr_of(sector);
-  if (obfl_sector_erase(inst, sector_addr, timeout) != 0) {
-    puts("## Error : obfl_sector_erase failed ");
-    return OBFL_TEST_ERASE_FAILED;
-  }
+  const uint32_t erased = erase_sector(inst, sector, timeout);
+  if (erased != 0) return erased;
   if (buffer == nullptr) return 0;
-  if (obfl_sector_wr(inst, sector_addr, buffer, timeout) == 0) return 0;
+  if (obfl_sector_wr(inst, sector_addr_of(sector), buffer, timeout) == 0) return 0;
   puts("## Error : obfl_sector_wr failed ");
   return OBFL_TEST_WRITE_FAILED;
 }
@@ -161,5 +167,3 @@ uint32_t obfl_test(const char * /*label*/, uint32_t inst, uint32_t n, const obfl
   }
   return 0;
 }
-
-}  // extern "C"

@@ -1,5 +1,14 @@
 // obfl.h: data lines and address lines of the on-board failure logging flash. The log is kept: every sector that
 // is tested is saved and erased first, erased and written back afterwards.
+//
+// Detects data lines stuck or shorted, address lines stuck or shorted within a sector, and erases and programs that do
+// not end.
+//
+// Does not detect
+//   - address lines that select a sector, stuck or shorted: each sector is tested alone, and the word that names it is
+//     read back before the next one is written, so that two numbers of one sector are never told apart;
+//   - the topmost line within a sector, stuck: no two words that are written differ by it alone;
+//   - bad cells beyond the few words that are written, unless an erase or the restore runs into one.
 #pragma once
 
 #include <stdint.h>

@@ -8,6 +8,7 @@
 #include <span>
 
 #include "platform/mfgd/cmn_lib/diag_util/owner.h"
+#include "post/dorvan/cards.h"
 #include "post/hw_change_bits.h"
 #include "post/pfm_card.h"
 #include "post/post_tbl.h"
@@ -47,31 +48,6 @@ pci_scan_entry parse_line(const char *line) {
   return entry;
 }
 
-enum class choice { table, nothing_to_compare, unknown_card };
-
-choice choose_table(uint16_t card_index, uint64_t change_bits, std::span<const pci_dev_tbl_entry> *table) {
-  switch (card_index) {
-    case PFM_CARD_11061:
-    case PFM_CARD_11099:
-      *table = pci_dev_tbl_dorvan_a;
-      return choice::table;
-    case PFM_CARD_11062:
-    case PFM_CARD_11111:
-      if (change_bits > 2) return choice::nothing_to_compare;
-      *table = change_bits == 0 ? pci_dev_tbl_dorvan_b : pci_dev_tbl_dorvan_b_p1;
-      return choice::table;
-    case PFM_CARD_11079:
-    case PFM_CARD_11080:
-      *table = pci_dev_tbl_dorvan_c;
-      return choice::table;
-    case PFM_CARD_11096:
-      *table = pci_dev_tbl_dorvan_d;
-      return choice::table;
-    default:
-      return choice::unknown_card;
-  }
-}
-
 // Bit 4 stands for no row.
 uint32_t fail_bit(size_t row) {
   return 1U << ((row < 4 ? row : row + 1) % 32);
@@ -90,7 +66,7 @@ void report_detection() {
 
 }  // namespace
 
-uint32_t dorvan_pcie_test(uint32_t, uint32_t *result, uint32_t device, uint32_t *) {
+uint32_t dorvan_pcie_test(uint32_t /*reserved*/, uint32_t *result, uint32_t device, uint32_t * /*scratch*/) {
   if (pcie_scan_pending != 0) {
     (void)pciscan_test(&pcie_fail_mask);
     pcie_scan_pending = 0;
@@ -105,18 +81,13 @@ int32_t pciscan_test(uint32_t *fail_mask) {
   if (const int32_t status = pci_scan_devices(); status != 0) return status;
   if (const uint32_t status = pfm_get_card_index(&card_index); status != 0) return static_cast<int32_t>(status);
 
-  std::span<const pci_dev_tbl_entry> table;
-  switch (choose_table(card_index, dorvan_post_hw_change_bits_get(), &table)) {
-    case choice::table:
-      break;
-    case choice::nothing_to_compare:
-      return 0;
-    case choice::unknown_card:
-      puts("Invalid card detected");
-      report_detection();
-      return 1;
+  const dorvan_card_t *const card = dorvan_card(card_index);
+  if (card == nullptr) {
+    puts("Invalid card detected");
+    report_detection();
+    return 1;
   }
-
+  const auto table = dorvan_pci_functions(*card, dorvan_post_hw_change_bits_get());
   bool failed = false;
   for (size_t i = 0; i < table.size(); ++i) {
     if (pci_find_device(&table[i]) == 0) continue;

@@ -1,26 +1,16 @@
 // pcie.h: every PCI function that the card should carry, at its bus position.
+//
+// Detects functions that the kernel's list lacks at their place, or has with other ids.
+// Does not detect functions too many, slow or narrow links, or functions that answer and do not work. A function behind
+// the sixth of its table is told and fails no device; without a list, a known card or a known revision everything
+// passes.
 #pragma once
 
 #include <stdint.h>
 
-#include <array>
+#include "post/dorvan/pcie_tbl.h"
 
 extern "C" {
-struct pci_dev_tbl_entry {
-  uint8_t bus;
-  uint8_t dev;
-  uint8_t func;
-  uint32_t vendor;
-  uint32_t device;
-  char description[100];
-};
-
-extern const std::array<pci_dev_tbl_entry, 15> pci_dev_tbl_dorvan_a;     // cards 11061, 11099
-extern const std::array<pci_dev_tbl_entry, 20> pci_dev_tbl_dorvan_b;     // cards 11062, 11111 before revision P1
-extern const std::array<pci_dev_tbl_entry, 20> pci_dev_tbl_dorvan_b_p1;  // cards 11062, 11111
-extern const std::array<pci_dev_tbl_entry, 11> pci_dev_tbl_dorvan_c;     // cards 11079, 11080
-extern const std::array<pci_dev_tbl_entry, 14> pci_dev_tbl_dorvan_d;     // card 11096
-
 // Hands out one bit of the comparison's outcome; a PostTestFn. The first call of the run compares. Devices 0 to 3 are
 // table rows 0 to 3, devices 5 and 6 rows 4 and 5; device 4 stands for none.
 // Returns 0, or the device's bit.

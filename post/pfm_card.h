@@ -16,17 +16,6 @@ enum : uint32_t { PFM_PLATFORM_UNKNOWN = 0xFFFFFFFF };
 // What callers of the two queries preset, so that a driver that refuses leaves no known card.
 enum : uint16_t { PFM_CARD_UNKNOWN = 0xFFFF };
 
-// Card indexes.
-enum : uint16_t {
-  PFM_CARD_11061 = 11061,
-  PFM_CARD_11062 = 11062,
-  PFM_CARD_11079 = 11079,
-  PFM_CARD_11080 = 11080,
-  PFM_CARD_11096 = 11096,
-  PFM_CARD_11099 = 11099,
-  PFM_CARD_11111 = 11111,
-};
-
 extern "C" {
 // Argument of both requests. The values are the driver's; `answer` is where it stores its 16 bits.
 struct sprom_ioctl_req {

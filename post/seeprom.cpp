@@ -11,7 +11,7 @@
 
 namespace {
 
-enum : uint32_t { STATUS_WRONG_KIND = 2 };
+constexpr uint32_t status_wrong_kind = 2;
 
 struct seeprom_row {
   uint32_t slot;
@@ -27,7 +27,7 @@ constexpr seeprom_row seeprom_tbl[] = {
 
 }  // namespace
 
-uint32_t dorvan_brd_seeprom_test(uint32_t, uint32_t *result, uint32_t device, uint32_t *) {
+uint32_t dorvan_brd_seeprom_test(uint32_t /*reserved*/, uint32_t *result, uint32_t device, uint32_t * /*scratch*/) {
   *result = POST_RESULT_NONE;
   uint16_t card_index = PFM_CARD_UNKNOWN;
   if (pfm_get_card_index(&card_index) != 0) return 0;
@@ -40,7 +40,7 @@ uint32_t dorvan_brd_seeprom_test(uint32_t, uint32_t *result, uint32_t device, ui
   sprom_t *sprom = sprom_init_dorvan(platform_type, row.slot, row.index);
   if (sprom->type != row.type) {
     (void)fputs("Err: Sprom type does not match\n", stderr);
-    return STATUS_WRONG_KIND;
+    return status_wrong_kind;
   }
   const auto image = malloc_array<uint8_t>(static_cast<size_t>(sprom_get_size(sprom)));
   if (!image) return static_cast<uint32_t>(-ENOMEM);

@@ -1,4 +1,8 @@
 // seeprom.h: the identity EEPROM images of the supervisor (device 0) and the backplane (device 1).
+//
+// Detects an EEPROM that does not answer and blocks with a wrong signature, length or checksum.
+// Does not detect wrong bytes that leave a checksum, a 16-bit sum, as it is, nor a well-formed image of another unit.
+// The supervisor's image is as a rule the copy that was read at start: the EEPROM may have failed since.
 #pragma once
 
 #include "post/post_tbl.h"

@@ -1,6 +1,7 @@
 // startup.cpp: what runs before main, in one place and in this order.
 #include <fcntl.h>
 #include <poll.h>
+#include <signal.h>
 #include <stdio.h>
 #include <unistd.h>
 
@@ -20,6 +21,8 @@ static void fill_standard_descriptors() {
 
 [[gnu::constructor]] static void post_startup() {
   fill_standard_descriptors();
+  // A reader of the output who goes away must not end a run that has memories to restore and records to write.
+  (void)signal(SIGPIPE, SIG_IGN);
   // A pipe or a file gets each line when a terminal would.
   (void)setvbuf(stdout, nullptr, _IOLBF, 0);
   libinit();

@@ -1,19 +1,16 @@
+#include "post/dorvan/pcie_tbl.h"
+
 #include <stddef.h>
 
-#include <array>
-
 #include "platform/mfgd/hw_acc/switch_asic.h"
-#include "post/pcie.h"
 
 namespace {
 
 // clang-format off
-enum : uint32_t {
-    intel   = 0x8086,
-    plx     = 0x10B5,
-    marvell = 0x11AB,
-    asic    = SWITCH_ASIC_VENDOR_ID,
-};
+constexpr uint32_t intel   = 0x8086;
+constexpr uint32_t plx     = 0x10B5;
+constexpr uint32_t marvell = 0x11AB;
+constexpr uint32_t asic    = SWITCH_ASIC_VENDOR_ID;
 
 constexpr char intel_gige[]           = "Intel Gigabit Ethernet Controller";
 constexpr char lorwen_switch[]        = "Lorwen ASIC - Velto Switch ASIC";

@@ -44,8 +44,8 @@ int32_t velto_dorvan_sprom_wd(void) {
   return 0;
 }
 
-sprom_t *sprom_init_dorvan(uint32_t /*platform_type*/, uint32_t a, uint32_t b) {
-  if (a == 1 && b == 1) return &dorvan_sprom_sup;
-  if (a == 0 && b == 0) return &dorvan_sprom_bp;
+sprom_t *sprom_init_dorvan(uint32_t /*platform_type*/, uint32_t slot, uint32_t index) {
+  if (slot == 1 && index == 1) return &dorvan_sprom_sup;
+  if (slot == 0 && index == 0) return &dorvan_sprom_bp;
   return nullptr;
 }

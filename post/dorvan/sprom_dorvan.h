@@ -18,7 +18,7 @@ int32_t velto_dorvan_sprom_wd(void);
 
 // Finds a SPROM of the dorvan boards.
 //   platform_type  not looked at; all cards of the family share the descriptors
-//   a, b           slot and index: 1, 1 is the supervisor's SPROM, 0, 0 the backplane's
+//   slot, index    1, 1 is the supervisor's SPROM, 0, 0 the backplane's
 // Returns the descriptor, or null for every other pair.
-[[nodiscard]] sprom_t *sprom_init_dorvan(uint32_t platform_type, uint32_t a, uint32_t b);
+[[nodiscard]] sprom_t *sprom_init_dorvan(uint32_t platform_type, uint32_t slot, uint32_t index);
 }

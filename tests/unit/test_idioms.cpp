@@ -6,6 +6,7 @@
 
 #include "platform/mfgd/cmn_lib/diag_util/diag_assert.h"
 #include "platform/mfgd/cmn_lib/diag_util/diag_dbg.h"
+#include "platform/mfgd/cmn_lib/hw_acc/hw_err.h"
 #include "tests/support/host.h"
 
 // Exported, so that the call stack names it.

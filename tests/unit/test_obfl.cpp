@@ -81,7 +81,7 @@ TEST(obfl_driver, starts_and_reads_its_times) {
               "w aa=98; r 40=2; r 48=3; w aaa=f0; w aa=98; r 42=1; r 4a=3; w aaa=f0; ");
     EXPECT_EQ(obfl_sw_finish(), HW_SUCCESS);
   });
-  // The low half of long times, all ones for longer ones.
+  // The low half of long times.
   const auto expect = [](const std::vector<uint16_t> &exponents, const char *expected) {
     with_driver(exponents, [expected] {
       const auto [typ_erase_ms, max_erase_ms, typ_wr_us, max_wr_us] = get_timeout_val(0);
@@ -89,7 +89,9 @@ TEST(obfl_driver, starts_and_reads_its_times) {
     });
   };
   expect({31, 1, 31, 0}, "80000000 0 80000000 80000000");
-  expect({32, 32, 0xFFFF, 0xFFFF}, "0 ffffffff ffffffff ffffffff");
+  expect({32, 0, 0, 64}, "0 0 1 0");
+  expect({0, 31, 63, 1}, "1 80000000 0 0");
+  expect({1024, 0, 0xFFFF, 0xFFFF}, "0 0 0 0");
 }
 
 TEST(obfl_driver, makes_these_cycles) {
@@ -173,14 +175,15 @@ TEST(obfl_driver, polls_while_the_status_toggles_and_the_times_allow) {
   expect(_obfl_erase_wait, {1, 1, 1, 1}, {0x44, 0x20},                         1, 1000,      dq5);
   expect(_obfl_write_wait, {1, 1, 20000, 80000}, {0x40, 0x20},                 4, 20000,     dq5);
   expect(_obfl_erase_wait, {100, 100000, 1, 1}, {0x44, 0},                     1000, 100000, busy);
-  // Bounds, and what cannot be used.
-  expect(_obfl_erase_wait, {9, 4, 1, 1}, {0x44, 0},                            1, 9000,      busy);
-  expect(_obfl_erase_wait, {16777, ~0U, 1, 1}, {0x44, 0},                      16, 16777000, busy);
-  expect(_obfl_write_wait, {1, 1, 1 << 24, ~0U}, {0x40, 0},                    16, 1 << 24,  busy);
-  expect(_obfl_erase_wait, {16778, ~0U, 1, 1}, {0x44, 0},                      1, 512000,    busy);
-  expect(_obfl_write_wait, {1, 1, (1 << 24) + 1, ~0U}, {0x40, 0},              1, 512,       busy);
+  expect(_obfl_write_wait, {1, 1, 0xFFFFFFFF, 0xFFFFFFFF}, {0x40, 0},          1, 0xFFFFFFFF, busy);
+  expect(_obfl_erase_wait, {4294967, 2 * 4294967, 1, 1}, {0x44, 0},            2, 4294967000, busy);
+  expect(_obfl_write_wait, {1, 1, 3, 6001}, {0x40, 0},                         2000, 3,      busy);
+  // Times that cannot be used: none, one beyond what a wait can take, a maximum below the typical time.
   expect(_obfl_erase_wait, {0, 4, 1, 1}, {0x44, 0},                            1, 512000,    busy);
   expect(_obfl_write_wait, {1, 1, 0, ~0U}, {0x40, 0},                          1, 512,       busy);
+  expect(_obfl_erase_wait, {4294968, ~0U, 1, 1}, {0x44, 0},                    1, 512000,    busy);
+  expect(_obfl_erase_wait, {9, 4, 1, 1}, {0x44, 0},                            1, 9000,      busy);
+  expect(_obfl_write_wait, {1, 1, 9, 0}, {0x40, 0},                            1, 9,         busy);
   // clang-format on
 }
 

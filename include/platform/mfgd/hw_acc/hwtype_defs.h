@@ -6,8 +6,6 @@
 
 #include <stdint.h>
 
-#include "platform/mfgd/cmn_lib/diag_util/diag_assert.h"
-
 // clang-format off
 #define HWTYPE_CATALOGUE(ROW)                                          \
   ROW(HWTYPE_NULL,              "NULL HWTYPE")                         \
@@ -184,21 +182,17 @@ inline constexpr hwtype_row_t hwtype_rows[] = {
 #undef HWTYPE_ROW
 };
 
+// Where a value without a row is missing, for the assertion.
+inline constexpr char hwtype_rows_file[] = __FILE__;
+inline constexpr unsigned hwtype_rows_line = __LINE__;
+
 extern "C" {
 // Number of rows, one more than the last value.
 [[gnu::used]] inline constexpr uint32_t __n_hwtype_entries = sizeof hwtype_rows / sizeof hwtype_rows[0];
 
-// The constant's own spelling. A value without a row fails a standard assertion.
-[[gnu::used]] inline const char *hwtype_to_str(uint32_t id) {
-  DIAG_STD_ASSERT_AS(id < __n_hwtype_entries, "(id >= 0) && (id < __n_hwtype_entries)");
-  return hwtype_rows[id].m_name;
-}
-
-// The description. A value without a row fails a standard assertion.
-[[gnu::used]] inline const char *hwtype_desc(uint32_t id) {
-  DIAG_STD_ASSERT_AS(id < __n_hwtype_entries, "(id >= 0) && (id < __n_hwtype_entries)");
-  return hwtype_rows[id].m_desc;
-}
+// The constant's own spelling, and the description. A value without a row fails a standard assertion.
+[[nodiscard]] const char *hwtype_to_str(uint32_t id);
+[[nodiscard]] const char *hwtype_desc(uint32_t id);
 }
 
 static_assert(HWTYPE_LOOKUP_END == 10 && HWTYPE_DATAPATH_START == 11 && HWTYPE_DATAPATH_END == 20);

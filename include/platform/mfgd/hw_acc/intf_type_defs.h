@@ -5,8 +5,6 @@
 
 #include <stdint.h>
 
-#include "platform/mfgd/cmn_lib/diag_util/diag_assert.h"
-
 // clang-format off
 #define INTF_TYPE_CATALOGUE(ROW)                                            \
   ROW(INTF_TYPE_NULL,                   "NULL INTF")                        \
@@ -105,21 +103,17 @@ inline constexpr intf_type_row_t intf_type_rows[] = {
 #undef INTF_TYPE_ROW
 };
 
+// Where a value without a row is missing, for the assertion.
+inline constexpr char intf_type_rows_file[] = __FILE__;
+inline constexpr unsigned intf_type_rows_line = __LINE__;
+
 extern "C" {
 // Number of rows, one more than the last value.
 [[gnu::used]] inline constexpr uint32_t __n_intf_type_entries = sizeof intf_type_rows / sizeof intf_type_rows[0];
 
-// The constant's own spelling. A value without a row fails a standard assertion.
-[[gnu::used]] inline const char *intf_type_to_str(uint32_t id) {
-  DIAG_STD_ASSERT_AS(id < __n_intf_type_entries, "(id >= 0) && (id < __n_intf_type_entries)");
-  return intf_type_rows[id].m_name;
-}
-
-// The description. A value without a row fails a standard assertion.
-[[gnu::used]] inline const char *intf_type_desc(uint32_t id) {
-  DIAG_STD_ASSERT_AS(id < __n_intf_type_entries, "(id >= 0) && (id < __n_intf_type_entries)");
-  return intf_type_rows[id].m_desc;
-}
+// The constant's own spelling, and the description. A value without a row fails a standard assertion.
+[[nodiscard]] const char *intf_type_to_str(uint32_t id);
+[[nodiscard]] const char *intf_type_desc(uint32_t id);
 }
 
 static_assert(INTF_TYPE_FP_SFP == 33 && __n_intf_type_entries == 76);

@@ -8,9 +8,15 @@
 #include <assert.h>
 #include <stdio.h>
 
+// Fails in the name of a place in the sources and of an operation.
+[[noreturn]] static inline void diag_std_assert_fail(const char *text, const char *file, unsigned line,
+                                                     const char *op) {
+  (void)fflush(stdout);
+  __assert_fail(text, file, line, op);
+}
+
 // Fails with `text` in place of the condition's source text.
-#define DIAG_STD_ASSERT_AS(cond, text) \
-  ((cond) ? (void)0 : ((void)fflush(stdout), __assert_fail(text, __FILE__, __LINE__, __func__)))
+#define DIAG_STD_ASSERT_AS(cond, text) ((cond) ? (void)0 : diag_std_assert_fail(text, __FILE__, __LINE__, __func__))
 
 #undef assert
 #define assert(cond) DIAG_STD_ASSERT_AS(cond, #cond)

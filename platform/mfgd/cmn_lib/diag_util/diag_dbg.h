@@ -5,8 +5,6 @@
 #include <stdint.h>
 #include <stdlib.h>
 
-#include "platform/mfgd/cmn_lib/hw_acc/hw_err.h"
-
 // Levels of diag_dbg_print, numbered as the syslog severities are.
 enum diag_lvl_t : int32_t {
   DIAG_LVL_ERR = 3,    // error reports
@@ -26,11 +24,15 @@ void diag_dbg_print(int32_t level, const char *fmt, ...) __attribute__((format(p
 // Prints the same text through both hooks: on a program that sends both to one place it stands twice in a row.
 #define DIAG_PRINT_BOTH(level, ...) ((void)cli_printf(__VA_ARGS__), diag_dbg_print((level), __VA_ARGS__))
 
-// Checked call: traces `text` in the name of the calling function, evaluates `call`, which gives a status of hw_err.h,
-// and reports a status other than HW_SUCCESS. An expression with the status as its value.
+// Checked call: traces `text` in the name of the calling function, evaluates `call`, which gives a status, and reports
+// one other than 0. An expression with the status as its value. Statuses are named by hw_err_to_str, which whoever
+// makes checked calls declares: the catalogue is not a matter of this library.
 //   text  the call as the messages name it
 #define DIAG_CALL(text, call) \
-  (diag_dbg_print(DIAG_LVL_DEBUG, "%s(): %s\n", __func__, (text)), diag_call_status((text), (call)))
+  (diag_dbg_print(DIAG_LVL_DEBUG, "%s(): %s\n", __func__, (text)), DIAG_CALL_STATUS((text), (call)))
+
+// The half of a checked call behind the trace. `rc` is the call or its status.
+#define DIAG_CALL_STATUS(text, rc) diag_call_status((text), (rc), hw_err_to_str)
 
 // Diagnostic assertion: where `cond` does not hold, reports it with the call stack and aborts.
 #define DIAG_ASSERT(cond) DIAG_ASSERT_AS(cond, #cond)
@@ -49,10 +51,9 @@ void diag_dbg_print(int32_t level, const char *fmt, ...) __attribute__((format(p
 
 enum : int { DIAG_FRAMES_MAX = 20 };
 
-// The checking half of DIAG_CALL.
-static inline uint32_t diag_call_status(const char *text, uint32_t rc) {
-  if (rc != HW_SUCCESS)
-    DIAG_PRINT_BOTH(DIAG_LVL_ERR, "## Error : Failed %s\n           with rc %u (%s)\n", text, rc, hw_err_to_str(rc));
+static inline uint32_t diag_call_status(const char *text, uint32_t rc, const char *(*name_of)(uint32_t rc)) {
+  if (rc != 0)
+    DIAG_PRINT_BOTH(DIAG_LVL_ERR, "## Error : Failed %s\n           with rc %u (%s)\n", text, rc, name_of(rc));
   return rc;
 }
 

@@ -32,8 +32,8 @@ constexpr lock_op_t op_drop_rd  = {"lock_drop_rd_lock", "dropping rd_lock", F_SE
 constexpr lock_op_t op_drop_wr  = {"lock_drop_wr_lock", "dropping wr_lock", F_SETLK,  F_UNLCK, "F_SETLK",  "F_UNLCK"};
 // clang-format on
 
-// Callers built with 32-bit file offsets mean the same commands by other numbers.
-constexpr int32_t own_number(int32_t cmd) {
+// Callers built with 32-bit file offsets have other numbers for two of the commands.
+constexpr int32_t command_of(int32_t cmd) {
   // clang-format off
   switch (cmd) {
     case 6:  return F_SETLK;
@@ -45,8 +45,7 @@ constexpr int32_t own_number(int32_t cmd) {
 
 // assert(0) in the name of an operation.
 [[noreturn]] void die(const char *op) {
-  (void)fflush(stdout);
-  __assert_fail("0", __FILE__, __LINE__, op);
+  diag_std_assert_fail("0", __FILE__, __LINE__, op);
 }
 
 void check_handle(int32_t m_lock, const char *op) {
@@ -133,7 +132,7 @@ int32_t lock_req(int32_t m_lock, int32_t cmd, int32_t type) {
   req.l_start = 0;
   req.l_len = 1;
   errno = 0;
-  return fcntl(m_lock, own_number(cmd), &req);
+  return fcntl(m_lock, command_of(cmd), &req);
 }
 
 }  // extern "C"

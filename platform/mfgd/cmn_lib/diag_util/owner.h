@@ -33,19 +33,19 @@ template <typename T>
 // An open descriptor; negative for none.
 class unique_fd {
  public:
-  explicit unique_fd(int fd) : fd_(fd) {}
+  explicit unique_fd(int fd) : m_fd(fd) {}
   unique_fd(const unique_fd &) = delete;
   unique_fd &operator=(const unique_fd &) = delete;
   ~unique_fd() {
-    if (fd_ < 0) return;
+    if (m_fd < 0) return;
     const int saved = errno;
-    (void)close(fd_);
+    (void)close(m_fd);
     errno = saved;
   }
 
-  [[nodiscard]] int get() const { return fd_; }
-  explicit operator bool() const { return fd_ >= 0; }
+  [[nodiscard]] int get() const { return m_fd; }
+  explicit operator bool() const { return m_fd >= 0; }
 
  private:
-  int fd_;
+  int m_fd;
 };

@@ -20,7 +20,7 @@ void enqueue_head(queue_t *list, void *elem) {
   first->next = list->head;
   if (list->head == nullptr) list->tail = first;
   list->head = first;
-  list->count++;
+  ++list->count;
 }
 
 void enqueue_tail(queue_t *list, void *elem) {
@@ -32,7 +32,7 @@ void enqueue_tail(queue_t *list, void *elem) {
   }
   last->next = nullptr;
   list->tail = last;
-  list->count++;
+  ++list->count;
 }
 
 void enqueue_elem(queue_t *list, void *prev, void *elem) {
@@ -45,7 +45,7 @@ void enqueue_elem(queue_t *list, void *prev, void *elem) {
   added->next = before->next;
   if (added->next == nullptr) list->tail = added;
   before->next = added;
-  list->count++;
+  ++list->count;
 }
 
 void *peek_head(const queue_t *list) {
@@ -68,7 +68,7 @@ void *dequeue_head(queue_t *list) {
   if (first == nullptr) return nullptr;
   list->head = first->next;
   if (list->head == nullptr) list->tail = nullptr;
-  list->count--;
+  --list->count;
   assert(list->count >= 0);
   return first;
 }
@@ -76,7 +76,7 @@ void *dequeue_head(queue_t *list) {
 void *dequeue_tail(queue_t *list) {
   queue_elem_t *const last = list->tail;
   if (last == nullptr) return nullptr;
-  list->count--;
+  --list->count;
   assert(list->count >= 0);
   if (list->head == last) {
     list->head = nullptr;
@@ -101,7 +101,7 @@ void dequeue_elem(queue_t *list, void *prev, void *elem) {
     list->head = removed->next;
   }
   if (list->tail == removed) list->tail = before;
-  list->count--;
+  --list->count;
   assert(list->count >= 0);
 }
 
@@ -155,7 +155,7 @@ void dlq_enqueue_elem(dlq_t *list, void *prev, void *elem) {
   if (elem == nullptr) return;
   dlq_elem_t *const added = dlq_elem_of(elem);
   dlq_elem_t *const before = dlq_elem_of(prev);
-  list->count++;
+  ++list->count;
   if (list->head == nullptr) {
     DIAG_STD_ASSERT_AS(prev == nullptr, "prev == ((void *)0)");
     DIAG_STD_ASSERT_AS(list->tail == nullptr, "list->tail == ((void *)0)");
@@ -191,7 +191,7 @@ void dlq_dequeue_elem(dlq_t *list, void *elem) {
   const dlq_elem_t *const removed = dlq_elem_of(elem);
   (removed->prev != nullptr ? removed->prev->next : list->head) = removed->next;
   (removed->next != nullptr ? removed->next->prev : list->tail) = removed->prev;
-  list->count--;
+  --list->count;
   assert(list->count >= 0);
 }
 

@@ -7,7 +7,18 @@
 //   tick 4 looks at bucket 4              fourth expires
 //   tick 11 looks at bucket 3 again       second expires
 //
-// A tick looks at the first entry of one bucket only. An entry that lost its last timer stays until its tick.
+// What operations cost, with b buckets:
+//
+//   start    a walk of the bucket's entries up to the timer's tick: with n different ticks ahead, n/b of them on average,
+//            and all n where every period is a multiple of b; one allocation where no timer had that tick yet
+//   stop     a walk of the timers of the same tick, as links run one way; an entry that lost its last timer is left to
+//            its tick, so that stopping touches no bucket and releases nothing
+//   tick     a look at the first entry of one bucket; besides, the timers that are due
+//   poll     as many ticks as have passed since the last one
+//
+// Ticks count in 64 bits and begin again at 0 in another epoch, of which a flag tells two. What expires beyond the wrap
+// carries the other flag and goes before the entries of this epoch, as their ticks do not compare. A tick looks at first
+// entries alone: what stands behind an entry of the other epoch is passed over.
 #include "platform/mfgd/cmn_lib/diag_util/timer.h"
 
 #include <stdio.h>
@@ -242,7 +253,7 @@ uint32_t timer_some_time_elapsed() {
   if (delta == 0) return 0;
   // Before the callbacks, which may poll themselves.
   last_elapsed_ticks = elapsed;
-  for (uint32_t tick = 0; tick < delta; tick++)
+  for (uint32_t tick = 0; tick < delta; ++tick)
     timer_one_tick_elapsed();
   return delta;
 }

@@ -14,6 +14,13 @@
 // 1 once the device is usable; set by the driver.
 static constinit int32_t _hw_acc_init = 0;
 
+// Says that an instance's region has no size, which the mapping layer does not accept.
+//   op   operation of the driver that found out
+//   bar  configuration-space offset of the base address register behind which the region lies
+static inline void hw_acc_report_no_size(const char *op, const char *dev_name, uint32_t inst, uint32_t bar) {
+  diag_dbg_print(DIAG_LVL_ERR, "%s(): ERROR: %s%u: no size in base address register 0x%x\n", op, dev_name, inst, bar);
+}
+
 // Makes the device accessible where the block has a slot for that.
 // Returns HW_SUCCESS or the slot's status, which was reported. Asserts that the block can read and write.
 [[nodiscard]] static inline uint32_t hw_acc_init(hw_acc_cb_t *cb) {

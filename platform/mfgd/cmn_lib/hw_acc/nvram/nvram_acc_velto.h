@@ -17,7 +17,7 @@ extern "C" {
 uint32_t nvram_libinit();
 
 // Finds and maps the regions, all three with the length of the largest; a region of length 0 fails a standard
-// assertion. Once it has succeeded, another call only looks the regions up again.
+// assertion after a message. Once it has succeeded, another call only looks the regions up again.
 // Returns HW_SUCCESS, HW_ERR_MALLOC, or the status of the look-up or mapping that failed, which was reported. Nothing
 // is mapped when a look-up fails.
 [[nodiscard]] uint32_t nvram_sw_init();

@@ -74,11 +74,10 @@ cfi_pair_t read_cfi(uint32_t inst, uint32_t typ_offset, uint32_t max_offset) {
   return pair;
 }
 
-// The low 32 bits of a time; all ones from 2^64 on.
-uint32_t time_of(double value) {
-  constexpr double limit = 18446744073709551616.0;
-  if (!(value < limit)) return UINT32_MAX;
-  return static_cast<uint32_t>(static_cast<uint64_t>(value));
+// The low 32 bits of a time. A power of two has none of them set from 2^32 on.
+uint32_t time_of(double power_of_two) {
+  constexpr double limit = 4294967296.0;
+  return power_of_two < limit ? static_cast<uint32_t>(power_of_two) : 0;
 }
 
 void unlock(uint32_t inst) {
@@ -94,9 +93,8 @@ struct polls_t {
 
 // typ and max in units of `unit` microseconds.
 constexpr polls_t polls_of(uint32_t typ, uint32_t max, uint32_t unit, uint32_t fallback_us) {
-  if (typ == 0 || typ > OBFL_POLL_MAX_US / unit) return {1, fallback_us};
-  const uint32_t usec = typ * unit;
-  return {std::clamp(max / typ, 1U, OBFL_WAIT_MAX_US / usec), usec};
+  if (typ == 0 || typ > UINT32_MAX / unit) return {1, fallback_us};
+  return {std::max(max / typ, 1U), typ * unit};
 }
 
 // Polls until `running` bits no longer toggle, all of them.
@@ -128,9 +126,10 @@ uint32_t obfl_sw_init() {
   if (obfl_initialised != 0) return HW_SUCCESS;
   uint32_t addr = 0;
   uint32_t len = 0;
-  uint32_t rc = diag_call_status("mmap_get_map_pci( HWTYPE_PLX_PCI, 0, bar, &addr, &len)",
+  uint32_t rc = DIAG_CALL_STATUS("mmap_get_map_pci( HWTYPE_PLX_PCI, 0, bar, &addr, &len)",
                                  mmap_get_map_pci(HWTYPE_PLX_PCI, 0, obfl_bar, &addr, &len));
   if (rc != HW_SUCCESS) return rc;
+  if (len == 0) hw_acc_report_no_size(__func__, OBFL_FLASH_DEV_NAME, 0, obfl_bar);
   if (mmap_info == nullptr) mmap_info = static_cast<mmap_info_t *>(malloc(mmap_acc_sizeof(OBFL_INST_MAX)));
   if (mmap_info == nullptr) return HW_ERR_MALLOC;
   rc = DIAG_CALL("mmap_acc_init( mmap_info, OBFL_FLASH_DEV_NAME, OBFL_INST_MAX, &addr, len, OBFL_WORD_SIZE, dev)",

@@ -23,13 +23,11 @@ enum : uint32_t {
   OBFL_SECTOR_PAGES = OBFL_SECTOR_SIZE / OBFL_WRITE_PAGE_SIZE,
 };
 
-// Polling, whatever a timing record says. A typical time that is 0 or above OBFL_POLL_MAX_US comes from a flash that
-// does not answer its query: it is polled once, after about the time that flashes of this family need.
+// The only wait of an operation whose typical time is 0 or does not fit 32 bits in microseconds: such a time comes from
+// a flash that does not answer its query. About what flashes of this family need.
 enum : uint32_t {
-  OBFL_POLL_MAX_US = 1 << 24,       // longest wait before a poll
-  OBFL_WAIT_MAX_US = 1 << 28,       // longest time for all polls of an operation
-  OBFL_ERASE_FALLBACK_US = 512000,  // the only wait of an erase without a usable time
-  OBFL_WRITE_FALLBACK_US = 512,     // likewise of a page program
+  OBFL_ERASE_FALLBACK_US = 512000,
+  OBFL_WRITE_FALLBACK_US = 512,  // of a page program
 };
 
 extern "C" {
@@ -68,7 +66,7 @@ struct obfl_timeout_t {
 uint32_t obfl_libinit();
 
 // Finds the flash behind the last base address register of the board's PLX PCI 9030 bridge and maps it. Does nothing
-// once that has succeeded.
+// once that has succeeded. A region of length 0 fails a standard assertion after a message.
 // Returns HW_SUCCESS, HW_ERR_MALLOC, or the status of the look-up or mapping that failed, which was reported. Nothing
 // is mapped when the look-up fails.
 [[nodiscard]] uint32_t obfl_sw_init();
@@ -77,7 +75,7 @@ uint32_t obfl_libinit();
 uint32_t obfl_sw_finish();
 
 // Reads the flash's times from its query table and leaves it in read mode. `inst` is not checked.
-// Times are the low 32 bits of 2^n; all ones where that does not fit 64 bits.
+// Times are the low 32 bits of 2^n: 0 where that is 2^32 or more.
 [[nodiscard]] obfl_timeout_t get_timeout_val(uint32_t inst);
 
 // The address of the sector that holds `addr`, which must be a word's (asserted).
@@ -118,8 +116,8 @@ void _obfl_rd(uint32_t inst, uint32_t offset, uint16_t *data);
                                      const uint16_t *wr_data, uint32_t word_count, obfl_timeout_t timeout);
 
 // Wait until the operation that runs at `addr` has ended. Polls come a typical time apart, the first one as long after
-// the call, and as many are made as typical times fit into the maximum, at least one; OBFL_POLL_MAX_US and
-// OBFL_WAIT_MAX_US bound them.
+// the call, and as many are made as typical times fit into the maximum, at least one. Without a usable typical time
+// there is one, after OBFL_ERASE_FALLBACK_US or OBFL_WRITE_FALLBACK_US.
 // Return HW_SUCCESS, or HW_ERR_TIMEOUT after a message.
 [[nodiscard]] uint32_t _obfl_erase_wait(uint32_t inst, obfl_addr_t addr, obfl_timeout_t timeout);
 [[nodiscard]] uint32_t _obfl_write_wait(uint32_t inst, obfl_addr_t addr, obfl_timeout_t timeout);

@@ -14,6 +14,7 @@
 #include "platform/mfgd/uspace/utils/sprom/sprom_pellin.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_tosk.h"
 #include "platform/mfgd/uspace/utils/sprom/tool/output.h"
+#include "post/dorvan/cards.h"
 #include "post/dorvan/sprom_dorvan.h"
 
 namespace tool {
@@ -80,9 +81,6 @@ static_assert(sizeof(void *) != 4 || sizeof(sprom_ioctl_req) == 20);
 
 constexpr unsigned long ioc_get_card_index = 0x80044314;
 
-// The supervisor cards of the dorvan boards.
-constexpr std::array<uint16_t, 7> dorvan_cards{11061, 11062, 11079, 11080, 11096, 11099, 11111};
-
 bool is_dorvan() {
   const int fd = open("/dev/sprom", O_RDWR | O_CLOEXEC);
   if (fd < 0) return false;
@@ -90,7 +88,7 @@ bool is_dorvan() {
   const sprom_ioctl_req req{.m_answer = &card_index};
   (void)ioctl(fd, ioc_get_card_index, &req);
   (void)close(fd);
-  return std::ranges::find(dorvan_cards, card_index) != dorvan_cards.end();
+  return dorvan_card(card_index) != nullptr;
 }
 
 bool same_name(std::string_view a, std::string_view b) {
