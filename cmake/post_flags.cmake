@@ -1,5 +1,6 @@
 # Language, warnings, word size, hardening and sanitizers: the same for every target.
-set(POST_WORD_SIZE 64 CACHE STRING "Word size in bits: 32 for the board, 64 for the machine at hand")
+math(EXPR native_bits "8 * ${CMAKE_SIZEOF_VOID_P}")
+set(POST_WORD_SIZE ${native_bits} CACHE STRING "Word size in bits: 32 for the board, else the compiler's own")
 option(POST_SANITIZE "Address and undefined-behaviour sanitizers, without recovery" OFF)
 option(POST_COVERAGE "Instrument for gcov" OFF)
 
@@ -30,7 +31,9 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   add_compile_options(-Wduplicated-cond -Wlogical-op)
 endif()
 
+set(POST_WORD_FLAGS "")
 if(POST_WORD_SIZE EQUAL 32)
+  set(POST_WORD_FLAGS "-m32")
   # The fences need SSE2; with SSE arithmetic, doubles are doubles in both word sizes.
   add_compile_options(-m32 -msse2 -mfpmath=sse)
   add_link_options(-m32)

@@ -23,7 +23,7 @@ function(post_test name)
   cmake_parse_arguments(arg "" "" "SOURCES;LIBS" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
   target_include_directories(${name} PRIVATE "${CMAKE_SOURCE_DIR}" "${CMAKE_SOURCE_DIR}/include")
-  target_link_libraries(${name} PRIVATE ${arg_LIBS} gtest gmock gtest_main)
+  target_link_libraries(${name} PRIVATE ${arg_LIBS} GTest::gmock GTest::gtest GTest::gtest_main)
   set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
   # Tests are compiled more often than they run.
   target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE)
