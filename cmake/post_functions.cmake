@@ -32,3 +32,21 @@ function(post_test name)
     POST_LIB_DIR="${CMAKE_LIBRARY_OUTPUT_DIRECTORY}")
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 300)
 endfunction()
+
+# post_fuzz(NAME SOURCES files... LIBS targets... OPTIONS link options...): the fuzzer fuzz_NAME. The preset fuzz makes
+# it with libFuzzer, for tools/run-fuzz; the others make a test of it that replays fuzz/corpus/NAME.
+function(post_fuzz name)
+  cmake_parse_arguments(arg "" "" "SOURCES;LIBS;OPTIONS" ${ARGN})
+  add_executable(fuzz_${name} ${arg_SOURCES})
+  target_include_directories(fuzz_${name} PRIVATE "${CMAKE_SOURCE_DIR}" "${CMAKE_SOURCE_DIR}/include")
+  target_link_libraries(fuzz_${name} PRIVATE ${arg_LIBS})
+  set_target_properties(fuzz_${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
+  target_link_options(fuzz_${name} PRIVATE -pie ${arg_OPTIONS})
+  if(POST_FUZZ)
+    target_link_options(fuzz_${name} PRIVATE -fsanitize=fuzzer)
+  else()
+    target_sources(fuzz_${name} PRIVATE "${CMAKE_SOURCE_DIR}/fuzz/replay.cpp")
+    add_test(NAME fuzz.replays_the_corpus_of_${name}
+      COMMAND fuzz_${name} "${CMAKE_SOURCE_DIR}/fuzz/corpus/${name}")
+  endif()
+endfunction()
