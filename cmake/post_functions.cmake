@@ -28,6 +28,10 @@ function(post_test name)
   # Tests are compiled more often than they run.
   target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE)
   target_link_options(${name} PRIVATE -pie -rdynamic)
+  if(POST_COVERAGE)
+    target_sources(${name} PRIVATE "${CMAKE_SOURCE_DIR}/tests/support/coverage.cpp")
+    target_link_options(${name} PRIVATE -Wl,--wrap=_exit)
+  endif()
   target_compile_definitions(${name} PRIVATE POST_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}"
     POST_LIB_DIR="${CMAKE_LIBRARY_OUTPUT_DIRECTORY}")
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 300)

@@ -33,7 +33,8 @@ thing fuzzer     'preset fuzz'                                          'clang l
 thing format     'the layout of sources'                                clang-format
 thing tidy       'faults that reading finds'                            clang-tidy
 thing gcovr      'coverage'                                             gcovr
-thing benchmark  'benchmarks'                                           'libbenchmark-dev jq'
+thing jq         'reports'                                              jq
+thing benchmark  'benchmarks'                                           libbenchmark-dev
 thing peers      'the timers that ours are measured against'            'libevent-dev libuv1-dev pkg-config'
 build_things=(compiler cmake ninja json cli)
 
@@ -56,7 +57,8 @@ have() {
     format) [ -n "$(version_14 clang-format)" ] ;;
     tidy) [ -n "$(version_14 clang-tidy)" ] && commands clang++ ;;
     gcovr) commands gcovr gcov ;;
-    benchmark) includes benchmark/benchmark.h && commands jq ;;
+    jq) commands jq ;;
+    benchmark) includes benchmark/benchmark.h ;;
     peers) includes event2/event.h && includes uv.h && commands pkg-config ;;
   esac
 }
@@ -105,7 +107,7 @@ want() {
   for thing in "$@"; do
     have "$thing" && continue
     missing+=("$thing")
-    reasons+="${reasons:+; }${purpose[$thing]}"
+    [[ "; $reasons; " = *"; ${purpose[$thing]}; "* ]] || reasons+="${reasons:+; }${purpose[$thing]}"
     for name in ${packages[$thing]}; do is_installed "$name" || names+=("$name"); done
   done
   [ ${#missing[@]} = 0 ] && return 0
