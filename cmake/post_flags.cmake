@@ -1,6 +1,8 @@
 # Language, warnings, word size, hardening and sanitizers: the same for every target.
-set(POST_WORD_SIZE 64 CACHE STRING "Word size in bits: 32 for the board, 64 for the machine at hand")
+math(EXPR native_bits "8 * ${CMAKE_SIZEOF_VOID_P}")
+set(POST_WORD_SIZE ${native_bits} CACHE STRING "Word size in bits: 32 for the board, else the compiler's own")
 option(POST_SANITIZE "Address and undefined-behaviour sanitizers, without recovery" OFF)
+option(POST_FUZZ "Fuzzers by clang's libFuzzer; with POST_SANITIZE" OFF)
 option(POST_COVERAGE "Instrument for gcov" OFF)
 
 set(CMAKE_CXX_STANDARD 20)
@@ -30,7 +32,9 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   add_compile_options(-Wduplicated-cond -Wlogical-op)
 endif()
 
+set(POST_WORD_FLAGS "")
 if(POST_WORD_SIZE EQUAL 32)
+  set(POST_WORD_FLAGS "-m32")
   # The fences need SSE2; with SSE arithmetic, doubles are doubles in both word sizes.
   add_compile_options(-m32 -msse2 -mfpmath=sse)
   add_link_options(-m32)
@@ -45,6 +49,10 @@ else()
     add_compile_options(-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2)
   endif()
   add_link_options(-Wl,-z,relro,-z,now)
+endif()
+if(POST_FUZZ)
+  # Every library tells the fuzzer what is reached.
+  add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 if(POST_COVERAGE)
   add_compile_options(--coverage)

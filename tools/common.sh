@@ -1,84 +1,223 @@
-# Shared by the commands of this directory: what they need installed and how they build. Sourced, not run.
+# Shared by the commands of this directory: what they need on the machine, and how they build. Sourced, not run.
 set -eu
-cd "$(dirname "${BASH_SOURCE[0]}")/.."
-
-# Debian packages, by what they are for.
-packages_build=(g++ cmake ninja-build)
-packages_32=(g++-multilib)
-packages_test=(googletest python3)
-packages_sanitizers=(libasan8 libubsan1)
-packages_clang=(clang)
-packages_style=(clang-format clang-tidy)
-packages_bench=(libbenchmark-dev libevent-dev libuv1-dev pkg-config)
+unset CDPATH
+root=$(cd -P -- "$(dirname -- "${BASH_SOURCE[0]}")/.." && pwd)
+me=${0##*/}
 
 note() { printf '%s\n' "$*" >&2; }
-
-# installed PACKAGE...: succeeds if all of them are.
-installed() {
-  local package
-  for package in "$@"; do
-    dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || return 1
-  done
-}
-
-# want PACKAGE...: installs what is missing. Fails if that cannot be done.
-want() {
-  installed "$@" && return 0
-  command -v apt-get >/dev/null || return 1
-  local as_root=()
-  [ "$(id -u)" = 0 ] || as_root=(sudo)
-  if [ -z "${apt_updated:-}" ]; then
-    "${as_root[@]}" apt-get update >/dev/null 2>&1 || true
-    apt_updated=1
-  fi
-  note "Installing $*"
-  "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get install -y --no-install-recommends "$@" >/dev/null 2>&1
-}
-
-# need PACKAGE...: as want, but the command ends without them.
-need() {
-  want "$@" && return 0
-  note "Cannot install: $*"
+fail() {
+  note "$me: $*"
   exit 1
 }
+wrong_usage() {
+  note "$me: $*"
+  note "Try 'tools/$me --help'."
+  exit 2
+}
 
-# makes_32bit: succeeds if this machine builds and runs 32-bit programs.
-makes_32bit() {
-  local dir ok=1
+# Things that the commands use: Debian's packages of each, and what it is for.
+declare -A packages purpose
+thing() { purpose[$1]=$2 packages[$1]=$3; }
+#     name        what for                                              Debian packages
+thing compiler   'C++20'                                                g++
+thing cmake      'the build'                                            cmake
+thing ninja      'the build'                                            ninja-build
+thing json       'JSON in the command-line programs'                    nlohmann-json3-dev
+thing cli        'options of the command-line programs'                 libcli11-dev
+thing multilib   'the 32-bit product'                                   g++-multilib
+thing googletest 'tests'                                                googletest
+thing formats    'tests of the formats that programs write'             'jq libxml2-utils python3-jsonschema'
+thing sanitizers 'preset asan'                                          'libasan8 libubsan1'
+thing clang      'preset clang'                                         clang
+thing fuzzer     'preset fuzz'                                          'clang libclang-rt-14-dev'
+thing format     'the layout of sources'                                clang-format
+thing tidy       'faults that reading finds'                            clang-tidy
+thing gcovr      'coverage'                                             gcovr
+thing jq         'reports'                                              jq
+thing benchmark  'benchmarks'                                           libbenchmark-dev
+thing peers      'the timers that ours are measured against'            'libevent-dev libuv1-dev pkg-config'
+build_things=(compiler cmake ninja json cli)
+
+# have THING: succeeds if it is here, whoever installed it.
+have() {
+  case $1 in
+    compiler) commands g++ && echo 'int main() { return 0; }' | makes g++ ;;
+    cmake) commands cmake ctest ;;
+    ninja) commands ninja ;;
+    json) includes nlohmann/json.hpp ;;
+    cli) includes CLI/CLI.hpp ;;
+    multilib) echo 'int main() { return 0; }' | makes g++ -m32 ;;
+    googletest) [ -e /usr/src/googletest/CMakeLists.txt ] || has_own_googletest ;;
+    formats) commands jq xmllint python3 && python3 -c 'import jsonschema' 2>/dev/null ;;
+    sanitizers) echo 'int main() { return 0; }' | makes g++ -fsanitize=address,undefined ;;
+    clang) commands clang++ && printf '#include <span>\nint main() { return 0; }\n' | makes clang++ -std=c++20 ;;
+    fuzzer) commands clang++ && printf '#include <stddef.h>\n%s\n' \
+      'extern "C" int LLVMFuzzerTestOneInput(const unsigned char *, size_t) { return 0; }' |
+      makes clang++ -fsanitize=fuzzer,address,undefined -- -runs=1 ;;
+    format) [ -n "$(version_14 clang-format)" ] ;;
+    tidy) [ -n "$(version_14 clang-tidy)" ] && commands clang++ ;;
+    gcovr) commands gcovr gcov ;;
+    jq) commands jq ;;
+    benchmark) includes benchmark/benchmark.h ;;
+    peers) includes event2/event.h && includes uv.h && commands pkg-config ;;
+  esac
+}
+
+commands() {
+  local name
+  for name in "$@"; do command -v "$name" >/dev/null || return 1; done
+}
+includes() { printf '#if !__has_include(<%s>)\n#error\n#endif\n' "$1" | g++ -E -x c++ - >/dev/null 2>&1; }
+
+# makes COMPILER FLAGS... [-- ARGUMENTS...]: succeeds if the program on standard input can be built and runs.
+makes() {
+  local dir flags=() ok=1
+  while [ $# != 0 ] && [ "$1" != -- ]; do
+    flags+=("$1")
+    shift
+  done
+  [ $# = 0 ] || shift
   dir=$(mktemp -d)
-  echo 'int main() { return 0; }' >"$dir/probe.cpp"
-  g++ -m32 "$dir/probe.cpp" -o "$dir/probe" 2>/dev/null && "$dir/probe" && ok=0
-  rm -r "$dir"
+  cat >"$dir/probe.cpp"
+  "${flags[0]}" "$dir/probe.cpp" "${flags[@]:1}" -o "$dir/probe" >/dev/null 2>&1 &&
+    "$dir/probe" "$@" >/dev/null 2>&1 && ok=0
+  rm -r -- "$dir"
   return $ok
 }
 
-# product_preset: prints the preset of the product, board where it can be built, else host with a notice.
-product_preset() {
-  if [ -e build/board/build.ninja ]; then
-    echo board
-    return
-  fi
-  want "${packages_32[@]}" || true
-  if makes_32bit; then
-    echo board
-  else
-    note 'No 32-bit toolchain here: going on with the native build.'
-    echo host
-  fi
+# The machine's own package of GoogleTest serves where no 32-bit program is to be built.
+has_own_googletest() {
+  printf '#include <gmock/gmock.h>\nTEST(a, b) {}\n' | makes g++ -lgtest_main -lgmock -lgtest -pthread
 }
 
-# build PRESET [TARGET...]: configures at the first call, then builds what is out of date. Quiet unless it fails.
-build() {
-  local preset=$1 log=build/$1.log
+# version_14 COMMAND: prints under what name it is here. Other versions lay sources out and judge them otherwise.
+version_14() {
+  local name
+  for name in "$1-14" "$1"; do
+    if "$name" --version 2>/dev/null | grep -q 'version 14\.'; then
+      echo "$name"
+      return
+    fi
+  done
+}
+
+# want THING...: installs what is missing, if it can. Fails if something stays missing.
+want() {
+  local thing name missing=() names=() reasons=''
+  for thing in "$@"; do
+    have "$thing" && continue
+    missing+=("$thing")
+    [[ "; $reasons; " = *"; ${purpose[$thing]}; "* ]] || reasons+="${reasons:+; }${purpose[$thing]}"
+    for name in ${packages[$thing]}; do is_installed "$name" || names+=("$name"); done
+  done
+  [ ${#missing[@]} = 0 ] && return 0
+  [ ${#names[@]} != 0 ] || return 1
+  install_packages "$reasons" "${names[@]}" || return 1
+  for thing in "${missing[@]}"; do have "$thing" || return 1; done
+}
+
+is_installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'ok installed'; }
+
+# need THING...: as want, but the command ends without them.
+need() {
+  want "$@" && return 0
+  local thing missing=''
+  for thing in "$@"; do have "$thing" || missing+=" ${packages[$thing]}"; done
+  fail "something is missing. Type, as root: apt-get install$missing" \
+    "(Debian's names; on another distribution, what these packages hold)"
+}
+
+# install_packages REASON PACKAGE...: by apt-get, as root or by sudo. What they say is shown where they fail.
+install_packages() {
+  local reason=$1 as_root=() log status=0
   shift
-  mkdir -p build
-  [ -e "build/$preset/build.ninja" ] || configure "$preset"
-  local targets=()
-  [ $# = 0 ] || targets=(--target "$@")
-  cmake --build --preset "$preset" "${targets[@]}" >"$log" 2>&1 || { cat "$log" >&2; exit 1; }
+  [ -z "${no_installing:-}" ] && commands apt-get || return 1
+  if [ "$(id -u)" = 0 ]; then
+    export DEBIAN_FRONTEND=noninteractive
+  else
+    commands sudo || return 1
+    note "$me: asking sudo for the right to run: apt-get install $* (for: $reason)"
+    # Whoever declines is not asked again.
+    sudo apt-get --version >/dev/null || { no_installing=1; return 1; }
+    as_root=(sudo)
+  fi
+  note "$me: installing $* (for: $reason)"
+  log=$(mktemp)
+  {
+    [ -n "${lists_are_new:-}" ] || "${as_root[@]}" apt-get update
+    lists_are_new=1
+    "${as_root[@]}" apt-get -o DPkg::Lock::Timeout=600 install -y --no-install-recommends "$@"
+  } </dev/null >"$log" 2>&1 || status=1
+  [ $status = 0 ] || cat "$log" >&2
+  rm -- "$log"
+  return $status
+}
+
+# step TITLE LOG COMMAND...: runs a command, its output in the file LOG. Says the title and the time that it took, unless
+# that was less than $quiet_seconds; on a terminal, how far it has come. Returns the command's status.
+step() {
+  local title=$1 log=$2 began=$SECONDS status
+  shift 2
+  "$@" 2>&1 </dev/null | tee -- "$log" | show_progress "$title"
+  status=${PIPESTATUS[0]}
+  local took=$((SECONDS - began)) how=''
+  [ "$status" = 0 ] || how=', failed'
+  if [ "$status" != 0 ] || [ $took -ge "${quiet_seconds:-0}" ]; then note "$title ($took s$how)"; fi
+  return "$status"
+}
+
+# Of ninja's "[12/345]" and ctest's "12/345 Test".
+show_progress() {
+  if [ ! -t 2 ]; then
+    cat >/dev/null
+    return
+  fi
+  local line
+  while IFS= read -r line; do
+    [[ $line =~ ^\[([0-9]+/[0-9]+)\]|^\ *([0-9]+/[0-9]+)\ Test ]] || continue
+    printf '\r\033[K%s: %s' "$1" "${BASH_REMATCH[1]}${BASH_REMATCH[2]}" >&2
+  done
+  printf '\r\033[K' >&2
+}
+
+# choose_product: sets $product to the product's preset, board where it can be built, else host with a notice.
+choose_product() {
+  product=board
+  is_configured board || want multilib && return 0
+  note "$me: no 32-bit toolchain here (Debian: ${packages[multilib]}): going on with the native build."
+  product=host
+}
+
+# is_configured PRESET: succeeds if its build directory was made for this checkout, at the place where it stands now.
+is_configured() {
+  local made_for
+  made_for=$(sed -n 's/^CMAKE_HOME_DIRECTORY:INTERNAL=//p' "$root/build/$1/CMakeCache.txt" 2>/dev/null) || return 1
+  [ "$made_for" -ef "$root" ] && [ -e "$root/build/$1/build.ninja" ]
 }
 
 configure() {
-  mkdir -p build
-  cmake --preset "$1" >"build/$1.log" 2>&1 || { cat "build/$1.log" >&2; exit 1; }
+  local options=()
+  is_configured "$1" || options=(--fresh)
+  mkdir -p "$root/build"
+  step "$1: configure" "$root/build/$1.log" cmake -S "$root" --preset "$1" "${options[@]}" || show_log_and_fail "$1"
 }
+
+# build PRESET [TARGET...]: configures where that is not done, then builds what is out of date.
+build() {
+  local preset=$1 targets=()
+  shift
+  is_configured "$preset" || configure "$preset"
+  [ $# = 0 ] || targets=(--target "$@")
+  step "$preset: build" "$root/build/$preset.log" cmake --build "$root/build/$preset" "${targets[@]}" ||
+    show_log_and_fail "$preset"
+}
+
+show_log_and_fail() {
+  cat "$root/build/$1.log" >&2
+  exit 1
+}
+
+case $(uname -sm) in
+  Linux\ x86_64 | Linux\ i[3-6]86) ;;
+  *) fail "POST runs on x86 Linux only; this is $(uname -sm)." ;;
+esac
