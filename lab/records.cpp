@@ -29,6 +29,7 @@ const char *complaint(const fields &values) {
   if (lead != 0) return "the first field is not 0";
   if (!row_of_test(test)) return "no test has this id";
   if (!place_of(test, device)) return "the test has no such device";
+  if (test == seeprom_test && device == seeprom_nothing) return "this device records nothing";
   if (result != RECORD_PASS && result != RECORD_FAIL) return "the result is neither 1 nor 2";
   return nullptr;
 }

@@ -31,6 +31,8 @@ struct message_list {
   size_t more = 0;            // lines beyond the limits
 
   void add(size_t line, std::string_view text);
+  // Hands over the messages from `first` on.
+  void move_to(message_list *other, size_t first);
   [[nodiscard]] bool contain(std::string_view text) const;
 };
 
@@ -51,6 +53,7 @@ struct row_log {
 struct run_log {
   size_t first_line = 0;
   size_t last_line = 0;
+  bool asserted = false;                // an assertion ended it
   bool started = false;                 // "Starting system POST.....": the libraries have started
   std::optional<uint64_t> change_bits;  // the board revision line
   std::array<row_log, row_count> rows;
