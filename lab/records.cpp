@@ -53,7 +53,14 @@ class record_parser {
  private:
   void bad(const line_splitter::line &line, const char *reason) {
     ++list_.bad_count;
-    if (list_.bad.size() < record_list::bad_kept) list_.bad.push_back({line.number, reason, printable(line.text)});
+    auto &bad = list_.bad;
+    if (!bad.empty() && bad.back().last + 1 == line.number && bad.back().reason == reason) {
+      bad.back().last = line.number;
+    } else if (bad.size() < record_list::bad_kept) {
+      bad.push_back({line.number, line.number, reason, printable(line.text)});
+    } else {
+      ++list_.bad_unlisted;
+    }
   }
 
   record_list list_;

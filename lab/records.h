@@ -20,23 +20,25 @@ struct record {
   size_t line;     // in the file, from 1
 };
 
-// A line that is no record, or not a whole one.
-struct bad_line {
-  size_t line;
+// Lines one after the other that are no records for the same reason, or one that is not a whole record.
+struct bad_lines {
+  size_t first;
+  size_t last;
   std::string reason;
-  std::string text;  // printable
+  std::string text;  // of the first, printable
 };
 
-// The records of a file in their order. Of huge files only the last records_kept are kept, and the first bad_kept bad
-// lines; the counts tell of all.
+// The records of a file in their order. Of huge files only the last records_kept are kept, and the first bad_kept
+// ranges of bad lines; the counts tell of all.
 struct record_list {
   static constexpr size_t records_kept = 16384;
   static constexpr size_t bad_kept = 1000;
 
   std::deque<record> records;
-  std::vector<bad_line> bad;
+  std::vector<bad_lines> bad;
   size_t record_count = 0;
-  size_t bad_count = 0;
+  size_t bad_count = 0;     // lines
+  size_t bad_unlisted = 0;  // lines that `bad` leaves out
 };
 
 [[nodiscard]] record_list parse_records(std::string_view text);

@@ -20,6 +20,41 @@ std::string printable(std::string_view text) {
   return out;
 }
 
+std::string escape_markup(std::string_view text) {
+  std::string out;
+  for (const char c : text) {
+    switch (c) {
+      // clang-format off
+      case '&':  out += "&amp;";  break;
+      case '<':  out += "&lt;";   break;
+      case '>':  out += "&gt;";   break;
+      case '"':  out += "&quot;"; break;
+      case '\t': out += "&#9;";   break;
+      default:   out += c;        break;
+        // clang-format on
+    }
+  }
+  return out;
+}
+
+std::string columns(const std::vector<std::vector<std::string>> &lines) {
+  std::vector<size_t> widths;
+  for (const auto &line : lines) {
+    widths.resize(std::max(widths.size(), line.size()));
+    for (size_t i = 0; i < line.size(); ++i)
+      widths[i] = std::max(widths[i], line[i].size());
+  }
+  std::string out;
+  for (const auto &line : lines) {
+    std::string text;
+    for (size_t i = 0; i < line.size(); ++i)
+      text += line[i] + std::string(widths[i] - line[i].size() + 2, ' ');
+    text.erase(text.find_last_not_of(' ') + 1);
+    out += text + "\n";
+  }
+  return out;
+}
+
 void line_splitter::feed(std::string_view piece) {
   for (size_t end = piece.find('\n'); end != std::string_view::npos; end = piece.find('\n')) {
     keep(piece.substr(0, end));

@@ -8,11 +8,18 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace lab {
 
 // A line as it may be printed anywhere: bytes that are neither printable ASCII nor a tab appear as \xNN.
 [[nodiscard]] std::string printable(std::string_view text);
+
+// The text with what XML and HTML take for markup escaped. `text` is printable.
+[[nodiscard]] std::string escape_markup(std::string_view text);
+
+// The cells in columns two blanks apart, without blanks at line ends.
+[[nodiscard]] std::string columns(const std::vector<std::vector<std::string>> &lines);
 
 // Collects lines from pieces of a text. What a line has beyond the limit is counted, not kept.
 class line_splitter {
