@@ -156,12 +156,21 @@ void add_log(const run_log &log, report *result) {
   result->died = !log.completed;
 }
 
-// How many of the last records can be those of a log's run. Of a run that ended early these are no more than the
-// devices that it shows: what stands there of others is another run's.
+// Whether the log's run can have written a record of the device. One that ended early has none of devices that it does
+// not show: such a record is another run's.
+bool can_record(const run_log &log, size_t place) {
+  const device_log &device = log.devices[place];
+  const size_t row = row_of_place(place);
+  if (rows[row].short_skips && log.short_test()) return false;
+  if (row == 0 && card_unknown(log, device)) return false;
+  return !device.record_lost && (device.started || log.completed);
+}
+
+// How many of the last records are those of a log's run.
 size_t records_of(const run_log &log, const std::deque<record> &records, size_t end) {
   size_t start = end;
-  const auto fits = [&](const record &one) { return log.completed || log.devices[one.place].started; };
-  while (start > 0 && fits(records[start - 1]) && (start == end || records[start - 1].place < records[start].place))
+  const auto follows = [&](size_t i) { return i + 1 == end || records[i].place < records[i + 1].place; };
+  while (start > 0 && can_record(log, records[start - 1].place) && follows(start - 1))
     --start;
   return end - start;
 }
