@@ -1,0 +1,97 @@
+#include "lab/text.h"
+
+#include <algorithm>
+#include <array>
+
+namespace lab {
+
+std::string printable(std::string_view text) {
+  constexpr char digits[] = "0123456789abcdef";
+  std::string out;
+  out.reserve(text.size());
+  for (const char c : text) {
+    const auto byte = static_cast<unsigned char>(c);
+    if (c == '\t' || (byte >= 0x20 && byte < 0x7F)) {
+      out += c;
+    } else {
+      out += {'\\', 'x', digits[byte >> 4], digits[byte & 0xF]};
+    }
+  }
+  return out;
+}
+
+std::string escape_markup(std::string_view text) {
+  std::string out;
+  for (const char c : text) {
+    switch (c) {
+      // clang-format off
+      case '&':  out += "&amp;";  break;
+      case '<':  out += "&lt;";   break;
+      case '>':  out += "&gt;";   break;
+      case '"':  out += "&quot;"; break;
+      case '\t': out += "&#9;";   break;
+      default:   out += c;        break;
+        // clang-format on
+    }
+  }
+  return out;
+}
+
+std::string columns(const std::vector<std::vector<std::string>> &lines) {
+  std::vector<size_t> widths;
+  for (const auto &line : lines) {
+    widths.resize(std::max(widths.size(), line.size()));
+    for (size_t i = 0; i < line.size(); ++i)
+      widths[i] = std::max(widths[i], line[i].size());
+  }
+  std::string out;
+  for (const auto &line : lines) {
+    std::string text;
+    for (size_t i = 0; i < line.size(); ++i)
+      text += line[i] + std::string(widths[i] - line[i].size() + 2, ' ');
+    text.erase(text.find_last_not_of(' ') + 1);
+    out += text + "\n";
+  }
+  return out;
+}
+
+void line_splitter::feed(std::string_view piece) {
+  for (size_t end = piece.find('\n'); end != std::string_view::npos; end = piece.find('\n')) {
+    keep(piece.substr(0, end));
+    hand_out(true);
+    piece.remove_prefix(end + 1);
+  }
+  keep(piece);
+}
+
+void line_splitter::finish() {
+  if (!line_.empty()) hand_out(false);
+}
+
+void line_splitter::keep(std::string_view piece) {
+  const size_t room = std::min(piece.size(), limit - line_.size());
+  line_ += piece.substr(0, room);
+  cut_ += piece.size() - room;
+}
+
+void line_splitter::hand_out(bool ended) {
+  std::string_view text = line_;
+  if (ended && cut_ == 0 && text.ends_with('\r')) text.remove_suffix(1);
+  sink_({++lines_, text, cut_, ended});
+  line_.clear();
+  cut_ = 0;
+}
+
+void feed_stream(std::istream &in, const std::function<void(std::string_view)> &feed) {
+  std::array<char, 65536> piece;
+  while (in.read(piece.data(), piece.size()) || in.gcount() > 0)
+    feed({piece.data(), static_cast<size_t>(in.gcount())});
+}
+
+bool take(std::string_view *text, std::string_view literal) {
+  if (!text->starts_with(literal)) return false;
+  text->remove_prefix(literal.size());
+  return true;
+}
+
+}  // namespace lab

@@ -1,0 +1,195 @@
+// What records and output together say of each device, and what they do not say.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+
+#include "tests/lab/lab_texts.h"
+
+using testing::IsEmpty;
+
+namespace {
+
+constexpr char all_pass[] = "PPS PPPP P P PPPPPPP";
+constexpr char all_error[] = "EEE EEEE E E EEEEEEE";
+constexpr char error_5_1[] = "\n ERROR: Executing 5 on dev 1\n..done (2";
+
+struct merge_case {
+  const char *name;
+  std::string records;
+  std::string log;  // "-" for none
+  std::string expected;
+  std::string warning;  // the first one
+};
+
+lab::report merged(const merge_case &one) {
+  if (one.log != "-") return last_run(one.records, one.log);
+  const auto list = lab::parse_records(one.records);
+  const auto pairs = lab::pair_runs(list.records, {});
+  return lab::make_report(pairs.empty() ? std::vector<lab::record>{} : pairs.back().records, nullptr);
+}
+
+void check(std::span<const merge_case> cases) {
+  for (const merge_case &one : cases) {
+    const lab::report report = merged(one);
+    EXPECT_EQ(letters(report), one.expected) << one.name;
+    EXPECT_EQ(report.warnings.empty() ? "" : report.warnings[0], one.warning) << one.name;
+    const bool good = one.expected.find_first_of("FE") == std::string::npos && one.warning.empty();
+    EXPECT_EQ(report.clean(), good) << one.name;
+    for (const lab::test_case &device : report.cases) {
+      const bool needs_reason = device.result == lab::verdict::skip || device.result == lab::verdict::error;
+      EXPECT_FALSE(needs_reason && device.reason.empty()) << one.name << " " << device.name();
+    }
+  }
+}
+
+TEST(records_alone, pass_only_what_they_hold) {
+  const std::string full = full_records;
+  const std::string brief = short_records;
+  // clang-format off
+  const merge_case cases[] = {
+      {"a full run",          full,  "-", all_pass, ""},
+      {"a short run",         brief, "-", "PPS PPPP S S PPPPPPP", ""},
+      {"nothing",             "",    "-", all_error, ""},
+      {"failures",            edited(full, {{"0:5:2:1", "0:5:2:2"}, {"0:12:6:1", "0:12:6:2"}}), "-", "PPS PPFP P P PPPPPPF", ""},
+      {"one is missing",      edited(full, {{"0:12:2:1\n", ""}}), "-", "PPS PPPP P P PPEPPPP", ""},
+      {"NVRAM is missing",    edited(full, {{"0:8:0:1\n", ""}}),  "-", "PPS PPPP E P PPPPPPP", ""},
+      {"one SPROM is missing", edited(full, {{"0:4:1:1\n", ""}}), "-", "PES PPPP P P PPPPPPP", ""},
+      {"no SPROM at all",     edited(full, {{"0:4:0:1\n0:4:1:1\n", ""}}), "-", "SSS PPPP P P PPPPPPP",
+       "without a known card the rows seeprom and pcie compare nothing"},
+      {"it ends in the SEEPROM row", "0:4:0:1\n",            "-", "PEE EEEE E E EEEEEEE", ""},
+      {"it ends in front of NVRAM",  until(full, "0:8"),     "-", "PPS PPPP E E EEEEEEE", ""},
+      {"it ends in the last row",    until(brief, "0:12:6"), "-", "PPS PPPP S S PPPPPPE", ""},
+      {"the last of three",   full + until(brief, "0:5:2") + full, "-", all_pass, ""},
+      {"it ends after others", full + until(brief, "0:5:2"), "-", "PPS PPEE E E EEEEEEE", ""},
+  };
+  // clang-format on
+  check(cases);
+}
+
+TEST(records_and_log, pass_only_what_neither_contradicts) {
+  const std::string full = full_records;
+  const std::string log = full_log;
+  const std::string failed = edited(log, {{"..done (2", error_5_1}, {"Completed Successfully", "Failed"}});
+  constexpr char short_edit[] =
+      "  Executing Mod 1 1 NVRAM Test: \n.done (1 seconds)\n  Executing Mod 1 1 OBFL Test: \n"
+      ".done (61 seconds)\n";
+  const std::string short_log = edited(log, {{short_edit, ""}});
+  const std::string no_driver = "Error in opening /dev/sprom for reading. Default card_index to 65535\n";
+  // clang-format off
+  const merge_case cases[] = {
+      {"a full run",                  full,          log,       all_pass, ""},
+      {"a short run",                 short_records, short_log, "PPS PPPP S S PPPPPPP", ""},
+      {"failure in both",             edited(full, {{"0:5:1:1", "0:5:1:2"}}), failed, "PPS PFPP P P PPPPPPP", ""},
+      {"failure in the log alone",    full, failed, "PPS PFPP P P PPPPPPP", ""},
+      {"failure without a record",    edited(full, {{"0:5:1:1\n", ""}}), failed, "PPS PFPP P P PPPPPPP", ""},
+      {"failure in the records alone", edited(full, {{"0:5:1:1", "0:5:1:2"}}), log, "PPS PFPP P P PPPPPPP",
+       "the run printed Completed Successfully, but devices failed"},
+      {"failure of no device",        full, edited(log, {{"Completed Successfully", "Failed"}}), all_pass,
+       "the run printed Failed, but no device did"},
+      {"no verdict",                  full, edited(log, {{"Mod 1 1 Post ", ""}}), all_pass, "the log does not show the run's verdict"},
+      {"a record is missing",         edited(full, {{"0:10:0:1\n", ""}}), log, "PPS PPPP P E PPPPPPP", ""},
+      {"no records",                  "", log, "EES EEEE E E EEEEEEE", ""},
+      {"a record could not be written", edited(full, {{"0:12:0:1\n", ""}}),
+       edited(log, {{".......", ".Could not open file post_results.txt\nERROR: Failed to open /post/result (0)\n......"}}),
+       "PPS PPPP P P EPPPPPP", ""},
+      {"no SPROM driver",             edited(full, {{"0:4:0:1\n0:4:1:1\n", ""}}),
+       edited(log, {{"...done", "." + no_driver + "." + no_driver + ".done"}}), "SSS PPPP P P PPPPPPP",
+       "without a known card the rows seeprom and pcie compare nothing"},
+      {"no SPROM driver, after a dead run", "0:4:0:1\n" + edited(full, {{"0:4:0:1\n0:4:1:1\n", ""}}),
+       edited(log, {{"...done", "." + no_driver + "." + no_driver + ".done"}}), "SSS PPPP P P PPPPPPP",
+       "without a known card the rows seeprom and pcie compare nothing"},
+      {"an unknown card",             edited(full, {{"0:4:0:1\n0:4:1:1\n", ""}}),
+       edited(log, {{".......", ".Invalid card detected\n......"}}), "SSS PPPP P P PPPPPPP",
+       "without a known card the rows seeprom and pcie compare nothing"},
+      {"a title of the log is missing", full, edited(log, {{"  Executing Mod 1 1 OBFL Test: \n.done (61 seconds)\n", ""}}), all_pass, ""},
+      {"a short log, a full run's records", full, short_log, "EES EEEE S S PPPPPPP", ""},
+      {"the log's end is missing",    full, until(log, "POST is"), all_pass, "the log of the run ends behind the row pcie"},
+      {"the log is of no run",        full, "login:\n", all_pass, ""},
+  };
+  // clang-format on
+  check(cases);
+}
+
+// Wherever the run stopped: its own records go that far, and those of the runs before it are never taken for its own.
+TEST(records_and_log, of_a_dead_run_pass_nothing_behind_its_end) {
+  const std::string full = full_records;
+  const std::string log = full_log;
+  const std::string in_nvram = through(log, "NVRAM Test: \n.");
+  const std::string in_first = through(log, "SEEPROM Test: \n.");
+  const std::string dead_in_first = "PEE EEEE E E EEEEEEE";
+  constexpr char nvram[] = "PPS PPPP E E EEEEEEE";
+  // clang-format off
+  const merge_case cases[] = {
+      {"before it has started",       full,                       "devmemfd:0x3\nx: Assertion `len' failed.\n", all_error,
+       "the run ended before it had started"},
+      {"before the first row",        full,                       through(log, "board"), all_error, "the run ended before the first row"},
+      {"in its first device",         full,                       in_first, all_error, "the run ended in seeprom.0"},
+      {"in its first device twice",   full + "0:4:0:1\n",         in_first, all_error, "the run ended in seeprom.0"},
+      {"in its second device",        full + "0:4:0:1\n",         in_first + ".", dead_in_first, "the run ended in seeprom.1"},
+      {"in NVRAM",                    until(full, "0:8"),         in_nvram, nvram, "the run ended in nvram.0"},
+      {"in NVRAM after a full run",   full + until(full, "0:8"),  in_nvram, nvram, "the run ended in nvram.0"},
+      {"in NVRAM, with its record",   through(full, "0:8:0:1\n"), in_nvram, nvram, "the run ended in nvram.0"},
+      {"in NVRAM, records of others", full,                       in_nvram, "EES EEEE E E EEEEEEE", "the run ended in nvram.0"},
+      {"behind a failure",            edited(through(full, "0:8:0:1\n"), {{"0:8:0:1", "0:8:0:2"}}),
+       in_nvram + "\n ERROR: Executing 8 on dev 0\n", "PPS PPPP F E EEEEEEE", "the log of the run ends behind the row nvram"},
+      {"after one that ended",        full + until(full, "0:8"),  log + in_nvram, nvram, "the run ended in nvram.0"},
+      {"before one that ended",       until(full, "0:8") + full,  in_nvram + log, all_pass, ""},
+  };
+  // clang-format on
+  check(cases);
+}
+
+TEST(records_and_log, of_a_log_cut_anywhere_pass_no_device_that_it_does_not_show) {
+  const std::string log = full_log;
+  const std::string full = full_records;
+  for (size_t size = 0; size < log.find("completed\n"); ++size) {
+    const std::string cut = log.substr(0, size);
+    const lab::log_file read = lab::parse_run_log(cut);
+    if (read.runs.empty()) continue;
+    // Of a run that went on, of one that ended here, and of one before it.
+    for (size_t end = 0; end <= full.size(); end += 8) {
+      const lab::report report = last_run(full.substr(0, end), cut);
+      EXPECT_FALSE(report.clean()) << cut;
+      const auto shown = [&](const lab::test_case &one) {
+        return one.result != lab::verdict::pass ||
+               read.runs[0].devices[*lab::place_of(lab::rows[one.row].test_id, one.device)].ended;
+      };
+      EXPECT_TRUE(std::ranges::all_of(report.cases, shown)) << letters(report) << "\n" << cut;
+    }
+  }
+}
+
+TEST(runs, are_paired_from_the_last_one_back) {
+  const std::string full = full_records;
+  const auto list = lab::parse_records(full + until(full, "0:5:1") + short_records + full);
+  const lab::log_file logs = lab::parse_run_log(through(full_log, "GigE Port Test: \n..") + "\n" +
+                                                through(full_log, "POST.....") + "\n" + full_log);
+  const auto without = lab::pair_runs(list.records, {});
+  ASSERT_EQ(without.size(), 4U);
+  EXPECT_EQ(without[1].records.size(), 3U);
+
+  // The first log cannot own records of the PCIe row, which the run before it has written.
+  const auto pairs = lab::pair_runs(list.records, logs.runs);
+  std::vector<std::pair<size_t, bool>> sizes;
+  for (const lab::run_pair &pair : pairs)
+    sizes.emplace_back(pair.records.size(), pair.log != nullptr);
+  EXPECT_THAT(sizes, testing::ElementsAre(std::pair(15, false), std::pair(3, false), std::pair(13, false),
+                                          std::pair(0, true), std::pair(0, true), std::pair(15, true)));
+}
+
+TEST(cases, carry_the_messages_and_seconds_of_the_log) {
+  const auto report =
+      last_run(full_records, edited(full_log, {{"....done", "..Fail\n..done"}, {"board\n", "board\nodd\n"}}));
+  EXPECT_EQ(report.cases[4].name(), "gige.1");
+  EXPECT_EQ(report.cases[4].part(), "eth1");
+  ASSERT_EQ(report.cases[4].messages.kept.size(), 1U);
+  EXPECT_EQ(report.cases[4].messages.kept[0].text, "Fail");
+  EXPECT_THAT(report.cases[5].messages.kept, IsEmpty());
+  ASSERT_EQ(report.messages.kept.size(), 1U) << "the usual lines of a start are none";
+  EXPECT_EQ(report.messages.kept[0].text, "odd");
+  EXPECT_EQ(report.seconds[3], 61);
+  EXPECT_EQ(report.change_bits, 1U);
+}
+
+}  // namespace

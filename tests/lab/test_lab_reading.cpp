@@ -1,0 +1,290 @@
+// Records and output as files hold them: whole, cut off, mixed with lines of others.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <sstream>
+
+#include "lab/text.h"
+#include "tests/lab/lab_texts.h"
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+// ---- records
+
+// "PLACE=RESULT ..." and "FIRST-LAST REASON" of each range of bad lines.
+std::string shown(const lab::record_list &list) {
+  std::string out;
+  for (const lab::record &one : list.records)
+    out += std::to_string(one.place) + "=" + std::to_string(one.result) + " ";
+  for (const lab::bad_lines &bad : list.bad)
+    out += "\n" + std::to_string(bad.first) + "-" + std::to_string(bad.last) + " " + bad.reason;
+  return out;
+}
+
+struct record_case {
+  std::string_view text;
+  std::string_view expected;
+};
+
+TEST(records, take_only_lines_that_a_run_can_have_written) {
+  constexpr char no_fields[] = "\n1-1 not four integers with colons between them";
+  // clang-format off
+  const record_case cases[] = {
+      {"",                         ""},
+      {"0:4:0:1\n0:12:6:2\n",      "0=1 15=2 "},
+      {"0:4:0:1\r\n",              "0=1 "},
+      {"0:5:3:1",                  "6=1 \n1-1 a whole record, but its line end is missing"},
+      {"0:12:6:",                  no_fields},
+      {"0:12:6:1:\n",              no_fields},
+      {"0:12:6:1 \n",              no_fields},
+      {" 0:12:6:1\n",              no_fields},
+      {"0:12:6\n",                 no_fields},
+      {"0:12:6:+1\n",              no_fields},
+      {"0:12:6:99999999999\n",     no_fields},
+      {"\n",                       no_fields},
+      {"1:4:0:1\n",                "\n1-1 the first field is not 0"},
+      {"0:6:0:1\n",                "\n1-1 no test has this id"},
+      {"0:4:3:1\n0:5:-1:1\n",      "\n1-2 the test has no such device"},
+      {"0:4:2:1\n",                "\n1-1 this device records nothing"},
+      {"0:4:0:0\n0:4:0:3\n",       "\n1-2 the result is neither 1 nor 2"},
+      {"x\n0:4:0:1\ny\n\nz\n",     "0=1 \n1-1 not four integers with colons between them"
+                                   "\n3-5 not four integers with colons between them"},
+  };
+  // clang-format on
+  for (const auto &[text, expected] : cases)
+    EXPECT_EQ(shown(lab::parse_records(text)), expected) << text;
+}
+
+TEST(records, show_bytes_of_bad_lines_as_they_are) {
+  const auto list = lab::parse_records(std::string_view("0:4\0\x1b[31m\xff\t\n", 12));
+  ASSERT_EQ(list.bad.size(), 1U);
+  EXPECT_EQ(list.bad[0].text, "0:4\\x00\\x1b[31m\\xff\t");
+}
+
+TEST(records, of_huge_files_keep_the_last_runs_and_count_the_rest) {
+  std::string text;
+  for (int i = 0; i < 3000; ++i)
+    text += std::string("0:4:0:1\n?\n") + full_records;
+  std::istringstream stream(text);
+  const auto list = lab::parse_records(stream);
+  EXPECT_EQ(list.record_count, 3000U * 16);
+  EXPECT_EQ(list.records.size(), lab::record_list::records_kept);
+  EXPECT_EQ(list.records.back().line, 3000U * 17);
+  EXPECT_EQ(list.bad_count, 3000U);
+  EXPECT_EQ(list.bad.size() + list.bad_unlisted, 3000U);
+}
+
+// ---- lines
+
+TEST(lines, are_the_same_in_pieces_of_any_size) {
+  const std::string text = "one\r\n\ntwo\rtwo\n" + std::string(lab::line_splitter::limit + 5, 'x') + "\nlast";
+  const auto split = [&](size_t piece) {
+    std::vector<std::string> lines;
+    lab::line_splitter splitter([&](const lab::line_splitter::line &line) {
+      lines.push_back(std::to_string(line.number) + ":" + std::to_string(line.text.size()) + "+" +
+                      std::to_string(line.cut) + (line.ended ? "" : " open"));
+    });
+    for (size_t at = 0; at < text.size(); at += piece)
+      splitter.feed(std::string_view(text).substr(at, piece));
+    splitter.finish();
+    return lines;
+  };
+  EXPECT_THAT(split(text.size()), ElementsAre("1:3+0", "2:0+0", "3:7+0", "4:4096+5", "5:4+0 open"));
+  for (const size_t piece : {1U, 2U, 3U, 5U, 4095U, 4096U, 4097U})
+    EXPECT_EQ(split(piece), split(text.size())) << piece;
+}
+
+// ---- logs
+
+// A run in short: "started 0x1; seeprom ...0 gige ..!.2; ended; passed". Of each device a dot, "!" behind it for its
+// ERROR line, "," if its test did not end; behind a row its seconds, "?" without them.
+std::string shown(const lab::run_log &run) {
+  std::string out = run.started ? "started" : "starting";
+  if (run.change_bits) out += " bits " + std::to_string(*run.change_bits);
+  for (size_t row = 0; row < lab::row_count; ++row) {
+    if (!run.rows[row].started) continue;
+    out += "; " + std::string(lab::rows[row].key) + " ";
+    for (size_t i = 0; i < lab::rows[row].parts.size(); ++i) {
+      const auto &device = run.devices[lab::first_place(row) + i];
+      if (device.started) out += device.ended ? "." : ",";
+      if (device.failed) out += "!";
+    }
+    out += run.rows[row].seconds ? std::to_string(*run.rows[row].seconds) : "?";
+  }
+  if (run.passed) out += *run.passed ? "; passed" : "; failed";
+  if (run.completed) out += "; completed";
+  if (run.asserted) out += "; asserted";
+  return out;
+}
+
+std::vector<std::string> shown(const lab::log_file &log) {
+  std::vector<std::string> out;
+  for (const lab::run_log &run : log.runs)
+    out.push_back(shown(run));
+  return out;
+}
+
+constexpr char healthy[] =
+    "started bits 1; seeprom ...0; gige ....2; nvram .1; obfl .61; pcie .......0; passed; completed";
+
+std::string every_line(const std::string &text, const std::function<std::string(const std::string &)> &change) {
+  std::string out;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);)
+    out += change(line);
+  return out;
+}
+
+struct log_case {
+  const char *name;
+  std::string text;
+  std::string expected;
+};
+
+TEST(log_of_a_run, is_read_however_it_was_kept) {
+  const auto lines = [](const std::function<std::string(const std::string &)> &change) {
+    return every_line(full_log, change);
+  };
+  // clang-format off
+  const log_case cases[] = {
+      {"as it is",                  full_log, healthy},
+      {"with other line ends",      lines([](auto &line) { return line + "\r\n"; }), healthy},
+      {"double-spaced",             lines([](auto &line) { return line + "\n\n"; }), healthy},
+      {"with the time before",      lines([](auto &line) { return "[  12.345] " + line + "\n"; }), healthy},
+      {"without line ends",         lines([](auto &line) { return line; }), healthy},
+      {"with foreign lines",        lines([](auto &line) { return "\x1b[0meth0: up\n" + line + "\nlogin: \n"; }), healthy},
+      {"without its last line end", until(full_log, "completed\n") + "completed", healthy},
+      {"without blanks in front",   edited(full_log, {{"  Executing Mod 1 1 OBFL", "Executing Mod 1 1 OBFL"}}), healthy},
+      {"a foreign word before done", edited(full_log, {{"....done", ".. up\n..done"}}), healthy},
+      {"words of others like frames", edited(full_log, {{"....done", "..done (x seconds) P(0xz) board\nExecuting it\n"
+                                      "ERROR: Executing 7 on dev 0\nERROR: Executing 5 on dev 4\nMod 1 1 Post it\n..done"}}),
+                                    healthy},
+      {"a row without its title",   edited(full_log, {{"  Executing Mod 1 1 NVRAM Test: \n.done (1 seconds)",
+                                                       "\n ERROR: Executing 8 on dev 0\ndone (1 seconds)"}}),
+       "started bits 1; seeprom ...0; gige ....2; nvram .!1; obfl .61; pcie .......0; passed; completed"},
+      {"a row without done",        edited(full_log, {{"done (2 seconds)", ""}}),
+       "started bits 1; seeprom ...0; gige ....?; nvram .1; obfl .61; pcie .......0; passed; completed"},
+      {"failures",                  edited(full_log, {{"....done", ".\n ERROR: Executing 5 on dev 0\n...\n ERROR: Executing 5 "
+                                                       "on dev 3\ndone"}, {"Completed Successfully", "Failed"}}),
+       "started bits 1; seeprom ...0; gige .!...!2; nvram .1; obfl .61; pcie .......0; failed; completed"},
+      {"a clock set back",          edited(full_log, {{"61 sec", "-3599 sec"}}),
+       "started bits 1; seeprom ...0; gige ....2; nvram .1; obfl .-3599; pcie .......0; passed; completed"},
+  };
+  // clang-format on
+  for (const log_case &one : cases)
+    EXPECT_THAT(shown(lab::parse_run_log(one.text)), ElementsAre(one.expected)) << one.name;
+}
+
+struct dead_case {
+  const char *name;
+  std::string text;
+  std::vector<std::string> expected;
+};
+
+TEST(log_of_dead_runs, tells_each_run_and_how_far_it_came) {
+  const std::string in_startup = "devmemfd:0x3\npost: mmap_acc.cpp:87: mmap_acc_init: Assertion `len' failed.\n";
+  const std::string in_nvram = through(full_log, "NVRAM Test: \n.");
+  constexpr char nvram[] = "started bits 1; seeprom ...0; gige ....2; nvram ,?";
+  // clang-format off
+  const dead_case cases[] = {
+      {"nothing",                      "", {}},
+      {"foreign lines only",           "boot\n\nPOST is completed\ndone (1 seconds)\n", {}},
+      {"before the program has started", in_startup, {"starting; asserted"}},
+      {"again and again",              in_startup + in_startup + full_log, {"starting; asserted", "starting; asserted", healthy}},
+      {"before its first row",         through(full_log, "POST....."), {"started"}},
+      {"before its first device",      through(full_log, "SEEPROM Test: "), {"started bits 1; seeprom ?"}},
+      {"within a device",              in_nvram, {nvram}},
+      {"and the next one on the line", in_nvram + full_log, {nvram, healthy}},
+      {"the next one's start missing", in_nvram + full_log + from(full_log, "P(0x1)"),
+                                       {nvram, healthy, edited(healthy, {{"started bits 1", "starting bits 1"}})}},
+      {"within a row",                 through(full_log, "GigE Port Test: \n.."), {"started bits 1; seeprom ...0; gige .,?"}},
+      {"by an assertion in a row",     in_nvram + "## Assert:obfl():3\n", {std::string(nvram) + "; asserted"}},
+      {"behind its last row",          until(full_log, "  Mod 1 1 Post"), {until(healthy, "; passed")}},
+      {"behind its verdict",           until(full_log, "POST is"), {until(healthy, "; completed")}},
+      {"an ERROR line",                until(full_log, "done (1") + "\n ERROR: Executing 8 on dev 0",
+                                       {"started bits 1; seeprom ...0; gige ....2; nvram .!?"}},
+  };
+  // clang-format on
+  for (const dead_case &one : cases)
+    EXPECT_EQ(shown(lab::parse_run_log(one.text)), one.expected) << one.name;
+}
+
+// The messages of a list, "(+N)" for those left out.
+std::vector<std::string> texts(const lab::message_list &list) {
+  std::vector<std::string> out;
+  for (const lab::message &one : list.kept)
+    out.push_back(std::to_string(one.line) + " " + one.text);
+  if (list.more > 0) out.push_back("+" + std::to_string(list.more));
+  return out;
+}
+
+TEST(messages, belong_to_the_device_that_was_tested) {
+  const auto log = lab::parse_run_log(
+      edited(full_log,
+             {{"P(0x1)", "err: no SPROM\nP(0x1)"},
+              {"...done", ".one\n.two\n\n ERROR: Executing 4 on dev 1\nthree\n.four  ...done"},
+              {"  Executing Mod 1 1 NVRAM Test: \n.", "outside\n  Executing Mod 1 1 NVRAM Test: \nfive\x07\n\t\n."}}));
+  const lab::run_log &run = log.runs.at(0);
+  EXPECT_THAT(texts(run.startup),
+              ElementsAre("1 devmemfd:0x3", "2 phys->virt: 0xf8000000-->0x7f6786400000", "4 err: no SPROM"));
+  EXPECT_THAT(texts(run.devices[0].messages), ElementsAre("7 one"));
+  EXPECT_THAT(texts(run.devices[1].messages), ElementsAre("8 two", "11 three"));
+  EXPECT_THAT(texts(run.devices[2].messages), ElementsAre("12 four  ..."));
+  EXPECT_THAT(texts(run.between), ElementsAre("15 outside"));
+  EXPECT_THAT(texts(run.devices[7].messages), ElementsAre("17 five\\x07"));
+}
+
+// Where each line carries its time, no dots are seen before the ERROR line tells the device.
+TEST(messages, go_with_the_error_line_where_the_dots_are_missing) {
+  const auto log = lab::parse_run_log(edited(
+      full_log, {{"....done",
+                  "> .\n> Fail A\n>  ERROR: Executing 5 on dev 1\n> Fail B\n>  ERROR: Executing 5 on dev 3\n> done"}}));
+  const auto &devices = log.runs.at(0).devices;
+  EXPECT_THAT(texts(devices[3].messages), IsEmpty());
+  EXPECT_THAT(texts(devices[4].messages), ElementsAre("8 > .", "9 > Fail A", "10 >  "));
+  EXPECT_THAT(texts(devices[6].messages), ElementsAre("11 > Fail B", "12 >  ", "13 > "));
+}
+
+TEST(messages, are_bounded_and_counted) {
+  std::string noise;
+  for (size_t i = 0; i < 1000; ++i)
+    noise += "line\n";
+  noise += std::string(20000, 'x') + "\n";
+  const auto log = lab::parse_run_log(edited(full_log, {{".done (1", "." + noise + "done (1"}}));
+  const lab::message_list &nvram = log.runs.at(0).devices[7].messages;
+  EXPECT_EQ(nvram.kept.size(), lab::message_list::lines_kept);
+  EXPECT_EQ(nvram.kept.size() + nvram.more, 1001U);
+  EXPECT_EQ(shown(log.runs[0]), healthy);
+}
+
+TEST(notes, name_the_lines_of_no_run_and_those_that_are_not_whole) {
+  const std::string before = std::string(5000, '#') + "\n\nboot\n";
+  const auto log = lab::parse_run_log(before + full_log + "\n$ exit\n" + from(full_log, "P(0x1)") + "log");
+  std::vector<std::string> notes;
+  for (const lab::line_note &note : log.notes)
+    notes.push_back(std::to_string(note.first) + "-" + std::to_string(note.last) + " " + note.text);
+  EXPECT_THAT(notes, ElementsAre("1-1 longer than the limit, the rest of it is left out", "1-3 of no run",
+                                 "21-21 of no run", "22-22 a run whose beginning is missing",
+                                 "35-35 the log stops within this line", "35-35 of no run"));
+}
+
+// The same bytes through a stream, whose pieces end anywhere, and more runs than are kept.
+TEST(huge_logs, are_read_as_streams_in_bounded_memory) {
+  std::string text;
+  for (size_t i = 0; i < 500; ++i)
+    text += std::string(i % 97, '.') + "noise \xff\n" + until(full_log, i % 2 == 0 ? "POST is" : "done (61");
+  text += full_log;
+  std::istringstream stream(text);
+  const auto streamed = lab::parse_run_log(stream);
+  const auto whole = lab::parse_run_log(text);
+  EXPECT_EQ(shown(streamed), shown(whole));
+  EXPECT_EQ(streamed.run_count, 501U);
+  EXPECT_EQ(streamed.runs.size(), lab::log_file::runs_kept);
+  EXPECT_EQ(shown(streamed.runs.back()), healthy);
+}
+
+}  // namespace

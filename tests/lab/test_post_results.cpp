@@ -1,0 +1,392 @@
+// The program post-results on runs of the simulated board and on stored files.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <regex>
+#include <sstream>
+
+#include "tests/lab/lab_texts.h"
+#include "tests/support/run.h"
+
+using nlohmann::json;
+using testing::AnyOf;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+// Names and verdicts of cases, a line each.
+using case_list = std::vector<std::string>;
+
+constexpr const char *forms[] = {"table", "ktap", "junit", "ocp"};
+
+class post_results : public testing::Test {
+ protected:
+  [[nodiscard]] std::filesystem::path path(const std::string &name) const { return dir_.path() / name; }
+  [[nodiscard]] outcome sh(const std::string &command) const { return run_shell(dir_.path(), command); }
+  void save(const std::string &name, const std::string &text) const { std::ofstream(path(name)) << text; }
+
+  // Output and records of a run on the simulated board, as NAME.log and NAME.result.
+  void run(const std::string &name, const std::vector<std::string> &args) const {
+    const temp_dir state;
+    const outcome ran = run_board(state.path(), args);
+    save(name + ".log", ran.out + ran.err);
+    save(name + ".result", ran.records);
+  }
+  // All forms of it, as NAME.FORM. Returns the exit status, which is the same for all.
+  [[nodiscard]] int tell(const std::string &name) const {
+    int status = -1;
+    for (const std::string form : forms) {
+      const outcome told = sh("post-results --" + form + " --log " + name + ".log " + name + ".result");
+      EXPECT_EQ(told.err, "");
+      save(name + "." + form, told.out);
+      if (status == -1) status = told.status;
+      EXPECT_EQ(told.status, status) << form;
+    }
+    return status;
+  }
+  [[nodiscard]] case_list read(const std::string &name, const std::string &form) const;
+
+ private:
+  temp_dir dir_;
+};
+
+// ---- readers of the forms
+
+case_list read_lines(const std::string &text, const std::regex &line,
+                     const std::function<std::string(std::smatch)> &shown) {
+  case_list out;
+  std::istringstream lines(text);
+  for (std::string one; std::getline(lines, one);) {
+    std::smatch found;
+    if (std::regex_match(one, found, line)) out.push_back(shown(found));
+  }
+  return out;
+}
+
+case_list read_table(const std::string &text) {
+  return read_lines(text, std::regex(R"((\w+\.\d|run) .*? (PASS|FAIL|SKIP|ERROR)( .*)?)"),
+                    [](const std::smatch &found) { return found.str(1) + " " + found.str(2); });
+}
+
+// Every line is a result, a comment or one of the first two; results are numbered as planned.
+case_list read_ktap(const std::string &text) {
+  std::smatch plan;
+  if (!std::regex_search(text, plan, std::regex("^KTAP version 1\n1\\.\\.(\\d+)\n"))) return {"no plan"};
+  size_t number = 0;
+  bool in_order = true;
+  const case_list out =
+      read_lines(plan.suffix(), std::regex(R"((ok|not ok) (\d+) (\S+)[^#]*(# (SKIP|ERROR) .+|# .+)?|#.*)"),
+                 [&](const auto &found) {
+                   if (!found[1].matched) return std::string("#");
+                   in_order &= found.str(2) == std::to_string(++number);
+                   std::string verdict = found.str(1) == "ok" ? "PASS" : "FAIL";
+                   if (found[5].matched) verdict = found.str(5);
+                   in_order &= (found.str(1) == "ok") == (verdict == "PASS" || verdict == "SKIP");
+                   return found.str(3) + " " + verdict;
+                 });
+  const auto lines = std::count(text.begin(), text.end(), '\n');
+  if (static_cast<size_t>(lines) != out.size() + 2) return {"lines of no known form"};
+  if (!in_order || std::to_string(number) != plan.str(1)) return {"not as planned"};
+  case_list results;
+  std::ranges::copy_if(out, std::back_inserter(results), [](const std::string &one) { return one != "#"; });
+  return results;
+}
+
+std::string upper(std::string text) {
+  std::ranges::transform(text, text.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
+  return text;
+}
+
+// "gige.1-fail" as "gige.1 FAIL"
+std::string named(const std::string &word) {
+  const size_t dash = word.find('-');
+  return word.substr(0, dash) + " " + upper(word.substr(dash + 1));
+}
+
+// The artifacts in the order that the format demands: steps are started, ended, and do not overlap.
+case_list read_ocp(const std::string &text) {
+  constexpr const char *types[][2] = {{" PASS", "PASS"}, {" FAIL", "FAIL"}, {" SKIP", "UNKNOWN"}};
+  case_list out;
+  std::string step;
+  size_t number = 0;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line); ++number) {
+    const json artifact = json::parse(line);
+    if (artifact.at("sequenceNumber") != number) return {"numbers with gaps"};
+    json body = artifact.value("testRunArtifact", json::object());
+    if (artifact.contains("testStepArtifact")) {
+      body = artifact["testStepArtifact"];
+      if (body.contains("testStepStart") != step.empty()) return {"steps overlap: " + line};
+      if (step.empty()) step = body["testStepId"];
+      if (body["testStepId"] != step) return {"of another step: " + line};
+      if (body.contains("testStepEnd")) step.clear();
+    }
+    if (body.contains("error")) out.push_back(named(body["error"]["symptom"]));
+    if (!body.contains("diagnosis")) continue;
+    out.push_back(named(body["diagnosis"]["verdict"]));
+    const bool right = std::ranges::any_of(
+        types, [&](const auto &type) { return out.back().ends_with(type[0]) && body["diagnosis"]["type"] == type[1]; });
+    if (!right) return {"another type than its verdict: " + line};
+  }
+  return out;
+}
+
+case_list post_results::read(const std::string &name, const std::string &form) const {
+  const std::string text = read_file(path(name + "." + form));
+  if (form == "table") return read_table(text);
+  if (form == "ktap") return read_ktap(text);
+  if (form == "ocp") return read_ocp(text);
+  const outcome junit = sh("python3 " LAB_TESTS_DIR "/read_junit.py " + name + ".junit");
+  EXPECT_EQ(junit.err, "") << name;
+  return read_lines(junit.out, std::regex(".*"), [](const std::smatch &line) { return line.str(); });
+}
+
+// "PPS PPPP S S PPPPPPP E": as letters() of a report, with the run's own finding behind.
+std::string letters(const case_list &of) {
+  std::string out;
+  for (const std::string &one : of) {
+    if ((one.find(".0 ") != std::string::npos || one.starts_with("run ")) && !out.empty()) out += ' ';
+    out += one[one.find(' ') + 1];
+  }
+  return out;
+}
+
+// ---- runs
+
+struct run_case {
+  std::string name;
+  std::vector<std::string> args;
+  std::string expected;
+  std::string result;  // of the run, in the words of the OCP format
+};
+
+// clang-format off
+const run_case board_runs[] = {
+    {"healthy",     {"--", "-s"},                                             "PPS PPPP S S PPPPPPP", "COMPLETE PASS"},
+    {"old-board",   {"--card", "11079", "--revision", "P0", "--", "-s"},      "PPS PPPP S S PPPPPPP", "COMPLETE PASS"},
+    {"corrupt",     {"--fault", "sprom-corrupt image=bp block=main", "--", "-s"}, "PFS PPPP S S PPPPPPP", "COMPLETE FAIL"},
+    {"unreadable",  {"--fault", "i2c-absent bus=1 addr=0x52", "--", "-s"},    "FFS PPPP S S PPPPPPP", "COMPLETE FAIL"},
+    {"ports",       {"--card", "11061", "--fault", "ethtool-silent port=eth1", "--fault", "ethtool-silent port=eth5",
+                     "--", "-s"},                                             "PPS PFPF S S PPPPPPP", "COMPLETE FAIL"},
+    {"functions",   {"--card", "11061", "--fault", "pci-missing bus=1 dev=0 func=3", "--fault", "pci-missing bus=2 dev=0 func=1",
+                     "--", "-s"},                                             "PPS PPPP S S PFPPPFP", "COMPLETE FAIL"},
+    {"driverless",  {"--fault", "sprom-absent", "--", "-s"},                  "SSS FFFF S S PPPPPPP E", "ERROR NOT_APPLICABLE"},
+    {"unknown",     {"--card", "1", "--", "-s"},                              "SSS PPPP S S PPPPPPP E", "ERROR NOT_APPLICABLE"},
+    {"homeless",    {"--fault", "post-missing", "--", "-s"},                  "EES FEEF S S EEEEEEE", "ERROR NOT_APPLICABLE"},
+    {"never-began", {"--fault", "bar-missing bar=5", "--", "-s"},             "EEE EEEE E E EEEEEEE E", "ERROR NOT_APPLICABLE"},
+    {"killed",      {"--fault", "ethtool-fail port=eth0 test=loopback", "--fault", "nvram-data-stuck instance=1 line=3 level=0", "--fault", "flash-power-cut nth=1"},
+                                                                              "PPS FPPP F E EEEEEEE E", "ERROR NOT_APPLICABLE"},
+};
+// clang-format on
+
+TEST_F(post_results, tells_the_same_of_each_case_in_every_form) {
+  for (const run_case &one : board_runs) {
+    run(one.name, one.args);
+    EXPECT_EQ(tell(one.name), one.result == "COMPLETE PASS" ? 0 : 1) << one.name;
+    const case_list expected = read(one.name, "table");
+    EXPECT_EQ(letters(expected), one.expected) << one.name << "\n" << read_file(path(one.name + ".table"));
+    for (const char *const form : forms)
+      EXPECT_EQ(read(one.name, form), expected) << one.name << " " << form;
+    const std::string ocp = read_file(path(one.name + ".ocp"));
+    const size_t space = one.result.find(' ');
+    EXPECT_THAT(ocp, HasSubstr(R"({"testRunEnd":{"status":")" + one.result.substr(0, space) + R"(","result":")" +
+                               one.result.substr(space + 1) + "\"}}"))
+        << one.name;
+  }
+}
+
+// Whatever a program or a disk may leave in them: markup, quotes, control characters, directives.
+void save_hostile(const std::function<void(const std::string &, const std::string &)> &save) {
+  constexpr std::string_view noise =
+      "<b>&amp; ]]> \"quoted\" '\\ # SKIP it\nok 3 # TODO\nBail out!\n\x1b[0m\xff\xc3\x28\x01\t.\n";
+  save("hostile.log", edited(full_log, {{"....done", ".." + std::string(noise) + "..done"},
+                                        {"P(0x1) board", "P(0x1) board\n" + std::string(noise)}}));
+  save("hostile.result", edited(full_records, {{"0:12:0:1", std::string(noise) + "0:12:0:1"}}));
+}
+
+struct reader {
+  const char *name;
+  std::string probe;
+  std::string command;
+};
+
+TEST_F(post_results, is_understood_by_readers_of_others) {
+  const auto store = [this](const std::string &name, const std::string &text) { save(name, text); };
+  save_hostile(store);
+  EXPECT_EQ(tell("hostile"), 1);
+  EXPECT_EQ(letters(read("hostile", "ktap")), "PPS PPPP P P PPPPPPP E");
+  for (const run_case &one : board_runs) {
+    run(one.name, one.args);
+    (void)tell(one.name);
+  }
+  const char *const given = std::getenv("CHECK_OCP");
+  const std::string check_ocp = given != nullptr ? given : LAB_TESTS_DIR "/../../../shared/check-ocp";
+  const reader readers[] = {
+      {"xmllint", "xmllint --version", "xmllint --noout --schema " LAB_TESTS_DIR "/junit.xsd *.junit"},
+      {"jq", "jq --version", "for f in *.ocp; do jq -s -e 'last.testRunArtifact.testRunEnd.status != null' $f; done"},
+      {"prove", "prove --version",
+       "prove -e cat healthy.ktap old-board.ktap && ! prove -e cat hostile.ktap && ! prove -e cat "
+       "driverless.ktap && ! prove -e cat never-began.ktap"},
+      {"the schemas' checker", "test -x '" + check_ocp + "' && python3 -c 'import jsonschema'",
+       "'" + check_ocp + "' *.ocp"},
+  };
+  std::string missing;
+  for (const reader &one : readers) {
+    if (sh(one.probe).status != 0) {
+      missing += std::string(" ") + one.name;
+      continue;
+    }
+    const outcome checked = sh(one.command);
+    EXPECT_EQ(checked.status, 0) << one.name << "\n" << checked.out << checked.err;
+  }
+  if (!missing.empty()) GTEST_SKIP() << "not here:" << missing;
+}
+
+TEST_F(post_results, names_the_board_by_its_sprom) {
+  const outcome sprom =
+      run_program("board-sim", {"--card", "11096", "--", POST_BIN_DIR "/sprom", "show", "--json", "SUPERVISOR"});
+  save("sprom", sprom.out);
+  save("log", full_log);
+  save("result", full_records);
+  const std::string command = "post-results --log log --sprom sprom ";
+  EXPECT_THAT(sh(command + "result").out,
+              HasSubstr("Board: card 11096, part SUP-DORVAN, serial SIM00000001, change bits 0x1\n"));
+  EXPECT_THAT(sh(command + "--ktap result").out, HasSubstr("\n# board: card 11096, part SUP-DORVAN, serial SIM0"));
+  EXPECT_THAT(sh(command + "--junit result").out, HasSubstr(R"(<property name="serial" value="SIM00000001"/>)"));
+  std::istringstream lines(sh(command + "--ocp result").out);
+  std::string line;
+  std::getline(lines, line);
+  std::getline(lines, line);
+  const json dut = json::parse(line)["testRunArtifact"]["testRunStart"]["dutInfo"];
+  const json hardware = {{"hardwareInfoId", "supervisor"},
+                         {"name", "supervisor"},
+                         {"partType", "supervisor"},
+                         {"version", "card 11096"},
+                         {"partNumber", "SUP-DORVAN"},
+                         {"serialNumber", "SIM00000001"},
+                         {"revision", "0x1"}};
+  EXPECT_EQ(dut["dutInfoId"], "SIM00000001");
+  EXPECT_EQ(dut["hardwareInfos"], json::array({hardware}));
+
+  save("log", edited(full_log, {{"P(0x1)", "P(0x2a)"}}));
+  EXPECT_THAT(sh(command + "result").out, HasSubstr("change bits 0x2a\n"));
+  EXPECT_THAT(sh(command + "result").out, HasSubstr("Note: the run printed other change bits than the SPROM holds\n"));
+  save("sprom", std::regex_replace(sprom.out, std::regex("\"good\":true"), "\"good\":false"));
+  EXPECT_THAT(sh(command + "result").out,
+              HasSubstr("Note: the SPROM that tells the board's identity has bad blocks\n"));
+}
+
+// The log was written when the run ended; the seconds of its rows lie before that.
+TEST_F(post_results, counts_times_back_from_the_end_of_the_run) {
+  save("log", full_log);
+  save("result", full_records);
+  EXPECT_EQ(sh("touch -d 2024-02-29T12:00:00Z log").status, 0);
+  const std::string ocp = sh("TZ=Asia/Tokyo post-results --ocp --log log result").out;
+  const auto time_of = [&ocp](const std::string &piece) {
+    const std::string line = from(ocp.substr(ocp.find(piece)), "\"timestamp\":\"").substr(13);
+    return until(line, "\"");
+  };
+  EXPECT_EQ(time_of("testRunStart"), "2024-02-29T11:58:56Z");
+  EXPECT_EQ(time_of("Mod 1 1 OBFL Test"), "2024-02-29T11:58:59Z");
+  EXPECT_EQ(time_of("testRunEnd"), "2024-02-29T12:00:00Z");
+  EXPECT_THAT(ocp, HasSubstr(R"("testStepId":"obfl","measurement":{"name":"duration","value":61,"unit":"s"})"));
+  const std::string junit = sh("post-results --junit --log log result").out;
+  EXPECT_THAT(junit, HasSubstr(R"(<testsuites name="post" tests="16" failures="0" errors="0" skipped="1" time="64">)"));
+  EXPECT_THAT(junit, HasSubstr(R"(name="obfl.0 OBFL flash" time="61")"));
+  EXPECT_THAT(junit, Not(HasSubstr(R"(name="gige.0 eth0" time)")));
+}
+
+TEST_F(post_results, reports_lines_that_are_not_whole_or_of_others_by_number) {
+  save("log", "boot\nlogin\n" + std::string(full_log) + "$ exit");
+  save("result", "junk\n" + std::string(full_records) + "0:4:\n" + short_records + "0:12:6");
+  for (const std::string form : forms) {
+    const std::string told = sh("post-results --" + form + " --run 1 --log log result").out;
+    const std::string last = sh("post-results --" + form + " --log log result").out;
+    EXPECT_THAT(told, HasSubstr("records, line 1: not four integers with colons between them")) << form;
+    EXPECT_THAT(told, HasSubstr("records, line 17: ")) << form;
+    EXPECT_THAT(told, HasSubstr("records, line 31: ")) << form;
+    EXPECT_THAT(told, HasSubstr("log, lines 1 to 2: of no run")) << form;
+    EXPECT_THAT(told, HasSubstr("log, line 19: the log stops within this line")) << form;
+    EXPECT_THAT(told, HasSubstr("run 1 of 2")) << form;
+    EXPECT_THAT(last, HasSubstr("run 2 of 2")) << form;
+  }
+  // Between the records of other runs they are no finding of this one.
+  save("result", "0:4:0:1\njunk\n" + std::string(full_records) + short_records);
+  EXPECT_EQ(sh("post-results result").status, 0);
+  EXPECT_EQ(sh("post-results --run 2 result").status, 1);
+}
+
+struct usage_case {
+  std::string args;
+  int status;
+  std::string err;  // a part of it
+};
+
+TEST_F(post_results, ends_with_its_status_and_says_why) {
+  save("log", full_log);
+  save("my log", full_log);
+  save("result", full_records);
+  save("failed", edited(full_records, {{"0:8:0:1", "0:8:0:2"}}));
+  save("empty", "");
+  save("line.json", R"({"kind":"bp","blocks":[]})");
+  // clang-format off
+  const usage_case cases[] = {
+      {"result",                          0, ""},
+      {"--log log result",                0, ""},
+      {"--log 'my log' -- result",        0, ""},
+      {"--log - result <log",             0, ""},
+      {"--log=log --junit result",        0, ""},
+      {"failed",                          1, ""},
+      {"empty",                           1, ""},
+      {"--log empty result",              1, ""},
+      {"--log log no-such-file",          1, ""},
+      {"--run 1 result",                  0, ""},
+      {"--run 2 result",                  2, "there is no run 2, the last is 1"},
+      {"--run 0 result",                  2, "there is no run 0"},
+      {"--run -1 result",                 2, "there is no run -1"},
+      {"--run x result",                  2, "--run"},
+      {"no-such-file",                    2, "no-such-file: No such file or directory"},
+      {"--log no-such-file result",       2, "no-such-file: No such file or directory"},
+      {"--sprom no-such-file result",     2, "no-such-file: No such file or directory"},
+      {"--sprom result result",           2, "result: it is not JSON"},
+      {"--sprom line.json result",        2, "line.json: it is not what 'sprom show --json' prints of a supervisor's SPROM"},
+      {".",                               2, ".: Is a directory"},
+      {"--log . result",                  2, ".: Is a directory"},
+      {"--ktap --ocp result",             2, "more than one form"},
+      {"--xml result",                    2, "--xml"},
+      {"result result",                   2, "result"},
+      {"result >/dev/full",               2, "standard output: No space left on device"},
+      {"--version",                       0, ""},
+      {"--help",                          0, ""},
+  };
+  // clang-format on
+  for (const auto &[args, status, err] : cases) {
+    const outcome ran = sh("post-results " + args);
+    EXPECT_EQ(ran.status, status) << args << "\n" << ran.out;
+    EXPECT_THAT(ran.err, HasSubstr(err)) << args;
+    EXPECT_EQ(ran.err.empty(), status != 2) << args;
+    EXPECT_EQ(ran.out.empty(), status == 2) << args;
+  }
+}
+
+TEST_F(post_results, has_its_options_in_manual_and_completion) {
+  const std::string help = sh("post-results --help").out;
+  const std::string manual = read_file(LAB_TESTS_DIR "/../../docs/post-results.1");
+  const std::string completed = sh("bash -c 'source " LAB_TESTS_DIR
+                                   "/../../tools/completion/post-results;"
+                                   " COMP_WORDS=(post-results --) COMP_CWORD=1; _post_results; echo ${COMPREPLY[@]}'")
+                                    .out;
+  const std::regex option(R"(\n  (?:-\w,)?--([a-z]+))");
+  size_t count = 0;
+  for (std::sregex_iterator at(help.begin(), help.end(), option), end; at != end; ++at, ++count) {
+    EXPECT_THAT(manual, AnyOf(HasSubstr(".It Fl -" + at->str(1)), HasSubstr(" , -" + at->str(1))));
+    EXPECT_THAT(completed, HasSubstr("--" + at->str(1)));
+  }
+  EXPECT_EQ(count, 9U);
+}
+
+}  // namespace
