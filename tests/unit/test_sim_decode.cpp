@@ -271,41 +271,6 @@ TEST(sim_trap, pushes_what_it_reads) {
   EXPECT_EQ(judge({0xFF, 0x73, 0x08, 0x58}).run(state).gpr[0], word);  // push [bx + 8]; pop ax
 }
 
-// The state that the handler does not touch comes back as well, whichever way it returns.
-TEST(sim_trap, leaves_vector_and_float_registers_alone) {
-  const test_board board({trap_nvram0});
-  const auto *const window = map_window<uint16_t>(nvram0);
-  alignas(16) const uint8_t given[16] = {0xC0, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12, 13, 14, 0xCF};
-  alignas(16) uint8_t taken[16] = {};
-  long double x87 = 0;
-  const uint32_t mxcsr = 0x7F80;  // rounds towards zero
-  uint32_t mxcsr_before = 0, mxcsr_after = 0;
-  asm volatile(
-      "stmxcsr %[before]; ldmxcsr %[mxcsr]; movaps %[given], %%xmm3; fldpi; movw (%[window]), %%ax;"
-      "fstpt %[x87]; movaps %%xmm3, %[taken]; stmxcsr %[after]; ldmxcsr %[before]"
-      : [taken] "=m"(taken), [x87] "=m"(x87), [after] "=m"(mxcsr_after), [before] "+m"(mxcsr_before)
-      : [given] "m"(given), [mxcsr] "m"(mxcsr), [window] "r"(window)
-      : "eax", "xmm3", "st", "memory");
-  EXPECT_EQ(memcmp(given, taken, sizeof given), 0);
-  EXPECT_EQ(x87, 3.14159265358979323846264338327950288L);
-  EXPECT_EQ(mxcsr_after, mxcsr);
-}
-
-TEST(sim_trap, leaves_signal_mask_and_errno_alone) {
-  const test_board board({trap_nvram0});
-  const auto *const window = map_window<uint16_t>(nvram0);
-  sigset_t mask, after;
-  sigemptyset(&mask);
-  sigaddset(&mask, SIGUSR1);
-  sigprocmask(SIG_SETMASK, &mask, nullptr);
-  errno = 77;
-  (void)window[0];
-  EXPECT_EQ(errno, 77);
-  sigprocmask(SIG_SETMASK, nullptr, &after);
-  for (int number = 1; number < 32; number++)
-    EXPECT_EQ(sigismember(&after, number), number == SIGUSR1 ? 1 : 0) << "signal " << number;
-}
-
 TEST(sim_trap, carries_out_every_form_that_the_compiler_makes) {
   test_board board({"--trace"});
   const auto window = reinterpret_cast<uintptr_t>(map_window<uint8_t>(nvram0));
@@ -332,30 +297,6 @@ TEST(sim_trap, carries_out_every_form_that_the_compiler_makes) {
       }
     }
   }
-}
-
-TEST(sim_trap_death, ends_the_run_on_an_instruction_that_it_does_not_know) {
-  const test_board board({trap_nvram0});
-  const auto *const window = map_window<uint8_t>(nvram0);
-  EXPECT_EXIT(asm volatile("movdqu (%0), %%xmm0"
-                           :
-                           : "c"(window)
-                           : "xmm0"),
-              testing::KilledBySignal(SIGABRT), "bytes f3 0f 6f 01");
-}
-
-TEST(sim_trap_death, passes_faults_of_others_on) {
-  const test_board board;
-  volatile uintptr_t nowhere = 16;
-  // The handler that was there before is chosen in a process of its own, ahead of the first mapping.
-  const auto with = [](void (*handler)(int)) {
-    (void)signal(SIGSEGV, handler);
-    (void)map_window<uint8_t>(nvram0);
-  };
-  const auto touch_nothing = [&] { *reinterpret_cast<volatile uint8_t *>(nowhere) = 1; };
-  EXPECT_EXIT((with(SIG_DFL), touch_nothing()), testing::KilledBySignal(SIGSEGV), "");
-  EXPECT_EXIT((with([](int) { _exit(41); }), touch_nothing()), testing::ExitedWithCode(41), "");
-  EXPECT_EXIT((with(SIG_DFL), (void)raise(SIGSEGV)), testing::KilledBySignal(SIGSEGV), "");
 }
 
 }  // namespace
