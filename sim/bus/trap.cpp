@@ -46,7 +46,6 @@ void load_registers(const ucontext_t &context, cpu_regs *regs) {
   for (size_t i = 0; i < greg_of.size(); i++)
     regs->gpr[i] = static_cast<uintptr_t>(gregs[greg_of[i]]);
   regs->ip = ip_of(context);
-  regs->flags = static_cast<uintptr_t>(gregs[REG_EFL]);
 }
 
 void store_registers(const cpu_regs &regs, ucontext_t *context) {
@@ -54,7 +53,6 @@ void store_registers(const cpu_regs &regs, ucontext_t *context) {
   for (size_t i = 0; i < greg_of.size(); i++)
     gregs[greg_of[i]] = static_cast<greg_t>(regs.gpr[i]);
   gregs[greg_ip] = static_cast<greg_t>(regs.ip);
-  gregs[REG_EFL] = static_cast<greg_t>(regs.flags);
 }
 
 [[noreturn]] void die_of_instruction(uintptr_t ip, const char *why) {
@@ -77,28 +75,23 @@ uint64_t bus_read(const insn &i) {
   return low | uint64_t{bus.read(address + 4, 32)} << 32;
 }
 
-void bus_write(const insn &i, uint64_t data) {
+void bus_write(const insn &i) {
   const auto address = static_cast<uintptr_t>(i.address);
-  const auto low = static_cast<uint32_t>(data);
+  const auto low = static_cast<uint32_t>(i.data);
   if (i.io) return bus.port_out(static_cast<uint16_t>(address), i.width, low);
   if (i.width < 64) return bus.write(address, i.width, low);
   bus.write(address, 32, low);
-  bus.write(address + 4, 32, static_cast<uint32_t>(data >> 32));
+  bus.write(address + 4, 32, static_cast<uint32_t>(i.data >> 32));
 }
 
-// The place below the interrupted stack pointer is nobody's yet. Where the signal frame lies right below it, on 32
-// bits, the last word of the frame is a mark that XRSTOR does not look at.
-__attribute__((no_sanitize("address"))) void put_on_stack(uintptr_t address, uintptr_t data) {
-  *reinterpret_cast<volatile uintptr_t *>(address) = data;
-}
-
-void carry_out(const insn &i, const cpu_regs &before, ucontext_t *context) {
-  cpu_regs regs = before;
-  const uint64_t taken = i.reads ? bus_read(i) : 0;
-  const uint64_t given = retire(i, &regs, taken);
-  if (i.writes) bus_write(i, given);
-  if (i.op == operation::push) put_on_stack(static_cast<uintptr_t>(regs.gpr[4]), static_cast<uintptr_t>(given));
-  store_registers(regs, context);
+void carry_out(const insn &i, cpu_regs *regs, ucontext_t *context) {
+  if (i.store) {
+    bus_write(i);
+  } else {
+    fill_register(i, bus_read(i), regs);
+  }
+  regs->ip += i.length;
+  store_registers(*regs, context);
 }
 
 // A load or store at a fault address that belongs to a device.
@@ -111,13 +104,12 @@ bool memory_access(const siginfo_t &info, ucontext_t *context) {
   insn i;
   const auto ip = static_cast<uintptr_t>(regs.ip);
   if (!decode(reinterpret_cast<const uint8_t *>(ip), size_here, regs, &i) || i.io)
-    die_of_instruction(ip, "no way to carry out this access to a device");
+    die_of_instruction(ip, "an instruction that is no plain move met a device");
   const size_t bytes = i.width / 8U;
   if (fault - i.address >= bytes) die_of_instruction(ip, "fault address and operand differ");
   const auto address = static_cast<uintptr_t>(i.address);
-  if (i.reads && !bus.covers(address, bytes, false)) return false;
-  if (i.writes && !bus.covers(address, bytes, true)) return false;
-  carry_out(i, regs, context);
+  if (!bus.covers(address, bytes, i.store)) return false;
+  carry_out(i, &regs, context);
   return true;
 }
 
@@ -135,7 +127,7 @@ bool port_access(ucontext_t *context) {
     (void)!write(STDERR_FILENO, text.data(), static_cast<size_t>(length));
     return false;
   }
-  carry_out(i, regs, context);
+  carry_out(i, &regs, context);
   return true;
 }
 
