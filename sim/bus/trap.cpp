@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "sim/bus/decode.h"
+#include "sim/bus/resume.h"
 #include "sim/host/real.h"
 
 namespace sim {
@@ -28,12 +29,10 @@ constexpr word_size size_here = word_size::bits64;
 constexpr std::array greg_of{REG_RAX, REG_RCX, REG_RDX, REG_RBX, REG_RSP, REG_RBP, REG_RSI, REG_RDI,
                              REG_R8,  REG_R9,  REG_R10, REG_R11, REG_R12, REG_R13, REG_R14, REG_R15};
 constexpr int greg_ip = REG_RIP;
-constexpr size_t legacy_state = 0;
 #else
 constexpr word_size size_here = word_size::bits32;
 constexpr std::array greg_of{REG_EAX, REG_ECX, REG_EDX, REG_EBX, REG_ESP, REG_EBP, REG_ESI, REG_EDI};
 constexpr int greg_ip = REG_EIP;
-constexpr size_t legacy_state = 112;  // the record of FSAVE stands before the one of XSAVE
 #endif
 
 constexpr size_t longest_insn = 15;
@@ -47,7 +46,6 @@ void load_registers(const ucontext_t &context, cpu_regs *regs) {
   for (size_t i = 0; i < greg_of.size(); i++)
     regs->gpr[i] = static_cast<uintptr_t>(gregs[greg_of[i]]);
   regs->ip = ip_of(context);
-  regs->flags = static_cast<uintptr_t>(gregs[REG_EFL]);
 }
 
 void store_registers(const cpu_regs &regs, ucontext_t *context) {
@@ -55,7 +53,6 @@ void store_registers(const cpu_regs &regs, ucontext_t *context) {
   for (size_t i = 0; i < greg_of.size(); i++)
     gregs[greg_of[i]] = static_cast<greg_t>(regs.gpr[i]);
   gregs[greg_ip] = static_cast<greg_t>(regs.ip);
-  gregs[REG_EFL] = static_cast<greg_t>(regs.flags);
 }
 
 [[noreturn]] void die_of_instruction(uintptr_t ip, const char *why) {
@@ -78,28 +75,23 @@ uint64_t bus_read(const insn &i) {
   return low | uint64_t{bus.read(address + 4, 32)} << 32;
 }
 
-void bus_write(const insn &i, uint64_t data) {
+void bus_write(const insn &i) {
   const auto address = static_cast<uintptr_t>(i.address);
-  const auto low = static_cast<uint32_t>(data);
+  const auto low = static_cast<uint32_t>(i.data);
   if (i.io) return bus.port_out(static_cast<uint16_t>(address), i.width, low);
   if (i.width < 64) return bus.write(address, i.width, low);
   bus.write(address, 32, low);
-  bus.write(address + 4, 32, static_cast<uint32_t>(data >> 32));
+  bus.write(address + 4, 32, static_cast<uint32_t>(i.data >> 32));
 }
 
-// The place below the interrupted stack pointer is nobody's yet. Where the signal frame lies right below it, on 32
-// bits, the last word of the frame is a mark that XRSTOR does not look at.
-__attribute__((no_sanitize("address"))) void put_on_stack(uintptr_t address, uintptr_t data) {
-  *reinterpret_cast<volatile uintptr_t *>(address) = data;
-}
-
-void carry_out(const insn &i, const cpu_regs &before, ucontext_t *context) {
-  cpu_regs regs = before;
-  const uint64_t taken = i.reads ? bus_read(i) : 0;
-  const uint64_t given = retire(i, &regs, taken);
-  if (i.writes) bus_write(i, given);
-  if (i.op == operation::push) put_on_stack(static_cast<uintptr_t>(regs.gpr[4]), static_cast<uintptr_t>(given));
-  store_registers(regs, context);
+void carry_out(const insn &i, cpu_regs *regs, ucontext_t *context) {
+  if (i.store) {
+    bus_write(i);
+  } else {
+    fill_register(i, bus_read(i), regs);
+  }
+  regs->ip += i.length;
+  store_registers(*regs, context);
 }
 
 // A load or store at a fault address that belongs to a device.
@@ -112,13 +104,12 @@ bool memory_access(const siginfo_t &info, ucontext_t *context) {
   insn i;
   const auto ip = static_cast<uintptr_t>(regs.ip);
   if (!decode(reinterpret_cast<const uint8_t *>(ip), size_here, regs, &i) || i.io)
-    die_of_instruction(ip, "no way to carry out this access to a device");
+    die_of_instruction(ip, "an instruction that is no plain move met a device");
   const size_t bytes = i.width / 8U;
   if (fault - i.address >= bytes) die_of_instruction(ip, "fault address and operand differ");
   const auto address = static_cast<uintptr_t>(i.address);
-  if (i.reads && !bus.covers(address, bytes, false)) return false;
-  if (i.writes && !bus.covers(address, bytes, true)) return false;
-  carry_out(i, regs, context);
+  if (!bus.covers(address, bytes, i.store)) return false;
+  carry_out(i, &regs, context);
   return true;
 }
 
@@ -136,7 +127,7 @@ bool port_access(ucontext_t *context) {
     (void)!write(STDERR_FILENO, text.data(), static_cast<size_t>(length));
     return false;
   }
-  carry_out(i, regs, context);
+  carry_out(i, &regs, context);
   return true;
 }
 
@@ -152,158 +143,23 @@ void pass_on(int number, siginfo_t *info, void *context) {
   }
 }
 
-// XSAVE's marks in the frame that the kernel made (struct _fpx_sw_bytes): what was saved can be restored by XRSTOR.
-bool has_xsave(const ucontext_t &context) {
-  constexpr size_t software_bytes = 464;
-  constexpr uint32_t magic_here = 0x46505853;
-  if (context.uc_mcontext.fpregs == nullptr) return false;
-  uint32_t magic = 0;
-  memcpy(&magic, reinterpret_cast<const char *>(context.uc_mcontext.fpregs) + legacy_state + software_bytes,
-         sizeof magic);
-  return magic == magic_here;
-}
-
-// The processor's shadow stack, where it is in use, agrees with the kernel's way back alone.
-bool has_shadow_stack() {
-  uintptr_t pointer = 0;
-#ifdef __x86_64__
-  asm volatile("rdsspq %0" : "+r"(pointer));
-#else
-  asm volatile("rdsspd %0" : "+r"(pointer));
-#endif
-  return pointer != 0;
-}
-
-}  // namespace
-
-// Handles the signal. Returns 1 if the interrupted code may go on at once, 0 if the kernel is to resume it.
-extern "C" __attribute__((visibility("hidden"))) int board_sim_trap(int number, siginfo_t *info, void *parm);
-// The signal handler: board_sim_trap, then the way back.
-extern "C" __attribute__((visibility("hidden"))) void board_sim_trap_entry(int number, siginfo_t *info, void *parm);
-
-extern "C" int board_sim_trap(int number, siginfo_t *info, void *parm) {
+void handle(int number, siginfo_t *info, void *parm) {
   const int saved_errno = errno;
   auto *const context = static_cast<ucontext_t *>(parm);
-  // The interrupted registers are all that needs restoring: nothing is blocked while the handler runs.
   const bool done =
       info->si_code == SI_KERNEL ? port_access(context) : info->si_code > 0 && memory_access(*info, context);
   if (!done) pass_on(number, info, parm);
   errno = saved_errno;
-  return done && has_xsave(*context) && !has_shadow_stack() ? 1 : 0;
+  if (done) resume(*context);
 }
 
-// The kernel's way back, rt_sigreturn, costs more than all the rest of an access on 32 bits. Nothing of it is needed
-// here but the registers: the signal mask did not change (SA_NODEFER), nor did the alternate stack. So they are
-// loaded from the signal frame: the extended state by XRSTOR, the others by hand, the last ones by one instruction or
-// from the free space below the interrupted stack pointer.
-#ifdef __x86_64__
-// Offsets in ucontext_t: general registers from 40 in the order r8 to r15, di, si, bp, bx, dx, ax, cx, sp, ip, flags;
-// pointer to the extended state at 224.
-asm(R"(
-    .text
-    .p2align 4
-    .hidden board_sim_trap_entry
-    .globl board_sim_trap_entry
-    .type board_sim_trap_entry, @function
-board_sim_trap_entry:
-    pushq   %rbx
-    movq    %rdx, %rbx
-    call    board_sim_trap
-    testl   %eax, %eax
-    jz      1f
-    movq    224(%rbx), %rcx
-    movl    $-1, %eax
-    movl    $-1, %edx
-    xrstor64 (%rcx)
-    movl    %ss, %eax
-    pushq   %rax
-    pushq   160(%rbx)
-    pushq   176(%rbx)
-    movl    %cs, %eax
-    pushq   %rax
-    pushq   168(%rbx)
-    movq    40(%rbx), %r8
-    movq    48(%rbx), %r9
-    movq    56(%rbx), %r10
-    movq    64(%rbx), %r11
-    movq    72(%rbx), %r12
-    movq    80(%rbx), %r13
-    movq    88(%rbx), %r14
-    movq    96(%rbx), %r15
-    movq    104(%rbx), %rdi
-    movq    112(%rbx), %rsi
-    movq    120(%rbx), %rbp
-    movq    136(%rbx), %rdx
-    movq    144(%rbx), %rax
-    movq    152(%rbx), %rcx
-    movq    128(%rbx), %rbx
-    iretq
-1:  popq    %rbx
-    ret
-    .size board_sim_trap_entry, . - board_sim_trap_entry
-)");
-#else
-// Offsets in ucontext_t: general registers from 20 in the order gs, fs, es, ds, di, si, bp, sp, bx, dx, cx, ax, trap,
-// error, ip, cs, flags; pointer to the extended state at 96.
-asm(R"(
-    .text
-    .p2align 4
-    .hidden board_sim_trap_entry
-    .globl board_sim_trap_entry
-    .type board_sim_trap_entry, @function
-board_sim_trap_entry:
-    pushl   %ebx
-    movl    16(%esp), %ebx
-    subl    $12, %esp
-    pushl   %ebx
-    pushl   28(%esp)
-    pushl   28(%esp)
-    call    board_sim_trap
-    addl    $24, %esp
-    testl   %eax, %eax
-    jz      1f
-    movl    96(%ebx), %ecx
-    movl    $-1, %eax
-    movl    $-1, %edx
-    xrstor  112(%ecx)
-    movl    48(%ebx), %esi
-    subl    $16, %esi
-    movl    76(%ebx), %eax
-    movl    %eax, 12(%esi)
-    movl    84(%ebx), %eax
-    movl    %eax, 8(%esi)
-    movl    64(%ebx), %eax
-    movl    %eax, 4(%esi)
-    movl    52(%ebx), %eax
-    movl    %eax, 0(%esi)
-    movl    36(%ebx), %edi
-    movl    44(%ebx), %ebp
-    movl    56(%ebx), %edx
-    movl    60(%ebx), %ecx
-    movl    40(%ebx), %eax
-    movl    %esi, %esp
-    movl    %eax, %esi
-    popl    %ebx
-    popl    %eax
-    popfl
-    ret
-1:  popl    %ebx
-    ret
-    .size board_sim_trap_entry, . - board_sim_trap_entry
-)");
-#endif
-
-#ifdef __x86_64__
-static_assert(offsetof(ucontext_t, uc_mcontext.gregs) == 40 && offsetof(ucontext_t, uc_mcontext.fpregs) == 224);
-#else
-static_assert(offsetof(ucontext_t, uc_mcontext.gregs) == 20 && offsetof(ucontext_t, uc_mcontext.fpregs) == 96);
-#endif
+}  // namespace
 
 void trap_install(const trap_bus &b) {
   bus = b;
   if (installed) return;
   struct sigaction action {};
-  action.sa_sigaction = board_sim_trap_entry;
+  action.sa_sigaction = handle;
   action.sa_flags = SA_SIGINFO | SA_NODEFER | SA_ONSTACK;
   sigemptyset(&action.sa_mask);
   if (sigaction(SIGSEGV, &action, &previous) != 0) trap_die("no handler for SIGSEGV: %s", strerror(errno));

@@ -4,11 +4,12 @@
 
 #include <cstdint>
 #include <span>
+#include <string>
 
 struct access_form {
   const char *name;
-  unsigned width;                                  // bits of each access
-  const char *cycles;                              // 'r' and 'w' in their order
+  unsigned width;                                  // bits
+  std::string cycles;                              // "r 16 w 16 ", as the log has them
   uint64_t (*run)(uintptr_t base, uint64_t seed);  // works within 64 bytes on either side of base
 };
 
