@@ -83,6 +83,20 @@ handle *handle_of(int fd) {
   return nullptr;
 }
 
+// Whether the descriptor is an open /dev/mem. A duplicate, or one that came from another program, has no handle, but
+// names the same file.
+bool is_mem(int fd) {
+  if (running == nullptr) return false;
+  const keep_errno kept;
+  const int flags = ::fcntl(fd, F_GETFL);
+  if (flags < 0 || (flags & O_PATH) == 0) return false;
+  const file own{sys::open((running->opts.state + "/dev/mem").c_str(), O_PATH | O_CLOEXEC)};
+  struct stat given {};
+  struct stat expected {};
+  return ::fstat(fd, &given) == 0 && ::fstat(own.fd(), &expected) == 0 && given.st_dev == expected.st_dev &&
+         given.st_ino == expected.st_ino;
+}
+
 bool names(std::string_view entry, std::string_view variable) {
   return entry.starts_with(variable) && entry.substr(variable.size()).starts_with('=');
 }
@@ -164,8 +178,7 @@ char **shell_environment() {
 }
 
 std::optional<void *> device_mmap(size_t length, int prot, int flags, int fd, uint64_t offset) {
-  const auto *const to = handle_of(fd);
-  if (to == nullptr || to->device != device::mem) return std::nullopt;
+  if (!is_mem(fd)) return std::nullopt;
   return running->memory.map(length, prot, flags, offset);
 }
 

@@ -87,6 +87,24 @@ TEST(sim_devmem, maps_what_lies_in_a_window_and_nothing_else) {
   }
 }
 
+TEST(sim_devmem, is_mapped_through_every_descriptor_of_it) {
+  const test_board board;
+  const int mem = open("/dev/mem", O_RDWR | O_CLOEXEC);
+  const int duplicates[] = {dup(mem), fcntl(mem, F_DUPFD_CLOEXEC, 50), open("/dev/mem", O_RDWR)};
+  (void)close(mem);
+  const auto expected = board.contents("nvram1");
+  for (const int fd : duplicates) {
+    void *const at = mmap(nullptr, 0x8000, read_write, MAP_SHARED, fd, 0xF4010000);
+    ASSERT_NE(at, MAP_FAILED) << fd;
+    EXPECT_EQ(memcmp(at, expected.data(), expected.size()), 0);
+    (void)close(fd);
+  }
+  const int other = open(board.file("nvram0").c_str(), O_PATH | O_CLOEXEC);
+  EXPECT_EQ(mmap(nullptr, 0x8000, read_write, MAP_SHARED, other, 0xF4010000), MAP_FAILED);
+  EXPECT_EQ(errno, EBADF);
+  (void)close(other);
+}
+
 TEST(sim_devmem, knows_offsets_and_keeps_the_rest_when_a_part_is_taken_away) {
   const test_board board({"nvram-cell-stuck instance=1 offset=0x7000 bit=0 level=1"});
   auto *const bytes = static_cast<uint8_t *>(map(0xF4014000, 0x4000));  // the upper half of nvram1
