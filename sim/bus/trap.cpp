@@ -152,7 +152,7 @@ void handle(int number, siginfo_t *info, void *parm) {
     done = info->si_code == SI_KERNEL ? port_access(context) : memory_access(*info, context);
   if (!done) pass_on(number, info, parm);
   errno = saved_errno;
-  if (done) resume(*context);
+  if (done) resume(*context, __builtin_return_address(0));
 }
 
 bool is_ours(const struct sigaction &action) {
