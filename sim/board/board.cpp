@@ -35,28 +35,26 @@ struct handle {
 };
 
 struct board {
-  explicit board(const options &from) : opts(from), sprom(opts) {}
+  explicit board(const options &from) : opts(from), sprom(opts), memory(opts) {}
   board(const board &) = delete;
   board &operator=(const board &) = delete;
-  ~board() {
-    devmem_stop();
-    (void)trace_open("");
-  }
+  ~board() { (void)trace_open(""); }
 
   // Returns false and says why in *error.
   bool power_up(std::string *error) {
     if (!make_board_files(opts, rate_in_khz(), error)) return false;
-    i2c = i2c_board::make(opts, error);
+    i2c = i2c_board::make(opts, memory.port(), error);
     if (!i2c) return false;
     if (!trace_open(opts.trace)) {
       *error = os_error(opts.trace);
       return false;
     }
-    return devmem_start(opts, error);
+    return memory.power_up(error);
   }
 
   const options opts;
   sprom_driver sprom;
+  devmem memory;
   std::unique_ptr<i2c_board> i2c;
   std::map<int, handle> handles;
 };
@@ -83,6 +81,20 @@ handle *handle_of(int fd) {
   if (flags >= 0 && (flags & O_PATH) != 0) return &found->second;
   running->handles.erase(found);
   return nullptr;
+}
+
+// Whether the descriptor is an open /dev/mem. A duplicate, or one that came from another program, has no handle, but
+// names the same file.
+bool is_mem(int fd) {
+  if (running == nullptr) return false;
+  const keep_errno kept;
+  const int flags = ::fcntl(fd, F_GETFL);
+  if (flags < 0 || (flags & O_PATH) == 0) return false;
+  const file own{sys::open((running->opts.state + "/dev/mem").c_str(), O_PATH | O_CLOEXEC)};
+  struct stat given {};
+  struct stat expected {};
+  return ::fstat(fd, &given) == 0 && ::fstat(own.fd(), &expected) == 0 && given.st_dev == expected.st_dev &&
+         given.st_ino == expected.st_ino;
 }
 
 bool names(std::string_view entry, std::string_view variable) {
@@ -165,9 +177,18 @@ char **shell_environment() {
   return pointers.data();
 }
 
-bool device_is_mem(int fd) {
-  const auto *const to = handle_of(fd);
-  return to != nullptr && to->device == device::mem;
+std::optional<void *> device_mmap(size_t length, int prot, int flags, int fd, uint64_t offset) {
+  if (!is_mem(fd)) return std::nullopt;
+  return running->memory.map(length, prot, flags, offset);
+}
+
+bool device_munmap(void *addr, size_t length) {
+  return running != nullptr && running->memory.unmap(addr, length);
+}
+
+std::optional<int> device_iopl(int level) {
+  if (running == nullptr) return std::nullopt;
+  return running->memory.set_io_level(level);
 }
 
 }  // namespace sim

@@ -35,8 +35,13 @@ void device_close(int fd);
 
 std::optional<int> device_ioctl(int fd, unsigned long request, void *arg);
 
-// Whether the descriptor is an open /dev/mem.
-[[nodiscard]] bool device_is_mem(int fd);
+// mmap() of /dev/mem.
+std::optional<void *> device_mmap(size_t length, int prot, int flags, int fd, uint64_t offset);
+
+// munmap() of such a mapping or a part of it.
+[[nodiscard]] bool device_munmap(void *addr, size_t length);
+
+std::optional<int> device_iopl(int level);
 
 // The environment of a command of the board's shell: nothing preloaded, the board's own commands in PATH, the board's
 // options for them. Null-terminated; valid until the next call.

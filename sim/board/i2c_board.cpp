@@ -137,11 +137,11 @@ struct placed_expander {
 };
 
 // The level of an EEPROM's protect pin, high where nothing drives it.
-std::function<bool()> protection(const image_row &row, const options &opts,
+std::function<bool()> protection(const image_row &row, const options &opts, const io_port &port,
                                  const std::vector<placed_expander> &expanders) {
   if (device_fault(opts, fault_id::eeprom_protected, row.bus, row.addr) != nullptr) return [] { return true; };
   if (row.pin == protect::nothing) return nullptr;
-  if (row.pin == protect::port) return [] { return port_write_protected(); };
+  if (row.pin == protect::port) return [&port] { return port.write_protected(); };
   const bool on_mezzanine = row.pin == protect::mezzanine;
   const uint32_t bus = on_mezzanine ? mezzanine_bus : row.bus;
   const uint8_t addr = on_mezzanine ? mezzanine_expander : gem_expander;
@@ -169,7 +169,8 @@ std::vector<at24c512::setup::corruption> corruptions(const options &opts, uint32
   return list;
 }
 
-at24c512::setup setup_of(const image_row &row, const options &opts, const std::vector<placed_expander> &expanders) {
+at24c512::setup setup_of(const image_row &row, const options &opts, const io_port &port,
+                         const std::vector<placed_expander> &expanders) {
   at24c512::setup with;
   with.busy = opts.busy;
   if (const auto *const f = device_fault(opts, fault_id::eeprom_busy, row.bus, row.addr)) {
@@ -177,7 +178,7 @@ at24c512::setup setup_of(const image_row &row, const options &opts, const std::v
     with.busy_polls = f->get("polls");
     with.busy_forever = with.busy_polls == 0;
   }
-  with.write_protected = protection(row, opts, expanders);
+  with.write_protected = protection(row, opts, port, expanders);
   with.corrupt = corruptions(opts, row.bus, row.addr);
   return with;
 }
@@ -255,7 +256,7 @@ std::string i2c_board::check(const options &opts) {
   return "";
 }
 
-std::unique_ptr<i2c_board> i2c_board::make(const options &opts, std::string *error) {
+std::unique_ptr<i2c_board> i2c_board::make(const options &opts, const io_port &port, std::string *error) {
   auto board = std::make_unique<i2c_board>();
   for (const auto number : i2c_bus_numbers(opts))
     board->m_buses.push_back(std::make_unique<i2c_bus>(number, opts));
@@ -271,7 +272,7 @@ std::unique_ptr<i2c_board> i2c_board::make(const options &opts, std::string *err
   for (const auto &row : present(image_rows, opts)) {
     auto *const bus = board->bus(row.bus);
     if (bus == nullptr || bus->has(row.addr)) continue;
-    auto made = std::make_unique<at24c512>(setup_of(row, opts, expanders));
+    auto made = std::make_unique<at24c512>(setup_of(row, opts, port, expanders));
     if (!made->open(eeprom_path(opts, row.bus, row.addr), contents_of(row.bus, row.addr, opts), error)) return nullptr;
     bus->add(row.addr, std::move(made));
   }

@@ -10,12 +10,14 @@
 namespace sim {
 
 class expander;
+class io_port;
 
 class i2c_board {
  public:
-  // Makes the buses and devices that `opts` asks for, with the EEPROMs' files in the state directory. Check first.
+  // Makes the buses and devices that `opts` asks for, with the EEPROMs' files in the state directory. Check first. The
+  // port, which protects some of them, must stay as long as the object.
   // Returns null and says why in *error when the state directory cannot be used.
-  static std::unique_ptr<i2c_board> make(const options &opts, std::string *error);
+  static std::unique_ptr<i2c_board> make(const options &opts, const io_port &port, std::string *error);
 
   // The bus of that number, or null.
   [[nodiscard]] i2c_bus *bus(uint32_t number) const;

@@ -1,154 +1,47 @@
-// devmem.cpp: the windows behind /dev/mem: contents, mappings, and the way of an access to its model.
 #include "sim/bus/devmem.h"
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <iterator>
+#include <mutex>
 #include <span>
-#include <string>
-#include <vector>
 
-#include "sim/bus/layout.h"
 #include "sim/bus/trace.h"
-#include "sim/bus/trap.h"
-#include "sim/devices/flash.h"
-#include "sim/devices/nvram.h"
-#include "sim/devices/port.h"
-#include "sim/host/files.h"
 #include "sim/host/real.h"
 
 namespace sim {
 
 namespace {
 
-constexpr size_t flash_window = 3;
-static_assert(windows[flash_window].length == flash_bytes);
+using on_the_bus = std::lock_guard<bus_lock>;
 
 // Reads of the array that trap before the flash is opened for direct reading: fewer than a status poll needs, and
 // opening and closing costs as much.
 constexpr unsigned reads_before_opening = 4;
 
-struct mapping {
-  uintptr_t address;
-  size_t length;
-  size_t window;
-  uint32_t offset;  // within the window
-  int prot;         // as asked for
-
-  [[nodiscard]] bool holds(uintptr_t a, size_t bytes) const {
-    return a >= address && a - address < length && bytes <= length - (a - address);
-  }
-};
-
-// Ready before any code of the library's start runs.
-constinit const options *board = nullptr;
-constinit std::array<backing_file, windows.size()> store;
-constinit std::array<nvram_model, flash_window> nvram{};
-constinit flash_model flash{};
-constinit std::vector<mapping> mappings{};
-constinit std::vector<fault> refusals{};  // of mmap
-constinit uint64_t map_calls = 0;
-constinit bool trap_all = false;     // everything goes into the log
-constinit bool flash_open = false;   // the flash's mappings allow reading
-constinit unsigned array_reads = 0;  // trapped ones in a row
-
 // A new device's contents: bytes that differ from place to place, so that nothing lost or mixed up goes unseen. In the
 // flash they fill the first part of each sector, as records do; the rest is erased.
 class new_contents {
  public:
-  explicit new_contents(size_t window)
-      : piece(window == flash_window ? flash_sector_bytes : windows[window].length, 0xFF),
-        records(window == flash_window ? 0x1000 : piece.size()),
-        state(0x9E3779B9U * static_cast<uint32_t>(window + 1)) {}
+  new_contents(size_t window, size_t piece, size_t records)
+      : m_piece(piece, 0xFF), m_records(records), m_state(0x9E3779B9U * static_cast<uint32_t>(window + 1)) {}
 
   // The next piece. Small ones are written much faster than a large one.
   std::span<const uint8_t> next() {
-    for (auto &byte : std::span(piece).first(records)) {
-      state = state * 1664525U + 1013904223U;
-      byte = static_cast<uint8_t>(state >> 24U);
+    for (auto &byte : std::span(m_piece).first(m_records)) {
+      m_state = m_state * 1664525U + 1013904223U;
+      byte = static_cast<uint8_t>(m_state >> 24U);
     }
-    return piece;
+    return m_piece;
   }
 
  private:
-  std::vector<uint8_t> piece;
-  size_t records;
-  uint32_t state;
+  std::vector<uint8_t> m_piece;
+  size_t m_records;
+  uint32_t m_state;
 };
-
-std::string contents_path(size_t window) {
-  return board->state + "/" + windows[window].name;
-}
-
-bool open_contents(size_t window, std::string *error) {
-  new_contents contents(window);
-  return store[window].open(
-      contents_path(window), windows[window].length, [&] { return contents.next(); }, error);
-}
-
-// The access that a mapping may have without its model.
-int direct_prot(const mapping &m) {
-  if (trap_all) return PROT_NONE;
-  if (m.window != flash_window) return nvram[m.window].healthy() ? m.prot : PROT_NONE;
-  return flash_open ? m.prot & PROT_READ : PROT_NONE;
-}
-
-void flash_set_open(bool open) {
-  array_reads = 0;
-  if (open == flash_open) return;
-  flash_open = open;
-  for (const auto &m : mappings) {
-    if (m.window != flash_window) continue;
-    if (mprotect(reinterpret_cast<void *>(m.address), m.length, direct_prot(m)) != 0)
-      trap_die("flash window: %s", strerror(errno));
-  }
-}
-
-bool flash_power_up(std::string *error) {
-  if (!open_contents(flash_window, error)) return false;
-  flash.start(store[flash_window].bytes(), *board);
-  flash_open = !trap_all && flash.reads_plainly();
-  return true;
-}
-
-// Contents that do not exist yet are made at the first access: most runs of a short test never make one. Until then
-// mappings hold the place.
-void flash_first_access() {
-  std::string error;
-  if (!flash_power_up(&error)) trap_die("%s", error.c_str());
-  for (const auto &m : mappings) {
-    if (m.window != flash_window) continue;
-    void *const address = reinterpret_cast<void *>(m.address);
-    if (store[flash_window].map(address, m.length, direct_prot(m), MAP_SHARED | MAP_FIXED, m.offset) == MAP_FAILED)
-      trap_die("flash window: %s", strerror(errno));
-  }
-}
-
-const mapping *mapping_at(uintptr_t address, size_t bytes) {
-  for (const auto &m : mappings)
-    if (m.holds(address, bytes)) return &m;
-  return nullptr;
-}
-
-bool covers(uintptr_t address, size_t bytes, bool write) {
-  const auto *const m = mapping_at(address, bytes);
-  return m != nullptr && (m->prot & (write ? PROT_WRITE : PROT_READ)) != 0;
-}
-
-uint16_t word_read(size_t window, uint32_t offset) {
-  return window == flash_window ? flash.read(offset) : nvram[window].read(offset);
-}
-
-// The flash has no byte lanes: bytes that are not driven read as ones.
-void word_write(size_t window, uint32_t offset, uint16_t word, uint16_t lanes) {
-  if (window == flash_window) {
-    flash.write(offset, static_cast<uint16_t>(word | ~lanes));
-  } else {
-    nvram[window].write(offset, word, lanes);
-  }
-}
 
 // One access as cycles of the 16-bit local bus, `visit(word offset, lanes, shift)`, the lowest first. The shift is
 // the place of the bus word's bit 0 in the data, negative when it lies below.
@@ -163,39 +56,12 @@ void for_each_cycle(uint32_t offset, unsigned width, Visit visit) {
   }
 }
 
-const mapping &accessed(uintptr_t address, unsigned width) {
-  const auto &m = *mapping_at(address, width / 8);
-  if (!store[m.window].is_open()) flash_first_access();
-  return m;
-}
-
-uint32_t window_read(uintptr_t address, unsigned width) {
-  const auto &m = accessed(address, width);
-  const auto offset = static_cast<uint32_t>(m.offset + (address - m.address));
-  uint32_t data = 0;
-  for_each_cycle(offset, width, [&](uint32_t at, uint16_t lanes, int shift) {
-    const uint32_t word = word_read(m.window, at) & uint32_t{lanes};
-    data |= shift < 0 ? word >> -shift : word << shift;
+// Whether the bridge decodes a window: its base address register holds a place in memory.
+bool is_decoded(const window &w, const options &opts) {
+  return std::ranges::none_of(opts.faults, [&](const fault &f) {
+    return (f.id == fault_id::bar_io || f.id == fault_id::bar_missing) && f.get("bar") == (w.bar - 0x10) / 4;
   });
-  trace_access(windows[m.window].name, 'r', width, offset, data);
-  if (m.window == flash_window && !trap_all && flash.reads_plainly() && ++array_reads >= reads_before_opening)
-    flash_set_open(true);
-  return data;
 }
-
-void window_write(uintptr_t address, unsigned width, uint32_t data) {
-  const auto &m = accessed(address, width);
-  const auto offset = static_cast<uint32_t>(m.offset + (address - m.address));
-  trace_access(windows[m.window].name, 'w', width, offset, data);
-  for_each_cycle(offset, width, [&](uint32_t at, uint16_t lanes, int shift) {
-    const uint32_t word = shift < 0 ? data << -shift : data >> shift;
-    word_write(m.window, at, static_cast<uint16_t>(word & lanes), lanes);
-  });
-  array_reads = 0;
-  if (m.window == flash_window && flash_open && !flash.reads_plainly()) flash_set_open(false);
-}
-
-constexpr trap_bus bus{covers, window_read, window_write, port_allowed, port_in, port_out};
 
 size_t whole_pages(size_t length) {
   return (length + page_size - 1) & ~(page_size - 1);
@@ -208,79 +74,231 @@ void *refuse(int error) {
 
 }  // namespace
 
-bool devmem_start(const options &opts, std::string *error) {
-  devmem_stop();
-  board = &opts;
+devmem::devmem(const options &opts) : m_opts(opts), m_trap_all(!opts.trace.empty()), m_port(opts) {
+  for (size_t i = 0; i < windows.size(); i++)
+    m_silent[i] = !is_decoded(windows[i], opts);
+  std::ranges::copy_if(opts.faults, std::back_inserter(m_refusals),
+                       [](const fault &f) { return f.id == fault_id::mem_mmap_refused; });
+}
+
+devmem::~devmem() {
+  for (const auto &m : m_mappings)
+    (void)sys::munmap(reinterpret_cast<void *>(m.address), m.length);
+  trap_remove();
+}
+
+bool devmem::power_up(std::string *error) {
   for (size_t i = 0; i < flash_window; i++) {
     if (!open_contents(i, error)) return false;
-    nvram[i].start(store[i].bytes(), static_cast<unsigned>(i), opts);
+    m_nvram[i].start(m_contents[i].bytes(), static_cast<unsigned>(i), m_opts);
   }
-  trap_all = !opts.trace.empty();
-  flash_open = false;
-  array_reads = 0;
-  if (file_exists(contents_path(flash_window)) && !flash_power_up(error)) return false;
-  port_start(opts);
-  refusals.clear();
-  std::ranges::copy_if(opts.faults, std::back_inserter(refusals),
-                       [](const fault &f) { return f.id == fault_id::mem_mmap_refused; });
-  map_calls = 0;
+  return !file_exists(contents_path(flash_window)) || power_up_flash(error);
+}
+
+std::string devmem::contents_path(size_t window) const {
+  return m_opts.state + "/" + windows[window].name;
+}
+
+bool devmem::open_contents(size_t window, std::string *error) {
+  const size_t length = windows[window].length;
+  new_contents contents =
+      window == flash_window ? new_contents(window, flash_sector_bytes, 0x1000) : new_contents(window, length, length);
+  return m_contents[window].open(
+      contents_path(window), length, [&] { return contents.next(); }, error);
+}
+
+// --- Flash ----------------------------------------------------------------------------------------------------------
+
+bool devmem::power_up_flash(std::string *error) {
+  if (!open_contents(flash_window, error)) return false;
+  m_flash.start(m_contents[flash_window].bytes(), m_opts);
+  m_flash_open = may_open_flash();
   return true;
 }
 
-void devmem_stop() {
-  for (const auto &m : mappings)
-    (void)sys::munmap(reinterpret_cast<void *>(m.address), m.length);
-  mappings.clear();
-  trap_remove();
-  for (auto &contents : store)
-    contents.close();
+bool devmem::may_open_flash() const {
+  return !m_trap_all && !m_silent[flash_window] && m_flash.reads_plainly();
 }
 
-void *devmem_map(size_t length, int prot, int flags, uint64_t phys) {
-  map_calls++;
-  for (const auto &f : refusals)
-    if (f.hits(map_calls)) return refuse(f.error());
+// Contents that do not exist yet are made at the first access: most runs of a short test never make one. Until then
+// mappings hold the place.
+void devmem::first_flash_access() {
+  constexpr int exit_state_directory = 2;
+  std::string error;
+  if (!power_up_flash(&error)) {
+    (void)std::fprintf(stderr, "board-sim: %s\n", error.c_str());
+    _exit(exit_state_directory);
+  }
+  for (const auto &m : m_mappings) {
+    if (m.window != flash_window) continue;
+    void *const address = reinterpret_cast<void *>(m.address);
+    if (m_contents[flash_window].map(address, m.length, direct_prot(m), MAP_SHARED | MAP_FIXED, m.offset) == MAP_FAILED)
+      trap_die("flash window: %s", strerror(errno));
+  }
+}
+
+void devmem::set_flash_open(bool open) {
+  m_array_reads = 0;
+  if (open == m_flash_open) return;
+  m_flash_open = open;
+  for (const auto &m : m_mappings) {
+    if (m.window != flash_window) continue;
+    if (mprotect(reinterpret_cast<void *>(m.address), m.length, direct_prot(m)) != 0)
+      trap_die("flash window: %s", strerror(errno));
+  }
+}
+
+// --- Mappings -------------------------------------------------------------------------------------------------------
+
+// The access that a mapping may have without its model.
+int devmem::direct_prot(const mapping &m) const {
+  if (m_trap_all || m_silent[m.window]) return PROT_NONE;
+  if (m.window != flash_window) return m_nvram[m.window].healthy() ? m.prot : PROT_NONE;
+  return m_flash_open ? m.prot & PROT_READ : PROT_NONE;
+}
+
+void *devmem::map(size_t length, int prot, int flags, uint64_t phys) {
+  const on_the_bus held(m_lock);
+  m_map_calls++;
+  for (const auto &f : m_refusals)
+    if (f.hits(m_map_calls)) return refuse(f.error());
   const int sharing = flags & MAP_TYPE;
   const bool shared = sharing == MAP_SHARED || sharing == MAP_SHARED_VALIDATE;
   if (length == 0 || phys % page_size != 0 || !shared || (flags & MAP_FIXED) != 0) return refuse(EINVAL);
   if (length > SIZE_MAX - page_size) return refuse(ENOMEM);
   const size_t whole = whole_pages(length);
-  const auto found = std::ranges::find_if(windows, [&](const window &w) {
+  const auto *const found = std::ranges::find_if(windows, [&](const window &w) {
     return phys >= w.base && phys - w.base < w.length && whole <= w.length - (phys - w.base);
   });
   if (found == windows.end()) return refuse(EPERM);
   const auto index = static_cast<size_t>(found - windows.begin());
   mapping m{0, whole, index, static_cast<uint32_t>(phys - found->base), prot};
-  void *const address = store[index].is_open()
-                            ? store[index].map(nullptr, whole, direct_prot(m), MAP_SHARED, m.offset)
+  void *const address = m_contents[index].is_open()
+                            ? m_contents[index].map(nullptr, whole, direct_prot(m), MAP_SHARED, m.offset)
                             : sys::mmap(nullptr, whole, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
   if (address == MAP_FAILED) return MAP_FAILED;
   m.address = reinterpret_cast<uintptr_t>(address);
-  mappings.push_back(m);
-  trap_install(bus);
+  m_mappings.push_back(m);
+  trap_install(this);
   return address;
 }
 
-bool devmem_unmap(void *addr, size_t length) {
+bool devmem::unmap(void *addr, size_t length) {
   const auto address = reinterpret_cast<uintptr_t>(addr);
   if (length == 0 || address % page_size != 0 || length > SIZE_MAX - page_size) return false;
   const size_t whole = whole_pages(length);
-  const auto found = std::ranges::find_if(mappings, [&](const mapping &m) { return m.holds(address, whole); });
-  if (found == mappings.end()) return false;
+  const on_the_bus held(m_lock);
+  const auto found = std::ranges::find_if(m_mappings, [&](const mapping &m) { return m.holds(address, whole); });
+  if (found == m_mappings.end()) return false;
   const mapping m = *found;
-  mappings.erase(found);
+  m_mappings.erase(found);
   const size_t before = address - m.address;
   const size_t after = m.length - before - whole;
-  if (before != 0) mappings.push_back({m.address, before, m.window, m.offset, m.prot});
+  if (before != 0) m_mappings.push_back({m.address, before, m.window, m.offset, m.prot});
   if (after != 0)
-    mappings.push_back({address + whole, after, m.window, static_cast<uint32_t>(m.offset + before + whole), m.prot});
+    m_mappings.push_back({address + whole, after, m.window, static_cast<uint32_t>(m.offset + before + whole), m.prot});
   (void)sys::munmap(addr, whole);
   return true;
 }
 
-int devmem_iopl(int level) {
-  if (level > 0) trap_install(bus);
-  return port_set_level(level);
+const devmem::mapping *devmem::mapping_at(uintptr_t address, size_t bytes) const {
+  const auto found = std::ranges::find_if(m_mappings, [&](const mapping &m) { return m.holds(address, bytes); });
+  return found == m_mappings.end() ? nullptr : &*found;
+}
+
+// --- Accesses -------------------------------------------------------------------------------------------------------
+
+uint16_t devmem::word_read(size_t window, uint32_t offset) {
+  if (m_silent[window]) return 0xFFFF;
+  return window == flash_window ? m_flash.read(offset) : m_nvram[window].read(offset);
+}
+
+// The flash has no byte lanes: bytes that are not driven read as ones.
+void devmem::word_write(size_t window, uint32_t offset, uint16_t word, uint16_t lanes) {
+  if (m_silent[window]) return;
+  if (window == flash_window) {
+    m_flash.write(offset, static_cast<uint16_t>(word | ~lanes));
+  } else {
+    m_nvram[window].write(offset, word, lanes);
+  }
+}
+
+uint32_t devmem::window_read(size_t window, uint32_t offset, unsigned width) {
+  uint32_t data = 0;
+  for_each_cycle(offset, width, [&](uint32_t at, uint16_t lanes, int shift) {
+    const uint32_t word = word_read(window, at) & uint32_t{lanes};
+    data |= shift < 0 ? word >> -shift : word << shift;
+  });
+  trace_access(windows[window].name, 'r', width, offset, data);
+  if (window == flash_window && may_open_flash() && ++m_array_reads >= reads_before_opening) set_flash_open(true);
+  return data;
+}
+
+void devmem::window_write(size_t window, uint32_t offset, unsigned width, uint32_t data) {
+  trace_access(windows[window].name, 'w', width, offset, data);
+  for_each_cycle(offset, width, [&](uint32_t at, uint16_t lanes, int shift) {
+    const uint32_t word = shift < 0 ? data << -shift : data >> shift;
+    word_write(window, at, static_cast<uint16_t>(word & lanes), lanes);
+  });
+  m_array_reads = 0;
+  if (window == flash_window && m_flash_open && !may_open_flash()) set_flash_open(false);
+}
+
+// The mapping of a whole access that asks for this protection, its device ready; or null.
+const devmem::mapping *devmem::accessed(uintptr_t address, unsigned width, int prot) {
+  const auto *const m = mapping_at(address, width / 8);
+  if (m == nullptr || (m->prot & prot) == 0) return nullptr;
+  if (!m_contents[m->window].is_open()) first_flash_access();
+  return m;
+}
+
+bool devmem::holds(uintptr_t address) {
+  const on_the_bus held(m_lock);
+  return mapping_at(address, 1) != nullptr;
+}
+
+// The bus has 32 bits: longer accesses come as two, the lower half first.
+bool devmem::load(uintptr_t address, unsigned width, uint64_t *data) {
+  const on_the_bus held(m_lock);
+  const auto *const m = accessed(address, width, PROT_READ);
+  if (m == nullptr) return false;
+  const auto offset = static_cast<uint32_t>(m->offset + (address - m->address));
+  *data = window_read(m->window, offset, std::min(width, 32U));
+  if (width == 64) *data |= uint64_t{window_read(m->window, offset + 4, 32)} << 32;
+  return true;
+}
+
+bool devmem::store(uintptr_t address, unsigned width, uint64_t data) {
+  const on_the_bus held(m_lock);
+  const auto *const m = accessed(address, width, PROT_WRITE);
+  if (m == nullptr) return false;
+  const auto offset = static_cast<uint32_t>(m->offset + (address - m->address));
+  window_write(m->window, offset, std::min(width, 32U), static_cast<uint32_t>(data));
+  if (width == 64) window_write(m->window, offset + 4, 32, static_cast<uint32_t>(data >> 32));
+  return true;
+}
+
+// --- I/O port -------------------------------------------------------------------------------------------------------
+
+int devmem::set_io_level(int level) {
+  const on_the_bus held(m_lock);
+  if (level > 0) trap_install(this);
+  return m_port.set_level(level);
+}
+
+bool devmem::port_allowed() {
+  const on_the_bus held(m_lock);
+  return m_port.allowed();
+}
+
+uint32_t devmem::port_in(uint16_t port, unsigned width) {
+  const on_the_bus held(m_lock);
+  return m_port.in(port, width);
+}
+
+void devmem::port_out(uint16_t port, unsigned width, uint32_t data) {
+  const on_the_bus held(m_lock);
+  m_port.out(port, width, data);
 }
 
 }  // namespace sim

@@ -12,7 +12,7 @@ namespace sim {
 
 #ifdef __x86_64__
 
-void resume(const ucontext_t &) {}
+void resume(const ucontext_t &, const void *) {}
 
 #else
 
@@ -53,6 +53,16 @@ bool has_xsave(const ucontext_t &context) {
   uint32_t mark = 0;
   memcpy(&mark, state + xsave_area + size, sizeof mark);
   return mark == FP_XSTATE_MAGIC2;
+}
+
+// Another handler may have called ours, and has blocked what it blocks. The kernel's frame begins with the handler's
+// return address and three arguments, before siginfo and context.
+bool is_called_by_kernel(const ucontext_t &context, const void *caller) {
+  constexpr size_t siginfo_size = 128;
+  const void *returns_to = nullptr;
+  memcpy(&returns_to, reinterpret_cast<const char *>(&context) - siginfo_size - 4 * sizeof(uint32_t),
+         sizeof returns_to);
+  return returns_to == caller;
 }
 
 // Whether nothing has to be restored but what go_on() restores. The signal mask is as it was: the handler blocks
@@ -96,8 +106,8 @@ bool is_plain(const ucontext_t &context) {
 
 }  // namespace
 
-void resume(const ucontext_t &context) {
-  if (is_plain(context)) go_on(context);
+void resume(const ucontext_t &context, const void *caller) {
+  if (is_called_by_kernel(context, caller) && is_plain(context)) go_on(context);
 }
 
 #endif

@@ -20,8 +20,7 @@ namespace sim {
 
 namespace {
 
-constinit trap_bus bus{};
-constinit bool installed = false;
+constinit cpu_bus *bus = nullptr;
 constinit struct sigaction previous {};
 
 #ifdef __x86_64__
@@ -55,6 +54,22 @@ void store_registers(const cpu_regs &regs, ucontext_t *context) {
   gregs[greg_ip] = static_cast<greg_t>(regs.ip);
 }
 
+// One write, and no buffer of the program's, whose standard error may be anything.
+__attribute__((format(printf, 1, 0))) void vcomplain(const char *format, va_list arguments) {
+  std::array<char, 512> text{};
+  vsnprintf(text.data(), text.size(), format, arguments);
+  std::array<char, 544> line{};
+  const int length = snprintf(line.data(), line.size(), "board-sim: %s\n", text.data());
+  (void)!write(STDERR_FILENO, line.data(), static_cast<size_t>(length));
+}
+
+__attribute__((format(printf, 1, 2))) void complain(const char *format, ...) {
+  va_list arguments;
+  va_start(arguments, format);
+  vcomplain(format, arguments);
+  va_end(arguments);
+}
+
 [[noreturn]] void die_of_instruction(uintptr_t ip, const char *why) {
   // Bytes up to the page's end: the next page may not exist.
   const size_t count = std::min(longest_insn, page_size - ip % page_size);
@@ -67,67 +82,53 @@ void store_registers(const cpu_regs &regs, ucontext_t *context) {
   trap_die("%s: instruction at %#zx, bytes%s", why, static_cast<size_t>(ip), bytes.data());
 }
 
-uint64_t bus_read(const insn &i) {
-  if (i.io) return bus.port_in(static_cast<uint16_t>(i.address), i.width);
-  const auto address = static_cast<uintptr_t>(i.address);
-  if (i.width < 64) return bus.read(address, i.width);
-  const uint64_t low = bus.read(address, 32);
-  return low | uint64_t{bus.read(address + 4, 32)} << 32;
+// Decodes the interrupted instruction. Returns false if it is no move.
+bool decode_interrupted(const ucontext_t &context, cpu_regs *regs, insn *i) {
+  load_registers(context, regs);
+  return decode(reinterpret_cast<const uint8_t *>(regs->ip), size_here, *regs, i);
 }
 
-void bus_write(const insn &i) {
-  const auto address = static_cast<uintptr_t>(i.address);
-  const auto low = static_cast<uint32_t>(i.data);
-  if (i.io) return bus.port_out(static_cast<uint16_t>(address), i.width, low);
-  if (i.width < 64) return bus.write(address, i.width, low);
-  bus.write(address, 32, low);
-  bus.write(address + 4, 32, static_cast<uint32_t>(i.data >> 32));
-}
-
-void carry_out(const insn &i, cpu_regs *regs, ucontext_t *context) {
-  if (i.store) {
-    bus_write(i);
-  } else {
-    fill_register(i, bus_read(i), regs);
-  }
+void step_over(const insn &i, uint64_t loaded, cpu_regs *regs, ucontext_t *context) {
+  if (!i.store) fill_register(i, loaded, regs);
   regs->ip += i.length;
   store_registers(*regs, context);
 }
 
-// A load or store at a fault address that belongs to a device.
+// A load or store at a fault address that belongs to a device. Instructions are not fetched from there.
 bool memory_access(const siginfo_t &info, ucontext_t *context) {
   const auto fault = reinterpret_cast<uintptr_t>(info.si_addr);
-  if (!bus.covers(fault, 1, false) && !bus.covers(fault, 1, true)) return false;
+  const auto ip = ip_of(*context);
+  if (!bus->holds(fault) || bus->holds(ip)) return false;
 
   cpu_regs regs;
-  load_registers(*context, &regs);
   insn i;
-  const auto ip = static_cast<uintptr_t>(regs.ip);
-  if (!decode(reinterpret_cast<const uint8_t *>(ip), size_here, regs, &i) || i.io)
+  if (!decode_interrupted(*context, &regs, &i) || i.io)
     die_of_instruction(ip, "an instruction that is no plain move met a device");
-  const size_t bytes = i.width / 8U;
-  if (fault - i.address >= bytes) die_of_instruction(ip, "fault address and operand differ");
   const auto address = static_cast<uintptr_t>(i.address);
-  if (!bus.covers(address, bytes, i.store)) return false;
-  carry_out(i, &regs, context);
-  return true;
+  if (fault - address >= i.width / 8U) die_of_instruction(ip, "fault address and operand differ");
+  uint64_t loaded = 0;
+  const bool done = i.store ? bus->store(address, i.width, i.data) : bus->load(address, i.width, &loaded);
+  if (done) step_over(i, loaded, &regs, context);
+  return done;
 }
 
 // General protection faults carry no address.
 bool port_access(ucontext_t *context) {
   cpu_regs regs;
-  load_registers(*context, &regs);
   insn i;
-  const auto ip = static_cast<uintptr_t>(regs.ip);
-  if (!decode(reinterpret_cast<const uint8_t *>(ip), size_here, regs, &i) || !i.io) return false;
-  if (!bus.port_allowed()) {
-    std::array<char, 160> text{};
-    const int length = snprintf(text.data(), text.size(), "board-sim: I/O port %#x used without the I/O privilege\n",
-                                static_cast<unsigned>(i.address));
-    (void)!write(STDERR_FILENO, text.data(), static_cast<size_t>(length));
+  if (!decode_interrupted(*context, &regs, &i) || !i.io) return false;
+  const auto port = static_cast<uint16_t>(i.address);
+  if (!bus->port_allowed()) {
+    complain("I/O port %#x used without the I/O privilege", port);
     return false;
   }
-  carry_out(i, &regs, context);
+  uint32_t loaded = 0;
+  if (i.store) {
+    bus->port_out(port, i.width, static_cast<uint32_t>(i.data));
+  } else {
+    loaded = bus->port_in(port, i.width);
+  }
+  step_over(i, loaded, &regs, context);
   return true;
 }
 
@@ -146,41 +147,48 @@ void pass_on(int number, siginfo_t *info, void *context) {
 void handle(int number, siginfo_t *info, void *parm) {
   const int saved_errno = errno;
   auto *const context = static_cast<ucontext_t *>(parm);
-  const bool done =
-      info->si_code == SI_KERNEL ? port_access(context) : info->si_code > 0 && memory_access(*info, context);
+  bool done = false;
+  if (bus != nullptr && info->si_code > 0)
+    done = info->si_code == SI_KERNEL ? port_access(context) : memory_access(*info, context);
   if (!done) pass_on(number, info, parm);
   errno = saved_errno;
-  if (done) resume(*context);
+  if (done) resume(*context, __builtin_return_address(0));
+}
+
+bool is_ours(const struct sigaction &action) {
+  return (action.sa_flags & SA_SIGINFO) != 0 && action.sa_sigaction == handle;
 }
 
 }  // namespace
 
-void trap_install(const trap_bus &b) {
-  bus = b;
-  if (installed) return;
+void trap_install(cpu_bus *to) {
+  bus = to;
+  struct sigaction now {};
+  (void)sigaction(SIGSEGV, nullptr, &now);
+  if (is_ours(now)) return;
+  previous = now;
   struct sigaction action {};
   action.sa_sigaction = handle;
   action.sa_flags = SA_SIGINFO | SA_NODEFER | SA_ONSTACK;
   sigemptyset(&action.sa_mask);
-  if (sigaction(SIGSEGV, &action, &previous) != 0) trap_die("no handler for SIGSEGV: %s", strerror(errno));
-  installed = true;
+  if (sigaction(SIGSEGV, &action, nullptr) != 0) trap_die("no handler for SIGSEGV: %s", strerror(errno));
+  // A fault while its signal is blocked ends the process.
+  sigaddset(&action.sa_mask, SIGSEGV);
+  (void)pthread_sigmask(SIG_UNBLOCK, &action.sa_mask, nullptr);
 }
 
 void trap_remove() {
-  if (!installed) return;
-  sigaction(SIGSEGV, &previous, nullptr);
-  installed = false;
+  bus = nullptr;
+  struct sigaction now {};
+  (void)sigaction(SIGSEGV, nullptr, &now);
+  if (is_ours(now)) (void)sigaction(SIGSEGV, &previous, nullptr);
 }
 
 void trap_die(const char *format, ...) {
-  std::array<char, 512> text{};
   va_list arguments;
   va_start(arguments, format);
-  vsnprintf(text.data(), text.size(), format, arguments);
+  vcomplain(format, arguments);
   va_end(arguments);
-  std::array<char, 544> line{};
-  const int length = snprintf(line.data(), line.size(), "board-sim: %s\n", text.data());
-  (void)!write(STDERR_FILENO, line.data(), static_cast<size_t>(length));
   abort();
 }
 

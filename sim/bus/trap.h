@@ -8,24 +8,32 @@
 
 namespace sim {
 
-// The bus that the handler works on. All widths are 8, 16 or 32 bits; 64-bit accesses come as two of 32, the lower
-// half first, as on a 32-bit bus.
-struct trap_bus {
-  // Whether [address, address + bytes) belongs to a device and may be written, or read.
-  bool (*covers)(uintptr_t address, size_t bytes, bool write);
-  uint32_t (*read)(uintptr_t address, unsigned width);
-  void (*write)(uintptr_t address, unsigned width, uint32_t data);
+// What the processor's accesses reach.
+class cpu_bus {
+ public:
+  cpu_bus() = default;
+  cpu_bus(const cpu_bus &) = delete;
+  cpu_bus &operator=(const cpu_bus &) = delete;
+  virtual ~cpu_bus() = default;
 
-  // Whether the process has the privilege to use I/O ports.
-  bool (*port_allowed)();
-  uint32_t (*port_in)(uint16_t port, unsigned width);
-  void (*port_out)(uint16_t port, unsigned width, uint32_t data);
+  // Whether a device is mapped at the address.
+  [[nodiscard]] virtual bool holds(uintptr_t address) = 0;
+
+  // One load or store of 8, 16, 32 or 64 bits. Returns false, with nothing done, where no device is mapped for it.
+  [[nodiscard]] virtual bool load(uintptr_t address, unsigned width, uint64_t *data) = 0;
+  [[nodiscard]] virtual bool store(uintptr_t address, unsigned width, uint64_t data) = 0;
+
+  // Whether the process has the privilege to use I/O ports; in and out of 8, 16 or 32 bits.
+  [[nodiscard]] virtual bool port_allowed() = 0;
+  [[nodiscard]] virtual uint32_t port_in(uint16_t port, unsigned width) = 0;
+  virtual void port_out(uint16_t port, unsigned width, uint32_t data) = 0;
 };
 
-// Puts the handler in place, keeping the one before for faults that meet no device. Later calls only change the bus.
-void trap_install(const trap_bus &bus);
+// Puts the handler in place and lets this thread take its signal. A handler that is there already, now or at a later
+// call, gets the faults that meet no device.
+void trap_install(cpu_bus *bus);
 
-// Puts the earlier handler back.
+// Puts the earlier handler back, if ours is in place.
 void trap_remove();
 
 // Ends the run with a message of the printf form on standard error, which may be used inside the handler.

@@ -11,20 +11,32 @@ inline constexpr uint16_t port_number = 0x50C;
 inline constexpr uint32_t port_initial = 0x6B5A3C41;  // protected; the other bits are only to be kept
 inline constexpr uint32_t port_protect_bit = 1U << 27;
 
-// Sets the port to its initial value, with the process's privilege down.
-void port_start(const options &opts);
+class io_port {
+ public:
+  // The port after power-on, the process's privilege down.
+  explicit io_port(const options &opts);
 
-// iopl(): 0, or -1 with errno set.
-int port_set_level(int level);
+  // iopl(): 0, or -1 with errno set.
+  [[nodiscard]] int set_level(int level);
 
-// Whether the process has raised its I/O privilege to level 3.
-[[nodiscard]] bool port_allowed();
+  // Whether the process has raised its I/O privilege to level 3.
+  [[nodiscard]] bool allowed() const { return m_level == 3; }
 
-// Whether the pins protect the supervisor's EEPROM.
-[[nodiscard]] bool port_write_protected();
+  // Whether the pins protect the supervisor's EEPROM.
+  [[nodiscard]] bool write_protected() const { return (pins() & port_protect_bit) != 0; }
 
-// I/O cycles. Ends the run on another port or width: nothing else of the board answers there.
-[[nodiscard]] uint32_t port_in(uint16_t port, unsigned width);
-void port_out(uint16_t port, unsigned width, uint32_t data);
+  // I/O cycles. End the run on another port or width: nothing else of the board answers there.
+  [[nodiscard]] uint32_t in(uint16_t port, unsigned width) const;
+  void out(uint16_t port, unsigned width, uint32_t data);
+
+ private:
+  uint32_t m_latch = port_initial;
+  uint32_t m_stuck_high = 0;
+  uint32_t m_stuck_low = 0;
+  int m_refusal = 0;  // errno of iopl, 0 for none
+  int m_level = 0;
+
+  [[nodiscard]] uint32_t pins() const { return (m_latch | m_stuck_high) & ~m_stuck_low; }
+};
 
 }  // namespace sim

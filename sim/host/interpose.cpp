@@ -21,7 +21,6 @@
 #include <cerrno>
 
 #include "sim/board/board.h"
-#include "sim/bus/devmem.h"
 #include "sim/host/real.h"
 
 namespace {
@@ -110,8 +109,8 @@ int by_asked_path_at(next_function<int(int, const char *, A...)> &next, int dir,
 
 void *map_any(next_function<void *(void *, size_t, int, int, int, off64_t)> &next, void *addr, size_t length, int prot,
               int flags, int fd, off64_t offset) {
-  if ((flags & MAP_ANONYMOUS) == 0 && sim::device_is_mem(fd))
-    return sim::devmem_map(length, prot, flags, static_cast<uint64_t>(offset));
+  if ((flags & MAP_ANONYMOUS) == 0)
+    if (const auto at = sim::device_mmap(length, prot, flags, fd, static_cast<uint64_t>(offset))) return *at;
   return next.get()(addr, length, prot, flags, fd, offset);
 }
 
@@ -301,12 +300,13 @@ void *board_mmap64(void *addr, size_t length, int prot, int flags, int fd, off64
   return map_any(next_mmap64, addr, length, prot, flags, fd, offset);
 }
 int board_munmap(void *addr, size_t length) {
-  if (sim::board_options() != nullptr && sim::devmem_unmap(addr, length)) return 0;
+  if (sim::device_munmap(addr, length)) return 0;
   return next_munmap.get()(addr, length);
 }
 
 int board_iopl(int level) {
-  return sim::board_options() != nullptr ? sim::devmem_iopl(level) : next_iopl.get()(level);
+  const auto result = sim::device_iopl(level);
+  return result ? *result : next_iopl.get()(level);
 }
 
 // The command runs in the real shell, which meets the board by the command's text and its environment.

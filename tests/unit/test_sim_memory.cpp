@@ -4,11 +4,14 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/io.h>
+#include <sys/resource.h>
 
+#include <barrier>
 #include <cerrno>
 #include <cinttypes>
 #include <fstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "sim/devices/flash.h"
@@ -84,6 +87,24 @@ TEST(sim_devmem, maps_what_lies_in_a_window_and_nothing_else) {
   }
 }
 
+TEST(sim_devmem, is_mapped_through_every_descriptor_of_it) {
+  const test_board board;
+  const int mem = open("/dev/mem", O_RDWR | O_CLOEXEC);
+  const int duplicates[] = {dup(mem), fcntl(mem, F_DUPFD_CLOEXEC, 50), open("/dev/mem", O_RDWR)};
+  (void)close(mem);
+  const auto expected = board.contents("nvram1");
+  for (const int fd : duplicates) {
+    void *const at = mmap(nullptr, 0x8000, read_write, MAP_SHARED, fd, 0xF4010000);
+    ASSERT_NE(at, MAP_FAILED) << fd;
+    EXPECT_EQ(memcmp(at, expected.data(), expected.size()), 0);
+    (void)close(fd);
+  }
+  const int other = open(board.file("nvram0").c_str(), O_PATH | O_CLOEXEC);
+  EXPECT_EQ(mmap(nullptr, 0x8000, read_write, MAP_SHARED, other, 0xF4010000), MAP_FAILED);
+  EXPECT_EQ(errno, EBADF);
+  (void)close(other);
+}
+
 TEST(sim_devmem, knows_offsets_and_keeps_the_rest_when_a_part_is_taken_away) {
   const test_board board({"nvram-cell-stuck instance=1 offset=0x7000 bit=0 level=1"});
   auto *const bytes = static_cast<uint8_t *>(map(0xF4014000, 0x4000));  // the upper half of nvram1
@@ -117,6 +138,64 @@ TEST(sim_devmem, lets_healthy_devices_run_at_memory_speed) {
       EXPECT_EQ(rights(other), c.rights[number]) << number;
     }
   }
+}
+
+TEST(sim_devmem, answers_no_memory_access_where_its_bar_does_not_map_memory) {
+  for (const auto *const fault : {"bar-io bar=5", "bar-missing bar=5"}) {
+    const test_board board({fault});
+    auto *const words = map_window<uint16_t>(flash);
+    for (const auto &[offset, data] : {std::pair{0xAAA, 0xAA}, {0x554, 0x55}, {0xAAA, 0xA0}, {0x1000, 0x1234}})
+      words[offset / 2] = static_cast<uint16_t>(data);
+    for (size_t i = 0; i < 8; i++)
+      EXPECT_EQ(words[i], 0xFFFF);
+    EXPECT_EQ(map_window<uint16_t>(nvram0)[0] & 0xFF, static_cast<uint8_t>(board.contents("nvram0")[0]));
+    board.start();
+    EXPECT_EQ(map_window<uint16_t>(flash)[0x1000 / 2], 0xFFFF) << "nothing was programmed";
+  }
+}
+
+TEST(sim_devmem, serves_threads_at_once_from_the_first_access_on) {
+  const test_board model;
+  (void)map_window<uint16_t>(flash)[0];
+  const auto expected = model.contents("flash").substr(0, 0x40);
+  for (int round = 0; round < 3; round++) {
+    const test_board board;
+    const auto *const bytes = map_window<uint8_t>(flash);
+    std::barrier start(4);
+    std::array<std::string, 4> seen;
+    std::vector<std::thread> threads;
+    for (auto &text : seen)
+      threads.emplace_back([&] {
+        start.arrive_and_wait();
+        for (size_t i = 0; i < expected.size(); i++)
+          text += static_cast<char>(bytes[i]);
+      });
+    for (auto &thread : threads)
+      thread.join();
+    for (const auto &text : seen)
+      EXPECT_EQ(text, expected);
+  }
+}
+
+// What is accessed after the last destructor of a static object.
+const volatile uint16_t *read_at_the_end = nullptr;
+
+[[gnu::destructor]] void finalise() {
+  if (read_at_the_end != nullptr) _exit(*read_at_the_end & 0x7F);
+}
+
+TEST(sim_devmem_death, answers_after_the_last_finaliser) {
+  const test_board board;
+  EXPECT_EXIT((read_at_the_end = map_window<uint16_t>(flash) + 8, exit(0)),
+              testing::ExitedWithCode(map_window<uint16_t>(flash)[8] & 0x7F), "");
+}
+
+TEST(sim_devmem_death, ends_the_run_where_there_is_no_space_for_the_flash) {
+  const test_board board;
+  const rlimit limit{0x100000, 0x100000};
+  EXPECT_EXIT((signal(SIGXFSZ, SIG_IGN), setrlimit(RLIMIT_FSIZE, &limit), map_window<uint16_t>(flash)[0]),
+              testing::ExitedWithCode(2), "board-sim: .*/flash: File too large");
+  EXPECT_FALSE(std::filesystem::exists(board.file("flash")));
 }
 
 TEST(sim_devmem, keeps_contents_for_the_next_run) {
@@ -212,19 +291,28 @@ TEST(sim_nvram, keeps_lanes_apart_in_bytes_and_long_words) {
 
 TEST(sim_port, holds_what_is_written_and_protects_by_bit_27) {
   test_board board({"--trace"});
-  EXPECT_TRUE(sim::port_write_protected());
   ASSERT_EQ(iopl(3), 0);
   outl(inl(0x50C) & ~0x08000000U, 0x50C);
-  EXPECT_FALSE(sim::port_write_protected());
   EXPECT_EQ(inl(0x50C), 0x635A3C41U);
   EXPECT_THAT(board.log(),
               ElementsAre("port r 32 0x50c 0x6b5a3c41", "port w 32 0x50c 0x635a3c41", "port r 32 0x50c 0x635a3c41"));
-  board.start({"port-stuck bit=27 level=1", "port-stuck bit=0 level=0"});
-  ASSERT_EQ(iopl(3), 0);
-  EXPECT_EQ(inl(0x50C), sim::port_initial & ~1U);
-  outl(3, 0x50C);
-  EXPECT_EQ(inl(0x50C), 0x08000002U);
-  EXPECT_TRUE(sim::port_write_protected());
+  const struct {
+    std::vector<const char *> faults;
+    uint32_t given, taken;
+    bool write_protected;
+  } cases[] = {
+      {{}, sim::port_initial, sim::port_initial, true},
+      {{}, 0xF7FFFFFF, 0xF7FFFFFF, false},
+      {{"port-stuck bit=27 level=1", "port-stuck bit=0 level=0"}, 3, 0x08000002, true},
+      {{"port-stuck bit=27 level=0"}, 0x08000002, 2, false},
+  };
+  for (const auto &c : cases) {
+    sim::io_port port(board_options("/", c.faults));
+    EXPECT_TRUE(!c.faults.empty() || port.write_protected()) << "after power-on";
+    port.out(0x50C, 32, c.given);
+    EXPECT_EQ(port.in(0x50C, 32), c.taken);
+    EXPECT_EQ(port.write_protected(), c.write_protected);
+  }
 }
 
 TEST(sim_port, takes_levels_0_to_3_or_refuses_to_raise_them) {

@@ -226,6 +226,46 @@ TEST(sim_trap, works_on_every_stack) {
   (void)sigaltstack(&before, nullptr);
 }
 
+// --- Other handlers -------------------------------------------------------------------------------------------------
+
+struct sigaction board_action {};
+volatile sig_atomic_t forwarded = 0;
+
+// A handler that a program sets between its mappings gets what meets no device; one that it sets behind them and that
+// hands on what is not its own may block what it likes.
+TEST(sim_trap, shares_its_signal) {
+  const test_board board({trap_nvram0});
+  const auto *const window = map_window<uint16_t>(nvram0);
+  const uint16_t expected = window[0];
+  (void)sigaction(SIGSEGV, nullptr, &board_action);
+  struct sigaction own {};
+  own.sa_flags = SA_SIGINFO;
+  own.sa_sigaction = [](int number, siginfo_t *info, void *context) {
+    forwarded = forwarded + 1;
+    board_action.sa_sigaction(number, info, context);
+  };
+  sigfillset(&own.sa_mask);
+  ASSERT_EQ(sigaction(SIGSEGV, &own, nullptr), 0);
+  EXPECT_EQ(window[0], expected);
+  EXPECT_EQ(window[0], expected) << "with the signal mask as before";
+  EXPECT_EQ(forwarded, 2);
+  (void)map_window<uint16_t>(nvram1);
+  EXPECT_EQ(window[0], expected);
+  EXPECT_EQ(forwarded, 2);
+}
+
+TEST(sim_trap, lets_the_thread_that_maps_take_the_signal) {
+  const test_board board({trap_nvram0});
+  sigset_t all, before;
+  sigfillset(&all);
+  (void)pthread_sigmask(SIG_BLOCK, &all, &before);
+  (void)map_window<uint16_t>(nvram0)[0];
+  (void)pthread_sigmask(SIG_SETMASK, nullptr, &all);
+  EXPECT_EQ(sigismember(&all, SIGSEGV), 0);
+  EXPECT_EQ(sigismember(&all, SIGTERM), 1);
+  (void)pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
 TEST(sim_trap_death, ends_the_run_on_an_instruction_that_it_does_not_know) {
   const test_board board({trap_nvram0});
   const auto *const window = map_window<uint8_t>(nvram0);
@@ -248,6 +288,9 @@ TEST(sim_trap_death, passes_faults_of_others_on) {
   EXPECT_EXIT((with(SIG_DFL), touch_nothing()), testing::KilledBySignal(SIGSEGV), "");
   EXPECT_EXIT((with([](int) { _exit(41); }), touch_nothing()), testing::ExitedWithCode(41), "");
   EXPECT_EXIT((with(SIG_DFL), (void)raise(SIGSEGV)), testing::KilledBySignal(SIGSEGV), "");
+  // Nothing is fetched from a device.
+  EXPECT_EXIT(reinterpret_cast<void (*)()>(reinterpret_cast<uintptr_t>(map_window<uint8_t>(flash)))(),
+              testing::KilledBySignal(SIGSEGV), "");
 }
 
 }  // namespace
