@@ -35,22 +35,25 @@ namespace {
 
 constexpr char source[] = "cmn_lib/diag_util/lock.cpp";
 
+struct lock_case {
+  const char *name;
+  uint32_t (*op)(int32_t);
+  int cmd, type;
+  const char *request, *trace;
+};
+
+// clang-format off
+const lock_case cases[] = {
+    {"lock_get_rd_lock",  lock_get_rd_lock,  F_SETLK,  F_RDLCK, "F_SETLK, F_RDLCK",  "taking rd_lock: "},
+    {"lock_get_rd_lockw", lock_get_rd_lockw, F_SETLKW, F_RDLCK, "F_SETLKW, F_RDLCK", "taking rd_lockw: "},
+    {"lock_get_wr_lock",  lock_get_wr_lock,  F_SETLK,  F_WRLCK, "F_SETLK, F_WRLCK",  "taking wr_lock: "},
+    {"lock_get_wr_lockw", lock_get_wr_lockw, F_SETLKW, F_WRLCK, "F_SETLKW, F_WRLCK", "taking wr_lockw: "},
+    {"lock_drop_rd_lock", lock_drop_rd_lock, F_SETLK,  F_UNLCK, "F_SETLK, F_UNLCK",  "dropping rd_lock: "},
+    {"lock_drop_wr_lock", lock_drop_wr_lock, F_SETLK,  F_UNLCK, "F_SETLK, F_UNLCK",  "dropping wr_lock: "},
+};
+// clang-format on
+
 TEST(lock, makes_one_request_and_tells_contention_from_failure) {
-  struct {
-    const char *name;
-    uint32_t (*op)(int32_t);
-    int cmd, type;
-    const char *request, *trace;
-  } const cases[] = {
-      // clang-format off
-      {"lock_get_rd_lock",  lock_get_rd_lock,  F_SETLK,  F_RDLCK, "F_SETLK, F_RDLCK",  "taking rd_lock: "},
-      {"lock_get_rd_lockw", lock_get_rd_lockw, F_SETLKW, F_RDLCK, "F_SETLKW, F_RDLCK", "taking rd_lockw: "},
-      {"lock_get_wr_lock",  lock_get_wr_lock,  F_SETLK,  F_WRLCK, "F_SETLK, F_WRLCK",  "taking wr_lock: "},
-      {"lock_get_wr_lockw", lock_get_wr_lockw, F_SETLKW, F_WRLCK, "F_SETLKW, F_WRLCK", "taking wr_lockw: "},
-      {"lock_drop_rd_lock", lock_drop_rd_lock, F_SETLK,  F_UNLCK, "F_SETLK, F_UNLCK",  "dropping rd_lock: "},
-      {"lock_drop_wr_lock", lock_drop_wr_lock, F_SETLK,  F_UNLCK, "F_SETLK, F_UNLCK",  "dropping wr_lock: "},
-      // clang-format on
-  };
   const test_board board;
   const int32_t lock = lock_create("x");
   for (const auto &c : cases) {

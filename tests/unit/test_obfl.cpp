@@ -94,41 +94,59 @@ TEST(obfl_driver, starts_and_reads_its_times) {
   expect({1024, 0, 0xFFFF, 0xFFFF}, "0 0 0 0");
 }
 
-TEST(obfl_driver, makes_these_cycles) {
+TEST(obfl_driver, erases_a_sector) {
   with_driver({}, [] {
     for (const uint32_t sector : {0U, 0x20000U, 0x40000U, 0x3FE0000U}) {
       EXPECT_EQ(obfl_sector_erase(0, at(sector), quick), HW_SUCCESS);
       EXPECT_EQ(events(), erase(sector));
     }
-    // Neighbours of one page go together, in the order of the list.
-    std::vector<obfl_addr_t> addr;
-    std::vector<uint16_t> data;
-    list all;
-    std::string expected;
-    for (const list &group : std::vector<list>{{{0x20040, 0x1234}, {0x20042, 0x5678}},
-                                               {{0, 1}, {2, 2}},
-                                               {{0x20, 3}},
-                                               {{4, 4}},
-                                               {{0x20060, 1}},
-                                               {{0x40060, 2}},
-                                               {{0x5E, 1}, {0x5C, 2}},
-                                               {{0x3FFFFFE, 0x8001}}}) {
-      expected += program(group);
-      for (const word_t &word : group) {
-        all.push_back(word);
-        addr.push_back(at(word.addr));
-        data.push_back(static_cast<uint16_t>(word.data));
-      }
-    }
-    EXPECT_EQ(obfl_wr_array(0, 11, addr.data(), data.data(), quick), HW_SUCCESS);
-    obfl_rd_array(0, 11, addr.data(), data.data());
-    obfl_rd_array(0, 0, nullptr, nullptr);
-    EXPECT_EQ(events(), expected + read(all) + read({}));
-    EXPECT_EQ(obfl_wr_word(0, at(0x100), 7, quick), HW_SUCCESS);
-    obfl_rd_word(0, at(0x100), data.data());
-    EXPECT_EQ(events(), program({{0x100, 7}}) + read({{0x100, 7}}));
-    EXPECT_EQ(data[0], 7);
+  });
+}
 
+// Lists of words and the programs that their writing takes: neighbours of one page, in the order of the list.
+const std::vector<list> grouped[] = {
+    {{{0x20040, 0x1234}, {0x20042, 0x5678}}},
+    {{{0, 1}, {2, 2}}, {{0x20, 3}}, {{4, 4}}, {{0x20060, 1}}, {{0x40060, 2}}},
+    {{{0x5E, 1}, {0x5C, 2}}, {{0x3FFFFFE, 0x8001}}},
+};
+
+TEST(obfl_driver, gathers_neighbours_of_a_page) {
+  for (const std::vector<list> &groups : grouped) {
+    with_driver({}, [&] {
+      std::vector<obfl_addr_t> addr;
+      std::vector<uint16_t> data;
+      list all;
+      std::string expected;
+      for (const list &group : groups) {
+        expected += program(group);
+        for (const word_t &word : group) {
+          all.push_back(word);
+          addr.push_back(at(word.addr));
+          data.push_back(static_cast<uint16_t>(word.data));
+          (void)obfl_sector_erase(0, at(word.addr & ~0x1FFFFU), quick);
+        }
+      }
+      (void)events();
+      const auto count = static_cast<uint32_t>(all.size());
+      EXPECT_EQ(obfl_wr_array(0, count, addr.data(), data.data(), quick), HW_SUCCESS);
+      obfl_rd_array(0, count, addr.data(), data.data());
+      EXPECT_EQ(events(), expected + read(all));
+    });
+  }
+  with_driver({}, [] {
+    (void)obfl_sector_erase(0, at(0), quick);
+    (void)events();
+    uint16_t word = 0;
+    EXPECT_EQ(obfl_wr_word(0, at(0x100), 7, quick), HW_SUCCESS);
+    obfl_rd_word(0, at(0x100), &word);
+    EXPECT_EQ(word, 7);
+    obfl_rd_array(0, 0, nullptr, nullptr);
+    EXPECT_EQ(events(), program({{0x100, 7}}) + read({{0x100, 7}}) + read({}));
+  });
+}
+
+TEST(obfl_driver, writes_and_reads_a_whole_sector) {
+  with_driver({}, [] {
     std::vector<uint16_t> words(OBFL_SECTOR_WORDS), now(OBFL_SECTOR_WORDS);
     std::generate(words.begin(), words.end(),
                   [word = uint16_t{0}]() mutable { return word = static_cast<uint16_t>(word + 0x9E37); });
@@ -187,47 +205,64 @@ TEST(obfl_driver, polls_while_the_status_toggles_and_the_times_allow) {
   // clang-format on
 }
 
-// Arguments are checked just before their use: so many events come before the report.
+uint16_t sector_words[OBFL_SECTOR_WORDS];
+
+void wr(const std::vector<obfl_addr_t> &addr) {
+  (void)obfl_wr_array(0, static_cast<uint32_t>(addr.size()), addr.data(), sector_words, quick);
+}
+
+void rd(const std::vector<obfl_addr_t> &addr) {
+  obfl_rd_array(0, static_cast<uint32_t>(addr.size()), addr.data(), sector_words);
+}
+
+struct assert_case {
+  const char *op;
+  const char *condition;
+  int before;  // so many events come before the report: arguments are checked just before their use
+  std::function<void()> call;
+};
+
+// clang-format off
+const assert_case assert_cases[] = {
+    {"obfl_get_sector_addr", "addr.so.mbz == 0",            0,  [] { (void)obfl_get_sector_addr(at(0x04000001)); }},
+    {"obfl_get_sector_addr", "addr.pw.wr.mbz == 0",         0,  [] { (void)obfl_get_sector_addr(at(0x0003CAFF)); }},
+    {"obfl_rd_array", "inst < OBFL_INST_MAX",               0,  [] { obfl_rd_array(1, 0, nullptr, sector_words); }},
+    {"obfl_rd_array", "rd_addr[i].so.mbz == 0",             3,  [] { rd({at(0), at(2), at(0x04000001)}); }},
+    {"obfl_rd_array", "rd_addr[i].pw.wr.mbz == 0",          2,  [] { rd({at(0), at(3)}); }},
+    {"obfl_wr_array", "n_cpt && wr_addr && wr_data",        0,  [] { wr({}); }},
+    {"obfl_wr_array", "n_cpt && wr_addr && wr_data",        0,  [] { (void)obfl_wr_array(0, 1, nullptr, sector_words, quick); }},
+    {"obfl_wr_array", "next_addr.so.mbz == 0",              0,  [] { wr({at(0x04000001)}); }},
+    {"obfl_wr_array", "next_addr.pw.wr.mbz == 0",           0,  [] { wr({at(0), at(0x21)}); }},
+    {"obfl_wr_array", "next_addr.so.mbz == 0",              11, [] { wr({at(0), at(0x20), at(0x04000000)}); }},
+    {"_obfl_wr_page", "word_count <= (OBFL_WRITE_PAGE_SIZE/OBFL_WORD_SIZE)", 0, [] { wr(std::vector<obfl_addr_t>(17)); }},
+};
+
+// Each checks its instance, then its address.
+const std::pair<const char *, void (*)(uint32_t inst, obfl_addr_t addr)> sector_operations[] = {
+    {"obfl_sector_erase", [](uint32_t inst, obfl_addr_t addr) { (void)obfl_sector_erase(inst, addr, quick); }},
+    {"obfl_sector_wr",    [](uint32_t inst, obfl_addr_t addr) { (void)obfl_sector_wr(inst, addr, sector_words, quick); }},
+    {"obfl_sector_rd",    [](uint32_t inst, obfl_addr_t addr) { obfl_sector_rd(inst, addr, sector_words); }},
+};
+// clang-format on
+
 TEST(obfl_driver, asserts_its_arguments) {
-  static uint16_t words[OBFL_SECTOR_WORDS];
-  const auto expect = [](const std::string &op, const std::string &condition, int before,
-                         const std::function<void()> &call) {
+  const auto expect = [](const assert_case &c) {
     with_driver({0, 0}, [&] {
-      const outcome child = run_child(call);
+      const outcome child = run_child(c.call);
       EXPECT_EQ(child.status, 128 + SIGABRT);
-      const std::string log = events(), text = "         :\"" + condition + "\" is false\n";
-      EXPECT_EQ(std::count(log.begin(), log.end(), ';'), before) << op << condition;
-      EXPECT_THAT(child.out, testing::StartsWith("## Assert:" + op + "():"));
+      const std::string log = events(), text = std::string("         :\"") + c.condition + "\" is false\n";
+      EXPECT_EQ(std::count(log.begin(), log.end(), ';'), c.before) << c.op << c.condition;
+      EXPECT_THAT(child.out, testing::StartsWith(std::string("## Assert:") + c.op + "():"));
       EXPECT_THAT(child.out, testing::HasSubstr("\n" + text + text + "## BT: "));
     });
   };
-  const auto wr = [](std::vector<obfl_addr_t> addr) {
-    (void)obfl_wr_array(0, static_cast<uint32_t>(addr.size()), addr.data(), words, quick);
-  };
-  const auto rd = [](std::vector<obfl_addr_t> addr) {
-    obfl_rd_array(0, static_cast<uint32_t>(addr.size()), addr.data(), words);
-  };
-  const auto expect_sector = [&](const std::string &op, void (*call)(uint32_t inst, obfl_addr_t addr)) {
-    expect(op, "inst < OBFL_INST_MAX", 0, [=] { call(1, at(0x04000001)); });
-    expect(op, "sector_addr.so.mbz == 0", 0, [=] { call(0, at(0x04000001)); });
-    expect(op, "sector_addr.so.offset == 0", 0, [=] { call(0, at(0x00020002)); });
-  };
-  // clang-format off
-  expect_sector("obfl_sector_erase", [](uint32_t inst, obfl_addr_t addr) { (void)obfl_sector_erase(inst, addr, quick); });
-  expect_sector("obfl_sector_wr",    [](uint32_t inst, obfl_addr_t addr) { (void)obfl_sector_wr(inst, addr, words, quick); });
-  expect_sector("obfl_sector_rd",    [](uint32_t inst, obfl_addr_t addr) { obfl_sector_rd(inst, addr, words); });
-  expect("obfl_get_sector_addr", "addr.so.mbz == 0",            0, [] { (void)obfl_get_sector_addr(at(0x04000001)); });
-  expect("obfl_get_sector_addr", "addr.pw.wr.mbz == 0",         0, [] { (void)obfl_get_sector_addr(at(0x0003CAFF)); });
-  expect("obfl_rd_array", "inst < OBFL_INST_MAX",               0, [] { obfl_rd_array(1, 0, nullptr, words); });
-  expect("obfl_rd_array", "rd_addr[i].so.mbz == 0",             3, [=] { rd({at(0), at(2), at(0x04000001)}); });
-  expect("obfl_rd_array", "rd_addr[i].pw.wr.mbz == 0",          2, [=] { rd({at(0), at(3)}); });
-  expect("obfl_wr_array", "n_cpt && wr_addr && wr_data",        0, [=] { wr({}); });
-  expect("obfl_wr_array", "n_cpt && wr_addr && wr_data",        0, [] { (void)obfl_wr_array(0, 1, nullptr, words, quick); });
-  expect("obfl_wr_array", "next_addr.so.mbz == 0",              0, [=] { wr({at(0x04000001)}); });
-  expect("obfl_wr_array", "next_addr.pw.wr.mbz == 0",           0, [=] { wr({at(0), at(0x21)}); });
-  expect("obfl_wr_array", "next_addr.so.mbz == 0",              11, [=] { wr({at(0), at(0x20), at(0x04000000)}); });
-  expect("_obfl_wr_page", "word_count <= (OBFL_WRITE_PAGE_SIZE/OBFL_WORD_SIZE)", 0, [=] { wr(std::vector<obfl_addr_t>(17)); });
-  // clang-format on
+  for (const assert_case &c : assert_cases)
+    expect(c);
+  for (const auto &[op, call] : sector_operations) {
+    expect({op, "inst < OBFL_INST_MAX", 0, [call = call] { call(1, at(0x04000001)); }});
+    expect({op, "sector_addr.so.mbz == 0", 0, [call = call] { call(0, at(0x04000001)); }});
+    expect({op, "sector_addr.so.offset == 0", 0, [call = call] { call(0, at(0x00020002)); }});
+  }
 }
 
 // The sub-tests in an erased sector. The low 9 bits of the number are the sector's.
