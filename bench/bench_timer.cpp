@@ -1,33 +1,20 @@
-// Races the timer service against the timers of libevent, of libuv and of std::multimap.
-//
-//   bench_timer [--markdown=FILE] [--json=FILE] [Google Benchmark's options]
-//
-// Every contender gets the same timers, periods and order of operations, on a clock that only the benchmark moves.
-// Numbers of timers that expired must be the same for all, or the run fails.
+// Races the timer service against the timers of libevent, of libuv and of std::multimap, on a clock that only the
+// benchmark moves. Each contender gets the same timers, periods and order of operations. What is measured stands in
+// counters: nanoseconds an operation, bytes a timer, and how many timers expired, which must be the same for all.
 #include <benchmark/benchmark.h>
-#include <gnu/libc-version.h>
 #include <malloc.h>
 #include <sys/syscall.h>
-#include <sys/utsname.h>
 #include <time.h>
 #include <unistd.h>
 #include <x86intrin.h>
 
-#include <array>
 #include <chrono>
-#include <cstdio>
-#include <fstream>
-#include <map>
-#include <memory>
 #include <numeric>
 #include <random>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "bench/owned_clock.h"
 #include "bench/timer_contenders.h"
-#include "bench/timer_report.h"
 
 void (*expired)(uint32_t timer);
 
@@ -40,7 +27,8 @@ void calibrate() {
   using clock = std::chrono::steady_clock;
   const auto from = clock::now();
   const uint64_t cycles = __rdtsc();
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  while (clock::now() - from < std::chrono::milliseconds(50)) {
+  }
   const std::chrono::duration<double, std::nano> ns = clock::now() - from;
   cycles_per_ns = static_cast<double>(__rdtsc() - cycles) / ns.count();
   uint64_t least = UINT64_MAX;
@@ -84,9 +72,9 @@ void drain_heap_caches() {
   }
 }
 
-uint64_t heap_bytes() {
+double heap_bytes() {
   const struct mallinfo2 info = mallinfo2();
-  return info.uordblks + info.hblkhd;
+  return static_cast<double>(info.uordblks + info.hblkhd);
 }
 
 uint32_t mix(uint32_t a, uint32_t b) {
@@ -103,22 +91,12 @@ std::vector<uint32_t> shuffled(uint32_t count, uint32_t seed) {
   return order;
 }
 
-// The measurements of one contender, in the order of the table.
-enum measurement_t { START, STOP, RESTART, TICK, MIXED, MIXED_ONE_PERIOD, STOP_IN_CROWD, BYTES, MEASUREMENTS };
-constexpr const char *measurement_names[MEASUREMENTS] = {
-    "start", "stop", "restart", "tick", "mixed tick", "mixed tick, one period", "stop in a crowd", "bytes per timer",
-};
-using measurements_t = std::array<double, MEASUREMENTS>;  // ns per operation, and bytes per timer
-
-constexpr uint32_t sizes[] = {10, 1000, 100000, 1000000};
-constexpr uint32_t one_period = 30000;  // ticks
-
 // One contender with `count` timers, and periods spread over twice the wheel.
 template <typename contender_t>
 class race {
  public:
-  explicit race(uint32_t count)
-      : m_count(count), m_horizon(2 * wheel_size(count)), m_heap_before(heap_bytes()), m_timers(count) {
+  race(uint32_t count, benchmark::UserCounters *result)
+      : m_count(count), m_result(*result), m_heap_before(heap_bytes()), m_timers(count) {
     self = this;
     expired = [](uint32_t timer) {
       self->m_fired++;
@@ -131,15 +109,37 @@ class race {
   race(const race &) = delete;
   race &operator=(const race &) = delete;
 
-  uint64_t fired() const { return m_fired; }
+  void run() {
+    start_and_stop(std::max(1U, 200000 / m_count));
+    for (uint32_t i : shuffled(m_count, 3))
+      m_timers.start(i, period(i, 4));
+    m_result["bytes"] = bytes();
+    restart(m_large ? 200000 : 100000);
+    const uint32_t ticks = m_large ? 50000 : 200000;
+    m_result["tick"] = long_ns([&] { tick(ticks); }) / ticks;
+    m_result["mixed tick"] = mixed_tick(20000);
+    m_result["bytes after it"] = bytes();
+    one_period(16 * wheel_size(m_count));
+    m_result["mixed tick, one period"] = mixed_tick(40000);
+    one_period(m_horizon);
+    stop_in_crowd(m_large ? 5 : std::min(m_count, 50U));
+    m_result["expired"] = static_cast<double>(m_fired);
+  }
 
-  // Starts every timer, none being active, and stops every timer, each in random order.
-  void start_and_stop(uint32_t rounds, measurements_t &result) {
+ private:
+  // All timers being active:
+  double bytes() const { return (heap_bytes() - m_heap_before) / m_count; }
+
+  // Starts every timer, none being active, and stops every timer, each in random order. What the stops left to be
+  // released later is released by ticks; the ticks themselves are not counted.
+  void start_and_stop(uint32_t rounds) {
     const auto start_order = shuffled(m_count, 1);
     const auto stop_order = shuffled(m_count, 2);
-    const auto ns = [this](const auto &work) { return m_count > 10000 ? long_ns(work) : short_ns(work); };
+    const auto ns = [this](const auto &work) { return (m_large ? long_ns(work) : short_ns(work)) / m_count; };
+    const auto settle = [this] { m_timers.settle(); };
     std::vector<double> starts;
     std::vector<double> stops;
+    std::vector<double> releases;
     for (uint32_t round = 0; round < rounds; round++) {
       starts.push_back(ns([&] {
         for (uint32_t i : start_order)
@@ -149,39 +149,26 @@ class race {
         for (uint32_t i : stop_order)
           m_timers.stop(i);
       }));
-      m_timers.settle();
+      const double with_release = ns(settle);
+      releases.push_back(with_release - ns(settle));
     }
-    result[START] = median(starts) / m_count;
-    result[STOP] = median(stops) / m_count;
+    m_result["start"] = median(starts);
+    m_result["stop"] = median(stops);
+    m_result["release"] = std::max(0.0, median(releases));
   }
-
-  void populate() {
-    for (uint32_t i : shuffled(m_count, 3))
-      m_timers.start(i, period(i, 4));
-  }
-
-  // All timers being active:
-
-  double bytes() const { return static_cast<double>(heap_bytes() - m_heap_before) / m_count; }
 
   // Restarts timers at random.
-  double restart(uint32_t operations) {
-    const double ns = long_ns([&] {
-      for (uint32_t i = 0; i < operations; i++)
-        m_timers.start(mix(i, 5) % m_count, period(i, 6));
-    });
-    return ns / operations;
-  }
-
-  // Ticks; what expires starts again.
-  double tick(uint32_t ticks) {
-    return long_ns([&] { run(ticks); }) / ticks;
+  void restart(uint32_t operations) {
+    m_result["restart"] = long_ns([&] {
+                            for (uint32_t i = 0; i < operations; i++)
+                              m_timers.start(mix(i, 5) % m_count, period(i, 6));
+                          }) /
+                          operations;
   }
 
   // Ticks with five restarts and four pairs of a stop and a start in each, so that most timers never expire. A tenth
   // of the timers is inactive meanwhile.
-  double mixed_tick(uint32_t ticks, uint32_t fixed_period) {
-    m_fixed_period = fixed_period;
+  double mixed_tick(uint32_t ticks) {
     std::vector<uint32_t> order = shuffled(m_count, 7);
     const uint32_t idle = std::max(1U, m_count / 10);  // the first so many of `order`
     for (uint32_t i = 0; i < idle; i++)
@@ -201,37 +188,40 @@ class race {
           m_timers.start(inactive, period(inactive, random));
           std::swap(active, inactive);
         }
-        run(1);
+        tick(1);
       }
     });
-    m_fixed_period = 0;
     for (uint32_t i = 0; i < idle; i++)
       m_timers.start(order[i], period(i, 9));
     return ns / ticks;
   }
 
-  // Stops some timers at random, all of them being due at one tick. Leaves them stopped.
-  double stop_in_crowd() {
+  // Stops some timers at random, all of them being due at one tick.
+  void stop_in_crowd(uint32_t stops) {
     const auto order = shuffled(m_count, 10);
-    const uint32_t stops = m_count > 10000 ? 5 : std::min(m_count, 50U);
     for (uint32_t i : order)
       m_timers.stop(i);
     for (uint32_t i : shuffled(m_count, 11))
-      m_timers.start(i, m_horizon);
-    const double ns = short_ns([&] {
-      for (uint32_t i = 0; i < stops; i++)
-        m_timers.stop(order[i]);
-    });
-    return ns / stops;
+      m_timers.start(i, period(i, 0));
+    m_result["stop in a crowd"] = short_ns([&] {
+                                    for (uint32_t i = 0; i < stops; i++)
+                                      m_timers.stop(order[i]);
+                                  }) /
+                                  stops;
   }
 
- private:
+  // From now on, every timer has the same period.
+  void one_period(uint32_t ticks) {
+    m_one_period = ticks;
+    m_timers.one_period(ticks);
+  }
+
   uint32_t period(uint32_t a, uint32_t b) const {
-    if (m_fixed_period != 0) return m_fixed_period;
+    if (m_one_period != 0) return m_one_period;
     return 1 + static_cast<uint32_t>(uint64_t{mix(a, b)} * m_horizon >> 32);
   }
 
-  void run(uint32_t ticks) {
+  void tick(uint32_t ticks) {
     for (uint32_t i = 0; i < ticks; i++) {
       m_tick++;
       m_timers.tick();
@@ -240,193 +230,62 @@ class race {
 
   static inline race *self;
   const uint32_t m_count;
-  const uint32_t m_horizon;
-  uint32_t m_fixed_period = 0;
+  const uint32_t m_horizon = 2 * wheel_size(m_count);
+  const bool m_large = m_count > 10000;
+  benchmark::UserCounters &m_result;
+  uint32_t m_one_period = 0;
   uint32_t m_tick = 0;
   uint64_t m_fired = 0;
-  const uint64_t m_heap_before;
+  const double m_heap_before;
   contender_t m_timers;
 };
 
 template <typename contender_t>
-uint64_t run_race(uint32_t count, measurements_t &result) {
-  drain_heap_caches();
-  const owned_clock clock;
-  const bool large = count > 10000;
-  race<contender_t> subject{count};
-  subject.start_and_stop(std::max(1U, 200000 / count), result);
-  subject.populate();
-  result[BYTES] = subject.bytes();
-  result[RESTART] = subject.restart(large ? 200000 : 100000);
-  result[TICK] = subject.tick(large ? 50000 : 200000);
-  result[MIXED] = subject.mixed_tick(20000, 0);
-  result[MIXED_ONE_PERIOD] = subject.mixed_tick(40000, one_period);
-  result[STOP_IN_CROWD] = subject.stop_in_crowd();
-  return subject.fired();
-}
-
-template <typename contender_t>
 void measure(benchmark::State &state, uint32_t count) {
-  for (auto _ : state) {
-    measurements_t result{};
-    const uint64_t fired = run_race<contender_t>(count, result);
-    for (size_t i = 0; i < MEASUREMENTS; i++)
-      state.counters[measurement_names[i]] = result[i];
-    state.counters["fired"] = static_cast<double>(fired);
+  while (state.KeepRunning()) {
+    // The counters' own memory comes first, so that no timer's memory is taken for it.
+    for (const char *const name : {"start", "stop", "release", "restart", "tick", "mixed tick",
+                                   "mixed tick, one period", "stop in a crowd", "bytes", "bytes after it", "expired"})
+      state.counters[name] = 0;
+    drain_heap_caches();
+    const owned_clock clock;
+    race<contender_t>{count, &state.counters}.run();
   }
-}
-
-std::string run_name(const char *contender, uint32_t count) {
-  return std::to_string(count) + "/" + contender;
 }
 
 template <typename... contenders_t>
 void register_races() {
-  for (uint32_t count : sizes) {
-    (benchmark::RegisterBenchmark(run_name(contenders_t::name, count).c_str(), measure<contenders_t>, count)
+  for (uint32_t count : {10U, 1000U, 100000U, 1000000U}) {
+    (benchmark::RegisterBenchmark((std::to_string(count) + "/" + contenders_t::name).c_str(), measure<contenders_t>,
+                                  count)
          ->Iterations(1)
-         ->Repetitions(count > 100000 ? 3 : 7)
-         ->ComputeStatistics("best",
-                             [](const std::vector<double> &values) { return *std::ranges::min_element(values); })
-         ->ReportAggregatesOnly()
          ->Unit(benchmark::kMillisecond),
      ...);
   }
 }
 
-// Collects the runs beside the usual display.
-class collector : public benchmark::ConsoleReporter {
- public:
-  collector() : ConsoleReporter(OO_Tabular) {}
-
-  void ReportRuns(const std::vector<Run> &runs) override {
-    ConsoleReporter::ReportRuns(runs);
-    for (const auto &run : runs) {
-      if (run.error_occurred || run.aggregate_name != "best") continue;
-      for (const auto &[name, counter] : run.counters)
-        m_best[run.run_name.function_name][name] = counter;
-    }
-  }
-
-  // Null where the filter left the run out.
-  const std::map<std::string, double> *best(const std::string &run) const {
-    const auto found = m_best.find(run);
-    return found != m_best.end() ? &found->second : nullptr;
-  }
-
- private:
-  std::map<std::string, std::map<std::string, double>> m_best;
-};
-
-// False when the contenders disagree on what expired. Leaves out a size of which the filter left something out.
-bool collect(const collector &runs, timer_report &report) {
-  for (uint32_t count : sizes) {
-    double fired = -1;
-    for (const auto &contender : report.contenders) {
-      const auto *const best = runs.best(run_name(contender.c_str(), count));
-      if (best == nullptr) {
-        report.results.erase(count);
-        break;
-      }
-      if (fired >= 0 && best->at("fired") != fired) {
-        fprintf(stderr, "%u timers: %.0f of %s expired, not %.0f\n", count, best->at("fired"), contender.c_str(),
-                fired);
-        return false;
-      }
-      fired = best->at("fired");
-      report.results[count][contender] = *best;
-    }
-  }
-  return true;
-}
-
-std::string first_line_with(const char *path, const std::string &key) {
-  std::ifstream file{path};
-  std::string line;
-  while (std::getline(file, line)) {
-    if (line.starts_with(key)) return line.substr(std::min(line.size(), line.find(": ") + 2));
-  }
-  return "unknown";
-}
-
-std::vector<std::pair<std::string, std::string>> describe_machine() {
-  utsname system{};
-  (void)uname(&system);
-  double load = 0;
-  (void)getloadavg(&load, 1);
-  char text[100];
-  (void)snprintf(text, sizeof text, "%ld, time-stamp counter at %.0f MHz, load average %.1f at the start",
-                 sysconf(_SC_NPROCESSORS_ONLN), cycles_per_ns * 1000, load);
-  return {
-      {"Processor", first_line_with("/proc/cpuinfo", "model name")},
-      {"Processors", text},
-      {"System", std::string{system.sysname} + " " + system.release + " " + system.machine},
-      {"Compiler", BENCH_BUILD},
-      {"C library", std::string{"glibc "} + gnu_get_libc_version()},
-      {"libevent", event_get_version()},
-      {"libuv", uv_version_string()},
-      {"Google Benchmark", BENCHMARK_VERSION},
-  };
-}
-
-// What "now" costs in polled mode, which a start pays and a start in tick mode does not.
-double polled_start_ns() {
-  constexpr int rounds = 1000000;
+// What "now" costs, which a start asks for.
+void now(benchmark::State &state, uint32_t ms_per_tick) {
   cpu_khz = UINT32_MAX;
-  const auto ns = [] {
-    uint64_t exp_time = 0;
-    return long_ns([&] {
-             for (int i = 0; i < rounds; i++) {
-               timer_calc_exp_time(1, &exp_time);
-               benchmark::DoNotOptimize(exp_time);
-             }
-           }) /
-           rounds;
-  };
-  system_time_period = 0;
-  const double tick_mode = ns();
-  system_time_period = 10;
-  const double polled_mode = ns();
-  system_time_period = 0;
-  return polled_mode - tick_mode;
-}
-
-// Takes "--name=value" out of the arguments.
-std::string take_option(int &argc, char **argv, const std::string &name) {
-  for (int i = 1; i < argc; i++) {
-    const std::string arg = argv[i];
-    if (!arg.starts_with(name + "=")) continue;
-    std::rotate(argv + i, argv + i + 1, argv + argc);
-    argc--;
-    return arg.substr(name.size() + 1);
+  system_time_period = ms_per_tick;
+  uint64_t exp_time = 0;
+  while (state.KeepRunning()) {
+    timer_calc_exp_time(1, &exp_time);
+    benchmark::DoNotOptimize(exp_time);
   }
-  return {};
-}
-
-bool write_file(const std::string &path, const std::string &text) {
-  if (path.empty()) return true;
-  std::ofstream file{path};
-  file << text;
-  file.close();
-  if (file.fail()) fprintf(stderr, "bench_timer: cannot write %s\n", path.c_str());
-  return !file.fail();
+  system_time_period = 0;
 }
 
 }  // namespace
 
 int main(int argc, char **argv) {
-  const std::string markdown = take_option(argc, argv, "--markdown");
-  const std::string json = take_option(argc, argv, "--json");
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
   calibrate();
-  timer_report report{};
-  report.machine = describe_machine();
-  register_races<wheel_timers, event_timers, uv_timers, map_timers>();
-  collector runs;
-  benchmark::RunSpecifiedBenchmarks(&runs);
-  report.contenders = {wheel_timers::name, event_timers::name, uv_timers::name, map_timers::name};
-  report.polled_start_ns = polled_start_ns();
-  if (!collect(runs, report)) return 1;
-  return write_file(markdown, report.markdown()) && write_file(json, report.json()) ? 0 : 1;
+  register_races<wheel_timers, event_timers, common_event_timers, uv_timers, map_timers>();
+  benchmark::RegisterBenchmark("now/tick mode", now, 0U);
+  benchmark::RegisterBenchmark("now/polled mode", now, 10U);
+  benchmark::AddCustomContext("libevent", event_get_version());
+  benchmark::AddCustomContext("libuv", uv_version_string());
+  benchmark::RunSpecifiedBenchmarks();
 }

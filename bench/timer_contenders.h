@@ -1,8 +1,8 @@
-// timer_contenders.h: four kinds of timers behind the same operations.
+// timer_contenders.h: five kinds of timers behind the same operations.
 //
 // Each contender holds `count` timers, numbered from 0, that call `expired` with their number. A tick is a millisecond
 // of the owned clock. start also restarts; stop takes an active timer. settle brings a contender without active timers
-// to where it was at first.
+// to where it was at first; one_period says that all starts from now on have that period.
 #pragma once
 
 #include <event2/event.h>
@@ -39,7 +39,8 @@ class wheel_timers {
     }
   }
   ~wheel_timers() {
-    settle();  // first: a crowd is stopped in quadratic time, but expires in linear time
+    // First: a crowd is stopped in quadratic time, but expires in linear time.
+    advance(std::max(m_longest, 2 * timer_tbl_size));
     for (auto *timer : m_timers)
       timer_free(timer);
     free(timer_get_timer_tbl());
@@ -51,12 +52,16 @@ class wheel_timers {
   void stop(uint32_t i) { timer_stop(m_timers[i]); }
   void tick() { timer_one_tick_elapsed(); }
   // Lets everything expire, the entries that stopped timers left behind included.
-  void settle() {
-    for (uint32_t i = 0; i <= 2 * timer_tbl_size; i++)
+  void settle() { advance(2 * timer_tbl_size); }
+  void one_period(uint32_t period) { m_longest = std::max(m_longest, period); }
+
+ private:
+  static void advance(uint32_t ticks) {
+    for (uint32_t i = 0; i <= ticks; i++)
       timer_one_tick_elapsed();
   }
 
- private:
+  uint32_t m_longest = 0;
   std::vector<diag_timer_t *> m_timers;
 };
 
@@ -65,6 +70,7 @@ class event_timers {
   static constexpr const char *name = "libevent";
 
   explicit event_timers(uint32_t count) : m_base(event_base_new()), m_events(count) {
+    if (event_get_struct_event_size() != sizeof(event)) abort();
     for (uint32_t i = 0; i < count; i++) {
       evtimer_assign(&m_events[i], m_base, on_event, reinterpret_cast<void *>(uintptr_t{i}));
     }
@@ -77,24 +83,48 @@ class event_timers {
   event_timers(const event_timers &) = delete;
   event_timers &operator=(const event_timers &) = delete;
 
-  void start(uint32_t i, uint32_t period) {
-    const timeval time{static_cast<time_t>(period / 1000), static_cast<suseconds_t>(period % 1000 * 1000)};
-    event_add(&m_events[i], &time);
-  }
+  void start(uint32_t i, uint32_t period) { start_by(i, time_of(period)); }
   void stop(uint32_t i) { event_del(&m_events[i]); }
   void tick() {
     owned_clock::advance_ms(1);
     event_base_loop(m_base, EVLOOP_NONBLOCK);
   }
   void settle() {}
+  void one_period(uint32_t /*period*/) {}
+
+ protected:
+  static timeval time_of(uint32_t period) {
+    return {static_cast<time_t>(period / 1000), static_cast<suseconds_t>(period % 1000 * 1000)};
+  }
+  void start_by(uint32_t i, const timeval &time) { event_add(&m_events[i], &time); }
+
+  event_base *m_base;
 
  private:
   static void on_event(evutil_socket_t, short, void *arg) {
     expired(static_cast<uint32_t>(reinterpret_cast<uintptr_t>(arg)));
   }
 
-  event_base *m_base;
   std::vector<event> m_events;
+};
+
+// Timers of one period in a queue of their own, which libevent offers where the program knows the period beforehand.
+class common_event_timers : public event_timers {
+ public:
+  static constexpr const char *name = "libevent, common timeout";
+
+  using event_timers::event_timers;
+
+  void one_period(uint32_t period) {
+    const timeval time = time_of(period);
+    m_period = period;
+    m_common = *event_base_init_common_timeout(m_base, &time);
+  }
+  void start(uint32_t i, uint32_t period) { start_by(i, period == m_period ? m_common : time_of(period)); }
+
+ private:
+  uint32_t m_period = 0;
+  timeval m_common{};
 };
 
 class uv_timers {
@@ -124,6 +154,7 @@ class uv_timers {
     uv_run(&m_loop, UV_RUN_NOWAIT);
   }
   void settle() {}
+  void one_period(uint32_t /*period*/) {}
 
  private:
   static void on_timer(uv_timer_t *handle) {
@@ -157,6 +188,7 @@ class map_timers {
     }
   }
   void settle() {}
+  void one_period(uint32_t /*period*/) {}
 
  private:
   using map_t = std::multimap<uint64_t, uint32_t>;

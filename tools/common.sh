@@ -22,8 +22,7 @@ thing() { purpose[$1]=$2 packages[$1]=$3; }
 thing compiler   'C++20'                                                g++
 thing cmake      'the build'                                            cmake
 thing ninja      'the build'                                            ninja-build
-thing json       'JSON in the command-line programs'                    nlohmann-json3-dev
-thing cli        'options of the command-line programs'                 libcli11-dev
+thing lab        'JSON and options in the lab programs'                 'nlohmann-json3-dev libcli11-dev'
 thing multilib   'the 32-bit product'                                   g++-multilib
 thing googletest 'tests'                                                googletest
 thing formats    'tests of the formats that programs write'             'jq libxml2-utils python3-jsonschema'
@@ -35,8 +34,10 @@ thing tidy       'faults that reading finds'                            clang-ti
 thing gcovr      'coverage'                                             gcovr
 thing jq         'reports'                                              jq
 thing benchmark  'benchmarks'                                           libbenchmark-dev
-thing peers      'the timers that ours are measured against'            'libevent-dev libuv1-dev pkg-config'
-build_things=(compiler cmake ninja json cli)
+thing peers      'the timers that ours are measured against'            'libevent-dev libuv1-dev'
+thing peers_32   'benchmarks in 32 bits'                                \
+  'libbenchmark-dev:i386 libuv1-dev:i386 libevent-core-2.1-7:i386'
+build_things=(compiler cmake ninja)
 
 # have THING: succeeds if it is here, whoever installed it.
 have() {
@@ -44,8 +45,7 @@ have() {
     compiler) commands g++ && echo 'int main() { return 0; }' | makes g++ ;;
     cmake) commands cmake ctest ;;
     ninja) commands ninja ;;
-    json) includes nlohmann/json.hpp ;;
-    cli) includes CLI/CLI.hpp ;;
+    lab) includes nlohmann/json.hpp && includes CLI/CLI.hpp ;;
     multilib) echo 'int main() { return 0; }' | makes g++ -m32 ;;
     googletest) [ -e /usr/src/googletest/CMakeLists.txt ] || has_own_googletest ;;
     formats) commands jq xmllint python3 && python3 -c 'import jsonschema' 2>/dev/null ;;
@@ -59,7 +59,9 @@ have() {
     gcovr) commands gcovr gcov ;;
     jq) commands jq ;;
     benchmark) includes benchmark/benchmark.h ;;
-    peers) includes event2/event.h && includes uv.h && commands pkg-config ;;
+    peers) includes event2/event.h && includes uv.h ;;
+    peers_32) printf '#include <benchmark/benchmark.h>\nBENCHMARK_MAIN();\n' | makes g++ -m32 -L/usr/lib/i386-linux-gnu \
+      -lbenchmark -luv -l:libevent_core-2.1.so.7 -- --benchmark_list_tests ;;
   esac
 }
 
