@@ -171,10 +171,12 @@ uint32_t test_instance(uint32_t inst) {
   if (!saved) return status_no_memory;
   for (uint32_t i = 0; i < words; ++i)
     saved[i] = rd(inst, 2 * i);
-  const signal_hold until_restored;
+  signal_hold until_restored;
+  until_restored.take();
   const bool passed = data_phase(inst) && address_phase(inst, words) && pattern_phase(inst, words);
   for (uint32_t i = 0; i < words; ++i)
     wr(inst, 2 * i, saved[i]);
+  until_restored.release();
   return passed ? 0 : status_failed;
 }
 

@@ -59,15 +59,23 @@ constexpr list_t one_set = make_list([](uint32_t b) { return 2U << b; }, [](uint
 constexpr list_t one_clear =
     make_list([](uint32_t b) { return 0x1FFFE & ~(1U << b); }, [](uint32_t b) { return 16 + b; });
 
-// A null buffer saves nothing.
-void save_sector(uint32_t inst, uint16_t sector, uint16_t *buffer) {
-  if (buffer != nullptr) obfl_sector_rd(inst, sector_addr_of(sector), buffer);
-}
+// From the erase of a set-up to the end of the clean-up.
+constinit signal_hold until_restored;
 
 uint32_t erase_sector(uint32_t inst, uint16_t sector, obfl_timeout_t timeout) {
   if (obfl_sector_erase(inst, sector_addr_of(sector), timeout) == 0) return 0;
   puts("## Error : obfl_sector_erase failed ");
   return OBFL_TEST_ERASE_FAILED;
+}
+
+// A null buffer restores nothing: the sector stays erased.
+uint32_t restore_sector(uint32_t inst, uint16_t sector, const uint16_t *buffer, obfl_timeout_t timeout) {
+  const uint32_t erased = erase_sector(inst, sector, timeout);
+  if (erased != 0) return erased;
+  if (buffer == nullptr) return 0;
+  if (obfl_sector_wr(inst, sector_addr_of(sector), buffer, timeout) == 0) return 0;
+  puts("## Error : obfl_sector_wr failed ");
+  return OBFL_TEST_WRITE_FAILED;
 }
 
 uint32_t test_list(const char *label, uint32_t inst, uint16_t sector, const list_t &list, obfl_timeout_t timeout) {
@@ -109,27 +117,25 @@ uint32_t obfl_post_test() {
 
 uint32_t obfl_sector_test(obfl_subtest_t subtest, uint32_t inst, uint16_t sector, uint16_t *buffer,
                           obfl_timeout_t timeout) {
-  save_sector(inst, sector, buffer);
-  const signal_hold until_restored;
-  const uint32_t erased = erase_sector(inst, sector, timeout);
-  if (erased != 0) return erased;
+  const uint32_t setup = obfl_sector_setup(inst, sector, buffer, timeout);
+  if (setup != 0) return setup;
   const uint32_t tested = subtest(inst, sector, timeout);
   const uint32_t cleanup = obfl_sector_cleanup(inst, sector, buffer, timeout);
   return tested != 0 ? tested : cleanup;
 }
 
 uint32_t obfl_sector_setup(uint32_t inst, uint16_t sector, uint16_t *buffer, obfl_timeout_t timeout) {
-  save_sector(inst, sector, buffer);
-  return erase_sector(inst, sector, timeout);
+  if (buffer != nullptr) obfl_sector_rd(inst, sector_addr_of(sector), buffer);
+  until_restored.take();
+  const uint32_t erased = erase_sector(inst, sector, timeout);
+  if (erased != 0) until_restored.release();
+  return erased;
 }
 
 uint32_t obfl_sector_cleanup(uint32_t inst, uint16_t sector, const uint16_t *buffer, obfl_timeout_t timeout) {
-  const uint32_t erased = erase_sector(inst, sector, timeout);
-  if (erased != 0) return erased;
-  if (buffer == nullptr) return 0;
-  if (obfl_sector_wr(inst, sector_addr_of(sector), buffer, timeout) == 0) return 0;
-  puts("## Error : obfl_sector_wr failed ");
-  return OBFL_TEST_WRITE_FAILED;
+  const uint32_t status = restore_sector(inst, sector, buffer, timeout);
+  until_restored.release();
+  return status;
 }
 
 uint32_t dataline_test(uint32_t inst, uint16_t sector, obfl_timeout_t timeout) {

@@ -41,8 +41,8 @@ uint32_t dorvan_obfl_test(uint32_t reserved, uint32_t *result, uint32_t device, 
 [[nodiscard]] uint32_t obfl_sector_test(obfl_subtest_t subtest, uint32_t inst, uint16_t sector, uint16_t *buffer,
                                         obfl_timeout_t timeout);
 
-// Saves the sector to `buffer`, unless that is null, and erases it. Returns 0, or OBFL_TEST_ERASE_FAILED after a line
-// on standard output.
+// Saves the sector to `buffer`, unless that is null, and erases it. From the erase on, the signals that end a run wait
+// for the clean-up. Returns 0, or OBFL_TEST_ERASE_FAILED after a line on standard output; the signals go on then.
 [[nodiscard]] uint32_t obfl_sector_setup(uint32_t inst, uint16_t sector, uint16_t *buffer, obfl_timeout_t timeout);
 
 // Erases the sector and writes `buffer` back, unless that is null. Returns 0, or OBFL_TEST_ERASE_FAILED or
