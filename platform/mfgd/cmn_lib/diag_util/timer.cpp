@@ -9,16 +9,16 @@
 //
 // What operations cost, with b buckets:
 //
-//   start    a walk of the bucket's entries up to the timer's tick: with n different ticks ahead, n/b of them on average,
-//            and all n where every period is a multiple of b; one allocation where no timer had that tick yet
+//   start    a walk of the bucket's entries up to the timer's tick: with n different ticks ahead, n/b of them on
+//            average, and all n where every period is a multiple of b; an allocation where the tick is a new one
 //   stop     a walk of the timers of the same tick, as links run one way; an entry that lost its last timer is left to
 //            its tick, so that stopping touches no bucket and releases nothing
 //   tick     a look at the first entry of one bucket; besides, the timers that are due
 //   poll     as many ticks as have passed since the last one
 //
 // Ticks count in 64 bits and begin again at 0 in another epoch, of which a flag tells two. What expires beyond the wrap
-// carries the other flag and goes before the entries of this epoch, as their ticks do not compare. A tick looks at first
-// entries alone: what stands behind an entry of the other epoch is passed over.
+// carries the other flag and goes before the entries of this epoch, as their ticks do not compare. A tick looks at
+// first entries alone: what stands behind an entry of the other epoch is passed over.
 #include "platform/mfgd/cmn_lib/diag_util/timer.h"
 
 #include <stdio.h>

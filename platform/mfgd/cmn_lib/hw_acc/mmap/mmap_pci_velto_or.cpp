@@ -42,7 +42,7 @@ constexpr char devices_path[] = "/proc/bus/pci/devices";
 constexpr int line_size = 1024;
 constexpr int read_size = line_size - 1;
 
-// Low bits of a BAR.
+// Low bits of a BAR (PCI Local Bus Specification 3.0, section 6.2.5.1).
 enum : uint32_t {
   BAR_IO = 0x1,             // I/O space
   BAR_64_BIT = 0x4,         // memory space: 64-bit address, with the next BAR as its upper half

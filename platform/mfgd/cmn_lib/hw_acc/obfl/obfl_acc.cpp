@@ -20,7 +20,8 @@ namespace {
 
 constexpr uint32_t obfl_bar = 0x24;
 
-// Command cycles. Offsets are in bytes: the data sheet's word addresses times 2.
+// Command cycles (Spansion S29GL-N data sheet, "Command Definitions", word mode). Offsets are in bytes: the sheet's
+// word addresses times 2.
 enum : uint32_t {
   UNLOCK_1 = 0xAAA,
   UNLOCK_2 = 0x554,
@@ -38,7 +39,7 @@ enum : uint16_t {
   CMD_RESET = 0x00F0,
 };
 
-// Byte offsets of query words; each holds an exponent of 2.
+// Byte offsets of query words (JEDEC JESD68.01, "System Interface Information"); each holds an exponent of 2.
 enum : uint32_t {
   CFI_TYP_WR = 0x40,     // µs
   CFI_TYP_ERASE = 0x42,  // ms
@@ -46,7 +47,7 @@ enum : uint32_t {
   CFI_MAX_ERASE = 0x4A,  // times the typical one
 };
 
-// Status bits.
+// Status bits (Spansion S29GL-N data sheet, "Write Operation Status").
 enum : uint16_t {
   DQ2 = 1 << 2,  // toggles on reads inside a sector that is being erased
   DQ5 = 1 << 5,  // the flash has exceeded its own time limit

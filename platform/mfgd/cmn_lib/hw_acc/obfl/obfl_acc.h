@@ -1,8 +1,8 @@
 // obfl_acc.h: the on-board failure logging flash, a 64 MiB parallel NOR flash with a 16-bit data bus.
 //
-// The flash speaks the AMD command set and answers the JEDEC Common Flash Interface query. It has 512 sectors of 65536
-// words; programming goes through a write buffer that takes one page of 16 words at a time and can only clear bits, so
-// a sector is erased before it is written. There is one flash, instance 0.
+// The flash speaks the AMD command set and answers the JEDEC Common Flash Interface query (JESD68.01). It has 512
+// sectors of 65536 words; programming goes through a write buffer that takes one page of 16 words at a time and can
+// only clear bits, so a sector is erased before it is written. There is one flash, instance 0.
 //
 // Every erase and every page program holds the write lock from its first bus cycle until the flash is ready, every read
 // call holds the read lock; get_timeout_val takes none. Argument and address checks are diagnostic assertions.
