@@ -47,7 +47,7 @@ have() {
     ninja) commands ninja ;;
     lab) includes nlohmann/json.hpp && includes CLI/CLI.hpp ;;
     multilib) echo 'int main() { return 0; }' | makes g++ -m32 ;;
-    googletest) [ -e /usr/src/googletest/CMakeLists.txt ] || has_own_googletest ;;
+    googletest) has_googletest_sources || { ! commands apt-get && has_own_googletest; } ;;
     formats) commands jq xmllint python3 && python3 -c 'import jsonschema' 2>/dev/null ;;
     sanitizers) echo 'int main() { return 0; }' | makes g++ -fsanitize=address,undefined ;;
     clang) commands clang++ && printf '#include <span>\nint main() { return 0; }\n' | makes clang++ -std=c++20 ;;
@@ -87,7 +87,8 @@ makes() {
   return $ok
 }
 
-# The machine's own package of GoogleTest serves where no 32-bit program is to be built.
+# For 32-bit tests. For others a library of the machine's own will do, where there are no such packages.
+has_googletest_sources() { [ -e "${GOOGLETEST_SOURCES:-/usr/src/googletest}/CMakeLists.txt" ]; }
 has_own_googletest() {
   printf '#include <gmock/gmock.h>\nTEST(a, b) {}\n' | makes g++ -lgtest_main -lgmock -lgtest -pthread
 }
@@ -200,6 +201,7 @@ is_configured() {
 configure() {
   local options=()
   is_configured "$1" || options=(--fresh)
+  [ -z "${GOOGLETEST_SOURCES:-}" ] || options+=("-DPOST_GOOGLETEST_SOURCES=$GOOGLETEST_SOURCES")
   mkdir -p "$root/build"
   step "$1: configure" "$root/build/$1.log" cmake -S "$root" --preset "$1" "${options[@]}" || show_log_and_fail "$1"
 }

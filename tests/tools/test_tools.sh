@@ -53,6 +53,9 @@ if [ "$1" = -S ]; then
 fi
 END
   stand_in ctest </dev/null
+  mkdir -p "$dir/googletest"
+  : >"$dir/googletest/CMakeLists.txt"
+  export GOOGLETEST_SOURCES="$dir/googletest"
 }
 
 arguments() {
@@ -118,7 +121,7 @@ place_with_blanks() {
   never calls --preset  # configured once
   mv "$checkout" "$dir/moved"
   expect 0 'in ' "$dir/moved/tools/run-post"
-  grep -qF "cmake -S $dir/moved --preset board --fresh" "$dir/calls"
+  grep -qF "cmake -S $dir/moved --preset board --fresh -DPOST_GOOGLETEST_SOURCES=" "$dir/calls"
 }
 
 unchecked_sources() {
