@@ -97,12 +97,12 @@ constexpr std::string_view startup_texts[]  = {
 };
 // clang-format on
 
-// The first frame of this form in the text that begins before `limit`.
-std::optional<frame> find_form(const frame_form &form, std::string_view text, size_t limit) {
-  for (size_t at = text.find(form.literal); at < limit; at = text.find(form.literal, at + 1)) {
+// The frame that the text from `at` on begins with.
+std::optional<frame> frame_at(std::string_view text, size_t at) {
+  for (const frame_form &form : forms) {
+    std::string_view rest = text.substr(at);
     frame found{form.kind, at, 0};
-    std::string_view rest = text.substr(at + form.literal.size());
-    if (!form.read(&rest, &found)) continue;
+    if (!take(&rest, form.literal) || !form.read(&rest, &found)) continue;
     found.end = text.size() - rest.size();
     return found;
   }
@@ -111,11 +111,12 @@ std::optional<frame> find_form(const frame_form &form, std::string_view text, si
 
 // The first frame of the text. Lines can run into each other, so it may stand anywhere.
 std::optional<frame> find_frame(std::string_view text) {
-  std::optional<frame> first;
-  for (const frame_form &form : forms) {
-    if (const auto found = find_form(form, text, first ? first->begin : std::string_view::npos)) first = found;
+  constexpr char first_letters[] = "SPEdM";
+  for (size_t at = text.find_first_of(first_letters); at != std::string_view::npos;
+       at = text.find_first_of(first_letters, at + 1)) {
+    if (const auto found = frame_at(text, at)) return found;
   }
-  return first;
+  return std::nullopt;
 }
 
 class log_parser {
@@ -227,7 +228,7 @@ void log_parser::board(uint64_t bits) {
 }
 
 void log_parser::begin_row(size_t row) {
-  const auto later = [row](const row_log &one) { return one.started; };
+  const auto later = [](const row_log &one) { return one.started; };
   if (open_ && std::any_of(run().rows.begin() + static_cast<std::ptrdiff_t>(row), run().rows.end(), later)) close_run();
   need_run();
   end_row();
