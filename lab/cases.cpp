@@ -153,7 +153,6 @@ void add_log(const run_log &log, report *result) {
   }
   result->change_bits = log.change_bits;
   result->passed = log.passed;
-  result->died = !log.completed;
 }
 
 // Whether the log's run can have written a record of the device. One that ended early has none of devices that it does
@@ -208,7 +207,6 @@ report make_report(std::span<const record> records, const run_log *log) {
   }
   if (log != nullptr) add_log(*log, &result);
   result.short_test = log != nullptr ? log->short_test() : short_by_records(found);
-  if (log == nullptr) result.died = found[case_count - 1] == nullptr;
   if (log != nullptr) warn_of_log(*log, &result);
   warn_of_cases(&result);
   return result;

@@ -40,7 +40,6 @@ struct report {
   std::array<std::optional<int32_t>, row_count> seconds;
   std::optional<uint64_t> change_bits;
   bool short_test = false;
-  bool died = false;                  // the run did not come to its end
   std::optional<bool> passed;         // the verdict that it printed
   std::vector<std::string> warnings;  // what keeps the run from being clean beside its cases
   message_list messages;              // those of no device

@@ -37,7 +37,7 @@ struct sheet {
 // Test results of the Open Compute Project's test and validation output, version 2.0: a line of JSON each.
 [[nodiscard]] std::string ocp_lines(const sheet &results);
 [[nodiscard]] std::string junit_xml(const sheet &results);
-// Kernel test anything protocol, version 1.
+// Kernel test anything protocol, version 1. Nothing from a file stands outside of its comments.
 [[nodiscard]] std::string ktap(const sheet &results);
 
 }  // namespace lab

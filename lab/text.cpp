@@ -76,7 +76,7 @@ void line_splitter::keep(std::string_view piece) {
 
 void line_splitter::hand_out(bool ended) {
   std::string_view text = line_;
-  if (ended && cut_ == 0 && text.ends_with('\r')) text.remove_suffix(1);
+  if (ended && text.ends_with('\r')) text.remove_suffix(1);
   sink_({++lines_, text, cut_, ended});
   line_.clear();
   cut_ = 0;

@@ -19,8 +19,15 @@ struct merge_case {
   std::string records;
   std::string log;  // "-" for none
   std::string expected;
-  std::string warning;  // the first one
+  std::string warning;
 };
+
+std::string joined(const std::vector<std::string> &texts) {
+  std::string out;
+  for (const std::string &text : texts)
+    out += (out.empty() ? "" : "; ") + text;
+  return out;
+}
 
 lab::report merged(const merge_case &one) {
   if (one.log != "-") return last_run(one.records, one.log);
@@ -33,7 +40,7 @@ void check(std::span<const merge_case> cases) {
   for (const merge_case &one : cases) {
     const lab::report report = merged(one);
     EXPECT_EQ(letters(report), one.expected) << one.name;
-    EXPECT_EQ(report.warnings.empty() ? "" : report.warnings[0], one.warning) << one.name;
+    EXPECT_EQ(joined(report.warnings), one.warning) << one.name;
     const bool good = one.expected.find_first_of("FE") == std::string::npos && one.warning.empty();
     EXPECT_EQ(report.clean(), good) << one.name;
     for (const lab::test_case &device : report.cases) {
@@ -93,6 +100,8 @@ TEST(records_and_log, pass_only_what_neither_contradicts) {
       {"a record could not be written", edited(full, {{"0:12:0:1\n", ""}}),
        edited(log, {{".......", ".Could not open file post_results.txt\nERROR: Failed to open /post/result (0)\n......"}}),
        "PPS PPPP P P EPPPPPP", ""},
+      {"no record could be written, after a dead run", "0:12:0:1\n",
+       edited(log, {{".......", ".Could not open file post_results.txt\n......"}}), "EES EEEE E E EEEEEEE", ""},
       {"no SPROM driver",             edited(full, {{"0:4:0:1\n0:4:1:1\n", ""}}),
        edited(log, {{"...done", "." + no_driver + "." + no_driver + ".done"}}), "SSS PPPP P P PPPPPPP",
        "without a known card the rows seeprom and pcie compare nothing"},
@@ -122,7 +131,7 @@ TEST(records_and_log, of_a_dead_run_pass_nothing_behind_its_end) {
   // clang-format off
   const merge_case cases[] = {
       {"before it has started",       full,                       "devmemfd:0x3\nx: Assertion `len' failed.\n", all_error,
-       "the run ended before it had started"},
+       "the run ended before it had started; an assertion ended the run"},
       {"before the first row",        full,                       through(log, "board"), all_error, "the run ended before the first row"},
       {"in its first device",         full,                       in_first, all_error, "the run ended in seeprom.0"},
       {"in its first device twice",   full + "0:4:0:1\n",         in_first, all_error, "the run ended in seeprom.0"},
@@ -176,6 +185,43 @@ TEST(runs, are_paired_from_the_last_one_back) {
     sizes.emplace_back(pair.records.size(), pair.log != nullptr);
   EXPECT_THAT(sizes, testing::ElementsAre(std::pair(15, false), std::pair(3, false), std::pair(13, false),
                                           std::pair(0, true), std::pair(0, true), std::pair(15, true)));
+}
+
+struct reason_case {
+  std::string records;
+  std::string log;
+  size_t place;
+  std::string_view reason;
+};
+
+TEST(cases, say_why_they_are_not_known_or_contradictory) {
+  const std::string full = full_records;
+  const std::string log = full_log;
+  const std::string failed = edited(log, {{"..done (2", error_5_1}});
+  const std::string lost = edited(log, {{".......", ".Could not open file post_results.txt\n......"}});
+  // clang-format off
+  const reason_case cases[] = {
+      {full,                                     log,                          0, ""},
+      {full,                                     log,                          2, "there is nothing to test"},
+      {edited(full, {{"0:12:0:1\n", ""}}),       log,                          9, "its record is missing"},
+      {edited(full, {{"0:12:0:1\n", ""}}),       lost,                         9, "its record could not be written"},
+      {edited(full, {{"0:5:1:1", "0:5:1:2"}}),   failed,                       4, ""},
+      {full,                                     failed,                       4, "its record says pass"},
+      {edited(full, {{"0:5:1:1\n", ""}}),        failed,                       4, "its record is missing"},
+      {edited(full, {{"0:5:1:1", "0:5:1:2"}}),   log,                          4, "the log has no ERROR line of it"},
+      {full,                                     edited(log, {{"PCIE", "P"}}), 9, "the log does not show it"},
+      {until(full, "0:8"),                       through(log, "NVRAM Test: \n."), 15, "the run ended in nvram.0"},
+  };
+  // clang-format on
+  for (const auto &[records, text, place, reason] : cases)
+    EXPECT_EQ(last_run(records, text).cases[place].reason, reason) << place << "\n" << text;
+  // Records that a caller takes for those of a run, against its log.
+  const lab::log_file brief = lab::parse_run_log(edited(log, {{"NVRAM", ""}, {"OBFL", ""}}));
+  const auto list = lab::parse_records(full);
+  const std::vector<lab::record> records(list.records.begin(), list.records.end());
+  const lab::report report = lab::make_report(records, &brief.runs.at(0));
+  EXPECT_EQ(letters(report), "PPS PPPP E E PPPPPPP");
+  EXPECT_EQ(report.cases[7].reason, "a record, although the log shows a short test");
 }
 
 TEST(cases, carry_the_messages_and_seconds_of_the_log) {

@@ -26,7 +26,7 @@ std::string shown(const lab::record_list &list) {
 }
 
 struct record_case {
-  std::string_view text;
+  std::string text;
   std::string_view expected;
 };
 
@@ -51,6 +51,7 @@ TEST(records, take_only_lines_that_a_run_can_have_written) {
       {"0:4:3:1\n0:5:-1:1\n",      "\n1-2 the test has no such device"},
       {"0:4:2:1\n",                "\n1-1 this device records nothing"},
       {"0:4:0:0\n0:4:0:3\n",       "\n1-2 the result is neither 1 nor 2"},
+      {std::string(4089, '0') + "0:4:0:1" + "7\n", "\n1-1 longer than a record"},
       {"x\n0:4:0:1\ny\n\nz\n",     "0=1 \n1-1 not four integers with colons between them"
                                    "\n3-5 not four integers with colons between them"},
   };
@@ -160,7 +161,7 @@ TEST(log_of_a_run, is_read_however_it_was_kept) {
       {"without its last line end", until(full_log, "completed\n") + "completed", healthy},
       {"without blanks in front",   edited(full_log, {{"  Executing Mod 1 1 OBFL", "Executing Mod 1 1 OBFL"}}), healthy},
       {"a foreign word before done", edited(full_log, {{"....done", ".. up\n..done"}}), healthy},
-      {"words of others like frames", edited(full_log, {{"....done", "..done (x seconds) P(0xz) board\nExecuting it\n"
+      {"words of others like frames", edited(full_log, {{"....done", "..done (x seconds) P(0xz) board P(0x7) board\nExecuting it\n"
                                       "ERROR: Executing 7 on dev 0\nERROR: Executing 5 on dev 4\nMod 1 1 Post it\n..done"}}),
                                     healthy},
       {"a row without its title",   edited(full_log, {{"  Executing Mod 1 1 NVRAM Test: \n.done (1 seconds)",
@@ -195,6 +196,7 @@ TEST(log_of_dead_runs, tells_each_run_and_how_far_it_came) {
       {"foreign lines only",           "boot\n\nPOST is completed\ndone (1 seconds)\n", {}},
       {"before the program has started", in_startup, {"starting; asserted"}},
       {"again and again",              in_startup + in_startup + full_log, {"starting; asserted", "starting; asserted", healthy}},
+      {"and again without a line between", in_startup + from(full_log, "Starting"), {"starting; asserted", healthy}},
       {"before its first row",         through(full_log, "POST....."), {"started"}},
       {"before its first device",      through(full_log, "SEEPROM Test: "), {"started bits 1; seeprom ?"}},
       {"within a device",              in_nvram, {nvram}},
@@ -247,6 +249,11 @@ TEST(messages, go_with_the_error_line_where_the_dots_are_missing) {
   EXPECT_THAT(texts(devices[3].messages), IsEmpty());
   EXPECT_THAT(texts(devices[4].messages), ElementsAre("8 > .", "9 > Fail A", "10 >  "));
   EXPECT_THAT(texts(devices[6].messages), ElementsAre("11 > Fail B", "12 >  ", "13 > "));
+
+  const auto mixed = lab::parse_run_log(edited(
+      full_log, {{"....done", ".Fail A\n ERROR: Executing 5 on dev 0\nFail B\n ERROR: Executing 5 on dev 2\n.done"}}));
+  EXPECT_THAT(texts(mixed.runs.at(0).devices[3].messages), ElementsAre("8 Fail A"));
+  EXPECT_THAT(texts(mixed.runs.at(0).devices[5].messages), ElementsAre("10 Fail B"));
 }
 
 TEST(messages, are_bounded_and_counted) {
