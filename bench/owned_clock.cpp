@@ -28,8 +28,8 @@ extern "C" {
 
 int clock_gettime(clockid_t clock, timespec *time) noexcept {
   if (!owned) return static_cast<int>(syscall(SYS_clock_gettime, clock, time));
-  time->tv_sec = owned_ns / ns_per_second;
-  time->tv_nsec = owned_ns % ns_per_second;
+  time->tv_sec = static_cast<time_t>(owned_ns / ns_per_second);
+  time->tv_nsec = static_cast<long>(owned_ns % ns_per_second);
   return 0;
 }
 

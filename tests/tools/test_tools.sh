@@ -138,18 +138,24 @@ failing_tests() {
   stand_in ctest <<'END'
 cat <<'LOG'
     Start 1: good.one
-1/2 Test #1: good.one ....   Passed    0.01 sec
+1/3 Test #1: good.one ....   Passed    0.01 sec
 chatter of a good test
     Start 2: bad.one
-2/2 Test #2: bad.one .....***Failed    0.01 sec
+2/3 Test #2: bad.one .....***Failed    0.01 sec
 words of the bad test
-50% tests passed, 1 tests failed out of 2
+    Start 3: left.out
+3/3 Test #3: left.out .....***Skipped   0.01 sec
+chatter of a test that did not run
+67% tests passed, 1 tests failed out of 3
+
+The following tests did not run:
+	  3 - left.out (Skipped)
 LOG
 exit 8
 END
   expect 1 'words of the bad test' "$checkout/tools/run-tests" host
   never said chatter
-  [ "$(tail -n 1 "$dir/said")" = '1 passed, 1 failed' ]
+  [ "$(tail -n 1 "$dir/said")" = '1 passed, 1 failed, 1 skipped' ]
 }
 
 mutants() {
