@@ -17,6 +17,7 @@
 
 #include "sim/board/board.h"
 #include "sim/board/options.h"
+#include "sim/bus/trace.h"
 #include "sim/devices/ethtool.h"
 #include "sim/host/cpuinfo.h"
 #include "sim/host/files.h"
@@ -213,8 +214,10 @@ int run_on_board(sim::command *cmd) {
   if (!cmd->opts.state.empty()) cmd->opts.state = absolute(cmd->opts.state);
   if (!cmd->opts.trace.empty()) {
     cmd->opts.trace = absolute(cmd->opts.trace);
-    if (!sim::write_file(cmd->opts.trace, "")) return fail_os(cmd->opts.trace);
   }
+  // Open until the end: a pipe's reader sees one writer.
+  const sim::file log(cmd->opts.trace.empty() ? -1 : sim::log_make_empty(cmd->opts.trace));
+  if (!cmd->opts.trace.empty() && !log.is_open()) return fail_os(cmd->opts.trace);
   state_directory state;
   if (!state.use(cmd->opts.state)) return fail_os(state.path());
   cmd->opts.state = state.path();
