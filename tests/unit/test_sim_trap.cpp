@@ -289,8 +289,8 @@ TEST(sim_trap_death, passes_faults_of_others_on) {
   EXPECT_EXIT((with([](int) { _exit(41); }), touch_nothing()), testing::ExitedWithCode(41), "");
   EXPECT_EXIT((with(SIG_DFL), (void)raise(SIGSEGV)), testing::KilledBySignal(SIGSEGV), "");
   // Nothing is fetched from a device.
-  EXPECT_EXIT(reinterpret_cast<void (*)()>(reinterpret_cast<uintptr_t>(map_window<uint8_t>(flash)))(),
-              testing::KilledBySignal(SIGSEGV), "");
+  const auto call = [](volatile void *at) { reinterpret_cast<void (*)()>(reinterpret_cast<uintptr_t>(at))(); };
+  EXPECT_EXIT((with(SIG_DFL), call(map_window<uint8_t>(flash))), testing::KilledBySignal(SIGSEGV), "");
 }
 
 }  // namespace
