@@ -115,10 +115,6 @@ void bus_passed(const bus_cycle &cycle) {
   running->take(cycle);
 }
 
-int log_make_empty(const std::string &path) {
-  return sys::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC);
-}
-
 bool log_open(const std::string &path, uint64_t limit) {
   log_close();
   const int fd = sys::keep(sys::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC));

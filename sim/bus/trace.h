@@ -30,10 +30,6 @@ void bus_passed(const bus_cycle &cycle);
 
 // --- The log: "SECONDS CYCLE", a line each, the seconds since it was opened with six decimals -----------------------
 
-// Makes the file empty, or makes it. What is no plain file, a pipe or a link, stays what it is. Returns a descriptor,
-// or -1 with errno set.
-int log_make_empty(const std::string &path);
-
 // Logs at the end of a file, which is made if it does not exist, until log_close.
 //   limit  bytes that the file may have, 0 for any number. The line that would make it larger ends the log.
 // Where the log ends early, by its limit, a full disk or a pipe without a reader, standard error tells so.

@@ -17,7 +17,6 @@
 
 #include "sim/board/board.h"
 #include "sim/board/options.h"
-#include "sim/bus/trace.h"
 #include "sim/devices/ethtool.h"
 #include "sim/host/cpuinfo.h"
 #include "sim/host/files.h"
@@ -216,7 +215,8 @@ int run_on_board(sim::command *cmd) {
     cmd->opts.trace = absolute(cmd->opts.trace);
   }
   // Open until the end: a pipe's reader sees one writer.
-  const sim::file log(cmd->opts.trace.empty() ? -1 : sim::log_make_empty(cmd->opts.trace));
+  const sim::file log(
+      cmd->opts.trace.empty() ? -1 : sim::sys::open(cmd->opts.trace.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC));
   if (!cmd->opts.trace.empty() && !log.is_open()) return fail_os(cmd->opts.trace);
   state_directory state;
   if (!state.use(cmd->opts.state)) return fail_os(state.path());
