@@ -38,14 +38,14 @@ struct board {
   explicit board(const options &from) : opts(from), sprom(opts), memory(opts) {}
   board(const board &) = delete;
   board &operator=(const board &) = delete;
-  ~board() { (void)trace_open(""); }
+  ~board() { log_close(); }
 
   // Returns false and says why in *error.
   bool power_up(std::string *error) {
     if (!make_board_files(opts, rate_in_khz(), error)) return false;
     i2c = i2c_board::make(opts, memory.port(), error);
     if (!i2c) return false;
-    if (!trace_open(opts.trace)) {
+    if (!opts.trace.empty() && !log_open(opts.trace, opts.trace_limit)) {
       *error = os_error(opts.trace);
       return false;
     }

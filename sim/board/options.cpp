@@ -65,6 +65,13 @@ bool take_change_bits(command *cmd, std::string_view text) {
   return number.has_value();
 }
 
+bool take_trace_limit(command *cmd, std::string_view text) {
+  const auto number = parse_number(text);
+  if (!number || *number == 0) return false;
+  cmd->opts.trace_limit = *number;
+  return true;
+}
+
 bool take_busy(command *cmd, std::string_view text) {
   cmd->opts.busy = text == "time" ? busy::time : busy::polls;
   return text == "time" || text == "polls";
@@ -90,6 +97,7 @@ constexpr std::array option_rows{std::to_array<option_row>({
      [](command *cmd, std::string_view text) { return take_path(text, &cmd->opts.state); }},
     {"--trace",       "FILE", "write every device access and bus transaction to this file",
      [](command *cmd, std::string_view text) { return take_path(text, &cmd->opts.trace); }},
+    {"--trace-limit", "BYTES", "end the log before it has more bytes",                                     take_trace_limit},
     {"--busy",        "polls|time", "count busy times in polls (default) or in real time",                 take_busy},
     {"--real-times",  nullptr, "take the real chip's flash times in place of scaled ones",
      [](command *cmd, std::string_view) { return cmd->opts.real_times = true; }},
@@ -189,6 +197,7 @@ std::string options_format(const options &opts) {
   lines += "\n--change-bits=" + std::to_string(opts.change_bits);
   if (!opts.state.empty()) lines += "\n--state=" + opts.state;
   if (!opts.trace.empty()) lines += "\n--trace=" + opts.trace;
+  if (opts.trace_limit != 0) lines += "\n--trace-limit=" + std::to_string(opts.trace_limit);
   if (opts.busy == busy::time) lines += "\n--busy=time";
   if (opts.real_times) lines += "\n--real-times";
   for (const auto &f : opts.faults)

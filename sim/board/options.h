@@ -23,6 +23,7 @@ struct options {
   uint64_t change_bits = 1;  // hardware change bits of the supervisor image; 1 is revision P1
   std::string state;         // state directory, absolute
   std::string trace;         // bus log, absolute; empty for none. With a log every device access is trapped.
+  uint64_t trace_limit = 0;  // bytes that the log may have, 0 for any number
   sim::busy busy = busy::polls;
   bool real_times = false;  // flash timings of the real chip instead of the scaled ones
   std::vector<fault> faults;

@@ -229,13 +229,13 @@ uint32_t devmem::window_read(size_t window, uint32_t offset, unsigned width) {
     const uint32_t word = word_read(window, at) & uint32_t{lanes};
     data |= shift < 0 ? word >> -shift : word << shift;
   });
-  trace_access(windows[window].name, 'r', width, offset, data);
+  bus_passed({windows[window].name, 'r', width, offset, data});
   if (window == flash_window && may_open_flash() && ++m_array_reads >= reads_before_opening) set_flash_open(true);
   return data;
 }
 
 void devmem::window_write(size_t window, uint32_t offset, unsigned width, uint32_t data) {
-  trace_access(windows[window].name, 'w', width, offset, data);
+  bus_passed({windows[window].name, 'w', width, offset, data});
   for_each_cycle(offset, width, [&](uint32_t at, uint16_t lanes, int shift) {
     const uint32_t word = shift < 0 ? data << -shift : data >> shift;
     word_write(window, at, static_cast<uint16_t>(word & lanes), lanes);

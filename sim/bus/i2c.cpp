@@ -130,13 +130,14 @@ int i2c_bus::transfer(std::span<i2c_message> messages) {
       error = injected(to);
     }
     if (error == 0) error = carry(to, &message);
-    if (!trace_active()) continue;
+    if (!bus_is_watched()) continue;
     char unknown[32];
     (void)std::snprintf(unknown, sizeof(unknown), "i2c-%u:%02x", m_number, message.addr);
     constexpr std::array kinds{'w', 'r', 'W', 'R'};
     const size_t kind = (message.reading ? 1u : 0u) + (error != 0 ? 2u : 0u);
-    trace_message(to == nullptr ? unknown : to->name.c_str(), kinds[kind], i,
-                  message.reading && error != 0 ? std::span<uint8_t>{} : message.bytes);
+    const auto seen = message.reading && error != 0 ? std::span<uint8_t>{} : message.bytes;
+    bus_passed(
+        {to == nullptr ? unknown : to->name.c_str(), kinds[kind], static_cast<unsigned>(seen.size() * 8), i, 0, seen});
   }
   for (auto *const to : started)
     to->device->stop();

@@ -1,104 +1,130 @@
-// trace.cpp: the bus log.
 #include "sim/bus/trace.h"
 
-#include <array>
-#include <charconv>
-#include <cstring>
+#include <signal.h>
 
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+
+#include "sim/bus/lock.h"
 #include "sim/host/real.h"
 
 namespace sim {
 
 namespace {
 
-constinit int log_fd = -1;
-constinit int64_t started_nsec = 0;
-
-// A line that is built in place: the trap handler may not allocate. What does not fit is cut.
-class line {
+// Takes the signal of a pipe without a reader away: it ends the log, not the program.
+class broken_pipe_guard {
  public:
-  line() {
-    const auto usec = (monotonic_nsec() - started_nsec) / 1000;
-    number(static_cast<uint64_t>(usec / 1000000), 10);
-    text(".");
-    const auto fraction = static_cast<uint64_t>(usec % 1000000) + 1000000;
-    const auto point = m_used;
-    number(fraction, 10);
-    // The leading 1 kept the zeros of the fraction.
-    std::memmove(&m_text[point], &m_text[point + 1], m_used - point - 1);
-    m_used--;
+  broken_pipe_guard() {
+    sigemptyset(&m_signal);
+    sigaddset(&m_signal, SIGPIPE);
+    (void)pthread_sigmask(SIG_BLOCK, &m_signal, &m_before);
   }
-
-  void text(const char *add) {
-    const auto length = std::min(std::strlen(add), room());
-    std::memcpy(&m_text[m_used], add, length);
-    m_used += length;
-  }
-  void number(uint64_t value, int base) {
-    const auto result = std::to_chars(&m_text[m_used], &m_text[m_used] + room(), value, base);
-    if (result.ec == std::errc{}) m_used = static_cast<size_t>(result.ptr - m_text.data());
-  }
-  void byte(uint8_t value) {
-    constexpr const char *digits = "0123456789abcdef";
-    const char pair[] = {digits[value >> 4], digits[value & 15], '\0'};
-    text(pair);
-  }
-  void head(const char *device, char kind, uint64_t width, uint64_t offset) {
-    const char kind_text[] = {' ', kind, ' ', '\0'};
-    text(" ");
-    text(device);
-    text(kind_text);
-    number(width, 10);
-    text(" 0x");
-    number(offset, 16);
-    text(" 0x");
-  }
-  // One write, so that lines of several processes do not mix.
-  void end() {
-    m_text[m_used++] = '\n';
-    (void)!::syscall(SYS_write, log_fd, m_text.data(), m_used);
+  broken_pipe_guard(const broken_pipe_guard &) = delete;
+  broken_pipe_guard &operator=(const broken_pipe_guard &) = delete;
+  ~broken_pipe_guard() {
+    const timespec now{};
+    (void)sigtimedwait(&m_signal, nullptr, &now);
+    (void)pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
   }
 
  private:
-  [[nodiscard]] size_t room() const { return m_text.size() - 1 - m_used; }
-
-  std::array<char, 1024> m_text;
-  size_t m_used = 0;
+  sigset_t m_signal{};
+  sigset_t m_before{};
 };
+
+class bus_log {
+ public:
+  bus_log(int fd, const std::string &path, uint64_t limit) : m_file(fd), m_path(path) {
+    struct stat st {};
+    m_plain = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+    const uint64_t used = m_plain ? static_cast<uint64_t>(st.st_size) : 0;
+    m_left = limit == 0 ? UINT64_MAX : limit - std::min(limit, used);
+  }
+
+  void take(const bus_cycle &cycle) {
+    const std::lock_guard held(m_lock);
+    const auto usec = (monotonic_nsec() - m_started_nsec) / 1000;
+    char time[32];
+    (void)std::snprintf(time, sizeof(time), "%" PRId64 ".%06" PRId64 " ", usec / 1000000, usec % 1000000);
+    put(time + cycle_text(cycle) + "\n");
+  }
+
+  [[nodiscard]] bool is_open() const { return !m_ended; }
+
+ private:
+  bus_lock m_lock;
+  const file m_file;
+  const std::string m_path;
+  const int64_t m_started_nsec = monotonic_nsec();
+  bool m_plain = false;
+  uint64_t m_left = 0;
+  bool m_ended = false;
+
+  void put(const std::string &line) {
+    if (line.size() > m_left) return end("it has reached its limit");
+    m_left -= line.size();
+    if (m_plain) return write(line);
+    const broken_pipe_guard guard;
+    write(line);
+  }
+
+  // One write, so that lines of several processes do not mix.
+  void write(const std::string &line) {
+    ssize_t done = 0;
+    do {
+      done = ::syscall(SYS_write, m_file.fd(), line.data(), line.size());
+    } while (done < 0 && errno == EINTR);
+    if (done < static_cast<ssize_t>(line.size())) end(done < 0 ? std::strerror(errno) : std::strerror(ENOSPC));
+  }
+
+  void end(const char *why) {
+    m_ended = true;
+    (void)std::fprintf(stderr, "board-sim: the log %s ends here: %s\n", m_path.c_str(), why);
+  }
+};
+
+// Behind a pointer: what a program does at its very end is still logged.
+constinit bus_log *running = nullptr;
 
 }  // namespace
 
-bool trace_open(const std::string &path) {
-  if (log_fd >= 0) (void)sys::close(log_fd);
-  log_fd = -1;
-  if (path.empty()) return true;
-  started_nsec = monotonic_nsec();
-  log_fd = sys::keep(sys::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC));
-  return log_fd >= 0;
+std::string cycle_text(const bus_cycle &cycle) {
+  char text[64];
+  (void)std::snprintf(text, sizeof(text), " %c %u 0x%" PRIx64 " 0x", cycle.kind, cycle.width, cycle.offset);
+  std::string line = std::string(cycle.device) + text;
+  for (const auto byte : cycle.message) {
+    (void)std::snprintf(text, sizeof(text), "%02x", byte);
+    line += text;
+  }
+  if (!cycle.message.empty()) return line;
+  (void)std::snprintf(text, sizeof(text), "%" PRIx64, cycle.data);
+  return line + text;
 }
 
-bool trace_active() {
-  return log_fd >= 0;
+bool bus_is_watched() {
+  return running != nullptr && running->is_open();
 }
 
-void trace_access(const char *device, char kind, unsigned width, uint64_t offset, uint64_t data) {
-  if (log_fd < 0) return;
+void bus_passed(const bus_cycle &cycle) {
+  if (!bus_is_watched()) return;
   const keep_errno kept;
-  line out;
-  out.head(device, kind, width, offset);
-  out.number(data, 16);
-  out.end();
+  running->take(cycle);
 }
 
-void trace_message(const char *device, char kind, uint64_t offset, std::span<const uint8_t> bytes) {
-  if (log_fd < 0) return;
-  const keep_errno kept;
-  line out;
-  out.head(device, kind, bytes.size() * 8, offset);
-  if (bytes.empty()) out.text("0");
-  for (const auto byte : bytes)
-    out.byte(byte);
-  out.end();
+bool log_open(const std::string &path, uint64_t limit) {
+  log_close();
+  const int fd = sys::keep(sys::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC));
+  if (fd >= 0) running = new bus_log(fd, path, limit);
+  return fd >= 0;
+}
+
+void log_close() {
+  delete running;
+  running = nullptr;
 }
 
 }  // namespace sim

@@ -1,29 +1,40 @@
-// trace.h: the bus log, one line for each device access and service transaction, in order.
+// trace.h: where every cycle of the board's buses passes, and the log of them.
 #pragma once
 
 #include <cstdint>
 #include <span>
 #include <string>
+#include <string_view>
 
 namespace sim {
 
-// Starts logging at the end of `path`; an empty path stops it. Returns false with errno set if the file cannot be
-// written.
-bool trace_open(const std::string &path);
-[[nodiscard]] bool trace_active();
+// One access to a device or one message on a bus.
+struct bus_cycle {
+  std::string_view device;  // "nvram0", "flash", "port", "sprom"; of a message bus and address, "i2c-1:52"
+  char kind;                // 'r' or 'w'; 'R' or 'W' of a message that was not acknowledged or failed
+  unsigned width;           // bits
+  uint64_t offset;          // within the device; the port; the request; a message's number in its transaction, from 0
+  uint64_t data = 0;
+  std::span<const uint8_t> message{};  // in place of data; in the order on the wire
+};
 
-// Writes "SECONDS DEVICE KIND WIDTH 0xOFFSET 0xDATA", with the seconds since the log was opened, in microseconds.
-// Async-signal-safe; errno stays as it was.
-//   device  such as "nvram0", "flash", "port", "sprom"
-//   kind    'r' or 'w'
-//   width   bits of the access
-void trace_access(const char *device, char kind, unsigned width, uint64_t offset, uint64_t data);
+// A cycle as the log, tests and manuals write it: "DEVICE KIND WIDTH 0xOFFSET 0xDATA". The digits of a message are in
+// the order on the wire.
+std::string cycle_text(const bus_cycle &cycle);
 
-// The same for a message on a bus.
-//   device  such as "i2c-1:52"
-//   kind    'r' or 'w'; 'R' or 'W' if it was not acknowledged or failed
-//   offset  number of the message within its transaction, from 0
-//   bytes   in the order on the wire, which is that of the digits; the width is their number times 8
-void trace_message(const char *device, char kind, uint64_t offset, std::span<const uint8_t> bytes);
+// Every cycle of every bus passes here as it happens. errno stays as it was.
+void bus_passed(const bus_cycle &cycle);
+
+// Whether anybody looks at what passes.
+[[nodiscard]] bool bus_is_watched();
+
+// --- The log: "SECONDS CYCLE", a line each, the seconds since it was opened with six decimals -----------------------
+
+// Logs at the end of a file, which is made if it does not exist, until log_close.
+//   limit  bytes that the file may have, 0 for any number. The line that would make it larger ends the log.
+// Where the log ends early, by its limit, a full disk or a pipe without a reader, standard error tells so.
+// Returns false with errno set if the file cannot be written.
+[[nodiscard]] bool log_open(const std::string &path, uint64_t limit);
+void log_close();
 
 }  // namespace sim

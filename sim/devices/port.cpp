@@ -33,13 +33,13 @@ int io_port::set_level(int wanted) {
 uint32_t io_port::in(uint16_t port, unsigned width) const {
   check(port, width);
   const uint32_t data = pins();
-  trace_access("port", 'r', width, port, data);
+  bus_passed({"port", 'r', width, port, data});
   return data;
 }
 
 void io_port::out(uint16_t port, unsigned width, uint32_t data) {
   check(port, width);
-  trace_access("port", 'w', width, port, data);
+  bus_passed({"port", 'w', width, port, data});
   m_latch = data;
 }
 

@@ -50,7 +50,7 @@ int sprom_driver::answer(unsigned long request, void *arg) const {
   if (record.answer == nullptr) return fail(EFAULT);
   const auto value = static_cast<uint16_t>(request == get_card_index ? m_opts.card : m_opts.change_bits);
   std::memcpy(record.answer, &value, sizeof(value));
-  trace_access("sprom", 'r', 16, request, value);
+  bus_passed({"sprom", 'r', 16, request, value});
   return 0;
 }
 

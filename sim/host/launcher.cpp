@@ -213,8 +213,11 @@ int run_on_board(sim::command *cmd) {
   if (!cmd->opts.state.empty()) cmd->opts.state = absolute(cmd->opts.state);
   if (!cmd->opts.trace.empty()) {
     cmd->opts.trace = absolute(cmd->opts.trace);
-    if (!sim::write_file(cmd->opts.trace, "")) return fail_os(cmd->opts.trace);
   }
+  // Open until the end: a pipe's reader sees one writer.
+  const sim::file log(
+      cmd->opts.trace.empty() ? -1 : sim::sys::open(cmd->opts.trace.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC));
+  if (!cmd->opts.trace.empty() && !log.is_open()) return fail_os(cmd->opts.trace);
   state_directory state;
   if (!state.use(cmd->opts.state)) return fail_os(state.path());
   cmd->opts.state = state.path();

@@ -16,6 +16,7 @@
 
 #include "sim/board/board.h"
 #include "sim/bus/layout.h"
+#include "tests/support/bus.h"
 #include "tests/support/host.h"
 
 // The options of a board on a state directory. Each of `more` is one of board-sim's if it begins with "--", else a
@@ -53,21 +54,25 @@ class test_board {
   [[nodiscard]] std::filesystem::path file(const char *name) const { return dir_.path() / name; }
   [[nodiscard]] std::string contents(const char *name) const { return read_file(file(name)); }
 
-  // The lines of the log of "--trace" without their times, from the last call on.
+  // The cycles in the log of "--trace" from the last call on, of one device or all. Compare with cycles().
+  std::string bus(std::string_view device = "") {
+    const auto text = contents("trace").substr(log_read_);
+    log_read_ += text.size();
+    return bus_cycles(text, device);
+  }
+
+  // The same as a list.
   std::vector<std::string> log() {
-    std::istringstream text(contents("trace"));
-    text.seekg(log_read_);
+    std::istringstream text(bus());
     std::vector<std::string> lines;
-    for (std::string line; std::getline(text, line);) {
-      log_read_ += static_cast<std::streamoff>(line.size() + 1);
-      lines.push_back(line.substr(line.find(' ') + 1));
-    }
+    for (std::string line; std::getline(text, line);)
+      lines.push_back(line);
     return lines;
   }
 
  private:
   temp_dir dir_;
-  std::streamoff log_read_ = 0;
+  size_t log_read_ = 0;
 };
 
 enum window_number : size_t { nvram0, nvram1, nvram2, flash };

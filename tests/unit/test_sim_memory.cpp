@@ -198,6 +198,36 @@ TEST(sim_devmem_death, ends_the_run_where_there_is_no_space_for_the_flash) {
   EXPECT_FALSE(std::filesystem::exists(board.file("flash")));
 }
 
+TEST(sim_devmem_death, carries_out_no_access_that_its_mapping_does_not_allow) {
+  const test_board board({"nvram-cell-stuck instance=0 offset=0x7FFE bit=0 level=0"});
+  const auto mapped = [](int prot) {
+    (void)signal(SIGSEGV, SIG_DFL);
+    return static_cast<volatile uint8_t *>(map(0xF4000000, 0x2000, prot));
+  };
+  const auto cut = [&](size_t at) {
+    auto *const bytes = mapped(read_write);
+    (void)munmap(const_cast<uint8_t *>(bytes) + at, 0x1000);
+    return bytes;
+  };
+  const auto killed = testing::KilledBySignal(SIGSEGV);
+  EXPECT_EXIT(mapped(PROT_READ)[0] = 1, killed, "");
+  EXPECT_EXIT((void)mapped(PROT_NONE)[0], killed, "");
+  EXPECT_EXIT((void)cut(0)[0], killed, "");
+  EXPECT_EXIT((void)cut(0x1000)[0x1000], killed, "");
+  EXPECT_EXIT(_exit(cut(0x1000)[0xFFF] == static_cast<uint8_t>(board.contents("nvram0")[0xFFF]) ? 0 : 1),
+              testing::ExitedWithCode(0), "");
+}
+
+TEST(sim_devmem, leaves_other_memory_to_the_kernel) {
+  const test_board board;
+  (void)map_window<uint8_t>(nvram0);
+  void *const own = mmap(nullptr, 0x2000, read_write, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  EXPECT_EQ(munmap(own, 0x2000), 0);
+  EXPECT_EQ(rights(own), "");
+  EXPECT_EQ(munmap(static_cast<uint8_t *>(own) + 1, 0x1000), -1);
+  EXPECT_EQ(errno, EINVAL);
+}
+
 TEST(sim_devmem, keeps_contents_for_the_next_run) {
   const test_board board;
   map_window<uint16_t>(nvram0)[0] = 0xCAFE;
@@ -294,8 +324,11 @@ TEST(sim_port, holds_what_is_written_and_protects_by_bit_27) {
   ASSERT_EQ(iopl(3), 0);
   outl(inl(0x50C) & ~0x08000000U, 0x50C);
   EXPECT_EQ(inl(0x50C), 0x635A3C41U);
-  EXPECT_THAT(board.log(),
-              ElementsAre("port r 32 0x50c 0x6b5a3c41", "port w 32 0x50c 0x635a3c41", "port r 32 0x50c 0x635a3c41"));
+  EXPECT_EQ(board.bus(), cycles(R"(
+    port r 32 0x50c 0x6b5a3c41
+    port w 32 0x50c 0x635a3c41
+    port r 32 0x50c 0x635a3c41
+  )"));
   const struct {
     std::vector<const char *> faults;
     uint32_t given, taken;

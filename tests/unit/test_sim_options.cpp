@@ -58,6 +58,7 @@ TEST(sim_options, tell_what_is_wrong) {
       {{"-s"},                      "unknown option '-s'"},
       {{"post"},                    "unexpected argument 'post' (a program stands after --)"},
       {{"--card"},                  "option '--card' needs a value"},
+      {{"--trace-limit=0"},         "bad value '0' of option '--trace-limit'"},
       {{"--card", "65536"},         "bad value '65536' of option '--card'"},
       {{"--card="},                 "bad value '' of option '--card'"},
       {{"--card", "11062x"},        "bad value '11062x' of option '--card'"},
@@ -104,7 +105,8 @@ TEST(sim_options, choose_card_program_and_arguments) {
 // Numbers are in C notation; words stand for their place; a fault's text loses its extra blanks.
 TEST(sim_options, travel_as_lines_without_loss) {
   const std::string lines =
-      "--family=tosk\n--card=77\n--change-bits=1311768467463790320\n--state=/a b/'\n--trace=/t=r\n--busy=time\n"
+      "--family=tosk\n--card=77\n--change-bits=1311768467463790320\n--state=/a "
+      "b/'\n--trace=/t=r\n--trace-limit=99\n--busy=time\n"
       "--real-times\n--fault=ethtool-fail port=eth2 test=loopback\n--fault=i2c-fail bus=0x11 addr=0122";
   std::string error;
   const auto opts = sim::options_parse_lines(lines + " \t nth=7 ", &error).value();

@@ -1,0 +1,107 @@
+// The log of the board's buses: its lines, its limit, and the files that it goes to.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "sim/bus/trace.h"
+#include "tests/support/board.h"
+
+namespace {
+
+TEST(sim_trace, writes_cycles_in_one_form) {
+  const std::vector<uint8_t> bytes{0x00, 0x2A, 0xFF};
+  const std::pair<sim::bus_cycle, const char *> cases[] = {
+      {{"flash", 'w', 16, 0xAAA, 0xAA}, "flash w 16 0xaaa 0xaa"},
+      {{"nvram0", 'r', 8, 0, 0}, "nvram0 r 8 0x0 0x0"},
+      {{"sprom", 'r', 16, 0x80044314, 0x2B36}, "sprom r 16 0x80044314 0x2b36"},
+      {{"i2c-1:52", 'w', 24, 1, 0, bytes}, "i2c-1:52 w 24 0x1 0x002aff"},
+      {{"i2c-1:52", 'R', 0, 1, 0, {}}, "i2c-1:52 R 0 0x1 0x0"},
+  };
+  for (const auto &[cycle, text] : cases)
+    EXPECT_EQ(sim::cycle_text(cycle), text);
+}
+
+TEST(sim_trace, logs_every_access_in_its_order) {
+  test_board board({"--trace"});
+  auto *const bytes = map_window<uint8_t>(nvram1);
+  auto *const words = reinterpret_cast<volatile uint16_t *>(bytes);
+  auto *const longs = reinterpret_cast<volatile uint32_t *>(bytes);
+  longs[4] = 0x12345678;
+  bytes[0x11] = 0xAB;
+  (void)words[8];
+  (void)longs[4];
+  map_window<uint16_t>(flash)[0x554 / 2] = 0xF0;
+  (void)bytes[0x13];
+  EXPECT_EQ(board.bus("nvram1"), cycles(R"(
+    nvram1 w 32 0x10 0x12345678
+    nvram1 w 8 0x11 0xab
+    nvram1 r 16 0x10 0xab78
+    nvram1 r 32 0x10 0x1234ab78
+    nvram1 r 8 0x13 0x12
+  )"));
+  EXPECT_NE(board.contents("trace").find(" flash w 16 0x554 0xf0\n"), std::string::npos);
+}
+
+// Each line is "0.000000 nvram0 r 16 0x0 0xABCD\n" of 32 characters: times below 10 s.
+TEST(sim_trace, ends_at_its_limit_with_a_whole_line) {
+  for (const auto &[limit, lines] :
+       {std::pair{"--trace-limit=96", 3}, {"--trace-limit=95", 2}, {"--trace-limit=5", 0}}) {
+    const test_board board({"--trace", limit});
+    auto *const word = map_window<uint16_t>(nvram0);
+    testing::internal::CaptureStderr();
+    for (int i = 0; i < 5; i++)
+      word[0] = 0xABCD;
+    EXPECT_EQ(board.contents("trace").size(), 32U * static_cast<unsigned>(lines)) << limit;
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "board-sim: the log " + board.file("trace").string() + " ends here: it has reached its limit\n");
+    EXPECT_EQ(word[0], 0xABCD);
+    // The next program of the run does not begin anew.
+    board.start({"--trace", limit});
+    testing::internal::CaptureStderr();
+    (void)map_window<uint16_t>(nvram0)[0];
+    EXPECT_NE(testing::internal::GetCapturedStderr(), "");
+    EXPECT_EQ(board.contents("trace").size(), 32U * static_cast<unsigned>(lines)) << limit;
+  }
+}
+
+TEST(sim_trace, survives_its_reader) {
+  const test_board board;
+  ASSERT_EQ(mkfifo(board.file("trace").c_str(), 0600), 0);
+  const int reader = open(board.file("trace").c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  board.start({"--trace"});
+  const auto *const word = map_window<uint16_t>(nvram0);
+  const uint16_t seen = word[0];
+  char line[100];
+  const auto length = read(reader, line, sizeof line);
+  char text[32];
+  (void)snprintf(text, sizeof text, "nvram0 r 16 0x0 0x%x\n", seen);
+  EXPECT_EQ(bus_cycles(std::string(line, static_cast<size_t>(std::max<ssize_t>(length, 0)))), text);
+  (void)close(reader);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(word[0], seen);
+  EXPECT_EQ(word[0], seen);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(),
+            "board-sim: the log " + board.file("trace").string() + " ends here: Broken pipe\n");
+}
+
+// Through board-sim: what is there is emptied, and stays what it is.
+TEST(sim_trace, goes_to_files_of_every_kind) {
+  const temp_dir dir;
+  const auto script = [&](const std::string &prepare, const std::string &check) {
+    const auto run = run_shell(dir.path(), prepare + "\nboard-sim --trace log -- -s >/dev/null\n" + check);
+    EXPECT_EQ(run.err, "");
+    EXPECT_EQ(run.status, 0) << check;
+    return run.out;
+  };
+  const std::string first = "head -n 1 log | cut -d ' ' -f 2-";
+  const std::string expected = "sprom r 16 0x80044314 0x2b36\n";
+  EXPECT_EQ(script("echo old >log; chmod 600 log; ln log same", first + "; [ log -ef same ]"), expected);
+  EXPECT_EQ(script("echo old >aim; ln -sf aim log", first + "; [ -L log ] && [ ! -L aim ]"), expected);
+  EXPECT_EQ(script("ln -sf /dev/null log", "[ -c log ] && cat log"), "");
+  EXPECT_EQ(script("rm log; mkfifo log; cat log >seen &", "wait; [ -p log ] && mv seen log && " + first), expected);
+}
+
+}  // namespace
