@@ -70,12 +70,13 @@ class state_directory {
   state_directory(const state_directory &) = delete;
   state_directory &operator=(const state_directory &) = delete;
   ~state_directory() {
-    if (m_temporary) (void)sim::remove_tree(m_path);
+    if (m_temporary) sim::remove_tree(m_path);
   }
 
   bool use(const std::string &asked) {
     m_path = asked;
-    if (!asked.empty()) return sim::make_directories(asked) && access(asked.c_str(), W_OK) == 0;
+    std::string error;
+    if (!asked.empty()) return sim::make_directories(asked, &error) && access(asked.c_str(), W_OK) == 0;
     const char *const base = std::getenv("TMPDIR");
     m_path = absolute(base == nullptr || *base == '\0' ? "/tmp" : base) + "/board-sim-XXXXXX";
     m_temporary = mkdtemp(m_path.data()) != nullptr;
@@ -213,7 +214,8 @@ int run_on_board(sim::command *cmd) {
   if (!cmd->opts.state.empty()) cmd->opts.state = absolute(cmd->opts.state);
   if (!cmd->opts.trace.empty()) {
     cmd->opts.trace = absolute(cmd->opts.trace);
-    if (!sim::write_file(cmd->opts.trace, "")) return fail_os(cmd->opts.trace);
+    std::string error;
+    if (!sim::write_file(cmd->opts.trace, "", &error)) return fail(error);
   }
   state_directory state;
   if (!state.use(cmd->opts.state)) return fail_os(state.path());
