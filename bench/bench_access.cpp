@@ -157,7 +157,7 @@ void start() {
   options.state = state_dir;
   std::string error;
   options.faults = {*sim::fault_parse("nvram-cell-stuck instance=2 offset=0x7fff bit=0 level=0", &error)};
-  if (!sim::board_start(options)) exit(1);
+  if (!sim::board_start(options, &error)) exit(1);
   libinit();
   (void)obfl_libinit();
   (void)nvram_libinit();

@@ -1,10 +1,11 @@
 #include "sim/board/board.h"
 
+#include <linux/i2c-dev.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <map>
 #include <memory>
-#include <string_view>
 #include <vector>
 
 #include "sim/board/i2c_board.h"
@@ -28,11 +29,27 @@ uint64_t rate_in_khz() {
   return measured;
 }
 
-// A descriptor that stands for a device.
-struct handle {
-  sim::device device = device::none;
-  std::unique_ptr<i2c_client> i2c;
+// A file that stands for a device.
+struct device_file {
+  dev_t file_system;
+  ino_t inode;
+  sim::device device;
+  uint32_t number;  // of an I2C bus
 };
+
+std::vector<device_file> find_device_files(const options &opts) {
+  std::vector<std::string> paths{"/dev/sprom", "/dev/mem"};
+  for (const auto number : i2c_bus_numbers(opts))
+    paths.push_back("/dev/i2c-" + std::to_string(number));
+  std::vector<device_file> found;
+  for (const auto &path : paths) {
+    const auto to = redirect(opts, path, false);
+    const file at{sys::open(to->path.c_str(), O_PATH | O_CLOEXEC)};
+    struct stat st {};
+    if (at.is_open() && ::fstat(at.fd(), &st) == 0) found.push_back({st.st_dev, st.st_ino, to->device, to->number});
+  }
+  return found;
+}
 
 struct board {
   explicit board(const options &from) : opts(from), sprom(opts), memory(opts) {}
@@ -43,6 +60,7 @@ struct board {
   // Returns false and says why in *error.
   bool power_up(std::string *error) {
     if (!make_board_files(opts, rate_in_khz(), error)) return false;
+    device_files = find_device_files(opts);
     i2c = i2c_board::make(opts, memory.port(), error);
     if (!i2c) return false;
     if (!opts.trace.empty() && !log_open(opts.trace, opts.trace_limit)) {
@@ -56,14 +74,12 @@ struct board {
   sprom_driver sprom;
   devmem memory;
   std::unique_ptr<i2c_board> i2c;
-  std::map<int, handle> handles;
+  std::vector<device_file> device_files;
 };
 
 constinit board *running = nullptr;
 
-void complain(const std::string &what) {
-  (void)std::fprintf(stderr, "board-sim: %s\n", what.c_str());
-}
+constexpr size_t longest_message = 8192;  // of read() and write(), as in i2c-dev
 
 bool smbus_only(const options &opts, uint32_t bus) {
   for (const auto &f : opts.faults)
@@ -71,34 +87,27 @@ bool smbus_only(const options &opts, uint32_t bus) {
   return false;
 }
 
-// The handle of a descriptor, or null. One that was closed behind the board's back and given to another file is
-// told by its flags.
-handle *handle_of(int fd) {
-  if (running == nullptr) return nullptr;
-  const auto found = running->handles.find(fd);
-  if (found == running->handles.end()) return nullptr;
-  const int flags = ::fcntl(fd, F_GETFL);
-  if (flags >= 0 && (flags & O_PATH) != 0) return &found->second;
-  running->handles.erase(found);
-  return nullptr;
-}
-
-// Whether the descriptor is an open /dev/mem. A duplicate, or one that came from another program, has no handle, but
-// names the same file.
-bool is_mem(int fd) {
-  if (running == nullptr) return false;
+// What a descriptor stands for, or null.
+const device_file *device_of(int fd) {
   const keep_errno kept;
-  const int flags = ::fcntl(fd, F_GETFL);
-  if (flags < 0 || (flags & O_PATH) == 0) return false;
-  const file own{sys::open((running->opts.state + "/dev/mem").c_str(), O_PATH | O_CLOEXEC)};
-  struct stat given {};
-  struct stat expected {};
-  return ::fstat(fd, &given) == 0 && ::fstat(own.fd(), &expected) == 0 && given.st_dev == expected.st_dev &&
-         given.st_ino == expected.st_ino;
+  struct stat st {};
+  if (running == nullptr || ::fstat(fd, &st) != 0) return nullptr;
+  const auto found = std::ranges::find_if(
+      running->device_files, [&](const device_file &f) { return f.file_system == st.st_dev && f.inode == st.st_ino; });
+  return found == running->device_files.end() ? nullptr : &*found;
 }
 
-bool names(std::string_view entry, std::string_view variable) {
-  return entry.starts_with(variable) && entry.substr(variable.size()).starts_with('=');
+uint8_t i2c_address(int fd) {
+  return static_cast<uint8_t>(::lseek(fd, 0, SEEK_CUR));
+}
+
+int i2c_ioctl(int fd, uint32_t number, unsigned long request, void *arg) {
+  i2c_client client(running->i2c->bus(number), smbus_only(running->opts, number));
+  (void)client.ioctl(I2C_SLAVE, reinterpret_cast<void *>(uintptr_t{i2c_address(fd)}));
+  const int result = client.ioctl(request, arg);
+  if (result == 0 && (request == I2C_SLAVE || request == I2C_SLAVE_FORCE))
+    (void)::lseek(fd, static_cast<off_t>(reinterpret_cast<uintptr_t>(arg)), SEEK_SET);
+  return result;
 }
 
 }  // namespace
@@ -108,23 +117,16 @@ std::string board_check(const options &opts) {
   return wrong.empty() ? i2c_board::check(opts) : wrong;
 }
 
-bool board_start(const options &opts) {
+bool board_start(const options &opts, std::string *error) {
   board_stop();
-  const auto wrong = board_check(opts);
-  if (!wrong.empty()) {
-    complain(wrong);
-    return false;
-  }
+  *error = board_check(opts);
+  if (!error->empty()) return false;
   if (!opts.state.starts_with('/')) {
-    complain("the state directory '" + opts.state + "' is not absolute");
+    *error = "the state directory '" + opts.state + "' is not absolute";
     return false;
   }
   auto made = std::make_unique<board>(opts);
-  std::string error;
-  if (!made->power_up(&error)) {
-    complain(error);
-    return false;
-  }
+  if (!made->power_up(error)) return false;
   running = made.release();
   return true;
 }
@@ -139,46 +141,32 @@ const options *board_options() {
 }
 
 int device_open(const redirection &to, int flags) {
-  const int fd = sys::open(to.path.c_str(), O_PATH | (flags & O_CLOEXEC));
-  if (fd < 0) return fd;
-  handle opened{to.device, nullptr};
-  if (to.device == device::i2c)
-    opened.i2c = std::make_unique<i2c_client>(running->i2c->bus(to.number), smbus_only(running->opts, to.number));
-  running->handles[fd] = std::move(opened);
-  return fd;
-}
-
-void device_close(int fd) {
-  if (running != nullptr) running->handles.erase(fd);
+  // Whatever the C library writes past the board has to fail.
+  return sys::open(to.path.c_str(), O_RDONLY | (flags & O_CLOEXEC));
 }
 
 std::optional<int> device_ioctl(int fd, unsigned long request, void *arg) {
-  auto *const to = handle_of(fd);
+  const auto *const to = device_of(fd);
   if (to == nullptr) return std::nullopt;
-  if (to->device == device::i2c) return to->i2c->ioctl(request, arg);
+  if (to->device == device::i2c) return i2c_ioctl(fd, to->number, request, arg);
   if (to->device == device::sprom) return running->sprom.ioctl(request, arg);
-  errno = ENOTTY;
-  return -1;
+  return fail(ENOTTY);
 }
 
-char **shell_environment() {
-  static std::vector<std::string> texts;
-  static std::vector<char *> pointers;
-  texts.clear();
-  pointers.clear();
-  for (char **entry = environ; *entry != nullptr; entry++)
-    if (!names(*entry, "LD_PRELOAD") && !names(*entry, "PATH") && !names(*entry, options_variable))
-      texts.emplace_back(*entry);
-  texts.push_back("PATH=" + command_directory(running->opts));
-  texts.push_back(std::string(options_variable) + "=" + options_format(running->opts));
-  for (auto &text : texts)
-    pointers.push_back(text.data());
-  pointers.push_back(nullptr);
-  return pointers.data();
+std::optional<ssize_t> device_transfer(int fd, bool reading, void *data, size_t length) {
+  const auto *const to = device_of(fd);
+  if (to == nullptr) return std::nullopt;
+  if (to->device != device::i2c) return fail(EINVAL);
+  if (smbus_only(running->opts, to->number)) return fail(EOPNOTSUPP);
+  const size_t count = std::min<size_t>(length, longest_message);
+  i2c_message message{i2c_address(fd), reading, {static_cast<uint8_t *>(data), count}};
+  const int error = running->i2c->bus(to->number)->transfer({&message, 1});
+  return error != 0 ? fail(error) : static_cast<ssize_t>(count);
 }
 
 std::optional<void *> device_mmap(size_t length, int prot, int flags, int fd, uint64_t offset) {
-  if (!is_mem(fd)) return std::nullopt;
+  const auto *const to = device_of(fd);
+  if (to == nullptr || to->device != device::mem) return std::nullopt;
   return running->memory.map(length, prot, flags, offset);
 }
 

@@ -1,8 +1,9 @@
 // board.h: the simulated board of this process.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
-#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -15,9 +16,9 @@ namespace sim {
 std::string board_check(const options &opts);
 
 // Builds the board that `opts` asks for: the state directory's files, the device models, the redirections. From then
-// on the interposed C library entry points of this process meet it. Returns false, with a message on standard error,
-// when the state directory cannot be used. The rest of the board is as after power-on.
-bool board_start(const options &opts);
+// on the interposed C library entry points of this process meet it. Returns false and says why in *error when the state
+// directory cannot be used. The rest of the board is as after power-on.
+bool board_start(const options &opts, std::string *error);
 
 // Takes the board away; the state directory stays. The C library's entry points are plain again.
 void board_stop();
@@ -27,11 +28,10 @@ const options *board_options();
 
 // What the interposed entry points ask. Each is "not mine" (nothing, false) while no board runs.
 
-// Opens a device: a descriptor that stands for it, or -1 with errno set.
+// Opens a device: a descriptor that stands for it, or -1 with errno set. It is one of the file that stands for the
+// device, so that copies of it, in programs that inherit it too, stand for the device as well. The address that
+// I2C_SLAVE chose is the file's offset, which copies share.
 int device_open(const redirection &to, int flags);
-
-// The descriptor is about to be closed.
-void device_close(int fd);
 
 std::optional<int> device_ioctl(int fd, unsigned long request, void *arg);
 
@@ -43,8 +43,7 @@ std::optional<void *> device_mmap(size_t length, int prot, int flags, int fd, ui
 
 std::optional<int> device_iopl(int level);
 
-// The environment of a command of the board's shell: nothing preloaded, the board's own commands in PATH, the board's
-// options for them. Null-terminated; valid until the next call.
-char **shell_environment();
+// read() and write() of a device: one message on an I2C bus; other devices have neither.
+std::optional<ssize_t> device_transfer(int fd, bool reading, void *data, size_t length);
 
 }  // namespace sim

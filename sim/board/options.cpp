@@ -148,6 +148,10 @@ std::optional<command> command_parse(std::span<const std::string> args, std::str
   for (size_t i = 0; i < args.size(); i++) {
     const std::string_view arg = args[i];
     if (arg == "--") {
+      if (i + 1 < args.size() && args[i + 1].empty()) {
+        *error = "the program's name is empty";
+        return std::nullopt;
+      }
       take_program(&cmd, args.subspan(i + 1));
       break;
     }

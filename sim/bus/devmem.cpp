@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdio>
 #include <cstring>
 #include <iterator>
 #include <mutex>
@@ -123,12 +122,8 @@ bool devmem::may_open_flash() const {
 // Contents that do not exist yet are made at the first access: most runs of a short test never make one. Until then
 // mappings hold the place.
 void devmem::first_flash_access() {
-  constexpr int exit_state_directory = 2;
   std::string error;
-  if (!power_up_flash(&error)) {
-    (void)std::fprintf(stderr, "board-sim: %s\n", error.c_str());
-    _exit(exit_state_directory);
-  }
+  if (!power_up_flash(&error)) end_run(error);
   for (const auto &m : m_mappings) {
     if (m.window != flash_window) continue;
     void *const address = reinterpret_cast<void *>(m.address);

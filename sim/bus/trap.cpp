@@ -60,7 +60,7 @@ __attribute__((format(printf, 1, 0))) void vcomplain(const char *format, va_list
   vsnprintf(text.data(), text.size(), format, arguments);
   std::array<char, 544> line{};
   const int length = snprintf(line.data(), line.size(), "board-sim: %s\n", text.data());
-  (void)!write(STDERR_FILENO, line.data(), static_cast<size_t>(length));
+  (void)!sys::write(STDERR_FILENO, line.data(), static_cast<size_t>(length));
 }
 
 __attribute__((format(printf, 1, 2))) void complain(const char *format, ...) {

@@ -10,19 +10,31 @@
 #include <string>
 #include <string_view>
 
+#include "sim/host/real.h"
+
 namespace sim {
 
-// Those without an error text return false or nothing with errno set when the file system refuses.
+// What can fail returns false or nothing and says why in *error, which begins with the path.
+
+// A path that does not depend on the current directory.
+std::optional<std::string> absolute_path(const std::string &path, std::string *error);
 
 // Makes the directory and what is missing above it.
-bool make_directories(const std::string &path);
+bool make_directories(const std::string &path, std::string *error);
 
-// Removes a directory with all that is in it.
-bool remove_tree(const std::string &path);
+// Removes a directory with all that is in it. What cannot be removed stays.
+void remove_tree(const std::string &path);
 
 // Puts a file in place whole or not at all.
-bool write_file(const std::string &path, std::string_view contents);
+bool write_file(const std::string &path, std::string_view contents, std::string *error);
 
+// Removes from a state directory what a run that was killed left half made.
+void remove_unfinished(const std::string &state);
+
+// All that comes until the end; nothing when reading fails.
+std::optional<std::string> read_all(const file &from);
+
+// Nothing for a file that cannot be read.
 std::optional<std::string> read_file(const std::string &path);
 
 [[nodiscard]] bool file_exists(const std::string &path);
@@ -30,7 +42,11 @@ std::optional<std::string> read_file(const std::string &path);
 // "PATH: what errno says".
 std::string os_error(const std::string &path);
 
-// The directory of the program or library that holds this code, without a trailing slash.
+// Ends a program for which there is no board: "board-sim: WHY" on standard error, status 2. May be used in a signal's
+// handler that an access to the board raised.
+[[noreturn]] void end_run(const std::string &why);
+
+// The directory of the program or library that holds this code, without a trailing slash or links.
 std::string own_directory();
 
 // Contents of a device that outlive the run: a file mapped into memory.

@@ -1,71 +1,116 @@
 // interpose.cpp: the C library's entry points through which a program meets the board. Each looks whether the board is
 // concerned and otherwise calls the next definition of its name. Logic stands elsewhere.
-//
-// The definitions have names of their own and take the C library's as labels, so that the headers' declarations, inline
-// forms and renamings for large files stay out of the way.
 
-// Here alone off_t and struct stat are those of the plain names.
+// Here alone off_t and struct stat are those of the plain names, and no inline form stands in a definition's place.
 #undef _FILE_OFFSET_BITS
+#undef _FORTIFY_SOURCE
 
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <spawn.h>
 #include <stdarg.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
+#include <sys/io.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+#include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
 #include <cerrno>
+#include <climits>
+#include <string>
+#include <type_traits>
+#include <vector>
 
 #include "sim/board/board.h"
+#include "sim/host/children.h"
 #include "sim/host/real.h"
 
 namespace {
 
-// The definition that ours hides.
-template <typename F>
-class next_function {
- public:
-  constexpr explicit next_function(const char *name) : m_name(name) {}
-  F *get() {
-    const sim::keep_errno kept;
-    auto *found = m_found.load(std::memory_order_relaxed);
-    if (found == nullptr) {
-      found = reinterpret_cast<F *>(dlsym(RTLD_NEXT, m_name));
-      m_found.store(found, std::memory_order_relaxed);
-    }
-    return found;
-  }
-
- private:
-  const char *m_name;
-  std::atomic<F *> m_found{nullptr};
+template <size_t size>
+struct symbol {
+  // NOLINTNEXTLINE(google-explicit-constructor): a string literal is the argument
+  consteval symbol(const char (&name)[size]) { std::copy_n(name, size, text); }
+  char text[size];
 };
 
-std::optional<sim::redirection> board_path(const char *path, bool writing) {
+// The definition that ours hides, of the type of `own`.
+template <symbol name, class F>
+F next(F) {
+  static constinit std::atomic<F> found{nullptr};
+  auto address = found.load(std::memory_order_relaxed);
+  if (address == nullptr) {
+    const sim::keep_errno kept;
+    address = reinterpret_cast<F>(dlsym(RTLD_NEXT, name.text));
+    found.store(address, std::memory_order_relaxed);
+  }
+  return address;
+}
+
+// What a call is about to do with a path. Asking about what cannot be opened is no error.
+enum class intent : uint8_t { ask, use, change };
+
+intent intent_of(int flags) {
+  const bool changes = (flags & O_ACCMODE) != O_RDONLY || (flags & (O_CREAT | O_TRUNC)) != 0;
+  return changes ? intent::change : intent::use;
+}
+intent intent_of(const char *mode) {
+  return mode[0] != 'r' || strchr(mode, '+') != nullptr ? intent::change : intent::use;
+}
+intent access_intent(int mode) {
+  return (mode & W_OK) != 0 ? intent::change : intent::use;
+}
+
+std::optional<sim::redirection> board_path(int dir, const char *path, intent why) {
   const auto *const opts = sim::board_options();
-  if (opts == nullptr || path == nullptr) return std::nullopt;
+  if (opts == nullptr || path == nullptr || (dir != AT_FDCWD && path[0] != '/')) return std::nullopt;
   const sim::keep_errno kept;
-  return sim::redirect(*opts, path, writing);
+  auto to = sim::redirect(*opts, path, why == intent::change);
+  if (to && why == intent::ask) to->error = 0;
+  return to;
 }
 
-bool is_writing(int flags) {
-  return (flags & O_ACCMODE) != O_RDONLY || (flags & (O_CREAT | O_TRUNC)) != 0;
-}
-bool is_writing(const char *mode) {
-  return mode != nullptr && (mode[0] != 'r' || strchr(mode, '+') != nullptr);
+template <class R>
+R failed(int error) {
+  errno = error;
+  if constexpr (std::is_pointer_v<R>)
+    return nullptr;
+  else
+    return -1;
 }
 
-// All opening forms come down to this call.
+// A function whose first argument is a path: the next definition gets the board's version of it.
+template <symbol name, class R, class... A>
+R by_path(R (*own)(const char *, A...), intent why, const char *path, std::type_identity_t<A>... rest) {
+  const auto to = board_path(AT_FDCWD, path, why);
+  if (to && to->error != 0) return failed<R>(to->error);
+  return next<name>(own)(to ? to->path.c_str() : path, rest...);
+}
+
+// The same for a function that takes a directory first.
+template <symbol name, class... A>
+int by_path_at(int (*own)(int, const char *, A...), intent why, int dir, const char *path,
+               std::type_identity_t<A>... rest) {
+  const auto to = board_path(dir, path, why);
+  if (to && to->error != 0) return sim::fail(to->error);
+  return to ? next<name>(own)(AT_FDCWD, to->path.c_str(), rest...) : next<name>(own)(dir, path, rest...);
+}
+
+// All opening forms come down to this call. Without large files a plain name only fails more often.
 int open_any(int dir, const char *path, int flags, mode_t mode) {
-  const auto to = board_path(path, is_writing(flags));
-  if (!to) return static_cast<int>(syscall(SYS_openat, dir, path, flags, mode));
+  const auto to = board_path(dir, path, intent_of(flags));
+  if (!to) return static_cast<int>(syscall(SYS_openat, dir, path, flags | O_LARGEFILE, mode));
   if (to->error != 0) return sim::fail(to->error);
   if (to->device != sim::device::none) return sim::device_open(*to, flags);
-  return static_cast<int>(syscall(SYS_openat, AT_FDCWD, to->path.c_str(), flags, mode));
+  return static_cast<int>(syscall(SYS_openat, AT_FDCWD, to->path.c_str(), flags | O_LARGEFILE, mode));
 }
 
 // The mode of an opening call is there only with the flags that make a file.
@@ -73,90 +118,99 @@ mode_t mode_of(int flags, va_list args) {
   return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE ? va_arg(args, mode_t) : 0;
 }
 
-// Functions whose first argument is a path: the next definition gets the board's version of it.
-template <typename R, typename... A>
-R by_path(next_function<R(const char *, A...)> &next, R failed, bool writing, const char *path, A... rest) {
-  const auto to = board_path(path, writing);
-  if (!to) return next.get()(path, rest...);
-  if (to->error != 0) {
-    errno = to->error;
-    return failed;
-  }
-  return next.get()(to->path.c_str(), rest...);
+// A stream on a device can only be asked for its descriptor.
+template <symbol name, class... A>
+FILE *stream(FILE *(*own)(const char *, const char *, A...), const char *path, const char *mode, A... rest) {
+  const auto to = board_path(AT_FDCWD, path, intent_of(mode));
+  if (to && to->error != 0) return failed<FILE *>(to->error);
+  if (to && to->device != sim::device::none) mode = strchr(mode, 'e') != nullptr ? "re" : "r";
+  return next<name>(own)(to ? to->path.c_str() : path, mode, rest...);
 }
-
-// The same for functions that take a directory first.
-template <typename... A>
-int by_path_at(next_function<int(int, const char *, A...)> &next, bool writing, int dir, const char *path, A... rest) {
-  const auto to = board_path(path, writing);
-  if (!to) return next.get()(dir, path, rest...);
-  if (to->error != 0) return sim::fail(to->error);
-  return next.get()(AT_FDCWD, to->path.c_str(), rest...);
-}
-
-// Asking about what cannot be opened is no error.
-template <typename R, typename... A>
-R by_asked_path(next_function<R(const char *, A...)> &next, const char *path, A... rest) {
-  const auto to = board_path(path, false);
-  return next.get()(to ? to->path.c_str() : path, rest...);
-}
-
-template <typename... A>
-int by_asked_path_at(next_function<int(int, const char *, A...)> &next, int dir, const char *path, A... rest) {
-  const auto to = board_path(path, false);
-  return to ? next.get()(AT_FDCWD, to->path.c_str(), rest...) : next.get()(dir, path, rest...);
-}
-
-void *map_any(next_function<void *(void *, size_t, int, int, int, off64_t)> &next, void *addr, size_t length, int prot,
-              int flags, int fd, off64_t offset) {
-  if ((flags & MAP_ANONYMOUS) == 0)
-    if (const auto at = sim::device_mmap(length, prot, flags, fd, static_cast<uint64_t>(offset))) return *at;
-  return next.get()(addr, length, prot, flags, fd, offset);
-}
-
-// clang-format off
-constinit next_function<FILE *(const char *, const char *)>         next_fopen{"fopen"};
-constinit next_function<FILE *(const char *, const char *)>         next_fopen64{"fopen64"};
-constinit next_function<FILE *(const char *, const char *, FILE *)> next_freopen{"freopen"};
-constinit next_function<FILE *(const char *, const char *, FILE *)> next_freopen64{"freopen64"};
-constinit next_function<int(int)>                                   next_close{"close"};
-constinit next_function<int(int, unsigned long, void *)>            next_ioctl{"ioctl"};
-constinit next_function<void *(void *, size_t, int, int, int, off64_t)> next_mmap64{"mmap64"};
-constinit next_function<int(void *, size_t)>                        next_munmap{"munmap"};
-constinit next_function<int(int)>                                   next_iopl{"iopl"};
-constinit next_function<int(const char *)>                          next_system{"system"};
-constinit next_function<int(const char *)>                          next_unlink{"unlink"};
-constinit next_function<int(const char *)>                          next_remove{"remove"};
-constinit next_function<int(const char *)>                          next_rmdir{"rmdir"};
-constinit next_function<int(const char *)>                          next_chdir{"chdir"};
-constinit next_function<int(const char *, mode_t)>                  next_mkdir{"mkdir"};
-constinit next_function<int(const char *, mode_t)>                  next_chmod{"chmod"};
-constinit next_function<int(const char *, int)>                     next_access{"access"};
-constinit next_function<int(const char *, struct stat *)>           next_stat{"stat"};
-constinit next_function<int(const char *, struct stat64 *)>         next_stat64{"stat64"};
-constinit next_function<int(const char *, struct stat *)>           next_lstat{"lstat"};
-constinit next_function<int(const char *, struct stat64 *)>         next_lstat64{"lstat64"};
-constinit next_function<DIR *(const char *)>                        next_opendir{"opendir"};
-constinit next_function<ssize_t(const char *, const char *, void *, size_t)> next_getxattr{"getxattr"};
-constinit next_function<ssize_t(const char *, const char *, void *, size_t)> next_lgetxattr{"lgetxattr"};
-constinit next_function<ssize_t(const char *, char *, size_t)>      next_listxattr{"listxattr"};
-constinit next_function<ssize_t(const char *, char *, size_t)>      next_llistxattr{"llistxattr"};
-constinit next_function<int(int, const char *, int)>                next_unlinkat{"unlinkat"};
-constinit next_function<int(int, const char *, mode_t)>             next_mkdirat{"mkdirat"};
-constinit next_function<int(int, const char *, int, const char *, unsigned)> next_renameat2{"renameat2"};
-constinit next_function<int(int, const char *, int, int)>           next_faccessat{"faccessat"};
-constinit next_function<int(int, const char *, struct stat *, int)> next_fstatat{"fstatat"};
-constinit next_function<int(int, const char *, struct stat64 *, int)> next_fstatat64{"fstatat64"};
-constinit next_function<int(int, const char *, int, unsigned, struct statx *)> next_statx{"statx"};
-// clang-format on
 
 int rename_any(int from_dir, const char *from, int to_dir, const char *to, unsigned flags) {
-  const auto source = board_path(from, true);
-  const auto target = board_path(to, true);
+  const auto source = board_path(from_dir, from, intent::change);
+  const auto target = board_path(to_dir, to, intent::change);
   const int error = source && source->error != 0 ? source->error : target ? target->error : 0;
   if (error != 0) return sim::fail(error);
-  return next_renameat2.get()(from_dir, source ? source->path.c_str() : from, to_dir,
-                              target ? target->path.c_str() : to, flags);
+  return next<"renameat2">(renameat2)(from_dir, source ? source->path.c_str() : from, to_dir,
+                                      target ? target->path.c_str() : to, flags);
+}
+
+void *map_any(void *addr, size_t length, int prot, int flags, int fd, off64_t offset) {
+  if ((flags & MAP_ANONYMOUS) == 0)
+    if (const auto at = sim::device_mmap(length, prot, flags, fd, static_cast<uint64_t>(offset))) return *at;
+  return next<"mmap64">(mmap64)(addr, length, prot, flags, fd, offset);
+}
+
+// A command runs in the real shell, which meets the board by the command's text and its environment.
+template <class F>
+auto in_shell(const sim::options &opts, const char *command, F run) {
+  const auto text = sim::redirect_command(opts, command);
+  auto environment = sim::shell_environment(opts);
+  char **const own = environ;
+  environ = environment.pointers();
+  const auto result = run(text.c_str());
+  environ = own;
+  return result;
+}
+
+// --- Programs. The caller may have come by vfork: what an exec leaves allocated is lost to its parent.
+
+using program_path = std::array<char, PATH_MAX>;
+
+// Where a program stands, looked for in PATH or not. Returns 0 or an errno value.
+int locate(const char *name, bool search, program_path *place) {
+  const auto &opts = *sim::board_options();
+  const auto found = search ? sim::find_program(opts, name) : sim::board_place(opts, name);
+  if (found.empty()) return ENOENT;
+  if (found.size() >= place->size()) return ENAMETOOLONG;
+  std::copy_n(found.c_str(), found.size() + 1, place->begin());
+  return sim::program_error(found);
+}
+
+int exec_at(const char *place, char *const *argv, char *const *envp) {
+  if (sim::brings_board(envp)) return next<"execve">(execve)(place, argv, envp);
+  auto environment = sim::with_board(envp, *sim::board_options());
+  return next<"execve">(execve)(place, argv, environment.pointers());
+}
+
+// A file that the kernel does not take for a program is one of the shell's, when it was looked for as a command is.
+int exec_by_shell(const char *place, char *const *argv, char *const *envp) {
+  std::vector<char *> words{const_cast<char *>("/bin/sh"), const_cast<char *>(place)};
+  for (auto *const *word = argv; *word != nullptr && *++word != nullptr;)
+    words.push_back(*word);
+  words.push_back(nullptr);
+  const int error = sim::program_error(words[0]);
+  return error != 0 ? sim::fail(error) : exec_at(words[0], words.data(), envp);
+}
+
+int exec_any(const char *name, char *const *argv, char *const *envp, bool search) {
+  if (sim::board_options() == nullptr)
+    return search ? next<"execvpe">(execvpe)(name, argv, envp) : next<"execve">(execve)(name, argv, envp);
+  program_path place;
+  const int error = locate(name, search, &place);
+  if (error == ENOEXEC && search) return exec_by_shell(place.data(), argv, envp);
+  return error != 0 ? sim::fail(error) : exec_at(place.data(), argv, envp);
+}
+
+using spawn_function = decltype(&posix_spawn);
+
+int spawn_any(spawn_function plain, pid_t *pid, const char *name, const posix_spawn_file_actions_t *actions,
+              const posix_spawnattr_t *attributes, char *const *argv, char *const *envp, bool search) {
+  const auto *const opts = sim::board_options();
+  if (opts == nullptr) return plain(pid, name, actions, attributes, argv, envp);
+  program_path place;
+  if (const int error = locate(name, search, &place)) return error;
+  auto environment = sim::brings_board(envp) ? sim::environment(envp) : sim::with_board(envp, *opts);
+  return next<"posix_spawn">(posix_spawn)(pid, place.data(), actions, attributes, argv, environment.pointers());
+}
+
+// The arguments of the forms that take them one by one, with the null behind them.
+std::vector<char *> argument_list(const char *first, va_list &args) {
+  std::vector<char *> list{const_cast<char *>(first)};
+  while (list.back() != nullptr)
+    list.push_back(va_arg(args, char *));
+  return list;
 }
 
 }  // namespace
@@ -164,237 +218,160 @@ int rename_any(int from_dir, const char *from, int to_dir, const char *to, unsig
 extern "C" {
 #pragma GCC visibility push(default)
 
+// What the headers declare to fortified programs alone.
+int __open_2(const char *path, int flags);
+int __openat_2(int dir, const char *path, int flags);
+ssize_t __read_chk(int fd, void *to, size_t length, size_t room);
+
+// --- Opening. Forms for large files are the same.
+
+int open(const char *path, int flags, ...) {
+  va_list args;
+  va_start(args, flags);
+  const int fd = open_any(AT_FDCWD, path, flags, mode_of(flags, args));
+  va_end(args);
+  return fd;
+}
+int openat(int dir, const char *path, int flags, ...) {
+  va_list args;
+  va_start(args, flags);
+  const int fd = open_any(dir, path, flags, mode_of(flags, args));
+  va_end(args);
+  return fd;
+}
 // clang-format off
-int board_open(const char *path, int flags, ...)                   __asm__("open");
-int board_open64(const char *path, int flags, ...)                 __asm__("open64");
-int board_openat(int dir, const char *path, int flags, ...)        __asm__("openat");
-int board_openat64(int dir, const char *path, int flags, ...)      __asm__("openat64");
-int board_open_2(const char *path, int flags)                      __asm__("__open_2");
-int board_open64_2(const char *path, int flags)                    __asm__("__open64_2");
-int board_openat_2(int dir, const char *path, int flags)           __asm__("__openat_2");
-int board_openat64_2(int dir, const char *path, int flags)         __asm__("__openat64_2");
-int board_creat(const char *path, mode_t mode)                     __asm__("creat");
-int board_creat64(const char *path, mode_t mode)                   __asm__("creat64");
-FILE *board_fopen(const char *path, const char *mode)              __asm__("fopen");
-FILE *board_fopen64(const char *path, const char *mode)            __asm__("fopen64");
-FILE *board_freopen(const char *path, const char *mode, FILE *f)   __asm__("freopen");
-FILE *board_freopen64(const char *path, const char *mode, FILE *f) __asm__("freopen64");
-int board_close(int fd)                                            __asm__("close");
-int board_ioctl(int fd, unsigned long request, ...)                __asm__("ioctl");
-void *board_mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset)     __asm__("mmap");
-void *board_mmap64(void *addr, size_t length, int prot, int flags, int fd, off64_t offset) __asm__("mmap64");
-int board_munmap(void *addr, size_t length)                        __asm__("munmap");
-int board_iopl(int level)                                          __asm__("iopl");
-int board_system(const char *command)                              __asm__("system");
-int board_unlink(const char *path)                                 __asm__("unlink");
-int board_remove(const char *path)                                 __asm__("remove");
-int board_rmdir(const char *path)                                  __asm__("rmdir");
-int board_chdir(const char *path)                                  __asm__("chdir");
-int board_mkdir(const char *path, mode_t mode)                     __asm__("mkdir");
-int board_chmod(const char *path, mode_t mode)                     __asm__("chmod");
-int board_access(const char *path, int mode)                       __asm__("access");
-int board_stat(const char *path, struct stat *st)                  __asm__("stat");
-int board_stat64(const char *path, struct stat64 *st)              __asm__("stat64");
-int board_lstat(const char *path, struct stat *st)                 __asm__("lstat");
-int board_lstat64(const char *path, struct stat64 *st)             __asm__("lstat64");
-DIR *board_opendir(const char *path)                               __asm__("opendir");
-ssize_t board_getxattr(const char *path, const char *name, void *value, size_t size)  __asm__("getxattr");
-ssize_t board_lgetxattr(const char *path, const char *name, void *value, size_t size) __asm__("lgetxattr");
-ssize_t board_listxattr(const char *path, char *list, size_t size)  __asm__("listxattr");
-ssize_t board_llistxattr(const char *path, char *list, size_t size) __asm__("llistxattr");
-int board_unlinkat(int dir, const char *path, int flags)           __asm__("unlinkat");
-int board_mkdirat(int dir, const char *path, mode_t mode)          __asm__("mkdirat");
-int board_rename(const char *from, const char *to)                 __asm__("rename");
-int board_renameat(int from_dir, const char *from, int to_dir, const char *to) __asm__("renameat");
-int board_renameat2(int from_dir, const char *from, int to_dir, const char *to, unsigned flags) __asm__("renameat2");
-int board_faccessat(int dir, const char *path, int mode, int flags) __asm__("faccessat");
-int board_fstatat(int dir, const char *path, struct stat *st, int flags)     __asm__("fstatat");
-int board_fstatat64(int dir, const char *path, struct stat64 *st, int flags) __asm__("fstatat64");
-int board_statx(int dir, const char *path, int flags, unsigned mask, struct statx *st) __asm__("statx");
+int __open_2(const char *path, int flags)            { return open_any(AT_FDCWD, path, flags, 0); }
+int __openat_2(int dir, const char *path, int flags) { return open_any(dir, path, flags, 0); }
+int creat(const char *path, mode_t mode)             { return open_any(AT_FDCWD, path, O_CREAT | O_WRONLY | O_TRUNC, mode); }
+FILE *fopen(const char *path, const char *mode)            { return stream<"fopen64">(fopen, path, mode); }
+FILE *freopen(const char *path, const char *mode, FILE *f) { return stream<"freopen64">(freopen, path, mode, f); }
+
+int open64(const char *path, int flags, ...)           __attribute__((alias("open")));
+int openat64(int dir, const char *path, int flags, ...) __attribute__((alias("openat")));
+int __open64_2(const char *path, int flags)            __attribute__((alias("__open_2")));
+int __openat64_2(int dir, const char *path, int flags) __attribute__((alias("__openat_2")));
+int creat64(const char *path, mode_t mode)             __attribute__((alias("creat")));
+FILE *fopen64(const char *path, const char *mode)      __attribute__((alias("fopen")));
+FILE *freopen64(const char *path, const char *mode, FILE *f) __attribute__((alias("freopen")));
+
+// --- Paths.
+
+int stat(const char *path, struct stat *st) noexcept     { return by_path<"stat">(stat, intent::ask, path, st); }
+int stat64(const char *path, struct stat64 *st) noexcept { return by_path<"stat64">(stat64, intent::ask, path, st); }
+int lstat(const char *path, struct stat *st) noexcept    { return by_path<"lstat">(lstat, intent::ask, path, st); }
+int lstat64(const char *path, struct stat64 *st) noexcept { return by_path<"lstat64">(lstat64, intent::ask, path, st); }
+int fstatat(int dir, const char *path, struct stat *st, int flags) noexcept { return by_path_at<"fstatat">(fstatat, intent::ask, dir, path, st, flags); }
+int fstatat64(int dir, const char *path, struct stat64 *st, int flags) noexcept { return by_path_at<"fstatat64">(fstatat64, intent::ask, dir, path, st, flags); }
+int statx(int dir, const char *path, int flags, unsigned mask, struct statx *st) noexcept { return by_path_at<"statx">(statx, intent::ask, dir, path, flags, mask, st); }
+int access(const char *path, int mode) noexcept          { return by_path<"access">(access, access_intent(mode), path, mode); }
+int eaccess(const char *path, int mode) noexcept         { return by_path<"eaccess">(eaccess, access_intent(mode), path, mode); }
+int faccessat(int dir, const char *path, int mode, int flags) noexcept { return by_path_at<"faccessat">(faccessat, access_intent(mode), dir, path, mode, flags); }
+char *realpath(const char *path, char *to) noexcept      { return by_path<"realpath">(realpath, intent::ask, path, to); }
+// ls -l asks for attributes.
+ssize_t getxattr(const char *path, const char *name, void *value, size_t size) noexcept  { return by_path<"getxattr">(getxattr, intent::ask, path, name, value, size); }
+ssize_t lgetxattr(const char *path, const char *name, void *value, size_t size) noexcept { return by_path<"lgetxattr">(lgetxattr, intent::ask, path, name, value, size); }
+ssize_t listxattr(const char *path, char *list, size_t size) noexcept  { return by_path<"listxattr">(listxattr, intent::ask, path, list, size); }
+ssize_t llistxattr(const char *path, char *list, size_t size) noexcept { return by_path<"llistxattr">(llistxattr, intent::ask, path, list, size); }
+DIR *opendir(const char *path)                           { return by_path<"opendir">(opendir, intent::use, path); }
+int chdir(const char *path) noexcept                     { return by_path<"chdir">(chdir, intent::use, path); }
+int mkdir(const char *path, mode_t mode) noexcept        { return by_path<"mkdir">(mkdir, intent::change, path, mode); }
+int rmdir(const char *path) noexcept                     { return by_path<"rmdir">(rmdir, intent::change, path); }
+int unlink(const char *path) noexcept                    { return by_path<"unlink">(unlink, intent::change, path); }
+int remove(const char *path) noexcept                    { return by_path<"remove">(remove, intent::change, path); }
+int unlinkat(int dir, const char *path, int flags) noexcept { return by_path_at<"unlinkat">(unlinkat, intent::change, dir, path, flags); }
+int rename(const char *from, const char *to) noexcept    { return rename_any(AT_FDCWD, from, AT_FDCWD, to, 0); }
+int renameat(int from_dir, const char *from, int to_dir, const char *to) noexcept { return rename_any(from_dir, from, to_dir, to, 0); }
+int renameat2(int from_dir, const char *from, int to_dir, const char *to, unsigned flags) noexcept { return rename_any(from_dir, from, to_dir, to, flags); }
+
+// --- Programs.
+
+int execve(const char *path, char *const argv[], char *const envp[]) noexcept  { return exec_any(path, argv, envp, false); }
+int execv(const char *path, char *const argv[]) noexcept                       { return exec_any(path, argv, environ, false); }
+int execvp(const char *name, char *const argv[]) noexcept                      { return exec_any(name, argv, environ, true); }
+int execvpe(const char *name, char *const argv[], char *const envp[]) noexcept { return exec_any(name, argv, envp, true); }
 // clang-format on
-
-int board_open(const char *path, int flags, ...) {
+int execl(const char *path, const char *arg, ...) noexcept {
   va_list args;
-  va_start(args, flags);
-  const mode_t mode = mode_of(flags, args);
+  va_start(args, arg);
+  const int result = exec_any(path, argument_list(arg, args).data(), environ, false);
   va_end(args);
-  return open_any(AT_FDCWD, path, flags, mode);
+  return result;
 }
-
-int board_open64(const char *path, int flags, ...) {
+int execlp(const char *name, const char *arg, ...) noexcept {
   va_list args;
-  va_start(args, flags);
-  const mode_t mode = mode_of(flags, args);
+  va_start(args, arg);
+  const int result = exec_any(name, argument_list(arg, args).data(), environ, true);
   va_end(args);
-  return open_any(AT_FDCWD, path, flags | O_LARGEFILE, mode);
+  return result;
 }
-
-int board_openat(int dir, const char *path, int flags, ...) {
+int execle(const char *path, const char *arg, ...) noexcept {
   va_list args;
-  va_start(args, flags);
-  const mode_t mode = mode_of(flags, args);
+  va_start(args, arg);
+  const auto list = argument_list(arg, args);
+  const int result = exec_any(path, list.data(), va_arg(args, char **), false);
   va_end(args);
-  return open_any(dir, path, flags, mode);
+  return result;
 }
 
-int board_openat64(int dir, const char *path, int flags, ...) {
-  va_list args;
-  va_start(args, flags);
-  const mode_t mode = mode_of(flags, args);
-  va_end(args);
-  return open_any(dir, path, flags | O_LARGEFILE, mode);
+int posix_spawn(pid_t *pid, const char *path, const posix_spawn_file_actions_t *actions,
+                const posix_spawnattr_t *attributes, char *const argv[], char *const envp[]) {
+  return spawn_any(next<"posix_spawn">(posix_spawn), pid, path, actions, attributes, argv, envp, false);
+}
+int posix_spawnp(pid_t *pid, const char *name, const posix_spawn_file_actions_t *actions,
+                 const posix_spawnattr_t *attributes, char *const argv[], char *const envp[]) {
+  return spawn_any(next<"posix_spawnp">(posix_spawnp), pid, name, actions, attributes, argv, envp, true);
 }
 
-int board_open_2(const char *path, int flags) {
-  return open_any(AT_FDCWD, path, flags, 0);
+int system(const char *command) {
+  const auto *const opts = sim::board_options();
+  const auto run = next<"system">(system);
+  return opts == nullptr || command == nullptr ? run(command) : in_shell(*opts, command, run);
 }
-int board_open64_2(const char *path, int flags) {
-  return open_any(AT_FDCWD, path, flags | O_LARGEFILE, 0);
-}
-int board_openat_2(int dir, const char *path, int flags) {
-  return open_any(dir, path, flags, 0);
-}
-int board_openat64_2(int dir, const char *path, int flags) {
-  return open_any(dir, path, flags | O_LARGEFILE, 0);
-}
-
-int board_creat(const char *path, mode_t mode) {
-  return open_any(AT_FDCWD, path, O_CREAT | O_WRONLY | O_TRUNC, mode);
-}
-int board_creat64(const char *path, mode_t mode) {
-  return open_any(AT_FDCWD, path, O_CREAT | O_WRONLY | O_TRUNC | O_LARGEFILE, mode);
+FILE *popen(const char *command, const char *mode) {
+  const auto *const opts = sim::board_options();
+  const auto run = next<"popen">(popen);
+  if (opts == nullptr) return run(command, mode);
+  return in_shell(*opts, command, [&](const char *text) { return run(text, mode); });
 }
 
-FILE *board_fopen(const char *path, const char *mode) {
-  return by_path<FILE *>(next_fopen, nullptr, is_writing(mode), path, mode);
-}
-FILE *board_fopen64(const char *path, const char *mode) {
-  return by_path<FILE *>(next_fopen64, nullptr, is_writing(mode), path, mode);
-}
-FILE *board_freopen(const char *path, const char *mode, FILE *f) {
-  return by_path<FILE *>(next_freopen, nullptr, is_writing(mode), path, mode, f);
-}
-FILE *board_freopen64(const char *path, const char *mode, FILE *f) {
-  return by_path<FILE *>(next_freopen64, nullptr, is_writing(mode), path, mode, f);
-}
+// --- Devices.
 
-int board_close(int fd) {
-  sim::device_close(fd);
-  return next_close.get()(fd);
-}
-
-int board_ioctl(int fd, unsigned long request, ...) {
+int ioctl(int fd, unsigned long request, ...) noexcept {
   va_list args;
   va_start(args, request);
   void *const arg = va_arg(args, void *);
   va_end(args);
   const auto result = sim::device_ioctl(fd, request, arg);
-  return result ? *result : next_ioctl.get()(fd, request, arg);
+  return result ? *result : next<"ioctl">(ioctl)(fd, request, arg);
 }
 
-void *board_mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset) {
+ssize_t read(int fd, void *to, size_t length) {
+  const auto result = sim::device_transfer(fd, true, to, length);
+  return result ? *result : next<"read">(read)(fd, to, length);
+}
+ssize_t __read_chk(int fd, void *to, size_t length, size_t room) {
+  const auto result = sim::device_transfer(fd, true, to, std::min(length, room));
+  return result ? *result : next<"__read_chk">(__read_chk)(fd, to, length, room);
+}
+ssize_t write(int fd, const void *from, size_t length) {
+  const auto result = sim::device_transfer(fd, false, const_cast<void *>(from), length);
+  return result ? *result : next<"write">(write)(fd, from, length);
+}
+
+void *mmap64(void *addr, size_t length, int prot, int flags, int fd, off64_t offset) noexcept {
+  return map_any(addr, length, prot, flags, fd, offset);
+}
+void *mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset) noexcept {
   // Above 2 GiB a 32-bit offset looks negative.
-  return map_any(next_mmap64, addr, length, prot, flags, fd, static_cast<off64_t>(static_cast<unsigned long>(offset)));
+  return map_any(addr, length, prot, flags, fd, static_cast<off64_t>(static_cast<unsigned long>(offset)));
 }
-void *board_mmap64(void *addr, size_t length, int prot, int flags, int fd, off64_t offset) {
-  return map_any(next_mmap64, addr, length, prot, flags, fd, offset);
-}
-int board_munmap(void *addr, size_t length) {
-  if (sim::device_munmap(addr, length)) return 0;
-  return next_munmap.get()(addr, length);
+int munmap(void *addr, size_t length) noexcept {
+  return sim::device_munmap(addr, length) ? 0 : next<"munmap">(munmap)(addr, length);
 }
 
-int board_iopl(int level) {
+int iopl(int level) noexcept {
   const auto result = sim::device_iopl(level);
-  return result ? *result : next_iopl.get()(level);
-}
-
-// The command runs in the real shell, which meets the board by the command's text and its environment.
-int board_system(const char *command) {
-  const auto *const opts = sim::board_options();
-  if (opts == nullptr || command == nullptr) return next_system.get()(command);
-  const auto text = sim::redirect_command(*opts, command);
-  char **const own = environ;
-  environ = sim::shell_environment();
-  const int status = next_system.get()(text.c_str());
-  environ = own;
-  return status;
-}
-
-int board_unlink(const char *path) {
-  return by_path(next_unlink, -1, true, path);
-}
-int board_remove(const char *path) {
-  return by_path(next_remove, -1, true, path);
-}
-int board_rmdir(const char *path) {
-  return by_path(next_rmdir, -1, true, path);
-}
-int board_chdir(const char *path) {
-  return by_path(next_chdir, -1, false, path);
-}
-int board_mkdir(const char *path, mode_t mode) {
-  return by_path(next_mkdir, -1, true, path, mode);
-}
-int board_chmod(const char *path, mode_t mode) {
-  return by_path(next_chmod, -1, true, path, mode);
-}
-int board_access(const char *path, int mode) {
-  return by_path(next_access, -1, (mode & W_OK) != 0, path, mode);
-}
-int board_stat(const char *path, struct stat *st) {
-  return by_asked_path(next_stat, path, st);
-}
-int board_stat64(const char *path, struct stat64 *st) {
-  return by_asked_path(next_stat64, path, st);
-}
-int board_lstat(const char *path, struct stat *st) {
-  return by_asked_path(next_lstat, path, st);
-}
-int board_lstat64(const char *path, struct stat64 *st) {
-  return by_asked_path(next_lstat64, path, st);
-}
-DIR *board_opendir(const char *path) {
-  return by_path<DIR *>(next_opendir, nullptr, false, path);
-}
-ssize_t board_getxattr(const char *path, const char *name, void *value, size_t size) {
-  return by_asked_path(next_getxattr, path, name, value, size);
-}
-ssize_t board_lgetxattr(const char *path, const char *name, void *value, size_t size) {
-  return by_asked_path(next_lgetxattr, path, name, value, size);
-}
-ssize_t board_listxattr(const char *path, char *list, size_t size) {
-  return by_asked_path(next_listxattr, path, list, size);
-}
-ssize_t board_llistxattr(const char *path, char *list, size_t size) {
-  return by_asked_path(next_llistxattr, path, list, size);
-}
-int board_unlinkat(int dir, const char *path, int flags) {
-  return by_path_at(next_unlinkat, true, dir, path, flags);
-}
-int board_mkdirat(int dir, const char *path, mode_t mode) {
-  return by_path_at(next_mkdirat, true, dir, path, mode);
-}
-int board_rename(const char *from, const char *to) {
-  return rename_any(AT_FDCWD, from, AT_FDCWD, to, 0);
-}
-int board_renameat(int from_dir, const char *from, int to_dir, const char *to) {
-  return rename_any(from_dir, from, to_dir, to, 0);
-}
-int board_renameat2(int from_dir, const char *from, int to_dir, const char *to, unsigned flags) {
-  return rename_any(from_dir, from, to_dir, to, flags);
-}
-int board_faccessat(int dir, const char *path, int mode, int flags) {
-  return by_path_at(next_faccessat, (mode & W_OK) != 0, dir, path, mode, flags);
-}
-int board_fstatat(int dir, const char *path, struct stat *st, int flags) {
-  return by_asked_path_at(next_fstatat, dir, path, st, flags);
-}
-int board_fstatat64(int dir, const char *path, struct stat64 *st, int flags) {
-  return by_asked_path_at(next_fstatat64, dir, path, st, flags);
-}
-int board_statx(int dir, const char *path, int flags, unsigned mask, struct statx *st) {
-  return by_asked_path_at(next_statx, dir, path, flags, mask, st);
+  return result ? *result : next<"iopl">(iopl)(level);
 }
 
 #pragma GCC visibility pop

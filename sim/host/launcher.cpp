@@ -1,14 +1,9 @@
 // launcher.cpp: board-sim, which runs a program on the simulated board; and, under the name ethtool, that command of
 // the board.
-#include <dlfcn.h>
-#include <sys/prctl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -18,10 +13,15 @@
 #include "sim/board/board.h"
 #include "sim/board/options.h"
 #include "sim/devices/ethtool.h"
+#include "sim/host/children.h"
 #include "sim/host/cpuinfo.h"
 #include "sim/host/files.h"
 #include "sim/host/lock_holder.h"
+#include "sim/host/preload_list.h"
+#include "sim/host/programs.h"
 #include "sim/host/real.h"
+#include "sim/host/run.h"
+#include "sim/host/state_directory.h"
 
 namespace {
 
@@ -41,13 +41,13 @@ constexpr const char *example_text =
     "  board-sim --state board -- -s                      keep what the run leaves\n"
     "  board-sim -- /bin/sh                               look around\n";
 
-int fail(const std::string &what) {
+int fail(const std::string &what, int status = exit_usage) {
   (void)std::fprintf(stderr, "board-sim: %s\n", what.c_str());
-  return exit_usage;
+  return status;
 }
 
-int fail_os(const std::string &what) {
-  return fail(what + ": " + std::strerror(errno));
+int fail_to_run(const std::string &program, int error) {
+  return fail(program + ": " + std::strerror(error), error == ENOENT ? exit_not_found : exit_not_executable);
 }
 
 void list_faults() {
@@ -55,151 +55,25 @@ void list_faults() {
     (void)std::printf("%s%s%s\n    %s\n", row.name, *row.parms == '\0' ? "" : " ", row.parms, row.what);
 }
 
-std::string absolute(const std::string &path) {
-  if (path.starts_with('/')) return path;
-  char *const here = getcwd(nullptr, 0);
-  const std::string whole = std::string(here == nullptr ? "" : here) + "/" + path;
-  std::free(here);
-  return whole;
+// Files in the place of closed standard descriptors would get what is written there. The program finds them closed.
+void fill_standard_descriptors() {
+  int fd = -1;
+  do {
+    fd = open("/dev/null", O_RDWR | O_CLOEXEC);
+  } while (fd >= 0 && fd <= STDERR_FILENO);
+  if (fd >= 0) (void)close(fd);
 }
 
-// The state directory: the one that was asked for, or a temporary one that goes with the run.
-class state_directory {
- public:
-  state_directory() = default;
-  state_directory(const state_directory &) = delete;
-  state_directory &operator=(const state_directory &) = delete;
-  ~state_directory() {
-    if (m_temporary) (void)sim::remove_tree(m_path);
-  }
-
-  bool use(const std::string &asked) {
-    m_path = asked;
-    if (!asked.empty()) return sim::make_directories(asked) && access(asked.c_str(), W_OK) == 0;
-    const char *const base = std::getenv("TMPDIR");
-    m_path = absolute(base == nullptr || *base == '\0' ? "/tmp" : base) + "/board-sim-XXXXXX";
-    m_temporary = mkdtemp(m_path.data()) != nullptr;
-    return m_temporary;
-  }
-  [[nodiscard]] const std::string &path() const { return m_path; }
-
- private:
-  std::string m_path;
-  bool m_temporary = false;
-};
-
-bool is_executable(const std::string &path) {
-  struct stat st {};
-  return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && access(path.c_str(), X_OK) == 0;
-}
-
-// Where the shell would find a program: the path as it stands, or the first match in PATH. "" if nowhere.
-std::string find_program(const std::string &name) {
-  if (name.find('/') != std::string::npos) return name;
-  const char *const path = std::getenv("PATH");
-  std::string_view rest = path == nullptr ? "/bin:/usr/bin" : path;
-  while (!rest.empty()) {
-    const auto end = std::min(rest.find(':'), rest.size());
-    const auto candidate = std::string(rest.substr(0, end)) + "/" + name;
-    if (is_executable(candidate)) return candidate;
-    rest.remove_prefix(std::min(end + 1, rest.size()));
-  }
-  return "";
-}
-
-// The loader leaves a library of the other word size out, and the program would meet the real machine. A script is
-// judged by its interpreter, which may be a script; the kernel refuses more than a few in a row.
-bool has_own_word_size(const std::string &path, int scripts = 0) {
-  char head[256] = "";
-  const sim::file in{sim::sys::open(path.c_str(), O_RDONLY | O_CLOEXEC)};
-  const auto length = read(in.fd(), head, sizeof(head) - 1);
-  constexpr char own_class = sizeof(void *) == 8 ? 2 : 1;
-  if (length > 4 && std::memcmp(head, "\177ELF", 4) == 0) return head[4] == own_class;
-  if (length < 3 || std::memcmp(head, "#!", 2) != 0 || scripts > 4) return true;
-  const char *const interpreter = head + 2 + std::strspn(head + 2, " \t");
-  return has_own_word_size(std::string(interpreter, std::strcspn(interpreter, " \t\n")), scripts + 1);
-}
-
-// The running program. Signals that end a run are handed on to it.
-volatile pid_t child = 0;
-
-void hand_on(int signal, siginfo_t *info, void *) {
-  // The terminal has sent its signals to the whole group already.
-  if (info->si_code <= 0 && child > 0) (void)kill(child, signal);
-}
-
-void hand_on_signals() {
-  struct sigaction act {};
-  act.sa_sigaction = hand_on;
-  act.sa_flags = SA_SIGINFO | SA_RESTART;
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP})
-    (void)sigaction(signal, &act, nullptr);
-}
-
-// What has to be loaded first. A sanitizer's library wants to be before all others.
-std::string preload_list(const std::string &library) {
-  std::string list = library;
-  Dl_info info{};
-  if (void *const sanitizer = dlsym(RTLD_DEFAULT, "__asan_init"))
-    if (dladdr(sanitizer, &info) != 0 && std::strstr(info.dli_fname, ".so") != nullptr)
-      list = std::string(info.dli_fname) + ":" + list;
-  if (const char *const others = std::getenv("LD_PRELOAD")) list += std::string(":") + others;
-  return list;
-}
-
-[[noreturn]] void run_child(const std::string &program, const std::vector<std::string> &arguments, const sigset_t &mask,
-                            int told) {
-  (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP})
-    (void)std::signal(signal, SIG_DFL);
-  (void)sigprocmask(SIG_SETMASK, &mask, nullptr);
-  std::vector<char *> argv{const_cast<char *>(program.c_str())};
-  for (const auto &argument : arguments)
-    argv.push_back(const_cast<char *>(argument.c_str()));
-  argv.push_back(nullptr);
-  (void)execv(program.c_str(), argv.data());
-  const int error = errno;
-  (void)!write(told, &error, sizeof(error));
-  _exit(exit_not_found);
-}
-
-// Runs the program to its end. Returns its exit status, 128 and the signal's number if a signal ended it.
-int run(const std::string &program, const std::vector<std::string> &arguments) {
-  int ends[2];
-  if (pipe2(ends, O_CLOEXEC) != 0) return fail_os("pipe");
-  sigset_t all{};
-  sigset_t before{};
-  (void)sigfillset(&all);
-  (void)sigprocmask(SIG_BLOCK, &all, &before);
-  hand_on_signals();
-  const pid_t pid = fork();
-  if (pid == 0) run_child(program, arguments, before, ends[1]);
-  child = pid;
-  (void)sigprocmask(SIG_SETMASK, &before, nullptr);
-  (void)close(ends[1]);
-  if (pid < 0) return fail_os("fork");
-
-  int error = 0;
-  const bool failed = read(ends[0], &error, sizeof(error)) == sizeof(error);
-  (void)close(ends[0]);
-  int status = 0;
-  while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
-  }
-  if (failed) {
-    (void)std::fprintf(stderr, "board-sim: %s: %s\n", program.c_str(), std::strerror(error));
-    return error == ENOENT ? exit_not_found : exit_not_executable;
-  }
-  if (WIFEXITED(status)) return WEXITSTATUS(status);
-  const int signal = WTERMSIG(status);
-  (void)std::fprintf(stderr, "board-sim: %s was ended by signal %d (%s)\n", program.c_str(), signal, strsignal(signal));
-  return exit_signal + signal;
-}
-
-void end_holders(const std::vector<pid_t> &holders) {
-  for (const auto pid : holders) {
-    (void)kill(pid, SIGKILL);
-    (void)waitpid(pid, nullptr, 0);
-  }
+// Empties the log, or begins to write to what is no plain file. It stays open here: whoever reads a FIFO then sees no
+// end before the run has one.
+bool begin_trace(sim::options *opts, sim::file *trace, std::string *error) {
+  if (opts->trace.empty()) return true;
+  const auto path = sim::absolute_path(opts->trace, error);
+  if (!path) return false;
+  opts->trace = *path;
+  *trace = sim::file(sim::sys::open(path->c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC));
+  if (!trace->is_open()) *error = sim::os_error(*path);
+  return trace->is_open();
 }
 
 void show_result(const std::string &state) {
@@ -207,43 +81,51 @@ void show_result(const std::string &state) {
   if (records) (void)std::fwrite(records->data(), 1, records->size(), stdout);
 }
 
-int run_on_board(sim::command *cmd) {
-  const auto wrong = sim::board_check(cmd->opts);
-  if (!wrong.empty()) return fail(wrong);
-  if (!cmd->opts.state.empty()) cmd->opts.state = absolute(cmd->opts.state);
-  if (!cmd->opts.trace.empty()) {
-    cmd->opts.trace = absolute(cmd->opts.trace);
-  }
-  // Open until the end: a pipe's reader sees one writer.
-  const sim::file log(
-      cmd->opts.trace.empty() ? -1 : sim::sys::open(cmd->opts.trace.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC));
-  if (!cmd->opts.trace.empty() && !log.is_open()) return fail_os(cmd->opts.trace);
-  state_directory state;
-  if (!state.use(cmd->opts.state)) return fail_os(state.path());
-  cmd->opts.state = state.path();
+int report(const std::string &program, const sim::run_end &end) {
+  if (end.error != 0) return fail_to_run(program, end.error);
+  if (end.signal == 0) return end.status;
+  return fail(program + " was ended by signal " + std::to_string(end.signal) + " (" + strsignal(end.signal) + ")",
+              exit_signal + end.signal);
+}
 
-  const auto own = sim::own_directory();
-  const auto program = cmd->program.empty() ? own + "/post" : find_program(cmd->program);
-  if (program.empty()) {
-    (void)fail(cmd->program + ": not found in PATH");
-    return exit_not_found;
-  }
-  if (!has_own_word_size(program)) {
-    (void)fail(program + ": this board runs " + (sizeof(void *) == 8 ? "64" : "32") + "-bit programs only");
-    return exit_not_executable;
-  }
-  const auto library = own.substr(0, own.rfind('/')) + "/lib/libboard_sim.so";
-  if (access(library.c_str(), R_OK) != 0) return fail_os(library);
+// Runs the program, once it is sure that it will be on the board.
+int run_with_library(const sim::command &cmd, const std::string &program) {
+  const auto check = sim::check_program(program);
+  if (check.error != 0) return fail_to_run(program, check.error);
+  if (!check.refusal.empty()) return fail(check.refusal);
+  sim::preload_list preload;
   std::string error;
-  const auto holders = sim::lock_holders_start(cmd->opts, &error);
+  const auto own = sim::own_directory();
+  if (!preload.make(own.substr(0, own.rfind('/')) + "/lib/libboard_sim.so", &error)) return fail(error);
+  (void)setenv("LD_PRELOAD", preload.text().c_str(), 1);
+  (void)setenv(sim::options_variable, sim::options_format(cmd.opts).c_str(), 1);
+  if (!sim::loader_takes(check.image, preload.library()))
+    return fail(program + ": the loader does not load " + preload.library() + " into it");
+  const auto holders = sim::lock_holders_start(cmd.opts, &error);
   if (!holders) return fail(error);
+  const auto end = sim::run_program(program, cmd.arguments);
+  sim::end_children();
+  return report(program, end);
+}
 
-  (void)setenv("LD_PRELOAD", preload_list(library).c_str(), 1);
-  (void)setenv(sim::options_variable, sim::options_format(cmd->opts).c_str(), 1);
-  (void)setenv("BOARD_SIM_TSC_KHZ", std::to_string(sim::tsc_khz()).c_str(), 1);
-  const int status = run(program, cmd->arguments);
-  end_holders(*holders);
-  if (cmd->show_result) show_result(cmd->opts.state);
+int run_on_board(sim::command cmd) {
+  std::string error = sim::board_check(cmd.opts);
+  if (!error.empty()) return fail(error);
+  fill_standard_descriptors();
+  sim::file trace;
+  if (!begin_trace(&cmd.opts, &trace, &error)) return fail(error);
+  sim::take_signals();
+  sim::state_directory state;
+  if (!state.use(cmd.opts.state, &error)) return fail(error);
+  cmd.opts.state = state.path();
+  const auto rate = sim::tsc_khz();
+  if (!sim::make_board_files(cmd.opts, rate, &error)) return fail(error);
+  (void)setenv("BOARD_SIM_TSC_KHZ", std::to_string(rate).c_str(), 1);
+
+  const auto program = cmd.program.empty() ? sim::own_directory() + "/post" : sim::find_program(cmd.opts, cmd.program);
+  if (program.empty()) return fail(cmd.program + ": not found in PATH", exit_not_found);
+  const int status = run_with_library(cmd, program);
+  if (cmd.show_result) show_result(cmd.opts.state);
   return status;
 }
 
@@ -273,5 +155,5 @@ int main(int argc, char **argv) {
     case sim::action::run:
       break;
   }
-  return run_on_board(&*cmd);
+  return run_on_board(*std::move(cmd));
 }

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <csignal>
-#include <cstring>
 
 #include "sim/host/files.h"
 #include "sim/host/real.h"
@@ -60,17 +59,13 @@ std::optional<std::vector<pid_t>> lock_holders_start(const options &opts, std::s
     if (f.id != fault_id::lock_held) continue;
     const auto directory = opts.state + "/var/lock";
     const auto path = lock_path(directory, f);
-    int ends[2];
-    if (!make_directories(directory) || pipe2(ends, O_CLOEXEC) != 0) {
-      *error = directory + ": " + std::strerror(errno);
-      return std::nullopt;
-    }
+    if (!make_directories(directory, error)) return std::nullopt;
+    auto told = make_pipe();
     const pid_t pid = fork();
-    if (pid == 0) hold(path, f.get("ms"), ends[1]);
-    (void)sys::close(ends[1]);
+    if (pid == 0) hold(path, f.get("ms"), told.writing.fd());
+    told.writing.close();
     char answer = 0;
-    const bool held = pid > 0 && ::syscall(SYS_read, ends[0], &answer, 1) == 1 && answer == 1;
-    (void)sys::close(ends[0]);
+    const bool held = pid > 0 && ::syscall(SYS_read, told.reading.fd(), &answer, 1) == 1 && answer == 1;
     if (pid > 0) holders.push_back(pid);
     if (held) continue;
     *error = path + ": cannot be locked";

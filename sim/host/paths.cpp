@@ -4,10 +4,12 @@
 #include <array>
 #include <cerrno>
 #include <charconv>
+#include <climits>
 #include <cstring>
 #include <vector>
 
 #include "sim/board/i2c_board.h"
+#include "sim/host/real.h"
 
 namespace sim {
 
@@ -38,6 +40,9 @@ constexpr std::array path_rows{std::to_array<path_row>({
 // clang-format on
 
 constexpr std::string_view i2c_prefix = "/dev/i2c-";
+
+// Wherever the machine has its own, the board has this one.
+constexpr std::array<std::string_view, 2> ethtool_ends{"/bin/ethtool", "/sbin/ethtool"};
 
 // Characters of a command beside which a path may begin or end.
 constexpr std::string_view delimiters = " \t\n'\"<>|&;()`=:,";
@@ -89,6 +94,18 @@ std::optional<redirection> redirect_i2c(const options &opts, std::string_view pa
   return redirection{place(opts, missing, path), 0, device::i2c, number};
 }
 
+std::optional<redirection> redirect_normal(const options &opts, std::string_view path, bool writing) {
+  if (path.starts_with(i2c_prefix)) return redirect_i2c(opts, path);
+  if (std::ranges::any_of(ethtool_ends, [&](auto end) { return path.ends_with(end); }))
+    return redirection{place(opts, opts.find(id::ethtool_missing) != nullptr, "/bin/ethtool")};
+  const auto *const row = row_of(path);
+  if (row == nullptr) return std::nullopt;
+  redirection to{place(opts, find_fault(opts, row->missing) != nullptr, path), 0, row->device, 0};
+  if (const auto *const f = find_fault(opts, row->failing)) to.error = f->error();
+  if (writing && find_fault(opts, row->read_only) != nullptr) to.error = EROFS;
+  return to;
+}
+
 // Text for a place inside of quotes of the given kind, or outside of any ('\0').
 std::string quoted_for(std::string_view text, char quote) {
   constexpr std::string_view safe = "/_-.+,:@%=ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
@@ -109,15 +126,24 @@ std::string quoted_for(std::string_view text, char quote) {
 }  // namespace
 
 std::optional<redirection> redirect(const options &opts, std::string_view path, bool writing) {
-  if (!path.starts_with('/')) return std::nullopt;
-  const auto clean = normal(path);
-  if (clean.starts_with(i2c_prefix)) return redirect_i2c(opts, clean);
-  const auto *const row = row_of(clean);
-  if (row == nullptr) return std::nullopt;
-  redirection to{place(opts, find_fault(opts, row->missing) != nullptr, clean), 0, row->device, 0};
-  if (const auto *const f = find_fault(opts, row->failing)) to.error = f->error();
-  if (writing && find_fault(opts, row->read_only) != nullptr) to.error = EROFS;
+  std::string whole(path);
+  char here[PATH_MAX];
+  if (!path.empty() && path[0] != '/' && ::syscall(SYS_getcwd, here, sizeof(here)) > 0)
+    whole = std::string(here) + "/" + whole;
+  if (!whole.starts_with('/')) return std::nullopt;
+  const auto clean = normal(whole);
+  // A state directory may lie in a tree of the board. What is in its place there stays in it.
+  if (clean.starts_with(opts.state) && redirect_normal(opts, clean.substr(opts.state.size()), false))
+    return std::nullopt;
+  auto to = redirect_normal(opts, clean, writing);
+  // The way out of a tree of the board does not lead over the machine's.
+  if (!to && row_of(whole) != nullptr) return redirection{clean.empty() ? "/" : clean};
   return to;
+}
+
+std::string board_place(const options &opts, const std::string &path) {
+  const auto to = redirect(opts, path, false);
+  return to ? to->path : path;
 }
 
 std::string redirect_command(const options &opts, std::string_view command) {

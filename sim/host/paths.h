@@ -19,10 +19,14 @@ struct redirection {
   uint32_t number = 0;                     // of an I2C bus
 };
 
-// The board's version of an absolute path: what lies under /post and /var/lock, /dev/i2c-N, /dev/sprom, /dev/mem,
-// /proc/bus/pci/devices and /proc/cpuinfo. Nothing for every other path. "//", "/./" and "/../" are resolved first.
+// The board's version of a path: what lies under /post and /var/lock, /dev/i2c-N, /dev/sprom, /dev/mem,
+// /proc/bus/pci/devices, /proc/cpuinfo, and ethtool in any bin or sbin directory. Nothing for every other path. A path
+// is judged by its text, after "//", "/./" and "/../"; a relative one begins at the current directory.
 //   writing  the file is to be made or changed
 std::optional<redirection> redirect(const options &opts, std::string_view path, bool writing);
+
+// Where a file is: the board's version of a path, or the path itself.
+std::string board_place(const options &opts, const std::string &path);
 
 // A shell command in which the board's paths are replaced, quoted as their places demand.
 std::string redirect_command(const options &opts, std::string_view command);

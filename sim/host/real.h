@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdint>
+#include <utility>
 
 namespace sim {
 
@@ -49,6 +50,9 @@ inline int open(const char *path, int flags, mode_t mode = 0666) {
 }
 inline int close(int fd) {
   return static_cast<int>(::syscall(SYS_close, fd));
+}
+inline ssize_t write(int fd, const void *from, size_t length) {
+  return ::syscall(SYS_write, fd, from, length);
 }
 inline int unlink(const char *path) {
   return static_cast<int>(::syscall(SYS_unlink, path));
@@ -93,21 +97,40 @@ inline int keep(int fd) {
 
 }  // namespace sys
 
-// A descriptor that closes itself.
+// A descriptor that closes itself; -1 for none.
 class file {
  public:
+  file() = default;
   explicit file(int fd) : m_fd(fd) {}
-  file(const file &) = delete;
-  file &operator=(const file &) = delete;
-  ~file() {
+  file(file &&other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
+  file &operator=(file &&other) noexcept {
+    close();
+    m_fd = std::exchange(other.m_fd, -1);
+    return *this;
+  }
+  ~file() { close(); }
+  void close() {
     const keep_errno kept;
     if (m_fd >= 0) (void)sys::close(m_fd);
+    m_fd = -1;
   }
   [[nodiscard]] int fd() const { return m_fd; }
   [[nodiscard]] bool is_open() const { return m_fd >= 0; }
 
  private:
-  int m_fd;
+  int m_fd = -1;
 };
+
+struct pipe_ends {
+  file reading;
+  file writing;
+};
+
+// A pipe that programs started later do not inherit. Neither end is open, with errno set, if there is none.
+inline pipe_ends make_pipe() {
+  int fds[] = {-1, -1};
+  (void)!::pipe2(fds, O_CLOEXEC);
+  return {file(fds[0]), file(fds[1])};
+}
 
 }  // namespace sim

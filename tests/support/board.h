@@ -48,7 +48,10 @@ class test_board {
   void start(const std::vector<const char *> &options = {}, std::optional<uint32_t> card = {}) const {
     auto parsed = board_options(dir_.path(), options);
     if (card) parsed.card = *card;
-    if (!sim::board_start(parsed)) abort();
+    std::string error;
+    if (sim::board_start(parsed, &error)) return;
+    (void)fprintf(stderr, "%s\n", error.c_str());
+    abort();
   }
 
   [[nodiscard]] std::filesystem::path file(const char *name) const { return dir_.path() / name; }
