@@ -7,9 +7,11 @@
 #include <string_view>
 #include <vector>
 
+#include "sim/board/fault_counts.h"
 #include "sim/board/i2c_board.h"
 #include "sim/bus/devmem.h"
 #include "sim/bus/trace.h"
+#include "sim/devices/flash.h"
 #include "sim/devices/pci_list.h"
 #include "sim/devices/sprom_driver.h"
 #include "sim/host/cpuinfo.h"
@@ -42,7 +44,7 @@ struct board {
 
   // Returns false and says why in *error.
   bool power_up(std::string *error) {
-    if (!make_board_files(opts, rate_in_khz(), error)) return false;
+    if (!make_board_files(opts, rate_in_khz(), error) || !counts.open(&opts, error)) return false;
     i2c = i2c_board::make(opts, memory.port(), error);
     if (!i2c) return false;
     if (!opts.trace.empty() && !log_open(opts.trace, opts.trace_limit)) {
@@ -52,7 +54,8 @@ struct board {
     return memory.power_up(error);
   }
 
-  const options opts;
+  options opts;
+  fault_counts counts;
   sprom_driver sprom;
   devmem memory;
   std::unique_ptr<i2c_board> i2c;
@@ -65,10 +68,10 @@ void complain(const std::string &what) {
   (void)std::fprintf(stderr, "board-sim: %s\n", what.c_str());
 }
 
-bool smbus_only(const options &opts, uint32_t bus) {
+const fault *smbus_only(const options &opts, uint32_t bus) {
   for (const auto &f : opts.faults)
-    if (f.id == fault_id::i2c_smbus_only && f.get("bus", bus) == bus) return true;
-  return false;
+    if (f.id == fault_id::i2c_smbus_only && f.get("bus", bus) == bus) return &f;
+  return nullptr;
 }
 
 // The handle of a descriptor, or null. One that was closed behind the board's back and given to another file is
@@ -77,7 +80,7 @@ handle *handle_of(int fd) {
   if (running == nullptr) return nullptr;
   const auto found = running->handles.find(fd);
   if (found == running->handles.end()) return nullptr;
-  const int flags = ::fcntl(fd, F_GETFL);
+  const int flags = sys::fcntl(fd, F_GETFL, 0);
   if (flags >= 0 && (flags & O_PATH) != 0) return &found->second;
   running->handles.erase(found);
   return nullptr;
@@ -88,7 +91,7 @@ handle *handle_of(int fd) {
 bool is_mem(int fd) {
   if (running == nullptr) return false;
   const keep_errno kept;
-  const int flags = ::fcntl(fd, F_GETFL);
+  const int flags = sys::fcntl(fd, F_GETFL, 0);
   if (flags < 0 || (flags & O_PATH) == 0) return false;
   const file own{sys::open((running->opts.state + "/dev/mem").c_str(), O_PATH | O_CLOEXEC)};
   struct stat given {};
@@ -104,7 +107,8 @@ bool names(std::string_view entry, std::string_view variable) {
 }  // namespace
 
 std::string board_check(const options &opts) {
-  const auto wrong = pci_check(opts);
+  auto wrong = pci_check(opts);
+  if (wrong.empty()) wrong = flash_check(opts);
   return wrong.empty() ? i2c_board::check(opts) : wrong;
 }
 

@@ -19,8 +19,10 @@
 
 #include <atomic>
 #include <cerrno>
+#include <type_traits>
 
 #include "sim/board/board.h"
+#include "sim/host/lock_holder.h"
 #include "sim/host/real.h"
 
 namespace {
@@ -45,11 +47,15 @@ class next_function {
   std::atomic<F *> m_found{nullptr};
 };
 
-std::optional<sim::redirection> board_path(const char *path, bool writing) {
+using sim::path_use;
+
+std::optional<sim::redirection> board_path(const char *path, bool writing, path_use use) {
   const auto *const opts = sim::board_options();
   if (opts == nullptr || path == nullptr) return std::nullopt;
   const sim::keep_errno kept;
-  return sim::redirect(*opts, path, writing);
+  auto to = sim::redirect(*opts, path, writing);
+  if (to) sim::count_faults(*opts, *to, writing, use);
+  return to;
 }
 
 bool is_writing(int flags) {
@@ -61,7 +67,7 @@ bool is_writing(const char *mode) {
 
 // All opening forms come down to this call.
 int open_any(int dir, const char *path, int flags, mode_t mode) {
-  const auto to = board_path(path, is_writing(flags));
+  const auto to = board_path(path, is_writing(flags), path_use::open);
   if (!to) return static_cast<int>(syscall(SYS_openat, dir, path, flags, mode));
   if (to->error != 0) return sim::fail(to->error);
   if (to->device != sim::device::none) return sim::device_open(*to, flags);
@@ -76,7 +82,7 @@ mode_t mode_of(int flags, va_list args) {
 // Functions whose first argument is a path: the next definition gets the board's version of it.
 template <typename R, typename... A>
 R by_path(next_function<R(const char *, A...)> &next, R failed, bool writing, const char *path, A... rest) {
-  const auto to = board_path(path, writing);
+  const auto to = board_path(path, writing, std::is_same_v<R, FILE *> ? path_use::open : path_use::act);
   if (!to) return next.get()(path, rest...);
   if (to->error != 0) {
     errno = to->error;
@@ -88,7 +94,7 @@ R by_path(next_function<R(const char *, A...)> &next, R failed, bool writing, co
 // The same for functions that take a directory first.
 template <typename... A>
 int by_path_at(next_function<int(int, const char *, A...)> &next, bool writing, int dir, const char *path, A... rest) {
-  const auto to = board_path(path, writing);
+  const auto to = board_path(path, writing, path_use::act);
   if (!to) return next.get()(dir, path, rest...);
   if (to->error != 0) return sim::fail(to->error);
   return next.get()(AT_FDCWD, to->path.c_str(), rest...);
@@ -97,13 +103,13 @@ int by_path_at(next_function<int(int, const char *, A...)> &next, bool writing, 
 // Asking about what cannot be opened is no error.
 template <typename R, typename... A>
 R by_asked_path(next_function<R(const char *, A...)> &next, const char *path, A... rest) {
-  const auto to = board_path(path, false);
+  const auto to = board_path(path, false, path_use::ask);
   return next.get()(to ? to->path.c_str() : path, rest...);
 }
 
 template <typename... A>
 int by_asked_path_at(next_function<int(int, const char *, A...)> &next, int dir, const char *path, A... rest) {
-  const auto to = board_path(path, false);
+  const auto to = board_path(path, false, path_use::ask);
   return to ? next.get()(AT_FDCWD, to->path.c_str(), rest...) : next.get()(dir, path, rest...);
 }
 
@@ -114,6 +120,11 @@ void *map_any(next_function<void *(void *, size_t, int, int, int, off64_t)> &nex
   return next.get()(addr, length, prot, flags, fd, offset);
 }
 
+int fcntl_any(next_function<int(int, int, void *)> &next, int fd, int cmd, void *arg) {
+  if (const auto *const opts = sim::board_options()) sim::lock_asked(*opts, fd, cmd, arg);
+  return next.get()(fd, cmd, arg);
+}
+
 // clang-format off
 constinit next_function<FILE *(const char *, const char *)>         next_fopen{"fopen"};
 constinit next_function<FILE *(const char *, const char *)>         next_fopen64{"fopen64"};
@@ -121,6 +132,8 @@ constinit next_function<FILE *(const char *, const char *, FILE *)> next_freopen
 constinit next_function<FILE *(const char *, const char *, FILE *)> next_freopen64{"freopen64"};
 constinit next_function<int(int)>                                   next_close{"close"};
 constinit next_function<int(int, unsigned long, void *)>            next_ioctl{"ioctl"};
+constinit next_function<int(int, int, void *)>                      next_fcntl{"fcntl"};
+constinit next_function<int(int, int, void *)>                      next_fcntl64{"fcntl64"};
 constinit next_function<void *(void *, size_t, int, int, int, off64_t)> next_mmap64{"mmap64"};
 constinit next_function<int(void *, size_t)>                        next_munmap{"munmap"};
 constinit next_function<int(int)>                                   next_iopl{"iopl"};
@@ -151,8 +164,8 @@ constinit next_function<int(int, const char *, int, unsigned, struct statx *)> n
 // clang-format on
 
 int rename_any(int from_dir, const char *from, int to_dir, const char *to, unsigned flags) {
-  const auto source = board_path(from, true);
-  const auto target = board_path(to, true);
+  const auto source = board_path(from, true, path_use::act);
+  const auto target = board_path(to, true, path_use::act);
   const int error = source && source->error != 0 ? source->error : target ? target->error : 0;
   if (error != 0) return sim::fail(error);
   return next_renameat2.get()(from_dir, source ? source->path.c_str() : from, to_dir,
@@ -181,6 +194,8 @@ FILE *board_freopen(const char *path, const char *mode, FILE *f)   __asm__("freo
 FILE *board_freopen64(const char *path, const char *mode, FILE *f) __asm__("freopen64");
 int board_close(int fd)                                            __asm__("close");
 int board_ioctl(int fd, unsigned long request, ...)                __asm__("ioctl");
+int board_fcntl(int fd, int cmd, ...)                              __asm__("fcntl");
+int board_fcntl64(int fd, int cmd, ...)                            __asm__("fcntl64");
 void *board_mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset)     __asm__("mmap");
 void *board_mmap64(void *addr, size_t length, int prot, int flags, int fd, off64_t offset) __asm__("mmap64");
 int board_munmap(void *addr, size_t length)                        __asm__("munmap");
@@ -290,6 +305,21 @@ int board_ioctl(int fd, unsigned long request, ...) {
   va_end(args);
   const auto result = sim::device_ioctl(fd, request, arg);
   return result ? *result : next_ioctl.get()(fd, request, arg);
+}
+
+int board_fcntl(int fd, int cmd, ...) {
+  va_list args;
+  va_start(args, cmd);
+  void *const arg = va_arg(args, void *);
+  va_end(args);
+  return fcntl_any(next_fcntl, fd, cmd, arg);
+}
+int board_fcntl64(int fd, int cmd, ...) {
+  va_list args;
+  va_start(args, cmd);
+  void *const arg = va_arg(args, void *);
+  va_end(args);
+  return fcntl_any(next_fcntl64, fd, cmd, arg);
 }
 
 void *board_mmap(void *addr, size_t length, int prot, int flags, int fd, off_t offset) {

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "sim/board/board.h"
+#include "sim/board/fault_counts.h"
 #include "sim/board/options.h"
 #include "sim/devices/ethtool.h"
 #include "sim/host/cpuinfo.h"
@@ -52,7 +53,7 @@ int fail_os(const std::string &what) {
 
 void list_faults() {
   for (const auto &row : sim::fault_table())
-    (void)std::printf("%s%s%s\n    %s\n", row.name, *row.parms == '\0' ? "" : " ", row.parms, row.what);
+    (void)std::printf("%s\n    %s\n", sim::fault_usage(row).c_str(), row.what);
 }
 
 std::string absolute(const std::string &path) {
@@ -207,6 +208,17 @@ void show_result(const std::string &state) {
   if (records) (void)std::fwrite(records->data(), 1, records->size(), stdout);
 }
 
+// Not put in place by renaming: the file may be a pipe.
+int open_report(const std::string &path) {
+  return path.empty() ? -1 : sim::sys::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC);
+}
+
+void write_report(const sim::file &report, const sim::options &opts) {
+  const auto lines = sim::fault_report(opts);
+  if (write(report.fd(), lines.data(), lines.size()) != static_cast<ssize_t>(lines.size()))
+    (void)fail_os("fault report");
+}
+
 int run_on_board(sim::command *cmd) {
   const auto wrong = sim::board_check(cmd->opts);
   if (!wrong.empty()) return fail(wrong);
@@ -234,7 +246,12 @@ int run_on_board(sim::command *cmd) {
   }
   const auto library = own.substr(0, own.rfind('/')) + "/lib/libboard_sim.so";
   if (access(library.c_str(), R_OK) != 0) return fail_os(library);
+  const sim::file report{open_report(cmd->fault_report)};
+  if (!cmd->fault_report.empty() && !report.is_open()) return fail_os(cmd->fault_report);
   std::string error;
+  sim::fault_counts counts;
+  sim::fault_counts::forget(cmd->opts);
+  if (!counts.open(&cmd->opts, &error)) return fail(error);
   const auto holders = sim::lock_holders_start(cmd->opts, &error);
   if (!holders) return fail(error);
 
@@ -243,6 +260,7 @@ int run_on_board(sim::command *cmd) {
   (void)setenv("BOARD_SIM_TSC_KHZ", std::to_string(sim::tsc_khz()).c_str(), 1);
   const int status = run(program, cmd->arguments);
   end_holders(*holders);
+  if (report.is_open()) write_report(report, cmd->opts);
   if (cmd->show_result) show_result(cmd->opts.state);
   return status;
 }
