@@ -100,7 +100,7 @@ constexpr std::array fault_rows{std::to_array<fault_row>({
     {id::flash_program_ignored,          part::flash,    when::lasting, "flash-program-ignored",          "[sector=0..511]",                                                        "programming does nothing and reports success"},
     {id::flash_erase_leaves,             part::flash,    when::lasting, "flash-erase-leaves",             "offset=0..0x3FFFFFF bit=0..7",                                           "erase leaves this bit programmed"},
     {id::flash_program_clears,           part::flash,    when::lasting, "flash-program-clears",           "sector=0..511 offset=0..0x1FFFF bit=0..7",                               "programming anything in the sector clears this bit of it too"},
-    {id::flash_power_cut,                part::flash,    when::always,  "flash-power-cut",                "nth=1..100000000",                                "the run is killed at the nth write cycle to the flash"},
+    {id::flash_power_cut,                part::flash,    when::always,  "flash-power-cut",                "nth=1..100000000 [seed=0..0xFFFFFFFF:0]",                                "the run is killed at the nth write cycle to the flash; what that cycle begins is left half done, by the seed"},
 })};
 // clang-format on
 

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 
+#include "sim/board/random.h"
 #include "sim/host/real.h"
 
 namespace sim {
@@ -215,13 +216,17 @@ uint16_t flash_model::read(uint32_t offset) {
 }
 
 void flash_model::write(uint32_t offset, uint16_t data) {
-  if (m_power_cut != nullptr && m_power_cut->strikes()) kill(getpid(), SIGKILL);
+  if (m_power_cut != nullptr && m_power_cut->acts()) m_cut = m_power_cut->get("seed");
   if (m_silent == nullptr || !m_silent->strikes()) {
     const auto seen = decoded(static_cast<uint8_t>(data));
     const uint32_t arriving = m_cycle_address.pass(offset, seen.address);
     m_cycle_address.fired();
     chip_write(arriving, m_cycle_data.to_chip(data, seen.data));
   }
+  if (!m_cut) return;
+  if (m_mode == phase::erase_window) erase();
+  m_power_cut->fired();
+  kill(getpid(), SIGKILL);
 }
 
 // What the chip looks at in a write cycle with this code in the lower half of the data.
@@ -231,6 +236,7 @@ flash_model::decoded_lines flash_model::decoded(uint8_t code) const {
     case phase::erasing:
     case phase::programming:
       return {0, 0};
+    case phase::lost:
     case phase::failed:
       return {0, 0xFF};
     case phase::word:
@@ -345,9 +351,10 @@ void flash_model::chip_write(uint32_t offset, uint16_t data) {
   }
 }
 
-// A cycle that continues no command drops it.
-void flash_model::next_cycle(bool in_order, phase next, uint8_t /*code*/) {
-  m_mode = in_order ? next : phase::array;
+// A cycle that is out of order puts the chip into an unknown state, and only a reset gets it back to its array
+// (S29GL-N, "Command Definitions"). Here it reads its array all the same, and takes no command.
+void flash_model::next_cycle(bool in_order, phase next, uint8_t code) {
+  m_mode = in_order ? next : code == cmd_reset ? phase::array : phase::lost;
 }
 
 void flash_model::array_cycle(uint32_t word, uint8_t code) {
@@ -373,7 +380,7 @@ void flash_model::command_cycle(uint32_t offset, uint8_t code) {
     case cmd_program:
       return next_cycle(here, phase::word, code);
     default:
-      return next_cycle(false, phase::array, code);
+      return next_cycle(false, phase::lost, code);
   }
 }
 
@@ -386,7 +393,7 @@ void flash_model::erase_cycle(uint32_t offset, uint8_t code) {
     m_erasing_sectors.set();
     erase();
   } else {
-    next_cycle(false, phase::array, code);
+    next_cycle(false, phase::lost, code);
   }
 }
 
@@ -398,6 +405,7 @@ void flash_model::mode_cycle(uint32_t word, uint8_t code) {
       if (code == cmd_query && word == query_entry_word) m_mode = phase::query_in_autoselect;
       return;
     case phase::query:
+    case phase::lost:
       if (code == cmd_reset) m_mode = phase::array;
       return;
     case phase::query_in_autoselect:
@@ -479,6 +487,10 @@ bool flash_model::program_word(uint32_t offset, uint16_t data) {
   const uint16_t before = word_get(m_memory, at);
   const word_write w{at, before, static_cast<uint16_t>(before & taken)};
   if (at != offset && (w.wanted != before || (word_get(m_memory, offset) & ~taken) != 0)) m_array_address.fired();
+  if (m_cut) {
+    program_torn(w);
+    return true;
+  }
   const uint16_t after = m_cells.take(m_memory, w);
   word_set(m_memory, at, after);
   m_cells.disturb(m_memory, w);
@@ -493,6 +505,14 @@ void flash_model::clear_bit(const fault &f, uint32_t base) {
   auto &byte = m_memory[base + static_cast<uint32_t>(f.get("offset"))];
   const auto bit = static_cast<uint8_t>(1U << f.get("bit"));
   if ((byte & bit) != 0 && f.strikes()) byte ^= bit;
+}
+
+// The power fails while the word is programmed: all, some or none of its bits are.
+void flash_model::program_torn(const word_write &w) {
+  const uint64_t random = random_next(&*m_cut);
+  const std::array<uint16_t, 4> left{0, 0xFFFF, static_cast<uint16_t>(random >> 16U),
+                                     static_cast<uint16_t>(random >> 32U)};
+  word_set(m_memory, w.at, static_cast<uint16_t>(w.wanted | (w.before & left[random % left.size()])));
 }
 
 void flash_model::open_window() {
@@ -519,6 +539,10 @@ bool flash_model::erase_sector(uint32_t addressed) {
   const uint32_t sector = cell_sector(addressed);
   if (sector != addressed && !(is_blank(sector) && is_blank(addressed))) m_array_address.fired();
   if (!is_blank(sector) && struck(fault_id::flash_erase_ignored, addressed) != nullptr) return true;
+  if (m_cut) {
+    erase_torn(sector);
+    return true;
+  }
   const uint32_t base = sector * flash_sector_bytes;
   std::vector<std::pair<uint32_t, uint16_t>> taken;
   for (const auto at : m_cells.words(base, flash_sector_bytes))
@@ -530,6 +554,17 @@ bool flash_model::erase_sector(uint32_t addressed) {
     if (f->id == fault_id::flash_erase_leaves && sector_of(static_cast<uint32_t>(f->get("offset"))) == sector)
       clear_bit(*f, 0);
   return std::ranges::all_of(taken, [](const auto &t) { return t.second == 0xFFFF; });
+}
+
+// The power fails during an erase. The chip programs the whole sector before it erases it (S29GL-N, "Sector Erase
+// Command Sequence"): either it has come so far with that, or some cells are erased already.
+void flash_model::erase_torn(uint32_t sector) {
+  const uint32_t base = sector * flash_sector_bytes;
+  const uint64_t random = random_next(&*m_cut);
+  const bool programs = random % 2 == 0;
+  const uint32_t reached = programs ? static_cast<uint32_t>(random >> 32U) % flash_sector_bytes : flash_sector_bytes;
+  for (uint32_t at = 0; at < reached; at += 2)
+    word_set(m_memory, base + at, programs ? 0 : static_cast<uint16_t>(random_next(&*m_cut)));
 }
 
 // An operation lasts a little less than its typical time. A failing one is given up before its longest time is over.

@@ -71,6 +71,7 @@ class flash_model {
     wb_count,    // write-buffer programming: number of words less 1,
     wb_load,     // words,
     wb_confirm,  // confirmation
+    lost,        // a cycle was out of order; only a reset leads out
     autoselect,
     query,
     query_in_autoselect,
@@ -109,6 +110,7 @@ class flash_model {
   std::vector<const fault *> m_wrong_words;  // of the query
   std::vector<const fault *> m_operations;   // programs and erases gone wrong
   bool m_plain = true;                       // nothing alters what the array reads
+  std::optional<uint64_t> m_cut;             // the power fails in this cycle: state of the random numbers
   std::array<uint16_t, 0x100> m_query_table{};
 
   // The write buffer.
@@ -156,10 +158,12 @@ class flash_model {
 
   void program(std::span<const word_load> words, unsigned typical_us, unsigned factor);
   [[nodiscard]] bool program_word(uint32_t offset, uint16_t data);
+  void program_torn(const word_write &w);
   void clear_bit(const fault &f, uint32_t base);
   void open_window();
   void erase();
   [[nodiscard]] bool erase_sector(uint32_t addressed);
+  void erase_torn(uint32_t sector);
   void run(phase busy, int64_t typical_ns, unsigned factor, uint64_t polls);
   void poll();
   void pass_time();

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstring>
 #include <map>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -133,6 +134,14 @@ TEST(sim_flash, takes_commands_as_the_chip_does) {
       {"command elsewhere",            {}, "U 554=90 0:4000"},
       {"cycle in between",             {}, "AAA=AA 10=0 554=55 AAA=90 0:4000"},
       {"unknown command",              {}, "U AAA=33 0:4000"},
+      // Then nothing but a reset leads out.
+      {"after a wrong first cycle",    {}, "AAA=90 U AAA=90 0:4000 AAA=98 0:4000 E E0000:4007 0=F0 U AAA=90 0:1"},
+      {"after a wrong second cycle",   {}, "AAA=AA 554=54 U AAA=90 0:4000 0=F0 U AAA=90 0:1"},
+      {"after a wrong third cycle",    {}, "U AAA=33 U AAA=90 0:4000 0=F0 U AAA=90 0:1"},
+      {"after a wrong fourth cycle",   {}, "U AAA=80 AAA=30 E E0000:4007 0=F0 X", {7}},
+      {"after a wrong fifth cycle",    {}, "U AAA=80 AAA=AA AAA=55 E E0000:4007 0=F0 X", {7}},
+      {"after a wrong sixth cycle",    {}, "U AAA=80 U E0000=31 E E0000:4007 0=F0 X", {7}},
+      {"reset between the cycles",     {}, "U AAA=F0 U AAA=80 0=F0 U AAA=80 AAA=AA 0=F0 U AAA=80 U 0=F0 X", {7}},
 
       // The window, then DQ3; DQ7 is 0 until the cells are erased; DQ2 toggles within the sector alone.
       {"erase",                        {"flash-slow erase=4"}, "E E0010:44 E0010:8 E0010:4C E0010:8 E0010:FFFF E0000:FFFF", {7}},
@@ -243,7 +252,7 @@ TEST(sim_flash, shows_each_fault_as_the_chip_would_and_counts_it) {
       // Lines of every cycle. Bit 1 of AA is lost; bit 12 does no harm, nor does a line that commands do not look at.
       {"flash-data-stuck line=1 level=0 commands=1",             "E E0000:4005 AAA=F0 P E0000:4005 AAA=F0 E0040:FFFD", 6, false},
       {"flash-data-stuck line=12 level=0 commands=1",            "X Q E0040:234",                                      5, false},
-      {"flash-addr-stuck line=1 level=0 commands=1",             "E E0000:4007 AAA=F0 P AAA=F0 E0040:FFFF",            4, false},
+      {"flash-addr-stuck line=1 level=0 commands=1",             "E E0000:4007 AAA=F0 P AAA=F0 E0040:FFFF",            2, false},
       {"flash-addr-stuck line=20 level=0 commands=1",            "X Q E0040:1234",                                     0, false},
       {"flash-addr-stuck line=19 level=0 commands=1",            "E0000:4003",                                         1, false},
       {"flash-addr-short line=1 other=3 commands=1",             "U AAA=90 0:1 2:1 1C:0",                              2, false},
@@ -291,10 +300,41 @@ TEST(sim_flash, shows_each_fault_as_the_chip_would_and_counts_it) {
   }
 }
 
-TEST(sim_flash_death, kills_the_run_at_a_power_cut) {
-  chip flash({"flash-power-cut nth=3"});
-  EXPECT_EXIT((flash.run("U"), fputs("two", stderr), flash.run("0=F0")), testing::KilledBySignal(SIGKILL), "two");
+// Sector 7 after the power was cut in the nth cycle of a script.
+std::string torn(const char *script, unsigned nth, unsigned seed) {
+  const auto fault = "flash-power-cut nth=" + std::to_string(nth) + " seed=" + std::to_string(seed);
+  chip flash({fault.c_str()});
+  EXPECT_EXIT(flash.run(script), testing::KilledBySignal(SIGKILL), "");
   EXPECT_EQ(flash.fired(), 1U);
+  auto changed = flash.changed();
+  std::erase(changed, 7U);
+  EXPECT_EQ(changed, std::vector<uint32_t>{});
+  const auto left = flash.memory.subspan(sector(7), sim::flash_sector_bytes);
+  return {left.begin(), left.end()};
+}
+
+TEST(sim_flash_death, leaves_half_done_what_the_cycle_of_a_power_cut_begins) {
+  const std::string before = torn("U", 1, 0);
+  std::set<std::string> programs, erases;
+  for (unsigned seed = 0; seed < 12; seed++) {
+    SCOPED_TRACE(seed);
+    EXPECT_EQ(torn("P", 5, seed), before) << "the confirmation alone begins it";
+    const auto program = torn("P", 6, seed);
+    EXPECT_EQ(program, torn("P", 6, seed));
+    const auto word = static_cast<uint8_t>(program[0x40]) | static_cast<uint8_t>(program[0x41]) << 8;
+    EXPECT_EQ(word & 0x1234, 0x1234) << "no bit beside those to be programmed";
+    programs.insert(program);
+    const auto erase = torn("E", 6, seed);
+    EXPECT_EQ(erase, torn("E", 6, seed));
+    EXPECT_NE(erase, std::string(sim::flash_sector_bytes, '\xFF'));
+    erases.insert(erase);
+  }
+  EXPECT_GT(programs.size(), 3U);
+  EXPECT_TRUE(programs.contains(before)) << "not at all";
+  EXPECT_EQ(erases.size(), 12U);
+  // Either the sector is not yet programmed to its end, or cells are erased already.
+  EXPECT_TRUE(std::ranges::any_of(erases, [](const std::string &e) { return e.starts_with(std::string(64, '\0')); }));
+  EXPECT_TRUE(std::ranges::any_of(erases, [](const std::string &e) { return e[0] != 0 && e.back() != '\xFF'; }));
 }
 
 TEST(sim_flash, is_busy_for_its_own_times) {
