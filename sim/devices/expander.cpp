@@ -34,14 +34,13 @@ uint16_t pca9539::levels(uint16_t seen) const {
 
 bool pca9539::start(bool reading) {
   m_has_command = reading;
-  m_next = m_command;
   return true;
 }
 
 bool pca9539::write(uint8_t byte) {
   if (!m_has_command) {
     if (byte >= reg_count) return false;
-    m_command = m_next = byte;
+    m_next = byte;
     m_has_command = true;
     return true;
   }

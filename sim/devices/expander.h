@@ -43,7 +43,8 @@ class expander : public i2c_device {
 };
 
 // Four register pairs: input, output, polarity inversion, configuration. The command byte names a register; what
-// follows it alternates between the two of its pair. Inputs cannot be written. A command above 7 is not acknowledged.
+// follows it alternates between the two of its pair, and a read without a command goes on there. Inputs cannot be
+// written. A command above 7 is not acknowledged.
 class pca9539 : public expander {
  public:
   using expander::expander;
@@ -59,8 +60,7 @@ class pca9539 : public expander {
 
   // Power-on values: outputs high, polarity plain, all pins inputs.
   std::array<uint8_t, 8> m_registers{0, 0, 0xFF, 0xFF, 0, 0, 0xFF, 0xFF};
-  uint8_t m_command = 0;
-  uint8_t m_next = 0;
+  uint8_t m_next = 0;  // register
   bool m_has_command = false;
 };
 

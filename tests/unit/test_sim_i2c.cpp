@@ -93,12 +93,12 @@ TEST(sim_i2c, devices_answer_as_their_data_sheets_say) {
       {"identity", {"--card=11096", "--change-bits=0x0102030405060708"},
        "1:52 w00AE r10 = 01020304050607082B58; w10AE r8 = 0102030405060708"},
 
-      // PCA9539: pairs alternate, from the odd register too; a read without a command goes to the last one; nothing
+      // PCA9539: pairs alternate, from the odd register too; a read without a command goes on there; nothing
       // above register 7.
       {"power-on", {"--family=pellin"}, "7:75 w00 r2 = FFFF; w02 r2 = FFFF; w04 r2 = 0000; w06 r2 = FFFF"},
       {"pairs", {"--family=pellin"},
-       "7:75 w021234 =; w02 r5 = 1234123412; w03 r2 = 3412; w0356789A =; w02 r2 = 789A; w02 =; r1 = 78; r2 = 789A; "
-       "w08 = EIO; w8001 = EIO; r1 = 78"},
+       "7:75 w021234 =; w02 r5 = 1234123412; w03 r2 = 3412; w0356789A =; w02 r2 = 789A; w02 =; r1 = 78; r2 = 9A78; "
+       "w08 = EIO; w8001 = EIO; r1 = 9A; w02AA =; r1 = 9A"},
       // An output shows its latch only once it is one; polarity changes what is read of the pins and nothing else.
       {"pins", {"--family=pellin", "pin-stuck bus=7 addr=0x75 pin=9 level=0"},
        "7:75 w00 r2 = FFFD; w000000 =; w02F7FF =; w00 r2 = FFFD; w06F7FD =; w00 r2 = F7FD; w02FFFF =; w00 r2 = FFFD; w040902 =; w00 r2 = F6FF; w02 r2 = FFFF", {5}},
