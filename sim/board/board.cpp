@@ -8,9 +8,11 @@
 #include <memory>
 #include <vector>
 
+#include "sim/board/fault_counts.h"
 #include "sim/board/i2c_board.h"
 #include "sim/bus/devmem.h"
 #include "sim/bus/trace.h"
+#include "sim/devices/flash.h"
 #include "sim/devices/pci_list.h"
 #include "sim/devices/sprom_driver.h"
 #include "sim/host/cpuinfo.h"
@@ -59,7 +61,7 @@ struct board {
 
   // Returns false and says why in *error.
   bool power_up(std::string *error) {
-    if (!make_board_files(opts, rate_in_khz(), error)) return false;
+    if (!make_board_files(opts, rate_in_khz(), error) || !counts.open(&opts, error)) return false;
     device_files = find_device_files(opts);
     i2c = i2c_board::make(opts, memory.port(), error);
     if (!i2c) return false;
@@ -70,7 +72,8 @@ struct board {
     return memory.power_up(error);
   }
 
-  const options opts;
+  options opts;
+  fault_counts counts;
   sprom_driver sprom;
   devmem memory;
   std::unique_ptr<i2c_board> i2c;
@@ -81,10 +84,10 @@ constinit board *running = nullptr;
 
 constexpr size_t longest_message = 8192;  // of read() and write(), as in i2c-dev
 
-bool smbus_only(const options &opts, uint32_t bus) {
+const fault *smbus_only(const options &opts, uint32_t bus) {
   for (const auto &f : opts.faults)
-    if (f.id == fault_id::i2c_smbus_only && f.get("bus", bus) == bus) return true;
-  return false;
+    if (f.id == fault_id::i2c_smbus_only && f.get("bus", bus) == bus) return &f;
+  return nullptr;
 }
 
 // What a descriptor stands for, or null.
@@ -113,7 +116,8 @@ int i2c_ioctl(int fd, uint32_t number, unsigned long request, void *arg) {
 }  // namespace
 
 std::string board_check(const options &opts) {
-  const auto wrong = pci_check(opts);
+  auto wrong = pci_check(opts);
+  if (wrong.empty()) wrong = flash_check(opts);
   return wrong.empty() ? i2c_board::check(opts) : wrong;
 }
 

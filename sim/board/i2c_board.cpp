@@ -109,18 +109,22 @@ const fault *device_fault(const options &opts, fault_id id, uint32_t bus, uint8_
   return nullptr;
 }
 
+uint64_t straps_of(family family) {
+  return family == family::tosk ? 2 : 0;
+}
+
 expander_pins pins_of(const expander_row &row, const options &opts) {
   expander_pins pins;
   if (row.straps < 16) {
-    uint64_t straps = opts.family == family::tosk ? 2 : 0;
-    if (const auto *const f = opts.find(fault_id::straps)) straps = f->get("value");
-    pins.level = static_cast<uint16_t>((pins.level & ~(3u << row.straps)) | straps << row.straps);
+    const auto mask = static_cast<uint16_t>(3u << row.straps);
+    pins.level = static_cast<uint16_t>((pins.level & ~mask) | straps_of(opts.family) << row.straps);
+    if (const auto *const f = opts.find(fault_id::straps))
+      pins.outside.push_back({f, mask, static_cast<uint16_t>(f->get("value") << row.straps)});
   }
   for (const auto &f : opts.faults) {
     if (f.id != fault_id::pin_stuck || !f.is_at(row.bus, row.addr)) continue;
     const auto pin = static_cast<uint16_t>(1u << f.get("pin"));
-    pins.stuck = static_cast<uint16_t>(pins.stuck | pin);
-    if (f.get("level") != 0) pins.stuck_level = static_cast<uint16_t>(pins.stuck_level | pin);
+    pins.stuck.push_back({&f, pin, f.get("level") != 0 ? pin : uint16_t{0}});
   }
   return pins;
 }
@@ -139,7 +143,6 @@ struct placed_expander {
 // The level of an EEPROM's protect pin, high where nothing drives it.
 std::function<bool()> protection(const image_row &row, const options &opts, const io_port &port,
                                  const std::vector<placed_expander> &expanders) {
-  if (device_fault(opts, fault_id::eeprom_protected, row.bus, row.addr) != nullptr) return [] { return true; };
   if (row.pin == protect::nothing) return nullptr;
   if (row.pin == protect::port) return [&port] { return port.write_protected(); };
   const bool on_mezzanine = row.pin == protect::mezzanine;
@@ -148,7 +151,7 @@ std::function<bool()> protection(const image_row &row, const options &opts, cons
   uint16_t pin = gem_pin;
   if (on_mezzanine) pin = opts.change_bits == 0 ? mezzanine_early_pin : mezzanine_pin;
   for (const auto &at : expanders)
-    if (at.bus == bus && at.addr == addr) return [chip = at.chip, pin] { return (chip->levels() & pin) != 0; };
+    if (at.bus == bus && at.addr == addr) return [chip = at.chip, pin] { return (chip->levels(pin) & pin) != 0; };
   return [] { return true; };
 }
 
@@ -157,13 +160,13 @@ std::vector<at24c512::setup::corruption> corruptions(const options &opts, uint32
   for (const auto &f : opts.faults) {
     const auto bits = static_cast<uint8_t>(f.get("xor"));
     if (f.id == fault_id::eeprom_corrupt && f.is_at(bus, addr))
-      list.push_back({static_cast<uint16_t>(f.get("offset")), bits});
+      list.push_back({static_cast<uint16_t>(f.get("offset")), bits, &f});
     if (f.id != fault_id::sprom_corrupt) continue;
     for (const auto &row : present(image_rows, opts)) {
       if (row.bus != bus || row.addr != addr || row.name == nullptr) continue;
       if (row.name != f.word("image")) continue;
       if (const auto *const block = image_block_of(row.kind, f.word("block")))
-        list.push_back({static_cast<uint16_t>(row.base + block->offset + f.get("offset")), bits});
+        list.push_back({static_cast<uint16_t>(row.base + block->offset + f.get("offset")), bits, &f});
     }
   }
   return list;
@@ -177,7 +180,9 @@ at24c512::setup setup_of(const image_row &row, const options &opts, const io_por
     with.busy = busy::polls;
     with.busy_polls = f->get("polls");
     with.busy_forever = with.busy_polls == 0;
+    with.slow = f;
   }
+  with.locked = device_fault(opts, fault_id::eeprom_protected, row.bus, row.addr);
   with.write_protected = protection(row, opts, port, expanders);
   with.corrupt = corruptions(opts, row.bus, row.addr);
   return with;
@@ -223,6 +228,7 @@ std::string check_fault(const options &opts, const fault &f) {
     if (std::ranges::find(numbers, f.get("bus")) == numbers.end()) return "the board has no such I2C bus";
   }
   if (f.id == fault_id::straps && opts.family == family::dorvan) return "the board has no straps";
+  if (f.id == fault_id::straps && f.get("value") == straps_of(opts.family)) return "the straps have this value anyway";
   if (f.id != fault_id::sprom_corrupt) return "";
   for (const auto &row : present(image_rows, opts)) {
     if (row.name == nullptr || row.name != f.word("image")) continue;

@@ -37,6 +37,10 @@ constexpr std::array family_rows{std::to_array<family_row>({
 })};
 // clang-format on
 
+const family_row &row_of(family value) {
+  return *std::ranges::find(family_rows, value, &family_row::value);
+}
+
 bool take_family(command *cmd, std::string_view text) {
   for (const auto &row : family_rows) {
     if (text != row.name) continue;
@@ -102,6 +106,8 @@ constexpr std::array option_rows{std::to_array<option_row>({
     {"--real-times",  nullptr, "take the real chip's flash times in place of scaled ones",
      [](command *cmd, std::string_view) { return cmd->opts.real_times = true; }},
     {opt_fault,       "\"NAME key=value ...\"", "inject a fault; may be given several times",              nullptr},
+    {"--fault-report", "FILE", "write to this file how often each fault changed anything in the run",
+     [](command *cmd, std::string_view text) { return take_path(text, &cmd->fault_report); }},
     {"--show-result", nullptr, "print the result records after the run",
      [](command *cmd, std::string_view) { return cmd->show_result = true; }},
     {"--list-faults", nullptr, "list the faults and their parameters, and exit",                           take_action<action::list_faults>},
@@ -122,8 +128,40 @@ std::string take_option(command *cmd, const option_row &row, std::string_view va
   std::string error;
   const auto parsed = fault_parse(value, &error);
   if (!parsed) return error + " (--list-faults lists them)";
+  if (std::ranges::find(cmd->opts.faults, parsed->text, &fault::text) != cmd->opts.faults.end())
+    return "fault " + quoted(parsed->text) + " is given twice";
   cmd->opts.faults.push_back(*parsed);
   return "";
+}
+
+struct given_option {
+  const option_row *row;
+  std::string_view value;
+};
+
+// Takes the next option with its value off the arguments. Nothing, with the reason in *error, if it is none.
+std::optional<given_option> next_option(std::span<const std::string> *args, std::string *error) {
+  const std::string_view arg = args->front();
+  *args = args->subspan(1);
+  const auto equals = arg.find('=');
+  const auto name = arg.substr(0, equals);
+  const given_option bare{row_of(name), ""};
+  if (bare.row == nullptr) {
+    *error = arg.starts_with('-') ? "unknown option " + quoted(name)
+                                  : "unexpected argument " + quoted(arg) + " (a program stands after --)";
+  } else if (bare.row->value == nullptr) {
+    if (equals == std::string_view::npos) return bare;
+    *error = "option " + quoted(name) + " takes no value";
+  } else if (equals != std::string_view::npos) {
+    return given_option{bare.row, arg.substr(equals + 1)};
+  } else if (args->empty()) {
+    *error = "option " + quoted(name) + " needs a value";
+  } else {
+    const given_option with_value{bare.row, args->front()};
+    *args = args->subspan(1);
+    return with_value;
+  }
+  return std::nullopt;
 }
 
 // What begins with '-' is no program but an argument of the default one.
@@ -145,45 +183,19 @@ const fault *options::find(fault_id id) const {
 std::optional<command> command_parse(std::span<const std::string> args, std::string *error) {
   command cmd;
   bool has_card = false;
-  for (size_t i = 0; i < args.size(); i++) {
-    const std::string_view arg = args[i];
-    if (arg == "--") {
-      if (i + 1 < args.size() && args[i + 1].empty()) {
-        *error = "the program's name is empty";
-        return std::nullopt;
-      }
-      take_program(&cmd, args.subspan(i + 1));
-      break;
-    }
-    const auto equals = arg.find('=');
-    const auto name = arg.substr(0, equals);
-    const auto *const row = row_of(name);
-    if (row == nullptr) {
-      *error = arg.starts_with('-') ? "unknown option " + quoted(name)
-                                    : "unexpected argument " + quoted(arg) + " (a program stands after --)";
-      return std::nullopt;
-    }
-    std::string_view value;
-    if (equals != std::string_view::npos) {
-      if (row->value == nullptr) {
-        *error = "option " + quoted(name) + " takes no value";
-        return std::nullopt;
-      }
-      value = arg.substr(equals + 1);
-    } else if (row->value != nullptr) {
-      if (++i == args.size()) {
-        *error = "option " + quoted(name) + " needs a value";
-        return std::nullopt;
-      }
-      value = args[i];
-    }
-    *error = take_option(&cmd, *row, value);
+  while (!args.empty() && args[0] != "--") {
+    const auto given = next_option(&args, error);
+    if (!given) return std::nullopt;
+    *error = take_option(&cmd, *given->row, given->value);
     if (!error->empty()) return std::nullopt;
-    if (name == opt_card) has_card = true;
+    if (given->row->name == opt_card) has_card = true;
   }
-  if (!has_card)
-    for (const auto &row : family_rows)
-      if (row.value == cmd.opts.family) cmd.opts.card = row.card;
+  if (args.size() > 1 && args[1].empty()) {
+    *error = "the program's name is empty";
+    return std::nullopt;
+  }
+  if (!args.empty()) take_program(&cmd, args.subspan(1));
+  if (!has_card) cmd.opts.card = row_of(cmd.opts.family).card;
   return cmd;
 }
 
@@ -194,9 +206,7 @@ std::optional<options> options_parse(std::span<const std::string> args, std::str
 }
 
 std::string options_format(const options &opts) {
-  const auto *const family =
-      std::ranges::find_if(family_rows, [&](const auto &row) { return row.value == opts.family; });
-  std::string lines = std::string(opt_family) + "=" + family->name;
+  std::string lines = std::string(opt_family) + "=" + row_of(opts.family).name;
   lines += "\n" + std::string(opt_card) + "=" + std::to_string(opts.card);
   lines += "\n--change-bits=" + std::to_string(opts.change_bits);
   if (!opts.state.empty()) lines += "\n--state=" + opts.state;

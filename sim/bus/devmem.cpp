@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
-#include <iterator>
 #include <mutex>
 #include <span>
 
@@ -55,11 +54,12 @@ void for_each_cycle(uint32_t offset, unsigned width, Visit visit) {
   }
 }
 
-// Whether the bridge decodes a window: its base address register holds a place in memory.
-bool is_decoded(const window &w, const options &opts) {
-  return std::ranges::none_of(opts.faults, [&](const fault &f) {
+// Why the bridge does not decode a window: its base address register holds no place in memory. Null if it does.
+const fault *undecoded(const window &w, const options &opts) {
+  const auto found = std::ranges::find_if(opts.faults, [&](const fault &f) {
     return (f.id == fault_id::bar_io || f.id == fault_id::bar_missing) && f.get("bar") == (w.bar - 0x10) / 4;
   });
+  return found == opts.faults.end() ? nullptr : &*found;
 }
 
 size_t whole_pages(size_t length) {
@@ -75,9 +75,7 @@ void *refuse(int error) {
 
 devmem::devmem(const options &opts) : m_opts(opts), m_trap_all(!opts.trace.empty()), m_port(opts) {
   for (size_t i = 0; i < windows.size(); i++)
-    m_silent[i] = !is_decoded(windows[i], opts);
-  std::ranges::copy_if(opts.faults, std::back_inserter(m_refusals),
-                       [](const fault &f) { return f.id == fault_id::mem_mmap_refused; });
+    m_silent[i] = undecoded(windows[i], opts);
 }
 
 devmem::~devmem() {
@@ -116,7 +114,7 @@ bool devmem::power_up_flash(std::string *error) {
 }
 
 bool devmem::may_open_flash() const {
-  return !m_trap_all && !m_silent[flash_window] && m_flash.reads_plainly();
+  return !m_trap_all && m_silent[flash_window] == nullptr && m_flash.reads_plainly();
 }
 
 // Contents that do not exist yet are made at the first access: most runs of a short test never make one. Until then
@@ -147,16 +145,15 @@ void devmem::set_flash_open(bool open) {
 
 // The access that a mapping may have without its model.
 int devmem::direct_prot(const mapping &m) const {
-  if (m_trap_all || m_silent[m.window]) return PROT_NONE;
+  if (m_trap_all || m_silent[m.window] != nullptr) return PROT_NONE;
   if (m.window != flash_window) return m_nvram[m.window].healthy() ? m.prot : PROT_NONE;
   return m_flash_open ? m.prot & PROT_READ : PROT_NONE;
 }
 
 void *devmem::map(size_t length, int prot, int flags, uint64_t phys) {
   const on_the_bus held(m_lock);
-  m_map_calls++;
-  for (const auto &f : m_refusals)
-    if (f.hits(m_map_calls)) return refuse(f.error());
+  for (const auto &f : m_opts.faults)
+    if (f.id == fault_id::mem_mmap_refused && f.strikes()) return refuse(f.error());
   const int sharing = flags & MAP_TYPE;
   const bool shared = sharing == MAP_SHARED || sharing == MAP_SHARED_VALIDATE;
   if (length == 0 || phys % page_size != 0 || !shared || (flags & MAP_FIXED) != 0) return refuse(EINVAL);
@@ -203,14 +200,17 @@ const devmem::mapping *devmem::mapping_at(uintptr_t address, size_t bytes) const
 
 // --- Accesses -------------------------------------------------------------------------------------------------------
 
-uint16_t devmem::word_read(size_t window, uint32_t offset) {
-  if (m_silent[window]) return 0xFFFF;
-  return window == flash_window ? m_flash.read(offset) : m_nvram[window].read(offset);
+uint16_t devmem::word_read(size_t window, uint32_t offset, uint16_t lanes) {
+  if (m_silent[window] != nullptr) {
+    if ((word_get(m_contents[window].bytes(), offset) | ~lanes) != ~0) m_silent[window]->fired();
+    return 0xFFFF;
+  }
+  return window == flash_window ? m_flash.read(offset) : m_nvram[window].read(offset, lanes);
 }
 
 // The flash has no byte lanes: bytes that are not driven read as ones.
 void devmem::word_write(size_t window, uint32_t offset, uint16_t word, uint16_t lanes) {
-  if (m_silent[window]) return;
+  if (m_silent[window] != nullptr) return m_silent[window]->fired();
   if (window == flash_window) {
     m_flash.write(offset, static_cast<uint16_t>(word | ~lanes));
   } else {
@@ -221,7 +221,7 @@ void devmem::word_write(size_t window, uint32_t offset, uint16_t word, uint16_t 
 uint32_t devmem::window_read(size_t window, uint32_t offset, unsigned width) {
   uint32_t data = 0;
   for_each_cycle(offset, width, [&](uint32_t at, uint16_t lanes, int shift) {
-    const uint32_t word = word_read(window, at) & uint32_t{lanes};
+    const uint32_t word = word_read(window, at, lanes) & uint32_t{lanes};
     data |= shift < 0 ? word >> -shift : word << shift;
   });
   bus_passed({windows[window].name, 'r', width, offset, data});

@@ -76,15 +76,13 @@ class devmem final : public cpu_bus {
   const bool m_trap_all;  // everything goes into the log
   bus_lock m_lock;
   std::array<backing_file, windows.size()> m_contents;
-  std::array<bool, windows.size()> m_silent{};  // the bridge does not decode the window
+  std::array<const fault *, windows.size()> m_silent{};  // why the bridge does not decode the window
   std::array<nvram_model, flash_window> m_nvram;
   flash_model m_flash;
   bool m_flash_open = false;   // its mappings allow reading
   unsigned m_array_reads = 0;  // trapped ones in a row
   io_port m_port;
   std::vector<mapping> m_mappings;
-  std::vector<fault> m_refusals;  // of mmap
-  uint64_t m_map_calls = 0;
 
   [[nodiscard]] std::string contents_path(size_t window) const;
   [[nodiscard]] bool open_contents(size_t window, std::string *error);
@@ -98,7 +96,7 @@ class devmem final : public cpu_bus {
   [[nodiscard]] const mapping *accessed(uintptr_t address, unsigned width, int prot);
   [[nodiscard]] uint32_t window_read(size_t window, uint32_t offset, unsigned width);
   void window_write(size_t window, uint32_t offset, unsigned width, uint32_t data);
-  [[nodiscard]] uint16_t word_read(size_t window, uint32_t offset);
+  [[nodiscard]] uint16_t word_read(size_t window, uint32_t offset, uint16_t lanes);
   void word_write(size_t window, uint32_t offset, uint16_t word, uint16_t lanes);
 };
 

@@ -81,7 +81,7 @@ i2c_bus::i2c_bus(uint32_t number, const options &opts) : m_number(number), m_opt
 void i2c_bus::add(uint8_t addr, std::unique_ptr<i2c_device> device) {
   char name[32];
   (void)std::snprintf(name, sizeof(name), "i2c-%u:%02x", m_number, addr);
-  m_slots.push_back({addr, std::move(device), 0, name});
+  m_slots.push_back({addr, std::move(device), name});
 }
 
 bool i2c_bus::has(uint8_t addr) const {
@@ -95,12 +95,14 @@ i2c_bus::slot *i2c_bus::slot_of(uint8_t addr) {
 
 // The error that a fault makes of this transaction with the device, 0 for none.
 int i2c_bus::injected(slot *to) {
+  int error = 0;
   for (const auto &f : m_opts.faults) {
-    if (!f.is_at(m_number, to->addr)) continue;
-    if (f.id == fault_id::i2c_absent) return ENXIO;
-    if (f.id == fault_id::i2c_fail && f.hits(to->transactions)) return f.error();
+    const bool absent = f.id == fault_id::i2c_absent;
+    if ((!absent && f.id != fault_id::i2c_fail) || !f.is_at(m_number, to->addr)) continue;
+    // Each counts the device's transactions, whatever another makes of them.
+    if (f.strikes() && error == 0) error = absent ? ENXIO : f.error();
   }
-  return 0;
+  return error;
 }
 
 int i2c_bus::carry(slot *to, i2c_message *message) {
@@ -126,7 +128,6 @@ int i2c_bus::transfer(std::span<i2c_message> messages) {
     // A device that is busy with itself was not reached: that is no transaction with it.
     if (error == 0 && first) {
       started.push_back(to);
-      to->transactions++;
       error = injected(to);
     }
     if (error == 0) error = carry(to, &message);
@@ -153,11 +154,9 @@ int i2c_client::ioctl(unsigned long request, void *arg) {
       m_addr = static_cast<uint8_t>(number);
       return 0;
     case I2C_FUNCS:
-      if (arg == nullptr) return fail(EFAULT);
-      *static_cast<unsigned long *>(arg) = smbus_functions | (m_smbus_only ? 0ul : I2C_FUNC_I2C);
-      return 0;
+      return functions(arg);
     case I2C_RDWR:
-      return m_smbus_only ? fail(EOPNOTSUPP) : rdwr(arg);
+      return rdwr(arg);
     case I2C_SMBUS:
       return smbus(arg);
     case I2C_TENBIT:
@@ -171,7 +170,15 @@ int i2c_client::ioctl(unsigned long request, void *arg) {
   }
 }
 
+int i2c_client::functions(void *arg) const {
+  if (arg == nullptr) return fail(EFAULT);
+  const bool smbus_only = m_smbus_only != nullptr && m_smbus_only->strikes();
+  *static_cast<unsigned long *>(arg) = smbus_functions | (smbus_only ? 0ul : I2C_FUNC_I2C);
+  return 0;
+}
+
 int i2c_client::rdwr(void *arg) {
+  if (m_smbus_only != nullptr && m_smbus_only->strikes()) return fail(EOPNOTSUPP);
   if (arg == nullptr) return fail(EFAULT);
   const auto &data = *static_cast<const i2c_rdwr_ioctl_data *>(arg);
   if (data.msgs == nullptr || data.nmsgs == 0 || data.nmsgs > I2C_RDWR_IOCTL_MAX_MSGS) return fail(EINVAL);

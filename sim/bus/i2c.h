@@ -32,7 +32,7 @@ struct i2c_message {
   std::span<uint8_t> bytes;
 };
 
-// One bus: it addresses the devices, counts their transactions and injects the faults that are common to all.
+// One bus: it addresses the devices and injects the faults that are common to all.
 class i2c_bus {
  public:
   i2c_bus(uint32_t number, const options &opts);
@@ -49,7 +49,6 @@ class i2c_bus {
   struct slot {
     uint8_t addr;
     std::unique_ptr<i2c_device> device;
-    uint64_t transactions = 0;
     std::string name;  // in the log
   };
 
@@ -65,17 +64,18 @@ class i2c_bus {
 // An open bus device file: the address that I2C_SLAVE chose, and the ioctls.
 class i2c_client {
  public:
-  i2c_client(i2c_bus *bus, bool smbus_only) : m_bus(bus), m_smbus_only(smbus_only) {}
+  i2c_client(i2c_bus *bus, const fault *smbus_only) : m_bus(bus), m_smbus_only(smbus_only) {}
 
   // As ioctl(): a result of 0 or more, or -1 with errno set.
   int ioctl(unsigned long request, void *arg);
 
  private:
+  int functions(void *arg) const;
   int rdwr(void *arg);
   int smbus(void *arg);
 
   i2c_bus *m_bus;
-  bool m_smbus_only;
+  const fault *m_smbus_only;  // null for an adapter that offers plain messages, too
   uint8_t m_addr = 0;
 };
 

@@ -22,8 +22,17 @@ bool at24c512::is_busy() {
   return true;
 }
 
+// A start is answered, or not, where the usual chip would do otherwise.
+void at24c512::compare_with_usual(bool busy) {
+  if (m_setup.slow == nullptr) return;
+  if (busy != (m_usual_polls != 0)) m_setup.slow->fired();
+  if (m_usual_polls != 0) m_usual_polls--;
+}
+
 bool at24c512::start(bool reading) {
-  if (is_busy()) return false;
+  const bool busy = is_busy();
+  compare_with_usual(busy);
+  if (busy) return false;
   // Data that no stop has followed are lost.
   m_any_written = false;
   m_written.fill(false);
@@ -47,7 +56,7 @@ bool at24c512::write(uint8_t byte) {
 uint8_t at24c512::read() {
   uint8_t byte = m_file.bytes()[m_counter];
   for (const auto &cell : m_setup.corrupt)
-    if (cell.offset == m_counter) byte ^= cell.bits;
+    if (cell.offset == m_counter && cell.cause->strikes()) byte ^= cell.bits;
   m_counter++;
   return byte;
 }
@@ -56,7 +65,16 @@ void at24c512::stop() {
   if (!m_any_written) return;
   m_any_written = false;
   if (m_setup.write_protected && m_setup.write_protected()) return;
+  if (m_setup.locked != nullptr && changes() && m_setup.locked->strikes()) return;
   program();
+}
+
+// Whether programming makes a difference.
+bool at24c512::changes() const {
+  const auto page = m_file.bytes().subspan(m_counter - m_counter % at24c512_page, at24c512_page);
+  for (size_t i = 0; i < at24c512_page; i++)
+    if (m_written[i] && page[i] != m_page[i]) return true;
+  return false;
 }
 
 void at24c512::program() {
@@ -64,6 +82,7 @@ void at24c512::program() {
   for (size_t i = 0; i < at24c512_page; i++)
     if (m_written[i]) page[i] = m_page[i];
   m_busy_polls = m_setup.busy_forever ? 1 : m_setup.busy_polls;
+  m_usual_polls = usual_polls;
   m_busy_until = m_setup.busy_forever ? INT64_MAX : monotonic_nsec() + write_cycle_nsec;
 }
 

@@ -22,14 +22,19 @@ inline constexpr size_t at24c512_page = 128;
 // data and drops it.
 class at24c512 : public i2c_device {
  public:
+  static constexpr uint64_t usual_polls = 2;
+
   struct setup {
     sim::busy busy = sim::busy::polls;
-    uint64_t busy_polls = 2;                // in polls: starts that a write cycle leaves unanswered
+    uint64_t busy_polls = usual_polls;      // in polls: starts that a write cycle leaves unanswered
     bool busy_forever = false;              // a write cycle never ends
+    const fault *slow = nullptr;            // why its busy time is not the usual one
     std::function<bool()> write_protected;  // the level of the protect pin; none: low
+    const fault *locked = nullptr;          // it drops what is written
     struct corruption {
       uint16_t offset;
-      uint8_t bits;  // inverted whenever the byte is read
+      uint8_t bits;  // inverted when the byte is read
+      const fault *cause;
     };
     std::vector<corruption> corrupt;
   };
@@ -46,6 +51,8 @@ class at24c512 : public i2c_device {
 
  private:
   [[nodiscard]] bool is_busy();
+  void compare_with_usual(bool busy);
+  [[nodiscard]] bool changes() const;
   void program();
 
   setup m_setup;
@@ -57,7 +64,8 @@ class at24c512 : public i2c_device {
   std::array<bool, at24c512_page> m_written{};
   bool m_any_written = false;
   uint64_t m_busy_polls = 0;
-  int64_t m_busy_until = 0;  // in ns of the monotonic clock
+  uint64_t m_usual_polls = 0;  // left of a write cycle of the usual length
+  int64_t m_busy_until = 0;    // in ns of the monotonic clock
 };
 
 }  // namespace sim

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "sim/board/fault_counts.h"
 #include "sim/board/options.h"
 
 namespace sim {
@@ -41,13 +42,14 @@ int usage() {
 uint64_t result_of(const options &opts, std::string_view port, const sub_test &test, bool online) {
   if (online && !test.online) return 0;
   for (const auto &f : opts.faults)
-    if (f.id == fault_id::ethtool_fail && f.word("port") == port && f.word("test") == test.word) return f.get("code");
+    if (f.id == fault_id::ethtool_fail && f.word("port") == port && f.word("test") == test.word && f.strikes())
+      return f.get("code");
   return 0;
 }
 
 bool is_silent(const options &opts, std::string_view port) {
   return std::ranges::any_of(opts.faults, [&](const fault &f) {
-    return f.id == fault_id::ethtool_silent && (!f.has("port") || f.word("port") == port);
+    return f.id == fault_id::ethtool_silent && (!f.has("port") || f.word("port") == port) && f.strikes();
   });
 }
 
@@ -68,8 +70,9 @@ int self_test(const options &opts, std::string_view port, bool online) {
 int ethtool_main(std::span<const std::string> args) {
   std::string error;
   const char *const asked = std::getenv(options_variable);
-  const auto opts = options_parse_lines(asked == nullptr ? "" : asked, &error);
-  if (!opts) {
+  auto opts = options_parse_lines(asked == nullptr ? "" : asked, &error);
+  fault_counts counts;
+  if (!opts || !counts.open(&*opts, &error)) {
     (void)std::fprintf(stderr, "ethtool: %s\n", error.c_str());
     return exit_usage;
   }

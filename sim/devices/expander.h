@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <vector>
 
 #include "sim/bus/i2c.h"
 
@@ -11,34 +12,43 @@ namespace sim {
 
 // What is soldered to the pins.
 struct expander_pins {
-  uint16_t level = 0xFFFF;  // what the outside drives or pulls an input to
-  uint16_t stuck = 0;       // pins that do not follow
-  uint16_t stuck_level = 0;
+  // Pins that a fault holds.
+  struct held {
+    const fault *cause;
+    uint16_t pins;
+    uint16_t levels;
 
-  // The levels on the pins, where `driven` are those that the chip drives, to `outputs`.
-  [[nodiscard]] uint16_t levels(uint16_t driven, uint16_t outputs) const {
-    const auto free = static_cast<uint16_t>((outputs & driven) | (level & ~driven));
-    return static_cast<uint16_t>((stuck_level & stuck) | (free & ~stuck));
-  }
+    // The levels with the fault, which acts if it changes one of the `seen` pins.
+    [[nodiscard]] uint16_t apply(uint16_t now, uint16_t seen) const;
+  };
+
+  uint16_t level = 0xFFFF;    // what the outside drives or pulls an input to,
+  std::vector<held> outside;  // where faults do not make it another
+  std::vector<held> stuck;    // pins that do not follow
+
+  // The levels on the pins, where `driven` are those that the chip drives, to `outputs`, for someone who looks at the
+  // `seen` ones.
+  [[nodiscard]] uint16_t levels(uint16_t driven, uint16_t outputs, uint16_t seen) const;
 };
 
 class expander : public i2c_device {
  public:
-  explicit expander(const expander_pins &pins) : m_pins(pins) {}
+  explicit expander(expander_pins pins) : m_pins(std::move(pins)) {}
 
-  // The levels on the pins.
-  [[nodiscard]] virtual uint16_t levels() const = 0;
+  // The levels on the pins, for someone who looks at the `seen` ones.
+  [[nodiscard]] virtual uint16_t levels(uint16_t seen) const = 0;
 
  protected:
   expander_pins m_pins;
 };
 
 // Four register pairs: input, output, polarity inversion, configuration. The command byte names a register; what
-// follows it alternates between the two of its pair. Inputs cannot be written. A command above 7 is not acknowledged.
+// follows it alternates between the two of its pair, and a read without a command goes on there. Inputs cannot be
+// written. A command above 7 is not acknowledged.
 class pca9539 : public expander {
  public:
   using expander::expander;
-  [[nodiscard]] uint16_t levels() const override;
+  [[nodiscard]] uint16_t levels(uint16_t seen) const override;
 
   bool start(bool reading) override;
   bool write(uint8_t byte) override;
@@ -50,8 +60,7 @@ class pca9539 : public expander {
 
   // Power-on values: outputs high, polarity plain, all pins inputs.
   std::array<uint8_t, 8> m_registers{0, 0, 0xFF, 0xFF, 0, 0, 0xFF, 0xFF};
-  uint8_t m_command = 0;
-  uint8_t m_next = 0;
+  uint8_t m_next = 0;  // register
   bool m_has_command = false;
 };
 
@@ -60,7 +69,7 @@ class pca9539 : public expander {
 class pca8575 : public expander {
  public:
   using expander::expander;
-  [[nodiscard]] uint16_t levels() const override;
+  [[nodiscard]] uint16_t levels(uint16_t seen) const override;
 
   bool start(bool reading) override;
   bool write(uint8_t byte) override;

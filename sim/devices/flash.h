@@ -6,9 +6,13 @@
 #include <array>
 #include <bitset>
 #include <cstdint>
+#include <optional>
 #include <span>
+#include <string>
+#include <vector>
 
 #include "sim/board/options.h"
+#include "sim/devices/cells.h"
 #include "sim/devices/lines.h"
 
 namespace sim {
@@ -38,9 +42,12 @@ struct flash_times {
 inline constexpr flash_times flash_times_real{7, 7, 10, 1, 5, 4};
 inline constexpr flash_times flash_times_scaled{2, 2, 1, 3, 3, 3};
 
+// Tells why a fault that `opts` asks of the flash would do nothing: "" if each does something.
+std::string flash_check(const options &opts);
+
 class flash_model {
  public:
-  // Powers the chip up on its contents (flash_bytes of them), which stay the caller's.
+  // Powers the chip up on its contents (flash_bytes of them). They stay the caller's, who keeps `opts`, too.
   void start(std::span<uint8_t> contents, const options &opts);
 
   // One 16-bit bus cycle at an even byte offset.
@@ -48,8 +55,8 @@ class flash_model {
   void write(uint32_t offset, uint16_t data);
 
   // Whether reads may go to the contents at once: the chip reads its array, and nothing alters what it reads.
-  [[nodiscard]] bool reads_plainly() const { return plain && reads_array(); }
-  [[nodiscard]] bool reads_array() const { return mode < phase::autoselect; }
+  [[nodiscard]] bool reads_plainly() const { return m_plain && reads_array(); }
+  [[nodiscard]] bool reads_array() const { return m_mode < phase::autoselect; }
 
  private:
   // Where in a command the chip stands. Up to wb_confirm, reads deliver the array.
@@ -64,6 +71,7 @@ class flash_model {
     wb_count,    // write-buffer programming: number of words less 1,
     wb_load,     // words,
     wb_confirm,  // confirmation
+    lost,        // a cycle was out of order; only a reset leads out
     autoselect,
     query,
     query_in_autoselect,
@@ -84,46 +92,62 @@ class flash_model {
   // What becomes of the running operation: it ends, is given up with DQ5, or runs for ever.
   enum class ending : uint8_t { success, failure, never };
 
-  std::span<uint8_t> memory;
-  phase mode = phase::array;
+  std::span<uint8_t> m_memory;
+  phase m_mode = phase::array;
 
-  // The board and its faults.
-  bool plain = true;  // nothing alters what the array reads
-  bool silent = false;
-  bool command_faults = false;  // line faults hit every cycle, not the array's alone
-  bool real_time = false;
-  flash_times times = flash_times_scaled;
-  uint64_t program_polls = flash_program_polls;
-  uint64_t erase_polls = flash_erase_polls;
-  uint64_t writes_left = 0;  // until the power cut; 0 for none
-  std::vector<fault> faults;
-  bus_lines data_lines;
-  bus_lines address_lines;
-  bad_cells cells;
-  std::array<uint16_t, 0x100> query_table{};
+  // The board and its faults. The lines of a cycle are those between bus and chip, the lines of the array lie behind
+  // the command decoder.
+  bool m_real_time = false;
+  flash_times m_times = flash_times_scaled;
+  const fault *m_silent = nullptr;
+  const fault *m_slow = nullptr;
+  const fault *m_power_cut = nullptr;
+  data_lines m_cycle_data;
+  data_lines m_array_data;
+  bus_lines m_cycle_address;
+  bus_lines m_array_address;
+  bad_cells m_cells;
+  std::vector<const fault *> m_wrong_words;  // of the query
+  std::vector<const fault *> m_operations;   // programs and erases gone wrong
+  bool m_plain = true;                       // nothing alters what the array reads
+  std::optional<uint64_t> m_cut;             // the power fails in this cycle: state of the random numbers
+  std::array<uint16_t, 0x100> m_query_table{};
 
   // The write buffer.
-  uint32_t buffer_sector = 0;
-  uint32_t buffer_count = 0;   // cycles that the count cycle announced,
-  uint32_t buffer_cycles = 0;  // and those that came
-  std::vector<word_load> buffer;
+  uint32_t m_buffer_sector = 0;
+  uint32_t m_buffer_count = 0;   // cycles that the count cycle announced,
+  uint32_t m_buffer_cycles = 0;  // and those that came
+  std::vector<word_load> m_buffer;
 
   // The running operation.
-  std::bitset<flash_sectors> erasing_sectors;  // empty while programming
-  ending outcome = ending::success;
-  uint64_t polls_left = 0;
-  int64_t deadline_ns = 0;
-  int64_t window_end_ns = 0;
-  uint16_t toggles = 0;    // DQ6 and DQ2 as they stand
-  bool data_bit7 = false;  // of the word last loaded
+  std::bitset<flash_sectors> m_erasing_sectors;  // empty while programming
+  ending m_outcome = ending::success;
+  uint64_t m_polls_left = 0;
+  uint64_t m_usual_polls_left = 0;  // of a chip that is not slow
+  int64_t m_deadline_ns = 0;
+  int64_t m_window_end_ns = 0;
+  uint16_t m_toggles = 0;    // DQ6 and DQ2 as they stand
+  bool m_data_bit7 = false;  // of the word last loaded
 
-  [[nodiscard]] const fault *find(fault_id id, uint32_t sector) const;
-  [[nodiscard]] uint32_t cell_offset(uint32_t offset) const;
+  // What of a cycle the chip looks at.
+  struct decoded_lines {
+    uint32_t address;
+    uint16_t data;
+  };
+
+  void add(const fault &f);
+  [[nodiscard]] const fault *struck(fault_id id, uint32_t sector) const;
+  [[nodiscard]] bool is_blank(uint32_t sector) const;
+  [[nodiscard]] uint32_t cell_sector(uint32_t sector);
+  [[nodiscard]] decoded_lines decoded(uint8_t code) const;
+  [[nodiscard]] uint16_t steady_word(uint32_t offset) const;
   [[nodiscard]] uint16_t chip_read(uint32_t offset);
-  [[nodiscard]] uint16_t array_word(uint32_t offset) const;
+  [[nodiscard]] uint16_t query_word(uint32_t word) const;
+  [[nodiscard]] uint16_t array_word(uint32_t offset);
   [[nodiscard]] uint16_t status(uint32_t offset);
 
   void chip_write(uint32_t offset, uint16_t data);
+  void next_cycle(bool in_order, phase next, uint8_t code);
   void array_cycle(uint32_t word, uint8_t code);
   void command_cycle(uint32_t offset, uint8_t code);
   void erase_cycle(uint32_t offset, uint8_t code);
@@ -134,9 +158,12 @@ class flash_model {
 
   void program(std::span<const word_load> words, unsigned typical_us, unsigned factor);
   [[nodiscard]] bool program_word(uint32_t offset, uint16_t data);
+  void program_torn(const word_write &w);
+  void clear_bit(const fault &f, uint32_t base);
   void open_window();
   void erase();
-  [[nodiscard]] bool erase_sector(uint32_t sector);
+  [[nodiscard]] bool erase_sector(uint32_t addressed);
+  void erase_torn(uint32_t sector);
   void run(phase busy, int64_t typical_ns, unsigned factor, uint64_t polls);
   void poll();
   void pass_time();

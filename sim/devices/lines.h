@@ -1,4 +1,4 @@
-// lines.h: stuck and shorted lines of a bus, and stuck cells behind it.
+// lines.h: stuck, shorted and floating lines between a memory and its bus.
 #pragma once
 
 #include <cstdint>
@@ -12,55 +12,52 @@ namespace sim {
 // The lines of one address or data bus, as bits of a number.
 class bus_lines {
  public:
-  // Adds the fault if it is `stuck` (parameters line, level) or `shorted` (line, other, wins: the level that both
-  // lines take when they differ). Returns whether it was.
-  bool add(const fault &f, fault_id stuck, fault_id shorted);
+  // Lets one line take a level, two lines take the level that wins when they differ, or one line keep its own level.
+  // The fault must stay.
+  void add_stuck(const fault &f);
+  void add_shorted(const fault &f);
+  void add_floating(const fault &f);
 
-  [[nodiscard]] bool healthy() const { return stuck_high == 0 && stuck_low == 0 && shorts.empty(); }
+  [[nodiscard]] bool healthy() const { return m_faulty.empty(); }
 
   // What arrives at the other end.
-  [[nodiscard]] uint32_t pass(uint32_t levels) const;
+  //   seen  lines that matter there; a fault in others alone does not act
+  //   kept  the levels that floating lines have
+  [[nodiscard]] uint32_t pass(uint32_t levels, uint32_t seen, uint32_t kept = 0);
+
+  // The faults that acted in the last pass made a difference.
+  void fired() const;
 
  private:
-  struct pair {
-    uint32_t both;
-    bool high_wins;
+  enum class kind : uint8_t { stuck, shorted, floating };
+  struct faulty_lines {
+    const fault *cause;
+    bus_lines::kind kind;
+    uint32_t lines;
+    bool high;  // the level of the stuck line; the one that wins
+    bool acted = false;
+
+    [[nodiscard]] uint32_t apply(uint32_t levels, uint32_t kept) const;
   };
-  uint32_t stuck_high = 0;
-  uint32_t stuck_low = 0;
-  std::vector<pair> shorts;
+  std::vector<faulty_lines> m_faulty;
 };
 
-// Bad cells of a memory, by byte offset and bit.
-class bad_cells {
+// A memory's 16 data lines. A floating line is open between bus and chip: either side keeps the level that was last
+// driven there, by this memory's own cycles.
+class data_lines {
  public:
-  struct stuck_cell {
-    uint32_t offset;
-    uint8_t mask;
-    bool high;
-  };
-  struct coupled_cell {
-    uint32_t offset;
-    uint8_t mask;
-    uint32_t victim;
-    uint8_t victim_mask;
-  };
+  [[nodiscard]] bus_lines &lines() { return m_lines; }
+  [[nodiscard]] const bus_lines &lines() const { return m_lines; }
 
-  // Adds the fault if it is `stuck` (offset, bit, level) or `coupled` (offset, bit, victim, vbit) and lies in a memory
-  // of `size` bytes. Returns whether it was.
-  bool add(const fault &f, fault_id stuck, fault_id coupled, size_t size);
-
-  [[nodiscard]] bool healthy() const { return stuck.empty() && coupled.empty(); }
-
-  // The 16-bit word at `offset` as the stuck cells make it.
-  [[nodiscard]] uint16_t force(uint32_t offset, uint16_t word) const;
-
-  // The coupled cells whose leading cell is set in `changed`, a mask of bits of the word at `offset`.
-  [[nodiscard]] std::vector<coupled_cell> disturbed(uint32_t offset, uint16_t changed) const;
+  // A write cycle: what the chip takes. Bits outside of `lanes` are not driven.
+  [[nodiscard]] uint16_t to_chip(uint16_t word, uint16_t lanes);
+  // A read cycle: what the bus takes. Nobody looks at bits outside of `lanes`.
+  [[nodiscard]] uint16_t to_bus(uint16_t word, uint16_t lanes = 0xFFFF);
 
  private:
-  std::vector<stuck_cell> stuck;
-  std::vector<coupled_cell> coupled;
+  bus_lines m_lines;
+  uint16_t m_bus_levels = 0;
+  uint16_t m_chip_levels = 0;
 };
 
 // Little-endian 16-bit words of a memory at an even offset.

@@ -1,39 +1,51 @@
 // nvram.cpp: battery-backed RAM with bad lines and cells.
 #include "sim/devices/nvram.h"
 
-#include <bit>
-
 namespace sim {
 
 void nvram_model::start(std::span<uint8_t> contents, unsigned instance, const options &opts) {
   *this = nvram_model{};
-  memory = contents;
-  for (const auto &f : opts.faults) {
-    if (f.row().part != fault_part::nvram || f.get("instance") != instance) continue;
-    (void)(data.add(f, fault_id::nvram_data_stuck, fault_id::nvram_data_short) ||
-           address.add(f, fault_id::nvram_addr_stuck, fault_id::nvram_addr_short) ||
-           cells.add(f, fault_id::nvram_cell_stuck, fault_id::nvram_cell_coupled, contents.size()));
+  m_memory = contents;
+  for (const auto &f : opts.faults)
+    if (f.row().part == fault_part::nvram && f.get("instance") == instance) add(f);
+}
+
+void nvram_model::add(const fault &f) {
+  switch (f.id) {
+    case fault_id::nvram_data_stuck:
+      return m_data.lines().add_stuck(f);
+    case fault_id::nvram_data_short:
+      return m_data.lines().add_shorted(f);
+    case fault_id::nvram_data_floating:
+      return m_data.lines().add_floating(f);
+    case fault_id::nvram_addr_stuck:
+      return m_address.add_stuck(f);
+    case fault_id::nvram_addr_short:
+      return m_address.add_shorted(f);
+    default:
+      (void)m_cells.add(f);
   }
 }
 
-// A line stuck high above the last one of the chip is not connected.
-uint32_t nvram_model::cell_offset(uint32_t offset) const {
-  return address.pass(offset) & (std::bit_ceil(static_cast<uint32_t>(memory.size())) - 1U) & ~1U;
+uint32_t nvram_model::cell_offset(uint32_t offset) {
+  return m_address.pass(offset, ~0U);
 }
 
-uint16_t nvram_model::read(uint32_t offset) const {
+uint16_t nvram_model::read(uint32_t offset, uint16_t lanes) {
   const uint32_t at = cell_offset(offset);
-  return static_cast<uint16_t>(data.pass(cells.force(at, word_get(memory, at))));
+  if (((word_get(m_memory, at) ^ word_get(m_memory, offset)) & lanes) != 0) m_address.fired();
+  return m_data.to_bus(m_cells.read(m_memory, at, lanes), lanes);
 }
 
 void nvram_model::write(uint32_t offset, uint16_t word, uint16_t lanes) {
   const uint32_t at = cell_offset(offset);
-  const uint16_t before = cells.force(at, word_get(memory, at));
-  const uint32_t driven = data.pass(word);
-  const auto after = cells.force(at, static_cast<uint16_t>((before & ~lanes) | (driven & lanes)));
-  word_set(memory, at, after);
-  for (const auto &cell : cells.disturbed(at, before ^ after))
-    memory[cell.victim] ^= cell.victim_mask;
+  const uint16_t taken = m_data.to_chip(word, lanes);
+  const uint16_t before = word_get(m_memory, at);
+  const word_write w{at, before, static_cast<uint16_t>((before & ~lanes) | (taken & lanes)), lanes};
+  const bool there_differs = ((word_get(m_memory, offset) ^ taken) & lanes) != 0;
+  if (at != offset && (there_differs || w.wanted != before)) m_address.fired();
+  word_set(m_memory, at, m_cells.take(m_memory, w));
+  m_cells.disturb(m_memory, w);
 }
 
 }  // namespace sim

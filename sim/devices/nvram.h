@@ -5,32 +5,35 @@
 #include <span>
 
 #include "sim/board/options.h"
+#include "sim/devices/cells.h"
 #include "sim/devices/lines.h"
 
 namespace sim {
 
 class nvram_model {
  public:
-  // Puts an instance to work on its contents, which the caller keeps mapped.
+  // Puts an instance to work on its contents. The caller keeps these mapped, and `opts`.
   void start(std::span<uint8_t> contents, unsigned instance, const options &opts);
 
   // Whether every access may go to the contents at once.
-  [[nodiscard]] bool healthy() const { return data.healthy() && address.healthy() && cells.healthy(); }
+  [[nodiscard]] bool healthy() const { return m_data.lines().healthy() && m_address.healthy() && m_cells.healthy(); }
 
   // One 16-bit read cycle at an even offset.
-  [[nodiscard]] uint16_t read(uint32_t offset) const;
+  //   lanes  0x00FF, 0xFF00 or both: the bytes that somebody wants
+  [[nodiscard]] uint16_t read(uint32_t offset, uint16_t lanes);
 
   // One write cycle at an even offset.
-  //   lanes  0x00FF, 0xFF00 or both: the bytes that are written
+  //   lanes  the bytes that are written
   void write(uint32_t offset, uint16_t word, uint16_t lanes);
 
  private:
-  std::span<uint8_t> memory;
-  bus_lines data;
-  bus_lines address;
-  bad_cells cells;
+  std::span<uint8_t> m_memory;
+  data_lines m_data;
+  bus_lines m_address;
+  bad_cells m_cells;
 
-  [[nodiscard]] uint32_t cell_offset(uint32_t offset) const;
+  void add(const fault &f);
+  [[nodiscard]] uint32_t cell_offset(uint32_t offset);
 };
 
 }  // namespace sim

@@ -154,6 +154,14 @@ bool is_at(const pci_function &f, const fault &at) {
   return f.bus == at.get("bus") && f.dev == at.get("dev") && f.func == at.get("func");
 }
 
+uint32_t ids_of(const pci_function &f) {
+  return uint32_t{f.vendor} << 16 | f.device;
+}
+
+uint32_t wrong_ids(const pci_function &f, const fault &fault) {
+  return static_cast<uint32_t>(fault.get("vendor", f.vendor) << 16 | fault.get("device", f.device));
+}
+
 // All functions in ascending order of their position.
 std::vector<pci_function> healthy_functions(const options &opts) {
   std::vector<pci_function> list(chipset.begin(), chipset.end());
@@ -177,7 +185,7 @@ struct resources {
 
 enum : uint64_t { bar_io = 1, bar_64bit = 4, bar_flags = 15 };
 
-resources bridge_resources(const options &opts) {
+resources healthy_bridge() {
   resources r;
   // Its own registers, once in memory and once in I/O space.
   r.base[0] = 0xF3FFF000;
@@ -188,6 +196,11 @@ resources bridge_resources(const options &opts) {
     r.base[bar] = w.base;
     r.size[bar] = w.length;
   }
+  return r;
+}
+
+resources bridge_resources(const options &opts) {
+  auto r = healthy_bridge();
   for (const auto &f : opts.faults) {
     const auto bar = static_cast<size_t>(f.get("bar"));
     if (f.id == fault_id::bar_missing) r.base[bar] = r.size[bar] = 0;
@@ -216,10 +229,9 @@ uint32_t interrupt(const pci_function &f) {
 // The line of a function. What answers with wrong ids still has its own resources.
 std::string list_line(const options &opts, const pci_function &f) {
   const auto r = f.vendor == plx && f.device == plx_9030 ? bridge_resources(opts) : plain_resources(f);
-  uint32_t ids = uint32_t{f.vendor} << 16 | f.device;
+  uint32_t ids = ids_of(f);
   for (const auto &fault : opts.faults)
-    if (fault.id == fault_id::pci_wrong_id && is_at(f, fault))
-      ids = static_cast<uint32_t>(fault.get("vendor", f.vendor) << 16 | fault.get("device", f.device));
+    if (fault.id == fault_id::pci_wrong_id && is_at(f, fault)) ids = wrong_ids(f, fault);
   char text[64];
   (void)std::snprintf(text, sizeof(text), "%04x\t%08x\t%x", position(f), ids, interrupt(f));
   std::string line = text;
@@ -237,6 +249,19 @@ bool is_missing(const options &opts, const pci_function &f) {
                              [&](const fault &fault) { return fault.id == fault_id::pci_missing && is_at(f, fault); });
 }
 
+// Why the board cannot have the fault, "" if it can.
+std::string check_fault(std::span<const pci_function> list, const fault &fault) {
+  const auto bar = static_cast<size_t>(fault.get("bar"));
+  if (fault.id == fault_id::bar_io && (healthy_bridge().base[bar] & bar_io) != 0)
+    return "this register maps I/O space anyway";
+  if (fault.id != fault_id::pci_missing && fault.id != fault_id::pci_wrong_id) return "";
+  const auto found = std::ranges::find_if(list, [&](const auto &f) { return is_at(f, fault); });
+  if (found == list.end()) return "the board has no such PCI function";
+  if (fault.id == fault_id::pci_wrong_id && wrong_ids(*found, fault) == ids_of(*found))
+    return "the function has these ids anyway";
+  return "";
+}
+
 }  // namespace
 
 std::string pci_list(const options &opts) {
@@ -249,9 +274,8 @@ std::string pci_list(const options &opts) {
 std::string pci_check(const options &opts) {
   const auto list = healthy_functions(opts);
   for (const auto &fault : opts.faults) {
-    if (fault.id != fault_id::pci_missing && fault.id != fault_id::pci_wrong_id) continue;
-    if (std::ranges::none_of(list, [&](const auto &f) { return is_at(f, fault); }))
-      return "fault '" + fault.text + "': the board has no such PCI function";
+    const auto wrong = check_fault(list, fault);
+    if (!wrong.empty()) return "fault '" + fault.text + "': " + wrong;
   }
   return "";
 }

@@ -1,6 +1,7 @@
 #include "sim/devices/port.h"
 
 #include <cerrno>
+#include <vector>
 
 #include "sim/bus/trace.h"
 #include "sim/bus/trap.h"
@@ -16,23 +17,31 @@ void check(uint16_t port, unsigned width) {
 
 }  // namespace
 
-io_port::io_port(const options &opts) {
-  for (const auto &f : opts.faults) {
-    if (f.id == fault_id::iopl_refused) m_refusal = f.error();
-    if (f.id == fault_id::port_stuck) (f.get("level") != 0 ? m_stuck_high : m_stuck_low) |= 1U << f.get("bit");
+io_port::io_port(const options &opts) : m_refusal(opts.find(fault_id::iopl_refused)) {
+  for (const auto &f : opts.faults)
+    if (f.id == fault_id::port_stuck) m_stuck.push_back(&f);
+}
+
+uint32_t io_port::pins(uint32_t seen) const {
+  uint32_t now = m_latch;
+  for (const auto *const f : m_stuck) {
+    const uint32_t bit = 1U << f->get("bit");
+    const uint32_t wrong = f->get("level") != 0 ? now | bit : now & ~bit;
+    if (((wrong ^ now) & seen) != 0 && f->strikes()) now = wrong;
   }
+  return now;
 }
 
 int io_port::set_level(int wanted) {
   if (wanted < 0 || wanted > 3) return fail(EINVAL);
-  if (wanted > m_level && m_refusal != 0) return fail(m_refusal);
+  if (wanted > m_level && m_refusal != nullptr && m_refusal->strikes()) return fail(m_refusal->error());
   m_level = wanted;
   return 0;
 }
 
 uint32_t io_port::in(uint16_t port, unsigned width) const {
   check(port, width);
-  const uint32_t data = pins();
+  const uint32_t data = pins(~0U);
   bus_passed({"port", 'r', width, port, data});
   return data;
 }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
 #include "sim/board/options.h"
 
@@ -13,7 +14,7 @@ inline constexpr uint32_t port_protect_bit = 1U << 27;
 
 class io_port {
  public:
-  // The port after power-on, the process's privilege down.
+  // The port after power-on, the process's privilege down. `opts` must stay as long as the object.
   explicit io_port(const options &opts);
 
   // iopl(): 0, or -1 with errno set.
@@ -23,7 +24,7 @@ class io_port {
   [[nodiscard]] bool allowed() const { return m_level == 3; }
 
   // Whether the pins protect the supervisor's EEPROM.
-  [[nodiscard]] bool write_protected() const { return (pins() & port_protect_bit) != 0; }
+  [[nodiscard]] bool write_protected() const { return (pins(port_protect_bit) & port_protect_bit) != 0; }
 
   // I/O cycles. End the run on another port or width: nothing else of the board answers there.
   [[nodiscard]] uint32_t in(uint16_t port, unsigned width) const;
@@ -31,12 +32,12 @@ class io_port {
 
  private:
   uint32_t m_latch = port_initial;
-  uint32_t m_stuck_high = 0;
-  uint32_t m_stuck_low = 0;
-  int m_refusal = 0;  // errno of iopl, 0 for none
+  std::vector<const fault *> m_stuck;
+  const fault *m_refusal;  // of iopl; null for none
   int m_level = 0;
 
-  [[nodiscard]] uint32_t pins() const { return (m_latch | m_stuck_high) & ~m_stuck_low; }
+  // The levels of the pins, for someone who looks at the `seen` ones.
+  [[nodiscard]] uint32_t pins(uint32_t seen) const;
 };
 
 }  // namespace sim

@@ -31,6 +31,7 @@
 
 #include "sim/board/board.h"
 #include "sim/host/children.h"
+#include "sim/host/lock_holder.h"
 #include "sim/host/real.h"
 
 namespace {
@@ -69,11 +70,15 @@ intent access_intent(int mode) {
   return (mode & W_OK) != 0 ? intent::change : intent::use;
 }
 
-std::optional<sim::redirection> board_path(int dir, const char *path, intent why) {
+using sim::path_use;
+
+std::optional<sim::redirection> board_path(int dir, const char *path, intent why, path_use use = path_use::act) {
   const auto *const opts = sim::board_options();
   if (opts == nullptr || path == nullptr || (dir != AT_FDCWD && path[0] != '/')) return std::nullopt;
   const sim::keep_errno kept;
-  auto to = sim::redirect(*opts, path, why == intent::change);
+  const bool writing = why == intent::change;
+  auto to = sim::redirect(*opts, path, writing);
+  if (to) sim::count_faults(*opts, *to, writing, why == intent::ask ? path_use::ask : use);
   if (to && why == intent::ask) to->error = 0;
   return to;
 }
@@ -106,7 +111,7 @@ int by_path_at(int (*own)(int, const char *, A...), intent why, int dir, const c
 
 // All opening forms come down to this call. Without large files a plain name only fails more often.
 int open_any(int dir, const char *path, int flags, mode_t mode) {
-  const auto to = board_path(dir, path, intent_of(flags));
+  const auto to = board_path(dir, path, intent_of(flags), path_use::open);
   if (!to) return static_cast<int>(syscall(SYS_openat, dir, path, flags | O_LARGEFILE, mode));
   if (to->error != 0) return sim::fail(to->error);
   if (to->device != sim::device::none) return sim::device_open(*to, flags);
@@ -121,7 +126,7 @@ mode_t mode_of(int flags, va_list args) {
 // A stream on a device can only be asked for its descriptor.
 template <symbol name, class... A>
 FILE *stream(FILE *(*own)(const char *, const char *, A...), const char *path, const char *mode, A... rest) {
-  const auto to = board_path(AT_FDCWD, path, intent_of(mode));
+  const auto to = board_path(AT_FDCWD, path, intent_of(mode), path_use::open);
   if (to && to->error != 0) return failed<FILE *>(to->error);
   if (to && to->device != sim::device::none) mode = strchr(mode, 'e') != nullptr ? "re" : "r";
   return next<name>(own)(to ? to->path.c_str() : path, mode, rest...);
@@ -140,6 +145,12 @@ void *map_any(void *addr, size_t length, int prot, int flags, int fd, off64_t of
   if ((flags & MAP_ANONYMOUS) == 0)
     if (const auto at = sim::device_mmap(length, prot, flags, fd, static_cast<uint64_t>(offset))) return *at;
   return next<"mmap64">(mmap64)(addr, length, prot, flags, fd, offset);
+}
+
+template <symbol name>
+int fcntl_any(int (*own)(int, int, ...), int fd, int cmd, void *arg) {
+  if (const auto *const opts = sim::board_options()) sim::lock_asked(*opts, fd, cmd, arg);
+  return next<name>(own)(fd, cmd, arg);
 }
 
 // A command runs in the real shell, which meets the board by the command's text and its environment.
@@ -343,6 +354,21 @@ int ioctl(int fd, unsigned long request, ...) noexcept {
   va_end(args);
   const auto result = sim::device_ioctl(fd, request, arg);
   return result ? *result : next<"ioctl">(ioctl)(fd, request, arg);
+}
+
+int fcntl(int fd, int cmd, ...) {
+  va_list args;
+  va_start(args, cmd);
+  void *const arg = va_arg(args, void *);
+  va_end(args);
+  return fcntl_any<"fcntl">(fcntl, fd, cmd, arg);
+}
+int fcntl64(int fd, int cmd, ...) {
+  va_list args;
+  va_start(args, cmd);
+  void *const arg = va_arg(args, void *);
+  va_end(args);
+  return fcntl_any<"fcntl64">(fcntl64, fd, cmd, arg);
 }
 
 ssize_t read(int fd, void *to, size_t length) {

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "sim/board/board.h"
+#include "sim/board/fault_counts.h"
 #include "sim/board/options.h"
 #include "sim/devices/ethtool.h"
 #include "sim/host/children.h"
@@ -52,7 +53,7 @@ int fail_to_run(const std::string &program, int error) {
 
 void list_faults() {
   for (const auto &row : sim::fault_table())
-    (void)std::printf("%s%s%s\n    %s\n", row.name, *row.parms == '\0' ? "" : " ", row.parms, row.what);
+    (void)std::printf("%s\n    %s\n", sim::fault_usage(row).c_str(), row.what);
 }
 
 // Files in the place of closed standard descriptors would get what is written there. The program finds them closed.
@@ -64,16 +65,22 @@ void fill_standard_descriptors() {
   if (fd >= 0) (void)close(fd);
 }
 
-// Empties the log, or begins to write to what is no plain file. It stays open here: whoever reads a FIFO then sees no
-// end before the run has one.
-bool begin_trace(sim::options *opts, sim::file *trace, std::string *error) {
-  if (opts->trace.empty()) return true;
-  const auto path = sim::absolute_path(opts->trace, error);
-  if (!path) return false;
-  opts->trace = *path;
-  *trace = sim::file(sim::sys::open(path->c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC));
-  if (!trace->is_open()) *error = sim::os_error(*path);
-  return trace->is_open();
+// Empties a file that the run writes to, or begins to write to what is no plain file, and makes its path absolute. It
+// stays open here: whoever reads a FIFO then sees no end before the run has one. Without a path nothing is opened.
+bool begin_output(std::string *path, sim::file *output, std::string *error) {
+  if (path->empty()) return true;
+  const auto whole = sim::absolute_path(*path, error);
+  if (!whole) return false;
+  *path = *whole;
+  *output = sim::file(sim::sys::open(path->c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC));
+  if (!output->is_open()) *error = sim::os_error(*path);
+  return output->is_open();
+}
+
+int write_report(const sim::file &output, const sim::command &cmd, int status) {
+  const auto lines = sim::fault_report(cmd.opts);
+  if (write(output.fd(), lines.data(), lines.size()) == static_cast<ssize_t>(lines.size())) return status;
+  return fail(sim::os_error(cmd.fault_report));
 }
 
 void show_result(const std::string &state) {
@@ -113,18 +120,24 @@ int run_on_board(sim::command cmd) {
   if (!error.empty()) return fail(error);
   fill_standard_descriptors();
   sim::file trace;
-  if (!begin_trace(&cmd.opts, &trace, &error)) return fail(error);
+  sim::file faults;
+  if (!begin_output(&cmd.opts.trace, &trace, &error) || !begin_output(&cmd.fault_report, &faults, &error))
+    return fail(error);
   sim::take_signals();
   sim::state_directory state;
   if (!state.use(cmd.opts.state, &error)) return fail(error);
   cmd.opts.state = state.path();
   const auto rate = sim::tsc_khz();
   if (!sim::make_board_files(cmd.opts, rate, &error)) return fail(error);
+  sim::fault_counts counts;
+  sim::fault_counts::forget(cmd.opts);
+  if (!counts.open(&cmd.opts, &error)) return fail(error);
   (void)setenv("BOARD_SIM_TSC_KHZ", std::to_string(rate).c_str(), 1);
 
   const auto program = cmd.program.empty() ? sim::own_directory() + "/post" : sim::find_program(cmd.opts, cmd.program);
   if (program.empty()) return fail(cmd.program + ": not found in PATH", exit_not_found);
-  const int status = run_with_library(cmd, program);
+  int status = run_with_library(cmd, program);
+  if (faults.is_open()) status = write_report(faults, cmd, status);
   if (cmd.show_result) show_result(cmd.opts.state);
   return status;
 }

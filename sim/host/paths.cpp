@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "sim/board/i2c_board.h"
+#include "sim/host/files.h"
 #include "sim/host/real.h"
 
 namespace sim {
@@ -22,20 +23,23 @@ struct path_row {
   std::optional<fault_id> failing;    // opening fails with the errno that the fault names
   std::optional<fault_id> read_only;  // it cannot be written
   sim::device device;
+  std::span<const fault_id> contents;  // what is wrong in it
 };
 
 using id = fault_id;
 constexpr std::nullopt_t none = std::nullopt;
+constexpr std::array in_pci_list{id::pci_missing, id::pci_wrong_id, id::bar_missing, id::bar_64bit, id::bar_io};
+constexpr std::array in_cpuinfo{id::cpuinfo_no_rate, id::cpuinfo_rate};
 
 // clang-format off
 constexpr std::array path_rows{std::to_array<path_row>({
-    // path                   tree   missing               failing                  read-only               device
-    {"/post",                 true,  id::post_missing,     none,                    none,                   device::none},
-    {"/var/lock",             true,  id::lock_dir_missing, none,                    id::lock_dir_read_only, device::none},
-    {"/proc/bus/pci/devices", false, none,                 id::pci_list_unreadable, none,                   device::none},
-    {"/proc/cpuinfo",         false, id::cpuinfo_missing,  none,                    none,                   device::none},
-    {"/dev/sprom",            false, id::sprom_absent,     none,                    none,                   device::sprom},
-    {"/dev/mem",              false, none,                 id::mem_absent,          none,                   device::mem},
+    // path                   tree   missing               failing                  read-only               device         contents
+    {"/post",                 true,  id::post_missing,     none,                    none,                   device::none,  {}},
+    {"/var/lock",             true,  id::lock_dir_missing, none,                    id::lock_dir_read_only, device::none,  {}},
+    {"/proc/bus/pci/devices", false, none,                 id::pci_list_unreadable, none,                   device::none,  in_pci_list},
+    {"/proc/cpuinfo",         false, id::cpuinfo_missing,  none,                    none,                   device::none,  in_cpuinfo},
+    {"/dev/sprom",            false, id::sprom_absent,     none,                    none,                   device::sprom, {}},
+    {"/dev/mem",              false, none,                 id::mem_absent,          none,                   device::mem,   {}},
 })};
 // clang-format on
 
@@ -77,9 +81,33 @@ const path_row *row_of(std::string_view path) {
   return nullptr;
 }
 
-// The place in the state directory. What a fault takes away is looked for where nothing is ever made.
+// What a fault takes away is looked for where nothing is ever made.
+constexpr std::string_view nowhere = "/missing";
+
+// The place in the state directory.
 std::string place(const options &opts, bool missing, std::string_view path) {
-  return opts.state + (missing ? "/missing" : "") + std::string(path);
+  return opts.state + std::string(missing ? nowhere : "") + std::string(path);
+}
+
+// The place of a path that leads nowhere, if it led somewhere.
+std::string place_if_not_missing(const options &opts, const redirection &to) {
+  return opts.state + to.path.substr(opts.state.size() + nowhere.size());
+}
+
+const fault *absent_bus(const options &opts, uint32_t number) {
+  const auto found = std::ranges::find_if(
+      opts.faults, [&](const fault &f) { return f.id == fault_id::i2c_bus_absent && f.get("bus") == number; });
+  return found == opts.faults.end() ? nullptr : &*found;
+}
+
+// Whether a command of the text is called so.
+bool calls(std::string_view text, std::string_view command) {
+  for (auto at = text.find(command); at != std::string_view::npos; at = text.find(command, at + 1)) {
+    const auto end = at + command.size();
+    const bool begins = at == 0 || text[at - 1] == '/' || delimiters.find(text[at - 1]) != std::string_view::npos;
+    if (begins && (end == text.size() || delimiters.find(text[end]) != std::string_view::npos)) return true;
+  }
+  return false;
 }
 
 std::optional<redirection> redirect_i2c(const options &opts, std::string_view path) {
@@ -91,18 +119,24 @@ std::optional<redirection> redirect_i2c(const options &opts, std::string_view pa
   if (result != std::errc{} || stop != end || (digits.size() > 1 && digits[0] == '0')) return std::nullopt;
   const auto present = i2c_bus_numbers(opts);
   const bool missing = std::ranges::find(present, number) == present.end();
-  return redirection{place(opts, missing, path), 0, device::i2c, number};
+  return redirection{place(opts, missing, path), 0, device::i2c, number, absent_bus(opts, number), nullptr, {}};
 }
 
 std::optional<redirection> redirect_normal(const options &opts, std::string_view path, bool writing) {
   if (path.starts_with(i2c_prefix)) return redirect_i2c(opts, path);
-  if (std::ranges::any_of(ethtool_ends, [&](auto end) { return path.ends_with(end); }))
-    return redirection{place(opts, opts.find(id::ethtool_missing) != nullptr, "/bin/ethtool")};
+  if (std::ranges::any_of(ethtool_ends, [&](auto end) { return path.ends_with(end); })) {
+    const auto *const f = opts.find(id::ethtool_missing);
+    return redirection{.path = place(opts, f != nullptr, "/bin/ethtool"), .missing = f};
+  }
   const auto *const row = row_of(path);
   if (row == nullptr) return std::nullopt;
-  redirection to{place(opts, find_fault(opts, row->missing) != nullptr, path), 0, row->device, 0};
-  if (const auto *const f = find_fault(opts, row->failing)) to.error = f->error();
-  if (writing && find_fault(opts, row->read_only) != nullptr) to.error = EROFS;
+  const auto *const missing = find_fault(opts, row->missing);
+  redirection to{place(opts, missing != nullptr, path), 0, row->device, 0, missing, nullptr, row->contents};
+  if ((to.refused = find_fault(opts, row->failing)) != nullptr) {
+    to.error = to.refused->error();
+  } else if (writing && (to.refused = find_fault(opts, row->read_only)) != nullptr) {
+    to.error = EROFS;
+  }
   return to;
 }
 
@@ -137,7 +171,7 @@ std::optional<redirection> redirect(const options &opts, std::string_view path, 
     return std::nullopt;
   auto to = redirect_normal(opts, clean, writing);
   // The way out of a tree of the board does not lead over the machine's.
-  if (!to && row_of(whole) != nullptr) return redirection{clean.empty() ? "/" : clean};
+  if (!to && row_of(whole) != nullptr) return redirection{.path = clean.empty() ? "/" : clean};
   return to;
 }
 
@@ -146,7 +180,22 @@ std::string board_place(const options &opts, const std::string &path) {
   return to ? to->path : path;
 }
 
+void count_faults(const options &opts, const redirection &to, bool writing, path_use use) {
+  if (to.missing != nullptr) {
+    if (writing || to.device != device::none || file_exists(place_if_not_missing(opts, to))) to.missing->fired();
+    return;
+  }
+  if (to.refused != nullptr) {
+    if (use != path_use::ask) to.refused->fired();
+    return;
+  }
+  if (writing || use != path_use::open) return;
+  for (const auto &f : opts.faults)
+    if (std::ranges::find(to.contents, f.id) != to.contents.end()) f.fired();
+}
+
 std::string redirect_command(const options &opts, std::string_view command) {
+  if (const auto *const f = opts.find(fault_id::ethtool_missing); f != nullptr && calls(command, "ethtool")) f->fired();
   std::string out;
   char quote = '\0';
   char before = ' ';
@@ -156,6 +205,8 @@ std::string redirect_command(const options &opts, std::string_view command) {
     const auto word = command.substr(0, end);
     const bool begins = c == '/' && delimiters.find(before) != std::string_view::npos;
     if (const auto to = begins ? redirect(opts, word, false) : std::nullopt) {
+      const auto last = out.find_last_not_of(' ');
+      count_faults(opts, *to, last != std::string::npos && out[last] == '>', path_use::open);
       out += quoted_for(to->path, quote);
       before = 'x';
       command.remove_prefix(word.size());

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -17,7 +18,13 @@ struct redirection {
   int error = 0;                           // if not 0, opening fails with it
   sim::device device = sim::device::none;  // the model that answers
   uint32_t number = 0;                     // of an I2C bus
+  const fault *missing = nullptr;          // why the path leads nowhere
+  const fault *refused = nullptr;          // why opening fails
+  std::span<const fault_id> contents{};    // what may be wrong in the file
 };
+
+// What a program does with a path: asks about it, where no failure of opening shows; opens it; or anything else.
+enum class path_use { ask, act, open };
 
 // The board's version of a path: what lies under /post and /var/lock, /dev/i2c-N, /dev/sprom, /dev/mem,
 // /proc/bus/pci/devices, /proc/cpuinfo, and ethtool in any bin or sbin directory. Nothing for every other path. A path
@@ -25,10 +32,15 @@ struct redirection {
 //   writing  the file is to be made or changed
 std::optional<redirection> redirect(const options &opts, std::string_view path, bool writing);
 
+// Counts the faults that the program meets by this use of a path.
+//   writing  as for redirect()
+void count_faults(const options &opts, const redirection &to, bool writing, path_use use);
+
 // Where a file is: the board's version of a path, or the path itself.
 std::string board_place(const options &opts, const std::string &path);
 
-// A shell command in which the board's paths are replaced, quoted as their places demand.
+// A shell command in which the board's paths are replaced, quoted as their places demand. Counts the
+// faults that it meets.
 std::string redirect_command(const options &opts, std::string_view command);
 
 // Makes the board's directories and files in the state directory: what is missing, and anew those whose contents the

@@ -72,6 +72,13 @@ inline int rename(const char *from, const char *to) {
 inline int access(const char *path, int mode) {
   return static_cast<int>(::syscall(SYS_access, path, mode));
 }
+inline int fcntl(int fd, int cmd, intptr_t arg) {
+#ifdef SYS_fcntl64
+  return static_cast<int>(::syscall(SYS_fcntl64, fd, cmd, arg));
+#else
+  return static_cast<int>(::syscall(SYS_fcntl, fd, cmd, arg));
+#endif
+}
 inline int munmap(void *addr, size_t length) {
   return static_cast<int>(::syscall(SYS_munmap, addr, length));
 }
@@ -89,7 +96,7 @@ inline void *mmap(void *addr, size_t length, int prot, int flags, int fd, uint64
 inline int keep(int fd) {
   constexpr int first = 700;
   if (fd < 0) return fd;
-  const int high = ::fcntl(fd, F_DUPFD_CLOEXEC, first);
+  const int high = sys::fcntl(fd, F_DUPFD_CLOEXEC, first);
   if (high < 0) return fd;
   (void)sys::close(fd);
   return high;

@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -15,6 +16,7 @@
 #include <vector>
 
 #include "sim/board/board.h"
+#include "sim/board/fault_counts.h"
 #include "sim/bus/layout.h"
 #include "tests/support/bus.h"
 #include "tests/support/host.h"
@@ -49,6 +51,7 @@ class test_board {
     auto parsed = board_options(dir_.path(), options);
     if (card) parsed.card = *card;
     std::string error;
+    sim::fault_counts::forget(parsed);
     if (sim::board_start(parsed, &error)) return;
     (void)fprintf(stderr, "%s\n", error.c_str());
     abort();
@@ -56,6 +59,14 @@ class test_board {
 
   [[nodiscard]] std::filesystem::path file(const char *name) const { return dir_.path() / name; }
   [[nodiscard]] std::string contents(const char *name) const { return read_file(file(name)); }
+
+  // How often each fault fired.
+  [[nodiscard]] std::vector<uint64_t> fired() const {
+    const auto text = contents("faults");
+    std::vector<uint64_t> counts(text.size() / sizeof(uint64_t));
+    if (!counts.empty()) std::memcpy(counts.data(), text.data(), text.size());
+    return counts;
+  }
 
   // The cycles in the log of "--trace" from the last call on, of one device or all. Compare with cycles().
   std::string bus(std::string_view device = "") {

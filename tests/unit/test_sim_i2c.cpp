@@ -69,6 +69,7 @@ struct step_case {
   const char *name;
   options with;
   std::string steps;
+  std::vector<uint64_t> fired = {};  // for each fault
 };
 
 TEST(sim_i2c, devices_answer_as_their_data_sheets_say) {
@@ -84,30 +85,30 @@ TEST(sim_i2c, devices_answer_as_their_data_sheets_say) {
        "w307F r2 = 11FF"},
       {"no stop, no write", {}, "1:52 w20001122 r1 = FF; w2000 r2 = FFFF"},
       {"busy", {"eeprom-busy bus=1 addr=0x52 polls=4", "--busy=time"},
-       "1:52 w200001 =; w = ENXIO; w = ENXIO; r1 = ENXIO; w = ENXIO; w2000 r1 = 01"},
-      {"busy for ever", {"eeprom-busy bus=1 addr=0x52"}, "1:52 w200001 =; w = ENXIO; w = ENXIO; w = ENXIO"},
-      {"protected", {"eeprom-protected bus=1 addr=0x52"}, "1:52 w00001234 =; w0000 r2 = ABAB"},
+       "1:52 w200001 =; w = ENXIO; w = ENXIO; r1 = ENXIO; w = ENXIO; w2000 r1 = 01", {2}},
+      {"busy for ever", {"eeprom-busy bus=1 addr=0x52"}, "1:52 w200001 =; w = ENXIO; w = ENXIO; w = ENXIO", {1}},
+      {"protected", {"eeprom-protected bus=1 addr=0x52"}, "1:52 w00001234 =; w0000 r2 = ABAB", {1}},
       {"corrupt", {"eeprom-corrupt bus=1 addr=0x52 offset=1 xor=0x0F", "sprom-corrupt image=bp block=license offset=15 xor=1"},
-       "1:52 w0000 r3 = ABA403; w11D5 r2 = 2931"},
+       "1:52 w0000 r3 = ABA403; w11D5 r2 = 2931", {1, 1}},
       {"identity", {"--card=11096", "--change-bits=0x0102030405060708"},
        "1:52 w00AE r10 = 01020304050607082B58; w10AE r8 = 0102030405060708"},
 
-      // PCA9539: pairs alternate, from the odd register too; a read without a command goes to the last one; nothing
+      // PCA9539: pairs alternate, from the odd register too; a read without a command goes on there; nothing
       // above register 7.
       {"power-on", {"--family=pellin"}, "7:75 w00 r2 = FFFF; w02 r2 = FFFF; w04 r2 = 0000; w06 r2 = FFFF"},
       {"pairs", {"--family=pellin"},
-       "7:75 w021234 =; w02 r5 = 1234123412; w03 r2 = 3412; w0356789A =; w02 r2 = 789A; w02 =; r1 = 78; r2 = 789A; "
-       "w08 = EIO; w8001 = EIO; r1 = 78"},
+       "7:75 w021234 =; w02 r5 = 1234123412; w03 r2 = 3412; w0356789A =; w02 r2 = 789A; w02 =; r1 = 78; r2 = 9A78; "
+       "w08 = EIO; w8001 = EIO; r1 = 9A; w02AA =; r1 = 9A"},
       // An output shows its latch only once it is one; polarity changes what is read of the pins and nothing else.
       {"pins", {"--family=pellin", "pin-stuck bus=7 addr=0x75 pin=9 level=0"},
-       "7:75 w00 r2 = FFFD; w000000 =; w02F7FF =; w00 r2 = FFFD; w06F7FD =; w00 r2 = F7FD; w02FFFF =; w00 r2 = FFFD; w040902 =; w00 r2 = F6FF; w02 r2 = FFFF"},
+       "7:75 w00 r2 = FFFD; w000000 =; w02F7FF =; w00 r2 = FFFD; w06F7FD =; w00 r2 = F7FD; w02FFFF =; w00 r2 = FFFD; w040902 =; w00 r2 = F6FF; w02 r2 = FFFF", {5}},
       // PCA8575: a pull-up that the outside pulls low.
       {"no registers", {"--family=pellin", "straps value=2"},
-       "8:26 r3 = FFBFFF; wF0 =; r2 = F0BF; wFF7F =; r2 = FF3F; wFFFFFE =; r2 = FEBF"},
+       "8:26 r3 = FFBFFF; wF0 =; r2 = F0BF; wFF7F =; r2 = FF3F; wFFFFFE =; r2 = FEBF", {3}},
 
       {"straps of pellin", {"--family=pellin"}, "8:76 w00 r2 = 3FFF; 8:26 r2 = FF3F"},
       {"straps of tosk", {"--family=tosk"}, "8:76 w00 r2 = BFFF; 8:26 r2 = FFBF"},
-      {"straps by fault", {"--family=tosk", "straps value=1"}, "8:76 w00 r2 = 7FFF; 8:26 r2 = FF7F"},
+      {"straps by fault", {"--family=tosk", "straps value=1"}, "8:76 w00 r2 = 7FFF; 8:26 r2 = FF7F", {2}},
 
       {"devices of dorvan", {}, "1:52 w0000 r2 = ABAB; 1:53 r1 = ENXIO; 1:20 w01 = ENXIO; 0:5E r1 = EBADF; 8:76 r1 = EBADF"},
       {"devices of pellin", {"--family=pellin"},
@@ -132,19 +133,20 @@ TEST(sim_i2c, devices_answer_as_their_data_sheets_say) {
        "20:76 w067FFF =; w027FFF =; 17:52 w200003 =; w = ENXIO; w = ENXIO; w2000 r1 = 03; 20:76 w028000 =; w060000 =; "
        "17:52 w200004 =; w2000 r1 = 03"},
 
-      {"absent", {"i2c-absent bus=1 addr=0x52"}, "1:52 w0000 = ENXIO; r1 = ENXIO"},
-      {"first fails", {"i2c-fail bus=1 addr=0x52"}, "1:52 w0000 = EIO; w0000 r1 = AB"},
+      {"absent", {"i2c-absent bus=1 addr=0x52"}, "1:52 w0000 = ENXIO; r1 = ENXIO", {2}},
+      {"first fails", {"i2c-fail bus=1 addr=0x52"}, "1:52 w0000 = EIO; w0000 r1 = AB", {1}},
       // Busy time lets no transaction through and does not count; a failed one does not change the chip.
       {"third fails", {"i2c-fail bus=1 addr=0x52 nth=3"},
-       "1:52 w200001 =; w = ENXIO; w = ENXIO; w2000 r1 w2001 r1 = 01FF; w200002 = EIO; w2000 r1 = 01"},
-      {"two fail", {"i2c-fail bus=1 addr=0x52 nth=2 times=2 errno=110"}, "1:52 w0000 =; w = ETIMEDOUT; w = ETIMEDOUT; r1 = AB"},
-      {"all fail", {"i2c-fail bus=1 addr=0x52 nth=2 times=0 errno=121"}, "1:52 w =; w = EREMOTEIO; w = EREMOTEIO; w = EREMOTEIO"},
+       "1:52 w200001 =; w = ENXIO; w = ENXIO; w2000 r1 w2001 r1 = 01FF; w200002 = EIO; w2000 r1 = 01", {1}},
+      {"two fail", {"i2c-fail bus=1 addr=0x52 nth=2 times=2 errno=110"}, "1:52 w0000 =; w = ETIMEDOUT; w = ETIMEDOUT; r1 = AB", {2}},
+      {"all fail", {"i2c-fail bus=1 addr=0x52 nth=2 times=0 errno=121"}, "1:52 w =; w = EREMOTEIO; w = EREMOTEIO; w = EREMOTEIO", {3}},
       // clang-format on
   };
   for (const auto &c : cases) {
     SCOPED_TRACE(c.name);
     const test_board board(c.with);
     run(c.steps);
+    EXPECT_EQ(board.fired(), c.fired);
   }
 }
 
@@ -160,17 +162,22 @@ TEST(sim_i2c, eeproms_keep_their_contents_and_take_their_time) {
   EXPECT_EQ(board.contents("eeprom-1-52").substr(0x21, 3), std::string("\0ZU", 3));
 }
 
-TEST(sim_i2c, faults_are_refused_for_what_the_board_lacks) {
+TEST(sim_i2c, faults_are_refused_for_what_the_board_lacks_and_where_they_do_nothing) {
   const std::pair<options, const char *> cases[] = {
       {{"i2c-absent bus=1 addr=0x53"}, "the board has no such I2C device"},
       {{"i2c-bus-absent bus=7"}, "the board has no such I2C bus"},
       {{"straps value=1"}, "the board has no straps"},
+      {{"straps value=2", "--family=tosk"}, "the straps have this value anyway"},
       {{"eeprom-busy bus=7 addr=0x75", "--family=tosk"}, "the device is no EEPROM"},
       {{"pin-stuck bus=7 addr=0x52 pin=0 level=0", "--family=tosk"}, "the device is no I/O expander"},
       {{"sprom-corrupt image=lc3 block=main", "--family=tosk"}, "the board has no such SPROM"},
       {{"sprom-corrupt image=bp block=sensor"}, "the image has no such block"},
       {{"sprom-corrupt image=bp block=license offset=16"}, "the block ends before this offset"},
       {{"pci-missing bus=0x2d dev=0 func=0"}, "the board has no such PCI function"},
+      {{"pci-wrong-id bus=2 dev=0 func=0 device=0x1521"}, "the function has these ids anyway"},
+      {{"bar-io bar=1"}, "this register maps I/O space anyway"},
+      {{"flash-cfi word=0x20 value=2"}, "the word has this value anyway"},
+      {{"flash-slow"}, "these are the usual numbers"},
   };
   for (const auto &[with, why] : cases)
     EXPECT_EQ(sim::board_check(board_options("/", with)), "fault '" + std::string(with[0]) + "': " + why);

@@ -250,7 +250,9 @@ TEST_F(launcher, tells_wrong_arguments_and_unusable_boards_and_ends_with_2) {
 
 TEST_F(launcher, helps) {
   EXPECT_THAT(run({"--help"}).out, HasSubstr("\n  --fault \"NAME key=value ...\"  inject a fault"));
-  EXPECT_THAT(run({"--list-faults"}).out, HasSubstr("\nflash-erase-hangs [sector=0..511] [dq5=0..1:0]"));
+  EXPECT_THAT(run({"--list-faults"}).out,
+              HasSubstr("\nflash-erase-hangs [sector=0..511] [dq5=0..1:0] [nth=1..1000000000:1] "
+                        "[times=0..1000000000:0] [p=1..1000000:1000000] [seed=0..0xFFFFFFFF:0]\n    erase n"));
   EXPECT_THAT(run({"--version"}).out, MatchesRegex("board-sim [0-9.]+\n"));
 }
 

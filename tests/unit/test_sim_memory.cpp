@@ -340,7 +340,8 @@ TEST(sim_port, holds_what_is_written_and_protects_by_bit_27) {
       {{"port-stuck bit=27 level=0"}, 0x08000002, 2, false},
   };
   for (const auto &c : cases) {
-    sim::io_port port(board_options("/", c.faults));
+    const auto opts = board_options("/", c.faults);
+    sim::io_port port(opts);
     EXPECT_TRUE(!c.faults.empty() || port.write_protected()) << "after power-on";
     port.out(0x50C, 32, c.given);
     EXPECT_EQ(port.in(0x50C, 32), c.taken);

@@ -187,7 +187,7 @@ struct board_case {
 // clang-format off
 const board_case boards[]{
     // card  faults                            transfers                      pellin      tosk        results
-    {11004, "straps value=0", "",              straps_0,                      "",         image_read, 0,    2,    0},
+    {11004, "",               "",              straps_0,                      "",         image_read, 0,    2,    0},
     {11003, "straps value=2", "",              straps_2,                      image_read, "",         0,    2,    0},
     {11004, "straps value=2", "",              straps_2,                      image_read, "",         -22,  2,    2},
     {11003, "straps value=1", "",              straps_1,                      image_read, image_read, 0,    -22,  0},
@@ -201,7 +201,7 @@ const board_case boards[]{
     {11004, "straps value=3", bad_image,       straps_3,                      image_read, image_read, -22,  -22,  -22},
     {11004, "straps value=2", "i2c-fail bus=1 addr=0x52 times=0 errno=110",
                                                straps_2,                      "",         "",         -110, 2,    2},
-    {11004, "straps value=0", no_9539,         "8:76 W 00; 8:26 r ff3f",      "",         image_read, 0,    2,    0},
+    {11004, "",               no_9539,         "8:76 W 00; 8:26 r ff3f",      "",         image_read, 0,    2,    0},
     {11004, "straps value=2", no_9539,         "8:76 W 00; 8:26 r ffbf",      image_read, "",         -22,  2,    2},
     {11008, "straps value=1", no_9539,         "8:76 W 00; 8:26 r ff7f",      image_read, image_read, 0,    -22,  0},
     // With neither expander, the second one's result is told.
