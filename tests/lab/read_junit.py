@@ -26,5 +26,5 @@ for suite in root.iter("testsuite"):
     check(suite, own)
     everything += own
 check(root, everything)
-if int(root.get("time")) != sum(int(suite.get("time")) for suite in root.iter("testsuite")):
+if abs(float(root.get("time")) - sum(float(suite.get("time")) for suite in root.iter("testsuite"))) > 0.01:
     sys.exit("the seconds of the suites do not add up")

@@ -1,0 +1,56 @@
+// runner.h: runs of the program on the simulated board, each on a board of its own, several at a time.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "lab/contents.h"
+#include "lab/matrix.h"
+#include "lab/space.h"
+
+namespace lab {
+
+struct runner_options {
+  std::string board_sim;  // path of the program
+  std::string work;       // directory that everything is written to; it exists
+  std::string program;    // in place of post, "" for post
+  std::chrono::milliseconds limit{120'000};
+  unsigned jobs = 1;
+  bool keep = false;  // leave each run's directory with its output
+};
+
+class runner {
+ public:
+  runner(runner_options options, int stop_fd) : options_(std::move(options)), stop_fd_(stop_fd) {}
+
+  // Asks the board for its faults and makes the contents before every run. Returns "" or what went wrong.
+  [[nodiscard]] std::string prepare();
+  // What a space is made from.
+  [[nodiscard]] const space_source &source() const { return source_; }
+  // The list of faults as the board prints it.
+  [[nodiscard]] const std::string &fault_list_text() const { return fault_list_text_; }
+
+  // Runs what `wanted` names, by index. `done` gets each result, in no order; no two calls overlap.
+  // Returns "" when all are done or the stop descriptor could be read, else what went wrong.
+  using sink = std::function<void(size_t index, run_result result)>;
+  [[nodiscard]] std::string run(const std::vector<run_item> &runs, const std::vector<size_t> &wanted, const sink &done);
+
+ private:
+  // One run; nothing if it was stopped. What went wrong stands in *error.
+  [[nodiscard]] std::optional<run_result> run_one(const run_item &what, const std::string &name, unsigned slot,
+                                                  std::string *error) const;
+  [[nodiscard]] std::vector<std::string> command(const run_item &what, const std::string &directory) const;
+  [[nodiscard]] std::string prepare_board(const board_setting &board);
+  [[nodiscard]] std::string directory(const std::string &name) const { return options_.work + "/" + name; }
+
+  runner_options options_;
+  int stop_fd_;
+  contents_template contents_;
+  space_source source_;
+  std::string fault_list_text_;
+};
+
+}  // namespace lab

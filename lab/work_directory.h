@@ -1,0 +1,36 @@
+// work_directory.h: the directory that a campaign works in.
+#pragma once
+
+#include <string>
+
+namespace lab {
+
+// It goes with its owner unless it is kept. Only one campaign at a time can have a directory.
+class work_directory {
+ public:
+  work_directory() = default;
+  work_directory(const work_directory &) = delete;
+  work_directory &operator=(const work_directory &) = delete;
+  ~work_directory();
+
+  // Makes the directory; one that exists has to be empty. "" asks for a temporary one.
+  // Returns "" or what went wrong.
+  [[nodiscard]] std::string make(const std::string &asked);
+  // Takes over the one of an interrupted campaign.
+  [[nodiscard]] std::string take_over(const std::string &asked);
+  void keep() { goes_ = false; }
+
+  [[nodiscard]] const std::string &path() const { return path_; }
+
+ private:
+  std::string lock();
+
+  std::string path_;
+  int lock_ = -1;
+  bool goes_ = false;
+};
+
+// The path from the root on; "" stays "".
+[[nodiscard]] std::string absolute_path(const std::string &path);
+
+}  // namespace lab
