@@ -43,8 +43,8 @@ class expander : public i2c_device {
 };
 
 // Four register pairs: input, output, polarity inversion, configuration. The command byte names a register; what
-// follows it alternates between the two of its pair, and a read without a command goes on there. Inputs cannot be
-// written. A command above 7 is not acknowledged.
+// follows it alternates between the two of its pair, and a read without a command goes on there ("Reading the port
+// registers"). Inputs cannot be written. A command above 7 is not acknowledged.
 class pca9539 : public expander {
  public:
   using expander::expander;
@@ -65,7 +65,8 @@ class pca9539 : public expander {
 };
 
 // No registers: bytes written go to port 0 and port 1 in turn, bytes read are the pins of port 0 and port 1 in turn.
-// A pin that is written high is a weak pull-up that the outside can pull low, and so an input.
+// A pin that is written high is a weak pull-up that the outside can pull low, and so an input ("Quasi-bidirectional I/O
+// architecture").
 class pca8575 : public expander {
  public:
   using expander::expander;

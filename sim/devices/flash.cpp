@@ -1,4 +1,5 @@
-// flash.cpp: command decoder, array and status of the NOR flash.
+// flash.cpp: command decoder, array and status of the NOR flash. Sections in quotation marks are those of the S29GL-N
+// data sheet.
 #include "sim/devices/flash.h"
 
 #include <signal.h>
@@ -13,7 +14,8 @@ namespace sim {
 
 namespace {
 
-// Command cycles decode the word address bits A10 to A0 and the data bits DQ7 to DQ0, some of them the sector.
+// "Command Definitions", word mode. Command cycles decode the word address bits A10 to A0 and the data bits DQ7 to DQ0,
+// some of them the sector.
 constexpr uint32_t command_address_mask = 0x7FF;
 constexpr uint32_t sector_lines = (flash_sectors - 1) * flash_sector_bytes;
 constexpr uint32_t all_lines = flash_bytes - 1;
@@ -35,6 +37,7 @@ enum command : uint8_t {
   cmd_reset = 0xF0,
 };
 
+// "Write Operation Status".
 enum status_bit : uint16_t {
   dq1 = 0x02,  // write buffer aborted
   dq2 = 0x04,  // toggles within sectors that are erased
@@ -44,10 +47,10 @@ enum status_bit : uint16_t {
   dq7 = 0x80,  // complement of the data, 0 during an erase
 };
 
-constexpr int64_t erase_window_ns = 50'000;
+constexpr int64_t erase_window_ns = 50'000;  // "DQ3: Sector Erase Timer"
 
 // clang-format off
-// The words of the query from 0x10 on, but for times and sizes.
+// "Common Flash Memory Interface" (JESD68.01): the words of the query from 0x10 on, but for times and sizes.
 constexpr std::array<uint16_t, 0x0F> query_identification{
     'Q', 'R', 'Y',
     0x02, 0x00,   // command set
@@ -112,6 +115,7 @@ const flash_times &times_of(const options &opts) {
   return opts.real_times ? flash_times_real : flash_times_scaled;
 }
 
+// "Autoselect Codes".
 uint16_t autoselect_word(uint32_t word) {
   switch (word & 0xFFU) {
     case 0x00:
@@ -352,7 +356,7 @@ void flash_model::chip_write(uint32_t offset, uint16_t data) {
 }
 
 // A cycle that is out of order puts the chip into an unknown state, and only a reset gets it back to its array
-// (S29GL-N, "Command Definitions"). Here it reads its array all the same, and takes no command.
+// ("Command Definitions"). Here it reads its array all the same, and takes no command.
 void flash_model::next_cycle(bool in_order, phase next, uint8_t code) {
   m_mode = in_order ? next : code == cmd_reset ? phase::array : phase::lost;
 }
@@ -423,7 +427,7 @@ void flash_model::mode_cycle(uint32_t word, uint8_t code) {
   }
 }
 
-// Write-buffer programming behind its first three cycles. Whatever does not fit aborts it.
+// "Write Buffer Programming" behind its first three cycles. Whatever does not fit aborts it.
 void flash_model::buffer_cycle(uint32_t offset, uint16_t data) {
   const phase now = m_mode;
   m_mode = phase::aborted;
@@ -556,8 +560,8 @@ bool flash_model::erase_sector(uint32_t addressed) {
   return std::ranges::all_of(taken, [](const auto &t) { return t.second == 0xFFFF; });
 }
 
-// The power fails during an erase. The chip programs the whole sector before it erases it (S29GL-N, "Sector Erase
-// Command Sequence"): either it has come so far with that, or some cells are erased already.
+// The power fails during an erase. The chip programs the whole sector before it erases it ("Sector Erase Command
+// Sequence"): either it has come so far with that, or some cells are erased already.
 void flash_model::erase_torn(uint32_t sector) {
   const uint32_t base = sector * flash_sector_bytes;
   const uint64_t random = random_next(&*m_cut);

@@ -56,29 +56,25 @@ F next(F) {
   return address;
 }
 
-// What a call is about to do with a path. Asking about what cannot be opened is no error.
-enum class intent : uint8_t { ask, use, change };
+using intent = sim::path_use;
 
 intent intent_of(int flags) {
   const bool changes = (flags & O_ACCMODE) != O_RDONLY || (flags & (O_CREAT | O_TRUNC)) != 0;
-  return changes ? intent::change : intent::use;
+  return changes ? intent::change : intent::read;
 }
 intent intent_of(const char *mode) {
-  return mode[0] != 'r' || strchr(mode, '+') != nullptr ? intent::change : intent::use;
+  return mode[0] != 'r' || strchr(mode, '+') != nullptr ? intent::change : intent::read;
 }
 intent access_intent(int mode) {
   return (mode & W_OK) != 0 ? intent::change : intent::use;
 }
 
-using sim::path_use;
-
-std::optional<sim::redirection> board_path(int dir, const char *path, intent why, path_use use = path_use::act) {
+std::optional<sim::redirection> board_path(int dir, const char *path, intent why) {
   const auto *const opts = sim::board_options();
   if (opts == nullptr || path == nullptr || (dir != AT_FDCWD && path[0] != '/')) return std::nullopt;
   const sim::keep_errno kept;
-  const bool writing = why == intent::change;
-  auto to = sim::redirect(*opts, path, writing);
-  if (to) sim::count_faults(*opts, *to, writing, why == intent::ask ? path_use::ask : use);
+  auto to = sim::redirect(*opts, path, why == intent::change);
+  if (to) sim::count_faults(*opts, *to, why);
   if (to && why == intent::ask) to->error = 0;
   return to;
 }
@@ -111,7 +107,7 @@ int by_path_at(int (*own)(int, const char *, A...), intent why, int dir, const c
 
 // All opening forms come down to this call. Without large files a plain name only fails more often.
 int open_any(int dir, const char *path, int flags, mode_t mode) {
-  const auto to = board_path(dir, path, intent_of(flags), path_use::open);
+  const auto to = board_path(dir, path, intent_of(flags));
   if (!to) return static_cast<int>(syscall(SYS_openat, dir, path, flags | O_LARGEFILE, mode));
   if (to->error != 0) return sim::fail(to->error);
   if (to->device != sim::device::none) return sim::device_open(*to, flags);
@@ -126,7 +122,7 @@ mode_t mode_of(int flags, va_list args) {
 // A stream on a device can only be asked for its descriptor.
 template <symbol name, class... A>
 FILE *stream(FILE *(*own)(const char *, const char *, A...), const char *path, const char *mode, A... rest) {
-  const auto to = board_path(AT_FDCWD, path, intent_of(mode), path_use::open);
+  const auto to = board_path(AT_FDCWD, path, intent_of(mode));
   if (to && to->error != 0) return failed<FILE *>(to->error);
   if (to && to->device != sim::device::none) mode = strchr(mode, 'e') != nullptr ? "re" : "r";
   return next<name>(own)(to ? to->path.c_str() : path, mode, rest...);
@@ -147,6 +143,7 @@ void *map_any(void *addr, size_t length, int prot, int flags, int fd, off64_t of
   return next<"mmap64">(mmap64)(addr, length, prot, flags, fd, offset);
 }
 
+// The forms of fcntl() differ in the records that they take.
 template <symbol name>
 int fcntl_any(int (*own)(int, int, ...), int fd, int cmd, void *arg) {
   if (const auto *const opts = sim::board_options()) sim::lock_asked(*opts, fd, cmd, arg);
@@ -172,6 +169,7 @@ using program_path = std::array<char, PATH_MAX>;
 // Where a program stands, looked for in PATH or not. Returns 0 or an errno value.
 int locate(const char *name, bool search, program_path *place) {
   const auto &opts = *sim::board_options();
+  sim::count_program_faults(opts, name);
   const auto found = search ? sim::find_program(opts, name) : sim::board_place(opts, name);
   if (found.empty()) return ENOENT;
   if (found.size() >= place->size()) return ENAMETOOLONG;

@@ -100,10 +100,10 @@ const fault *absent_bus(const options &opts, uint32_t number) {
   return found == opts.faults.end() ? nullptr : &*found;
 }
 
-// Whether a command of the text is called so.
-bool calls(std::string_view text, std::string_view command) {
-  for (auto at = text.find(command); at != std::string_view::npos; at = text.find(command, at + 1)) {
-    const auto end = at + command.size();
+// Whether a word of a command calls this program.
+bool calls(std::string_view text, std::string_view program) {
+  for (auto at = text.find(program); at != std::string_view::npos; at = text.find(program, at + 1)) {
+    const auto end = at + program.size();
     const bool begins = at == 0 || text[at - 1] == '/' || delimiters.find(text[at - 1]) != std::string_view::npos;
     if (begins && (end == text.size() || delimiters.find(text[end]) != std::string_view::npos)) return true;
   }
@@ -124,10 +124,8 @@ std::optional<redirection> redirect_i2c(const options &opts, std::string_view pa
 
 std::optional<redirection> redirect_normal(const options &opts, std::string_view path, bool writing) {
   if (path.starts_with(i2c_prefix)) return redirect_i2c(opts, path);
-  if (std::ranges::any_of(ethtool_ends, [&](auto end) { return path.ends_with(end); })) {
-    const auto *const f = opts.find(id::ethtool_missing);
-    return redirection{.path = place(opts, f != nullptr, "/bin/ethtool"), .missing = f};
-  }
+  if (std::ranges::any_of(ethtool_ends, [&](auto end) { return path.ends_with(end); }))
+    return redirection{.path = place(opts, opts.find(id::ethtool_missing) != nullptr, "/bin/ethtool")};
   const auto *const row = row_of(path);
   if (row == nullptr) return std::nullopt;
   const auto *const missing = find_fault(opts, row->missing);
@@ -175,27 +173,30 @@ std::optional<redirection> redirect(const options &opts, std::string_view path, 
   return to;
 }
 
+void count_faults(const options &opts, const redirection &to, path_use use) {
+  if (to.missing != nullptr) {
+    const bool would_be_met = use == path_use::change || to.device != device::none;
+    if (would_be_met || file_exists(place_if_not_missing(opts, to))) to.missing->fired();
+    return;
+  }
+  if (to.refused != nullptr && use != path_use::ask) to.refused->fired();
+  if (to.refused != nullptr || use != path_use::read) return;
+  for (const auto &f : opts.faults)
+    if (std::ranges::find(to.contents, f.id) != to.contents.end()) f.fired();
+}
+
+void count_program_faults(const options &opts, std::string_view program) {
+  const auto *const f = opts.find(fault_id::ethtool_missing);
+  if (f != nullptr && calls(program, "ethtool")) f->fired();
+}
+
 std::string board_place(const options &opts, const std::string &path) {
   const auto to = redirect(opts, path, false);
   return to ? to->path : path;
 }
 
-void count_faults(const options &opts, const redirection &to, bool writing, path_use use) {
-  if (to.missing != nullptr) {
-    if (writing || to.device != device::none || file_exists(place_if_not_missing(opts, to))) to.missing->fired();
-    return;
-  }
-  if (to.refused != nullptr) {
-    if (use != path_use::ask) to.refused->fired();
-    return;
-  }
-  if (writing || use != path_use::open) return;
-  for (const auto &f : opts.faults)
-    if (std::ranges::find(to.contents, f.id) != to.contents.end()) f.fired();
-}
-
 std::string redirect_command(const options &opts, std::string_view command) {
-  if (const auto *const f = opts.find(fault_id::ethtool_missing); f != nullptr && calls(command, "ethtool")) f->fired();
+  count_program_faults(opts, command);
   std::string out;
   char quote = '\0';
   char before = ' ';
@@ -206,7 +207,8 @@ std::string redirect_command(const options &opts, std::string_view command) {
     const bool begins = c == '/' && delimiters.find(before) != std::string_view::npos;
     if (const auto to = begins ? redirect(opts, word, false) : std::nullopt) {
       const auto last = out.find_last_not_of(' ');
-      count_faults(opts, *to, last != std::string::npos && out[last] == '>', path_use::open);
+      const bool writes = last != std::string::npos && out[last] == '>';
+      count_faults(opts, *to, writes ? path_use::change : path_use::read);
       out += quoted_for(to->path, quote);
       before = 'x';
       command.remove_prefix(word.size());

@@ -23,8 +23,9 @@ struct redirection {
   std::span<const fault_id> contents{};    // what may be wrong in the file
 };
 
-// What a program does with a path: asks about it, where no failure of opening shows; opens it; or anything else.
-enum class path_use { ask, act, open };
+// What a call does with a path: it asks about the file, and what cannot be opened is no error; it opens it to read; it
+// makes or changes it; or it uses it otherwise.
+enum class path_use : uint8_t { ask, read, change, use };
 
 // The board's version of a path: what lies under /post and /var/lock, /dev/i2c-N, /dev/sprom, /dev/mem,
 // /proc/bus/pci/devices, /proc/cpuinfo, and ethtool in any bin or sbin directory. Nothing for every other path. A path
@@ -33,8 +34,10 @@ enum class path_use { ask, act, open };
 std::optional<redirection> redirect(const options &opts, std::string_view path, bool writing);
 
 // Counts the faults that the program meets by this use of a path.
-//   writing  as for redirect()
-void count_faults(const options &opts, const redirection &to, bool writing, path_use use);
+void count_faults(const options &opts, const redirection &to, path_use use);
+
+// The same for a program that is to be started, by its name or path.
+void count_program_faults(const options &opts, std::string_view program);
 
 // Where a file is: the board's version of a path, or the path itself.
 std::string board_place(const options &opts, const std::string &path);

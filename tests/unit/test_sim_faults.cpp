@@ -2,6 +2,7 @@
 // the tests of their models.
 #include <gtest/gtest.h>
 #include <linux/i2c-dev.h>
+#include <spawn.h>
 #include <sys/io.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
@@ -60,6 +61,14 @@ std::string mapped() {
   return result;
 }
 
+std::string spawned(const std::string &program) {
+  std::string name = program;
+  char *const words[] = {name.data(), nullptr};
+  pid_t child = 0;
+  const int error = posix_spawnp(&child, program.c_str(), nullptr, nullptr, words, environ);
+  return error == 0 ? "" : strerrorname_np(error);
+}
+
 // Does one step of a script, "KIND ARGUMENT", and tells what it gives: "" or the name of the error.
 std::string act(const std::string &kind, const std::string &argument) {
   struct stat st {};
@@ -69,6 +78,7 @@ std::string act(const std::string &kind, const std::string &argument) {
       {"write", [&] { return opened(argument, O_RDWR | O_CREAT); }},
       {"stat",  [&] { return result_of(stat(argument.c_str(), &st) == 0); }},
       {"shell", [&] { return std::to_string(system(argument.c_str()) >> 8); }},
+      {"spawn", [&] { return spawned(argument); }},
       {"lock",  [&] { return locked(argument, F_SETLK); }},
       {"lockw", [&] { return locked(argument, F_SETLKW); }},
       {"sprom", [&] { return asked("/dev/sprom", 0); }},
@@ -120,7 +130,7 @@ TEST(sim_faults, count_what_the_program_meets_of_them) {
       {"mem-mmap-refused nth=2 times=1 errno=12", "map =; map = ENOMEM; map =", 1},
       {"iopl-refused",                      "iopl 0 =; iopl 3 = EPERM", 1},
       {"port-stuck bit=27 level=1",         "iopl 3 =; in = 1; out 0 =; in = 1; in = 1", 2},
-      {"ethtool-missing",                   "shell echo ethtool.log = 0; shell ethtool -t eth0 2> /post/a = 127", 1},
+      {"ethtool-missing",                   "shell echo ethtool.log = 0; shell ethtool -t eth0 2> /post/a = 127; spawn ethtool = ENOENT; spawn /sbin/ethtool = ENOENT", 3},
       {"ethtool-silent port=eth1",          "shell ethtool -t eth0 > /post/a = 0; shell ethtool -t eth1 offline | grep PASS = 1", 1},
       {"ethtool-fail port=eth0 test=loopback", "shell ethtool -t eth0 online > /post/a = 0; shell ethtool -t eth0 > /post/a = 1; shell ethtool -t eth1 > /post/a = 0", 1},
       {"i2c-bus-absent bus=1",              "write /dev/i2c-1 = ENOENT; write /dev/i2c-2 = ENOENT", 1},
@@ -266,6 +276,8 @@ TEST(sim_faults, are_reported_in_the_order_asked_for_however_the_programs_end) {
     (void)run_shell(dir.path(), "board-sim --state s --fault-report '" + report + "' " + args);
     EXPECT_EQ(read_file(report), lines);
   }
+  EXPECT_EQ(run_shell(dir.path(), "board-sim --fault-report report -- no-such-program").status, 127);
+  EXPECT_EQ(read_file(report), "") << "nothing of the run before";
   EXPECT_EQ(run_shell(dir.path(), "board-sim --fault-report no/such -- -s").status, 2);
 }
 
