@@ -142,6 +142,8 @@ constexpr std::array left_out_rows{std::to_array<left_out_kind>({
     {"pin-stuck",        "only boards of other families have I/O expanders"},
     {"eeprom-protected", "POST never writes an EEPROM"},
     {"eeprom-busy",      "POST never writes an EEPROM"},
+    {"eeprom-power-cut", "POST never writes an EEPROM"},
+    {"eeprom-dies",      "POST never writes an EEPROM"},
 })};
 
 // Every single line of NVRAM and flash stuck at either level, every pair of lines shorted with either level winning.

@@ -5,13 +5,13 @@
 
 #include "platform/mfgd/cmn_lib/diag_util/owner.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_dev.h"
+#include "platform/mfgd/uspace/utils/sprom/sprom_fields.h"
 #include "post/dorvan/sprom_dorvan.h"
 #include "post/pfm_card.h"
 
 namespace {
 
 enum : uint64_t { REVISION_P1 = 1 };
-enum : size_t { HW_CHANGE_BITS_OFFSET = 174 };  // in the supervisor image
 
 constinit uint64_t post_hw_change_bits = 0;
 
@@ -36,7 +36,7 @@ void post_read_hw_change_bits() {
     post_hw_change_bits = REVISION_P1;
     return;
   }
-  memcpy(&post_hw_change_bits, &image[HW_CHANGE_BITS_OFFSET], sizeof post_hw_change_bits);
+  memcpy(&post_hw_change_bits, &image[SPROM_OFF_HW_CHANGE_BITS], sizeof post_hw_change_bits);
 }
 
 uint64_t dorvan_post_hw_change_bits_get() {

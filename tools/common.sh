@@ -25,7 +25,7 @@ thing() { purpose[$1]=$2 packages[$1]=$3; }
 thing compiler   'C++20'                                                g++
 thing cmake      'the build'                                            cmake
 thing ninja      'the build'                                            ninja-build
-thing lab        'JSON and options in the lab programs'                 'nlohmann-json3-dev libcli11-dev'
+thing lab        'JSON and options in sprom and the lab programs'       'nlohmann-json3-dev libcli11-dev'
 thing multilib   'the 32-bit product'                                   g++-multilib
 thing googletest 'tests'                                                googletest
 thing formats    'tests of the formats that programs write'             'jq libxml2-utils perl python3-jsonschema'

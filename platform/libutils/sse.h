@@ -24,6 +24,10 @@ enum : uint32_t {
   SSE_XFER_WORD_DATA = 3,  // command byte, two data bytes; data[0] travels first
 };
 
+// The longest write cycle of the board's EEPROMs in ms, during which they do not answer (Atmel AT24C512 data sheet, AC
+// characteristics: tWR; the smaller ones take no longer).
+enum : uint32_t { SSE_EEPROM_WRITE_CYCLE_MS = 10 };
+
 extern "C" {
 // One I2C transaction. The service reads this record as 32-bit x86 lays it out.
 struct sse_req_t {
@@ -39,11 +43,13 @@ struct sse_req_t {
 // Makes the I2C transaction that *req describes, with the device that sse_route named or else the one that the
 // identity (dev_type, unit, instance) stands for.
 //   op   SSE_OP_I2C_READ or SSE_OP_I2C_WRITE
-// A read of a PCA8575 sends no command byte, as the device has no registers. An EEPROM that does not answer may be busy
-// with its write cycle and is asked again for 10 ms, and eight times at least, before the call fails; nothing else is
-// retried. Not for use by several threads.
+// A read of a PCA8575 sends no command byte, as the device has no registers. A write to an EEPROM that was routed as
+// one with a single address byte leaves out the command byte, the high byte of the address. An EEPROM that does not
+// answer may be busy with its write cycle and is asked again for the time of one, and eight times at least, before the
+// call fails; nothing else is retried. Not for use by several threads.
 // Returns  >= 0         success
-//          -EINVAL      unknown operation or transfer kind, no request, no data, command above 0xFF, bad sse_route
+//          -EINVAL      unknown operation or transfer kind, no request, no data, command above 0xFF, bad sse_route, an
+//                       address of more bytes than the EEPROM has
 //          -ENODEV      no device has this identity
 //          -EOPNOTSUPP  the bus adapter cannot make this transaction
 //          <  0         the bus device's error, a negative errno value; -ENXIO if the device does not answer
@@ -51,9 +57,11 @@ struct sse_req_t {
 
 // Names the device of the next sse_call, and of that one only, in place of its identity's. Only this system's own
 // service has this operation; a caller declares it weak and does without where it is missing.
-//   path  bus device, such as "/dev/i2c-1", 1 to 35 characters, copied; null goes back to the identity
-//   addr  7-bit I2C address
-void sse_route(const char *path, uint32_t addr);
+//   path      bus device, such as "/dev/i2c-1", 1 to 35 characters, copied; null goes back to the identity
+//   addr      7-bit I2C address
+//   addr_len  bytes of the device's internal address: 1 for an EEPROM of up to 256 bytes; any other number stands for
+//             2, which is what requests to EEPROMs carry
+void sse_route(const char *path, uint32_t addr, uint32_t addr_len);
 }
 
 static_assert(offsetof(sse_req_t, dev_type) == 4);

@@ -49,7 +49,7 @@ constexpr std::array<identity_t, 17> identities{{
 
 constexpr size_t path_size = 36;
 constexpr uint32_t addr_max = 0x7F;
-constexpr int64_t write_cycle_ns = 10'000'000;  // AT24C512 data sheet, AC characteristics: tWR at most 10 ms
+constexpr int64_t write_cycle_ns = int64_t{SSE_EEPROM_WRITE_CYCLE_MS} * 1'000'000;
 constexpr int min_polls = 8;
 
 struct bus_t {
@@ -62,12 +62,21 @@ struct bus_t {
 struct target_t {
   const char *path;
   uint32_t addr;
+  uint32_t addr_len;
 };
 
 struct route_t {
   bool set;
   char path[path_size];  // "" for a path that cannot be a bus device's
   uint32_t addr;
+  uint32_t addr_len;
+};
+
+// The bytes of a transaction: those sent, then, with another start, those fetched.
+struct wire_t {
+  std::array<uint8_t, 3> out;
+  uint16_t out_len;
+  uint16_t in_len;
 };
 
 // One entry for each bus device opened so far; they stay open.
@@ -108,54 +117,63 @@ bool sends_command(uint32_t op, const sse_req_t &req) {
   return op != SSE_OP_I2C_READ || req.dev_type != SSE_DEV_PCA8575;
 }
 
-uint16_t data_bytes(uint32_t xfer) {
-  return xfer == SSE_XFER_WORD_DATA ? 2 : 1;
+// An EEPROM with one address byte would take the high one for its address and the low one for data.
+bool has_high_byte_too_many(uint32_t op, const sse_req_t &req, uint32_t addr_len) {
+  return op == SSE_OP_I2C_WRITE && req.dev_type == SSE_DEV_AT24C512 && addr_len == 1;
 }
 
-int transfer_messages(const bus_t &bus, uint16_t addr, uint32_t op, const sse_req_t &req) {
-  const uint16_t count = data_bytes(req.xfer);
-  std::array<uint8_t, 3> out{};
-  uint16_t out_len = 0;
-  if (sends_command(op, req)) out[out_len++] = static_cast<uint8_t>(req.cmd);
-  if (op == SSE_OP_I2C_WRITE) {
-    std::copy_n(req.data, count, out.begin() + out_len);
-    out_len = static_cast<uint16_t>(out_len + count);
+// Lays the request out in *wire; 0 or a negative errno value.
+int lay_out(uint32_t op, const sse_req_t &req, uint32_t addr_len, wire_t *wire) {
+  const uint16_t count = req.xfer == SSE_XFER_WORD_DATA ? 2 : 1;
+  *wire = {};
+  if (sends_command(op, req)) {
+    if (!has_high_byte_too_many(op, req, addr_len)) {
+      wire->out[wire->out_len++] = static_cast<uint8_t>(req.cmd);
+    } else if (req.cmd != 0) {
+      return -EINVAL;
+    }
   }
+  if (op == SSE_OP_I2C_READ) {
+    wire->in_len = count;
+    return 0;
+  }
+  std::copy_n(req.data, count, wire->out.begin() + wire->out_len);
+  wire->out_len = static_cast<uint16_t>(wire->out_len + count);
+  return 0;
+}
 
+int transfer_messages(const bus_t &bus, uint16_t addr, wire_t *wire, uint8_t *in) {
   std::array<i2c_msg, 2> msgs{};
   i2c_rdwr_ioctl_data transaction{msgs.data(), 0};
-  if (out_len != 0) msgs[transaction.nmsgs++] = {addr, 0, out_len, out.data()};
-  if (op == SSE_OP_I2C_READ) msgs[transaction.nmsgs++] = {addr, I2C_M_RD, count, req.data};
+  if (wire->out_len != 0) msgs[transaction.nmsgs++] = {addr, 0, wire->out_len, wire->out.data()};
+  if (wire->in_len != 0) msgs[transaction.nmsgs++] = {addr, I2C_M_RD, wire->in_len, in};
 
   const int done = ioctl(bus.fd, I2C_RDWR, &transaction);
   if (done < 0) return -errno;
   return static_cast<uint32_t>(done) == transaction.nmsgs ? 0 : -EIO;
 }
 
-int transfer_smbus(const bus_t &bus, uint16_t addr, uint32_t op, const sse_req_t &req) {
+// The first byte sent is SMBus's command, and the code of the size is the number of bytes moved.
+int transfer_smbus(const bus_t &bus, uint16_t addr, const wire_t &wire, uint8_t *in) {
   // SMBus knows no read of two bytes without a command byte.
-  if (req.xfer != SSE_XFER_BYTE && !sends_command(op, req)) return -EOPNOTSUPP;
+  if (wire.out_len == 0 && wire.in_len > 1) return -EOPNOTSUPP;
   if (ioctl(bus.fd, I2C_SLAVE, static_cast<unsigned long>(addr)) < 0) return -errno;
 
   i2c_smbus_data data{};
   i2c_smbus_ioctl_data transaction{};
-  transaction.read_write = op == SSE_OP_I2C_READ ? I2C_SMBUS_READ : I2C_SMBUS_WRITE;
-  transaction.command = static_cast<uint8_t>(req.cmd);
-  transaction.size = req.xfer;
+  transaction.read_write = wire.in_len != 0 ? I2C_SMBUS_READ : I2C_SMBUS_WRITE;
+  transaction.command = wire.out[0];
+  transaction.size = uint32_t{wire.out_len} + wire.in_len;
   transaction.data = &data;
-  if (op == SSE_OP_I2C_WRITE && req.xfer == SSE_XFER_BYTE) {
-    transaction.command = req.data[0];  // the only byte of this form is its command
-  } else if (op == SSE_OP_I2C_WRITE) {
-    memcpy(&data, req.data, data_bytes(req.xfer));  // a word's low byte travels first
-  }
+  memcpy(&data, &wire.out[1], wire.out.size() - 1);  // a word's low byte travels first
   if (ioctl(bus.fd, I2C_SMBUS, &transaction) < 0) return -errno;
-  if (op == SSE_OP_I2C_READ) memcpy(req.data, &data, data_bytes(req.xfer));
+  memcpy(in, &data, wire.in_len);
   return 0;
 }
 
-int transfer(const bus_t &bus, uint16_t addr, uint32_t op, const sse_req_t &req) {
-  if ((bus.funcs & I2C_FUNC_I2C) != 0) return transfer_messages(bus, addr, op, req);
-  return transfer_smbus(bus, addr, op, req);
+int transfer(const bus_t &bus, uint16_t addr, wire_t wire, uint8_t *in) {
+  if ((bus.funcs & I2C_FUNC_I2C) != 0) return transfer_messages(bus, addr, &wire, in);
+  return transfer_smbus(bus, addr, wire, in);
 }
 
 int64_t now_ns() {
@@ -171,11 +189,11 @@ bool not_acknowledged(int result) {
 
 // Acknowledge polling, for the write cycle's time and for a number of polls at least: a process that has to wait for
 // the processor would otherwise give a device up after a single question.
-int transfer_when_ready(const bus_t &bus, uint16_t addr, uint32_t op, const sse_req_t &req) {
+int transfer_when_ready(const bus_t &bus, uint16_t addr, const wire_t &wire, uint8_t *in) {
   const int64_t deadline = now_ns() + write_cycle_ns;
   for (int polls = 1;; ++polls) {
     const int64_t now = now_ns();
-    const int result = transfer(bus, addr, op, req);
+    const int result = transfer(bus, addr, wire, in);
     if (!not_acknowledged(result) || (now >= deadline && polls >= min_polls)) return result;
   }
 }
@@ -189,14 +207,14 @@ bool is_valid(uint32_t op, const sse_req_t *req) {
 int find_target(const route_t &route, const sse_req_t &req, target_t *target) {
   if (route.set) {
     if (route.path[0] == '\0' || route.addr > addr_max) return -EINVAL;
-    *target = {route.path, route.addr};
+    *target = {route.path, route.addr, route.addr_len};
     return 0;
   }
   const auto *identity = std::find_if(identities.begin(), identities.end(), [&req](const identity_t &row) {
     return row.dev_type == req.dev_type && row.unit == req.unit && row.instance == req.instance;
   });
   if (identity == identities.end()) return -ENODEV;
-  *target = {identity->path, identity->addr};
+  *target = {identity->path, identity->addr, 2};  // of the EEPROMs; expanders have no high address byte
   return 0;
 }
 
@@ -212,20 +230,24 @@ extern "C" {
   target_t target{};
   int result = find_target(route, *req, &target);
   if (result < 0) return result;
+  wire_t wire;
+  result = lay_out(op, *req, target.addr_len, &wire);
+  if (result < 0) return result;
   const bus_t *bus = nullptr;
   result = find_bus(target.path, &bus);
   if (result < 0) return result;
 
   const auto addr = static_cast<uint16_t>(target.addr);
-  if (req->dev_type == SSE_DEV_AT24C512) return transfer_when_ready(*bus, addr, op, *req);
-  return transfer(*bus, addr, op, *req);
+  if (req->dev_type == SSE_DEV_AT24C512) return transfer_when_ready(*bus, addr, wire, req->data);
+  return transfer(*bus, addr, wire, req->data);
 }
 
-[[gnu::visibility("default")]] void sse_route(const char *path, uint32_t addr) {
+[[gnu::visibility("default")]] void sse_route(const char *path, uint32_t addr, uint32_t addr_len) {
   next_route = {};
   if (path == nullptr) return;
   next_route.set = true;
   next_route.addr = addr;
+  next_route.addr_len = addr_len;
   const size_t length = strnlen(path, path_size);
   if (length < path_size) memcpy(next_route.path, path, length);
 }

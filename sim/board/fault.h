@@ -21,7 +21,7 @@ enum class fault_id : uint8_t {
   ethtool_missing, ethtool_silent, ethtool_fail,
 
   i2c_bus_absent, i2c_smbus_only, i2c_absent, i2c_fail, eeprom_corrupt, sprom_corrupt, eeprom_protected, eeprom_busy,
-  straps, pin_stuck,
+  eeprom_power_cut, eeprom_dies, straps, pin_stuck,
 
   nvram_data_stuck, nvram_data_short, nvram_data_floating, nvram_addr_stuck, nvram_addr_short, nvram_cell_stuck,
   nvram_cell_transition, nvram_cell_read_disturb, nvram_cell_read_deceptive, nvram_cell_read_wrong,

@@ -2,11 +2,12 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cerrno>
 #include <cstdio>
 
 #include "sim/board/sprom_image.h"
-#include "sim/devices/at24c512.h"
+#include "sim/devices/eeprom.h"
 #include "sim/devices/expander.h"
 #include "sim/devices/port.h"
 
@@ -29,11 +30,12 @@ enum class protect {
   mezzanine,  // a pin of the mezzanine's expander, another one on early boards
 };
 
-// One image in an EEPROM. Rows with the same bus and address are one chip.
+// One image in an EEPROM. Rows with the same bus and address are one chip: a large one for supervisor, backplane and
+// modules, one with a single address byte for the rest.
 struct image_row {
   unsigned families;
   const char *name;  // as faults name it, null for images that none names
-  image_kind kind;
+  uint32_t kind;     // SPROM_TYPE_*
   uint32_t bus;
   uint8_t addr;
   uint16_t base;  // where the image starts
@@ -44,22 +46,22 @@ struct image_row {
 
 // clang-format off
 constexpr std::array image_rows{std::to_array<image_row>({
-    // families name     kind              bus addr  base    protected by        product         serial
-    {on_dorvan, "sup",   image_kind::sup,  1,  0x52, 0,      protect::nothing,   "SUP-DORVAN",   "SIM00000001"},
-    {on_dorvan, "bp",    image_kind::bp,   1,  0x52, 0x1000, protect::nothing,   "BP-DORVAN",    "SIM00000002"},
-    {on_pellin, "sup",   image_kind::sup,  1,  0x52, 0,      protect::port,      "SUP-PELLIN",   "SIM00000001"},
-    {on_pellin, "bp",    image_kind::bp,   1,  0x52, 0x1000, protect::port,      "BP-PELLIN",    "SIM00000002"},
-    {on_tosk,   "sup",   image_kind::sup,  1,  0x52, 0,      protect::port,      "SUP-TOSK",     "SIM00000001"},
-    {on_tosk,   "bp",    image_kind::bp,   1,  0x52, 0x1000, protect::port,      "BP-TOSK",      "SIM00000002"},
-    {on_pellin, "dc1",   image_kind::lc,   17, 0x52, 0,      protect::mezzanine, "DC-VARNHOLM",  "SIM00000003"},
-    {on_pellin, "lc2",   image_kind::lc,   23, 0x52, 0,      protect::pin3,      "GEM-VARNHOLM", "SIM00000004"},
-    {on_pellin, "lc3",   image_kind::lc,   7,  0x52, 0,      protect::pin3,      "GEM-MIRN",     "SIM00000005"},
-    {on_tosk,   "lc2",   image_kind::lc,   7,  0x52, 0,      protect::pin3,      "GEM-QUELLRIM", "SIM00000004"},
-    {on_both,   "ps1",   image_kind::ps,   6,  0x52, 0,      protect::nothing,   "PWR-3000",     "SIM00000006"},
-    {on_both,   "ps2",   image_kind::ps,   6,  0x53, 0,      protect::nothing,   "PWR-3000",     "SIM00000007"},
-    {on_both,   nullptr, image_kind::fan,  6,  0x54, 0,      protect::nothing,   "FAN-4",        "SIM00000008"},
-    {on_both,   nullptr, image_kind::dimm, 0,  0x5E, 0,      protect::nothing,   "DIMM-2G",      ""},
-    {on_both,   nullptr, image_kind::dimm, 0,  0x55, 0,      protect::nothing,   "DIMM-2G",      ""},
+    // families name     kind             bus addr  base    protected by        product         serial
+    {on_dorvan, "sup",   SPROM_TYPE_SUP,  1,  0x52, 0,      protect::nothing,   "SUP-DORVAN",   "SIM00000001"},
+    {on_dorvan, "bp",    SPROM_TYPE_BP,   1,  0x52, 0x1000, protect::nothing,   "BP-DORVAN",    "SIM00000002"},
+    {on_pellin, "sup",   SPROM_TYPE_SUP,  1,  0x52, 0,      protect::port,      "SUP-PELLIN",   "SIM00000001"},
+    {on_pellin, "bp",    SPROM_TYPE_BP,   1,  0x52, 0x1000, protect::port,      "BP-PELLIN",    "SIM00000002"},
+    {on_tosk,   "sup",   SPROM_TYPE_SUP,  1,  0x52, 0,      protect::port,      "SUP-TOSK",     "SIM00000001"},
+    {on_tosk,   "bp",    SPROM_TYPE_BP,   1,  0x52, 0x1000, protect::port,      "BP-TOSK",      "SIM00000002"},
+    {on_pellin, "dc1",   SPROM_TYPE_LC,   17, 0x52, 0,      protect::mezzanine, "DC-VARNHOLM",  "SIM00000003"},
+    {on_pellin, "lc2",   SPROM_TYPE_LC,   23, 0x52, 0,      protect::pin3,      "GEM-VARNHOLM", "SIM00000004"},
+    {on_pellin, "lc3",   SPROM_TYPE_LC,   7,  0x52, 0,      protect::pin3,      "GEM-MIRN",     "SIM00000005"},
+    {on_tosk,   "lc2",   SPROM_TYPE_LC,   7,  0x52, 0,      protect::pin3,      "GEM-QUELLRIM", "SIM00000004"},
+    {on_both,   "ps1",   SPROM_TYPE_PS,   6,  0x52, 0,      protect::nothing,   "PWR-3000",     "SIM00000006"},
+    {on_both,   "ps2",   SPROM_TYPE_PS,   6,  0x53, 0,      protect::nothing,   "PWR-3000",     "SIM00000007"},
+    {on_both,   nullptr, SPROM_TYPE_FAN,  6,  0x54, 0,      protect::nothing,   "FAN-4",        "SIM00000008"},
+    {on_both,   nullptr, SPROM_TYPE_DIMM, 0,  0x5E, 0,      protect::nothing,   "DIMM-2G",      ""},
+    {on_both,   nullptr, SPROM_TYPE_DIMM, 0,  0x55, 0,      protect::nothing,   "DIMM-2G",      ""},
 })};
 
 enum class chip { pca9539, pca8575 };
@@ -89,6 +91,11 @@ constexpr uint8_t mezzanine_expander = 0x76;
 constexpr uint16_t gem_pin = 0x0008;
 constexpr uint16_t mezzanine_pin = 0x0200;
 constexpr uint16_t mezzanine_early_pin = 0x0080;
+
+constexpr eeprom_chip chip_of(const image_row &row) {
+  const bool is_large = row.kind == SPROM_TYPE_SUP || row.kind == SPROM_TYPE_BP || row.kind == SPROM_TYPE_LC;
+  return is_large ? at24c512 : at24c02;
+}
 
 bool has(unsigned families, const options &opts) {
   return (families >> static_cast<unsigned>(opts.family) & 1) != 0;
@@ -129,11 +136,6 @@ expander_pins pins_of(const expander_row &row, const options &opts) {
   return pins;
 }
 
-std::unique_ptr<expander> make_expander(const expander_row &row, const options &opts) {
-  if (row.chip == chip::pca8575) return std::make_unique<pca8575>(pins_of(row, opts));
-  return std::make_unique<pca9539>(pins_of(row, opts));
-}
-
 struct placed_expander {
   uint32_t bus;
   uint8_t addr;
@@ -155,8 +157,8 @@ std::function<bool()> protection(const image_row &row, const options &opts, cons
   return [] { return true; };
 }
 
-std::vector<at24c512::setup::corruption> corruptions(const options &opts, uint32_t bus, uint8_t addr) {
-  std::vector<at24c512::setup::corruption> list;
+std::vector<eeprom::setup::corruption> corruptions(const options &opts, uint32_t bus, uint8_t addr) {
+  std::vector<eeprom::setup::corruption> list;
   for (const auto &f : opts.faults) {
     const auto bits = static_cast<uint8_t>(f.get("xor"));
     if (f.id == fault_id::eeprom_corrupt && f.is_at(bus, addr))
@@ -172,9 +174,10 @@ std::vector<at24c512::setup::corruption> corruptions(const options &opts, uint32
   return list;
 }
 
-at24c512::setup setup_of(const image_row &row, const options &opts, const io_port &port,
-                         const std::vector<placed_expander> &expanders) {
-  at24c512::setup with;
+eeprom::setup setup_of(const image_row &row, const options &opts, const io_port &port,
+                       const std::vector<placed_expander> &expanders) {
+  eeprom::setup with;
+  with.chip = chip_of(row);
   with.busy = opts.busy;
   if (const auto *const f = device_fault(opts, fault_id::eeprom_busy, row.bus, row.addr)) {
     with.busy = busy::polls;
@@ -185,42 +188,80 @@ at24c512::setup setup_of(const image_row &row, const options &opts, const io_por
   with.locked = device_fault(opts, fault_id::eeprom_protected, row.bus, row.addr);
   with.write_protected = protection(row, opts, port, expanders);
   with.corrupt = corruptions(opts, row.bus, row.addr);
+  for (const auto id : {fault_id::eeprom_power_cut, fault_id::eeprom_dies})
+    if (const auto *const f = device_fault(opts, id, row.bus, row.addr))
+      with.cut = {f, f->get("nth"), static_cast<uint8_t>(f->get("torn")), id == fault_id::eeprom_power_cut};
   return with;
 }
 
 // What a new chip at this place holds: all its images, the rest erased.
-std::vector<uint8_t> contents_of(uint32_t bus, uint8_t addr, const options &opts) {
-  std::vector<uint8_t> contents(at24c512_size, 0xFF);
+std::vector<uint8_t> contents_of(const image_row &chip, const options &opts) {
+  std::vector<uint8_t> contents(chip_of(chip).size, 0xFF);
   for (const auto &row : present(image_rows, opts)) {
-    if (row.bus != bus || row.addr != addr) continue;
-    const auto card = static_cast<uint16_t>(row.kind == image_kind::sup ? opts.card : module_card);
+    if (row.bus != chip.bus || row.addr != chip.addr) continue;
+    const auto card = static_cast<uint16_t>(row.kind == SPROM_TYPE_SUP ? opts.card : module_card);
     const identity id{row.product, row.serial, opts.change_bits, card};
     std::ranges::copy(make_image(row.kind, id), contents.begin() + row.base);
   }
   return contents;
 }
 
-std::string eeprom_path(const options &opts, uint32_t bus, uint8_t addr) {
+std::string chip_path(const options &opts, const char *kind, uint32_t bus, uint8_t addr) {
   char name[32];
-  (void)std::snprintf(name, sizeof(name), "/eeprom-%u-%02x", bus, addr);
+  (void)std::snprintf(name, sizeof(name), "/%s-%u-%02x", kind, bus, addr);
   return opts.state + name;
 }
 
-bool has_device(const options &opts, uint64_t bus, uint64_t addr, bool *is_eeprom, bool *is_expander) {
-  const auto at = [&](const auto &row) { return row.bus == bus && row.addr == addr; };
-  *is_eeprom = std::ranges::any_of(present(image_rows, opts), at);
-  *is_expander = std::ranges::any_of(present(expander_rows, opts), at);
-  return *is_eeprom || *is_expander;
+using files = std::vector<std::unique_ptr<backing_file>>;
+
+// Memory in a file that starts as `initial`; none if the state directory cannot be used, with the reason in *error.
+std::span<uint8_t> kept(files *in, const std::string &path, std::span<const uint8_t> initial, std::string *error) {
+  auto &file = *in->emplace_back(std::make_unique<backing_file>());
+  const auto next = [&] { return initial; };
+  return file.open(path, initial.size(), next, error) ? file.bytes() : std::span<uint8_t>{};
+}
+
+bool keep_port(io_port *port, const options &opts, files *in, std::string *error) {
+  const auto initial = std::bit_cast<std::array<uint8_t, sizeof port_initial>>(port_initial);
+  const auto latch = kept(in, opts.state + "/port", initial, error);
+  if (latch.empty()) return false;
+  port->keep(reinterpret_cast<uint32_t *>(latch.data()));  // at the start of a page
+  return true;
+}
+
+// A new expander; null if the state directory cannot be used.
+std::unique_ptr<expander> make_expander(const expander_row &row, const options &opts, files *in, std::string *error) {
+  if (row.chip == chip::pca8575) return std::make_unique<pca8575>(pins_of(row, opts));
+  const auto registers = kept(in, chip_path(opts, "expander", row.bus, row.addr), pca9539::power_on, error);
+  if (registers.empty()) return nullptr;
+  auto made = std::make_unique<pca9539>(pins_of(row, opts));
+  made->keep(registers.first<pca9539::power_on.size()>());
+  return made;
+}
+
+// What stands at the place that a fault names: the size of an EEPROM, or an expander.
+struct named_device {
+  size_t eeprom_size = 0;
+  bool is_expander = false;
+};
+named_device device_of(const options &opts, const fault &f) {
+  named_device device;
+  for (const auto &row : present(image_rows, opts))
+    if (f.is_at(row.bus, row.addr)) device.eeprom_size = chip_of(row).size;
+  for (const auto &row : present(expander_rows, opts))
+    if (f.is_at(row.bus, row.addr)) device.is_expander = true;
+  return device;
 }
 
 // Whether the board has what the fault is about: "" or what it lacks.
 std::string check_fault(const options &opts, const fault &f) {
-  bool is_eeprom = false;
-  bool is_expander = false;
-  if (f.has("addr") && !has_device(opts, f.get("bus"), f.get("addr"), &is_eeprom, &is_expander))
-    return "the board has no such I2C device";
+  const auto device = device_of(opts, f);
+  const bool is_eeprom = device.eeprom_size != 0;
+  if (f.has("addr") && !is_eeprom && !device.is_expander) return "the board has no such I2C device";
   if (f.has("addr") && f.row().part == fault_part::eeprom && !is_eeprom) return "the device is no EEPROM";
-  if (f.id == fault_id::pin_stuck && !is_expander) return "the device is no I/O expander";
+  if (f.id == fault_id::eeprom_corrupt && f.get("offset") >= device.eeprom_size)
+    return "the EEPROM ends before this offset";
+  if (f.id == fault_id::pin_stuck && !device.is_expander) return "the device is no I/O expander";
   if (f.row().part == fault_part::i2c && f.has("bus")) {
     options healthy = opts;
     healthy.faults.clear();
@@ -262,8 +303,9 @@ std::string i2c_board::check(const options &opts) {
   return "";
 }
 
-std::unique_ptr<i2c_board> i2c_board::make(const options &opts, const io_port &port, std::string *error) {
+std::unique_ptr<i2c_board> i2c_board::make(const options &opts, io_port &port, std::string *error) {
   auto board = std::make_unique<i2c_board>();
+  if (!keep_port(&port, opts, &board->m_files, error)) return nullptr;
   for (const auto number : i2c_bus_numbers(opts))
     board->m_buses.push_back(std::make_unique<i2c_bus>(number, opts));
 
@@ -271,15 +313,16 @@ std::unique_ptr<i2c_board> i2c_board::make(const options &opts, const io_port &p
   for (const auto &row : present(expander_rows, opts)) {
     auto *const bus = board->bus(row.bus);
     if (bus == nullptr) continue;
-    auto made = make_expander(row, opts);
+    auto made = make_expander(row, opts, &board->m_files, error);
+    if (made == nullptr) return nullptr;
     expanders.push_back({row.bus, row.addr, made.get()});
     bus->add(row.addr, std::move(made));
   }
   for (const auto &row : present(image_rows, opts)) {
     auto *const bus = board->bus(row.bus);
     if (bus == nullptr || bus->has(row.addr)) continue;
-    auto made = std::make_unique<at24c512>(setup_of(row, opts, port, expanders));
-    if (!made->open(eeprom_path(opts, row.bus, row.addr), contents_of(row.bus, row.addr, opts), error)) return nullptr;
+    auto made = std::make_unique<eeprom>(setup_of(row, opts, port, expanders));
+    if (!made->open(chip_path(opts, "eeprom", row.bus, row.addr), contents_of(row, opts), error)) return nullptr;
     bus->add(row.addr, std::move(made));
   }
   return board;

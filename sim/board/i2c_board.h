@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "sim/bus/i2c.h"
+#include "sim/host/files.h"
 
 namespace sim {
 
@@ -15,9 +16,10 @@ class io_port;
 class i2c_board {
  public:
   // Makes the buses and devices that `opts` asks for, with the EEPROMs' files in the state directory. Check first. The
-  // port, which protects some of them, must stay as long as the object.
+  // registers of port and expanders are kept there, too, from one program to the next. The port, which protects some of
+  // the EEPROMs, stands on this object's memory from then on.
   // Returns null and says why in *error when the state directory cannot be used.
-  static std::unique_ptr<i2c_board> make(const options &opts, const io_port &port, std::string *error);
+  static std::unique_ptr<i2c_board> make(const options &opts, io_port &port, std::string *error);
 
   // The bus of that number, or null.
   [[nodiscard]] i2c_bus *bus(uint32_t number) const;
@@ -26,6 +28,7 @@ class i2c_board {
   static std::string check(const options &opts);
 
  private:
+  std::vector<std::unique_ptr<backing_file>> m_files;  // registers that outlive a program
   std::vector<std::unique_ptr<i2c_bus>> m_buses;
 };
 

@@ -1,27 +1,16 @@
 // sprom_image.h: valid contents for the board's identity EEPROMs, in device byte order.
 #pragma once
 
-#include <cstddef>
 #include <cstdint>
 #include <string_view>
 #include <vector>
 
+#include "platform/mfgd/uspace/utils/sprom/sprom_layout.h"
+
 namespace sim {
 
-enum class image_kind { sup, bp, lc, ps, dimm, fan };
-
-// One block of an image.
-struct image_block {
-  image_kind kind;
-  const char *name;  // as faults name it
-  uint16_t offset;   // in the image
-  uint16_t length;   // in bytes, 256 at most
-  uint16_t signature;
-  uint8_t version;
-};
-
-// The block of that name, or null. DIMMs have none.
-const image_block *image_block_of(image_kind kind, std::string_view name);
+// The block of an image kind (SPROM_TYPE_*) whose label ends in this word, or null. DIMMs have none.
+const sprom_block_t *image_block_of(uint32_t kind, std::string_view word);
 
 // What an image says of its unit.
 struct identity {
@@ -31,7 +20,7 @@ struct identity {
   uint16_t card = 0;
 };
 
-// Builds an image with correct signatures, lengths and checksums.
-std::vector<uint8_t> make_image(image_kind kind, const identity &id);
+// Builds an image of a kind with correct signatures, lengths and checksums.
+std::vector<uint8_t> make_image(uint32_t kind, const identity &id);
 
 }  // namespace sim

@@ -46,7 +46,7 @@ class devmem final : public cpu_bus {
   // iopl(), level 0 to 3. Returns 0, or -1 with errno set. At level 3 the process may use the port.
   [[nodiscard]] int set_io_level(int level);
 
-  [[nodiscard]] const io_port &port() const { return m_port; }
+  [[nodiscard]] io_port &port() { return m_port; }
 
   // The processor's accesses.
   [[nodiscard]] bool holds(uintptr_t address) override;

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstdint>
+#include <span>
 #include <vector>
 
 #include "sim/bus/i2c.h"
@@ -47,8 +48,13 @@ class expander : public i2c_device {
 // registers"). Inputs cannot be written. A command above 7 is not acknowledged.
 class pca9539 : public expander {
  public:
+  // Outputs high, polarity plain, all pins inputs.
+  static constexpr std::array<uint8_t, 8> power_on{0, 0, 0xFF, 0xFF, 0, 0, 0xFF, 0xFF};
+
   using expander::expander;
   [[nodiscard]] uint16_t levels(uint16_t seen) const override;
+  // The registers stand in this memory from now on, with what that holds.
+  void keep(std::span<uint8_t, 8> registers) { m_registers = registers.data(); }
 
   bool start(bool reading) override;
   bool write(uint8_t byte) override;
@@ -58,15 +64,15 @@ class pca9539 : public expander {
  private:
   [[nodiscard]] uint16_t pair(unsigned first) const;
 
-  // Power-on values: outputs high, polarity plain, all pins inputs.
-  std::array<uint8_t, 8> m_registers{0, 0, 0xFF, 0xFF, 0, 0, 0xFF, 0xFF};
+  std::array<uint8_t, 8> m_own_registers = power_on;
+  uint8_t *m_registers = m_own_registers.data();
   uint8_t m_next = 0;  // register
   bool m_has_command = false;
 };
 
 // No registers: bytes written go to port 0 and port 1 in turn, bytes read are the pins of port 0 and port 1 in turn.
-// A pin that is written high is a weak pull-up that the outside can pull low, and so an input ("Quasi-bidirectional I/O
-// architecture").
+// A pin that is written high is a weak pull-up that the outside can pull low, and so an input ("Quasi-bidirectional
+// I/O architecture").
 class pca8575 : public expander {
  public:
   using expander::expander;

@@ -23,7 +23,7 @@ io_port::io_port(const options &opts) : m_refusal(opts.find(fault_id::iopl_refus
 }
 
 uint32_t io_port::pins(uint32_t seen) const {
-  uint32_t now = m_latch;
+  uint32_t now = *m_latch;
   for (const auto *const f : m_stuck) {
     const uint32_t bit = 1U << f->get("bit");
     const uint32_t wrong = f->get("level") != 0 ? now | bit : now & ~bit;
@@ -49,7 +49,7 @@ uint32_t io_port::in(uint16_t port, unsigned width) const {
 void io_port::out(uint16_t port, unsigned width, uint32_t data) {
   check(port, width);
   bus_passed({"port", 'w', width, port, data});
-  m_latch = data;
+  *m_latch = data;
 }
 
 }  // namespace sim

@@ -16,9 +16,14 @@ class io_port {
  public:
   // The port after power-on, the process's privilege down. `opts` must stay as long as the object.
   explicit io_port(const options &opts);
+  io_port(const io_port &) = delete;
+  io_port &operator=(const io_port &) = delete;
 
   // iopl(): 0, or -1 with errno set.
   [[nodiscard]] int set_level(int level);
+
+  // The latch stands in this memory from now on, with what that holds.
+  void keep(uint32_t *latch) { m_latch = latch; }
 
   // Whether the process has raised its I/O privilege to level 3.
   [[nodiscard]] bool allowed() const { return m_level == 3; }
@@ -31,7 +36,8 @@ class io_port {
   void out(uint16_t port, unsigned width, uint32_t data);
 
  private:
-  uint32_t m_latch = port_initial;
+  uint32_t m_own_latch = port_initial;
+  uint32_t *m_latch = &m_own_latch;
   std::vector<const fault *> m_stuck;
   const fault *m_refusal;  // of iopl; null for none
   int m_level = 0;

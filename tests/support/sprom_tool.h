@@ -30,7 +30,10 @@ inline bytes with_byte(bytes image, size_t offset, uint8_t byte) {
 class sprom_tool : public testing::Test {
  protected:
   [[nodiscard]] std::filesystem::path path(const std::string &name) const { return dir_.path() / name; }
-  [[nodiscard]] outcome sh(const std::string &command) const { return run_shell(dir_.path(), command); }
+  // Old images are kept in the directory .old, which is made for it.
+  [[nodiscard]] outcome sh(const std::string &command) const {
+    return run_shell(dir_.path(), "mkdir -p .old; export SPROM_BACKUP_DIR=.old\n" + command);
+  }
 
   void save(const std::string &name, const bytes &data) const {
     std::ofstream file{path(name), std::ios::binary};

@@ -47,7 +47,7 @@ std::string route_to(const smb_dev_t &dev) {
 
 }  // namespace
 
-void sse_route(const char *path, uint32_t addr) {
+void sse_route(const char *path, uint32_t addr, uint32_t) {
   sse.route = std::string(path, strnlen(path, sizeof smb_dev_t::path)) + hex(addr);
 }
 

@@ -45,7 +45,7 @@ class logged_board {
       if (device.starts_with("i2c-")) device.erase(0, 4);
       const bool eeprom = device.find(":5") != std::string::npos;
       if (eeprom && (kind == "W" || kind == "R")) continue;
-      const bool single = eeprom && (kind == "r" || width == "24");
+      const bool single = eeprom && (kind == "r" || width == (device.starts_with("6:") ? "16" : "24"));
       const std::string head = device + " " + kind;
       count = single && head == counted ? count + 1 : 1;
       if (count > 1) entries.pop_back();

@@ -36,10 +36,6 @@ bytes zero_image(const tool_kind &kind) {
   return image;
 }
 
-// Turns what `show` prints into the options that set the fields; signatures, lengths and checksums are left out.
-constexpr const char *as_options = R"( | sed -zE 's/\n {20}/ /g' | sed -nE 's/^  ([a-z][a-z0-9_]*) *(.*)/--\1=\2/p' |)"
-                                   R"( grep -vE '_(signature|length|checksum)=' | xargs -d '\n' sprom )";
-
 // A command that fails, and the end of what it says.
 struct refusal {
   std::string command;
@@ -77,7 +73,7 @@ TEST_F(sprom_tool, puts_values_where_the_chip_has_them) {
   }
 }
 
-// What `show` prints is what `make` and `edit` take: the image comes out byte for byte.
+// What `show --json` prints is what `make` and `edit` take: the image comes out byte for byte, its padding too.
 TEST_F(sprom_tool, makes_and_copies_images_of_every_kind) {
   for (const tool_kind &kind : tool_kinds) {
     SCOPED_TRACE(kind.name);
@@ -87,15 +83,19 @@ TEST_F(sprom_tool, makes_and_copies_images_of_every_kind) {
                               "\",\"size\":" + std::to_string(zero_image(kind).size()) + "}]}\n");
     EXPECT_EQ(load("to"), zero_image(kind));
 
-    const bytes image = device_image(kind.type);
+    bytes image = device_image(kind.type);
+    std::fill_n(&image[60], 14, ' ');
+    std::fill_n(&image[45], 9, 0);
+    seal_image(&image, kind.type);
     save("from", image);
-    for (const std::string &command : {"make " + kind.name + " -f to", std::string{"edit --yes --file=to"}}) {
+    for (const std::string &command :
+         {"make " + kind.name + " to --from -", std::string{"edit -y -f to --from=/dev/stdin"}}) {
       save("to", zero_image(kind));
-      EXPECT_EQ(sh("sprom show -f from" + (as_options + command)).status, 0);
+      EXPECT_EQ(sh("sprom show -jf - <from | sprom " + command).status, 0);
       EXPECT_EQ(load("to"), image);
     }
     save("to", zero_image(kind));
-    EXPECT_EQ(sh("sprom write -y -f to from && sprom dump -f to copy").status, 0);
+    EXPECT_EQ(sh("sprom write -y -f to - <from && sprom dump -f to - >copy").status, 0);
     EXPECT_EQ(load("copy"), image);
   }
 }
@@ -130,7 +130,8 @@ Power Supply Main, 36 bytes at offset 160: BAD
               StartsWith(R"({"name":"ps","slot":null,"index":null,"kind":"ps","size":196,"good":false,"blocks":[)"
                          R"({"name":"Power Supply Common Header","offset":0,"length":160,"good":true,"messages":[],)"
                          R"("fields":{"common_signature":"0xabab","common_version":"0x03",)"));
-  EXPECT_THAT(result.out, HasSubstr(R"(,"product_id":"P\u007f~\u001b\\\"\u00e9","serial_number":"","bytes_74":"00)"));
+  EXPECT_THAT(result.out,
+              HasSubstr(R"(,"product_id":"P\u007f~\u001b\\\"\u00e9 \u00ff","serial_number":"","bytes_74":"00)"));
   EXPECT_THAT(result.out, HasSubstr(R"(0"}},{"name":"Power Supply Main","offset":160,"length":36,"good":false,)"
                                     R"("messages":["Power Supply Main block length mismatch.    Found 0x0025, )"));
   EXPECT_THAT(result.out, EndsWith(R"(:"0x0102030405060708","num_174":"0x090a","num_176":"0x0000","num_178":"0x0000",)"
@@ -148,15 +149,17 @@ TEST_F(sprom_tool, tells_a_defect_in_any_block) {
       EXPECT_EQ(result.err, "");
     }
   }
-  // Every defect, in the order of the blocks. A file's name may be anything.
+  // Every defect, in the order of the blocks. A file's name may be anything, and reaches no terminal as it is.
   save("\"\\\n\xFC", patched(zero_image(tool_kinds[0]), SPROM_TYPE_SUP, 160, {0x70, 2, 2, 0}));
   const auto result = sh("sprom verify -jf '\"\\\n\xFC'");
   EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.out, R"({"good":false,"sproms":[{"name":"\"\\\u000a\u00fc","slot":null,"index":null,"kind":"sup",)"
-                        R"("size":334,"read":true,"good":false,"messages":[)"
-                        R"("Supervisor Main block signature mismatch. Found 0x7002, expected 0x6002.",)"
-                        R"("Supervisor Main block length mismatch.    Found 0x0100, expected 0x0067."]}]})"
-                        "\n");
+  EXPECT_EQ(result.out,
+            R"({"good":false,"sproms":[{"name":"\"\\\n\u00fc","slot":null,"index":null,"kind":"sup",)"
+            R"("size":334,"state":"present","bus":null,"address":null,"byte":null,"errno":null,"error":null,)"
+            R"("good":false,"messages":[)"
+            R"("Supervisor Main block signature mismatch. Found 0x7002, expected 0x6002.",)"
+            R"("Supervisor Main block length mismatch.    Found 0x0100, expected 0x0067."]}]})"
+            "\n");
 }
 
 TEST_F(sprom_tool, leaves_files_whole_when_anything_fails) {
@@ -170,18 +173,21 @@ TEST_F(sprom_tool, leaves_files_whole_when_anything_fails) {
            {"head -c 162 from >bad; sprom show -f bad",                    "bad: 162 bytes, but a backplane image has 471: the file is truncated"},
            {"head -c 470 from >bad; sprom write -y --force -f to bad",     "bad: 470 bytes, but a backplane image has 471: the file is truncated"},
            {"cat from - >bad <<.\n\n.\nsprom write -y --force -f to bad",  "bad: 472 bytes, but a backplane image has 471: the file is too long"},
-           {"cat from /dev/zero | sprom verify -f /dev/stdin",             "/dev/stdin: more than 65536 bytes, but a backplane image has 471: the file is too long"},
-           {"sprom make fan bad; sprom write -y --force -f to bad",        "bad: 192 bytes: this is a fan image, not a backplane image"},
-           {"sprom show -f none",                                          "none: cannot read: No such file or directory"},
-           {"sprom write -y -f to none",                                   "none: cannot read: No such file or directory"},
-           {"sprom dump -f to none/x",                                     "none/x: cannot write: No such file or directory"},
-           {"sprom dump -f to .",                                          ".: cannot write: Is a directory"},
-           {"sprom dump -f to /dev/full",                                  "/dev/full: cannot write: No space left on device"},
+           {"cat from /dev/zero | sprom verify -f -",                      "standard input: more than 65536 bytes, but a backplane image has 471: the file is too long"},
+           {"head -c 65536 /dev/zero | sprom verify -f -",                 "standard input: no image in this dump of an EEPROM"},
+           {"sprom make fan bad; sprom write -y --force -f to bp bad",     "bad: 192 bytes: this is a fan image, not a backplane image"},
+           {"sprom show -f 'no\33[7m\\'",                                   "no\\x1b[7m\\\\: cannot read: No such file or directory (errno 2)"},
+           {"sprom write -y -f to none",                                   "none: cannot read: No such file or directory (errno 2)"},
+           {"sprom dump -f to none/x",                                     "none/x: cannot write: No such file or directory (errno 2)"},
+           {"sprom dump -f to .",                                          ".: cannot write: Is a directory (errno 21)"},
+           {"sprom dump -f to /dev/full",                                  "/dev/full: cannot write: No space left on device (errno 28)"},
+           {"sprom dump -f to - >/dev/full",                               "standard output: cannot write: No space left on device (errno 28)"},
            {"sprom show -f to >/dev/full",                                 "cannot write the output: No space left on device"},
-           {"prlimit --fsize=300 sprom dump -f from to",                   "to: cannot write: File too large"},
-           {"prlimit --fsize=300 sprom dump -f from new",                  "new: cannot write: File too large"},
-           {"prlimit --fsize=300 sprom edit -y -f to --num_6=1",           "to: cannot write: File too large"},
-           {"prlimit --fsize=300 sprom write -y -f to from >/dev/null",    "to: cannot write: File too large"}}) {
+           {"prlimit --fsize=300 sprom dump -f from to",                   "to: cannot write: File too large (errno 27)"},
+           {"prlimit --fsize=300 sprom dump -f from new",                  "new: cannot write: File too large (errno 27)"},
+           {"prlimit --fsize=300 sprom edit -y -f to --num_6=1",           "to: cannot write: File too large (errno 27)"},
+           {"sprom write -y -f to --backup=none/x from",                   "none/x: cannot write: No such file or directory (errno 2)\n"
+                                                                           "sprom: to: not written: no backup of the old image"}}) {
     // clang-format on
     SCOPED_TRACE(r.command);
     const auto result = sh(r.command);
@@ -191,15 +197,43 @@ TEST_F(sprom_tool, leaves_files_whole_when_anything_fails) {
     EXPECT_EQ(load("to"), old);
     EXPECT_EQ(sh("rm -f bad; ls").out, "from\nto\n");
   }
-  // A file keeps its mode, a link its target; pipes serve as files.
-  const auto result =
-      sh("chmod 640 to; ln -s to link; sprom dump -f from link && test -L link && stat -c %a to\n"
-         "sprom dump -f to /dev/stdout | sprom list -f /dev/stdin");
-  EXPECT_THAT(result.out, AllOf(StartsWith("640\n"), EndsWith("bp      471\n")));
-  EXPECT_EQ(load("to"), device_image(SPROM_TYPE_BP));
 }
 
-TEST_F(sprom_tool, says_what_a_write_changes) {
+// What stands in a directory under a name is replaced as a whole; what is open, or is no plain file, is written to.
+TEST_F(sprom_tool, writes_where_a_name_leads) {
+  const bytes image = device_image(SPROM_TYPE_PS);
+  const std::string text(image.begin(), image.end());
+  save("from", image);
+  struct row {
+    std::string command;
+    std::string out;
+    std::string file;  // then named
+    std::string content;
+  };
+  // clang-format off
+  const std::vector<row> rows{
+      {"touch to; chmod 640 to; sprom dump -f from to; stat -c %a to",                  "640\n",  "to",      text},
+      {"sprom dump -f from link; readlink link",                                       "sub/to\n", "sub/to", text},  // dangling
+      {"echo old >sub/to; sprom dump -f from link; readlink link",                     "sub/to\n", "sub/to", text},
+      {"ln -sf \"$PWD/link\" over; sprom dump -f from over; readlink over | sed 's,.*/,,'", "link\n", "sub/to", text},
+      {"echo old >log; sprom dump -f from /dev/stdout >>log",                          "",       "log",     "old\n" + text},
+      {"{ echo old; sprom dump -f from /dev/fd/1; echo new; } >log",                   "",       "log",     "old\n" + text + "new\n"},
+      {"{ echo old; sprom dump -f from -; echo new; } >log",                           "",       "log",     "old\n" + text + "new\n"},
+      {"sprom dump -f from /dev/stdout | cat",                                         text,     "from",    text},
+      {"mkfifo pipe; cat pipe & sprom dump -f from pipe; wait; test -p pipe",          text,     "from",    text},
+  };
+  // clang-format on
+  for (const row &r : rows) {
+    SCOPED_TRACE(r.command);
+    const auto result = sh("mkdir sub; ln -s sub/to link\n" + r.command);
+    EXPECT_EQ(result.status, 0) << result.err;
+    EXPECT_EQ(result.out, r.out);
+    EXPECT_EQ(read_file(path(r.file)), r.content);
+    EXPECT_EQ(sh("rm -rf sub link over log to pipe; ls").out, "from\n");
+  }
+}
+
+TEST_F(sprom_tool, says_what_differs_and_what_a_write_changes) {
   const bytes from = device_image(SPROM_TYPE_SUP);
   bytes to = patched(from, SPROM_TYPE_SUP, 34, {'A', 'B', 'C'});
   to = patched(to, SPROM_TYPE_SUP, 182, {0x2A, 0xFC});
@@ -207,20 +241,141 @@ TEST_F(sprom_tool, says_what_a_write_changes) {
   to = patched(to, SPROM_TYPE_SUP, 300, {0x3F, 0x38});
   save("from", from);
   save("to", to);
-  const auto result = sh("sprom write --yes --file to from && sprom write --yes --file to from");
-  EXPECT_EQ(result.err, "");
-  EXPECT_EQ(result.out, R"(to: supervisor image, 334 bytes
-  common_checksum   0x4b1a -> 0x4d3c
-  product_id        "ABC\x06\x0d\x14\x1b")07>ELSZahov" -> "\xf1\xf8\xff\x06\x0d\x14\x1b")07>ELSZahov"
-  main_checksum     0x3303 -> 0x331b
-  card_index        0x2afc -> 0x2afb
-  bytes_184         0b 12 00 20 27 2e -> 0b 12 19 20 27 2e
-  sensor_checksum   0x23b1 -> 0x23af
-  bytes_269         2 of 65 bytes differ, the first at offset 300
-to: 334 bytes written and read back
-to: holds this image already; nothing to write
-)");
-  EXPECT_EQ(load("to"), from);
+  const std::vector<std::string> lines{
+      "  common_checksum   0x4b1a -> 0x4d3c\n",
+      R"(  product_id        "ABC\x06\x0d\x14\x1b")07>ELSZahov" -> "\xf1\xf8\xff\x06\x0d\x14\x1b")07>ELSZahov")"
+      "\n",
+      "  main_checksum     0x3303 -> 0x331b\n",
+      "  card_index        0x2afc -> 0x2afb\n",
+      "  bytes_184         0b 12 00 20 27 2e -> 0b 12 19 20 27 2e\n",
+      "  sensor_checksum   0x23b1 -> 0x23af\n",
+      "  bytes_269         2 of 65 bytes differ, the first at offset 300\n"};
+  std::string changes;
+  for (const std::string &line : lines)
+    changes += line;
+  const std::string differences = lines[0] + "    0x0004: 4b -> 4d\n    0x0005: 1a -> 3c\n" + lines[1] +
+                                  "    0x0022: 41 -> f1\n    0x0023: 42 -> f8\n"
+                                  "    0x0024: 43 -> ff\n" +
+                                  lines[2] + "    0x00a5: 03 -> 1b\n" + lines[3] + "    0x00b7: fc -> fb\n" + lines[4] +
+                                  "    0x00ba: 00 -> 19\n" + lines[5] + "    0x010c: b1 -> af\n" + lines[6] +
+                                  "    0x012c: 3f -> 37\n    0x012d: 38 -> 3e\n";
+  const std::string head = "to: supervisor image, 334 bytes\n";
+  struct row {
+    std::string command;
+    int status;
+    std::string out;
+    bool is_written;
+  };
+  // clang-format off
+  const std::vector<row> rows{
+      {"diff to from",                     1, "to and from: 11 of 334 bytes differ\n" + differences, false},
+      {"diff ./to ./to",                   0, "",                                                    false},
+      {"diff to none",                     2, "",                                                    false},
+      {"diff none",                        2, "",                                                    false},
+      {"write --dry-run --file to from",   0, head + changes,                                        false},
+      {"edit -nf to --num_6=0x2d34",       0, "to: holds this image already; nothing to write\n",    false},
+      {"write --yes --file to from",       0, head + changes + "to: written\n",                      true},
+      {"write --yes --file to from",       0, "to: holds this image already; nothing to write\n",    true},
+  };
+  // clang-format on
+  for (const row &r : rows) {
+    SCOPED_TRACE(r.command);
+    const auto result = sh("sprom " + r.command);
+    EXPECT_EQ(result.status, r.status) << result.err;
+    EXPECT_EQ(result.out, r.out);
+    EXPECT_EQ(load("to"), r.is_written ? from : to);
+  }
+  EXPECT_EQ(sh("sprom edit -yf to --num_6=1 --backup=kept >out; cmp kept from; rm kept out; ls .old").out, "");
+}
+
+// The dump of a whole EEPROM serves as a file, too.
+TEST_F(sprom_tool, finds_the_images_in_the_dump_of_an_eeprom) {
+  bytes large(0x10000, 0xFF);
+  const bytes sup = device_image(SPROM_TYPE_SUP), bp = with_byte(device_image(SPROM_TYPE_BP), 300, 0);
+  std::copy(sup.begin(), sup.end(), large.begin());
+  std::copy(bp.begin(), bp.end(), large.begin() + 0x1000);
+  bytes small = device_image(SPROM_TYPE_PS);
+  small.resize(256);
+  save("large", large);
+  save("small", small);
+  save("sup", sup);
+  struct row {
+    std::string command;
+    int status;
+    std::string said;  // the end of both streams
+  };
+  const std::string checksum = "  Backplane WWN block checksum mismatch.  Found 0x7d46, expected 0x7d0f.\n";
+  // clang-format off
+  const std::vector<row> rows{
+      {"list -f small",                       0, "small            -      -  ps      196  -                 -\n"},
+      {"verify -f small",                     0, ""},
+      {"verify -f large",                     1, "large (supervisor image): good\nlarge (backplane image): BAD\n" + checksum},
+      {"verify -f large SUPERVISOR",          0, ""},
+      {"get -f large Backplane num_182",      0, "0x2afb\n"},
+      {"get -f small product-id",             0, R"(\xf1\xf8\xff\x06\x0d\x14\x1b")07>ELSZahov)" "\n"},
+      {"get -f large num_182",                1, "sprom: large: holds 2 images; name the kind that is meant\n"},
+      {"show -jf large",                      1, "sprom: large: holds 2 images; name the kind that is meant\n"},
+      {"verify -f large lc",                  1, "sprom: large: no line card image in this dump of an EEPROM\n"},
+      {"verify -f large 0,0",                 2, "sprom: 0,0: with --file, a SPROM is named by its kind\nTry 'sprom --help' for more information.\n"},
+      {"diff large sup",                      2, "sprom: large: holds 2 images; name the kind that is meant\n"},
+      {"diff sup large",                      0, ""},
+      {"dump -f large sup copy",              0, ""},
+      {"dump --hex -f small | tail -3",       0, "000000b0  d3 da e1 e8 ef f6 2a fb  0b 12 19 20 27 2e 35 3c  |......*.... '.5<|\n"
+                                                 "000000c0  43 4a 51 58                                       |CJQX|\n000000c4\n"},
+      {"make ps x --bytes_14=0000000000000000000000000000000000000000; sprom dump --hex -f x | sed -n '2,4p'", 0,
+                                                 "00000010  00 00 00 00 00 00 00 00  00 00 00 00 00 00 00 00  |................|\n*\n"
+                                                 "000000a0  ab 01 02 24 00 d2 00 00  00 00 00 00 00 00 00 00  |...$............|\n"},
+      {"dump --raw -f large x",               2, "sprom: --raw reads a SPROM's EEPROM, not a file\nTry 'sprom --help' for more information.\n"},
+      {"edit -y -f large sup --num_6=7",      0, "large (supervisor image): written\n"},
+  };
+  // clang-format on
+  for (const row &r : rows) {
+    SCOPED_TRACE(r.command);
+    const auto result = sh("sprom " + r.command);
+    EXPECT_EQ(result.status, r.status);
+    EXPECT_THAT(result.out + result.err,
+                r.said.empty() ? testing::Eq("") : testing::Matcher<std::string>(EndsWith(r.said)));
+  }
+  EXPECT_EQ(load("copy"), sup);
+  const bytes edited = patched(sup, SPROM_TYPE_SUP, 6, {0, 7});
+  std::copy(edited.begin(), edited.end(), large.begin());
+  EXPECT_EQ(load("large"), large);
+}
+
+TEST_F(sprom_tool, takes_of_a_json_text_what_it_can_use_and_tells_the_rest) {
+  const bytes old = zero_image(tool_kinds[3]);
+  struct row {
+    std::string json;  // of the "blocks"
+    std::string err;   // "" where it is taken
+    bytes expected;
+  };
+  // clang-format off
+  const std::vector<row> rows{
+      {R"([{"fields":{"num_174":770,"num_176":"0x0405","common_checksum":"0xFFFF"}}])",       "", patched(old, SPROM_TYPE_PS, 174, {3, 2, 4, 5})},
+      {R"([{"fields":{"serial_number":"a\u00e9\\x41","main_length":"0x24"}},{"fields":{}}])", "", patched(old, SPROM_TYPE_PS, 54, {'a', 0xE9, '\\', 'x', '4', '1'})},
+      {R"([{"fields":{"num_174":"0x10000"}}])",                "num_174: does not fit in 16 bits", old},
+      {R"([{"fields":{"num_174":-1}}])",                       "num_174: is neither a text nor a number", old},
+      {R"([{"fields":{"num_174":null}}])",                     "num_174: is neither a text nor a number", old},
+      {R"([{"fields":{"serial_number":"\u0100"}}])",           "serial_number: has characters above U+00FF", old},
+      {R"([{"fields":{"main_length":"0x25"}}])",               "main_length: belongs to the format, which has another value", old},
+      {R"([{"fields":{"card_index":1}}])",                     "card_index: a power supply image has no such field", old},
+      {R"([{"field":{}}])",                                    "a block without \"fields\"", old},
+      {R"([7])",                                               "a block without \"fields\"", old},
+      {R"({})",                                                "this is not what 'sprom show --json' prints", old},
+      {R"([],"kind":"fan")",                                   "this is no power supply image", old},
+      {R"([}{)",                                               "this is not what 'sprom show --json' prints", old},
+  };
+  // clang-format on
+  for (const row &r : rows) {
+    SCOPED_TRACE(r.json);
+    save("ps", old);
+    const std::string json = R"({"kind":"ps","blocks":)" + r.json + "}";
+    save("json", bytes(json.begin(), json.end()));
+    const auto result = sh("sprom edit -y -f ps --from json");
+    EXPECT_EQ(result.status, r.err.empty() ? 0 : 1);
+    EXPECT_EQ(result.err, r.err.empty() ? "" : "sprom: json: " + r.err + "\n");
+    EXPECT_EQ(load("ps"), r.expected);
+  }
 }
 
 TEST_F(sprom_tool, edits_only_the_blocks_of_its_fields_and_hides_no_defect) {
@@ -256,7 +411,7 @@ TEST_F(sprom_tool, asks_before_it_writes) {
       {"echo n" + terminal,                   false, "sprom: to: not written"},
       {"echo" + terminal,                     false, "sprom: to: not written"},
       {"printf '\\4'" + terminal,             false, "sprom: to: not written"},
-      {"sprom write -f to from -y",           true,  "to: 263 bytes written and read back"},
+      {"sprom write -f to from -y",           true,  "to: written\n"},
       {"sprom write -f to bad -y",            false, "sprom: bad: a bad image; nothing is written without --force"},
       {"sprom write -f to bad --force",       false, "sprom: to: not written: there is no terminal to ask on; --yes"},
   };
@@ -298,9 +453,16 @@ TEST_F(sprom_tool, refuses_bad_values_and_wrong_usage) {
       {"list x",                                     "usage: sprom list"},
       {"list --yes",                                 "list takes no --yes"},
       {"show",                                       "a SPROM or --file is missing"},
-      {"verify PS1 -f sup",                          "--file stands in place of a SPROM"},
+      {"verify PS1 -f sup",                          "PS1: with --file, a SPROM is named by its kind"},
+      {"edit -f - --num_6=1",                        "--file - can only be read"},
+      {"write -f - sup",                             "--file - can only be read"},
+      {"write sup --backup=x --no-backup",           "--backup does not go with --no-backup"},
+      {"dump -f sup",                                "the FILE to fill is missing"},
+      {"dump --hex -f sup sup x",                    "--hex goes to standard output, not to a FILE"},
+      {"get -f sup colour",                          "a supervisor image has no field colour (see 'sprom fields')"},
+      {"protect --on",                               "--on needs the SPROM to protect"},
       {"write a b c",                                "usage: sprom write [SPROM] FILE"},
-      {"edit -f sup",                                "no --FIELD=VALUE to change"},
+      {"edit -f sup",                                "no --FIELD=VALUE to change, and no --from"},
       {"make ps",                                    "the FILE to make is missing"},
       {"make dimm new",                              "dimm: this kind has no layout"},
   };
@@ -320,5 +482,8 @@ TEST_F(sprom_tool, refuses_bad_values_and_wrong_usage) {
   EXPECT_EQ(result.status, 0);
   EXPECT_THAT(result.out, StartsWith("Usage: sprom COMMAND "));
   EXPECT_THAT(result.out, HasSubstr("\nsprom 1."));
-  EXPECT_THAT(result.out, HasSubstr("\nmain_checksum         164     2  number  computed\n"));
+  EXPECT_THAT(result.out, HasSubstr("\nmain_checksum         164     2  number   computed\n"));
+  EXPECT_THAT(sh("sprom fields fan --json").out,
+              StartsWith(R"({"kind":"fan","size":192,"fields":[{"name":"common_signature","offset":0,"width":2,)"
+                         R"("type":"number","source":"format"},)"));
 }

@@ -1,297 +1,224 @@
-// The I2C service on bus devices that this test plays: the linker sends its open, ioctl and clock here.
-#include <errno.h>
-#include <fcntl.h>
+// The I2C service on simulated buses, by what goes over the wire. The linker sends its clock here.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <linux/i2c-dev.h>
 #include <linux/i2c.h>
 #include <time.h>
 
-#include <array>
-#include <cstdio>
-#include <map>
-#include <string>
-#include <vector>
+#include <cerrno>
 
 #include "platform/libutils/sse.h"
+#include "tests/support/board.h"
 
 namespace {
 
+using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
+using testing::StartsWith;
+using lines = std::vector<std::string>;
+using options = std::vector<const char *>;
 
-constexpr int first_fd = 1000;
+int64_t now_us = 0;
+int64_t step_us = 100;  // from one look at the clock to the next; a transfer takes two, as the log has times
 
-struct {
-  std::vector<std::string> log;    // what reached the bus devices
-  std::vector<std::string> paths;  // opened, by descriptor
-  unsigned long funcs = I2C_FUNC_I2C;
-  int open_error = 0;
-  int funcs_error = 0;
-  int error = 0;           // of each transfer ...
-  int errors = INT32_MAX;  // ... for so many
-  int done = -1;           // result of I2C_RDWR in place of the number of messages
-  int64_t now_us = 0;
-  int64_t transfer_us = 100;
-} bus;
-
-std::string hex(const uint8_t *bytes, size_t count) {
-  std::string text;
-  char byte[4];
-  for (size_t i = 0; i < count; ++i) {
-    std::snprintf(byte, sizeof byte, " %02x", unsigned{bytes[i]});
-    text += byte;
-  }
-  return text;
-}
-
-std::string at(int fd, unsigned long addr) {
-  char text[16];
-  std::snprintf(text, sizeof text, ":%02lx", addr);
-  return bus.paths.at(static_cast<size_t>(fd - first_fd)) + text;
-}
-
-// Fails the transfer if the test asks for it.
-bool failing() {
-  bus.now_us += bus.transfer_us;
-  if (bus.error == 0 || bus.errors-- <= 0) return false;
-  errno = bus.error;
-  return true;
-}
-
-int rdwr(int fd, const i2c_rdwr_ioctl_data &transaction) {
-  std::string line = "i2c " + at(fd, transaction.msgs[0].addr);
-  for (const i2c_msg &msg : std::vector<i2c_msg>(transaction.msgs, transaction.msgs + transaction.nmsgs)) {
-    EXPECT_EQ(msg.addr, transaction.msgs[0].addr);
-    if (msg.flags == I2C_M_RD) {
-      for (unsigned i = 0; i < msg.len; ++i)
-        msg.buf[i] = static_cast<uint8_t>(0xD1 + i);
-      line += " r" + std::to_string(msg.len);
-    } else {
-      EXPECT_EQ(msg.flags, 0);
-      line += " w" + hex(msg.buf, msg.len);
-    }
-  }
-  bus.log.push_back(line);
-  if (failing()) return -1;
-  return bus.done >= 0 ? bus.done : static_cast<int>(transaction.nmsgs);
-}
-
-int smbus(const i2c_smbus_ioctl_data &transaction) {
-  const bool read = transaction.read_write == I2C_SMBUS_READ;
-  const size_t count = transaction.size == I2C_SMBUS_WORD_DATA       ? 2
-                       : transaction.size == I2C_SMBUS_BYTE && !read ? 0
-                                                                     : 1;
-  const bool command = transaction.size != I2C_SMBUS_BYTE || !read;
-  bus.log.push_back("smbus " + std::to_string(transaction.size) + (command ? hex(&transaction.command, 1) : "") +
-                    (read ? " r" : " w" + hex(transaction.data->block, count)));
-  if (failing()) return -1;
-  if (read) transaction.data->word = 0xD2D1;
-  return 0;
-}
-
-struct sse_service : testing::Test {
+// A request and what comes of it. Data are what was sent, or what was received over A1 A2.
+struct request {
+  uint32_t op, dev_type, xfer;
+  uint16_t cmd;
   std::array<uint8_t, 2> data{0xA1, 0xA2};
-  sse_req_t req{0, SSE_DEV_AT24C512, 0, 0x12, SSE_XFER_BYTE_DATA, data.data(), 0};
-  sse_service() {
-    // Descriptors stay open for the whole program.
-    auto paths = std::move(bus.paths);
-    bus = {};
-    bus.paths = std::move(paths);
-  }
-  int32_t call(uint32_t op, uint32_t dev_type, uint32_t xfer, const char *path = "/dev/i2c-90", uint32_t addr = 0x33) {
-    bus.log.clear();
-    data = {0xA1, 0xA2};
-    req.dev_type = dev_type;
-    req.xfer = xfer;
-    sse_route(path, addr);
+
+  int32_t make() {
+    sse_req_t req{0, dev_type, 0, cmd, xfer, data.data(), 0};
     return sse_call(op, &req);
   }
+  int32_t make_at(const char *path, uint32_t addr, uint32_t addr_len = 2) {
+    sse_route(path, addr, addr_len);
+    return make();
+  }
 };
+constexpr uint32_t RD = SSE_OP_I2C_READ, WR = SSE_OP_I2C_WRITE;
+
+// The service keeps its buses open: each board stands in a process of its own.
+void on_board(options with, const std::function<void(test_board &)> &body) {
+  with.push_back("--trace");
+  (void)setenv("BOARD_SIM_TSC_KHZ", "1000000", 1);  // nothing here looks at it, and measuring takes long
+  isolated([&] {
+    test_board board(with);
+    body(board);
+  });
+}
 
 }  // namespace
 
-extern "C" {
-int __wrap_open(const char *path, int flags);
-int __wrap_open64(const char *path, int flags);
-int __wrap_ioctl(int fd, unsigned long request, void *arg);
-int __wrap_clock_gettime(clockid_t clock, timespec *now);
-
-int __wrap_open(const char *path, int flags) {
-  EXPECT_EQ(flags, O_RDWR | O_CLOEXEC);
-  errno = bus.open_error;
-  if (bus.open_error != 0) return -1;
-  bus.paths.emplace_back(path);
-  return first_fd + static_cast<int>(bus.paths.size()) - 1;
-}
-
-int __wrap_open64(const char *path, int flags) {
-  return __wrap_open(path, flags);
-}
-
-int __wrap_ioctl(int fd, unsigned long request, void *arg) {
-  switch (request) {
-    case I2C_FUNCS:
-      errno = bus.funcs_error;
-      if (bus.funcs_error != 0) return -1;
-      *static_cast<unsigned long *>(arg) = bus.funcs;
-      return 0;
-    case I2C_SLAVE:
-      bus.log.push_back("slave " + at(fd, reinterpret_cast<unsigned long>(arg)));
-      return 0;
-    case I2C_RDWR:
-      return rdwr(fd, *static_cast<i2c_rdwr_ioctl_data *>(arg));
-    case I2C_SMBUS:
-      return smbus(*static_cast<i2c_smbus_ioctl_data *>(arg));
-    default:
-      ADD_FAILURE() << request;
-      return -1;
-  }
-}
-
+extern "C" int __wrap_clock_gettime(clockid_t clock, timespec *now);
 int __wrap_clock_gettime(clockid_t clock, timespec *now) {
   EXPECT_EQ(clock, CLOCK_MONOTONIC);
-  *now = {static_cast<time_t>(bus.now_us / 1'000'000), static_cast<long>(bus.now_us % 1'000'000 * 1000)};
+  now_us += step_us;
+  *now = {static_cast<time_t>(now_us / 1'000'000), static_cast<long>(now_us % 1'000'000 * 1000)};
   return 0;
-}
 }
 
 namespace {
 
-TEST_F(sse_service, makes_one_transaction_of_the_kind_asked_for) {
-  struct form {
-    uint32_t op, dev_type, xfer;
-    const char *i2c, *smbus;
+// On an adapter of either sort.
+TEST(sse_service, makes_one_transaction_of_the_kind_asked_for) {
+  struct row {
+    request asked;
+    const char *path;
+    uint32_t addr, addr_len;
+    int32_t result;
+    lines wire;
     std::array<uint8_t, 2> data;
   };
   // clang-format off
-  const form forms[]{
-      {SSE_OP_I2C_WRITE,  7, 1, "w a1",       "1 a1 w",       {0xA1, 0xA2}},
-      {SSE_OP_I2C_WRITE,  7, 2, "w 12 a1",    "2 12 w a1",    {0xA1, 0xA2}},
-      {SSE_OP_I2C_WRITE, 15, 3, "w 12 a1 a2", "3 12 w a1 a2", {0xA1, 0xA2}},
-      {SSE_OP_I2C_WRITE, 16, 2, "w 12 a1",    "2 12 w a1",    {0xA1, 0xA2}},
-      {SSE_OP_I2C_READ,   7, 1, "r1",         "1 r",          {0xD1, 0xA2}},
-      {SSE_OP_I2C_READ,  15, 2, "w 12 r1",    "2 12 r",       {0xD1, 0xA2}},
-      {SSE_OP_I2C_READ,  15, 3, "w 12 r2",    "3 12 r",       {0xD1, 0xD2}},
-      {SSE_OP_I2C_READ,  16, 3, "r2",         nullptr,        {0xD1, 0xD2}}};
+  const row rows[]{
+      // EEPROMs with two address bytes and with one, whose high byte must be 0.
+      {{WR,  7, 2, 0x00, {0x22}},       "/dev/i2c-1", 0x52, 2, 0,       {"i2c-1:52 w 16 0x0 0x0022"},   {0x22, 0}},
+      {{RD,  7, 1, 0},                  "/dev/i2c-1", 0x52, 2, 0,       {"i2c-1:52 r 8 0x0 0x53"},      {0x53, 0xA2}},
+      {{WR,  7, 3, 0x20},               "/dev/i2c-1", 0x52, 2, 0,       {"i2c-1:52 w 24 0x0 0x20a1a2"}, {0xA1, 0xA2}},
+      {{WR,  7, 2, 0x00, {0x22}},       "/dev/i2c-6", 0x53, 1, 0,       {"i2c-6:53 w 8 0x0 0x22"},      {0x22, 0}},
+      {{RD,  7, 1, 0},                  "/dev/i2c-6", 0x53, 1, 0,       {"i2c-6:53 r 8 0x0 0x50"},      {0x50, 0xA2}},
+      {{WR,  7, 2, 0x01, {0x22}},       "/dev/i2c-6", 0x53, 1, -EINVAL, {},                             {0x22, 0}},
+      {{WR,  7, 3, 0x80},               "/dev/i2c-6", 0x53, 1, -EINVAL, {},                             {0xA1, 0xA2}},
+      {{WR,  7, 1, 0},                  "/dev/i2c-6", 0x53, 1, 0,       {"i2c-6:53 w 8 0x0 0xa1"},      {0xA1, 0xA2}},
+      {{WR,  7, 3, 0x00},               "/dev/i2c-6", 0x53, 1, 0,       {"i2c-6:53 w 16 0x0 0xa1a2"},   {0xA1, 0xA2}},
+      // Expanders: the length of their address is no EEPROM's.
+      {{WR, 15, 2, 0x02},               "/dev/i2c-7", 0x75, 1, 0,       {"i2c-7:75 w 16 0x0 0x02a1"},   {0xA1, 0xA2}},
+      {{WR, 15, 3, 0x02},               "/dev/i2c-7", 0x75, 1, 0,       {"i2c-7:75 w 24 0x0 0x02a1a2"}, {0xA1, 0xA2}},
+      {{RD, 15, 2, 0x02},               "/dev/i2c-7", 0x75, 1, 0,       {"i2c-7:75 w 8 0x0 0x02", "i2c-7:75 r 8 0x1 0xa1"},    {0xA1, 0xA2}},
+      {{RD, 15, 3, 0x06},               "/dev/i2c-7", 0x75, 1, 0,       {"i2c-7:75 w 8 0x0 0x06", "i2c-7:75 r 16 0x1 0xffff"}, {0xFF, 0xFF}},
+      {{WR, 16, 2, 0xF0},               "/dev/i2c-8", 0x26, 1, 0,       {"i2c-8:26 w 16 0x0 0xf0a1"},   {0xA1, 0xA2}},
+      {{RD, 16, 3, 0},                  "/dev/i2c-8", 0x26, 1, 0,       {"i2c-8:26 r 16 0x0 0xf021"},   {0xF0, 0x21}},
+  };
   // clang-format on
-  for (const form &form : forms) {
-    SCOPED_TRACE(form.i2c);
-    bus.funcs = I2C_FUNC_I2C | I2C_FUNC_SMBUS_EMUL;
-    EXPECT_EQ(call(form.op, form.dev_type, form.xfer, "/dev/i2c-90"), 0);
-    EXPECT_THAT(bus.log, ElementsAre(std::string{"i2c /dev/i2c-90:33 "} + form.i2c));
-    EXPECT_EQ(data, form.data);
-
-    bus.funcs = I2C_FUNC_SMBUS_BYTE | I2C_FUNC_SMBUS_BYTE_DATA | I2C_FUNC_SMBUS_WORD_DATA;
-    if (form.smbus == nullptr) {
-      // Its only SMBus form would drive the pins low.
-      EXPECT_EQ(call(form.op, form.dev_type, form.xfer, "/dev/i2c-91"), -EOPNOTSUPP);
-      EXPECT_THAT(bus.log, IsEmpty());
-      continue;
-    }
-    EXPECT_EQ(call(form.op, form.dev_type, form.xfer, "/dev/i2c-91"), 0);
-    EXPECT_THAT(bus.log, ElementsAre("slave /dev/i2c-91:33", std::string{"smbus "} + form.smbus));
-    EXPECT_EQ(data, form.data);
+  for (const options &with : {options{"--family=pellin"}, {"--family=pellin", "i2c-smbus-only"}}) {
+    on_board(with, [&](test_board &board) {
+      for (row r : rows) {
+        SCOPED_TRACE(testing::PrintToString(r.wire) + std::to_string(with.size()));
+        // The only SMBus form of a PCA8575's read would drive its pins low.
+        const bool is_possible = with.size() == 1 || r.asked.op != RD || r.asked.dev_type != SSE_DEV_PCA8575;
+        EXPECT_EQ(r.asked.make_at(r.path, r.addr, r.addr_len), is_possible ? r.result : -EOPNOTSUPP);
+        lines log = board.log();
+        std::erase_if(log, [](const std::string &line) { return line.find(" R ") + line.find(" W ") + 2 != 0; });
+        EXPECT_EQ(log, is_possible ? r.wire : lines{});
+        if (is_possible) {
+          EXPECT_EQ(r.asked.data, r.data);
+        }
+      }
+    });
   }
 }
 
-TEST_F(sse_service, finds_devices_by_identity_unless_told_the_bus_once) {
-  const std::map<std::array<uint32_t, 3>, const char *> identities{
-      {{7, 0, 0}, "/dev/i2c-1:52"},   {{7, 0, 1}, "/dev/i2c-17:52"},  {{7, 1, 0}, "/dev/i2c-23:52"},
-      {{7, 2, 0}, "/dev/i2c-7:52"},   {{15, 0, 0}, "/dev/i2c-4:74"},  {{15, 0, 1}, "/dev/i2c-4:75"},
-      {{15, 0, 2}, "/dev/i2c-4:76"},  {{15, 0, 3}, "/dev/i2c-8:75"},  {{15, 0, 5}, "/dev/i2c-7:75"},
-      {{15, 0, 6}, "/dev/i2c-20:76"}, {{15, 0, 7}, "/dev/i2c-24:75"}, {{15, 0, 8}, "/dev/i2c-8:76"},
-      {{15, 0, 9}, "/dev/i2c-24:76"}, {{16, 0, 0}, "/dev/i2c-4:26"},  {{16, 0, 1}, "/dev/i2c-8:26"},
-      {{16, 0, 2}, "/dev/i2c-8:27"},  {{16, 0, 4}, "/dev/i2c-24:26"}};
-  for (const uint32_t dev_type : {7U, 8U, 15U, 16U}) {
-    for (const uint32_t unit : {0U, 1U, 2U, 3U}) {
-      for (uint32_t instance = 0; instance < 11; ++instance) {
-        req.dev_type = dev_type;
-        req.unit = static_cast<uint8_t>(unit);
-        req.instance = static_cast<uint8_t>(instance);
-        const auto it = identities.find({dev_type, unit, instance});
-        bus.log.clear();
-        EXPECT_EQ(sse_call(SSE_OP_I2C_WRITE, &req), it != identities.end() ? 0 : -ENODEV);
-        if (it == identities.end()) continue;
-        EXPECT_THAT(bus.log, ElementsAre(std::string{"i2c "} + it->second + " w 12 a1"));
+TEST(sse_service, finds_devices_by_identity_unless_told_the_bus_once) {
+  struct row {
+    uint32_t dev_type, unit, instance;
+    const char *wire;  // "" where the board has no such bus
+  };
+  // clang-format off
+  const row rows[]{
+      {7,  0, 0, "i2c-1:52 "},  {7,  0, 1, "i2c-17:52 "}, {7,  1, 0, "i2c-23:52 "}, {7,  2, 0, "i2c-7:52 "},
+      {15, 0, 0, ""},           {15, 0, 1, ""},           {15, 0, 2, ""},           {15, 0, 3, "i2c-8:75 "},
+      {15, 0, 5, "i2c-7:75 "},  {15, 0, 6, "i2c-20:76 "}, {15, 0, 7, ""},           {15, 0, 8, "i2c-8:76 "},
+      {15, 0, 9, ""},           {16, 0, 0, ""},           {16, 0, 1, "i2c-8:26 "},  {16, 0, 2, "i2c-8:27 "},
+      {16, 0, 4, ""},
+  };
+  // clang-format on
+  on_board({"--family=pellin"}, [&](test_board &board) {
+    for (uint32_t id = 0; id < 18U * 4 * 11; id++) {
+      const uint32_t dev_type = id / 44, unit = id / 11 % 4, instance = id % 11;
+      SCOPED_TRACE(id);
+      uint8_t data = 0;
+      sse_req_t req{static_cast<uint8_t>(unit), dev_type, static_cast<uint8_t>(instance), 0, 2, &data, 0};
+      const auto *const known = std::find_if(std::begin(rows), std::end(rows), [&](const row &r) {
+        return r.dev_type == dev_type && r.unit == unit && r.instance == instance;
+      });
+      const int32_t result = sse_call(WR, &req);
+      if (known == std::end(rows) || *known->wire == '\0') {
+        EXPECT_EQ(result, known == std::end(rows) ? -ENODEV : -ENOENT);
+        EXPECT_THAT(board.log(), IsEmpty());
+      } else {
+        EXPECT_THAT(board.log(), Each(StartsWith(known->wire)));
       }
     }
+    // A route is good for one call, and a bad call takes it, too.
+    const int descriptor = dup(0);
+    request asked{WR, 15, 1, 0, {0x02}};
+    EXPECT_EQ(asked.make_at("/dev/i2c-20", 0x76, 1), 0);
+    sse_route("/dev/i2c-20", 0x76, 1);
+    EXPECT_EQ(sse_call(0, nullptr), -EINVAL);
+    EXPECT_EQ(asked.make(), -ENOENT);
+    sse_route("/dev/i2c-20", 0x76, 1);
+    EXPECT_EQ(asked.make_at(nullptr, 0), -ENOENT);
+    EXPECT_THAT(board.log(), ElementsAre("i2c-20:76 w 8 0x0 0x02"));
+    EXPECT_EQ(dup(0), descriptor + 1);  // each bus was opened once
+  });
+}
+
+TEST(sse_service, refuses_bad_requests_without_touching_a_bus) {
+  struct row {
+    request asked;
+    const char *path;
+    uint32_t addr;
+    int32_t result;
+  };
+  const std::string too_long(36, '1');
+  // clang-format off
+  const row rows[]{
+      {{0,    7, 2, 0},     "/dev/i2c-1",     0x52, -EINVAL}, {{1074, 7, 2, 0},     "/dev/i2c-1", 0x52, -EINVAL},
+      {{1077, 7, 2, 0},     "/dev/i2c-1",     0x52, -EINVAL}, {{RD,   7, 0, 0},     "/dev/i2c-1", 0x52, -EINVAL},
+      {{RD,   7, 4, 0},     "/dev/i2c-1",     0x52, -EINVAL}, {{RD,   7, 0x103, 0}, "/dev/i2c-1", 0x52, -EINVAL},
+      {{WR,   7, 2, 0x100}, "/dev/i2c-1",     0x52, -EINVAL}, {{WR,   7, 2, 0},     "/dev/i2c-1", 0x80, -EINVAL},
+      {{WR,   7, 2, 0},     "",               0x52, -EINVAL}, {{WR,   7, 2, 0},     too_long.c_str(), 0x52, -EINVAL},
+      {{WR,   7, 2, 0},     "/dev/i2c-2",     0x52, -ENOENT}, {{WR,   7, 2, 0},     "/dev/null",  0x52, -ENOTTY},
+  };
+  // clang-format on
+  on_board({}, [&](test_board &board) {
+    for (row r : rows)
+      EXPECT_EQ(r.asked.make_at(r.path, r.addr), r.result) << r.path << r.asked.op << r.asked.xfer;
+    sse_req_t req{0, 7, 0, 0, 2, nullptr, 0};
+    EXPECT_EQ(sse_call(WR, &req), -EINVAL);
+    EXPECT_EQ(sse_call(WR, nullptr), -EINVAL);
+    EXPECT_THAT(board.log(), IsEmpty());
+    EXPECT_EQ((request{WR, 7, 2, 0}.make()), 0);  // nothing of the failures is kept
+  });
+}
+
+TEST(sse_service, asks_a_busy_eeprom_again_for_its_write_cycle) {
+  struct row {
+    const char *fault;
+    request asked;
+    int64_t step_us;
+    int32_t result;
+    size_t asks;
+  };
+  constexpr request again{RD, 7, 1, 0}, expander{WR, 15, 2, 0};
+  // clang-format off
+  const row rows[]{
+      {"eeprom-busy bus=6 addr=0x52 polls=3",              again,    100,    0,          4},
+      {"eeprom-busy bus=6 addr=0x52",                      again,    100,    -ENXIO,     51},  // from 0 to 10 ms
+      // Held up for long at each transfer, the device still gets its chances.
+      {"eeprom-busy bus=6 addr=0x52 polls=7",              again,    50'000, 0,          8},
+      {"eeprom-busy bus=6 addr=0x52 polls=8",              again,    50'000, -ENXIO,     8},
+      // Errors, behind the two polls of the write cycle.
+      {"i2c-fail bus=6 addr=0x52 nth=2 times=3 errno=121", again,    100,    0,          6},
+      {"i2c-fail bus=6 addr=0x52 nth=2 times=3",           again,    100,    -EIO,       3},
+      {"i2c-fail bus=6 addr=0x52 nth=2 times=3 errno=110", again,    100,    -ETIMEDOUT, 3},
+      {"i2c-fail bus=7 addr=0x75 times=3 errno=6",         expander, 100,    -ENXIO,     1},
+      {"i2c-fail bus=7 addr=0x75 times=3 errno=121",       expander, 100,    -EREMOTEIO, 1},
+  };
+  // clang-format on
+  for (row r : rows) {
+    SCOPED_TRACE(r.fault);
+    on_board({"--family=pellin", r.fault}, [&](test_board &board) {
+      now_us = 5'999'995'000;  // the second turns meanwhile
+      step_us = r.step_us;
+      request write{WR, 7, 3, 0};
+      EXPECT_EQ(write.make_at("/dev/i2c-6", 0x52, 1), 0);
+      (void)board.log();
+      const bool is_eeprom = r.asked.dev_type == SSE_DEV_AT24C512;
+      EXPECT_EQ(r.asked.make_at(is_eeprom ? "/dev/i2c-6" : "/dev/i2c-7", is_eeprom ? 0x52 : 0x75), r.result);
+      EXPECT_EQ(board.log().size(), r.asks);
+    });
   }
-  const size_t opened = bus.paths.size();
-  req = {0, SSE_DEV_PCA9539, 0, 0x12, SSE_XFER_BYTE_DATA, data.data(), 0};
-  bus.log.clear();
-  sse_route("/dev/i2c-20", 0x77);
-  EXPECT_EQ(sse_call(SSE_OP_I2C_WRITE, &req), 0);
-  EXPECT_EQ(sse_call(SSE_OP_I2C_WRITE, &req), 0);
-  sse_route("/dev/i2c-20", 0x77);
-  sse_route(nullptr, 0);
-  EXPECT_EQ(sse_call(SSE_OP_I2C_WRITE, &req), 0);
-  sse_route("/dev/i2c-20", 0x77);
-  EXPECT_EQ(sse_call(0, &req), -EINVAL);  // takes the route with it
-  EXPECT_EQ(sse_call(SSE_OP_I2C_WRITE, &req), 0);
-  EXPECT_THAT(bus.log, ElementsAre("i2c /dev/i2c-20:77 w 12 a1", "i2c /dev/i2c-4:74 w 12 a1",
-                                   "i2c /dev/i2c-4:74 w 12 a1", "i2c /dev/i2c-4:74 w 12 a1"));
-  EXPECT_EQ(bus.paths.size(), opened);  // each bus is opened once
-}
-
-TEST_F(sse_service, refuses_bad_requests_without_touching_a_bus) {
-  const size_t opened = bus.paths.size();
-  for (const uint32_t op : {0U, 1074U, 1077U})
-    EXPECT_EQ(call(op, 7, 2), -EINVAL);
-  for (const uint32_t xfer : {0U, 4U, 0x103U})
-    EXPECT_EQ(call(SSE_OP_I2C_READ, 7, xfer), -EINVAL);
-  EXPECT_EQ(call(SSE_OP_I2C_WRITE, 7, 2, "/dev/i2c-90", 0x80), -EINVAL);
-  EXPECT_EQ(call(SSE_OP_I2C_WRITE, 7, 2, ""), -EINVAL);
-  EXPECT_EQ(call(SSE_OP_I2C_WRITE, 7, 2, std::string(36, '1').c_str()), -EINVAL);
-  EXPECT_EQ(sse_call(SSE_OP_I2C_WRITE, nullptr), -EINVAL);
-  req.cmd = 0x100;
-  EXPECT_EQ(call(SSE_OP_I2C_WRITE, 7, 2), -EINVAL);
-  req.cmd = 0;
-  req.data = nullptr;
-  EXPECT_EQ(sse_call(SSE_OP_I2C_WRITE, &req), -EINVAL);
-  EXPECT_EQ(bus.paths.size(), opened);
-  EXPECT_THAT(bus.log, IsEmpty());
-}
-
-TEST_F(sse_service, tells_a_bus_devices_errors) {
-  bus.open_error = ENOENT;
-  EXPECT_EQ(call(SSE_OP_I2C_WRITE, 15, 2, "/dev/i2c-92"), -ENOENT);
-  bus.open_error = 0;
-  bus.funcs_error = ENOTTY;
-  EXPECT_EQ(call(SSE_OP_I2C_WRITE, 15, 2, "/dev/i2c-92"), -ENOTTY);
-  EXPECT_THAT(bus.log, IsEmpty());
-  bus.funcs_error = 0;
-  EXPECT_EQ(call(SSE_OP_I2C_WRITE, 15, 2, "/dev/i2c-92"), 0);  // nothing of the failures is kept
-  bus.done = 1;
-  EXPECT_EQ(call(SSE_OP_I2C_READ, 15, 3, "/dev/i2c-92"), -EIO);
-}
-
-TEST_F(sse_service, asks_a_busy_eeprom_again_for_its_write_cycle) {
-  for (const int error : {ENXIO, EREMOTEIO, EIO, ETIMEDOUT}) {
-    const bool no_answer = error == ENXIO || error == EREMOTEIO;
-    bus.error = error;
-    bus.errors = 3;
-    EXPECT_EQ(call(SSE_OP_I2C_WRITE, 7, 3), no_answer ? 0 : -error);
-    EXPECT_EQ(bus.log, std::vector<std::string>(no_answer ? 4 : 1, "i2c /dev/i2c-90:33 w 12 a1 a2"));
-    for (const uint32_t expander : {15U, 16U}) {
-      bus.errors = 3;
-      EXPECT_EQ(call(SSE_OP_I2C_WRITE, expander, 2), -error);
-      EXPECT_EQ(bus.log.size(), 1U);
-    }
-  }
-  bus.error = ENXIO;
-  bus.errors = INT32_MAX;
-  bus.now_us = 5'999'995'000;  // the second turns meanwhile
-  EXPECT_EQ(call(SSE_OP_I2C_READ, 7, 1), -ENXIO);
-  EXPECT_EQ(bus.log.size(), 101U);  // 100 µs each: from 0 to 10 ms
-  // Held up for long at each transfer, the device still gets its chances.
-  bus.transfer_us = 50'000;
-  bus.errors = 7;
-  EXPECT_EQ(call(SSE_OP_I2C_READ, 7, 1), 0);
-  EXPECT_EQ(bus.log.size(), 8U);
-  bus.errors = 8;
-  EXPECT_EQ(call(SSE_OP_I2C_READ, 7, 1), -ENXIO);
-  EXPECT_EQ(bus.log.size(), 8U);
 }
 
 }  // namespace

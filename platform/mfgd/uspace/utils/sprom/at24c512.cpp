@@ -7,34 +7,11 @@
 
 namespace {
 
-struct identity_t {
-  const char *path;
-  uint8_t unit;
-  uint8_t instance;
-};
-
-// clang-format off
-constexpr std::array<identity_t, 3> identities{{
-    // path          unit instance
-    {"/dev/i2c-1",   0,   0},
-    {"/dev/i2c-17",  0,   1},
-    {"/dev/i2c-23",  1,   0},
-}};
-// clang-format on
-constexpr identity_t other_identity{nullptr, 2, 0};
-
-const identity_t &identity_of(const smb_dev_t *dev) {
-  for (const identity_t &identity : identities) {
-    if (smb_path_is(dev, identity.path)) return identity;
-  }
-  return other_identity;
-}
-
 int32_t transfer(const smb_dev_t *dev, uint32_t op, uint8_t cmd, uint32_t xfer, uint8_t *data) {
-  const identity_t &identity = identity_of(dev);
-  sse_req_t req{.unit = identity.unit,
-                .dev_type = SSE_DEV_AT24C512,
-                .instance = identity.instance,
+  const sse_identity_t *identity = sse_identity_of(sse_eeproms, dev);  // the last row is anyone's
+  sse_req_t req{.unit = identity->unit,
+                .dev_type = identity->dev_type,
+                .instance = identity->instance,
                 .cmd = cmd,
                 .xfer = xfer,
                 .data = data,

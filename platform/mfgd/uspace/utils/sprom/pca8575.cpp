@@ -4,32 +4,15 @@
 
 #include "platform/mfgd/uspace/utils/sprom/sse_dev.h"
 
-namespace {
-
-// clang-format off
-// First match wins; a null path stands for any.
-constexpr std::array<sse_expander_t, 6> expanders{{
-    // addr  path           instance
-    {0x26,   "/dev/i2c-4",  0},
-    {0x26,   "/dev/i2c-8",  1},
-    {0x26,   "/dev/i2c-24", 4},
-    {0x26,   nullptr,       3},
-    {0x27,   "/dev/i2c-8",  2},
-    {0x27,   nullptr,       5},
-}};
-// clang-format on
-
-}  // namespace
-
 extern "C" {
 
 int32_t pca8575_rd(const smb_dev_t *dev, uint32_t, uint32_t, void *buf) {
-  const sse_expander_t *expander = sse_find_expander(expanders, dev);
-  if (expander == nullptr) return -1;
+  const sse_identity_t *identity = sse_identity_of(sse_pca8575s, dev);
+  if (identity == nullptr) return -1;
   std::array<uint8_t, 2> data{};
-  sse_req_t req{.unit = 0,
-                .dev_type = SSE_DEV_PCA8575,
-                .instance = expander->instance,
+  sse_req_t req{.unit = identity->unit,
+                .dev_type = identity->dev_type,
+                .instance = identity->instance,
                 .cmd = 0,
                 .xfer = SSE_XFER_WORD_DATA,
                 .data = data.data(),
@@ -40,14 +23,14 @@ int32_t pca8575_rd(const smb_dev_t *dev, uint32_t, uint32_t, void *buf) {
 }
 
 int32_t pca8575_wr(const smb_dev_t *dev, uint32_t, uint32_t, const void *buf) {
-  const sse_expander_t *expander = sse_find_expander(expanders, dev);
-  if (expander == nullptr) return -1;
+  const sse_identity_t *identity = sse_identity_of(sse_pca8575s, dev);
+  if (identity == nullptr) return -1;
   std::array<uint8_t, 2> ports{};
   memcpy(ports.data(), buf, ports.size());
   // Without registers, the service's command byte is the byte for port 0.
-  sse_req_t req{.unit = 0,
-                .dev_type = SSE_DEV_PCA8575,
-                .instance = expander->instance,
+  sse_req_t req{.unit = identity->unit,
+                .dev_type = identity->dev_type,
+                .instance = identity->instance,
                 .cmd = ports[0],
                 .xfer = SSE_XFER_BYTE_DATA,
                 .data = &ports[1],

@@ -6,27 +6,10 @@
 
 namespace {
 
-// clang-format off
-// First match wins; a null path stands for any.
-constexpr std::array<sse_expander_t, 10> expanders{{
-    // addr  path           instance
-    {0x74,   "/dev/i2c-4",  0},
-    {0x74,   nullptr,       4},
-    {0x75,   "/dev/i2c-4",  1},
-    {0x75,   "/dev/i2c-8",  3},
-    {0x75,   "/dev/i2c-24", 7},
-    {0x75,   nullptr,       5},
-    {0x76,   "/dev/i2c-4",  2},
-    {0x76,   "/dev/i2c-8",  8},
-    {0x76,   "/dev/i2c-24", 9},
-    {0x76,   nullptr,       6},
-}};
-// clang-format on
-
-int32_t transfer(const smb_dev_t *dev, const sse_expander_t &expander, uint32_t op, uint32_t reg, uint8_t *data) {
-  sse_req_t req{.unit = 0,
-                .dev_type = SSE_DEV_PCA9539,
-                .instance = expander.instance,
+int32_t transfer(const smb_dev_t *dev, const sse_identity_t &identity, uint32_t op, uint32_t reg, uint8_t *data) {
+  sse_req_t req{.unit = identity.unit,
+                .dev_type = identity.dev_type,
+                .instance = identity.instance,
                 .cmd = static_cast<uint16_t>(reg),
                 .xfer = SSE_XFER_WORD_DATA,
                 .data = data,
@@ -48,20 +31,20 @@ int32_t update_pair(const smb_dev_t *dev, uint32_t reg, uint16_t mask, uint16_t 
 extern "C" {
 
 int32_t pca9539_rd(const smb_dev_t *dev, uint32_t reg, uint32_t, void *buf) {
-  const sse_expander_t *expander = sse_find_expander(expanders, dev);
-  if (expander == nullptr) return -1;
+  const sse_identity_t *identity = sse_identity_of(sse_pca9539s, dev);
+  if (identity == nullptr) return -1;
   std::array<uint8_t, 2> data{};
-  const int32_t result = transfer(dev, *expander, SSE_OP_I2C_READ, reg, data.data());
+  const int32_t result = transfer(dev, *identity, SSE_OP_I2C_READ, reg, data.data());
   memcpy(buf, data.data(), data.size());
   return result;
 }
 
 int32_t pca9539_wr(const smb_dev_t *dev, uint32_t reg, uint32_t, const void *buf) {
-  const sse_expander_t *expander = sse_find_expander(expanders, dev);
-  if (expander == nullptr) return -1;
+  const sse_identity_t *identity = sse_identity_of(sse_pca9539s, dev);
+  if (identity == nullptr) return -1;
   std::array<uint8_t, 2> data{};
   memcpy(data.data(), buf, data.size());
-  return transfer(dev, *expander, SSE_OP_I2C_WRITE, reg, data.data());
+  return transfer(dev, *identity, SSE_OP_I2C_WRITE, reg, data.data());
 }
 
 int32_t pca9539_write_reg(const smb_dev_t *dev, uint32_t reg, uint32_t value) {

@@ -25,7 +25,7 @@ struct smb_dev_t {
   char path[36];      // bus device path, NUL-padded
   uint32_t addr;      // 7-bit I2C address
   uint32_t base;      // offset of the SPROM image within the device, bytes
-  uint32_t addr_len;  // bytes of the device's internal address; descriptive, not consulted
+  uint32_t addr_len;  // bytes of the device's internal address; for the service alone, requests always carry two
   uint32_t data_len;  // bytes of one data item; descriptive, not consulted
   uint32_t flags;     // 0; not consulted
 };

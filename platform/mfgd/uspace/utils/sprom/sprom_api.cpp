@@ -7,7 +7,7 @@
 #include <array>
 
 #include "platform/mfgd/cmn_lib/diag_util/diag_assert.h"
-#include "platform/mfgd/uspace/utils/sprom/sprom_layout.h"
+#include "platform/mfgd/uspace/utils/sprom/sprom_fields.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_pellin.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_tosk.h"
 

@@ -9,13 +9,20 @@
 #include "platform/mfgd/uspace/utils/sprom/pca8575.h"
 #include "platform/mfgd/uspace/utils/sprom/pca9539.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_dev.h"
-#include "platform/mfgd/uspace/utils/sprom/sprom_layout.h"
+#include "platform/mfgd/uspace/utils/sprom/sprom_fields.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_verify.h"
 
 namespace {
 
 constexpr uint16_t protect_port = 0x50C;
 constexpr uint32_t protect_bit = 1U << 27;
+
+int32_t is_port_high() {
+  if (iopl(3) != 0) return -errno;
+  const uint32_t value = inl(protect_port);
+  (void)iopl(0);  // lowering the level needs no right
+  return (value & protect_bit) != 0 ? 1 : 0;
+}
 
 // The straps as a number 0 to 3, or the negative result of the second expander.
 int32_t read_straps(const sprom_family_t &family) {
@@ -47,6 +54,16 @@ int32_t drive(const smb_acc_t &acc, uint16_t mask, bool high) {
   return write_pair(acc, PCA9539_OUTPUT, static_cast<uint16_t>(high ? output | mask : output & ~mask));
 }
 
+int32_t is_pin_high(const smb_acc_t &acc, uint16_t mask) {
+  uint16_t seen = 0;
+  int32_t result = read_pair(acc, PCA9539_INPUT, &seen);
+  if (result < 0) return result;
+  uint16_t inverted = 0;
+  result = read_pair(acc, PCA9539_POLARITY, &inverted);
+  if (result < 0) return result;
+  return ((seen ^ inverted) & mask) != 0 ? 1 : 0;
+}
+
 }  // namespace
 
 int32_t sprom_family_probe(const sprom_family_t &family, sprom_t *sup) {
@@ -64,6 +81,10 @@ int32_t sprom_family_probe(const sprom_family_t &family, sprom_t *sup) {
 
   const uint16_t index = sprom_get_u16(&image[SPROM_OFF_CARD_INDEX]);
   return std::ranges::find(family.indexes, index) != family.indexes.end() ? platform : -EINVAL;
+}
+
+int32_t sprom_is_protected(const sprom_wiring_t *wiring) {
+  return wiring->by == sprom_wiring_t::PORT ? is_port_high() : is_pin_high(*wiring->expander, wiring->pin);
 }
 
 void sprom_port_protect(bool on) {

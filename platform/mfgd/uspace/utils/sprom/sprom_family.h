@@ -1,4 +1,4 @@
-// sprom_family.h: what the board families have in common; for the family sources of this directory.
+// sprom_family.h: what the board families have in common; for the family sources of this directory and the tool.
 #pragma once
 
 #include <span>
@@ -29,6 +29,25 @@ inline int32_t sprom_slot_answer(const sprom_slot_t &address, uint32_t *slot, ui
 // Recognises the family's board by the straps, then by the card index in the image of its supervisor descriptor.
 // Returns the family's platform code, -EINVAL for another board or a bad image, or a device's negative result.
 [[nodiscard]] int32_t sprom_family_probe(const sprom_family_t &family, sprom_t *sup);
+
+// How a SPROM's write protection is wired.
+struct sprom_wiring_t {
+  enum { NONE, PORT, PIN } by;  // PORT: bit 27 of I/O port 0x50C
+  const smb_acc_t *expander;    // of PIN
+  uint16_t pin;                 // of PIN, as its bit in the register pair
+};
+
+extern "C" {
+// The wiring of a family's SPROM.
+[[nodiscard]] sprom_wiring_t sprom_wiring_pellin(const sprom_t *sprom);
+[[nodiscard]] sprom_wiring_t sprom_wiring_tosk(const sprom_t *sprom);
+
+// Looks at the port, or at the level that the pin itself has, whatever was last written there. Returns
+// 1, 0  protected or not
+// < 0   the expander's negative result, or a negative errno value where the I/O privilege level stays refused
+// The wiring must not be NONE.
+[[nodiscard]] int32_t sprom_is_protected(const sprom_wiring_t *wiring);
+}
 
 // Write protection by I/O port: clears or sets the protect bit. Does nothing if the I/O privilege level stays refused.
 void sprom_port_protect(bool on);

@@ -1,4 +1,4 @@
-// sprom_layout.h: what stands where in a SPROM image.
+// sprom_layout.h: the blocks of the SPROM images.
 //
 // An image is a chain of blocks without gaps, the common header first, the kind's main block second. Each block begins
 // with a header of six bytes. Numbers are big-endian on the device and in host order in memory; several blocks begin at
@@ -20,17 +20,6 @@ enum : uint32_t {
   SPROM_BLK_LENGTH = 3,     // 8 bits: length of the block, header included; 0 stands for 256
   SPROM_BLK_CHECKSUM = 4,   // 16 bits: sum of the block's other bytes
 };
-
-// Fields with a meaning to this library, offsets from the image's start.
-enum : uint32_t {
-  SPROM_OFF_PRODUCT_ID = 34,       // text
-  SPROM_OFF_SERIAL_NUMBER = 54,    // text
-  SPROM_OFF_HW_CHANGE_BITS = 174,  // 64 bits; supervisor, line card and backplane
-  SPROM_OFF_CARD_INDEX = 182,      // 16 bits; supervisor and line card
-};
-
-// Bytes of a text field. There is no terminator.
-enum : uint32_t { SPROM_TEXT_LEN = 20 };
 
 // Image sizes in bytes, the sum of the blocks' lengths.
 enum : uint32_t {
@@ -113,11 +102,6 @@ constexpr std::span<const sprom_block_t> sprom_blocks(uint32_t type) {
 // The number in host order at `field`, which may be unaligned.
 inline uint16_t sprom_get_u16(const uint8_t *field) {
   uint16_t value;
-  memcpy(&value, field, sizeof value);
-  return value;
-}
-inline uint64_t sprom_get_u64(const uint8_t *field) {
-  uint64_t value;
   memcpy(&value, field, sizeof value);
   return value;
 }

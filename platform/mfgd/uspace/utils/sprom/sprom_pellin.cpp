@@ -79,6 +79,14 @@ uint16_t mezz_pin() {
 
 }  // namespace
 
+sprom_wiring_t sprom_wiring_pellin(const sprom_t *sprom) {
+  if (sprom->we == velto_or_sprom_we) return {sprom_wiring_t::PORT, nullptr, 0};
+  if (sprom->we == velto_mt_varnholm_sprom_we) return {sprom_wiring_t::PIN, &pca9539_mezz_acc, mezz_pin()};
+  if (sprom->we == velto_mt_varnholm_gem_sprom_we) return {sprom_wiring_t::PIN, &pca9539_gem_acc[0], gem_protect_pin};
+  if (sprom->we == velto_mt_mirn_gem_sprom_we) return {sprom_wiring_t::PIN, &pca9539_gem_acc[1], gem_protect_pin};
+  return {};
+}
+
 extern "C" {
 
 // clang-format off

@@ -64,6 +64,12 @@ constexpr sprom_slot_t chassis_slot{0, 0};
 
 }  // namespace
 
+sprom_wiring_t sprom_wiring_tosk(const sprom_t *sprom) {
+  if (sprom->we == sprom_we_tosk) return {sprom_wiring_t::PORT, nullptr, 0};
+  if (sprom->we == velto_quellrim_gem_sprom_we) return {sprom_wiring_t::PIN, &pca9539_gem_acc, gem_protect_pin};
+  return {};
+}
+
 extern "C" {
 
 // clang-format off

@@ -3,16 +3,19 @@
 #include <ctype.h>
 #include <fcntl.h>
 #include <stddef.h>
+#include <stdio.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <charconv>
+#include <span>
 
 #include "platform/mfgd/uspace/utils/sprom/sprom_api.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_pellin.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_tosk.h"
+#include "platform/mfgd/uspace/utils/sprom/sse_dev.h"
 #include "platform/mfgd/uspace/utils/sprom/tool/output.h"
 #include "post/dorvan/cards.h"
 #include "post/dorvan/sprom_dorvan.h"
@@ -34,6 +37,7 @@ struct family_t {
   sprom_t *(*init)(uint32_t slot, uint32_t index);
   std::span<const place_t> places;
   std::span<sprom_t> dimms;
+  sprom_wiring_t (*wiring)(const sprom_t *sprom);
   std::optional<int32_t> platform;  // as sprom_get_platform tells it
 };
 
@@ -49,6 +53,9 @@ sprom_t *init_dorvan(uint32_t slot, uint32_t index) {
   constexpr uint32_t any_platform = 0;
   return sprom_init_dorvan(any_platform, slot, index);
 }
+sprom_wiring_t wiring_dorvan(const sprom_t *) {
+  return {};
+}
 sprom_t *init_pellin(uint32_t slot, uint32_t index) {
   return sprom_init(SPROM_PLATFORM_PELLIN, slot, index);
 }
@@ -58,10 +65,10 @@ sprom_t *init_tosk(uint32_t slot, uint32_t index) {
 
 // clang-format off
 const std::array<family_t, 3> families{{
-    // name     init         places         DIMMs              platform
-    {"dorvan", init_dorvan, dorvan_places, {},                std::nullopt},
-    {"pellin", init_pellin, pellin_places, pellin_sprom_dimm, SPROM_PLATFORM_PELLIN},
-    {"tosk",   init_tosk,   tosk_places,   tosk_sprom_dimm,   SPROM_PLATFORM_TOSK},
+    // name     init         places         DIMMs              protection           platform
+    {"dorvan", init_dorvan, dorvan_places, {},                wiring_dorvan,       std::nullopt},
+    {"pellin", init_pellin, pellin_places, pellin_sprom_dimm, sprom_wiring_pellin, SPROM_PLATFORM_PELLIN},
+    {"tosk",   init_tosk,   tosk_places,   tosk_sprom_dimm,   sprom_wiring_tosk,   SPROM_PLATFORM_TOSK},
 }};
 // clang-format on
 
@@ -114,6 +121,30 @@ std::optional<std::pair<uint32_t, uint32_t>> parse_place(std::string_view text) 
   return std::pair{slot, index};
 }
 
+bool is_same_chip(const smb_dev_t &a, const smb_dev_t &b) {
+  return a.addr == b.addr && std::string_view{a.path} == b.path;
+}
+
+bool has_same_identity(std::span<const sse_row_t> rows, const smb_dev_t &a, const smb_dev_t &b) {
+  const sse_identity_t *identity = sse_identity_of(rows, &a);
+  const sse_identity_t *other = sse_identity_of(rows, &b);
+  return identity != nullptr && other != nullptr && *identity == *other;
+}
+
+// The SPROMs of the family whose `device` is another chip than the entry's, with the same identity.
+template <typename F>
+std::string confusable_with(const entry_t &entry, std::span<const sse_row_t> rows, F device) {
+  std::string names;
+  const smb_dev_t *own = device(entry);
+  if (own == nullptr) return names;
+  for (const entry_t &other : family_sproms(*entry.family)) {
+    const smb_dev_t *dev = device(other);
+    if (dev == nullptr || is_same_chip(*own, *dev) || !has_same_identity(rows, *own, *dev)) continue;
+    names += (names.empty() ? "" : ", ") + std::string{other.sprom->name};
+  }
+  return names;
+}
+
 }  // namespace
 
 const family_t *family_by_name(std::string_view name) {
@@ -147,10 +178,10 @@ std::string family_names(std::string_view separator) {
 std::vector<entry_t> family_sproms(const family_t &family) {
   std::vector<entry_t> entries;
   for (const place_t &place : family.places) {
-    entries.push_back({family.init(place.slot, place.index.value_or(0)), place.slot, place.index});
+    entries.push_back({&family, family.init(place.slot, place.index.value_or(0)), place.slot, place.index});
   }
   for (sprom_t &dimm : family.dimms)
-    entries.push_back({&dimm, std::nullopt, std::nullopt});
+    entries.push_back({&family, &dimm, std::nullopt, std::nullopt});
   return entries;
 }
 
@@ -158,12 +189,61 @@ std::optional<entry_t> find_sprom(const family_t &family, std::string_view name)
   if (const auto place = parse_place(name)) {
     sprom_t *sprom = family.init(place->first, place->second);
     if (sprom == nullptr) return std::nullopt;
-    return entry_t{sprom, place->first, place->second};
+    return entry_t{&family, sprom, place->first, place->second};
   }
   for (const entry_t &entry : family_sproms(family)) {
     if (same_name(name, entry.sprom->name)) return entry;
   }
   return std::nullopt;
+}
+
+bool is_sprom_name(std::string_view name) {
+  const auto knows = [=](const family_t &family) { return find_sprom(family, name).has_value(); };
+  return parse_place(name).has_value() || std::ranges::any_of(families, knows);
+}
+
+sprom_wiring_t wiring_of(const entry_t &entry) {
+  return entry.family->wiring(entry.sprom);
+}
+
+std::string device_text(const char *path, uint32_t addr) {
+  std::array<char, 12> number;
+  (void)snprintf(number.data(), number.size(), ":0x%02x", addr);
+  return std::string{path} + number.data();
+}
+
+std::string device_text(const smb_dev_t &dev) {
+  return device_text(dev.path, dev.addr);
+}
+
+std::string place_text(const entry_t &entry) {
+  if (!entry.slot) return "";
+  return "slot " + std::to_string(*entry.slot) +
+         (entry.index ? ", index " + std::to_string(*entry.index) : std::string{});
+}
+
+std::string label_of(const entry_t &entry) {
+  const std::string place = place_text(entry);
+  return std::string{entry.sprom->name} + " (" + place + (place.empty() ? "" : ", ") + device_text(entry.dev()) + ")";
+}
+
+hazard reading_hazard(const entry_t &entry, std::string &others) {
+  others = confusable_with(entry, sse_eeproms, [](const entry_t &e) { return &e.dev(); });
+  if (entry.dev().addr_len == 1) return hazard::one_byte;
+  return others.empty() ? hazard::none : hazard::shared;
+}
+
+hazard expander_hazard(const entry_t &entry, std::string &others) {
+  others = confusable_with(entry, sse_pca9539s, [](const entry_t &e) {
+    const sprom_wiring_t wiring = wiring_of(e);
+    return wiring.by == sprom_wiring_t::PIN ? wiring.expander->dev : nullptr;
+  });
+  return others.empty() ? hazard::none : hazard::shared;
+}
+
+hazard writing_hazard(const entry_t &entry, std::string &others) {
+  const hazard found = reading_hazard(entry, others);
+  return found != hazard::none ? found : expander_hazard(entry, others);
 }
 
 }  // namespace tool

@@ -11,138 +11,14 @@
 namespace tool {
 namespace {
 
-using enum field_type;
-using enum field_source;
-
-// clang-format off
-constexpr std::array<field_t, 26> common_fields{{
-    // name              offset width type
-    {"common_signature",      0,    2, number, format},
-    {"common_version",        2,    1, number},
-    {"common_length",         3,    1, number, format},
-    {"common_checksum",       4,    2, number, sum},
-    {"num_6",                 6,    2, number},
-    {"num_8",                 8,    2, number},
-    {"num_10",               10,    2, number},
-    {"num_12",               12,    2, number},
-    {"bytes_14",             14,   20, bytes},
-    {"product_id",           34,   20, text},
-    {"serial_number",        54,   20, text},
-    {"bytes_74",             74,   40, bytes},
-    {"num_114",             114,    2, number},
-    {"num_116",             116,    2, number},
-    {"num_118",             118,    2, number},
-    {"num_120",             120,    2, number},
-    {"num_122",             122,    2, number},
-    {"num_124",             124,    2, number},
-    {"num_126",             126,    2, number},
-    {"num_128",             128,    2, number},
-    {"num_130",             130,    2, number},
-    {"num_132",             132,    2, number},
-    {"num_134",             134,    2, number},
-    {"num_136",             136,    2, number},
-    {"num_138",             138,    2, number},
-    {"bytes_140",           140,   20, bytes},
-}};
-// Every kind's main block begins alike.
-constexpr std::array<field_t, 5> main_fields{{
-    {"main_signature",      160,    2, number, format},
-    {"main_version",        162,    1, number},
-    {"main_length",         163,    1, number, format},
-    {"main_checksum",       164,    2, number, sum},
-    {"num_166",             166,    8, number},
-}};
-constexpr std::array<field_t, 10> card_fields{{
-    {"hw_change_bits",      174,    8, number},
-    {"card_index",          182,    2, number},
-    {"bytes_184",           184,    6, bytes},
-    {"num_190",             190,    2, number},
-    {"bytes_192",           192,   48, bytes},
-    {"num_240",             240,    2, number},
-    {"bytes_242",           242,   16, bytes},
-    {"num_258",             258,    2, number},
-    {"num_260",             260,    2, number},
-    {"bytes_262",           262,    1, bytes},
-}};
-constexpr std::array<field_t, 5> sensor_fields{{
-    {"sensor_signature",    263,    2, number, format},
-    {"sensor_version",      265,    1, number},
-    {"sensor_length",       266,    1, number, format},
-    {"sensor_checksum",     267,    2, number, sum},
-    {"bytes_269",           269,   65, bytes},
-}};
-constexpr std::array<field_t, 8> bp_fields{{
-    {"hw_change_bits",      174,    8, number},
-    {"num_182",             182,    2, number},
-    {"bytes_184",           184,    6, bytes},
-    {"num_190",             190,    2, number},
-    {"num_192",             192,    2, number},
-    {"num_194",             194,    2, number},
-    {"num_196",             196,    2, number},
-    {"bytes_198",           198,    1, bytes},
-}};
-constexpr std::array<field_t, 10> wwn_license_fields{{
-    {"wwn_signature",       199,    2, number, format},
-    {"wwn_version",         201,    1, number},
-    {"wwn_length",          202,    1, number, format},
-    {"wwn_checksum",        203,    2, number, sum},
-    {"bytes_205",           205,  250, bytes},
-    {"license_signature",   455,    2, number, format},
-    {"license_version",     457,    1, number},
-    {"license_length",      458,    1, number, format},
-    {"license_checksum",    459,    2, number, sum},
-    {"bytes_461",           461,   10, bytes},
-}};
-constexpr std::array<field_t, 4> ps_fields{{
-    {"num_174",             174,    2, number},
-    {"num_176",             176,    2, number},
-    {"num_178",             178,    2, number},
-    {"bytes_180",           180,   16, bytes},
-}};
-constexpr std::array<field_t, 4> fan_fields{{
-    {"num_174",             174,    8, number},
-    {"num_182",             182,    2, number},
-    {"num_184",             184,    2, number},
-    {"bytes_186",           186,    6, bytes},
-}};
-// clang-format on
-
-template <size_t... sizes>
-constexpr auto joined(const std::array<field_t, sizes> &...parts) {
-  std::array<field_t, (sizes + ...)> all{};
-  auto *next = all.data();
-  ((next = std::ranges::copy(parts, next).out), ...);
-  return all;
-}
-
-constexpr auto sup_image = joined(common_fields, main_fields, card_fields, sensor_fields);
-constexpr auto bp_image = joined(common_fields, main_fields, bp_fields, wwn_license_fields);
-constexpr auto lc_image = joined(common_fields, main_fields, card_fields);
-constexpr auto ps_image = joined(common_fields, main_fields, ps_fields);
-constexpr auto fan_image = joined(common_fields, main_fields, fan_fields);
-
-constexpr bool tiles(std::span<const field_t> fields, uint32_t size) {
-  uint32_t end = 0;
-  for (const field_t &field : fields) {
-    if (field.offset != end) return false;
-    end += field.width;
-  }
-  return end == size;
-}
-static_assert(tiles(sup_image, SPROM_SIZE_SUP));
-static_assert(tiles(bp_image, SPROM_SIZE_BP));
-static_assert(tiles(lc_image, SPROM_SIZE_LC));
-static_assert(tiles(ps_image, SPROM_SIZE_PS));
-static_assert(tiles(fan_image, SPROM_SIZE_FAN));
-
 // clang-format off
 constexpr std::array<kind_t, 6> kinds{{
-    {SPROM_TYPE_SUP,  "sup",  "supervisor",   SPROM_SIZE_SUP, sup_image},
-    {SPROM_TYPE_BP,   "bp",   "backplane",    SPROM_SIZE_BP,  bp_image},
-    {SPROM_TYPE_LC,   "lc",   "line card",    SPROM_SIZE_LC,  lc_image},
-    {SPROM_TYPE_PS,   "ps",   "power supply", SPROM_SIZE_PS,  ps_image},
-    {SPROM_TYPE_DIMM, "dimm", "DIMM",         0,              {}},
-    {SPROM_TYPE_FAN,  "fan",  "fan",          SPROM_SIZE_FAN, fan_image},
+    {SPROM_TYPE_SUP,  "sup",  "supervisor",   SPROM_SIZE_SUP},
+    {SPROM_TYPE_BP,   "bp",   "backplane",    SPROM_SIZE_BP},
+    {SPROM_TYPE_LC,   "lc",   "line card",    SPROM_SIZE_LC},
+    {SPROM_TYPE_PS,   "ps",   "power supply", SPROM_SIZE_PS},
+    {SPROM_TYPE_DIMM, "dimm", "DIMM",         0},
+    {SPROM_TYPE_FAN,  "fan",  "fan",          SPROM_SIZE_FAN},
 }};
 // clang-format on
 
@@ -182,6 +58,12 @@ std::string parse_number(std::string_view value, std::span<uint8_t> out) {
   return {};
 }
 
+std::string put_text(std::span<const uint8_t> chars, std::span<uint8_t> out) {
+  if (chars.size() > out.size()) return "is longer than " + std::to_string(out.size()) + " characters";
+  std::ranges::fill(std::ranges::copy(chars, out.begin()).out, out.end(), uint8_t{0});
+  return {};
+}
+
 std::string parse_text(std::string_view value, std::span<uint8_t> out) {
   std::vector<uint8_t> chars;
   while (!value.empty()) {
@@ -198,10 +80,7 @@ std::string parse_text(std::string_view value, std::span<uint8_t> out) {
       value.remove_prefix(4);
     }
   }
-  if (chars.size() > out.size()) return "is longer than " + std::to_string(out.size()) + " characters";
-  chars.resize(out.size());
-  std::ranges::copy(chars, out.begin());
-  return {};
+  return put_text(chars, out);
 }
 
 std::string parse_bytes(std::string_view value, std::span<uint8_t> out) {
@@ -253,9 +132,25 @@ const kind_t *kind_by_signature(std::span<const uint8_t> image) {
 
 const field_t *field_by_name(const kind_t &kind, std::string_view name) {
   const auto same = [](char a, char b) { return a == (b == '-' ? '_' : b); };
+  const auto fields = kind.fields();
   const auto field =
-      std::ranges::find_if(kind.fields, [&](const field_t &f) { return std::ranges::equal(f.name, name, same); });
-  return field == kind.fields.end() ? nullptr : &*field;
+      std::ranges::find_if(fields, [&](const field_t &f) { return std::ranges::equal(f.name, name, same); });
+  return field == fields.end() ? nullptr : &*field;
+}
+
+field_source source_of(const kind_t &kind, const field_t &field) {
+  for (const sprom_block_t &block : kind.blocks()) {
+    switch (static_cast<uint32_t>(field.offset - block.offset)) {
+      case SPROM_BLK_SIGNATURE:
+      case SPROM_BLK_LENGTH:
+        return field_source::format;
+      case SPROM_BLK_CHECKSUM:
+        return field_source::sum;
+      default:
+        break;
+    }
+  }
+  return field_source::user;
 }
 
 uint64_t number_of(std::span<const uint8_t> bytes) {
@@ -303,27 +198,41 @@ std::string hex_bytes(std::span<const uint8_t> bytes, std::string_view separator
 std::string value_of(const field_t &field, std::span<const uint8_t> image) {
   const auto raw = field_bytes(field, image);
   switch (field.type) {
-    case number:
+    case SPROM_FIELD_NUMBER:
       return "0x" + hex_bytes(raw, "");
-    case text:
+    case SPROM_FIELD_TEXT:
       return escaped(trimmed(raw));
-    case bytes:
+    case SPROM_FIELD_BYTES:
       break;
   }
   return hex_bytes(raw, " ");
 }
 
+std::string exact_value_of(const field_t &field, std::span<const uint8_t> image) {
+  auto raw = field_bytes(field, image);
+  if (field.type == SPROM_FIELD_NUMBER) return "0x" + hex_bytes(raw, "");
+  if (field.type == SPROM_FIELD_BYTES) return hex_bytes(raw, "");
+  while (!raw.empty() && raw.back() == 0)
+    raw = raw.first(raw.size() - 1);
+  return {raw.begin(), raw.end()};
+}
+
 std::string parse_value(const field_t &field, std::string_view value, std::span<uint8_t> image) {
   const auto out = field_bytes(field, image);
   switch (field.type) {
-    case number:
+    case SPROM_FIELD_NUMBER:
       return parse_number(value, out);
-    case text:
+    case SPROM_FIELD_TEXT:
       return parse_text(value, out);
-    case bytes:
+    case SPROM_FIELD_BYTES:
       break;
   }
   return parse_bytes(value, out);
+}
+
+std::string parse_exact_value(const field_t &field, std::string_view value, std::span<uint8_t> image) {
+  if (field.type != SPROM_FIELD_TEXT) return parse_value(field, value, image);
+  return put_text({reinterpret_cast<const uint8_t *>(value.data()), value.size()}, field_bytes(field, image));
 }
 
 }  // namespace tool

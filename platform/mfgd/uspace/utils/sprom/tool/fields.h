@@ -1,7 +1,4 @@
-// fields.h: the image kinds and their fields by name, as the command line shows and takes them.
-//
-// The fields of a kind tile its image: every byte belongs to exactly one. A number or a run of bytes that nothing in
-// the system interprets is named after its image offset, such as num_166 or bytes_184.
+// fields.h: the image kinds and the values of their fields, as the command line shows and takes them.
 #pragma once
 
 #include <stdint.h>
@@ -10,15 +7,9 @@
 #include <string>
 #include <string_view>
 
-#include "platform/mfgd/uspace/utils/sprom/sprom_layout.h"
+#include "platform/mfgd/uspace/utils/sprom/sprom_fields.h"
 
 namespace tool {
-
-enum class field_type : uint8_t {
-  number,  // big-endian in the image, shown in hex
-  text,    // padded with NULs, blanks or 0xFF; no terminator
-  bytes,   // shown as pairs of hex digits
-};
 
 // Who gives a field its value.
 enum class field_source : uint8_t {
@@ -27,22 +18,16 @@ enum class field_source : uint8_t {
   sum,     // the block's other bytes
 };
 
-struct field_t {
-  std::string_view name;
-  uint16_t offset;  // from the image's start
-  uint16_t width;   // bytes
-  field_type type;
-  field_source source = field_source::user;
-};
+using field_t = sprom_field_t;
 
 struct kind_t {
   uint32_t type;      // SPROM_TYPE_*
   const char *name;   // on the command line
   const char *title;  // in sentences
   uint32_t size;      // of the image, bytes; 0 for a kind without a layout
-  std::span<const field_t> fields;
 
   std::span<const sprom_block_t> blocks() const { return sprom_blocks(type); }
+  std::span<const field_t> fields() const { return sprom_fields(type); }
 };
 
 // All kinds, in the order of their codes.
@@ -57,6 +42,9 @@ const kind_t *kind_by_signature(std::span<const uint8_t> image);
 
 // Finds a field of a kind; null if there is none. Dashes in the name stand for underscores.
 const field_t *field_by_name(const kind_t &kind, std::string_view name);
+
+// Block headers belong to the format.
+field_source source_of(const kind_t &kind, const field_t &field);
 
 // The part of an image (in device order) that a field takes up.
 inline std::span<const uint8_t> field_bytes(const field_t &field, std::span<const uint8_t> image) {
@@ -80,10 +68,16 @@ std::string hex_bytes(std::span<const uint8_t> bytes, std::string_view separator
 // A field's value in the form that parse_value takes: 0x and all digits, escaped text, pairs of hex digits.
 std::string value_of(const field_t &field, std::span<const uint8_t> image);
 
+// The same for programs: the bytes of text as they are, but for trailing NULs; pairs of hex digits side by side.
+std::string exact_value_of(const field_t &field, std::span<const uint8_t> image);
+
 // Puts a value given on the command line into an image.
 //   value  number: decimal, or hexadecimal after 0x; text: up to the field's width, with the escapes \\ and \xNN,
 //          padded with NULs; bytes: as many pairs of hex digits as the field has bytes, blanks or colons between pairs
 // Returns an empty text, or what is wrong with the value; the image is then unchanged.
 std::string parse_value(const field_t &field, std::string_view value, std::span<uint8_t> image);
+
+// The same for what exact_value_of returned: text without escapes.
+std::string parse_exact_value(const field_t &field, std::string_view value, std::span<uint8_t> image);
 
 }  // namespace tool

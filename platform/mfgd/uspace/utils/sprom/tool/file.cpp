@@ -2,12 +2,18 @@
 
 #include <errno.h>
 #include <fcntl.h>
-#include <limits.h>
+#include <linux/magic.h>
 #include <signal.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/stat.h>
+#include <sys/vfs.h>
 #include <unistd.h>
+
+#include <array>
+#include <optional>
+
+#include "platform/mfgd/uspace/utils/sprom/tool/output.h"
 
 namespace tool {
 namespace {
@@ -32,23 +38,28 @@ class fd_t {
   int m_fd;
 };
 
-// Writes, syncs and closes.
-int fill(fd_t &fd, std::span<const uint8_t> data) {
+// Writes and syncs.
+int fill(int fd, std::span<const uint8_t> data) {
   while (!data.empty()) {
-    const ssize_t done = write(fd.get(), data.data(), data.size());
+    const ssize_t done = write(fd, data.data(), data.size());
     if (done < 0 && errno == EINTR) continue;
     if (done < 0) return errno;
     data = data.subspan(static_cast<size_t>(done));
   }
   // A pipe or a device need not know how to sync.
-  if (fsync(fd.get()) < 0 && errno != EINVAL && errno != EROFS && errno != ENOTSUP) return errno;
-  return fd.close() < 0 ? errno : 0;
+  if (fsync(fd) < 0 && errno != EINVAL && errno != EROFS && errno != ENOTSUP) return errno;
+  return 0;
 }
 
-int fill_through(const std::string &path, std::span<const uint8_t> data) {
-  fd_t fd{open(path.c_str(), O_WRONLY | O_CLOEXEC | O_NOCTTY)};
+int fill_and_close(fd_t &fd, std::span<const uint8_t> data) {
+  const int error = fill(fd.get(), data);
+  return fd.close() < 0 && error == 0 ? errno : error;
+}
+
+int fill_opened(const std::string &path, int flags, std::span<const uint8_t> data) {
+  fd_t fd{open(path.c_str(), flags | O_WRONLY | O_CLOEXEC | O_NOCTTY, 0666)};
   if (fd.get() < 0) return errno;
-  return fill(fd, data);
+  return fill_and_close(fd, data);
 }
 
 // Fills a new file and gives it its name; what fails leaves no file behind.
@@ -56,24 +67,65 @@ int fill_and_rename(const std::string &temporary, const std::string &path, mode_
                     std::span<const uint8_t> data) {
   fd_t fd{open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode)};
   if (fd.get() < 0) return errno;
-  int error = keep_mode && fchmod(fd.get(), mode) < 0 ? errno : fill(fd, data);
+  int error = keep_mode && fchmod(fd.get(), mode) < 0 ? errno : fill_and_close(fd, data);
   if (error == 0 && rename(temporary.c_str(), path.c_str()) < 0) error = errno;
   if (error != 0) (void)unlink(temporary.c_str());  // the first failure is the one to report
   return error;
 }
 
-// The file that a path finally names, so that a link stays and its target is replaced.
-std::string resolved(const std::string &path) {
-  char *real = realpath(path.c_str(), nullptr);
-  const std::string result = real == nullptr ? path : real;
-  free(real);
-  return result;
+std::string directory_of(const std::string &path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+}
+
+// What a link says; nothing if the path is no link.
+std::optional<std::string> link_target(const std::string &path) {
+  std::array<char, 4096> text;
+  const ssize_t length = readlink(path.c_str(), text.data(), text.size());
+  if (length < 0) return std::nullopt;
+  const std::string target{text.data(), static_cast<size_t>(length)};
+  return target.starts_with('/') ? target : directory_of(path) + "/" + target;
+}
+
+// The links below /proc name what is open, whatever their text says.
+bool is_in_proc(const std::string &path) {
+  struct statfs fs;
+  return statfs(directory_of(path).c_str(), &fs) == 0 && fs.f_type == PROC_SUPER_MAGIC;
+}
+
+// Where a path leads, over links that may dangle; `is_descriptor` if it ends in a link that names an open file.
+std::string resolved(std::string path, bool &is_descriptor) {
+  constexpr int most_links = 40;
+  is_descriptor = false;
+  for (int links = 0; links < most_links; ++links) {
+    const auto target = link_target(path);
+    if (!target) break;
+    is_descriptor = is_in_proc(path);
+    if (is_descriptor) break;
+    path = *target;
+  }
+  return path;
+}
+
+// The number at the end of a path below /proc/self/fd.
+int descriptor_in(const std::string &path) {
+  return atoi(path.c_str() + path.rfind('/') + 1);
+}
+
+// Opened again, a descriptor would forget its place in the file.
+bool is_own_descriptor(const std::string &path, const struct stat &st) {
+  struct stat own;
+  return fstat(descriptor_in(path), &own) == 0 && own.st_dev == st.st_dev && own.st_ino == st.st_ino;
 }
 
 }  // namespace
 
+std::string file_label(const std::string &path) {
+  return path == standard_stream ? "standard input" : shown(path);
+}
+
 int read_file(const std::string &path, size_t limit, std::vector<uint8_t> &data) {
-  const fd_t fd{open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY)};
+  const fd_t fd{path == standard_stream ? dup(STDIN_FILENO) : open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY)};
   if (fd.get() < 0) return errno;
   data.resize(limit);
   size_t size = 0;
@@ -89,17 +141,27 @@ int read_file(const std::string &path, size_t limit, std::vector<uint8_t> &data)
 }
 
 int write_file(const std::string &path, std::span<const uint8_t> data) {
-  (void)signal(SIGXFSZ, SIG_IGN);  // a file size limit is a failed write, not the end of the process
+  (void)signal(SIGXFSZ, SIG_IGN);         // a file size limit is a failed write, not the end of the process
+  if (fflush(stdout) != 0) return errno;  // it may be where the path leads
+  if (path == standard_stream) return fill(STDOUT_FILENO, data);
+  bool is_descriptor = false;
+  const std::string file = resolved(path, is_descriptor);
   struct stat st;
-  const bool exists = stat(path.c_str(), &st) == 0;
+  const bool exists = stat(file.c_str(), &st) == 0;
   if (!exists && errno != ENOENT) return errno;
-  if (exists && !S_ISREG(st.st_mode)) return fill_through(path, data);
+  if (is_descriptor && is_own_descriptor(file, st)) return fill(descriptor_in(file), data);
+  if (is_descriptor || (exists && !S_ISREG(st.st_mode))) return fill_opened(file, O_APPEND, data);
   // Replacing needs no right to write to the old file itself; a protected one is to stay.
-  if (exists && access(path.c_str(), W_OK) < 0) return errno;
+  if (exists && access(file.c_str(), W_OK) < 0) return errno;
 
-  const std::string file = resolved(path);
   const std::string temporary = file + ".new-" + std::to_string(getpid());
   return fill_and_rename(temporary, file, exists ? st.st_mode & 07777 : 0666, exists, data);
+}
+
+int create_file(const std::string &path, std::span<const uint8_t> data) {
+  const int error = fill_opened(path, O_CREAT | O_EXCL, data);
+  if (error != 0 && error != EEXIST) (void)unlink(path.c_str());  // half a file is worth nothing
+  return error;
 }
 
 }  // namespace tool

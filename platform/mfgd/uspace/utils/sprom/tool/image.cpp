@@ -1,6 +1,7 @@
 #include "platform/mfgd/uspace/utils/sprom/tool/image.h"
 
 #include <algorithm>
+#include <array>
 
 #include "platform/mfgd/cmn_lib/diag_util/diag_assert.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_conv.h"
@@ -32,6 +33,21 @@ void put_u16(uint32_t value, std::span<uint8_t> out) {
 }
 
 constexpr size_t short_bytes = 8;  // up to here a run of bytes is shown in full
+
+// How a field that differs does so.
+std::string change_of(const field_t &field, std::span<const uint8_t> from, std::span<const uint8_t> to) {
+  const auto [count, first] = difference(field_bytes(field, from), field_bytes(field, to));
+  std::string line{field.name};
+  line.resize(std::max<size_t>(line.size() + 1, 18), ' ');
+  const std::string before = value_of(field, from);
+  const std::string after = value_of(field, to);
+  // Long runs, and texts that differ in their padding alone, are told by position.
+  if (before == after || (field.type == SPROM_FIELD_BYTES && field.width > short_bytes))
+    return line + std::to_string(count) + " of " + std::to_string(field.width) + " bytes differ, the first at offset " +
+           std::to_string(field.offset + first);
+  if (field.type == SPROM_FIELD_TEXT) return line + '"' + before + "\" -> \"" + after + '"';
+  return line + before + " -> " + after;
+}
 
 }  // namespace
 
@@ -72,23 +88,25 @@ void update_checksum(const sprom_block_t &block, std::span<uint8_t> image) {
 
 std::vector<std::string> changes(const kind_t &kind, std::span<const uint8_t> from, std::span<const uint8_t> to) {
   std::vector<std::string> lines;
-  for (const field_t &field : kind.fields) {
-    const auto [count, first] = difference(field_bytes(field, from), field_bytes(field, to));
-    if (count == 0) continue;
-    std::string line{field.name};
-    line.resize(std::max<size_t>(line.size() + 1, 18), ' ');
-    const std::string before = value_of(field, from);
-    const std::string after = value_of(field, to);
-    // Long runs, and texts that differ in their padding alone, are told by position.
-    if (before == after || (field.type == field_type::bytes && field.width > short_bytes)) {
-      line += std::to_string(count) + " of " + std::to_string(field.width) + " bytes differ, the first at offset " +
-              std::to_string(field.offset + first);
-    } else if (field.type == field_type::text) {
-      line += '"' + before + "\" -> \"" + after + '"';
-    } else {
-      line += before + " -> " + after;
+  for (const field_t &field : kind.fields()) {
+    if (difference(field_bytes(field, from), field_bytes(field, to)).count != 0)
+      lines.push_back(change_of(field, from, to));
+  }
+  return lines;
+}
+
+std::vector<std::string> byte_changes(const kind_t &kind, std::span<const uint8_t> from, std::span<const uint8_t> to) {
+  std::vector<std::string> lines;
+  for (const field_t &field : kind.fields()) {
+    bool is_told = false;
+    for (size_t i = field.offset; i < size_t{field.offset} + field.width; ++i) {
+      if (from[i] == to[i]) continue;
+      if (!is_told) lines.push_back(change_of(field, from, to));
+      is_told = true;
+      const std::array<uint8_t, 2> offset{static_cast<uint8_t>(i >> 8), static_cast<uint8_t>(i)};
+      lines.push_back("  0x" + hex_bytes(offset, "") + ": " + hex_bytes(from.subspan(i, 1), "") + " -> " +
+                      hex_bytes(to.subspan(i, 1), ""));
     }
-    lines.push_back(std::move(line));
   }
   return lines;
 }

@@ -33,6 +33,9 @@ void update_checksum(const sprom_block_t &block, std::span<uint8_t> image);
 // What tells one image from another, one line a field. Both have the kind's size.
 std::vector<std::string> changes(const kind_t &kind, std::span<const uint8_t> from, std::span<const uint8_t> to);
 
+// The same byte by byte below each field's line: "  0x0036: 41 -> 42".
+std::vector<std::string> byte_changes(const kind_t &kind, std::span<const uint8_t> from, std::span<const uint8_t> to);
+
 // How many bytes differ, and where the first one stands.
 struct difference_t {
   size_t count;

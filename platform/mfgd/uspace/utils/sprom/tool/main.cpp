@@ -2,6 +2,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <getopt.h>
+#include <locale.h>
 #include <stdio.h>
 #include <string.h>
 #include <unistd.h>
@@ -19,6 +20,13 @@ namespace {
 enum long_only : int {
   LONG_FORCE = 0x100,
   LONG_FIELD,
+  LONG_FROM,
+  LONG_BACKUP,
+  LONG_NO_BACKUP,
+  LONG_RAW,
+  LONG_HEX,
+  LONG_ON,
+  LONG_NO_PROBE,
   LONG_FIELD_NAME,
 };
 
@@ -31,13 +39,22 @@ struct option_row_t {
 };
 
 // clang-format off
-constexpr std::array<option_row_t, 6> option_rows{{
-    {"file",   'f',        "IMAGE",      OPT_FILE,   "work on an image file in place of a SPROM"},
-    {"family", 'F',        "NAME",       OPT_FAMILY, "take the board for one of this family"},
-    {"json",   'j',        nullptr,      OPT_JSON,   "print JSON"},
-    {"yes",    'y',        nullptr,      OPT_YES,    "write without asking"},
-    {"force",  LONG_FORCE, nullptr,      OPT_FORCE,  "write although blocks are bad"},
-    {"field",  LONG_FIELD, "NAME=VALUE", OPT_FIELD,  "give a field its value, as --NAME=VALUE does"},
+constexpr std::array<option_row_t, 15> option_rows{{
+    {"file",      'f',            "IMAGE",      OPT_FILE,     "work on an image file in place of a SPROM; - is standard input"},
+    {"family",    'F',            "NAME",       OPT_FAMILY,   "take the board for one of this family"},
+    {"json",      'j',            nullptr,      OPT_JSON,     "print JSON"},
+    {"yes",       'y',            nullptr,      OPT_YES,      "write without asking"},
+    {"dry-run",   'n',            nullptr,      OPT_DRY_RUN,  "show what would be written, and write nothing"},
+    {"force",     LONG_FORCE,     nullptr,      OPT_FORCE,    "do what is refused for safety's sake"},
+    {"field",     LONG_FIELD,     "NAME=VALUE", OPT_FIELD,    "give a field its value, as --NAME=VALUE does"},
+    {"from",      LONG_FROM,      "JSON",       OPT_FROM,     "take the fields from what show --json printed"},
+    {"backup",    LONG_BACKUP,    "FILE",       OPT_BACKUP,   "keep the old image there"},
+    {"no-backup", LONG_NO_BACKUP, nullptr,      OPT_BACKUP,   "keep no copy of the old image"},
+    {"raw",       LONG_RAW,       nullptr,      OPT_RAW,      "dump the whole EEPROM"},
+    {"hex",       LONG_HEX,       nullptr,      OPT_HEX,      "dump to the terminal, in hexadecimal"},
+    {"on",        LONG_ON,        nullptr,      OPT_ON,       "switch the write protection on"},
+    {"no-probe",  LONG_NO_PROBE,  nullptr,      OPT_NO_PROBE, "list without asking the SPROMs"},
+    {"verbose",   'v',            nullptr,      OPT_VERBOSE,  "tell each step and each transaction"},
 }};
 // clang-format on
 
@@ -69,7 +86,7 @@ void print_help() {
       "  -h, --%-20s %s\n  -V, --%-20s %s\n"
       "\n"
       "Families: %s.\n"
-      "Exit status: 0 done, 1 failed or bad, 2 wrong usage.\n",
+      "Exit status: 0 done, 1 failed or bad, 2 wrong usage, 3 an empty slot.\n",
       "help", "print this help", "version", "print the version", family_names(", ").c_str());
 }
 
@@ -89,7 +106,7 @@ long_options_t long_options() {
   all.table.push_back({"version", no_argument, nullptr, 'V'});
 
   for (const kind_t &kind : all_kinds()) {
-    for (const field_t &field : kind.fields)
+    for (const field_t &field : kind.fields())
       all.fields.emplace_back(field.name);
   }
   std::ranges::sort(all.fields);
@@ -109,9 +126,15 @@ long_options_t long_options() {
 exit_code add_field(std::string_view text, options_t &options) {
   const size_t equals = text.find('=');
   if (equals == std::string_view::npos || equals == 0)
-    return complain_usage("--field takes NAME=VALUE, not '%s'", std::string{text}.c_str());
+    return complain_usage("--field takes NAME=VALUE, not '%s'", shown(text).c_str());
   options.fields.emplace_back(text.substr(0, equals), text.substr(equals + 1));
   return EXIT_OK;
+}
+
+uint32_t set_of(int value) {
+  if (value >= LONG_FIELD_NAME) return OPT_FIELD;
+  const auto *row = std::ranges::find(option_rows, value, &option_row_t::value);
+  return row == option_rows.end() ? 0U : row->set;
 }
 
 exit_code add_option(int value, std::span<const std::string> fields, options_t &options) {
@@ -122,19 +145,20 @@ exit_code add_option(int value, std::span<const std::string> fields, options_t &
     case 'F':
       options.family = family_by_name(optarg);
       if (options.family != nullptr) return EXIT_OK;
-      return complain_usage("%s: no such family (%s)", optarg, family_names(", ").c_str());
-    case 'j':
-      options.json = true;
-      return EXIT_OK;
-    case 'y':
-      options.yes = true;
-      return EXIT_OK;
-    case LONG_FORCE:
-      options.force = true;
-      return EXIT_OK;
+      return complain_usage("%s: no such family (%s)", shown(optarg).c_str(), family_names(", ").c_str());
     case LONG_FIELD:
       return add_field(optarg, options);
+    case LONG_FROM:
+      options.from = optarg;
+      return EXIT_OK;
+    case LONG_BACKUP:
+      options.backup = optarg;
+      return EXIT_OK;
+    case LONG_NO_BACKUP:
+      options.no_backup = true;
+      return EXIT_OK;
     default:
+      if (set_of(value) != 0 && value < LONG_FIELD_NAME) return EXIT_OK;  // being given is all
       if (value < LONG_FIELD_NAME) break;
       options.fields.emplace_back(fields[static_cast<size_t>(value - LONG_FIELD_NAME)], optarg);
       return EXIT_OK;
@@ -143,23 +167,18 @@ exit_code add_option(int value, std::span<const std::string> fields, options_t &
   return EXIT_USAGE;
 }
 
-uint32_t set_of(int value) {
-  if (value >= LONG_FIELD_NAME) return OPT_FIELD;
-  const auto *row = std::ranges::find(option_rows, value, &option_row_t::value);
-  return row == option_rows.end() ? 0U : row->set;
-}
-
-exit_code run_command(const options_t &given, uint32_t used) {
+exit_code run_command(const options_t &given) {
   if (given.args.empty()) return complain_usage("a command is missing");
   const std::string &name = given.args.front();
   const auto commands = all_commands();
   const auto command = std::ranges::find_if(commands, [&](const command_t &c) { return c.name == name; });
-  if (command == commands.end()) return complain_usage("%s: no such command", name.c_str());
+  if (command == commands.end()) return complain_usage("%s: no such command", shown(name).c_str());
   for (const option_row_t &row : option_rows) {
-    if ((used & row.set & ~command->options) != 0)
+    if (given.has(row.set & ~(command->options | OPT_VERBOSE)))
       return complain_usage("%s takes no --%s", command->name, row.set == OPT_FIELD ? "FIELD=VALUE" : row.name);
   }
   if (given.file && given.family != nullptr) return complain_usage("--family does not go with --file");
+  if (given.backup && given.no_backup) return complain_usage("--backup does not go with --no-backup");
   options_t options = given;
   options.args.erase(options.args.begin());
   if (options.args.size() < command->min_args || options.args.size() > command->max_args)
@@ -173,17 +192,17 @@ exit_code run(int argc, char **argv) {
   if (argc > 0) argv[0] = program.data();  // getopt_long begins its messages with it
   const long_options_t all = long_options();
   options_t options;
-  uint32_t used = 0;
   for (;;) {
-    const int value = getopt_long(argc, argv, "f:F:jyhV", all.table.data(), nullptr);
+    const int value = getopt_long(argc, argv, "f:F:jynvhV", all.table.data(), nullptr);
     if (value < 0) break;
     if (value == 'h') return print_help(), EXIT_OK;
     if (value == 'V') return (void)printf("sprom %s\n", SPROM_TOOL_VERSION), EXIT_OK;
     if (const exit_code code = add_option(value, all.fields, options); code != EXIT_OK) return code;
-    used |= set_of(value);
+    options.given |= set_of(value);
   }
   options.args.assign(argv + optind, argv + argc);
-  return run_command(options, used);
+  tell_steps(options.has(OPT_VERBOSE));
+  return run_command(options);
 }
 
 // Files and devices must not get the numbers of standard streams that are closed.
@@ -208,6 +227,7 @@ exit_code close_output(exit_code code) {
 }  // namespace tool
 
 int main(int argc, char **argv) {
+  (void)setlocale(LC_CTYPE, "");  // which characters of a file's name can be shown
   tool::open_standard_streams();
   return tool::close_output(tool::run(argc, argv));
 }

@@ -5,11 +5,16 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <wchar.h>
+#include <wctype.h>
 
 #include <array>
+#include <nlohmann/json.hpp>
 
 namespace tool {
 namespace {
+
+constinit bool is_verbose = false;
 
 void complain_list(const char *fmt, va_list args) __attribute__((format(printf, 1, 0)));
 
@@ -18,6 +23,15 @@ void complain_list(const char *fmt, va_list args) {
   (void)fputs("sprom: ", stderr);
   (void)vfprintf(stderr, fmt, args);
   (void)fputc('\n', stderr);
+}
+
+// Bytes of the next character that the locale prints; 0 if there is none.
+size_t printed_length(std::string_view text) {
+  mbstate_t state{};
+  wchar_t character = 0;
+  const size_t length = mbrtowc(&character, text.data(), text.size(), &state);
+  if (length == 0 || length > text.size() || character == L'\\') return 0;
+  return iswprint(static_cast<wint_t>(character)) != 0 ? length : 0;
 }
 
 }  // namespace
@@ -38,8 +52,43 @@ exit_code complain_usage(const char *fmt, ...) {
   return EXIT_USAGE;
 }
 
-const char *result_text(int32_t result) {
-  return strerror(-result);
+void tell_step(const char *fmt, ...) {
+  if (!is_verbose) return;
+  va_list args;
+  va_start(args, fmt);
+  complain_list(fmt, args);
+  va_end(args);
+}
+
+void tell_steps(bool on) {
+  is_verbose = on;
+}
+
+bool are_steps_told() {
+  return is_verbose;
+}
+
+std::string error_text(int32_t error) {
+  const int number = abs(error);
+  return std::string{strerror(number)} + " (errno " + std::to_string(number) + ")";
+}
+
+std::string shown(std::string_view name) {
+  std::string result;
+  while (!name.empty()) {
+    const size_t length = printed_length(name);
+    if (length != 0) {
+      result += name.substr(0, length);
+    } else if (name.front() == '\\') {
+      result += "\\\\";
+    } else {
+      std::array<char, 5> escape;
+      (void)snprintf(escape.data(), escape.size(), "\\x%02x", static_cast<uint8_t>(name.front()));
+      result += escape.data();
+    }
+    name.remove_prefix(std::max<size_t>(length, 1));
+  }
+  return result;
 }
 
 std::vector<std::string_view> lines_of(std::string_view text) {
@@ -50,6 +99,40 @@ std::vector<std::string_view> lines_of(std::string_view text) {
     text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
   }
   return lines;
+}
+
+std::string json_text(std::string_view bytes) {
+  std::string text;
+  for (const char c : bytes) {
+    const auto byte = static_cast<uint8_t>(c);
+    if (byte < 0x80) {
+      text += c;
+    } else {
+      text += static_cast<char>(0xC0 | byte >> 6);
+      text += static_cast<char>(0x80 | (byte & 0x3F));
+    }
+  }
+  return text;
+}
+
+bool text_bytes(std::string_view json, std::string &bytes) {
+  bytes.clear();
+  for (size_t i = 0; i < json.size(); ++i) {
+    const auto lead = static_cast<uint8_t>(json[i]);
+    if (lead < 0x80) {
+      bytes += json[i];
+    } else if (lead >= 0xC4 || i + 1 == json.size()) {  // 0xC2 and 0xC3 begin U+0080 to U+00FF
+      return false;
+    } else {
+      bytes += static_cast<char>(lead << 6 | (static_cast<uint8_t>(json[++i]) & 0x3F));
+    }
+  }
+  return true;
+}
+
+exit_code print_json(const json_t &json, exit_code code) {
+  (void)printf("%s\n", json.dump(-1, ' ', true).c_str());
+  return code;
 }
 
 // stdout is an ordinary variable of the C library.
@@ -71,66 +154,6 @@ void capture_t::restore() {
   stdout = m_stdout;
   if (m_stream != nullptr) (void)fclose(m_stream);  // memory only; m_text and m_size are set now
   m_stream = nullptr;
-}
-
-void json_t::begin(char bracket) {
-  value({&bracket, 1});
-  m_closing += bracket == '{' ? '}' : ']';
-  m_is_first = true;
-}
-
-void json_t::end() {
-  m_out += m_closing.back();
-  m_closing.pop_back();
-  m_is_first = false;
-}
-
-void json_t::key(std::string_view name) {
-  if (!m_is_first) m_out += ',';
-  quoted(name);
-  m_out += ':';
-  m_is_first = true;
-}
-
-void json_t::text(std::string_view text) {
-  value("");
-  quoted(text);
-}
-
-void json_t::number(uint64_t number) {
-  value(std::to_string(number));
-}
-
-void json_t::boolean(bool flag) {
-  value(flag ? "true" : "false");
-}
-
-void json_t::null() {
-  value("null");
-}
-
-void json_t::value(std::string_view literal) {
-  if (!m_is_first) m_out += ',';
-  m_out += literal;
-  m_is_first = false;
-}
-
-void json_t::quoted(std::string_view text) {
-  m_out += '"';
-  for (const char c : text) {
-    const auto byte = static_cast<uint8_t>(c);
-    if (c == '"' || c == '\\') {
-      m_out += '\\';
-      m_out += c;
-    } else if (byte >= 0x20 && byte < 0x7F) {
-      m_out += c;
-    } else {
-      std::array<char, 7> escape;
-      (void)snprintf(escape.data(), escape.size(), "\\u%04x", byte);  // six characters, always
-      m_out += escape.data();
-    }
-  }
-  m_out += '"';
 }
 
 }  // namespace tool

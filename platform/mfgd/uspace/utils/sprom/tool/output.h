@@ -4,6 +4,7 @@
 #include <stdint.h>
 #include <stdio.h>
 
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -15,6 +16,7 @@ enum exit_code : int {
   EXIT_OK = 0,
   EXIT_FAILED = 1,
   EXIT_USAGE = 2,
+  EXIT_EMPTY = 3,  // there is nothing in the slot
 };
 
 // Prints "sprom: " and one line on standard error.
@@ -23,34 +25,31 @@ void complain(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 // As complain, followed by a hint at --help. Returns EXIT_USAGE.
 exit_code complain_usage(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
-// The text of a negative library result: a negative errno value.
-const char *result_text(int32_t result);
+// As complain, where steps are to be told (--verbose).
+void tell_step(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
+void tell_steps(bool on);
+[[nodiscard]] bool are_steps_told();
+
+// The text and the number of a negative library result, which is a negative errno value, or of an errno value.
+std::string error_text(int32_t error);
+
+// A file's name as a terminal can bear it: what the locale does not print, and the backslash, as \xNN and \\.
+std::string shown(std::string_view name);
 
 // Splits at line ends; a last line without one counts.
 std::vector<std::string_view> lines_of(std::string_view text);
 
-// Writes one JSON value, compact, member by member.
-class json_t {
- public:
-  void begin(char bracket);  // '{' or '['
-  void end();
-  void key(std::string_view name);
-  // Bytes above 0x7F are taken as the characters U+0080 to U+00FF.
-  void text(std::string_view value);
-  void number(uint64_t value);
-  void boolean(bool value);
-  void null();
+// Members stay in the order in which they are made.
+using json_t = nlohmann::ordered_json;
 
-  const std::string &str() const { return m_out; }
+// Bytes of any value as JSON text: those above 0x7F as the characters U+0080 to U+00FF.
+std::string json_text(std::string_view bytes);
 
- private:
-  void value(std::string_view literal);
-  void quoted(std::string_view value);
+// The bytes of such a text; false if it has other characters.
+bool text_bytes(std::string_view json, std::string &bytes);
 
-  std::string m_out;
-  std::string m_closing;   // the brackets that are open, innermost last
-  bool m_is_first = true;  // no comma before the next member
-};
+// Prints one line of JSON in ASCII. Returns `code`.
+exit_code print_json(const json_t &json, exit_code code);
 
 // Standard output redirected to memory, from construction until take().
 class capture_t {

@@ -1,209 +1,196 @@
 #include "platform/mfgd/uspace/utils/sprom/tool/target.h"
 
-#include <errno.h>
-#include <signal.h>
-#include <stdio.h>
-#include <string.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 
-#include "platform/mfgd/cmn_lib/diag_util/diag_assert.h"
-#include "platform/mfgd/uspace/utils/sprom/sprom_dev.h"
 #include "platform/mfgd/uspace/utils/sprom/tool/file.h"
-#include "platform/mfgd/uspace/utils/sprom/tool/output.h"
+#include "platform/mfgd/uspace/utils/sprom/tool/service.h"
 
 namespace tool {
 namespace {
 
-// Longer than every image, so that one read tells an over-long file.
-constexpr size_t file_limit = 65537;
-
-// The write of a SPROM, byte by byte. The access record has no room for a context of its own.
-struct progress_t {
-  const sprom_t *sprom;
-  uint32_t size;   // bytes to write
-  uint32_t done;   // bytes that the driver has accepted
-  int32_t lifted;  // results of the hooks that lift and restore the write protection
-  int32_t restored;
-  bool is_shown;
-};
-constinit progress_t progress{};
-
-constinit volatile sig_atomic_t is_interrupted = 0;
-
-void interrupt(int) {
-  is_interrupted = 1;
+exit_code of_entry(const entry_t &entry, target_t &target) {
+  target = {.kind = kind_by_type(entry.sprom->type), .entry = entry};
+  if (target.kind->size != 0) return EXIT_OK;
+  complain("%s: a %s has no layout here", entry.sprom->name, target.kind->title);
+  return EXIT_FAILED;
 }
 
-// While it lives, what would end or stop the process waits for the end of the current byte: the write protection is
-// off until the write returns.
-class signal_guard_t {
- public:
-  signal_guard_t() {
-    is_interrupted = 0;
-    struct sigaction action {};
-    action.sa_flags = SA_RESTART;
-    for (size_t i = 0; i < signals.size(); ++i) {
-      action.sa_handler = signals[i].is_interrupt ? interrupt : SIG_IGN;
-      (void)sigaction(signals[i].number, nullptr, &m_old[i]);
-      // What the caller has chosen to ignore, as nohup does, stays ignored.
-      if (m_old[i].sa_handler != SIG_IGN) (void)sigaction(signals[i].number, &action, nullptr);
-    }
+exit_code find_named(const options_t &options, const std::string &name, target_t &target) {
+  const family_t *family = find_family(options);
+  if (family == nullptr) return EXIT_FAILED;
+  if (const auto entry = find_sprom(*family, name)) return of_entry(*entry, target);
+  complain("%s: the %s boards have no such SPROM (see 'sprom list')", shown(name).c_str(), family_name(*family));
+  return EXIT_FAILED;
+}
+
+// The images of --file, of one kind or of any.
+exit_code find_in_file(const options_t &options, const kind_t *kind, std::vector<target_t> &targets) {
+  const auto file = load_image_file(*options.file, kind);
+  if (!file) return EXIT_FAILED;
+  for (const image_place_t &place : file->images)
+    targets.push_back({.kind = place.kind, .entry = {}, .path = *options.file, .file = *file, .base = place.base});
+  return EXIT_OK;
+}
+
+// The kind that the name of an image in a file stands for; null after a message, or for no name.
+exit_code find_kind(const std::string *name, const kind_t *&kind) {
+  kind = name == nullptr ? nullptr : kind_by_name(*name);
+  if (name == nullptr || (kind != nullptr && kind->size != 0)) return EXIT_OK;
+  return complain_usage("%s: with --file, a SPROM is named by its kind", shown(*name).c_str());
+}
+
+exit_code only_of(const std::vector<target_t> &targets, target_t &target) {
+  if (targets.size() != 1) {
+    complain("%s: holds %zu images; name the kind that is meant", file_label(targets.front().path).c_str(),
+             targets.size());
+    return EXIT_FAILED;
   }
-  ~signal_guard_t() {
-    for (size_t i = 0; i < signals.size(); ++i)
-      (void)sigaction(signals[i].number, &m_old[i], nullptr);
-  }
-  signal_guard_t(const signal_guard_t &) = delete;
-  signal_guard_t &operator=(const signal_guard_t &) = delete;
-
- private:
-  struct row_t {
-    int number;
-    bool is_interrupt;
-  };
-  static constexpr std::array<row_t, 6> signals{
-      {{SIGINT, true}, {SIGTERM, true}, {SIGHUP, true}, {SIGQUIT, true}, {SIGPIPE, false}, {SIGTSTP, false}}};
-
-  std::array<struct sigaction, signals.size()> m_old{};
-};
-
-void show_progress() {
-  if (!progress.is_shown) return;
-  (void)fprintf(stderr, "\r%s: %u of %u bytes written", progress.sprom->name, progress.done, progress.size);
-  (void)fflush(stderr);
+  target = targets.front();
+  return EXIT_OK;
 }
 
-// As the driver writes, so are the transactions: one a byte.
-int32_t write_watched(const smb_dev_t *dev, uint32_t offset, uint32_t length, const void *buf) {
-  const std::span bytes{static_cast<const uint8_t *>(buf), length};
-  for (uint32_t i = 0; i < length; ++i) {
-    if (is_interrupted != 0) return -EINTR;
-    const int32_t result = progress.sprom->smb_acc->smb_wr(dev, offset + i, 1, &bytes[i]);
-    if (result < 0) return result;
-    ++progress.done;
-    show_progress();
-  }
-  return 0;
-}
-
-int32_t lift_watched() {
-  return progress.lifted = progress.sprom->we();
-}
-
-int32_t restore_watched() {
-  return progress.restored = progress.sprom->wd();
-}
-
-int32_t write_sprom(sprom_t &sprom, const image_t &image) {
-  progress = {.sprom = &sprom,
-              .size = static_cast<uint32_t>(image.size()),
-              .done = 0,
-              .lifted = 0,
-              .restored = 0,
-              .is_shown = isatty(STDERR_FILENO) != 0};
-  const smb_acc_t watched = {.dev = sprom.smb_acc->dev, .smb_rd = sprom.smb_acc->smb_rd, .smb_wr = write_watched};
-  sprom_t copy = sprom;
-  copy.smb_acc = &watched;
-  if (sprom.we != nullptr) copy.we = lift_watched;
-  if (sprom.wd != nullptr) copy.wd = restore_watched;
-  show_progress();
-  const int32_t result = diag_sprom_wr(&copy, 0, progress.size, image.data());
-  sprom.valid = 0;  // a cached image is an old one now, however far the write came
-  if (progress.is_shown) (void)fputc('\n', stderr);
-  return result;
-}
-
-bool read_sprom(const target_t &target, image_t &image) {
-  const sprom_t &sprom = *target.entry->sprom;
-  assert(sprom_get_size(&sprom) == static_cast<int32_t>(target.kind->size));
-  image.resize(target.kind->size);
-  const int32_t result = diag_sprom_rd(&sprom, 0, target.kind->size, image.data());
-  if (result < 0) complain("%s: cannot read: %s", target.name.c_str(), result_text(result));
-  return result >= 0;
-}
-
-bool is_sprom_written(const target_t &target, const image_t &image) {
-  const int32_t result = [&] {
-    const signal_guard_t guard;
-    return write_sprom(*target.entry->sprom, image);
-  }();
-  if (progress.lifted < 0)
-    complain("%s: the write protection cannot be lifted: %s", target.name.c_str(), result_text(progress.lifted));
-  if (progress.restored < 0)
-    complain("%s: the write protection cannot be restored: %s", target.name.c_str(), result_text(progress.restored));
-  if (result >= 0) return true;
-  const uint32_t address = target.entry->sprom->smb_acc->dev->base + progress.done;
-  const char *reason = result == -EINTR ? "interrupted" : result_text(result);
-  complain("%s: write stopped at byte %u of %zu (EEPROM offset 0x%04x): %s", target.name.c_str(), progress.done,
-           image.size(), address, reason);
-  return false;
-}
-
-bool is_file_written(const target_t &target, const image_t &image) {
-  const int error = write_file(target.name, image);
-  if (error != 0) complain("%s: cannot write: %s", target.name.c_str(), strerror(error));
-  return error == 0;
-}
-
-bool is_read_back(const target_t &target, const image_t &before, const image_t &image, bool is_written) {
-  image_t now;
-  const bool is_read = target.entry ? read_sprom(target, now) : load_image(target.name, target.kind, now) != nullptr;
-  if (!is_read) {
-    complain("%s: what it holds now is not known", target.name.c_str());
+// Whether the service may read the SPROM; else *reason says why not.
+bool may_read(const options_t &options, const target_t &target, std::string &reason) {
+  std::string others;
+  const hazard found = service_has_routing() ? hazard::none : reading_hazard(*target.entry, others);
+  if (found == hazard::one_byte && !options.has(OPT_FORCE)) {
+    reason =
+        "not touched: its EEPROM takes one address byte, which this libutils.so cannot be told, so that reading "
+        "would write to it; --force does it all the same";
     return false;
   }
-  const auto [count, first] = difference(image, now);
-  if (count == 0) return true;
-  complain("%s: reads back with %zu of %zu bytes different from the image, the first at byte %zu", target.name.c_str(),
-           count, image.size(), first);
-  const char *reason = is_written ? "; it may be write-protected" : "";
-  if (now == before) complain("%s: nothing has changed%s", target.name.c_str(), reason);
-  return false;
+  if (found != hazard::none && !others.empty())
+    complain(
+        "%s: this libutils.so cannot be told the device, and knows %s by the same identity: what is read may be "
+        "another's",
+        target.label().c_str(), others.c_str());
+  return true;
+}
+
+reading_t try_bytes(const options_t &options, const target_t &target, std::span<uint8_t> bytes) {
+  reading_t reading{presence::unknown, {0, 0}, ""};
+  if (!may_read(options, target, reading.reason)) return reading;
+  reading.transfer = read_image(*target.entry, bytes);
+  reading.what = presence_of(*target.entry, reading.transfer);
+  return reading;
 }
 
 }  // namespace
 
-const kind_t *load_image(const std::string &path, const kind_t *wanted, image_t &image) {
-  const int error = read_file(path, file_limit, image);
-  if (error != 0) {
-    complain("%s: cannot read: %s", path.c_str(), strerror(error));
-    return nullptr;
-  }
-  const kind_t *const by_size = kind_by_size(image.size());
-  const kind_t *kind = wanted != nullptr ? wanted : by_size != nullptr ? by_size : kind_by_signature(image);
-  if (kind != nullptr && kind == by_size) return kind;
+std::string target_t::name() const {
+  return entry ? entry->sprom->name : path;
+}
 
-  const std::string size = (image.size() == file_limit ? "more than " : "") +
-                           std::to_string(std::min(image.size(), file_limit - 1)) + " bytes";
-  if (kind == nullptr) {
-    complain("%s: %s: no kind of image has this size", path.c_str(), size.c_str());
-  } else if (by_size != nullptr) {
-    complain("%s: %s: this is a %s image, not a %s image", path.c_str(), size.c_str(), by_size->title, kind->title);
-  } else {
-    complain("%s: %s, but a %s image has %u: the file is %s", path.c_str(), size.c_str(), kind->title, kind->size,
-             image.size() < kind->size ? "truncated" : "too long");
-  }
+std::string target_t::label() const {
+  if (entry) return label_of(*entry);
+  const bool is_whole = file.content.size() == kind->size;
+  return file_label(path) + (is_whole ? "" : " (" + std::string{kind->title} + " image)");
+}
+
+const family_t *find_family(const options_t &options) {
+  if (options.family != nullptr) return options.family;
+  std::string report;
+  const family_t *family = detect_family(report);
+  if (family != nullptr) return family;
+  (void)fputs(report.c_str(), stderr);
+  complain("this is no board of a known family; --family names one, --file works on an image");
   return nullptr;
 }
 
-bool read_target(const target_t &target, image_t &image) {
-  if (target.entry) return read_sprom(target, image);
-  image = target.loaded;
-  return true;
+const kind_t *kind_argument(const std::string &name) {
+  const kind_t *kind = kind_by_name(name);
+  if (kind == nullptr) {
+    (void)complain_usage("%s: no such kind of image", shown(name).c_str());
+  } else if (kind->size == 0) {
+    (void)complain_usage("%s: this kind has no layout", kind->name);
+    return nullptr;
+  }
+  return kind;
 }
 
-bool write_target(const target_t &target, const image_t &before, const image_t &image) {
-  if (!target.entry) return is_file_written(target, image) && is_read_back(target, before, image, true);
-  const bool is_written = is_sprom_written(target, image);
-  if (!is_read_back(target, before, image, is_written)) return false;
-  const bool is_protected = progress.restored >= 0;
-  if (!is_written || !is_protected)
-    complain("%s: it reads back as the image, although the %s failed", target.name.c_str(),
-             is_written ? "write protection" : "write");
-  return is_written && is_protected;
+exit_code find_targets(const options_t &options, const std::string *name, std::vector<target_t> &targets) {
+  if (options.file) {
+    const kind_t *kind = nullptr;
+    const exit_code code = find_kind(name, kind);
+    return code != EXIT_OK ? code : find_in_file(options, kind, targets);
+  }
+  if (name == nullptr) return complain_usage("a SPROM or --file is missing");
+  return find_named(options, *name, targets.emplace_back());
+}
+
+exit_code find_target(const options_t &options, const std::string *name, target_t &target) {
+  std::vector<target_t> targets;
+  const exit_code code = find_targets(options, name, targets);
+  return code != EXIT_OK ? code : only_of(targets, target);
+}
+
+exit_code find_only(const options_t &options, const kind_t &kind, target_t &target) {
+  if (options.file) {
+    std::vector<target_t> targets;
+    const exit_code code = find_in_file(options, &kind, targets);
+    return code != EXIT_OK ? code : only_of(targets, target);
+  }
+  const family_t *family = find_family(options);
+  if (family == nullptr) return EXIT_FAILED;
+  std::vector<entry_t> entries = family_sproms(*family);
+  std::erase_if(entries, [&](const entry_t &entry) { return entry.sprom->type != kind.type; });
+  if (entries.size() == 1) return of_entry(entries.front(), target);
+  complain("the %s boards have %s %s SPROM; name the one that is meant", family_name(*family),
+           entries.empty() ? "no" : "more than one", kind.title);
+  return EXIT_FAILED;
+}
+
+reading_t try_read(const options_t &options, const target_t &target, image_t &image) {
+  image.resize(target.kind->size);
+  if (target.entry) return try_bytes(options, target, image);
+  image = target.file.image({target.kind, target.base});
+  return {presence::present, {0, 0}, ""};
+}
+
+reading_t try_first_byte(const options_t &options, const target_t &target) {
+  std::array<uint8_t, 1> byte;
+  return target.entry ? try_bytes(options, target, byte) : reading_t{presence::present, {0, 0}, ""};
+}
+
+std::string failure_text(const target_t &target, const reading_t &reading) {
+  if (!reading.reason.empty()) return reading.reason;
+  const std::string error = error_text(reading.transfer.result);
+  if (reading.what == presence::absent) return "the slot is empty: " + error;
+  return "cannot read byte " + std::to_string(reading.transfer.byte) + " of " + std::to_string(target.kind->size) +
+         ": " + error;
+}
+
+exit_code read_target(const options_t &options, const target_t &target, image_t &image) {
+  const reading_t reading = try_read(options, target, image);
+  if (reading.what == presence::present) return EXIT_OK;
+  complain("%s: %s", target.label().c_str(), failure_text(target, reading).c_str());
+  return reading.what == presence::absent ? EXIT_EMPTY : EXIT_FAILED;
+}
+
+exit_code check_writing(const options_t &options, const target_t &target) {
+  if (!target.entry || options.has(OPT_FORCE) || service_has_routing()) return EXIT_OK;
+  std::string others;
+  if (writing_hazard(*target.entry, others) != hazard::shared) return EXIT_OK;  // reading tells the other hazard
+  complain(
+      "%s: not written: this libutils.so cannot be told the device, and knows %s by the same identity; --force "
+      "writes all the same",
+      target.label().c_str(), others.c_str());
+  return EXIT_FAILED;
+}
+
+exit_code save_image(const std::string &path, std::span<const uint8_t> bytes) {
+  const int error = write_file(path, bytes);
+  if (error == 0) return EXIT_OK;
+  complain("%s: cannot write: %s", path == standard_stream ? "standard output" : shown(path).c_str(),
+           error_text(error).c_str());
+  return EXIT_FAILED;
+}
+
+exit_code write_to_file(const target_t &target, const image_t &image) {
+  std::vector<uint8_t> content = target.file.content;
+  std::ranges::copy(image, content.begin() + static_cast<std::ptrdiff_t>(target.base));
+  return save_image(target.path, content);
 }
 
 }  // namespace tool

@@ -1,7 +1,6 @@
-// at24c512.h: serial EEPROM of 64 KiB (Atmel AT24C512 data sheet).
+// eeprom.h: serial EEPROMs (Atmel AT24C512 and AT24C02 data sheets).
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <functional>
 #include <span>
@@ -13,18 +12,25 @@
 
 namespace sim {
 
-inline constexpr size_t at24c512_size = 0x10000;
-inline constexpr size_t at24c512_page = 128;
+// Sizes are powers of two, in bytes.
+struct eeprom_chip {
+  size_t size;
+  size_t page;
+  unsigned address_bytes;
+};
+inline constexpr eeprom_chip at24c512{0x10000, 128, 2};
+inline constexpr eeprom_chip at24c02{0x100, 8, 1};
 
-// Two address bytes after a write start, then data; the chip's own counter carries on from there. A read goes on at
+// The address bytes after a write start, then data; the chip's own counter carries on from there. A read goes on at
 // the counter and wraps at the end of the memory, a write wraps within its page. What was written is programmed at
 // the stop; until the write cycle is over nothing is acknowledged. With its protect pin high the chip acknowledges
 // data and drops it.
-class at24c512 : public i2c_device {
+class eeprom : public i2c_device {
  public:
   static constexpr uint64_t usual_polls = 2;
 
   struct setup {
+    eeprom_chip chip = at24c512;
     sim::busy busy = sim::busy::polls;
     uint64_t busy_polls = usual_polls;      // in polls: starts that a write cycle leaves unanswered
     bool busy_forever = false;              // a write cycle never ends
@@ -37,9 +43,16 @@ class at24c512 : public i2c_device {
       const fault *cause;
     };
     std::vector<corruption> corrupt;
+    struct power_cut {
+      const fault *cause = nullptr;
+      uint64_t byte = 0;  // number of the byte written in whose write cycle it happens, 0 for never
+      uint8_t written;    // the bits of it that are written all the same
+      bool of_the_run;    // the run is killed; else the chip is dead
+    };
+    power_cut cut;
   };
 
-  explicit at24c512(setup with) : m_setup(std::move(with)) {}
+  explicit eeprom(setup with) : m_setup(std::move(with)), m_page(m_setup.chip.page), m_written(m_setup.chip.page) {}
 
   // Contents are in this file, which starts as `initial`. Returns false and says why in *error.
   bool open(const std::string &path, std::span<const uint8_t> initial, std::string *error);
@@ -54,18 +67,21 @@ class at24c512 : public i2c_device {
   void compare_with_usual(bool busy);
   [[nodiscard]] bool changes() const;
   void program();
+  void program_byte(uint8_t *cell, uint8_t byte);
 
   setup m_setup;
   backing_file m_file;
-  uint16_t m_counter = 0;
+  size_t m_counter = 0;
   unsigned m_address_bytes = 0;  // received since the start
-  uint16_t m_address = 0;
-  std::array<uint8_t, at24c512_page> m_page{};  // written since the start, where they belong in the page
-  std::array<bool, at24c512_page> m_written{};
+  size_t m_address = 0;
+  std::vector<uint8_t> m_page;  // written since the start, where they belong in the page
+  std::vector<bool> m_written;
   bool m_any_written = false;
   uint64_t m_busy_polls = 0;
   uint64_t m_usual_polls = 0;  // left of a write cycle of the usual length
   int64_t m_busy_until = 0;    // in ns of the monotonic clock
+  uint64_t m_bytes_written = 0;
+  bool m_is_dead = false;
 };
 
 }  // namespace sim

@@ -1,0 +1,82 @@
+#include "platform/mfgd/uspace/utils/sprom/tool/service.h"
+
+#include <dlfcn.h>
+#include <errno.h>
+
+#include <string>
+
+#include "platform/mfgd/uspace/utils/sprom/sse_dev.h"
+#include "platform/mfgd/uspace/utils/sprom/tool/board.h"
+#include "platform/mfgd/uspace/utils/sprom/tool/fields.h"
+#include "platform/mfgd/uspace/utils/sprom/tool/output.h"
+
+namespace tool {
+namespace {
+
+struct service_t {
+  decltype(&sse_call) call;    // null if there is no service
+  decltype(&sse_route) route;  // null if it has none
+};
+
+service_t load() {
+  void *const library = dlopen("libutils.so", RTLD_NOW);
+  const auto call = library == nullptr ? nullptr : reinterpret_cast<decltype(&sse_call)>(dlsym(library, "sse_call"));
+  if (call == nullptr) {
+    complain("no I2C service: %s", dlerror());
+    return {};
+  }
+  return {call, reinterpret_cast<decltype(&sse_route)>(dlsym(library, "sse_route"))};
+}
+
+const service_t &service() {
+  static const service_t loaded = load();
+  return loaded;
+}
+
+constinit uint32_t done = 0;
+std::string device;  // of the next transaction, for messages
+
+std::string bytes_of(const sse_req_t &req) {
+  const std::span data{req.data, req.xfer == SSE_XFER_WORD_DATA ? 2U : 1U};
+  const auto command = static_cast<uint8_t>(req.cmd);
+  return (req.xfer == SSE_XFER_BYTE ? "" : hex_bytes({&command, 1}, "") + " ") + hex_bytes(data, " ");
+}
+
+// The single bytes of an EEPROM's read are told by their number, by who reads.
+void tell(uint32_t op, const sse_req_t &req, int32_t result) {
+  const bool is_read = op == SSE_OP_I2C_READ;
+  if (!are_steps_told() || (is_read && req.xfer == SSE_XFER_BYTE && result >= 0)) return;
+  const std::string bytes = is_read && result < 0 ? "" : " " + bytes_of(req);
+  tell_step("%s: %s%s%s%s", device.c_str(), is_read ? "read" : "write", bytes.c_str(), result < 0 ? ": " : "",
+            result < 0 ? error_text(result).c_str() : "");
+}
+
+}  // namespace
+
+bool service_has_routing() {
+  return service().route != nullptr;
+}
+
+uint32_t service_done() {
+  return done;
+}
+
+}  // namespace tool
+
+// The library's calls of the service come here.
+extern "C" {
+
+int32_t sse_call(uint32_t op, sse_req_t *req) {
+  if (tool::service().call == nullptr) return -ELIBACC;
+  const int32_t result = tool::service().call(op, req);
+  if (result >= 0) ++tool::done;
+  tool::tell(op, *req, result);
+  return result;
+}
+
+void sse_route(const char *path, uint32_t addr, uint32_t addr_len) {
+  tool::device = tool::device_text(path, addr);
+  if (tool::service().route != nullptr) tool::service().route(path, addr, addr_len);
+}
+
+}  // extern "C"

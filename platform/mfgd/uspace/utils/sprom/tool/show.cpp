@@ -1,0 +1,317 @@
+#include "platform/mfgd/uspace/utils/sprom/tool/show.h"
+
+#include <stdio.h>
+
+#include <algorithm>
+#include <array>
+#include <nlohmann/json.hpp>
+
+#include "platform/mfgd/uspace/utils/sprom/tool/target.h"
+
+namespace tool {
+namespace {
+
+json_t number_or_null(const std::optional<uint32_t> &value) {
+  return value ? json_t(*value) : json_t(nullptr);
+}
+
+// Name, slot, index, kind and size; a file has no slot.
+json_t identity_of(const target_t &target) {
+  const auto slot = target.entry ? target.entry->slot : std::nullopt;
+  const auto index = target.entry ? target.entry->index : std::nullopt;
+  const auto size = target.kind->size == 0 ? std::nullopt : std::optional{target.kind->size};
+  return {{"name", json_text(target.name())},
+          {"slot", number_or_null(slot)},
+          {"index", number_or_null(index)},
+          {"kind", target.kind->name},
+          {"size", number_or_null(size)}};
+}
+
+// What became of asking the SPROM; a file has neither bus nor address.
+void put_state(json_t &json, const target_t &target, const reading_t &reading) {
+  const bool is_failed = reading.transfer.result < 0;
+  json["state"] = presence_word(reading.what);
+  json["bus"] = target.entry ? json_t(target.entry->dev().path) : json_t(nullptr);
+  json["address"] = target.entry ? json_t(target.entry->dev().addr) : json_t(nullptr);
+  json["byte"] = is_failed ? json_t(reading.transfer.byte) : json_t(nullptr);
+  json["errno"] = is_failed ? json_t(-reading.transfer.result) : json_t(nullptr);
+  json["error"] = reading.what == presence::present ? json_t(nullptr) : json_t(failure_text(target, reading));
+}
+
+json_t json_lines(std::string_view text) {
+  json_t lines = json_t::array();
+  for (const auto line : lines_of(text))
+    lines.push_back(line);
+  return lines;
+}
+
+// list
+
+struct list_row_t {
+  target_t target;
+  std::optional<reading_t> reading;  // unless nothing was asked
+};
+
+void print_list(const std::vector<list_row_t> &rows) {
+  (void)printf("%-12s %5s %6s  %-5s %5s  %-17s %s\n", "NAME", "SLOT", "INDEX", "KIND", "SIZE", "DEVICE", "STATE");
+  for (const auto &[target, reading] : rows) {
+    const auto &entry = target.entry;
+    const bool has_slot = entry && entry->slot;
+    const std::string slot = has_slot ? std::to_string(*entry->slot) : "-";
+    const std::string index = !has_slot ? "-" : entry->index ? std::to_string(*entry->index) : "any";
+    const std::string size = target.kind->size == 0 ? "-" : std::to_string(target.kind->size);
+    (void)printf("%-12s %5s %6s  %-5s %5s  %-17s %s\n", entry ? entry->sprom->name : shown(target.path).c_str(),
+                 slot.c_str(), index.c_str(), target.kind->name, size.c_str(),
+                 entry ? device_text(entry->dev()).c_str() : "-", reading ? presence_word(reading->what) : "-");
+  }
+}
+
+exit_code print_list_json(const family_t *family, const std::vector<list_row_t> &rows) {
+  json_t sproms = json_t::array();
+  for (const list_row_t &row : rows) {
+    json_t json = identity_of(row.target);
+    if (row.reading) put_state(json, row.target, *row.reading);
+    sproms.push_back(std::move(json));
+  }
+  const json_t name = family == nullptr ? json_t(nullptr) : json_t(family_name(*family));
+  return print_json({{"family", name}, {"sproms", sproms}}, EXIT_OK);
+}
+
+exit_code list_rows(const options_t &options, const family_t *&family, std::vector<list_row_t> &rows) {
+  std::vector<target_t> targets;
+  if (options.file) {
+    if (const exit_code code = find_targets(options, nullptr, targets); code != EXIT_OK) return code;
+  } else {
+    family = find_family(options);
+    if (family == nullptr) return EXIT_FAILED;
+    for (const entry_t &entry : family_sproms(*family))
+      targets.push_back({.kind = kind_by_type(entry.sprom->type), .entry = entry});
+  }
+  for (const target_t &target : targets) {
+    rows.push_back({target, std::nullopt});
+    if (target.entry && !options.has(OPT_NO_PROBE)) rows.back().reading = try_first_byte(options, target);
+  }
+  return EXIT_OK;
+}
+
+// show
+
+constexpr size_t bytes_per_line = 16;
+
+bool is_in(const field_t &field, const sprom_block_t &block) {
+  return field.offset >= block.offset && field.offset < block.offset + block.length;
+}
+
+void print_field(const field_t &field, std::span<const uint8_t> image) {
+  const int name_length = static_cast<int>(field.name.size());
+  if (field.type != SPROM_FIELD_BYTES) {
+    const std::string value = value_of(field, image);
+    (void)printf("  %-*.*s%s\n", value.empty() ? 0 : 18, name_length, field.name.data(), value.c_str());
+    return;
+  }
+  auto bytes = field_bytes(field, image);
+  for (bool is_first = true; !bytes.empty(); is_first = false) {
+    const auto line = bytes.first(std::min(bytes.size(), bytes_per_line));
+    (void)printf("  %-18.*s%s\n", is_first ? name_length : 0, field.name.data(), hex_bytes(line, " ").c_str());
+    bytes = bytes.subspan(line.size());
+  }
+}
+
+void print_indented(std::string_view text) {
+  for (const auto line : lines_of(text))
+    (void)printf("  %.*s\n", static_cast<int>(line.size()), line.data());
+}
+
+void print_image(const target_t &target, std::span<const uint8_t> image) {
+  (void)printf("%s: %s image, %u bytes\n", target.label().c_str(), target.kind->title, target.kind->size);
+  for (const sprom_block_t &block : target.kind->blocks()) {
+    const verdict_t verdict = verify_block(*target.kind, block, image);
+    (void)printf("\n%s, %u bytes at offset %u: %s\n", block.label, block.length, block.offset,
+                 verdict.is_good ? "good" : "BAD");
+    print_indented(verdict.lines);
+    for (const field_t &field : target.kind->fields()) {
+      if (is_in(field, block)) print_field(field, image);
+    }
+  }
+}
+
+json_t image_json(const target_t &target, std::span<const uint8_t> image) {
+  json_t json = identity_of(target);
+  json["good"] = verify_image(*target.kind, image).is_good;
+  json["blocks"] = json_t::array();
+  for (const sprom_block_t &block : target.kind->blocks()) {
+    const verdict_t verdict = verify_block(*target.kind, block, image);
+    json_t fields = json_t::object();
+    for (const field_t &field : target.kind->fields()) {
+      if (is_in(field, block)) fields[std::string{field.name}] = json_text(exact_value_of(field, image));
+    }
+    json["blocks"].push_back({{"name", block.label},
+                              {"offset", block.offset},
+                              {"length", block.length},
+                              {"good", verdict.is_good},
+                              {"messages", json_lines(verdict.lines)},
+                              {"fields", fields}});
+  }
+  return json;
+}
+
+// verify
+
+struct checked_t {
+  target_t target;
+  reading_t reading;
+  verdict_t verdict;
+};
+
+checked_t check(const options_t &options, const target_t &target) {
+  checked_t checked{target, {}, {}};
+  image_t image;
+  checked.reading = try_read(options, target, image);
+  if (checked.reading.what == presence::present) checked.verdict = verify_image(*target.kind, image);
+  return checked;
+}
+
+// A bad or dead SPROM outweighs an empty slot. One that may not be asked is bad only where it was named.
+exit_code status_of(const std::vector<checked_t> &all) {
+  exit_code code = EXIT_OK;
+  for (const checked_t &checked : all) {
+    if (checked.reading.what == presence::absent) {
+      code = code == EXIT_OK ? EXIT_EMPTY : code;
+    } else if (!checked.verdict.is_good && (all.size() == 1 || checked.reading.reason.empty())) {
+      code = EXIT_FAILED;
+    }
+  }
+  return code;
+}
+
+exit_code print_checks_json(const std::vector<checked_t> &all, exit_code code) {
+  json_t sproms = json_t::array();
+  for (const checked_t &checked : all) {
+    json_t json = identity_of(checked.target);
+    put_state(json, checked.target, checked.reading);
+    json["good"] = checked.verdict.is_good;
+    json["messages"] = json_lines(checked.verdict.lines);
+    sproms.push_back(std::move(json));
+  }
+  return print_json({{"good", code == EXIT_OK}, {"sproms", sproms}}, code);
+}
+
+void print_check(const checked_t &checked) {
+  const std::string label = checked.target.label();
+  if (checked.reading.what != presence::present) {
+    const char *word = checked.reading.reason.empty() ? presence_word(checked.reading.what) : "skipped";
+    (void)printf("%s: %s\n", label.c_str(), word);
+    print_indented(failure_text(checked.target, checked.reading));
+    return;
+  }
+  (void)printf("%s: %s\n", label.c_str(), checked.verdict.is_good ? "good" : "BAD");
+  print_indented(checked.verdict.lines);
+}
+
+// The targets of `verify`: those named, or every SPROM of the family that has a layout.
+exit_code find_checked(const options_t &options, std::vector<target_t> &targets) {
+  const std::string *name = options.args.empty() ? nullptr : &options.args.front();
+  if (options.file || name != nullptr) return find_targets(options, name, targets);
+  const family_t *family = find_family(options);
+  if (family == nullptr) return EXIT_FAILED;
+  for (const entry_t &entry : family_sproms(*family)) {
+    const kind_t *kind = kind_by_type(entry.sprom->type);
+    if (kind->size != 0) targets.push_back({.kind = kind, .entry = entry});
+  }
+  return EXIT_OK;
+}
+
+// fields
+
+constexpr std::array type_words{"number", "text", "bytes"};       // indexed by sprom_field_type
+constexpr std::array source_words{"user", "format", "computed"};  // indexed by field_source
+
+const char *type_word(const field_t &field) {
+  return type_words.at(field.type);
+}
+const char *source_word(const kind_t &kind, const field_t &field) {
+  return source_words.at(static_cast<size_t>(source_of(kind, field)));
+}
+
+}  // namespace
+
+exit_code run_list(const options_t &options) {
+  const family_t *family = nullptr;
+  std::vector<list_row_t> rows;
+  if (const exit_code code = list_rows(options, family, rows); code != EXIT_OK) return code;
+  if (options.has(OPT_JSON)) return print_list_json(family, rows);
+  print_list(rows);
+  return EXIT_OK;
+}
+
+exit_code run_show(const options_t &options) {
+  std::vector<target_t> targets;
+  const std::string *name = options.args.empty() ? nullptr : &options.args.front();
+  if (const exit_code code = find_targets(options, name, targets); code != EXIT_OK) return code;
+  if (options.has(OPT_JSON) && targets.size() > 1) {
+    complain("%s: holds %zu images; name the kind that is meant", shown(*options.file).c_str(), targets.size());
+    return EXIT_FAILED;
+  }
+  for (const target_t &target : targets) {
+    image_t image;
+    if (const exit_code code = read_target(options, target, image); code != EXIT_OK) return code;
+    if (options.has(OPT_JSON)) return print_json(image_json(target, image), EXIT_OK);
+    if (&target != &targets.front()) (void)putchar('\n');
+    print_image(target, image);
+  }
+  return EXIT_OK;
+}
+
+exit_code run_get(const options_t &options) {
+  const std::string *name = options.args.size() == 2 ? &options.args.front() : nullptr;
+  target_t target;
+  if (const exit_code code = find_target(options, name, target); code != EXIT_OK) return code;
+  const std::string &word = options.args.back();
+  const field_t *field = field_by_name(*target.kind, word);
+  if (field == nullptr)
+    return complain_usage("a %s image has no field %s (see 'sprom fields')", target.kind->title, shown(word).c_str());
+  image_t image;
+  if (const exit_code code = read_target(options, target, image); code != EXIT_OK) return code;
+  (void)printf("%s\n", value_of(*field, image).c_str());
+  return EXIT_OK;
+}
+
+exit_code run_verify(const options_t &options) {
+  std::vector<target_t> targets;
+  if (const exit_code code = find_checked(options, targets); code != EXIT_OK) return code;
+  std::vector<checked_t> all;
+  for (const target_t &target : targets)
+    all.push_back(check(options, target));
+  const exit_code code = status_of(all);
+  if (options.has(OPT_JSON)) return print_checks_json(all, code);
+  if (all.size() > 1) {
+    std::ranges::for_each(all, print_check);
+  } else if (const checked_t &only = all.front(); only.reading.what != presence::present) {
+    complain("%s: %s", only.target.label().c_str(), failure_text(only.target, only.reading).c_str());
+  } else {
+    (void)fputs(only.verdict.lines.c_str(), stdout);
+  }
+  return code;
+}
+
+exit_code run_fields(const options_t &options) {
+  const kind_t *kind = kind_argument(options.args.front());
+  if (kind == nullptr) return EXIT_USAGE;
+  if (options.has(OPT_JSON)) {
+    json_t fields = json_t::array();
+    for (const field_t &field : kind->fields())
+      fields.push_back({{"name", field.name},
+                        {"offset", field.offset},
+                        {"width", field.width},
+                        {"type", type_word(field)},
+                        {"source", source_word(*kind, field)}});
+    return print_json({{"kind", kind->name}, {"size", kind->size}, {"fields", fields}}, EXIT_OK);
+  }
+  (void)printf("%-18s %6s %5s  %-7s  SOURCE\n", "NAME", "OFFSET", "WIDTH", "TYPE");
+  for (const field_t &field : kind->fields())
+    (void)printf("%-18.*s %6u %5u  %-7s  %s\n", static_cast<int>(field.name.size()), field.name.data(), field.offset,
+                 field.width, type_word(field), source_word(*kind, field));
+  return EXIT_OK;
+}
+
+}  // namespace tool
