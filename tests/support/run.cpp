@@ -15,6 +15,10 @@ namespace {
 [[noreturn]] void exec_into(const std::vector<char *> &argv, int out, int err) {
   dup2(out, STDOUT_FILENO);
   dup2(err, STDERR_FILENO);
+#ifdef __SANITIZE_ADDRESS__
+  // dlopen() is the sanitizer's there, for which a program's run path does not count.
+  (void)setenv("LD_LIBRARY_PATH", POST_BIN_DIR "/../lib", 0);
+#endif
   execv(argv[0], argv.data());
   _exit(127);
 }
