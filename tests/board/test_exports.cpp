@@ -59,7 +59,7 @@ bool is_defined(const symbol_t &symbol) {
 TEST(exports, hold_all_that_the_objects_define) {
   static const std::regex plain("[a-z_][a-z0-9_]*"), inner("_Z[0-9]+sprom_(family|pin|port)_.*"),
       foreign("(DW|__odr|__x86).*");
-  const auto exported = symbols_of("-D " POST_BIN_DIR "/post");
+  const auto exported = symbols_of("-D " + shell_word(POST_BIN_DIR "/post"));
   size_t defined = 0;
   for (const auto &[name, symbol] : symbols_of("-g " POST_OBJECTS)) {
     if (!is_defined(symbol) || std::regex_match(name, inner) || std::regex_match(name, foreign)) continue;
@@ -70,7 +70,7 @@ TEST(exports, hold_all_that_the_objects_define) {
 }
 
 TEST(exports, hold_what_nothing_else_would_miss) {
-  const auto exported = symbols_of("-D " POST_BIN_DIR "/post");
+  const auto exported = symbols_of("-D " + shell_word(POST_BIN_DIR "/post"));
   std::istringstream words(uncalled);
   for (std::string name; words >> name;)
     EXPECT_TRUE(exported.contains(name)) << name;
@@ -79,7 +79,7 @@ TEST(exports, hold_what_nothing_else_would_miss) {
 TEST(exports, hold_the_build_stamps) {
   constexpr size_t stamp_size = 200;
   const std::string image = read_file(POST_BIN_DIR "/post");
-  auto symbols = symbols_of("-D " POST_BIN_DIR "/post");
+  auto symbols = symbols_of("-D " + shell_word(POST_BIN_DIR "/post"));
   for (const auto &[name, prefix] :
        {std::pair{"tgt_data", "@@TGT@@"}, {"tree_loc", "@@TREE@@"}, {"image_name", "@@IMAGE@@"}}) {
     SCOPED_TRACE(name);

@@ -206,8 +206,8 @@ TEST(short_post, reads_one_flag) {
 // The standard output of a short run that a shell starts with `redirections`.
 std::string run_in_shell(const std::string &args, const std::string &redirections) {
   const temp_dir state;
-  const std::string command =
-      "exec " POST_BIN_DIR "/board-sim --state " + state.path().string() + " " + args + " -- -s " + redirections;
+  const std::string command = "exec " + shell_word(POST_BIN_DIR "/board-sim") + " --state " + shell_word(state.path()) +
+                              " " + args + " -- -s " + redirections;
   const std::unique_ptr<FILE, int (*)(FILE *)> out(popen(command.c_str(), "r"), pclose);
   std::string text;
   for (int c; (c = fgetc(out.get())) != EOF;)

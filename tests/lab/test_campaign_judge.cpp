@@ -401,7 +401,7 @@ outcome read_by(const std::string &reader, const std::string &text) {
 }
 
 TEST(forms, junit_counts_its_cases) {
-  const auto read = read_by("python3 " LAB_TESTS_DIR "/read_junit.py", lab::matrix_to_junit(example()));
+  const auto read = read_by("python3 " + shell_word(LAB_TESTS_DIR "/read_junit.py"), lab::matrix_to_junit(example()));
   EXPECT_EQ(read.err, "");
   EXPECT_EQ(read.out,
             "nvram-data-stuck PASS\nnvram-data-stuck SKIP\nflash-addr-stuck SKIP\nflash-addr-stuck FAIL\n"
@@ -412,13 +412,14 @@ TEST(forms, junit_fits_its_schema_with_times_and_without) {
   auto timeless = example();
   timeless.times.reset();
   if (run_shell("/", "xmllint --version").status != 0) GTEST_SKIP() << "no xmllint here";
+  const std::string checker = "xmllint --noout --schema " + shell_word(LAB_TESTS_DIR "/junit.xsd");
   for (const auto &matrix : {example(), timeless})
-    EXPECT_EQ(read_by("xmllint --noout --schema " LAB_TESTS_DIR "/junit.xsd", lab::matrix_to_junit(matrix)).status, 0);
+    EXPECT_EQ(read_by(checker, lab::matrix_to_junit(matrix)).status, 0);
 }
 
 // Elements nest, nothing is fetched, and the matrix has a row for each run.
 TEST(forms, the_page_needs_nothing_but_itself) {
-  const auto read = read_by("python3 " LAB_TESTS_DIR "/read_page.py", lab::matrix_to_html(example()));
+  const auto read = read_by("python3 " + shell_word(LAB_TESTS_DIR "/read_page.py"), lab::matrix_to_html(example()));
   EXPECT_EQ(read.err, "");
   EXPECT_EQ(read.out, "7 runs, 2 memories, 142 levels\n");
 }

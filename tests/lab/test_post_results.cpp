@@ -170,7 +170,7 @@ case_list post_results::read(const std::string &name, const std::string &form) c
   if (form == "table") return read_table(text);
   if (form == "ktap") return read_ktap(text);
   if (form == "ocp") return read_ocp(text);
-  const outcome junit = sh("python3 " LAB_TESTS_DIR "/read_junit.py " + name + ".junit");
+  const outcome junit = sh("python3 " + shell_word(LAB_TESTS_DIR "/read_junit.py") + " " + name + ".junit");
   EXPECT_EQ(junit.err, "") << name;
   return read_lines(junit.out, std::regex(".*"), [](const std::smatch &line) { return line.str(); });
 }
@@ -254,16 +254,15 @@ TEST_F(post_results, is_understood_by_readers_of_others) {
     run(one.name, one.args);
     (void)tell(one.name);
   }
-  const char *const given = std::getenv("CHECK_OCP");
-  const std::string check_ocp = given != nullptr ? given : LAB_TESTS_DIR "/../../../shared/check-ocp";
   const reader readers[] = {
-      {"xmllint", "xmllint --version", "xmllint --noout --schema " LAB_TESTS_DIR "/junit.xsd *.junit"},
+      {"xmllint", "xmllint --version",
+       "xmllint --noout --schema " + shell_word(LAB_TESTS_DIR "/junit.xsd") + " *.junit"},
       {"jq", "jq --version", "for f in *.ocp; do jq -s -e 'last.testRunArtifact.testRunEnd.status != null' $f; done"},
       {"prove", "prove --version",
        "prove -e cat healthy.ktap old-board.ktap && ! prove -e cat hostile.ktap && ! prove -e cat "
        "driverless.ktap && ! prove -e cat never-began.ktap"},
-      {"the schemas' checker", "test -x '" + check_ocp + "' && python3 -c 'import jsonschema'",
-       "'" + check_ocp + "' *.ocp"},
+      {"a checker of OCP's schemas, named by $CHECK_OCP", "test -x \"$CHECK_OCP\" && python3 -c 'import jsonschema'",
+       "\"$CHECK_OCP\" *.ocp"},
   };
   std::string missing;
   for (const reader &one : readers) {
@@ -413,9 +412,9 @@ TEST_F(post_results, ends_with_its_status_and_says_why) {
 TEST_F(post_results, has_its_options_in_manual_and_completion) {
   const std::string help = sh("post-results --help").out;
   const std::string manual = read_file(LAB_TESTS_DIR "/../../docs/post-results.1");
-  const std::string completed = sh("bash -c 'source " LAB_TESTS_DIR
-                                   "/../../tools/completion/post-results;"
-                                   " COMP_WORDS=(post-results --) COMP_CWORD=1; _post_results; echo ${COMPREPLY[@]}'")
+  const std::string completed = sh("bash -c 'source \"$0\";"
+                                   " COMP_WORDS=(post-results --) COMP_CWORD=1; _post_results; echo ${COMPREPLY[@]}' " +
+                                   shell_word(LAB_TESTS_DIR "/../../tools/completion/post-results"))
                                     .out;
   const std::regex option(R"(\n  (?:-\w,)?--([a-z]+))");
   size_t count = 0;

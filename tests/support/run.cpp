@@ -84,6 +84,13 @@ outcome run_board(const std::filesystem::path &state, const std::vector<std::str
   return result;
 }
 
+std::string shell_word(const std::string &word) {
+  std::string out = "'";
+  for (const char c : word)
+    out += c == '\'' ? R"('\'')" : std::string(1, c);
+  return out + "'";
+}
+
 std::string read_file(const std::filesystem::path &file) {
   const std::ifstream in(file, std::ios::binary);
   std::ostringstream text;

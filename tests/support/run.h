@@ -34,6 +34,9 @@ outcome run_shell(const std::filesystem::path &dir, const std::string &command);
 // Runs board-sim with `args` on a state directory; "--state" is added in front.
 outcome run_board(const std::filesystem::path &state, const std::vector<std::string> &args);
 
+// A word as a shell reads it back, whatever is in it.
+std::string shell_word(const std::string &word);
+
 std::string read_file(const std::filesystem::path &file);
 
 // The text with what differs from run to run taken out: seconds, mapped addresses, descriptors.

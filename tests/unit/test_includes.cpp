@@ -49,7 +49,8 @@ std::string header_of(const std::string &text) {
 std::vector<std::string> sources() {
   std::vector<std::string> files;
   for (const auto &top : fs::directory_iterator(root)) {
-    if (!top.is_directory() || top.path().filename() == "build" || top.path().filename().string()[0] == '.') continue;
+    const std::string folder = top.path().filename();
+    if (!top.is_directory() || folder.starts_with("build") || folder[0] == '.') continue;
     for (const auto &entry : fs::recursive_directory_iterator(top)) {
       const fs::path extension = entry.path().extension();
       if (extension == ".cpp" || extension == ".h") files.push_back(entry.path().lexically_relative(root));

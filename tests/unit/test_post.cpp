@@ -37,8 +37,8 @@ void set_report(const test_board &board, const std::string &report) {
   const auto command = board.file("bin/ethtool");
   std::filesystem::remove(command);
   std::ofstream(board.file("report"), std::ios::binary) << report;
-  const std::string calls = board.file("calls");
-  std::ofstream(command) << "#!/bin/sh\necho \"$@\" >>" << calls << "\ncat " << board.file("report")
+  const std::string calls = shell_word(board.file("calls"));
+  std::ofstream(command) << "#!/bin/sh\necho \"$@\" >>" << calls << "\ncat " << shell_word(board.file("report"))
                          << "\ngrep -q 'SigIgn:.*[13579bdf]...$' /proc/$$/status && echo ignores >>" << calls << "\n";
   std::filesystem::permissions(command, std::filesystem::perms::owner_all);
 }

@@ -92,7 +92,7 @@ int lock_status(const strings &args) {
 int second_board(const strings &args) {
   (void)printf("board-sim: %s: in use by another board-sim, process %d\n", args[0].c_str(), getppid());
   (void)fflush(stdout);
-  return shell({"'" POST_BIN_DIR "/board-sim' --state " + args[0]});
+  return shell({shell_word(POST_BIN_DIR "/board-sim") + " --state " + shell_word(args[0])});
 }
 
 // Four bytes of the supervisor's identity over a descriptor; its address may have been chosen over another one.
@@ -189,13 +189,16 @@ strings entries(const fs::path &path) {
 class launcher : public testing::Test {
  protected:
   launcher() { (void)setenv("TMPDIR", dir.path().c_str(), 1); }
-  ~launcher() override { (void)unsetenv("TMPDIR"); }
+  ~launcher() override {
+    (void)unsetenv("TMPDIR");
+    fs::current_path(from);
+  }
   [[nodiscard]] std::string path(const std::string &name) const { return (dir.path() / name).string(); }
 
   // A command with board-sim in its path and a function "part", which runs "$SIM" on a part of this program.
   [[nodiscard]] outcome in_shell(const std::string &command) const {
-    return run_shell(dir.path(),
-                     "SIM=board-sim; part() { \"$SIM\" $OPT -- '" + own_path() + "' --part \"$@\"; }\n" + command);
+    return run_shell(dir.path(), "SIM=board-sim; part() { \"$SIM\" $OPT -- " + shell_word(own_path()) +
+                                     " --part \"$@\"; }\n" + command);
   }
 
   // A copy of this program, changed.
@@ -218,6 +221,7 @@ class launcher : public testing::Test {
   }
 
   temp_dir dir;
+  const fs::path from = fs::current_path();
 };
 
 TEST_F(launcher, tells_wrong_arguments_and_unusable_boards_and_ends_with_2) {
@@ -257,7 +261,8 @@ TEST_F(launcher, helps) {
 }
 
 TEST_F(launcher, reports_programs_that_cannot_run) {
-  std::ofstream(path("loop")) << "#!" << path("loop") << "\n";
+  fs::current_path(dir.path());  // its own path can have a blank, which ends an interpreter's name
+  std::ofstream(path("loop")) << "#!./loop\n";
   std::ofstream(path("text")) << "echo it runs\n";
   for (const auto *const name : {"loop", "text"})
     fs::permissions(path(name), fs::perms::owner_all);
@@ -285,14 +290,15 @@ TEST_F(launcher, refuses_programs_that_the_library_does_not_get_into) {
   make_program("arm", [](auto &header, auto &) { header.e_machine = EM_ARM; });
   make_program("static", [](auto &, auto &loader) { loader.p_type = PT_NULL; });
   make_program("loader", [](auto &, auto &loader) { loader.p_filesz -= 2; });
-  std::ofstream(path("script")) << "#! " << path("static") << " -x\n";
+  fs::current_path(dir.path());
+  std::ofstream(path("script")) << "#! ./static -x\n";
   fs::permissions(path("script"), fs::perms::owner_all);
   std::map<std::string, std::string> cases{
       {"short", "this board runs (64|32)-bit x86 programs only"},
       {"arm", "this board runs (64|32)-bit x86 programs only"},
       {"static", "statically linked, the board's library cannot get into it"},
       {"loader", "it has another loader than the board's library, which cannot get into it"},
-      {"script", path("static") + ": statically linked, the board's library cannot get into it"},
+      {"script", "./static: statically linked, the board's library cannot get into it"},
   };
   if (getuid() == 0) {  // nobody else can give a program away
     make_program("owned", [](auto &, auto &) {});
