@@ -49,7 +49,8 @@ if [ "$1" = -S ]; then
   echo "CMAKE_HOME_DIRECTORY:INTERNAL=$2" >"$2/build/$4/CMakeCache.txt"
   : >"$2/build/$4/build.ninja"
   printf '#!/bin/bash\necho "in $PWD:$(printf " <%%s>" "$@")"\n' >"$2/build/$4/bin/board-sim"
-  chmod +x "$2/build/$4/bin/board-sim"
+  cat "$2/build/$4/bin/board-sim" >"$2/build/$4/bin/post-campaign"
+  chmod +x "$2/build/$4/bin"/*
 fi
 END
   stand_in ctest </dev/null
@@ -115,6 +116,7 @@ no_32_bits() {
 place_with_blanks() {
   toolchain
   expect 0 "in $dir/elsewhere: <--state> <a b> <--> <-s>" "$checkout/tools/run-post" --state 'a b' -- -s
+  expect 0 "in $dir/elsewhere: <--read> <a b>" "$checkout/tools/run-campaign" --read 'a b'
   ln -s "$checkout/tools/run-post" "$dir/elsewhere/link"
   : >"$dir/calls"
   expect 0 'in ' "$dir/elsewhere/link"
