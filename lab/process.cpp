@@ -91,6 +91,7 @@ void finish(pid_t child, process_result *result) {
 process_result run_process(const std::vector<std::string> &words, std::chrono::milliseconds limit, int stop_fd) {
   process_result result;
   std::vector<char *> argv;
+  argv.reserve(words.size() + 1);
   for (const auto &word : words)
     argv.push_back(const_cast<char *>(word.c_str()));
   argv.push_back(nullptr);

@@ -14,6 +14,8 @@
 #include "platform/libutils/sse.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom.h"
 
+// Not every service has it.
+// NOLINTNEXTLINE(readability-redundant-declaration): the one of its header is not weak
 extern "C" [[gnu::weak]] void sse_route(const char *path, uint32_t addr, uint32_t addr_len);
 
 // A device as requests name it.

@@ -126,6 +126,7 @@ exit_code run_protect(const options_t &options) {
   if (const exit_code code = find_entries(options, entries); code != EXIT_OK) return code;
   if (options.has(OPT_ON)) return switch_on(options, entries.front());
   std::vector<protect_row_t> rows;
+  rows.reserve(entries.size());
   for (const entry_t &entry : entries)
     rows.push_back(look_at(entry));
   if (options.has(OPT_JSON)) {

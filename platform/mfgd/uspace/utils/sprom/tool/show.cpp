@@ -280,6 +280,7 @@ exit_code run_verify(const options_t &options) {
   std::vector<target_t> targets;
   if (const exit_code code = find_checked(options, targets); code != EXIT_OK) return code;
   std::vector<checked_t> all;
+  all.reserve(targets.size());
   for (const target_t &target : targets)
     all.push_back(check(options, target));
   const exit_code code = status_of(all);
