@@ -25,7 +25,7 @@ std::string put_member(const kind_t &kind, const std::string &name, const json_t
   const field_source source = source_of(kind, *field);
   if (source == field_source::sum) return "";
   image_t changed = image;
-  const std::string error = parse_exact_value(*field, bytes, changed);
+  std::string error = parse_exact_value(*field, bytes, changed);
   if (!error.empty()) return error;
   if (source == field_source::format && changed != image) return "belongs to the format, which has another value";
   image = std::move(changed);
