@@ -22,7 +22,6 @@ set(CMAKE_BUILD_WITH_INSTALL_RPATH ON)
 set(CMAKE_INSTALL_RPATH "$ORIGIN/../lib")
 set(CMAKE_INSTALL_LIBDIR "lib" CACHE STRING "Library directory below the install prefix")
 
-add_compile_definitions(_FILE_OFFSET_BITS=64)
 add_compile_options(
   -Wall -Wextra -Wpedantic -Werror
   -Wconversion -Wsign-conversion -Wshadow -Wold-style-cast -Wcast-qual -Wnon-virtual-dtor
@@ -35,6 +34,9 @@ endif()
 set(POST_WORD_FLAGS "")
 if(POST_WORD_SIZE EQUAL 32)
   set(POST_WORD_FLAGS "-m32")
+  # Physical addresses above 2 GiB are file offsets. A 64-bit build has them anyway, and keeps the plain names of the C
+  # library's calls, by which preloaded libraries and tracers know them.
+  add_compile_definitions(_FILE_OFFSET_BITS=64)
   # The fences need SSE2; with SSE arithmetic, doubles are doubles in both word sizes.
   add_compile_options(-m32 -msse2 -mfpmath=sse)
   add_link_options(-m32)

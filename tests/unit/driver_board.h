@@ -71,13 +71,13 @@ inline void on_board(const std::string &option, const std::function<void()> &bod
 
 extern "C" {
 
-decltype(fcntl) __real_fcntl64, __wrap_fcntl64;
+decltype(fcntl) __real_fcntl, __wrap_fcntl;
 void *__real_malloc(size_t size), *__wrap_malloc(size_t size);
 decltype(mmap_get_map_pci) __real_mmap_get_map_pci, __wrap_mmap_get_map_pci;
 decltype(mmap_acc_init) __real_mmap_acc_init, __wrap_mmap_acc_init;
 decltype(diag_spin_usec) __wrap_diag_spin_usec;
 
-int __wrap_fcntl64(int fd, int cmd, ...) {
+int __wrap_fcntl(int fd, int cmd, ...) {
   va_list args;
   va_start(args, cmd);
   const auto parm = va_arg(args, struct flock *);
@@ -85,7 +85,7 @@ int __wrap_fcntl64(int fd, int cmd, ...) {
   const std::string file = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)).filename();
   if (cmd == F_SETLKW) note((parm->l_type == F_RDLCK ? "+r " : "+w ") + file);
   if (cmd == F_SETLK) note((parm->l_type == F_UNLCK ? "-" : "+? ") + file);
-  return __real_fcntl64(fd, cmd, parm);
+  return __real_fcntl(fd, cmd, parm);
 }
 
 void *__wrap_malloc(size_t size) {

@@ -14,18 +14,18 @@ static std::vector<request> requests;
 static std::vector<int> failures;  // of the next requests
 
 extern "C" {
-int __real_fcntl64(int fd, int cmd, ...);
-int __wrap_fcntl64(int fd, int cmd, ...);
+int __real_fcntl(int fd, int cmd, ...);
+int __wrap_fcntl(int fd, int cmd, ...);
 }
 
-int __wrap_fcntl64(int fd, int cmd, ...) {
+int __wrap_fcntl(int fd, int cmd, ...) {
   va_list args;
   va_start(args, cmd);
   auto *const lock = va_arg(args, struct flock *);
   va_end(args);
-  if (cmd != F_SETLK && cmd != F_SETLKW) return __real_fcntl64(fd, cmd, lock);
+  if (cmd != F_SETLK && cmd != F_SETLKW) return __real_fcntl(fd, cmd, lock);
   requests.push_back({cmd, lock->l_type, lock->l_whence, lock->l_start, lock->l_len, lock->l_pid});
-  if (failures.empty()) return __real_fcntl64(fd, cmd, lock);
+  if (failures.empty()) return __real_fcntl(fd, cmd, lock);
   errno = failures.back();
   failures.pop_back();
   return -1;
