@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <span>
@@ -88,6 +89,7 @@ bool devmem::power_up(std::string *error) {
   for (size_t i = 0; i < flash_window; i++) {
     if (!open_contents(i, error)) return false;
     m_nvram[i].start(m_contents[i].bytes(), static_cast<unsigned>(i), m_opts);
+    m_nvram[i].tell(audit(i));
   }
   return !file_exists(contents_path(flash_window)) || power_up_flash(error);
 }
@@ -104,11 +106,34 @@ bool devmem::open_contents(size_t window, std::string *error) {
       contents_path(window), length, [&] { return contents.next(); }, error);
 }
 
+// --- Audit of power cuts --------------------------------------------------------------------------------------------
+
+cut_audit *devmem::audit(size_t window) {
+  if (m_opts.cut_audit.empty()) return nullptr;
+  const auto bytes = m_contents[window].bytes();
+  const bool is_flash = window == flash_window;
+  const auto fault = is_flash ? std::string("flash-power-cut") : "nvram-power-cut instance=" + std::to_string(window);
+  return &m_audits[window].emplace(windows[window].name, bytes, is_flash ? flash_sector_bytes : windows[window].length,
+                                   fault);
+}
+
+void devmem::write_audit() {
+  std::string text;
+  for (auto &audit : m_audits)
+    if (audit && ::getpid() == m_owner) text += audit->table();
+  if (text.empty()) return;
+  text.insert(0, cut_audit::heading);
+  const file to{sys::open(m_opts.cut_audit.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC)};
+  if (to.is_open() && sys::write(to.fd(), text.data(), text.size()) == static_cast<ssize_t>(text.size())) return;
+  (void)std::fprintf(stderr, "board-sim: %s\n", os_error(m_opts.cut_audit).c_str());
+}
+
 // --- Flash ----------------------------------------------------------------------------------------------------------
 
 bool devmem::power_up_flash(std::string *error) {
   if (!open_contents(flash_window, error)) return false;
   m_flash.start(m_contents[flash_window].bytes(), m_opts);
+  m_flash.tell(audit(flash_window));
   m_flash_open = may_open_flash();
   return true;
 }
@@ -146,7 +171,8 @@ void devmem::set_flash_open(bool open) {
 // The access that a mapping may have without its model.
 int devmem::direct_prot(const mapping &m) const {
   if (m_trap_all || m_silent[m.window] != nullptr) return PROT_NONE;
-  if (m.window != flash_window) return m_nvram[m.window].healthy() ? m.prot : PROT_NONE;
+  if (m.window != flash_window && !m_nvram[m.window].healthy()) return PROT_NONE;
+  if (m.window != flash_window) return m_audits[m.window] ? m.prot & PROT_READ : m.prot;
   return m_flash_open ? m.prot & PROT_READ : PROT_NONE;
 }
 

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <optional>
 
 #include "sim/bus/lock.h"
 #include "sim/host/real.h"
@@ -90,6 +91,18 @@ class bus_log {
 // Behind a pointer: what a program does at its very end is still logged.
 constinit bus_log *running = nullptr;
 
+// The rest of the text behind `word`, or nothing.
+std::optional<std::string_view> behind(std::string_view text, std::string_view word) {
+  const auto at = text.find(word);
+  if (at == std::string_view::npos) return std::nullopt;
+  return text.substr(at + word.size());
+}
+
+std::string &row() {
+  static auto *const name = new std::string;
+  return *name;
+}
+
 }  // namespace
 
 std::string cycle_text(const bus_cycle &cycle) {
@@ -113,6 +126,15 @@ void bus_passed(const bus_cycle &cycle) {
   if (!bus_is_watched()) return;
   const keep_errno kept;
   running->take(cycle);
+}
+
+void program_prints(std::string_view text) {
+  const auto name = behind(text, "Executing ");
+  if (name) row() = name->substr(0, name->find(':'));
+}
+
+const std::string &row_now() {
+  return row();
 }
 
 bool log_open(const std::string &path, uint64_t limit) {

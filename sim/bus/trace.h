@@ -28,6 +28,14 @@ void bus_passed(const bus_cycle &cycle);
 // Whether anybody looks at what passes.
 [[nodiscard]] bool bus_is_watched();
 
+// --- The program's rows ---------------------------------------------------------------------------------------------
+
+// Looks whether a text that the program prints begins a row: "Executing NAME: ".
+void program_prints(std::string_view text);
+
+// The row that the program said last it begins; "" before the first.
+[[nodiscard]] const std::string &row_now();
+
 // --- The log: "SECONDS CYCLE", a line each, the seconds since it was opened with six decimals -----------------------
 
 // Logs at the end of a file, which is made if it does not exist, until log_close.
