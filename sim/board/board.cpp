@@ -65,7 +65,7 @@ struct board {
     device_files = find_device_files(opts);
     i2c = i2c_board::make(opts, memory.port(), error);
     if (!i2c) return false;
-    if (!opts.trace.empty() && !log_open(opts.trace, opts.trace_limit)) {
+    if (!opts.trace.empty() && !log_open(opts.trace, opts.trace_limit, i2c_bus_numbers(opts))) {
       *error = os_error(opts.trace);
       return false;
     }

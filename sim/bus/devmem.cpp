@@ -42,19 +42,6 @@ class new_contents {
   uint32_t m_state;
 };
 
-// One access as cycles of the 16-bit local bus, `visit(word offset, lanes, shift)`, the lowest first. The shift is
-// the place of the bus word's bit 0 in the data, negative when it lies below.
-template <class Visit>
-void for_each_cycle(uint32_t offset, unsigned width, Visit visit) {
-  const uint32_t end = offset + width / 8;
-  for (uint32_t word = offset & ~1U; word < end; word += 2) {
-    unsigned lanes = 0xFFFF;
-    if (word < offset) lanes &= 0xFF00U;
-    if (word + 1 >= end) lanes &= 0x00FFU;
-    visit(word, static_cast<uint16_t>(lanes), 8 * (static_cast<int>(word) - static_cast<int>(offset)));
-  }
-}
-
 // Why the bridge does not decode a window: its base address register holds no place in memory. Null if it does.
 const fault *undecoded(const window &w, const options &opts) {
   const auto found = std::ranges::find_if(opts.faults, [&](const fault &f) {
@@ -244,6 +231,10 @@ void devmem::word_write(size_t window, uint32_t offset, uint16_t word, uint16_t 
   }
 }
 
+void devmem::tell_ready(size_t window) const {
+  if (window == flash_window && bus_is_watched()) flash_ready_passed(!m_flash.is_busy());
+}
+
 uint32_t devmem::window_read(size_t window, uint32_t offset, unsigned width) {
   uint32_t data = 0;
   for_each_cycle(offset, width, [&](uint32_t at, uint16_t lanes, int shift) {
@@ -251,6 +242,7 @@ uint32_t devmem::window_read(size_t window, uint32_t offset, unsigned width) {
     data |= shift < 0 ? word >> -shift : word << shift;
   });
   bus_passed({windows[window].name, 'r', width, offset, data});
+  tell_ready(window);
   if (window == flash_window && may_open_flash() && ++m_array_reads >= reads_before_opening) set_flash_open(true);
   return data;
 }
@@ -261,6 +253,7 @@ void devmem::window_write(size_t window, uint32_t offset, unsigned width, uint32
     const uint32_t word = shift < 0 ? data << -shift : data >> shift;
     word_write(window, at, static_cast<uint16_t>(word & lanes), lanes);
   });
+  tell_ready(window);
   m_array_reads = 0;
   if (window == flash_window && m_flash_open && !may_open_flash()) set_flash_open(false);
 }

@@ -103,6 +103,7 @@ class devmem final : public cpu_bus {
   [[nodiscard]] const mapping *mapping_at(uintptr_t address, size_t bytes) const;
   [[nodiscard]] const mapping *accessed(uintptr_t address, unsigned width, int prot);
   [[nodiscard]] uint32_t window_read(size_t window, uint32_t offset, unsigned width);
+  void tell_ready(size_t window) const;
   void window_write(size_t window, uint32_t offset, unsigned width, uint32_t data);
   [[nodiscard]] uint16_t word_read(size_t window, uint32_t offset, uint16_t lanes);
   void word_write(size_t window, uint32_t offset, uint16_t word, uint16_t lanes);

@@ -61,6 +61,8 @@ class flash_model {
 
   // Whether reads may go to the contents at once: the chip reads its array, and nothing alters what it reads.
   [[nodiscard]] bool reads_plainly() const { return m_plain && reads_array(); }
+  // Whether it holds its RY/BY# pin low.
+  [[nodiscard]] bool is_busy() const { return m_mode >= phase::erase_window; }
   [[nodiscard]] bool reads_array() const { return m_mode < phase::autoselect; }
 
  private:
