@@ -65,7 +65,7 @@ struct board {
     device_files = find_device_files(opts);
     i2c = i2c_board::make(opts, memory.port(), error);
     if (!i2c) return false;
-    if (!opts.trace.empty() && !log_open(opts.trace, opts.trace_limit)) {
+    if (!opts.trace.empty() && !log_open(opts.trace, opts.trace_limit, i2c_bus_numbers(opts))) {
       *error = os_error(opts.trace);
       return false;
     }
@@ -113,10 +113,21 @@ int i2c_ioctl(int fd, uint32_t number, unsigned long request, void *arg) {
   return result;
 }
 
+// Audited is what healthy memories keep.
+std::string audit_check(const options &opts) {
+  const auto spoils = [](const fault &f) {
+    return f.row().part == fault_part::nvram || f.row().part == fault_part::flash;
+  };
+  const auto found = std::ranges::find_if(opts.faults, spoils);
+  if (opts.cut_audit.empty() || found == opts.faults.end()) return "";
+  return "fault '" + found->text + "': '--cut-audit' needs healthy memories";
+}
+
 }  // namespace
 
 std::string board_check(const options &opts) {
   auto wrong = pci_check(opts);
+  if (wrong.empty()) wrong = audit_check(opts);
   if (wrong.empty()) wrong = flash_check(opts);
   return wrong.empty() ? i2c_board::check(opts) : wrong;
 }
@@ -138,6 +149,10 @@ bool board_start(const options &opts, std::string *error) {
 void board_stop() {
   delete running;
   running = nullptr;
+}
+
+void board_program_ends() {
+  if (running != nullptr) running->memory.write_audit();
 }
 
 const options *board_options() {

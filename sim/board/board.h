@@ -23,6 +23,9 @@ bool board_start(const options &opts, std::string *error);
 // Takes the board away; the state directory stays. The C library's entry points are plain again.
 void board_stop();
 
+// The program ends as it wants: writes what is known only then. Errors go to standard error.
+void board_program_ends();
+
 // The running board's options, or null.
 const options *board_options();
 

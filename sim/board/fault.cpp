@@ -74,6 +74,7 @@ constexpr std::array fault_rows{std::to_array<fault_row>({
     {id::nvram_cell_coupled_write,       part::nvram,    when::lasting, "nvram-cell-coupled-write",       "instance=0..2 offset=0..0x7FFF bit=0..7 victim=0..0x7FFF vbit=0..7 [vlevel=0..1]", "writing one cell, be it the level that it holds, inverts another or gives it a level"},
     {id::nvram_cell_coupled_state,       part::nvram,    when::lasting, "nvram-cell-coupled-state",       "instance=0..2 offset=0..0x7FFF bit=0..7 victim=0..0x7FFF vbit=0..7 level=0..1 vlevel=0..1", "while one cell holds this level, another takes a level"},
     {id::nvram_cell_coupled_transition,  part::nvram,    when::lasting, "nvram-cell-coupled-transition",  "instance=0..2 offset=0..0x7FFF bit=0..7 victim=0..0x7FFF vbit=0..7 level=0..1 vlevel=0..1", "while one cell holds this level, another cannot be changed to a level"},
+    {id::nvram_power_cut,                part::nvram,    when::always,  "nvram-power-cut",                "instance=0..2 nth=1..100000000 [seed=0..0xFFFFFFFF:0]",                  "the run is killed at the nth write cycle to the instance; the word is written in part, by the seed"},
 
     // NOR flash. Lines as above; the chip's address A0 is bit 1 of the byte offset. An erased cell reads 1, a programmed
     // one 0; what disturbs a cell can but program it, and only an erase undoes that.

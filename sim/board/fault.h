@@ -26,7 +26,7 @@ enum class fault_id : uint8_t {
   nvram_data_stuck, nvram_data_short, nvram_data_floating, nvram_addr_stuck, nvram_addr_short, nvram_cell_stuck,
   nvram_cell_transition, nvram_cell_read_disturb, nvram_cell_read_deceptive, nvram_cell_read_wrong,
   nvram_cell_write_disturb, nvram_cell_coupled, nvram_cell_coupled_read, nvram_cell_coupled_write,
-  nvram_cell_coupled_state, nvram_cell_coupled_transition,
+  nvram_cell_coupled_state, nvram_cell_coupled_transition, nvram_power_cut,
 
   flash_data_stuck, flash_data_short, flash_data_floating, flash_addr_stuck, flash_addr_short, flash_cell_stuck,
   flash_cell_transition, flash_cell_read_disturb, flash_cell_read_deceptive, flash_cell_read_wrong,

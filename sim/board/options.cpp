@@ -102,6 +102,8 @@ constexpr std::array option_rows{std::to_array<option_row>({
     {"--trace",       "FILE", "write every device access and bus transaction to this file",
      [](command *cmd, std::string_view text) { return take_path(text, &cmd->opts.trace); }},
     {"--trace-limit", "BYTES", "end the log before it has more bytes",                                     take_trace_limit},
+    {"--cut-audit",   "FILE", "write to this file what a power cut would lose at each write to NVRAM and flash",
+     [](command *cmd, std::string_view text) { return take_path(text, &cmd->opts.cut_audit); }},
     {"--busy",        "polls|time", "count busy times in polls (default) or in real time",                 take_busy},
     {"--real-times",  nullptr, "take the real chip's flash times in place of scaled ones",
      [](command *cmd, std::string_view) { return cmd->opts.real_times = true; }},
@@ -212,6 +214,7 @@ std::string options_format(const options &opts) {
   if (!opts.state.empty()) lines += "\n--state=" + opts.state;
   if (!opts.trace.empty()) lines += "\n--trace=" + opts.trace;
   if (opts.trace_limit != 0) lines += "\n--trace-limit=" + std::to_string(opts.trace_limit);
+  if (!opts.cut_audit.empty()) lines += "\n--cut-audit=" + opts.cut_audit;
   if (opts.busy == busy::time) lines += "\n--busy=time";
   if (opts.real_times) lines += "\n--real-times";
   for (const auto &f : opts.faults)

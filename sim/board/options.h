@@ -24,6 +24,7 @@ struct options {
   std::string state;         // state directory, absolute
   std::string trace;         // bus log, absolute; empty for none. With a log every device access is trapped.
   uint64_t trace_limit = 0;  // bytes that the log may have, 0 for any number
+  std::string cut_audit;     // audit of power cuts, absolute; empty for none. Every write to a memory is trapped then.
   sim::busy busy = busy::polls;
   bool real_times = false;  // flash timings of the real chip instead of the scaled ones
   std::vector<fault> faults;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <mutex>
 #include <span>
@@ -41,19 +42,6 @@ class new_contents {
   uint32_t m_state;
 };
 
-// One access as cycles of the 16-bit local bus, `visit(word offset, lanes, shift)`, the lowest first. The shift is
-// the place of the bus word's bit 0 in the data, negative when it lies below.
-template <class Visit>
-void for_each_cycle(uint32_t offset, unsigned width, Visit visit) {
-  const uint32_t end = offset + width / 8;
-  for (uint32_t word = offset & ~1U; word < end; word += 2) {
-    unsigned lanes = 0xFFFF;
-    if (word < offset) lanes &= 0xFF00U;
-    if (word + 1 >= end) lanes &= 0x00FFU;
-    visit(word, static_cast<uint16_t>(lanes), 8 * (static_cast<int>(word) - static_cast<int>(offset)));
-  }
-}
-
 // Why the bridge does not decode a window: its base address register holds no place in memory. Null if it does.
 const fault *undecoded(const window &w, const options &opts) {
   const auto found = std::ranges::find_if(opts.faults, [&](const fault &f) {
@@ -88,6 +76,7 @@ bool devmem::power_up(std::string *error) {
   for (size_t i = 0; i < flash_window; i++) {
     if (!open_contents(i, error)) return false;
     m_nvram[i].start(m_contents[i].bytes(), static_cast<unsigned>(i), m_opts);
+    m_nvram[i].tell(audit(i));
   }
   return !file_exists(contents_path(flash_window)) || power_up_flash(error);
 }
@@ -104,11 +93,34 @@ bool devmem::open_contents(size_t window, std::string *error) {
       contents_path(window), length, [&] { return contents.next(); }, error);
 }
 
+// --- Audit of power cuts --------------------------------------------------------------------------------------------
+
+cut_audit *devmem::audit(size_t window) {
+  if (m_opts.cut_audit.empty()) return nullptr;
+  const auto bytes = m_contents[window].bytes();
+  const bool is_flash = window == flash_window;
+  const auto fault = is_flash ? std::string("flash-power-cut") : "nvram-power-cut instance=" + std::to_string(window);
+  return &m_audits[window].emplace(windows[window].name, bytes, is_flash ? flash_sector_bytes : windows[window].length,
+                                   fault);
+}
+
+void devmem::write_audit() {
+  std::string text;
+  for (auto &audit : m_audits)
+    if (audit && ::getpid() == m_owner) text += audit->table();
+  if (text.empty()) return;
+  text.insert(0, cut_audit::heading);
+  const file to{sys::open(m_opts.cut_audit.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC)};
+  if (to.is_open() && sys::write(to.fd(), text.data(), text.size()) == static_cast<ssize_t>(text.size())) return;
+  (void)std::fprintf(stderr, "board-sim: %s\n", os_error(m_opts.cut_audit).c_str());
+}
+
 // --- Flash ----------------------------------------------------------------------------------------------------------
 
 bool devmem::power_up_flash(std::string *error) {
   if (!open_contents(flash_window, error)) return false;
   m_flash.start(m_contents[flash_window].bytes(), m_opts);
+  m_flash.tell(audit(flash_window));
   m_flash_open = may_open_flash();
   return true;
 }
@@ -146,7 +158,8 @@ void devmem::set_flash_open(bool open) {
 // The access that a mapping may have without its model.
 int devmem::direct_prot(const mapping &m) const {
   if (m_trap_all || m_silent[m.window] != nullptr) return PROT_NONE;
-  if (m.window != flash_window) return m_nvram[m.window].healthy() ? m.prot : PROT_NONE;
+  if (m.window != flash_window && !m_nvram[m.window].healthy()) return PROT_NONE;
+  if (m.window != flash_window) return m_audits[m.window] ? m.prot & PROT_READ : m.prot;
   return m_flash_open ? m.prot & PROT_READ : PROT_NONE;
 }
 
@@ -218,6 +231,10 @@ void devmem::word_write(size_t window, uint32_t offset, uint16_t word, uint16_t 
   }
 }
 
+void devmem::tell_ready(size_t window) const {
+  if (window == flash_window && bus_is_watched()) flash_ready_passed(!m_flash.is_busy());
+}
+
 uint32_t devmem::window_read(size_t window, uint32_t offset, unsigned width) {
   uint32_t data = 0;
   for_each_cycle(offset, width, [&](uint32_t at, uint16_t lanes, int shift) {
@@ -225,6 +242,7 @@ uint32_t devmem::window_read(size_t window, uint32_t offset, unsigned width) {
     data |= shift < 0 ? word >> -shift : word << shift;
   });
   bus_passed({windows[window].name, 'r', width, offset, data});
+  tell_ready(window);
   if (window == flash_window && may_open_flash() && ++m_array_reads >= reads_before_opening) set_flash_open(true);
   return data;
 }
@@ -235,6 +253,7 @@ void devmem::window_write(size_t window, uint32_t offset, unsigned width, uint32
     const uint32_t word = shift < 0 ? data << -shift : data >> shift;
     word_write(window, at, static_cast<uint16_t>(word & lanes), lanes);
   });
+  tell_ready(window);
   m_array_reads = 0;
   if (window == flash_window && m_flash_open && !may_open_flash()) set_flash_open(false);
 }

@@ -4,6 +4,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -11,6 +12,7 @@
 #include "sim/bus/layout.h"
 #include "sim/bus/lock.h"
 #include "sim/bus/trap.h"
+#include "sim/devices/cut_audit.h"
 #include "sim/devices/flash.h"
 #include "sim/devices/nvram.h"
 #include "sim/devices/port.h"
@@ -48,6 +50,9 @@ class devmem final : public cpu_bus {
 
   [[nodiscard]] io_port &port() { return m_port; }
 
+  // Adds the audit of power cuts, if there is one, to its file. Where that fails, standard error tells so.
+  void write_audit();
+
   // The processor's accesses.
   [[nodiscard]] bool holds(uintptr_t address) override;
   [[nodiscard]] bool load(uintptr_t address, unsigned width, uint64_t *data) override;
@@ -79,13 +84,16 @@ class devmem final : public cpu_bus {
   std::array<const fault *, windows.size()> m_silent{};  // why the bridge does not decode the window
   std::array<nvram_model, flash_window> m_nvram;
   flash_model m_flash;
-  bool m_flash_open = false;   // its mappings allow reading
-  unsigned m_array_reads = 0;  // trapped ones in a row
+  std::array<std::optional<cut_audit>, windows.size()> m_audits;
+  const pid_t m_owner = ::getpid();  // whose run is audited
+  bool m_flash_open = false;         // its mappings allow reading
+  unsigned m_array_reads = 0;        // trapped ones in a row
   io_port m_port;
   std::vector<mapping> m_mappings;
 
   [[nodiscard]] std::string contents_path(size_t window) const;
   [[nodiscard]] bool open_contents(size_t window, std::string *error);
+  [[nodiscard]] cut_audit *audit(size_t window);
   [[nodiscard]] bool power_up_flash(std::string *error);
   [[nodiscard]] bool may_open_flash() const;
   void first_flash_access();
@@ -95,6 +103,7 @@ class devmem final : public cpu_bus {
   [[nodiscard]] const mapping *mapping_at(uintptr_t address, size_t bytes) const;
   [[nodiscard]] const mapping *accessed(uintptr_t address, unsigned width, int prot);
   [[nodiscard]] uint32_t window_read(size_t window, uint32_t offset, unsigned width);
+  void tell_ready(size_t window) const;
   void window_write(size_t window, uint32_t offset, unsigned width, uint32_t data);
   [[nodiscard]] uint16_t word_read(size_t window, uint32_t offset, uint16_t lanes);
   void word_write(size_t window, uint32_t offset, uint16_t word, uint16_t lanes);

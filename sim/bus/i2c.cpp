@@ -142,6 +142,7 @@ int i2c_bus::transfer(std::span<i2c_message> messages) {
   }
   for (auto *const to : started)
     to->device->stop();
+  if (!messages.empty()) i2c_stop_passed(m_number);
   return error;
 }
 

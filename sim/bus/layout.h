@@ -22,4 +22,17 @@ inline constexpr std::array<window, 4> windows{{
 }};
 // clang-format on
 
+// One access as cycles of the 16-bit local bus, `visit(word offset, lanes, shift)`, the lowest first. The shift is
+// the place of the bus word's bit 0 in the data, negative when it lies below.
+template <class Visit>
+void for_each_cycle(uint32_t offset, unsigned width, Visit visit) {
+  const uint32_t end = offset + width / 8;
+  for (uint32_t word = offset & ~1U; word < end; word += 2) {
+    unsigned lanes = 0xFFFF;
+    if (word < offset) lanes &= 0xFF00U;
+    if (word + 1 >= end) lanes &= 0x00FFU;
+    visit(word, static_cast<uint16_t>(lanes), 8 * (static_cast<int>(word) - static_cast<int>(offset)));
+  }
+}
+
 }  // namespace sim

@@ -3,12 +3,16 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <array>
 #include <cinttypes>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <mutex>
+#include <optional>
 
 #include "sim/bus/lock.h"
+#include "sim/bus/waves.h"
 #include "sim/host/real.h"
 
 namespace sim {
@@ -38,19 +42,33 @@ class broken_pipe_guard {
 
 class bus_log {
  public:
-  bus_log(int fd, const std::string &path, uint64_t limit) : m_file(fd), m_path(path) {
+  bus_log(int fd, const std::string &path, uint64_t limit, std::span<const uint32_t> i2c_buses)
+      : m_file(fd), m_path(path) {
     struct stat st {};
     m_plain = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
     const uint64_t used = m_plain ? static_cast<uint64_t>(st.st_size) : 0;
     m_left = limit == 0 ? UINT64_MAX : limit - std::min(limit, used);
+    if (path.ends_with(".vcd")) m_waves.emplace();
+    if (m_waves && used == 0) put(waves::header(i2c_buses));
   }
 
   void take(const bus_cycle &cycle) {
+    if (m_waves) return draw([&](waves &to) { return to.cycle(cycle); });
     const std::lock_guard held(m_lock);
     const auto usec = (monotonic_nsec() - m_started_nsec) / 1000;
     char time[32];
     (void)std::snprintf(time, sizeof(time), "%" PRId64 ".%06" PRId64 " ", usec / 1000000, usec % 1000000);
     put(time + cycle_text(cycle) + "\n");
+  }
+
+  // Adds to the waveforms, if that is what the log holds.
+  template <class Text>
+  void draw(Text text) {
+    if (!m_waves) return;
+    const std::lock_guard held(m_lock);
+    join_others();
+    const auto drawn = text(*m_waves);
+    if (!drawn.empty()) put(drawn);
   }
 
   [[nodiscard]] bool is_open() const { return !m_ended; }
@@ -63,6 +81,22 @@ class bus_log {
   bool m_plain = false;
   uint64_t m_left = 0;
   bool m_ended = false;
+  std::optional<waves> m_waves;
+  off_t m_size = 0;  // of the file, as this program left it
+
+  // Where another program has written to the file, its time goes on.
+  void join_others() {
+    const off_t size = m_plain ? ::lseek(m_file.fd(), 0, SEEK_END) : m_size;
+    if (size == m_size) return;
+    const file reading{sys::open(m_path.c_str(), O_RDONLY | O_CLOEXEC)};
+    std::array<char, 0x1000> tail{};
+    const auto from = std::max<off_t>(size - static_cast<off_t>(tail.size()), 0);
+    const auto length = ::pread(reading.fd(), tail.data(), tail.size(), from);
+    const std::string_view text(tail.data(), static_cast<size_t>(std::max<ssize_t>(length, 0)));
+    const auto mark = text.rfind("\n#");
+    if (mark != std::string_view::npos) m_waves->go_on_from(std::strtoull(&text[mark + 2], nullptr, 10));
+    m_size = size;
+  }
 
   void put(const std::string &line) {
     if (line.size() > m_left) return end("it has reached its limit");
@@ -78,6 +112,7 @@ class bus_log {
     do {
       done = ::syscall(SYS_write, m_file.fd(), line.data(), line.size());
     } while (done < 0 && errno == EINTR);
+    m_size += std::max<ssize_t>(done, 0);
     if (done < static_cast<ssize_t>(line.size())) end(done < 0 ? std::strerror(errno) : std::strerror(ENOSPC));
   }
 
@@ -89,6 +124,25 @@ class bus_log {
 
 // Behind a pointer: what a program does at its very end is still logged.
 constinit bus_log *running = nullptr;
+
+// The rest of the text behind `word`, or nothing.
+std::optional<std::string_view> behind(std::string_view text, std::string_view word) {
+  const auto at = text.find(word);
+  if (at == std::string_view::npos) return std::nullopt;
+  return text.substr(at + word.size());
+}
+
+template <class Text>
+void draw(Text text) {
+  if (!bus_is_watched()) return;
+  const keep_errno kept;
+  running->draw(text);
+}
+
+std::string &row() {
+  static auto *const name = new std::string;
+  return *name;
+}
 
 }  // namespace
 
@@ -115,10 +169,29 @@ void bus_passed(const bus_cycle &cycle) {
   running->take(cycle);
 }
 
-bool log_open(const std::string &path, uint64_t limit) {
+void program_prints(std::string_view text) {
+  const auto name = behind(text, "Executing ");
+  if (!name) return;
+  row() = name->substr(0, name->find(':'));
+  draw([](waves &to) { return to.row(row()); });
+}
+
+const std::string &row_now() {
+  return row();
+}
+
+void i2c_stop_passed(uint32_t bus) {
+  draw([&](waves &to) { return to.i2c_stop(bus); });
+}
+
+void flash_ready_passed(bool ready) {
+  draw([&](waves &to) { return to.flash_ready(ready); });
+}
+
+bool log_open(const std::string &path, uint64_t limit, std::span<const uint32_t> i2c_buses) {
   log_close();
   const int fd = sys::keep(sys::open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC));
-  if (fd >= 0) running = new bus_log(fd, path, limit);
+  if (fd >= 0) running = new bus_log(fd, path, limit, i2c_buses);
   return fd >= 0;
 }
 

@@ -24,17 +24,31 @@ std::string cycle_text(const bus_cycle &cycle);
 
 // Every cycle of every bus passes here as it happens. errno stays as it was.
 void bus_passed(const bus_cycle &cycle);
+// A transaction on an I2C bus has ended.
+void i2c_stop_passed(uint32_t bus);
+// The level of the flash's RY/BY# pin.
+void flash_ready_passed(bool ready);
 
 // Whether anybody looks at what passes.
 [[nodiscard]] bool bus_is_watched();
 
+// --- The program's rows ---------------------------------------------------------------------------------------------
+
+// Looks whether a text that the program prints begins a row: "Executing NAME: ".
+void program_prints(std::string_view text);
+
+// The row that the program said last it begins; "" before the first.
+[[nodiscard]] const std::string &row_now();
+
 // --- The log: "SECONDS CYCLE", a line each, the seconds since it was opened with six decimals -----------------------
 
-// Logs at the end of a file, which is made if it does not exist, until log_close.
+// Logs at the end of a file, which is made if it does not exist, until log_close. A name that ends in ".vcd" asks for
+// waveforms in place of lines; see waves.h.
 //   limit  bytes that the file may have, 0 for any number. The line that would make it larger ends the log.
+//   i2c_buses  the numbers of the board's buses
 // Where the log ends early, by its limit, a full disk or a pipe without a reader, standard error tells so.
 // Returns false with errno set if the file cannot be written.
-[[nodiscard]] bool log_open(const std::string &path, uint64_t limit);
+[[nodiscard]] bool log_open(const std::string &path, uint64_t limit, std::span<const uint32_t> i2c_buses);
 void log_close();
 
 }  // namespace sim

@@ -3,9 +3,18 @@
 #include <algorithm>
 #include <array>
 
+#include "sim/board/random.h"
 #include "sim/devices/lines.h"
 
 namespace sim {
+
+uint16_t torn_word(const word_write &w, uint64_t *random) {
+  const uint64_t chosen = random_next(random);
+  const std::array<uint16_t, 4> masks{0, 0xFFFF, static_cast<uint16_t>(chosen >> 16U),
+                                      static_cast<uint16_t>(chosen >> 32U)};
+  const uint16_t left = masks[chosen % masks.size()];
+  return static_cast<uint16_t>((w.wanted & ~left) | (w.before & left));
+}
 
 const bad_cells::kind_row *bad_cells::row_of(fault_id id) {
   using enum kind;

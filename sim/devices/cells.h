@@ -19,6 +19,9 @@ struct word_write {
   uint16_t lanes = 0xFFFF;
 };
 
+// What the word holds when the power fails while it is written: all, some or none of its bits are.
+[[nodiscard]] uint16_t torn_word(const word_write &w, uint64_t *random);
+
 class bad_cells {
  public:
   // Adds the fault if it is one of a cell. Returns whether it is. The fault must stay.

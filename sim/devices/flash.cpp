@@ -8,6 +8,7 @@
 #include <algorithm>
 
 #include "sim/board/random.h"
+#include "sim/devices/cut_audit.h"
 #include "sim/host/real.h"
 
 namespace sim {
@@ -221,12 +222,14 @@ uint16_t flash_model::read(uint32_t offset) {
 
 void flash_model::write(uint32_t offset, uint16_t data) {
   if (m_power_cut != nullptr && m_power_cut->acts()) m_cut = m_power_cut->get("seed");
+  if (m_audit != nullptr) m_audit->cycle();
   if (m_silent == nullptr || !m_silent->strikes()) {
     const auto seen = decoded(static_cast<uint8_t>(data));
     const uint32_t arriving = m_cycle_address.pass(offset, seen.address);
     m_cycle_address.fired();
     chip_write(arriving, m_cycle_data.to_chip(data, seen.data));
   }
+  if (m_audit != nullptr && m_mode == phase::array) m_audit->settle("other commands");
   if (!m_cut) return;
   if (m_mode == phase::erase_window) erase();
   m_power_cut->fired();
@@ -395,6 +398,7 @@ void flash_model::erase_cycle(uint32_t offset, uint8_t code) {
     open_window();
   } else if (code == cmd_chip_erase && (offset / 2 & command_address_mask) == unlock1_word) {
     m_erasing_sectors.set();
+    if (m_audit != nullptr) tell_erase();
     erase();
   } else {
     next_cycle(false, phase::lost, code);
@@ -472,6 +476,7 @@ void flash_model::busy_cycle(uint32_t offset, uint8_t code) {
 
 void flash_model::program(std::span<const word_load> words, unsigned typical_us, unsigned factor) {
   m_erasing_sectors.reset();
+  if (m_audit != nullptr) tell_program(words);
   const uint32_t sector = sector_of(words[0].offset);
   const auto changes = [&](const word_load &w) { return (word_get(m_memory, w.offset) & ~w.data) != 0; };
   m_outcome = ending::success;
@@ -481,6 +486,7 @@ void flash_model::program(std::span<const word_load> words, unsigned typical_us,
     for (const auto &w : words)
       if (!program_word(w.offset, w.data)) m_outcome = ending::failure;
   }
+  if (m_audit != nullptr) m_audit->done();
   run(phase::programming, int64_t{1000} << typical_us, factor, flash_program_polls);
 }
 
@@ -492,7 +498,7 @@ bool flash_model::program_word(uint32_t offset, uint16_t data) {
   const word_write w{at, before, static_cast<uint16_t>(before & taken)};
   if (at != offset && (w.wanted != before || (word_get(m_memory, offset) & ~taken) != 0)) m_array_address.fired();
   if (m_cut) {
-    program_torn(w);
+    word_set(m_memory, at, torn_word(w, &*m_cut));
     return true;
   }
   const uint16_t after = m_cells.take(m_memory, w);
@@ -511,16 +517,35 @@ void flash_model::clear_bit(const fault &f, uint32_t base) {
   if ((byte & bit) != 0 && f.strikes()) byte ^= bit;
 }
 
-// The power fails while the word is programmed: all, some or none of its bits are.
-void flash_model::program_torn(const word_write &w) {
-  const uint64_t random = random_next(&*m_cut);
-  const std::array<uint16_t, 4> left{0, 0xFFFF, static_cast<uint16_t>(random >> 16U),
-                                     static_cast<uint16_t>(random >> 32U)};
-  word_set(m_memory, w.at, static_cast<uint16_t>(w.wanted | (w.before & left[random % left.size()])));
+// --- The audit of power cuts. It counts the times of the real chip.
+
+void flash_model::tell_program(std::span<const word_load> words) const {
+  static_assert(flash_times_real.word_us == flash_times_real.buffer_us);
+  std::vector<word_write> writes;
+  for (const auto &w : words) {
+    const uint16_t before = word_get(m_memory, w.offset);
+    writes.push_back({w.offset, before, static_cast<uint16_t>(before & w.data)});
+  }
+  std::ranges::sort(writes, {}, &word_write::at);
+  const auto what = "sector " + std::to_string(sector_of(writes[0].at)) + " program";
+  m_audit->tears(what, writes, 1U << flash_times_real.buffer_us);
+}
+
+void flash_model::tell_erase() const {
+  uint32_t first = 0;
+  while (!m_erasing_sectors[first])
+    first++;
+  uint32_t last = flash_sectors - 1;
+  while (!m_erasing_sectors[last])
+    last--;
+  m_audit->tears("sector " + std::to_string(first) + " erase", first * flash_sector_bytes,
+                 (last - first + 1) * flash_sector_bytes,
+                 m_erasing_sectors.count() * 1000 << flash_times_real.erase_ms);
 }
 
 void flash_model::open_window() {
   m_mode = phase::erase_window;
+  if (m_audit != nullptr) tell_erase();
   if (m_real_time) m_window_end_ns = monotonic_nsec() + erase_window_ns;
 }
 
@@ -534,6 +559,7 @@ void flash_model::erase() {
     }
     if (!erase_sector(sector)) m_outcome = ending::failure;
   }
+  if (m_audit != nullptr) m_audit->done();
   const auto sectors = static_cast<int64_t>(m_erasing_sectors.count());
   run(phase::erasing, sectors * 1'000'000 << m_times.erase_ms, m_times.erase_factor, flash_erase_polls - 1);
 }

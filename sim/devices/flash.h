@@ -45,10 +45,15 @@ inline constexpr flash_times flash_times_scaled{2, 2, 1, 3, 3, 3};
 // Tells why a fault that `opts` asks of the flash would do nothing: "" if each does something.
 std::string flash_check(const options &opts);
 
+class cut_audit;
+
 class flash_model {
  public:
   // Powers the chip up on its contents (flash_bytes of them). They stay the caller's, who keeps `opts`, too.
   void start(std::span<uint8_t> contents, const options &opts);
+
+  // Tells the audit of every write from now on. It must stay.
+  void tell(cut_audit *audit) { m_audit = audit; }
 
   // One 16-bit bus cycle at an even byte offset.
   [[nodiscard]] uint16_t read(uint32_t offset);
@@ -56,6 +61,8 @@ class flash_model {
 
   // Whether reads may go to the contents at once: the chip reads its array, and nothing alters what it reads.
   [[nodiscard]] bool reads_plainly() const { return m_plain && reads_array(); }
+  // Whether it holds its RY/BY# pin low.
+  [[nodiscard]] bool is_busy() const { return m_mode >= phase::erase_window; }
   [[nodiscard]] bool reads_array() const { return m_mode < phase::autoselect; }
 
  private:
@@ -112,6 +119,7 @@ class flash_model {
   bool m_plain = true;                       // nothing alters what the array reads
   std::optional<uint64_t> m_cut;             // the power fails in this cycle: state of the random numbers
   std::array<uint16_t, 0x100> m_query_table{};
+  cut_audit *m_audit = nullptr;
 
   // The write buffer.
   uint32_t m_buffer_sector = 0;
@@ -158,7 +166,8 @@ class flash_model {
 
   void program(std::span<const word_load> words, unsigned typical_us, unsigned factor);
   [[nodiscard]] bool program_word(uint32_t offset, uint16_t data);
-  void program_torn(const word_write &w);
+  void tell_program(std::span<const word_load> words) const;
+  void tell_erase() const;
   void clear_bit(const fault &f, uint32_t base);
   void open_window();
   void erase();

@@ -1,6 +1,11 @@
 // nvram.cpp: battery-backed RAM with bad lines and cells.
 #include "sim/devices/nvram.h"
 
+#include <signal.h>
+#include <unistd.h>
+
+#include "sim/devices/cut_audit.h"
+
 namespace sim {
 
 void nvram_model::start(std::span<uint8_t> contents, unsigned instance, const options &opts) {
@@ -22,6 +27,9 @@ void nvram_model::add(const fault &f) {
       return m_address.add_stuck(f);
     case fault_id::nvram_addr_short:
       return m_address.add_shorted(f);
+    case fault_id::nvram_power_cut:
+      m_power_cut = &f;
+      return;
     default:
       (void)m_cells.add(f);
   }
@@ -44,8 +52,17 @@ void nvram_model::write(uint32_t offset, uint16_t word, uint16_t lanes) {
   const word_write w{at, before, static_cast<uint16_t>((before & ~lanes) | (taken & lanes)), lanes};
   const bool there_differs = ((word_get(m_memory, offset) ^ taken) & lanes) != 0;
   if (at != offset && (there_differs || w.wanted != before)) m_address.fired();
+  if (m_power_cut != nullptr && m_power_cut->strikes()) cut_power(w);
+  if (m_audit != nullptr) m_audit->write(w);
   word_set(m_memory, at, m_cells.take(m_memory, w));
+  if (m_audit != nullptr) m_audit->done();
   m_cells.disturb(m_memory, w);
+}
+
+void nvram_model::cut_power(const word_write &w) {
+  uint64_t random = m_power_cut->get("seed");
+  word_set(m_memory, w.at, torn_word(w, &random));
+  kill(getpid(), SIGKILL);
 }
 
 }  // namespace sim

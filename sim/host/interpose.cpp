@@ -30,6 +30,7 @@
 #include <vector>
 
 #include "sim/board/board.h"
+#include "sim/bus/trace.h"
 #include "sim/host/children.h"
 #include "sim/host/lock_holder.h"
 #include "sim/host/real.h"
@@ -112,6 +113,19 @@ int open_any(int dir, const char *path, int flags, mode_t mode) {
   if (to->error != 0) return sim::fail(to->error);
   if (to->device != sim::device::none) return sim::device_open(*to, flags);
   return static_cast<int>(syscall(SYS_openat, AT_FDCWD, to->path.c_str(), flags | O_LARGEFILE, mode));
+}
+
+// Rows are told by what the program prints.
+__attribute__((format(printf, 1, 0))) int print(const char *format, va_list args) {
+  if (sim::board_options() != nullptr && strstr(format, "Executing ") != nullptr) {
+    char text[128];
+    va_list again;
+    va_copy(again, args);
+    (void)vsnprintf(text, sizeof(text), format, again);
+    va_end(again);
+    sim::program_prints(text);
+  }
+  return vprintf(format, args);
 }
 
 // The mode of an opening call is there only with the flags that make a file.
@@ -231,6 +245,7 @@ extern "C" {
 int __open_2(const char *path, int flags);
 int __openat_2(int dir, const char *path, int flags);
 ssize_t __read_chk(int fd, void *to, size_t length, size_t room);
+int __printf_chk(int flag, const char *format, ...) __attribute__((format(printf, 2, 3)));
 
 // --- Opening. Forms for large files are the same.
 
@@ -341,6 +356,23 @@ FILE *popen(const char *command, const char *mode) {
   const auto run = next<"popen">(popen);
   if (opts == nullptr) return run(command, mode);
   return in_shell(*opts, command, [&](const char *text) { return run(text, mode); });
+}
+
+// --- What the program prints.
+
+int printf(const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  const int result = print(format, args);
+  va_end(args);
+  return result;
+}
+int __printf_chk(int, const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  const int result = print(format, args);
+  va_end(args);
+  return result;
 }
 
 // --- Devices.

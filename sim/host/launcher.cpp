@@ -120,8 +120,10 @@ int run_on_board(sim::command cmd) {
   if (!error.empty()) return fail(error);
   fill_standard_descriptors();
   sim::file trace;
+  sim::file audit;
   sim::file faults;
-  if (!begin_output(&cmd.opts.trace, &trace, &error) || !begin_output(&cmd.fault_report, &faults, &error))
+  if (!begin_output(&cmd.opts.trace, &trace, &error) || !begin_output(&cmd.opts.cut_audit, &audit, &error) ||
+      !begin_output(&cmd.fault_report, &faults, &error))
     return fail(error);
   sim::take_signals();
   sim::state_directory state;

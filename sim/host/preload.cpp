@@ -18,4 +18,8 @@ namespace {
   if (const char *const list = std::getenv("LD_PRELOAD")) sim::guard_programs(list);
 }
 
+[[gnu::destructor]] void end() {
+  sim::board_program_ends();
+}
+
 }  // namespace

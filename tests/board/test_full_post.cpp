@@ -6,13 +6,18 @@
 #include <array>
 #include <csignal>
 #include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <random>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "post/dorvan/cards.h"
+#include "sim/devices/cut_audit.h"
 #include "tests/board/post_output.h"
 #include "tests/support/run.h"
 
@@ -25,10 +30,6 @@ using testing::IsEmpty;
 constexpr size_t flash_size = 0x4000000;
 constexpr size_t sector_size = 0x20000;
 constexpr size_t nvram_size = 0x8000;
-
-// The sectors that the OBFL test writes, in its order.
-constexpr std::array tested_sectors = {6,  0,   2,  509, 4,   507, 8,   503, 16, 495,
-                                       32, 479, 64, 447, 128, 383, 256, 255, 0,  511};
 
 std::string noise(size_t size, unsigned seed) {
   std::mt19937 random(seed);
@@ -50,6 +51,12 @@ class full_board {
     }
     for (unsigned i = 0; i < nvram_.size(); ++i)
       nvram_[i] = noise(nvram_size, 1000 + i);
+    reset();
+  }
+
+  // Everything is again as it was.
+  void reset() const {
+    forget_records();
     write("flash", flash_);
     for (size_t i = 0; i < nvram_.size(); ++i)
       write("nvram" + std::to_string(i), nvram_[i]);
@@ -57,6 +64,13 @@ class full_board {
 
   outcome run(std::vector<std::string> args) const { return run_board(state_.path(), args); }
 
+  void forget_records() const { std::filesystem::remove(state_.path() / "post/result"); }
+
+  [[nodiscard]] std::string file(const std::string &name) const { return state_.path() / name; }
+  [[nodiscard]] std::string read(const std::string &name) const { return read_file(state_.path() / name); }
+  [[nodiscard]] const std::string &before(const std::string &memory) const {
+    return memory == "flash" ? flash_ : nvram_[static_cast<size_t>(memory.back() - '0')];
+  }
   [[nodiscard]] std::string nvram_before(size_t instance) const { return nvram_[instance]; }
   [[nodiscard]] std::string nvram_after(size_t instance) const { return read("nvram" + std::to_string(instance)); }
   [[nodiscard]] std::string sector_before(size_t sector) const {
@@ -89,7 +103,6 @@ class full_board {
   void write(const std::string &name, const std::string &bytes) const {
     std::ofstream(state_.path() / name, std::ios::binary) << bytes;
   }
-  [[nodiscard]] std::string read(const std::string &name) const { return read_file(state_.path() / name); }
 
   temp_dir state_;
   std::string flash_;
@@ -345,26 +358,86 @@ TEST(locks, are_waited_for) {
                    {.said = {{"10:0", never + no_erase}}, .failed = {"10:0"}});
 }
 
-// A run that dies leaves the sector under test to be lost, and no other.
-class killed_at : public testing::TestWithParam<int> {};
+// --- Power cuts: real ones against the audit of a whole run
+// -----------------------------------------------------------
 
-TEST_P(killed_at, loses_at_most_the_sector_under_test) {
-  constexpr int cycles_of_sector_test = 86000;  // six of each erase, 21 of each page program
-  const full_board board;
-  const outcome run = board.run({"--fault", "flash-power-cut nth=" + std::to_string(GetParam())});
-  EXPECT_EQ(run.status, 128 + SIGKILL);
-  EXPECT_THAT(run.out, HasSubstr("OBFL Test: \n."));
-  const auto changed = board.changed_sectors();
-  ASSERT_LE(changed.size(), 1U);
-  const int at = GetParam() / cycles_of_sector_test;
-  for (const size_t sector : changed)
-    EXPECT_TRUE(static_cast<int>(sector) == tested_sectors[static_cast<size_t>(at)] ||
-                (at > 0 && static_cast<int>(sector) == tested_sectors[static_cast<size_t>(at - 1)]))
-        << sector;
-  EXPECT_THAT(board.changed_nvrams(), IsEmpty());
+struct cut {
+  std::string fault, memory;
+  uint64_t certain = 0, at_most = 0, first = 0, length = 0, sum = 0;
+};
+
+// The cuts that an audit lists.
+std::vector<cut> cuts_in(const std::string &audit) {
+  std::vector<cut> list;
+  std::istringstream lines(audit);
+  for (std::string line; std::getline(lines, line);) {
+    std::smatch m;
+    if (!std::regex_match(line, m,
+                          std::regex("cut\t(\\S+ (?:instance=(.) )?nth=\\d+)\t(\\d+)\t(\\S+)\t(\\d+)\t(\\S+)\t(\\S+)")))
+      continue;
+    const auto number = [&](size_t i) -> uint64_t { return std::stoull(m[i], nullptr, 0); };
+    list.push_back(
+        {m[1], m[2].matched ? "nvram" + m.str(2) : "flash", number(3), number(5), number(6), number(7), number(4)});
+  }
+  return list;
 }
 
-INSTANTIATE_TEST_SUITE_P(full_post, killed_at,
-                         testing::Values(1, 4, 5, 9, 10, 11, 30, 52, 53, 1000, 60000, 86100, 86110, 130000, 260000));
+// What a cut left of its memory is what the audit says: outside of what it tears exactly so, inside no more than that.
+void expect_audited(const cut &c, const std::string &before, const std::string &after) {
+  constexpr size_t block = 0x1000;
+  size_t certain = 0, torn = 0;
+  uint64_t sum = 0;
+  ASSERT_EQ(after.size(), before.size());
+  for (size_t at = 0; at < after.size(); at += 2) {
+    while (at % block == 0 && at < after.size() && std::memcmp(&after[at], &before[at], block) == 0)
+      at += block;
+    if (at == after.size()) break;
+    if (after.compare(at, 2, before, at, 2) == 0) continue;
+    const bool inside = at >= c.first && at - c.first < c.length;
+    const auto word = static_cast<uint8_t>(after[at]) | static_cast<uint8_t>(after[at + 1]) << 8;
+    if (!inside) sum += sim::cut_sum(static_cast<uint32_t>(at), static_cast<uint16_t>(word));
+    ++(inside ? torn : certain);
+  }
+  EXPECT_EQ(certain, c.certain);
+  EXPECT_EQ(sum, c.sum);
+  EXPECT_LE(certain + torn, c.at_most);
+}
+
+// Of tools/cut-audit: how many cuts, all over the run, and where the audit goes. Else they are few, most of them early,
+// where a run is short.
+std::string asked_for(const char *variable, const std::string &otherwise) {
+  const char *const asked = std::getenv(variable);
+  return asked == nullptr ? otherwise : asked;
+}
+
+TEST(power_cut, loses_what_the_audit_says_and_hinders_no_run_after_it) {
+  const full_board board;
+  const auto audit = asked_for("POST_CUT_AUDIT", board.file("audit"));
+  (void)expect_run(board, {"--cut-audit", audit}, {});
+  const auto all = cuts_in(read_file(audit));
+  ASSERT_GT(all.size(), 200U);
+  const size_t asked = std::stoul(asked_for("POST_CUTS", "0")), count = asked != 0            ? asked
+                                                                        : POST_FULL_RUNS == 1 ? 4
+                                                                                              : 8;
+  for (size_t i = 0; i < count; ++i) {
+    const double part = static_cast<double>(i) / static_cast<double>(count);
+    const cut &c = all[static_cast<size_t>(static_cast<double>(all.size()) * (asked != 0 ? part : part * part * part))];
+    SCOPED_TRACE(c.fault + " seed=" + std::to_string(i));
+    board.reset();
+    const outcome run = board.run({"--fault", c.fault + " seed=" + std::to_string(i)});
+    EXPECT_EQ(run.status, 128 + SIGKILL);
+    for (const std::string name : {"nvram0", "nvram1", "nvram2", "flash"})
+      expect_audited(c.memory == name ? c : cut{}, board.before(name), board.read(name));
+    const std::string flash = board.read("flash");
+    const auto nvrams = board.changed_nvrams();
+    board.forget_records();
+    if (asked != 0 && i % 8 == 0)
+      (void)expect_run(board, {}, {});
+    else
+      (void)expect_run(board, {short_obfl}, {.said = {{"10:0", never + no_erase}}, .failed = {"10:0"}});
+    EXPECT_TRUE(board.read("flash") == flash) << "the next run keeps what it finds";
+    EXPECT_EQ(board.changed_nvrams(), nvrams);
+  }
+}
 
 }  // namespace

@@ -3,6 +3,8 @@
 #include <sys/stat.h>
 
 #include <fstream>
+#include <map>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -65,6 +67,46 @@ TEST(sim_trace, ends_at_its_limit_with_a_whole_line) {
     EXPECT_NE(testing::internal::GetCapturedStderr(), "");
     EXPECT_EQ(board.contents("trace").size(), 32U * static_cast<unsigned>(lines)) << limit;
   }
+}
+
+// What the last writer of each signal left, by the file's own declarations; times never go back.
+std::map<std::string, char> levels_of(const std::string &vcd) {
+  std::map<std::string, std::string> names;
+  std::map<std::string, char> levels;
+  std::istringstream lines(vcd);
+  uint64_t time = 0;
+  for (std::string line; std::getline(lines, line);) {
+    std::istringstream words(line);
+    std::string var, type, width, id, name;
+    words >> var >> type >> width >> id >> name;
+    if (var == "$var") names[id] = name;
+    if (line[0] == '0' || line[0] == '1') levels[names.at(line.substr(1))] = line[0];
+    if (line[0] != '#') continue;
+    EXPECT_GE(std::stoull(line.substr(1)), time);
+    time = std::stoull(line.substr(1));
+  }
+  return levels;
+}
+
+TEST(sim_trace, draws_waveforms_where_the_name_asks_for_them) {
+  const test_board board;
+  const auto option = "--trace=" + board.file("a.vcd").string();
+  for (const unsigned word : {0x8001U, 0x0180U}) {
+    board.start({option.c_str()});  // as the next program of a run does
+    map_window<uint16_t>(nvram1)[3] = static_cast<uint16_t>(word);
+    auto levels = levels_of(board.contents("a.vcd"));
+    for (unsigned bit = 0; bit < 16; bit++) {
+      EXPECT_EQ(levels["d" + std::to_string(bit)] == '1', (word >> bit & 1U) != 0) << bit;
+      EXPECT_EQ(levels["a" + std::to_string(bit)] == '1', (6U >> bit & 1U) != 0) << bit;
+    }
+    for (const char *const at_rest : {"we_n", "oe_n", "nvram1_ce_n", "i2c1_scl", "i2c1_sda", "flash_ready"})
+      EXPECT_EQ(levels[at_rest], '1') << at_rest;
+  }
+  const auto flash_word = map_window<uint16_t>(flash);
+  for (const auto &[offset, code] :
+       {std::pair{0x555, 0xAA}, {0x2AA, 0x55}, {0x555, 0x80}, {0x555, 0xAA}, {0x2AA, 0x55}, {0, 0x30}})
+    flash_word[offset] = static_cast<uint16_t>(code);
+  EXPECT_EQ(levels_of(board.contents("a.vcd"))["flash_ready"], '0');
 }
 
 TEST(sim_trace, survives_its_reader) {
