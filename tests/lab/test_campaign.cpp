@@ -240,21 +240,4 @@ TEST_F(campaign, ends_with_its_status_and_says_why) {
   EXPECT_TRUE(exists("full/x"));
 }
 
-TEST_F(campaign, has_its_options_in_manual_and_completion) {
-  const std::string help = sh("post-campaign --help").out;
-  const std::string manual = read_file(LAB_TESTS_DIR "/../../docs/post-campaign.1");
-  const std::string completed =
-      sh("bash -c 'source \"$0\";"
-         " COMP_WORDS=(post-campaign --) COMP_CWORD=1; _post_campaign; echo ${COMPREPLY[@]}' " +
-         shell_word(LAB_TESTS_DIR "/../../tools/completion/post-campaign"))
-          .out;
-  const std::regex option(R"(\n  (?:-\w,)?--([a-z-]+))");
-  size_t count = 0;
-  for (std::sregex_iterator at(help.begin(), help.end(), option), end; at != end; ++at, ++count) {
-    EXPECT_THAT(manual, AnyOf(HasSubstr(".It Fl -" + at->str(1)), HasSubstr(" , -" + at->str(1))));
-    EXPECT_THAT(completed, HasSubstr("--" + at->str(1)));
-  }
-  EXPECT_EQ(count, 28U);
-}
-
 }  // namespace

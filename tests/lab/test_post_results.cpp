@@ -409,20 +409,23 @@ TEST_F(post_results, ends_with_its_status_and_says_why) {
   }
 }
 
-TEST_F(post_results, has_its_options_in_manual_and_completion) {
-  const std::string help = sh("post-results --help").out;
-  const std::string manual = read_file(LAB_TESTS_DIR "/../../docs/post-results.1");
-  const std::string completed = sh("bash -c 'source \"$0\";"
-                                   " COMP_WORDS=(post-results --) COMP_CWORD=1; _post_results; echo ${COMPREPLY[@]}' " +
-                                   shell_word(LAB_TESTS_DIR "/../../tools/completion/post-results"))
-                                    .out;
-  const std::regex option(R"(\n  (?:-\w,)?--([a-z]+))");
-  size_t count = 0;
-  for (std::sregex_iterator at(help.begin(), help.end(), option), end; at != end; ++at, ++count) {
-    EXPECT_THAT(manual, AnyOf(HasSubstr(".It Fl -" + at->str(1)), HasSubstr(" , -" + at->str(1))));
-    EXPECT_THAT(completed, HasSubstr("--" + at->str(1)));
+// Of each program here: how many options its help has.
+TEST_F(post_results, and_its_neighbours_have_their_options_in_manual_and_completion) {
+  for (const auto &[name, options] : {std::pair{"post-results", 9}, {"post-campaign", 28}}) {
+    const std::string program = name, help = sh(program + " --help").out;
+    const std::string manual = read_file(LAB_TESTS_DIR "/../../docs/" + program + ".1");
+    const std::string source = shell_word(LAB_TESTS_DIR "/../../tools/completion/" + program);
+    const std::string completed = sh("bash -c '. \"$0\"; COMP_WORDS=(" + program +
+                                     " --) COMP_CWORD=1; _${1//-/_}; echo ${COMPREPLY[@]}' " + source + " " + program)
+                                      .out;
+    const std::regex option(R"(\n  (?:-\w,)?--([a-z-]+))");
+    int count = 0;
+    for (std::sregex_iterator at(help.begin(), help.end(), option), end; at != end; ++at, ++count) {
+      EXPECT_THAT(manual, AnyOf(HasSubstr(".It Fl -" + at->str(1)), HasSubstr(" , -" + at->str(1))));
+      EXPECT_THAT(completed, HasSubstr("--" + at->str(1)));
+    }
+    EXPECT_EQ(count, options) << program;
   }
-  EXPECT_EQ(count, 9U);
 }
 
 }  // namespace
