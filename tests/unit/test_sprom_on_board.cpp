@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <functional>
+#include <set>
 #include <sstream>
 
 #include "platform/mfgd/uspace/utils/sprom/at24c512.h"
@@ -84,54 +85,25 @@ words with(words args, const std::string &fault) {
   return args;
 }
 
-// The descriptors.
-
-std::string text_of(const smb_dev_t &dev) {
-  char text[128];
-  (void)snprintf(text, sizeof text, "%s:%x+%x, %u:%u:%u", dev.path, dev.addr, dev.base, dev.addr_len, dev.data_len,
-                 dev.flags);
-  return text;
-}
-std::string text_of(const sprom_t &sprom) {
-  return std::string{sprom.name} + ", " + std::to_string(sprom.type) + ", " + text_of(*sprom.smb_acc->dev) +
-         (sprom.we != nullptr && sprom.wd != nullptr ? ", hooks" : ", none") +
-         (sprom.buf != nullptr ? ", cache" : ", none");
-}
-
-TEST(sprom_families, have_their_sproms_where_the_records_say) {
-  const std::pair<const sprom_t *, const char *> rows[]{
-      {&pellin_sprom_bp, "BACKPLANE, 2, /dev/i2c-1:52+1000, 2:1:0, hooks, cache"},
-      {&pellin_sprom_sup, "SUPERVISOR, 1, /dev/i2c-1:52+0, 2:1:0, hooks, cache"},
-      {&pellin_sprom_lc[0], "DC 1, 3, /dev/i2c-17:52+0, 2:1:0, hooks, none"},
-      {&pellin_sprom_lc[1], "LC 2, 3, /dev/i2c-23:52+0, 2:1:0, hooks, none"},
-      {&pellin_sprom_lc[2], "LC 3, 3, /dev/i2c-7:52+0, 2:1:0, hooks, none"},
-      {&pellin_sprom_ps[0], "PS1, 4, /dev/i2c-6:52+0, 1:1:0, none, cache"},
-      {&pellin_sprom_ps[1], "PS2, 4, /dev/i2c-6:53+0, 1:1:0, none, cache"},
-      {&pellin_sprom_dimm[0], "DIMM0, 5, /dev/i2c-0:5e+0, 1:1:0, none, cache"},
-      {&pellin_sprom_dimm[1], "DIMM1, 5, /dev/i2c-0:55+0, 1:1:0, none, cache"},
-      {&tosk_sprom_bp, "BACKPLANE, 2, /dev/i2c-1:52+1000, 2:1:0, hooks, cache"},
-      {&tosk_sprom_sup, "SUPERVISOR, 1, /dev/i2c-1:52+0, 2:1:0, hooks, cache"},
-      {&tosk_sprom_lc[0], "LC 2, 3, /dev/i2c-7:52+0, 2:1:0, hooks, none"},
-      {&tosk_sprom_ps[0], "PS1, 4, /dev/i2c-6:52+0, 1:1:0, none, cache"},
-      {&tosk_sprom_ps[1], "PS2, 4, /dev/i2c-6:53+0, 1:1:0, none, cache"},
-      {&tosk_sprom_dimm[0], "DIMM0, 5, /dev/i2c-0:5e+0, 1:1:0, none, cache"},
-      {&tosk_sprom_dimm[1], "DIMM1, 5, /dev/i2c-0:55+0, 1:1:0, none, cache"}};
-  std::map<const uint8_t *, int> owners;
-  for (const auto &[sprom, expected] : rows) {
-    EXPECT_EQ(text_of(*sprom), expected);
-    EXPECT_EQ(sprom->valid, 0U);
-    EXPECT_EQ(sprom->smb_acc->smb_rd, at24c512_rd);
-    EXPECT_EQ(sprom->smb_acc->smb_wr, at24c512_wr);
-    if (sprom->buf != nullptr) ++owners[sprom->buf];
-  }
-  // Each cache has one owner but for the DIMMs'.
-  EXPECT_EQ(owners.size(), 10U);
-  EXPECT_EQ(owners[pellin_sprom_dimm[0].buf] + owners[tosk_sprom_dimm[0].buf], 4);
-  EXPECT_EQ(pellin_sprom_bp.smb_acc->dev, &pellin_bp_dev);
-  EXPECT_EQ(tosk_sprom_bp.smb_acc->dev, &tosk_bp_dev);
-  EXPECT_EQ(text_of(*pca9539_gem_acc[0].dev), "/dev/i2c-23:75+0, 1:2:0");
-  EXPECT_EQ(text_of(*pca9539_gem_acc[1].dev), "/dev/i2c-7:75+0, 1:2:0");
-  EXPECT_EQ(text_of(*pca9539_mezz_acc.dev), "/dev/i2c-20:76+0, 1:2:0");
+TEST(sprom_families, have_a_cache_for_each_image_but_a_modules_and_one_for_all_dimms) {
+  const sprom_t *const with_cache[]{&pellin_sprom_bp,    &pellin_sprom_sup,    &pellin_sprom_ps[0], &pellin_sprom_ps[1],
+                                    &tosk_sprom_bp,      &tosk_sprom_sup,      &tosk_sprom_ps[0],   &tosk_sprom_ps[1],
+                                    &tosk_sprom_dimm[0], &pellin_sprom_dimm[0]};
+  std::set<const uint8_t *> caches{nullptr};
+  for (const sprom_t *sprom : with_cache)
+    EXPECT_TRUE(caches.insert(sprom->buf).second && sprom->valid == 0) << sprom->name;
+  for (const sprom_t &module : {pellin_sprom_lc[0], pellin_sprom_lc[1], pellin_sprom_lc[2], tosk_sprom_lc[0]})
+    EXPECT_EQ(module.buf, nullptr);
+  for (const auto &[family, dimms] :
+       {std::pair{"--family=pellin", pellin_sprom_dimm}, {"--family=tosk", tosk_sprom_dimm}})
+    on_board({family}, [dimms = dimms](logged_board &board) {
+      EXPECT_EQ(dimms[0].buf, dimms[1].buf);
+      for (const auto &[dimm, wire] : {std::pair{dimms[0], "0:5e w 00; 0:5e r*2"}, {dimms[1], "0:55 w 00; 0:55 r*2"}}) {
+        uint8_t data[2];
+        EXPECT_EQ(dimm.smb_acc->smb_rd(dimm.smb_acc->dev, 0, 2, data), 0);
+        EXPECT_EQ(board.log(), wire);
+      }
+    });
 }
 
 TEST(sprom_families, answer_to_sprom_addresses) {
@@ -269,9 +241,11 @@ const hook_case hook_cases[]{
     {"pellin", &pellin_sprom_lc[1], "23-52", 0,      pin_hooks("23:75", "f7ff"), "bus=23 addr=0x75"},
     {"pellin", &pellin_sprom_lc[2], "7-52",  0,      pin_hooks("7:75", "f7ff"),  "bus=7 addr=0x75"},
     {"pellin", &pellin_sprom_ps[0], "6-52",  0,      {},                         nullptr},
+    {"pellin", &pellin_sprom_ps[1], "6-53",  0,      {},                         nullptr},
     {"tosk",   &tosk_sprom_sup,     "1-52",  0,      port_hooks,                 nullptr},
     {"tosk",   &tosk_sprom_bp,      "1-52",  0x1000, port_hooks,                 nullptr},
     {"tosk",   &tosk_sprom_lc[0],   "7-52",  0,      pin_hooks("7:75", "f7ff"),  "bus=7 addr=0x75"},
+    {"tosk",   &tosk_sprom_ps[0],   "6-52",  0,      {},                         nullptr},
     {"tosk",   &tosk_sprom_ps[1],   "6-53",  0,      {},                         nullptr},
 };
 // clang-format on
