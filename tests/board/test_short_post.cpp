@@ -37,8 +37,6 @@ struct short_case {
 };
 
 const short_case identity_cases[] = {
-    {"healthy", {}},
-    {"healthy before revision P1", {"--change-bits=0"}, {.board = "P(0x0) board\n"}},
     {"EEPROM absent: revision P1 assumed, both images fail",
      {"--fault=i2c-absent bus=1 addr=0x52"},
      {.before_board = no_eeprom, .failed = {"4:0", "4:1"}}},
@@ -69,7 +67,6 @@ const short_case test_cases[] = {
     {"no ethtool",
      {"--fault=ethtool-missing"},
      {.said = {{"5:0", no_verdict}, {"5:3", no_verdict}}, .failed = {"5:0", "5:3"}}},
-    {"a failing link alone passes", {"--fault=ethtool-fail port=eth0 test=link"}},
     {"no /post: neither records nor logs",
      {"--fault=post-missing"},
      {.said = {{"5:0", no_log}, {"5:3", no_log}},

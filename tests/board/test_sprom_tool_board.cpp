@@ -111,15 +111,12 @@ TEST_F(sprom_board, tells_the_family) {
   // clang-format off
   const std::vector<row> rows{
       {"",                                                    "dorvan", ""},
-      {"--card 11111",                                        "dorvan", ""},
       {"--card 11112",                                        "",       unknown_board},
       {"--fault sprom-absent",                                "",       unknown_board},
       {"--family pellin --fault sprom-absent",                "pellin", ""},
-      {"--family pellin --fault 'straps value=2'",            "pellin", ""},
       {"--family pellin --fault 'straps value=3' --card 5",   "",       unknown_board},
       {"--family pellin --fault 'straps value=3' --fault 'sprom-corrupt image=sup block=main'", "", bad + bad + unknown_board},
       {"--family tosk --fault 'straps value=3'",              "tosk",   ""},
-      {"--family tosk --fault 'i2c-absent bus=8 addr=0x76'",  "tosk",   ""},
   };
   // clang-format on
   for (const row &r : rows) {

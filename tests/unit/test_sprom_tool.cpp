@@ -139,17 +139,8 @@ Power Supply Main, 36 bytes at offset 160: BAD
                                    "\n"));
 }
 
-TEST_F(sprom_tool, tells_a_defect_in_any_block) {
-  for (const tool_kind &kind : tool_kinds) {
-    for (const test_block &block : test_blocks.at(kind.type)) {
-      save("bad", with_byte(zero_image(kind), block.offset + block.length - 1, 0xFF));
-      const auto result = sh("sprom verify --file bad");
-      EXPECT_EQ(result.status, 1);
-      EXPECT_THAT(result.out, StartsWith(std::string{block.label} + " block checksum mismatch.  Found "));
-      EXPECT_EQ(result.err, "");
-    }
-  }
-  // Every defect, in the order of the blocks. A file's name may be anything, and reaches no terminal as it is.
+TEST_F(sprom_tool, tells_every_defect) {
+  // In the order of the blocks. A file's name may be anything, and reaches no terminal as it is.
   save("\"\\\n\xFC", patched(zero_image(tool_kinds[0]), SPROM_TYPE_SUP, 160, {0x70, 2, 2, 0}));
   const auto result = sh("sprom verify -jf '\"\\\n\xFC'");
   EXPECT_EQ(result.status, 1);
