@@ -29,9 +29,9 @@ class sprom_board : public sprom_tool {
     EXPECT_EQ(sh("rm -rf st; board-sim --state st " + board + " -- sprom list").status, 0);
     return load("st/eeprom-" + eeprom);
   }
-  // The last run's writes to the protection port and to expanders, a line each, without "w", width and message number.
+  // The last run's writes to the protection port and to expanders.
   [[nodiscard]] std::string pins() const {
-    return sh(R"(sed -nE 's/^[^ ]+ (port|i2c-[0-9]+:7.) w (24|32) [^ ]+ 0x/\1 /p' log)").out;
+    return sh(R"(sed -nE 's/^[^ ]+ ((port|i2c-[0-9]+:7.) w (24|32) )/\1/p' log)").out;
   }
   // How many bytes the last run wrote to an EEPROM.
   [[nodiscard]] size_t cycles(const std::string &eeprom, bool one_byte) const {
@@ -73,9 +73,10 @@ struct target {
   size_t base;
   std::string pins;
 };
-const std::string port_pins = "port 635a3c41\nport 6b5a3c41\n";
+const std::string port_pins = "port w 32 0x50c 0x635a3c41\nport w 32 0x50c 0x6b5a3c41\n";
 std::string pin_pins(const std::string &expander, const std::string &low) {
-  return "i2c-" + expander + " 06" + low + "\ni2c-" + expander + " 02" + low + "\ni2c-" + expander + " 02ffff\n";
+  const std::string write = "i2c-" + expander + " w 24 0x0 0x";
+  return write + "06" + low + "\n" + write + "02" + low + "\n" + write + "02ffff\n";
 }
 // clang-format off
 const std::vector<target> targets{
@@ -148,8 +149,9 @@ TEST_F(sprom_board, writes_what_differs_in_every_sprom_and_nothing_beside) {
       EXPECT_EQ(load("old"), now);
       EXPECT_EQ(cycles(t.eeprom, t.type == SPROM_TYPE_PS), needed);
       // The pin is an output from the first write on.
-      EXPECT_EQ(pins(),
-                now == old ? t.pins : t.pins.substr(t.pins.find("06") < t.pins.find('\n') ? t.pins.find('\n') + 1 : 0));
+      EXPECT_EQ(pins(), now == old
+                            ? t.pins
+                            : t.pins.substr(t.pins.find("0x06") < t.pins.find('\n') ? t.pins.find('\n') + 1 : 0));
     }
     EXPECT_EQ(on(t.board, "dump " + t.name + " copy").status, 0);
     EXPECT_EQ(load("copy"), device_image(t.type));
@@ -177,7 +179,7 @@ TEST_F(sprom_board, takes_the_mezzanine_pin_from_the_change_bits_and_hints_at_th
     SCOPED_TRACE(r.board + " " + r.variable);
     const auto result = on("--family pellin --revision " + r.board, "edit -y dc1 --product-id=" + r.board, r.variable);
     EXPECT_EQ(result.status, r.is_written ? 0 : 1);
-    EXPECT_THAT(pins(), StartsWith("i2c-20:76 06" + r.pin + "\n"));
+    EXPECT_THAT(pins(), StartsWith("i2c-20:76 w 24 0x0 0x06" + r.pin + "\n"));
     const std::string other = r.board == "P0"
                                   ? "0, by which its protect pin is pin 7 of /dev/i2c-20:0x76 and not pin 9 of "
                                     "/dev/i2c-20:0x76: DIAG_HW_CHANGE_BITS=0 selects it\n"
