@@ -224,8 +224,6 @@ TEST(sim_shell, finds_the_boards_commands_alone) {
       {{"ethtool-fail port=eth5 test=loopback code=13"}, "ethtool -t eth5", 1, fail},
       {{"ethtool-fail port=eth5 test=loopback code=13"}, "ethtool -t eth5 online", 0, pass},
       {{"ethtool-fail port=eth5 test=loopback code=13"}, "ethtool -t eth0", 0, pass},
-      {{"ethtool-silent port=eth1"}, "ethtool -t eth2", 0, pass},
-      {{"ethtool-missing"}, "ethtool -t eth0", 127},
       {{}, "ethtool -t eth3", 71},
       {{}, "echo \"[$LD_PRELOAD]\"; exit 7", 7, "[]\n"},
       {{}, "echo a >/post/b && cp /post/b /post/c && cat /post/c", 0, "a\n"},
