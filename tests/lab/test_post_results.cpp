@@ -54,125 +54,15 @@ class post_results : public testing::Test {
   temp_dir dir_;
 };
 
-// ---- readers of the forms
-
-case_list read_lines(const std::string &text, const std::regex &line,
-                     const std::function<std::string(std::smatch)> &shown) {
-  case_list out;
-  std::istringstream lines(text);
-  for (std::string one; std::getline(lines, one);) {
-    std::smatch found;
-    if (std::regex_match(one, found, line)) out.push_back(shown(found));
-  }
-  return out;
-}
-
-case_list read_table(const std::string &text) {
-  return read_lines(text, std::regex(R"((\w+\.\d|run) .*? (PASS|FAIL|SKIP|ERROR)( .*)?)"),
-                    [](const std::smatch &found) { return found.str(1) + " " + found.str(2); });
-}
-
-// Every line is a result, a comment or one of the first two; results are numbered as planned.
-case_list read_ktap(const std::string &text) {
-  std::smatch plan;
-  if (!std::regex_search(text, plan, std::regex("^KTAP version 1\n1\\.\\.(\\d+)\n"))) return {"no plan"};
-  size_t number = 0;
-  bool in_order = true;
-  const case_list out =
-      read_lines(plan.suffix(), std::regex(R"((ok|not ok) (\d+) (\S+)[^#]*(# (SKIP|ERROR) .+|# .+)?|#.*)"),
-                 [&](const auto &found) {
-                   if (!found[1].matched) return std::string("#");
-                   in_order &= found.str(2) == std::to_string(++number);
-                   std::string verdict = found.str(1) == "ok" ? "PASS" : "FAIL";
-                   if (found[5].matched) verdict = found.str(5);
-                   in_order &= (found.str(1) == "ok") == (verdict == "PASS" || verdict == "SKIP");
-                   return found.str(3) + " " + verdict;
-                 });
-  const auto lines = std::count(text.begin(), text.end(), '\n');
-  if (static_cast<size_t>(lines) != out.size() + 2) return {"lines of no known form"};
-  if (!in_order || std::to_string(number) != plan.str(1)) return {"not as planned"};
-  case_list results;
-  std::ranges::copy_if(out, std::back_inserter(results), [](const std::string &one) { return one != "#"; });
-  return results;
-}
-
-std::string upper(std::string text) {
-  std::ranges::transform(text, text.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-  return text;
-}
-
-// "gige.1-fail" as "gige.1 FAIL"
-std::string named(const std::string &word) {
-  const size_t dash = word.find('-');
-  return word.substr(0, dash) + " " + upper(word.substr(dash + 1));
-}
-
-// What the cases of a step make of it.
-std::string step_status(std::span<const std::string> of) {
-  const auto ends = [](const char *word) { return [word](const std::string &one) { return one.ends_with(word); }; };
-  if (std::ranges::any_of(of, ends(" ERROR"))) return "ERROR";
-  return std::ranges::all_of(of, ends(" SKIP")) ? "SKIP" : "COMPLETE";
-}
-
-// Reads artifacts in the order that the format demands: numbered, and in steps that do not overlap.
-class ocp_reader {
- public:
-  void artifact(const json &artifact) {
-    if (artifact.at("sequenceNumber") != number_++) complain("a gap in the numbers");
-    if (artifact.contains("testRunArtifact")) of_case(artifact["testRunArtifact"]);
-    if (artifact.contains("testStepArtifact")) of_step(artifact["testStepArtifact"]);
-  }
-  [[nodiscard]] const case_list &cases() const { return wrong_.empty() ? cases_ : wrong_; }
-
- private:
-  void of_step(const json &body) {
-    if (body.contains("testStepStart")) {
-      if (!step_.empty()) complain("steps overlap");
-      step_ = body["testStepId"];
-      before_ = cases_.size();
-    }
-    if (body["testStepId"] != step_) complain("of no step or another one: " + body.dump());
-    of_case(body);
-    if (!body.contains("testStepEnd")) return;
-    const auto own = std::span<const std::string>(cases_).subspan(before_);
-    if (body["testStepEnd"]["status"] != step_status(own)) complain("the status of step " + step_);
-    step_.clear();
-  }
-  void of_case(const json &body) {
-    constexpr const char *types[][2] = {{" PASS", "PASS"}, {" FAIL", "FAIL"}, {" SKIP", "UNKNOWN"}};
-    if (body.contains("error")) cases_.push_back(named(body["error"]["symptom"]));
-    if (!body.contains("diagnosis")) return;
-    cases_.push_back(named(body["diagnosis"]["verdict"]));
-    const bool right = std::ranges::any_of(types, [&](const auto &type) {
-      return cases_.back().ends_with(type[0]) && body["diagnosis"]["type"] == type[1];
-    });
-    if (!right) complain("another type than its verdict: " + body.dump());
-  }
-  void complain(const std::string &what) { wrong_.push_back(what); }
-
-  case_list cases_;
-  case_list wrong_;
-  std::string step_;
-  size_t before_ = 0;  // cases of the steps before
-  size_t number_ = 0;
-};
-
-case_list read_ocp(const std::string &text) {
-  ocp_reader reader;
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);)
-    reader.artifact(json::parse(line));
-  return reader.cases();
-}
-
+// By the reader of the form beside this file.
 case_list post_results::read(const std::string &name, const std::string &form) const {
-  const std::string text = read_file(path(name + "." + form));
-  if (form == "table") return read_table(text);
-  if (form == "ktap") return read_ktap(text);
-  if (form == "ocp") return read_ocp(text);
-  const outcome junit = sh("python3 " + shell_word(LAB_TESTS_DIR "/read_junit.py") + " " + name + ".junit");
-  EXPECT_EQ(junit.err, "") << name;
-  return read_lines(junit.out, std::regex(".*"), [](const std::smatch &line) { return line.str(); });
+  const outcome told = sh("python3 " + shell_word(LAB_TESTS_DIR "/read_" + form + ".py") + " " + name + "." + form);
+  EXPECT_EQ(told.status, 0) << name << " " << form << "\n" << told.err;
+  case_list cases;
+  std::istringstream lines(told.out);
+  for (std::string line; std::getline(lines, line);)
+    cases.push_back(line);
+  return cases;
 }
 
 // "PPS PPPP S S PPPPPPP E": as letters() of a report, with the run's own finding behind.
