@@ -1,12 +1,8 @@
 // Whole campaigns, as a user starts them.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "tests/support/run.h"
 
@@ -188,18 +184,13 @@ TEST_F(campaign, keeps_what_each_run_left_for_other_tools) {
   EXPECT_THAT(results.out, ContainsRegex("nvram.0 +.*FAIL"));
 }
 
-struct usage_case {
-  std::string args;
-  int status;
-  std::string err;  // a part of it
-};
-
 TEST_F(campaign, ends_with_its_status_and_says_why) {
   ASSERT_EQ(sh("post-campaign --fault sprom-refuse --json good.json && mkdir full && touch full/x").status, 0);
   save("bad.json", "{}");
   save("bad", "nothing at=all\n");
+  // Status, and a part of the errors.
   // clang-format off
-  const usage_case cases[] = {
+  const std::tuple<std::string, int, std::string> cases[] = {
       {"--read good.json",                      0, ""},
       {"--read good.json --json - ",            0, ""},
       {"--fault sprom-refuse --list",           0, ""},

@@ -1,11 +1,8 @@
 // From what a run leaves behind to its outcome, and from many outcomes to the matrix in all its forms.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <fstream>
-#include <string>
-#include <vector>
 
 #include "lab/coverage.h"
 #include "lab/html.h"

@@ -1,12 +1,9 @@
 // Fault spaces: what patterns stand for, and that the built-in spaces hold what they promise.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <map>
 #include <set>
-#include <string>
-#include <vector>
 
 #include "lab/knowledge.h"
 #include "lab/patterns.h"

@@ -1,6 +1,5 @@
 // The program post-results on runs of the simulated board and on stored files.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -129,12 +128,6 @@ void save_hostile(const std::function<void(const std::string &, const std::strin
   save("hostile.result", edited(full_records, {{"0:12:0:1", std::string(noise) + "0:12:0:1"}}));
 }
 
-struct reader {
-  const char *name;
-  std::string probe;
-  std::string command;
-};
-
 TEST_F(post_results, is_understood_by_readers_of_others) {
   const auto store = [this](const std::string &name, const std::string &text) { save(name, text); };
   save_hostile(store);
@@ -144,7 +137,8 @@ TEST_F(post_results, is_understood_by_readers_of_others) {
     run(one.name, one.args);
     (void)tell(one.name);
   }
-  const reader readers[] = {
+  // Name, a command that tells whether it is here, and how it reads.
+  const std::array<std::string, 3> readers[] = {
       {"xmllint", "xmllint --version",
        "xmllint --noout --schema " + shell_word(LAB_TESTS_DIR "/junit.xsd") + " *.junit"},
       {"jq", "jq --version", "for f in *.ocp; do jq -s -e 'last.testRunArtifact.testRunEnd.status != null' $f; done"},
@@ -155,13 +149,13 @@ TEST_F(post_results, is_understood_by_readers_of_others) {
        "\"$CHECK_OCP\" *.ocp"},
   };
   std::string missing;
-  for (const reader &one : readers) {
-    if (sh(one.probe).status != 0) {
-      missing += std::string(" ") + one.name;
+  for (const auto &[name, probe, command] : readers) {
+    if (sh(probe).status != 0) {
+      missing += " " + name;
       continue;
     }
-    const outcome checked = sh(one.command);
-    EXPECT_EQ(checked.status, 0) << one.name << "\n" << checked.out << checked.err;
+    const outcome checked = sh(command);
+    EXPECT_EQ(checked.status, 0) << name << "\n" << checked.out << checked.err;
   }
   if (!missing.empty()) GTEST_SKIP() << "not here:" << missing;
 }
@@ -246,12 +240,6 @@ TEST_F(post_results, reports_lines_that_are_not_whole_or_of_others_by_number) {
   EXPECT_THAT(sh("post-results --log log result").out, HasSubstr("0 passed, 0 failed, 0 skipped, 16 errors\n"));
 }
 
-struct usage_case {
-  std::string args;
-  int status;
-  std::string err;  // a part of it
-};
-
 TEST_F(post_results, ends_with_its_status_and_says_why) {
   save("log", full_log);
   save("my log", full_log);
@@ -259,8 +247,9 @@ TEST_F(post_results, ends_with_its_status_and_says_why) {
   save("failed", edited(full_records, {{"0:8:0:1", "0:8:0:2"}}));
   save("empty", "");
   save("line.json", R"({"kind":"bp","blocks":[]})");
+  // Status, and a part of the errors.
   // clang-format off
-  const usage_case cases[] = {
+  const std::tuple<std::string, int, std::string> cases[] = {
       {"result",                          0, ""},
       {"--log log result",                0, ""},
       {"--log 'my log' -- result",        0, ""},

@@ -6,7 +6,6 @@
 #include <gmock/gmock.h>
 
 #include <cstdarg>
-#include <filesystem>
 #include <fstream>
 
 #include "platform/mfgd/cmn_lib/diag_util/spin.h"

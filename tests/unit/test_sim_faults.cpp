@@ -13,8 +13,6 @@
 #include <csignal>
 #include <map>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "sim/host/lock_holder.h"
 #include "tests/support/board.h"

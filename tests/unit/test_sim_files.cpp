@@ -1,15 +1,12 @@
 // The files and services of the operating system as a program on the board meets them: through the C library.
 #include <dirent.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/ioctl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
 #include <cstring>
 #include <functional>
-#include <string>
-#include <vector>
 
 #include "sim/devices/pci_list.h"
 #include "sim/host/cpuinfo.h"

@@ -2,7 +2,6 @@
 // that both word sizes are the same.
 #include <fcntl.h>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <link.h>
 #include <linux/i2c-dev.h>
 #include <signal.h>
@@ -15,8 +14,6 @@
 
 #include <fstream>
 #include <map>
-#include <string>
-#include <vector>
 
 #include "tests/support/run.h"
 
@@ -139,7 +136,7 @@ int copy_out(FILE *from) {
 int start(const strings &args) {
   std::vector<char *> v;
   std::string line;
-  for (size_t i = 1; i < args.size(); i++) {
+  for (size_t i = 1; i < args.size(); ++i) {
     v.push_back(const_cast<char *>(args[i].c_str()));
     line += "'" + args[i] + "' ";
   }
@@ -265,11 +262,7 @@ TEST_F(launcher, reports_programs_that_cannot_run) {
   std::ofstream(path("text")) << "echo it runs\n";
   for (const auto *const name : {"loop", "text"})
     fs::permissions(path(name), fs::perms::owner_all);
-  const struct {
-    std::string program;
-    int status;
-    std::string error;
-  } cases[] = {
+  const std::tuple<std::string, int, std::string> cases[] = {
       {"/no/such", 127, "/no/such: No such file or directory\n"},
       {"no-such-command", 127, "no-such-command: not found in PATH\n"},
       {"/etc/passwd", 126, "/etc/passwd: Permission denied\n"},
@@ -277,10 +270,10 @@ TEST_F(launcher, reports_programs_that_cannot_run) {
       {path("loop"), 126, path("loop: Too many levels of symbolic links\n")},
       {path("text"), 126, path("text: Exec format error\n")},
   };
-  for (const auto &c : cases) {
-    const auto r = run({"--", c.program});
-    EXPECT_EQ(r.status, c.status) << c.program;
-    EXPECT_EQ(r.err, "board-sim: " + c.error);
+  for (const auto &[program, status, error] : cases) {
+    const auto r = run({"--", program});
+    EXPECT_EQ(r.status, status) << program;
+    EXPECT_EQ(r.err, "board-sim: " + error);
   }
 }
 

@@ -1,7 +1,6 @@
 // The memory side of the board: windows behind /dev/mem, battery-backed RAM and its faults, contents that outlive the
 // run, the I/O port.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/io.h>
 #include <sys/resource.h>
@@ -10,9 +9,7 @@
 #include <cerrno>
 #include <cinttypes>
 #include <fstream>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "sim/devices/flash.h"
 #include "sim/devices/port.h"
@@ -115,7 +112,7 @@ TEST(sim_devmem, lets_healthy_devices_run_at_memory_speed) {
     for (const auto number : {nvram0, nvram1, nvram2, flash}) {
       const auto *const other = map_window<uint16_t>(number);
       const auto *const words = map_window<uint16_t>(number);
-      for (unsigned i = 0; i < 8; i++)
+      for (unsigned i = 0; i < 8; ++i)
         (void)words[i];
       EXPECT_EQ(rights(words), c.rights[number]) << number;
       EXPECT_EQ(rights(other), c.rights[number]) << number;
@@ -129,7 +126,7 @@ TEST(sim_devmem, answers_no_memory_access_where_its_bar_does_not_map_memory) {
     auto *const words = map_window<uint16_t>(flash);
     for (const auto &[offset, data] : {std::pair{0xAAA, 0xAA}, {0x554, 0x55}, {0xAAA, 0xA0}, {0x1000, 0x1234}})
       words[offset / 2] = static_cast<uint16_t>(data);
-    for (size_t i = 0; i < 8; i++)
+    for (size_t i = 0; i < 8; ++i)
       EXPECT_EQ(words[i], 0xFFFF);
     EXPECT_EQ(map_window<uint16_t>(nvram0)[0] & 0xFF, static_cast<uint8_t>(board.contents("nvram0")[0]));
     board.start();
@@ -141,7 +138,7 @@ TEST(sim_devmem, serves_threads_at_once_from_the_first_access_on) {
   const test_board model;
   (void)map_window<uint16_t>(flash)[0];
   const auto expected = model.contents("flash").substr(0, 0x40);
-  for (int round = 0; round < 3; round++) {
+  for (int round = 0; round < 3; ++round) {
     const test_board board;
     const auto *const bytes = map_window<uint8_t>(flash);
     std::barrier start(4);
@@ -150,7 +147,7 @@ TEST(sim_devmem, serves_threads_at_once_from_the_first_access_on) {
     for (auto &text : seen)
       threads.emplace_back([&] {
         start.arrive_and_wait();
-        for (size_t i = 0; i < expected.size(); i++)
+        for (size_t i = 0; i < expected.size(); ++i)
           text += static_cast<char>(bytes[i]);
       });
     for (auto &thread : threads)

@@ -3,8 +3,6 @@
 #include <sys/stat.h>
 
 #include <fstream>
-#include <string>
-#include <vector>
 
 #include "sim/bus/trace.h"
 #include "tests/support/board.h"
@@ -31,7 +29,7 @@ TEST(sim_trace, ends_at_its_limit_with_a_whole_line) {
     const test_board board({"--trace", limit});
     auto *const word = map_window<uint16_t>(nvram0);
     testing::internal::CaptureStderr();
-    for (int i = 0; i < 5; i++)
+    for (int i = 0; i < 5; ++i)
       word[0] = 0xABCD;
     EXPECT_EQ(board.contents("trace").size(), 32U * static_cast<unsigned>(lines)) << limit;
     EXPECT_EQ(testing::internal::GetCapturedStderr(),

@@ -88,7 +88,7 @@ TEST_F(sim_trap, leaves_vector_registers_alone) {
       {64, __builtin_cpu_supports("avx512f") != 0, avx512_access},
   };
   std::array<uint8_t, 64> given;
-  for (size_t i = 0; i < given.size(); i++)
+  for (size_t i = 0; i < given.size(); ++i)
     given[i] = static_cast<uint8_t>(0xC1 + i);
   for (const auto &kind : kinds) {
     if (!kind.supported) continue;
@@ -121,7 +121,7 @@ TEST_F(sim_trap, leaves_signal_mask_and_errno_alone) {
   (void)window[0];
   EXPECT_EQ(errno, 77);
   sigprocmask(SIG_SETMASK, nullptr, &after);
-  for (int number = 1; number < 32; number++)
+  for (int number = 1; number < 32; ++number)
     EXPECT_EQ(sigismember(&after, number), number == SIGUSR1 ? 1 : 0) << "signal " << number;
 }
 

@@ -1,6 +1,5 @@
 // Byte order and checks of SPROM images.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cstdio>
 #include <numeric>

@@ -1,6 +1,5 @@
 // The board families and the queries on boards in this process, compared with what went over their buses.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <functional>
