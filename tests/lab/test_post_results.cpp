@@ -17,9 +17,6 @@ using testing::Not;
 
 namespace {
 
-// Names and verdicts of cases, a line each.
-using case_list = std::vector<std::string>;
-
 constexpr const char *forms[] = {"table", "ktap", "junit", "ocp"};
 
 class post_results : public testing::Test {
@@ -47,27 +44,22 @@ class post_results : public testing::Test {
     }
     return status;
   }
-  [[nodiscard]] case_list read(const std::string &name, const std::string &form) const;
+  // Names and verdicts of the cases, a line each, by the reader of the form beside this file.
+  [[nodiscard]] std::string read(const std::string &name, const std::string &form) const {
+    const outcome told = sh("python3 " + shell_word(LAB_TESTS_DIR "/read_" + form + ".py") + " " + name + "." + form);
+    EXPECT_EQ(told.status, 0) << name << " " << form << "\n" << told.err;
+    return told.out;
+  }
 
  private:
   temp_dir dir_;
 };
 
-// By the reader of the form beside this file.
-case_list post_results::read(const std::string &name, const std::string &form) const {
-  const outcome told = sh("python3 " + shell_word(LAB_TESTS_DIR "/read_" + form + ".py") + " " + name + "." + form);
-  EXPECT_EQ(told.status, 0) << name << " " << form << "\n" << told.err;
-  case_list cases;
-  std::istringstream lines(told.out);
-  for (std::string line; std::getline(lines, line);)
-    cases.push_back(line);
-  return cases;
-}
-
 // "PPS PPPP S S PPPPPPP E": as letters() of a report, with the run's own finding behind.
-std::string letters(const case_list &of) {
+std::string letters(const std::string &cases) {
   std::string out;
-  for (const std::string &one : of) {
+  std::istringstream lines(cases);
+  for (std::string one; std::getline(lines, one);) {
     if ((one.find(".0 ") != std::string::npos || one.starts_with("run ")) && !out.empty()) out += ' ';
     out += one[one.find(' ') + 1];
   }
@@ -106,7 +98,7 @@ TEST_F(post_results, tells_the_same_of_each_case_in_every_form) {
   for (const run_case &one : board_runs) {
     run(one.name, one.args);
     EXPECT_EQ(tell(one.name), one.result == "COMPLETE PASS" ? 0 : 1) << one.name;
-    const case_list expected = read(one.name, "table");
+    const std::string expected = read(one.name, "table");
     EXPECT_EQ(letters(expected), one.expected) << one.name << "\n" << read_file(path(one.name + ".table"));
     for (const char *const form : forms)
       EXPECT_EQ(read(one.name, form), expected) << one.name << " " << form;
@@ -118,19 +110,13 @@ TEST_F(post_results, tells_the_same_of_each_case_in_every_form) {
   }
 }
 
-// Whatever a program or a disk may leave in them: markup, quotes, control characters, directives.
-void save_hostile(const std::function<void(const std::string &, const std::string &)> &save) {
-  constexpr std::string_view noise =
-      "<b>&amp; ]]> \"quoted\" '\\ # SKIP it\nok 3 # TODO\nBail out!\n\x1b[0m\xff\xc3\x28\x01\t.\n";
-  save("hostile.log",
-       edited(full_log, {{"....done", ".." + std::string(noise) + "\n ERROR: Executing 5 on dev 1\n..done"},
-                         {"P(0x1) board", "P(0x1) board\n" + std::string(noise)}}));
-  save("hostile.result", edited(full_records, {{"0:12:0:1", std::string(noise) + "0:12:0:1"}}));
-}
-
 TEST_F(post_results, is_understood_by_readers_of_others) {
-  const auto store = [this](const std::string &name, const std::string &text) { save(name, text); };
-  save_hostile(store);
+  // Whatever a program or a disk may leave in the files: markup, quotes, control characters, directives.
+  const std::string noise =
+      "<b>&amp; ]]> \"quoted\" '\\ # SKIP it\nok 3 # TODO\nBail out!\n\x1b[0m\xff\xc3\x28\x01\t.\n";
+  save("hostile.log", edited(full_log, {{"....done", ".." + noise + "\n ERROR: Executing 5 on dev 1\n..done"},
+                                        {"P(0x1) board", "P(0x1) board\n" + noise}}));
+  save("hostile.result", edited(full_records, {{"0:12:0:1", noise + "0:12:0:1"}}));
   EXPECT_EQ(tell("hostile"), 1);
   EXPECT_EQ(letters(read("hostile", "ktap")), "PPS PFPP P P PPPPPPP E");
   for (const run_case &one : board_runs) {

@@ -428,14 +428,9 @@ TEST_F(launcher, clears_away_what_a_killed_run_left_half_made) {
 }
 
 TEST_F(launcher, holds_locks) {
-  const std::tuple<const char *, const char *, int> cases[] = {
-      {"lock-held lock=nvram1 kind=write", "/var/lock/RTC_NVRAM1-write.lock", 1},
-      {"lock-held lock=nvram1 kind=write", "/var/lock/RTC_NVRAM1-read.lock", 0},
-      {"lock-held lock=nvram1 kind=write", "/var/lock/RTC_NVRAM0-write.lock", 0},
-      {"lock-held lock=flash kind=read ms=600000", "/var/lock/OBFL_Flash0-read.lock", 1},
-  };
-  for (const auto &[fault, lock, status] : cases)
-    EXPECT_EQ(run({"--fault", fault}, {"lock", lock}).status, status) << fault << " " << lock;
+  const char *const fault = "lock-held lock=flash kind=read ms=600000";
+  EXPECT_EQ(run({"--fault", fault}, {"lock", "/var/lock/OBFL_Flash0-read.lock"}).status, 1);
+  EXPECT_EQ(run({"--fault", fault}, {"lock", "/var/lock/OBFL_Flash0-write.lock"}).status, 0);
 }
 
 }  // namespace
