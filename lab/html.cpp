@@ -75,7 +75,7 @@ constexpr std::string_view script = R"js(
       const content = row.textContent.toLowerCase();
       row.hidden = !words.every(word => content.includes(word)) ||
         selects.some(select => select.value && row.dataset[select.name] !== select.value);
-      if (!row.hidden) count++;
+      if (!row.hidden) ++count;
     }
     shown.value = count + ' of ' + rows.length + ' runs';
   };

@@ -108,7 +108,7 @@ constexpr std::array fault_rows{std::to_array<fault_row>({
 // clang-format on
 
 constexpr bool in_order() {
-  for (size_t i = 0; i < fault_rows.size(); i++)
+  for (size_t i = 0; i < fault_rows.size(); ++i)
     if (fault_rows[i].id != static_cast<fault_id>(i)) return false;
   return fault_rows.back().id == fault_id::flash_power_cut;
 }
@@ -153,7 +153,7 @@ std::string_view fault::word(std::string_view key) const {
 }
 
 bool fault_trigger::next() {
-  m_occasions++;
+  ++m_occasions;
   if (m_occasions < m_nth || (m_times != 0 && m_occasions - m_nth >= m_times)) return false;
   return m_ppm == certain || random_next(&m_random) % certain < m_ppm;
 }

@@ -35,7 +35,7 @@ bool fault_counts::open(options *opts, std::string *error) {
     return false;
   }
   m_mapped = {static_cast<std::byte *>(at), size};
-  for (size_t i = 0; i < opts->faults.size(); i++)
+  for (size_t i = 0; i < opts->faults.size(); ++i)
     opts->faults[i].count = std::launder(reinterpret_cast<counter *>(at)) + i;
   return true;
 }

@@ -57,7 +57,7 @@ parm_spec parm_of(std::string_view text) {
 }
 
 std::optional<fault_parm> parm_value(const parm_spec &spec, std::string_view text) {
-  for (size_t i = 0; i < spec.words.size(); i++)
+  for (size_t i = 0; i < spec.words.size(); ++i)
     if (spec.words[i] == text) return fault_parm{i, spec.words[i]};
   const auto value = spec.words.empty() ? parse_number(text) : std::nullopt;
   if (!value || *value < spec.low || *value > spec.high) return std::nullopt;

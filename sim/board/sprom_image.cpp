@@ -50,7 +50,7 @@ void put_fields(image *to, uint32_t kind, const identity &id) {
   // clang-format on
   for (const auto &row : numbers)
     put_number(field_of(to, kind, row.name), row.value);
-  for (size_t i = 0; i < 13; i++)
+  for (size_t i = 0; i < 13; ++i)
     put_number(field_of(to, kind, "num_" + std::to_string(114 + 2 * i)), 0x0100 + i);
   if (kind == SPROM_TYPE_PS) put_number(field_of(to, kind, "num_174"), 3000);  // in watts
   if (kind == SPROM_TYPE_FAN) put_number(field_of(to, kind, "num_182"), 4);
@@ -63,13 +63,13 @@ void put_fields(image *to, uint32_t kind, const identity &id) {
 
 void put_block(std::span<uint8_t> block, const sprom_block_t &row) {
   // Bodies that nothing interprets hold a pattern, so that a byte out of place shows.
-  for (size_t i = 6; row.offset > 160 && i < block.size(); i++)
+  for (size_t i = 6; row.offset > 160 && i < block.size(); ++i)
     block[i] = static_cast<uint8_t>(row.offset + 7 * i);
   put_number(block.subspan(SPROM_BLK_SIGNATURE, 2), row.signature);
   block[SPROM_BLK_VERSION] = row.version;
   block[SPROM_BLK_LENGTH] = static_cast<uint8_t>(row.length);
   uint16_t sum = 0;
-  for (size_t i = 0; i < block.size(); i++)
+  for (size_t i = 0; i < block.size(); ++i)
     if (i != SPROM_BLK_CHECKSUM && i != SPROM_BLK_CHECKSUM + 1) sum = static_cast<uint16_t>(sum + block[i]);
   put_number(block.subspan(SPROM_BLK_CHECKSUM, 2), sum);
 }
@@ -81,7 +81,7 @@ image make_dimm(const identity &id) {
   std::ranges::copy(first, data.begin());
   put_text(std::span(data).subspan(73, 18), id.product);
   uint8_t sum = 0;
-  for (size_t i = 0; i < 63; i++)
+  for (size_t i = 0; i < 63; ++i)
     sum = static_cast<uint8_t>(sum + data[i]);
   data[63] = sum;
   return data;

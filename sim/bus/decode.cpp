@@ -75,7 +75,7 @@ struct reader {
   uint8_t byte() { return *at++; }
   uint64_t number(unsigned bytes) {
     uint64_t value = 0;
-    for (unsigned i = 0; i < bytes; i++)
+    for (unsigned i = 0; i < bytes; ++i)
       value |= uint64_t{byte()} << (8 * i);
     return value;
   }
@@ -88,7 +88,7 @@ struct reader {
 
 // Returns false on a prefix that changes more than sizes. The segments of the data are all flat but fs and gs.
 bool read_prefixes(reader *r) {
-  for (;; r->at++) {
+  for (;; ++r->at) {
     const uint8_t byte = *r->at;
     if (byte == 0x66) {
       r->operand16 = true;

@@ -62,7 +62,7 @@ void *refuse(int error) {
 }  // namespace
 
 devmem::devmem(const options &opts) : m_opts(opts), m_trap_all(!opts.trace.empty()), m_port(opts) {
-  for (size_t i = 0; i < windows.size(); i++)
+  for (size_t i = 0; i < windows.size(); ++i)
     m_silent[i] = undecoded(windows[i], opts);
 }
 
@@ -73,7 +73,7 @@ devmem::~devmem() {
 }
 
 bool devmem::power_up(std::string *error) {
-  for (size_t i = 0; i < flash_window; i++) {
+  for (size_t i = 0; i < flash_window; ++i) {
     if (!open_contents(i, error)) return false;
     m_nvram[i].start(m_contents[i].bytes(), static_cast<unsigned>(i), m_opts);
     m_nvram[i].tell(audit(i));

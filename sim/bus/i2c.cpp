@@ -119,7 +119,7 @@ int i2c_bus::carry(slot *to, i2c_message *message) {
 int i2c_bus::transfer(std::span<i2c_message> messages) {
   std::vector<slot *> started;
   int error = 0;
-  for (size_t i = 0; i < messages.size() && error == 0; i++) {
+  for (size_t i = 0; i < messages.size() && error == 0; ++i) {
     auto &message = messages[i];
     auto *const to = slot_of(message.addr);
     const bool first = std::ranges::find(started, to) == started.end();

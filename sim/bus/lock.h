@@ -15,7 +15,7 @@ class bus_lock {
   void lock() {
     const pthread_t self = pthread_self();
     if (m_owner.load(std::memory_order_relaxed) == self) {
-      m_again++;
+      ++m_again;
       return;
     }
     for (pthread_t none = nobody; !m_owner.compare_exchange_weak(none, self, std::memory_order_acquire); none = nobody)

@@ -42,14 +42,14 @@ uintptr_t ip_of(const ucontext_t &context) {
 
 void load_registers(const ucontext_t &context, cpu_regs *regs) {
   const auto &gregs = context.uc_mcontext.gregs;
-  for (size_t i = 0; i < greg_of.size(); i++)
+  for (size_t i = 0; i < greg_of.size(); ++i)
     regs->gpr[i] = static_cast<uintptr_t>(gregs[greg_of[i]]);
   regs->ip = ip_of(context);
 }
 
 void store_registers(const cpu_regs &regs, ucontext_t *context) {
   auto &gregs = context->uc_mcontext.gregs;
-  for (size_t i = 0; i < greg_of.size(); i++)
+  for (size_t i = 0; i < greg_of.size(); ++i)
     gregs[greg_of[i]] = static_cast<greg_t>(regs.gpr[i]);
   gregs[greg_ip] = static_cast<greg_t>(regs.ip);
 }
@@ -74,7 +74,7 @@ __attribute__((format(printf, 1, 2))) void complain(const char *format, ...) {
   // Bytes up to the page's end: the next page may not exist.
   const size_t count = std::min(longest_insn, page_size - ip % page_size);
   std::array<char, 3 * longest_insn + 1> bytes{};
-  for (size_t i = 0; i < count; i++) {
+  for (size_t i = 0; i < count; ++i) {
     uint8_t byte = 0;
     memcpy(&byte, reinterpret_cast<const void *>(ip + i), 1);
     snprintf(&bytes[3 * i], 4, " %02x", byte);

@@ -25,7 +25,7 @@ bool is_named(std::string_view entry, std::string_view name) {
 }
 
 std::string_view value_of(char *const *entries, std::string_view name) {
-  for (; entries != nullptr && *entries != nullptr; entries++)
+  for (; entries != nullptr && *entries != nullptr; ++entries)
     if (is_named(*entries, name)) return *entries + name.size() + 1;
   return "";
 }
@@ -43,7 +43,7 @@ bool lists_library(std::string_view list) {
 }  // namespace
 
 environment::environment(char *const *entries) {
-  for (; entries != nullptr && *entries != nullptr; entries++)
+  for (; entries != nullptr && *entries != nullptr; ++entries)
     m_entries.emplace_back(*entries);
 }
 

@@ -20,7 +20,7 @@ struct instant {
 instant read_both() {
   instant best{};
   uint64_t best_took = UINT64_MAX;
-  for (int i = 0; i < 32; i++) {
+  for (int i = 0; i < 32; ++i) {
     const uint64_t before = __rdtsc();
     const int64_t nsec = monotonic_nsec();
     const uint64_t took = __rdtsc() - before;

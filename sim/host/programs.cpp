@@ -44,7 +44,7 @@ bool read_at(const file &from, uint64_t offset, void *to, size_t length) {
 
 // The loader that a program asks for, "" if it asks for none.
 std::string loader_of(const file &program, const ElfW(Ehdr) & header) {
-  for (unsigned i = 0; i < header.e_phnum; i++) {
+  for (unsigned i = 0; i < header.e_phnum; ++i) {
     ElfW(Phdr) part{};
     if (!read_at(program, header.e_phoff + uint64_t{i} * header.e_phentsize, &part, sizeof(part))) return "";
     if (part.p_type != PT_INTERP || part.p_filesz > PATH_MAX) continue;
@@ -119,7 +119,7 @@ int execution_error(const std::string &path) {
 
 program_check check_program(const std::string &path) {
   std::string image = path;
-  for (int i = 0; i <= max_interpreters; i++) {
+  for (int i = 0; i <= max_interpreters; ++i) {
     if (const int error = execution_error(image)) return {error, "", image};
     const file program{sys::open(image.c_str(), O_RDONLY | O_CLOEXEC)};
     if (!program.is_open()) return refused(path, image, "it cannot be read, so nobody knows what it would run on");

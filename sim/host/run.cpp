@@ -35,7 +35,7 @@ void hand_on(int signal, siginfo_t *info, void *) {
 [[noreturn]] void exec_program(const std::string &program, const std::vector<std::string> &arguments,
                                const sigset_t &mask, const file &told) {
   (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
-  for (size_t i = 0; i < taken.size(); i++)
+  for (size_t i = 0; i < taken.size(); ++i)
     (void)sigaction(taken[i], &found[i], nullptr);
   (void)sigprocmask(SIG_SETMASK, &mask, nullptr);
   std::vector<char *> argv{const_cast<char *>(program.c_str())};
@@ -88,7 +88,7 @@ int wait_for(pid_t pid) {
 }  // namespace
 
 void take_signals() {
-  for (size_t i = 0; i < taken.size(); i++) {
+  for (size_t i = 0; i < taken.size(); ++i) {
     (void)sigaction(taken[i], nullptr, &found[i]);
     if (found[i].sa_handler == SIG_IGN) continue;
     struct sigaction act {};

@@ -9,8 +9,6 @@
 #include <memory>
 #include <regex>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "tests/support/run.h"
 

@@ -1,6 +1,5 @@
 // Whole runs with the NVRAM and OBFL rows: what POST says, what it records, and what is in NVRAM and flash afterwards.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
@@ -12,6 +11,7 @@
 #include <fstream>
 #include <random>
 #include <regex>
+#include <set>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -44,11 +44,11 @@ class full_board {
  public:
   full_board() {
     flash_.assign(flash_size, '\xFF');
-    for (const int sector :
-         {6, 0, 2, 509, 4, 507, 8, 503, 16, 495, 32, 479, 64, 447, 128, 383, 256, 255, 511, 1, 300}) {
-      const std::string bytes = noise(sector_size, static_cast<unsigned>(sector));
-      std::ranges::copy(bytes, flash_.begin() + sector * static_cast<std::ptrdiff_t>(sector_size));
-    }
+    std::set<int> sectors{1, 300};
+    sectors.insert(tested_sectors.begin(), tested_sectors.end());
+    for (const int sector : sectors)
+      flash_.replace(static_cast<size_t>(sector) * sector_size, sector_size,
+                     noise(sector_size, static_cast<unsigned>(sector)));
     for (unsigned i = 0; i < nvram_.size(); ++i)
       nvram_[i] = noise(nvram_size, 1000 + i);
     reset();
@@ -73,21 +73,15 @@ class full_board {
   }
   [[nodiscard]] std::string nvram_before(size_t instance) const { return nvram_[instance]; }
   [[nodiscard]] std::string nvram_after(size_t instance) const { return read("nvram" + std::to_string(instance)); }
-  [[nodiscard]] std::string sector_before(size_t sector) const {
-    return flash_.substr(sector * sector_size, sector_size);
-  }
-  [[nodiscard]] std::string sector_after(size_t sector) const {
-    return read("flash").substr(sector * sector_size, sector_size);
-  }
+  [[nodiscard]] std::string flash_before() const { return flash_; }
+  [[nodiscard]] std::string flash_after() const { return read("flash"); }
 
   // The sectors that are not as they were.
   [[nodiscard]] std::vector<size_t> changed_sectors() const {
-    const std::string now = read("flash");
+    const std::string now = flash_after();
     std::vector<size_t> changed;
-    for (size_t sector = 0; sector < flash_size / sector_size; ++sector) {
-      if (now.compare(sector * sector_size, sector_size, flash_, sector * sector_size, sector_size) != 0)
-        changed.push_back(sector);
-    }
+    for (size_t at = 0; at < flash_size; at += sector_size)
+      if (now.compare(at, sector_size, flash_, at, sector_size) != 0) changed.push_back(at / sector_size);
     return changed;
   }
 
@@ -199,13 +193,6 @@ TEST(nvram_faults, are_told_and_cost_nothing_else) {
   }
 }
 
-struct obfl_case {
-  const char *name;
-  const char *fault;
-  std::string said;
-  std::vector<size_t> changed;  // sectors that are not as they were
-};
-
 std::string compare_error(uint32_t addr, unsigned written, unsigned read) {
   char text[160];
   (void)snprintf(text, sizeof text, "## Error: Addr 0x%08x, data 0x%08x : failed\nRead 0x%08x, failed bits 0x%08x\n",
@@ -213,8 +200,9 @@ std::string compare_error(uint32_t addr, unsigned written, unsigned read) {
   return text;
 }
 
+// Name, fault, what is said, and the sectors that are not as they were.
 // clang-format off
-const obfl_case obfl_cases[] = {
+const std::tuple<const char *, const char *, std::string, std::vector<size_t>> obfl_cases[] = {
     {"data line stuck low",             "flash-data-stuck line=3 level=0",           compare_error(0xC0006, 0x8, 0), {6}},
     {"data line stuck high",            "flash-data-stuck line=12 level=1",          compare_error(0xC0000, 0x1, 0x1001), {6}},
     {"data lines shorted",              "flash-data-short line=2 other=5 wins=0",    compare_error(0xC0004, 0x4, 0), {6}},
@@ -231,12 +219,12 @@ const obfl_case obfl_cases[] = {
 // clang-format on
 
 TEST(obfl_faults, are_told_and_cost_no_other_sector) {
-  for (const auto &c : obfl_cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto &[name, fault, said, changed] : obfl_cases) {
+    SCOPED_TRACE(name);
     const full_board board;
-    (void)expect_run(board, {"--fault", c.fault}, {.said = {{"10:0", c.said}}, .failed = {"10:0"}});
+    (void)expect_run(board, {"--fault", fault}, {.said = {{"10:0", said}}, .failed = {"10:0"}});
     EXPECT_THAT(board.changed_nvrams(), IsEmpty());
-    EXPECT_THAT(board.changed_sectors(), testing::IsSubsetOf(c.changed));
+    EXPECT_THAT(board.changed_sectors(), testing::IsSubsetOf(changed));
   }
 }
 
@@ -244,10 +232,10 @@ TEST(obfl_faults, are_told_and_cost_no_other_sector) {
 TEST(obfl_faults, restore_what_the_data_lines_carry) {
   const full_board board;
   (void)board.run({"--fault", "flash-data-stuck line=3 level=0"});
-  std::string expected = board.sector_before(6);
-  for (size_t i = 0; i < expected.size(); i += 2)
+  std::string expected = board.flash_before();
+  for (size_t i = 6 * sector_size; i < 7 * sector_size; i += 2)
     expected[i] = static_cast<char>(expected[i] & ~0x08);
-  EXPECT_TRUE(board.sector_after(6) == expected);
+  EXPECT_TRUE(board.flash_after() == expected);
 }
 
 std::string failed_call(const std::string &call, const char *status) {
@@ -283,14 +271,9 @@ const std::string flash_mapped = "devmemfd:0xN\nphys->virt: 0xf8000000-->0xADDR\
 const std::string nvram0_mapped = "devmemfd:0xN\nphys->virt: 0xf4000000-->0xADDR\n";
 const std::string refused = "devmemfd:0xN\nmmap_map_addr(): mmap() failed. Errno 1:Operation not permitted";
 
-struct start_case {
-  const char *fault;
-  std::string out;
-  const char *err;  // of post, after the source's path and line
-};
-
+// Fault, output, and the errors of post, after the source's path and line.
 // clang-format off
-const start_case start_cases[] = {
+const std::tuple<const char *, std::string, const char *> start_cases[] = {
     {"cpuinfo-missing", "Unable to open /proc/cpuinfo for reading....\n", "_init_ptu: Assertion `0' failed.\n"},
     {"cpuinfo-no-rate", "Unable to find 'cpu MHz' in /proc/cpuinfo\n", "_init_ptu: Assertion `0' failed.\n"},
     {"cpuinfo-rate khz=0", "", "_init_ptu: Assertion `mhz != 0.0' failed.\n"},
@@ -314,13 +297,13 @@ const start_case start_cases[] = {
 // clang-format on
 
 TEST(start_up, ends_when_a_device_cannot_be_reached) {
-  for (const auto &c : start_cases) {
-    SCOPED_TRACE(c.fault);
+  for (const auto &[fault, out, err] : start_cases) {
+    SCOPED_TRACE(fault);
     const temp_dir state;
-    const outcome run = run_board(state.path(), {"--fault", c.fault});
+    const outcome run = run_board(state.path(), {"--fault", fault});
     EXPECT_EQ(run.status, 128 + SIGABRT);
-    EXPECT_EQ(before_abort(run.out), c.out);
-    EXPECT_THAT(run.err, HasSubstr(c.err));
+    EXPECT_EQ(before_abort(run.out), out);
+    EXPECT_THAT(run.err, HasSubstr(err));
     EXPECT_EQ(run.records, "");
   }
 }
@@ -332,21 +315,17 @@ TEST(start_up, names_the_function_in_the_call_stack) {
 
 // What was printed before the abort is in the file, in order.
 TEST(locks, end_the_process_when_they_cannot_be_created) {
-  struct lock_case {
-    const char *fault;
-    const char *error;
-  };
-  for (const auto &c : {lock_case{"lock-dir-missing", "2, No such file or directory"},
-                        lock_case{"lock-dir-read-only", "30, Read-only file system"}}) {
-    SCOPED_TRACE(c.fault);
+  for (const auto &[fault, error] : {std::pair{"lock-dir-missing", "2, No such file or directory"},
+                                     {"lock-dir-read-only", "30, Read-only file system"}}) {
+    SCOPED_TRACE(fault);
     const full_board board;
-    const outcome run = board.run({"--fault", c.fault});
+    const outcome run = board.run({"--fault", fault});
     EXPECT_EQ(run.status, 128 + SIGABRT);
     EXPECT_THAT(run.out,
                 EndsWith(std::string("  Executing Mod 1 1 NVRAM Test: \n."
                                      "ERROR lock_create(): error creating lock: /var/lock/RTC_NVRAM0-read.lock\n"
                                      ": OS Error: errno: ") +
-                         c.error + " \nlock_create(\"RTC_NVRAM0-read\") failed\n"));
+                         error + " \nlock_create(\"RTC_NVRAM0-read\") failed\n"));
     EXPECT_THAT(run.err, HasSubstr("_mmap_rd_lk_acq: Assertion `(0)' failed.\n"));
     EXPECT_THAT(board.changed_nvrams(), IsEmpty());
   }

@@ -1,14 +1,11 @@
 // Whole short runs: each fault of the identity reads, the SEEPROM, GigE and PCIe rows, with exact output and records.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "post/dorvan/cards.h"
 #include "tests/board/post_output.h"
@@ -36,74 +33,49 @@ struct short_case {
   expected_run run = {};
 };
 
+// clang-format off
 const short_case identity_cases[] = {
-    {"healthy", {}},
-    {"healthy before revision P1", {"--change-bits=0"}, {.board = "P(0x0) board\n"}},
-    {"EEPROM absent: revision P1 assumed, both images fail",
-     {"--fault=i2c-absent bus=1 addr=0x52"},
+    {"EEPROM absent: revision P1 assumed, both images fail", {"--fault=i2c-absent bus=1 addr=0x52"},
      {.before_board = no_eeprom, .failed = {"4:0", "4:1"}}},
-    {"EEPROM fails once during the start-up read: the SEEPROM row reads it anew",
-     {"--fault=i2c-fail bus=1 addr=0x52 nth=200 times=1"},
+    {"EEPROM fails once during the start-up read: the SEEPROM row reads it anew", {"--fault=i2c-fail bus=1 addr=0x52 nth=200 times=1"},
      {.before_board = no_eeprom}},
-    {"EEPROM fails in the backplane image", {"--fault=i2c-fail bus=1 addr=0x52 nth=340 times=1"}, {.failed = {"4:1"}}},
-    {"no SPROM driver: nothing identifies the card",
-     {"--fault=sprom-absent"},
-     {.board = "P(0x0) board\n",
-      .before_board = no_sprom,
-      .said = {{"4:0", no_sprom},
-               {"4:1", no_sprom},
-               {"4:2", no_sprom},
-               {"5:0", no_sprom},
-               {"5:1", no_sprom},
-               {"5:2", no_sprom},
-               {"5:3", no_sprom},
+    {"EEPROM fails in the backplane image", {"--fault=i2c-fail bus=1 addr=0x52 nth=340 times=1"},
+     {.failed = {"4:1"}}},
+    {"no SPROM driver: nothing identifies the card", {"--fault=sprom-absent"},
+     {.board = "P(0x0) board\n", .before_board = no_sprom,
+      .said = {{"4:0", no_sprom}, {"4:1", no_sprom}, {"4:2", no_sprom}, {"5:0", no_sprom}, {"5:1", no_sprom}, {"5:2", no_sprom}, {"5:3", no_sprom},
                {"12:0", no_sprom}},
-      .failed = {"5:0", "5:1", "5:2", "5:3"},
-      .unrecorded = {"4"}}},
-    {"a refusing SPROM driver: an unknown card",
-     {"--fault=sprom-refuse"},
+      .failed = {"5:0", "5:1", "5:2", "5:3"}, .unrecorded = {"4"}}},
+    {"a refusing SPROM driver: an unknown card", {"--fault=sprom-refuse"},
      {.board = "P(0x0) board\n", .said = {{"12:0", "Invalid card detected\n" + detection}}, .unrecorded = {"4"}}},
 };
 
 const short_case test_cases[] = {
-    {"no ethtool",
-     {"--fault=ethtool-missing"},
+    {"no ethtool", {"--fault=ethtool-missing"},
      {.said = {{"5:0", no_verdict}, {"5:3", no_verdict}}, .failed = {"5:0", "5:3"}}},
-    {"a failing link alone passes", {"--fault=ethtool-fail port=eth0 test=link"}},
-    {"no /post: neither records nor logs",
-     {"--fault=post-missing"},
-     {.said = {{"5:0", no_log}, {"5:3", no_log}},
-      .failed = {"5:0", "5:3"},
+    {"no /post: neither records nor logs", {"--fault=post-missing"},
+     {.said = {{"5:0", no_log}, {"5:3", no_log}}, .failed = {"5:0", "5:3"},
       .after_record = "Could not open file post_results.txt\nERROR: Failed to open /post/result (0)\n"}},
-    {"row 4 of the functions fails device 5",
-     {"--card=11061", "--fault=pci-missing bus=1 dev=0 func=3"},
-     {.said = {{"12:0",
-                missing({{"Intel Gigabit Ethernet Controller", "bus:01, dev:00, func:03, vendId:8086, devId:0436"}})}},
+    {"row 4 of the functions fails device 5", {"--card=11061", "--fault=pci-missing bus=1 dev=0 func=3"},
+     {.said = {{"12:0", missing({{"Intel Gigabit Ethernet Controller", "bus:01, dev:00, func:03, vendId:8086, devId:0436"}})}},
       .failed = {"12:5"}}},
-    {"the right function with another device id is missing",
-     {"--card=11096", "--fault=pci-wrong-id bus=4 dev=0 func=0 device=0x1521"},
-     {.said = {{"12:0", missing({{"Intel 82576EB Inband Gigabit Ethernet Controller",
-                                  "bus:04, dev:00, func:00, vendId:8086, devId:1523"}})}},
+    {"the right function with another device id is missing", {"--card=11096", "--fault=pci-wrong-id bus=4 dev=0 func=0 device=0x1521"},
+     {.said = {{"12:0", missing({{"Intel 82576EB Inband Gigabit Ethernet Controller", "bus:04, dev:00, func:00, vendId:8086, devId:1523"}})}},
       .failed = {"12:2"}}},
     {"two functions missing share the newline and the last line",
      {"--card=11079", "--fault=pci-missing bus=2 dev=0 func=0", "--fault=pci-missing bus=9 dev=0 func=0"},
-     {.said = {{"12:0", missing({{"Intel 82576EB Gigabit Ethernet Controller",
-                                  "bus:02, dev:00, func:00, vendId:8086, devId:1521"},
-                                 {"Lorwen ASIC - Velto Switch Central Switch Fabric ASIC",
-                                  "bus:09, dev:00, func:00, vendId:1E4D, devId:0077"}})}},
+     {.said = {{"12:0", missing({{"Intel 82576EB Gigabit Ethernet Controller", "bus:02, dev:00, func:00, vendId:8086, devId:1521"},
+                                 {"Lorwen ASIC - Velto Switch Central Switch Fabric ASIC", "bus:09, dev:00, func:00, vendId:1E4D, devId:0077"}})}},
       .failed = {"12:0", "12:6"}}},
-    {"a function behind the sixth reaches no device",
-     {"--card=11111", "--change-bits=2", "--fault=pci-missing bus=0x2C dev=0 func=0"},
+    {"a function behind the sixth reaches no device", {"--card=11111", "--change-bits=2", "--fault=pci-missing bus=0x2C dev=0 func=0"},
      {.board = "P(0x2) board\n",
-      .said = {{"12:0", missing({{"Intel 82576EB Inband Gigabit Ethernet Controller",
-                                  "bus:2C, dev:00, func:00, vendId:8086, devId:1523"}})}}}},
-    {"change bits 3 are no known revision: nothing is compared",
-     {"--change-bits=3", "--fault=pci-missing bus=2 dev=0 func=0"},
+      .said = {{"12:0", missing({{"Intel 82576EB Inband Gigabit Ethernet Controller", "bus:2C, dev:00, func:00, vendId:8086, devId:1523"}})}}}},
+    {"change bits 3 are no known revision: nothing is compared", {"--change-bits=3", "--fault=pci-missing bus=2 dev=0 func=0"},
      {.board = "P(0x3) board\n"}},
-    {"change bits are 64 bits wide: not revision 0",
-     {"--change-bits=0x100000000", "--fault=pci-missing bus=2 dev=0 func=0"},
+    {"change bits are 64 bits wide: not revision 0", {"--change-bits=0x100000000", "--fault=pci-missing bus=2 dev=0 func=0"},
      {.board = "P(0x100000000) board\n"}},
 };
+// clang-format on
 
 void expect_run(const short_case &c) {
   SCOPED_TRACE(c.name);
@@ -174,15 +146,11 @@ TEST(short_post, appends_its_records) {
 
 // The first argument alone counts, and of that the first two characters.
 TEST(short_post, reads_one_flag) {
-  struct flag_case {
-    std::vector<std::string> args;
-    std::string warning;
-    bool full;
-  };
   const auto unsupported = [](char flag) {
     return std::string("Warning: Unsupported flag \"-") + flag + "\"! Ignoring it\n";
   };
-  const flag_case cases[] = {
+  // Arguments, the warning, and whether the run is a full one.
+  const std::tuple<std::vector<std::string>, std::string, bool> cases[] = {
       {{"-Sx", "-y"}, "", false},
       {{"-x", "-s"}, unsupported('x'), true},
       {{"-"}, unsupported('\0'), true},
@@ -190,16 +158,16 @@ TEST(short_post, reads_one_flag) {
       {{""}, "", true},
       {{}, "", true},
   };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(testing::PrintToString(c.args));
+  for (const auto &[flags, warning, full] : cases) {
+    SCOPED_TRACE(testing::PrintToString(flags));
     const temp_dir state;
     std::vector<std::string> args{"--fault", "flash-erase-hangs", "--", POST_BIN_DIR "/post"};
-    args.insert(args.end(), c.args.begin(), c.args.end());
+    args.insert(args.end(), flags.begin(), flags.end());
     const outcome run = run_board(state.path(), args);
     EXPECT_EQ(run.status, 0);
-    EXPECT_THAT(steady(run.out), testing::StartsWith(mapping_lines() + c.warning + "Starting system POST.....\n"));
-    EXPECT_EQ(run.out.find("NVRAM Test") != std::string::npos, c.full);
-    EXPECT_EQ(run.records.find("\n0:10:0:2\n") != std::string::npos, c.full);
+    EXPECT_THAT(steady(run.out), testing::StartsWith(mapping_lines() + warning + "Starting system POST.....\n"));
+    EXPECT_EQ(run.out.find("NVRAM Test") != std::string::npos, full);
+    EXPECT_EQ(run.records.find("\n0:10:0:2\n") != std::string::npos, full);
   }
 }
 

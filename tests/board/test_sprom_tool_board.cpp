@@ -31,9 +31,9 @@ class sprom_board : public sprom_tool {
     EXPECT_EQ(sh("rm -rf st; board-sim --state st " + board + " -- sprom list").status, 0);
     return load("st/eeprom-" + eeprom);
   }
-  // The last run's writes to the protection port and to expanders, a line each, without "w", width and message number.
+  // The last run's writes to the protection port and to expanders.
   [[nodiscard]] std::string pins() const {
-    return sh(R"(sed -nE 's/^[^ ]+ (port|i2c-[0-9]+:7.) w (24|32) [^ ]+ 0x/\1 /p' log)").out;
+    return sh(R"(sed -nE 's/^[^ ]+ ((port|i2c-[0-9]+:7.) w (24|32) )/\1/p' log)").out;
   }
   // How many bytes the last run wrote to an EEPROM.
   [[nodiscard]] size_t cycles(const std::string &eeprom, bool one_byte) const {
@@ -75,9 +75,10 @@ struct target {
   size_t base;
   std::string pins;
 };
-const std::string port_pins = "port 635a3c41\nport 6b5a3c41\n";
+const std::string port_pins = "port w 32 0x50c 0x635a3c41\nport w 32 0x50c 0x6b5a3c41\n";
 std::string pin_pins(const std::string &expander, const std::string &low) {
-  return "i2c-" + expander + " 06" + low + "\ni2c-" + expander + " 02" + low + "\ni2c-" + expander + " 02ffff\n";
+  const std::string write = "i2c-" + expander + " w 24 0x0 0x";
+  return write + "06" + low + "\n" + write + "02" + low + "\n" + write + "02ffff\n";
 }
 // clang-format off
 const std::vector<target> targets{
@@ -104,32 +105,25 @@ std::string name_of(const target &t) {
 }  // namespace
 
 TEST_F(sprom_board, tells_the_family) {
-  struct row {
-    std::string board;
-    std::string family;  // "" for none
-    std::string err;
-  };
   const std::string bad = "Supervisor Main block checksum mismatch.  Found 0x01f4, expected 0x02f3.\n";
+  // The family, "" for none, and the errors.
   // clang-format off
-  const std::vector<row> rows{
+  const std::array<std::string, 3> rows[]{
       {"",                                                    "dorvan", ""},
-      {"--card 11111",                                        "dorvan", ""},
       {"--card 11112",                                        "",       unknown_board},
       {"--fault sprom-absent",                                "",       unknown_board},
       {"--family pellin --fault sprom-absent",                "pellin", ""},
-      {"--family pellin --fault 'straps value=2'",            "pellin", ""},
       {"--family pellin --fault 'straps value=3' --card 5",   "",       unknown_board},
       {"--family pellin --fault 'straps value=3' --fault 'sprom-corrupt image=sup block=main'", "", bad + bad + unknown_board},
       {"--family tosk --fault 'straps value=3'",              "tosk",   ""},
-      {"--family tosk --fault 'i2c-absent bus=8 addr=0x76'",  "tosk",   ""},
   };
   // clang-format on
-  for (const row &r : rows) {
-    SCOPED_TRACE(r.board);
-    const auto result = sh("board-sim " + r.board + " -- sprom list --json --no-probe");
-    EXPECT_EQ(result.status, r.family.empty() ? 1 : 0);
-    EXPECT_THAT(result.out, StartsWith(r.family.empty() ? "" : "{\"family\":\"" + r.family + "\",\"sproms\":[{\"na"));
-    EXPECT_EQ(result.err, r.err);
+  for (const auto &[board, family, err] : rows) {
+    SCOPED_TRACE(board);
+    const auto result = sh("board-sim " + board + " -- sprom list --json --no-probe");
+    EXPECT_EQ(result.status, family.empty() ? 1 : 0);
+    EXPECT_THAT(result.out, StartsWith(family.empty() ? "" : "{\"family\":\"" + family + "\",\"sproms\":[{\"na"));
+    EXPECT_EQ(result.err, err);
   }
 }
 
@@ -153,8 +147,9 @@ TEST_F(sprom_board, writes_what_differs_in_every_sprom_and_nothing_beside) {
       EXPECT_EQ(load("old"), now);
       EXPECT_EQ(cycles(t.eeprom, t.type == SPROM_TYPE_PS), needed);
       // The pin is an output from the first write on.
-      EXPECT_EQ(pins(),
-                now == old ? t.pins : t.pins.substr(t.pins.find("06") < t.pins.find('\n') ? t.pins.find('\n') + 1 : 0));
+      EXPECT_EQ(pins(), now == old
+                            ? t.pins
+                            : t.pins.substr(t.pins.find("0x06") < t.pins.find('\n') ? t.pins.find('\n') + 1 : 0));
     }
     EXPECT_EQ(on(t.board, "dump " + t.name + " copy").status, 0);
     EXPECT_EQ(load("copy"), device_image(t.type));
@@ -163,15 +158,12 @@ TEST_F(sprom_board, writes_what_differs_in_every_sprom_and_nothing_beside) {
 }
 
 TEST_F(sprom_board, takes_the_mezzanine_pin_from_the_change_bits_and_hints_at_the_other) {
-  struct row {
-    std::string board;
-    std::string variable;
-    bool is_written;
-    std::string pin;  // written to the configuration
-  };
-  const std::string hint = "sprom: DC 1 .*: the board's hardware change bits are ";
+  const std::string own = " and not pin ", expander = " of /dev/i2c-20:0x76", hint = ": DIAG_HW_CHANGE_BITS=";
+  const std::string other_of_p0 = "0, by which its protect pin is pin 7" + expander + own + "9" + expander + hint + "0";
+  const std::string other_of_p1 = "1, by which its protect pin is pin 9" + expander + own + "7" + expander + hint + "1";
+  // Whether it is written, and what is written to the pin's configuration.
   // clang-format off
-  for (const row &r : std::vector<row>{
+  for (const auto &[board, variable, is_written, pin] : std::vector<std::tuple<std::string, std::string, bool, std::string>>{
            {"P1", "unset DIAG_HW_CHANGE_BITS;",       true,  "fffd"},
            {"P1", "export DIAG_HW_CHANGE_BITS=5;",    true,  "fffd"},
            {"P1", "export DIAG_HW_CHANGE_BITS=0x0;",  false, "7fff"},
@@ -179,28 +171,18 @@ TEST_F(sprom_board, takes_the_mezzanine_pin_from_the_change_bits_and_hints_at_th
            {"P0", "export DIAG_HW_CHANGE_BITS=0;",    true,  "7fff"},
            {"P0", "export DIAG_HW_CHANGE_BITS=none;", true,  "7fff"}}) {
     // clang-format on
-    SCOPED_TRACE(r.board + " " + r.variable);
-    const auto result = on("--family pellin --revision " + r.board, "edit -y dc1 --product-id=" + r.board, r.variable);
-    EXPECT_EQ(result.status, r.is_written ? 0 : 1);
-    EXPECT_THAT(pins(), StartsWith("i2c-20:76 06" + r.pin + "\n"));
-    const std::string other = r.board == "P0"
-                                  ? "0, by which its protect pin is pin 7 of /dev/i2c-20:0x76 and not pin 9 of "
-                                    "/dev/i2c-20:0x76: DIAG_HW_CHANGE_BITS=0 selects it\n"
-                                  : "1, by which its protect pin is pin 9 of /dev/i2c-20:0x76 and not pin 7 of "
-                                    "/dev/i2c-20:0x76: DIAG_HW_CHANGE_BITS=1 selects it\n";
-    EXPECT_THAT(result.err, EndsWith(r.is_written ? "" : other));
+    SCOPED_TRACE(board + " " + variable);
+    const auto result = on("--family pellin --revision " + board, "edit -y dc1 --product-id=" + board, variable);
+    EXPECT_EQ(result.status, is_written ? 0 : 1);
+    EXPECT_THAT(pins(), StartsWith("i2c-20:76 w 24 0x0 0x06" + pin + "\n"));
+    const std::string other = (board == "P0" ? other_of_p0 : other_of_p1) + " selects it\n";
+    EXPECT_THAT(result.err, EndsWith(is_written ? "" : other));
     EXPECT_EQ(sh("rm -rf st").status, 0);
   }
 }
 
 // Every way in which a write can go wrong: what it says, and how many of its 17 bytes arrive.
 TEST_F(sprom_board, never_claims_a_write_that_did_not_arrive) {
-  struct row {
-    size_t target;
-    std::string fault;
-    size_t arrived;
-    std::vector<std::string> err;  // regular expressions, without the label in front
-  };
   const std::string no_answer = ": No such device or address .errno 6.";
   const std::string failed = ": Input/output error .errno 5.";
   const std::string unchanged = "nothing has changed; it may be write-protected";
@@ -214,9 +196,10 @@ TEST_F(sprom_board, never_claims_a_write_that_did_not_arrive) {
       "whether the write protection .bit 27 of I/O port 0x50c. is on again cannot be told: Operation not permitted "
       ".errno 1.";
   const std::string half = "it reads back as the image, although the write protection failed";
-  // A dorvan supervisor image is read in 335 transactions and written in 17.
+  // A dorvan supervisor image is read in 335 transactions and written in 17. Number of the target, fault, how many
+  // bytes arrive, and the errors as regular expressions, without the label in front.
   // clang-format off
-  const std::vector<row> rows{
+  const std::tuple<size_t, std::string, size_t, std::vector<std::string>> rows[]{
       {2,  "iopl-refused",                             0,  {is_unknown, differs, unchanged}},
       {10, "port-stuck bit=27 level=1",                0,  {port + "was switched off, but stays on", differs, "nothing has changed"}},
       {2,  "port-stuck bit=27 level=0",                17, {port + "was switched on, but stays off", half}},
@@ -237,20 +220,20 @@ TEST_F(sprom_board, never_claims_a_write_that_did_not_arrive) {
       {0,  "i2c-fail bus=1 addr=0x52 nth=400",         17, {"cannot read byte 46 of 334" + failed, unknown}},
   };
   // clang-format on
-  for (const row &r : rows) {
-    SCOPED_TRACE(r.fault);
-    const target &t = targets[r.target];
+  for (const auto &[number, fault, arrived, errors] : rows) {
+    SCOPED_TRACE(fault);
+    const target &t = targets[number];
     const bytes before = fresh(t.board, t.eeprom);
     const bytes image = patched(image_in(before, t.base, t.type), t.type, 54,
                                 {'a', 'b', 'c', 'd', 'e', 'f', 'g', 'h', 'i', 'j', 'k', 'l', 'm', 'n'});
     save("image", image);
-    const auto result = on(t.board + " --fault '" + r.fault + "'", "write -y " + t.name + " image");
+    const auto result = on(t.board + " --fault '" + fault + "'", "write -y " + t.name + " image");
     bytes expected = before;
-    for (size_t i = 0; i < r.arrived; ++i)
+    for (size_t i = 0; i < arrived; ++i)
       expected[t.base + (i == 0 ? 4 : i < 15 ? 53 + i : i - 11)] = i == 0 ? 0xFF : image[i < 15 ? 53 + i : i - 11];
     EXPECT_EQ(load("st/eeprom-" + t.eeprom), expected);
     std::string err;
-    for (const std::string &line : r.err)
+    for (const std::string &line : errors)
       err += "sprom: " + name_of(t) + " .slot [^:]*:0x5[23].: " + line + "\n";
     EXPECT_THAT(result.err, MatchesRegex(err));
     EXPECT_EQ(result.status, 1);
@@ -315,14 +298,9 @@ TEST_F(sprom_board, loses_nothing_where_the_service_cannot_be_told_the_device) {
   const std::string read = identity + ": what is read may be another's\n";
   const std::string write = identity + "; --force writes all the same\n";
   const std::string protect = identity + "; --force does it all the same\n";
-  struct row {
-    std::string board;
-    std::string args;
-    int status;
-    std::string err;  // its end
-  };
+  // Board, arguments, status, and how the errors end.
   // clang-format off
-  const std::vector<row> rows{
+  const std::tuple<std::string, std::string, int, std::string> rows[]{
       {"pellin", "show PS1",                  1, one_byte + "\n"},
       {"pellin", "edit -y PS2 --num_6=7",     1, one_byte + "\n"},
       {"tosk",   "dump --raw ps1 x",          1, one_byte + "\n"},
@@ -341,18 +319,15 @@ TEST_F(sprom_board, loses_nothing_where_the_service_cannot_be_told_the_device) {
   };
   // clang-format on
   save("image", device_image(SPROM_TYPE_PS));
-  for (const row &r : rows) {
-    SCOPED_TRACE(r.args);
-    const auto fresh_chips = [&] {
-      EXPECT_EQ(sh("rm -rf st; board-sim --state st --family " + r.board + " -- sprom list").status, 0);
-      return sh("cd st; cksum eeprom-*").out;
-    };
-    const std::string chips = fresh_chips();
-    const auto result = on("--family " + r.board, r.args, service);
-    EXPECT_EQ(result.status, r.status);
-    EXPECT_THAT(result.err, EndsWith(r.err));
-    EXPECT_EQ(result.err.empty(), r.err.empty());
-    EXPECT_EQ(sh("cd st; cksum eeprom-*").out == chips, r.args[0] != 'e' || r.status != 0);
+  for (const auto &[board, args, status, err] : rows) {
+    SCOPED_TRACE(args);
+    const std::string chips =
+        sh("rm -rf st; board-sim --state st --family " + board + " -- sprom list >log; cd st; cksum eeprom-*").out;
+    const auto result = on("--family " + board, args, service);
+    EXPECT_EQ(result.status, status);
+    EXPECT_THAT(result.err, EndsWith(err));
+    EXPECT_EQ(result.err.empty(), err.empty());
+    EXPECT_EQ(sh("cd st; cksum eeprom-*").out == chips, args[0] != 'e' || status != 0);
   }
   // What is skipped is no defect of the board, but one in what was asked for by name.
   (void)sh("rm -rf st");
@@ -391,18 +366,11 @@ TEST_F(sprom_board, changes_no_chip_by_reading) {
 }
 
 TEST_F(sprom_board, tells_present_absent_and_dead_apart) {
-  struct row {
-    std::string fault;  // of a pellin board
-    std::string name;
-    int status;
-    std::string state;
-    std::string json;  // byte, errno, error
-    std::string err;
-  };
   const std::string none = ": No such device or address (errno 6)", failed = ": Input/output error (errno 5)";
   const std::string denied = ": Operation not permitted (errno 1)";
+  // Fault of a pellin board, name, status, state; byte, errno and error in JSON; error.
   // clang-format off
-  const std::vector<row> rows{
+  const std::tuple<std::string, std::string, int, std::string, std::string, std::string> rows[]{
       {"eeprom-busy bus=6 addr=0x53",              "PS2",        0, "present", "null,\"errno\":null,\"error\":null", ""},
       {"i2c-absent bus=6 addr=0x53",               "PS2",        3, "absent",  "0,\"errno\":6,", "the slot is empty" + none},
       {"i2c-fail bus=6 addr=0x53 times=0 errno=121","PS2",       3, "absent",  "0,\"errno\":121,", "the slot is empty: Remote I/O error (errno 121)"},
@@ -417,24 +385,22 @@ TEST_F(sprom_board, tells_present_absent_and_dead_apart) {
       {"i2c-absent bus=1 addr=0x52",               "BACKPLANE",  1, "dead",    "0,\"errno\":6,", "cannot read byte 0 of 471" + none},
   };
   // clang-format on
-  for (const row &r : rows) {
-    SCOPED_TRACE(r.fault + " " + r.name);
-    const std::string board = "--family pellin --fault '" + r.fault + "'";
-    const auto json = on(board, "verify --json '" + r.name + "'");
-    EXPECT_EQ(json.status, r.status);
-    EXPECT_THAT(json.out, HasSubstr("\"state\":\"" + r.state + "\",\"bus\":\"/dev/i2c-"));
-    EXPECT_THAT(json.out, HasSubstr("\"byte\":" + r.json));
-    const auto show = on(board, "show '" + r.name + "'");
-    EXPECT_EQ(show.status, r.status);
-    EXPECT_THAT(show.err, EndsWith(r.err.empty() ? "" : "): " + r.err + "\n"));
+  for (const auto &[fault, name, status, state, found, err] : rows) {
+    SCOPED_TRACE(fault + " " + name);
+    const std::string board = "--family pellin --fault '" + fault + "'";
+    const auto json = on(board, "verify --json '" + name + "'");
+    EXPECT_EQ(json.status, status);
+    EXPECT_THAT(json.out, HasSubstr("\"state\":\"" + state + "\",\"bus\":\"/dev/i2c-"));
+    EXPECT_THAT(json.out, HasSubstr("\"byte\":" + found));
+    const auto show = on(board, "show '" + name + "'");
+    EXPECT_EQ(show.status, status);
+    EXPECT_THAT(show.err, EndsWith(err.empty() ? "" : "): " + err + "\n"));
     const auto all = on(board, "verify");
-    EXPECT_EQ(all.status, r.status);
-    if (r.status != 0) {
-      EXPECT_THAT(all.out, HasSubstr("): " + r.state + "\n  " + r.err + "\n"));
-    }
+    EXPECT_EQ(all.status, status);
+    EXPECT_THAT(all.out, HasSubstr(status != 0 ? "): " + state + "\n  " + err + "\n" : ""));
     // A list asks for a byte only.
-    const std::string listed = r.json[0] == '9' ? "present" : r.state;
-    EXPECT_THAT(on(board, "list").out, testing::ContainsRegex("\n" + r.name + " .*/dev/i2c-.* " + listed + "\n"));
+    const std::string listed = found[0] == '9' ? "present" : state;
+    EXPECT_THAT(on(board, "list").out, testing::ContainsRegex("\n" + name + " .*/dev/i2c-.* " + listed + "\n"));
   }
   const auto result =
       on("--family tosk --fault 'i2c-absent bus=6 addr=0x53' --fault 'sprom-corrupt image=bp block=wwn offset=0'",
@@ -455,14 +421,8 @@ TEST_F(sprom_board, keeps_a_second_writer_out) {
   ASSERT_EQ(fcntl(fd, F_SETLK, &lock), 0);
   const std::string busy = "another program is writing to this EEPROM (process " + std::to_string(getpid()) + ")\n";
   const std::string no_file = "cannot lock /var/lock/sprom-i2c-1-52.lock: No such file or directory (errno 2)";
-  struct row {
-    std::string board;
-    std::string args;
-    int status;
-    std::string err;
-  };
   // clang-format off
-  const std::vector<row> rows{
+  const std::tuple<std::string, std::string, int, std::string> rows[]{
       {"",                          "edit -y --force 1,1 --num_6=7", 1, "not written: " + busy},
       {"",                          "edit -y 0,0 --num_6=7",         1, "not written: " + busy},
       {"",                          "edit -n 0,0 --num_6=7",         0, ""},
@@ -472,12 +432,12 @@ TEST_F(sprom_board, keeps_a_second_writer_out) {
       {"--fault lock-dir-missing",  "edit -y --force 0,0 --num_6=7", 0, no_file + "\n"},
   };
   // clang-format on
-  for (const row &r : rows) {
-    SCOPED_TRACE(r.args);
-    const auto result = on(r.board, r.args);
-    EXPECT_EQ(result.status, r.status);
-    EXPECT_THAT(result.err, EndsWith(r.err));
-    EXPECT_EQ(load("st/eeprom-1-52") == before, r.args.find("--force 0,0") == std::string::npos);
+  for (const auto &[board, args, status, err] : rows) {
+    SCOPED_TRACE(args);
+    const auto result = on(board, args);
+    EXPECT_EQ(result.status, status);
+    EXPECT_THAT(result.err, EndsWith(err));
+    EXPECT_EQ(load("st/eeprom-1-52") == before, args.find("--force 0,0") == std::string::npos);
   }
   (void)close(fd);
   EXPECT_EQ(on("", "edit -y 1,1 --num_6=7").status, 0);
@@ -578,11 +538,8 @@ TEST_F(sprom_board, does_what_the_manual_shows) {
 }
 
 TEST_F(sprom_board, completes_what_can_work) {
-  struct row {
-    const char *words;
-    const char *offers;  // all of them, a blank between
-  };
-  constexpr row rows[] = {
+  // Words, and all that is offered, a blank between.
+  const std::pair<std::string, std::string> rows[] = {
       {"'' pro", "protect"},
       {"protect --o", "--on"},
       {"diff --", "--help --version --verbose --family= --force"},
@@ -590,14 +547,14 @@ TEST_F(sprom_board, completes_what_can_work) {
       {"get -F dorvan BACKPLANE hw", "hw-change-bits"},
       {"make fan --num-13", "--num-130= --num-132= --num-134= --num-136= --num-138="},
   };
-  for (const row &r : rows) {
-    SCOPED_TRACE(r.words);
+  for (const auto &[words, offers] : rows) {
+    SCOPED_TRACE(words);
     const auto result =
         sh("cat >complete.bash <<'E'\n. " POST_SOURCE_DIR
            "/tools/completion/sprom\ncompopt() { :; }\n[ -z \"$1\" ] && shift\n"
            "COMP_WORDS=(sprom \"$@\") COMP_CWORD=$#\n_sprom\necho ${COMPREPLY[@]}\nE\nbash complete.bash " +
-           std::string(r.words));
-    EXPECT_EQ(result.out, std::string(r.offers) + "\n");
+           words);
+    EXPECT_EQ(result.out, offers + "\n");
     EXPECT_EQ(result.err, "");
   }
 }

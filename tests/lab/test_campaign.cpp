@@ -1,12 +1,8 @@
 // Whole campaigns, as a user starts them.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
 #include <regex>
-#include <string>
-#include <vector>
 
 #include "tests/support/run.h"
 
@@ -188,18 +184,13 @@ TEST_F(campaign, keeps_what_each_run_left_for_other_tools) {
   EXPECT_THAT(results.out, ContainsRegex("nvram.0 +.*FAIL"));
 }
 
-struct usage_case {
-  std::string args;
-  int status;
-  std::string err;  // a part of it
-};
-
 TEST_F(campaign, ends_with_its_status_and_says_why) {
   ASSERT_EQ(sh("post-campaign --fault sprom-refuse --json good.json && mkdir full && touch full/x").status, 0);
   save("bad.json", "{}");
   save("bad", "nothing at=all\n");
+  // Status, and a part of the errors.
   // clang-format off
-  const usage_case cases[] = {
+  const std::tuple<std::string, int, std::string> cases[] = {
       {"--read good.json",                      0, ""},
       {"--read good.json --json - ",            0, ""},
       {"--fault sprom-refuse --list",           0, ""},
@@ -238,23 +229,6 @@ TEST_F(campaign, ends_with_its_status_and_says_why) {
   }
   EXPECT_TRUE(left_nothing());
   EXPECT_TRUE(exists("full/x"));
-}
-
-TEST_F(campaign, has_its_options_in_manual_and_completion) {
-  const std::string help = sh("post-campaign --help").out;
-  const std::string manual = read_file(LAB_TESTS_DIR "/../../docs/post-campaign.1");
-  const std::string completed =
-      sh("bash -c 'source \"$0\";"
-         " COMP_WORDS=(post-campaign --) COMP_CWORD=1; _post_campaign; echo ${COMPREPLY[@]}' " +
-         shell_word(LAB_TESTS_DIR "/../../tools/completion/post-campaign"))
-          .out;
-  const std::regex option(R"(\n  (?:-\w,)?--([a-z-]+))");
-  size_t count = 0;
-  for (std::sregex_iterator at(help.begin(), help.end(), option), end; at != end; ++at, ++count) {
-    EXPECT_THAT(manual, AnyOf(HasSubstr(".It Fl -" + at->str(1)), HasSubstr(" , -" + at->str(1))));
-    EXPECT_THAT(completed, HasSubstr("--" + at->str(1)));
-  }
-  EXPECT_EQ(count, 28U);
 }
 
 }  // namespace

@@ -1,11 +1,8 @@
 // From what a run leaves behind to its outcome, and from many outcomes to the matrix in all its forms.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <fstream>
-#include <string>
-#include <vector>
 
 #include "lab/coverage.h"
 #include "lab/html.h"
@@ -13,6 +10,7 @@
 #include "lab/junit_matrix.h"
 #include "lab/knowledge.h"
 #include "lab/table.h"
+#include "tests/lab/lab_texts.h"
 #include "tests/support/run.h"
 
 using testing::ElementsAre;
@@ -25,54 +23,29 @@ namespace {
 
 // ---- outcomes
 
-constexpr const char *mapped = "devmemfd:0x3\nphys->virt: 0xf8000000-->0x1000\n";
-constexpr const char *begin = "Starting system POST.....\nP(0x1) board\n";
-constexpr const char *seeprom_row = "  Executing Mod 1 1 SEEPROM Test: \n...done (0 seconds)\n";
-constexpr const char *gige_row = "  Executing Mod 1 1 GigE Port Test: \n....done (0 seconds)\n";
-constexpr const char *nvram_row = "  Executing Mod 1 1 NVRAM Test: \n.done (0 seconds)\n";
-constexpr const char *obfl_row = "  Executing Mod 1 1 OBFL Test: \n.done (9 seconds)\n";
-constexpr const char *pcie_row = "  Executing Mod 1 1 PCIE Test: \n.......done (0 seconds)\n";
-constexpr const char *good_end = "  Mod 1 1 Post Completed Successfully\nPOST is completed\n";
-constexpr const char *bad_end = "  Mod 1 1 Post Failed\nPOST is completed\n";
+const std::string failed_log = edited(full_log, {{"Completed Successfully", "Failed"}});
 
-// Everything passes but the device of each given error line, in the row that `failing` stands for.
-std::string output(const std::string &failing, const char *end, bool whole = true) {
-  std::string text = std::string(mapped) + begin;
-  for (const auto *const row : {seeprom_row, gige_row, nvram_row, obfl_row, pcie_row}) {
-    const std::string title(row, std::string_view(row).find(": \n") + 3);
-    const auto at = failing.find(title);
-    if (at == std::string::npos) {
-      text += row;
-      continue;
-    }
-    text += failing.substr(at, failing.find("done", at) + 17 - at);
-  }
-  return whole ? text + end : text;
+// The output of a run that says this behind the first dot of a row.
+std::string saying(const std::string &row, const std::string &said, const std::string &text = full_log) {
+  return edited(text, {{row + " Test: \n.", row + " Test: \n." + said}});
 }
 
 std::string records(const std::vector<std::string> &failed) {
-  std::string text;
-  const std::pair<int, int> tests[] = {{4, 2}, {5, 4}, {8, 1}, {10, 1}, {12, 7}};
-  for (const auto &[test, devices] : tests)
-    for (int device = 0; device < devices; ++device) {
-      const auto name = std::to_string(test) + ":" + std::to_string(device);
-      text += "0:" + name + (std::ranges::find(failed, name) == failed.end() ? ":1\n" : ":2\n");
-    }
+  std::string text = full_records;
+  for (const std::string &device : failed)
+    text = edited(text, {{device + ":1", device + ":2"}});
   return text;
 }
 
-const std::string bad_nvram =
-    "  Executing Mod 1 1 NVRAM Test: \n.0x00000000: Expected 0x8 Actual 0x0\nFailed above Data "
-    "Bus Walking 1 Test for NVRAM 1 address 0x0\n\n ERROR: Executing 8 on dev 0\n"
-    "done (0 seconds)\n";
-const std::string bad_flash =
-    "  Executing Mod 1 1 OBFL Test: \n.Reached the max timeout but DQ5 bit not set\n"
-    "## Error : obfl_sector_erase failed \n\n ERROR: Executing 10 on dev 0\n"
-    "done (0 seconds)\n";
-const std::string bad_pcie =
-    "  Executing Mod 1 1 PCIE Test: \n.\n## Failed: PCI device - Bridge\n           "
-    "(bus:2E, dev:00, func:00, vendId:10B5, devId:9030)\n## Info : Based on P0 board "
-    "detection.\n......done (0 seconds)\n";
+constexpr const char *bad_nvram =
+    "0x00000000: Expected 0x8 Actual 0x0\nFailed above Data Bus Walking 1 Test for NVRAM 1 address 0x0\n"
+    "\n ERROR: Executing 8 on dev 0\n";
+constexpr const char *bad_flash =
+    "Reached the max timeout but DQ5 bit not set\n## Error : obfl_sector_erase failed \n"
+    "\n ERROR: Executing 10 on dev 0\n";
+constexpr const char *bad_pcie =
+    "\n## Failed: PCI device - Bridge\n           (bus:2E, dev:00, func:00, vendId:10B5, devId:9030)\n"
+    "## Info : Based on P0 board detection.\n";
 
 struct judge_case {
   const char *name;
@@ -98,10 +71,11 @@ std::vector<judge_case> judge_cases() {
   constexpr const char *nvram1 = "nvram-data-stuck instance=1 line=3 level=0";
   constexpr const char *nvram2 = "nvram-data-stuck instance=2 line=3 level=0";
   constexpr const char *expected = "0x00000000: Expected 0x8 Actual 0x0";
-  const auto good = output("", good_end);
-  const auto bad = output(bad_nvram, bad_end);
-  const auto cut_bad = output(bad_nvram + bad_flash, bad_end);
-  const auto cut_good = output(bad_flash, bad_end);
+  const std::string good = full_log;
+  const auto bad = saying("NVRAM", bad_nvram, failed_log);
+  const auto cut_bad = saying("OBFL", bad_flash, bad);
+  const auto cut_good = saying("OBFL", bad_flash, failed_log);
+  const auto endless = until(full_log, "  Mod 1 1 Post");
   // clang-format off
   return {
       // name                      fault   mode            output    failed           status fired         beyond late    outcome              verdict   reported    right  line
@@ -112,15 +86,15 @@ std::vector<judge_case> judge_cases() {
       {"the cut row tells nothing", nvram1, run_mode::cut, cut_bad,  {"8:0", "10:0"}, 0,     7,            0,     false, outcome::found,       "failed", {"nvram.0"}, true,  expected},
       {"nor by its lines",         nvram1, run_mode::cut,  cut_good, {"10:0"},        0,     7,            0,     false, outcome::missed,      "passed", {},          false, ""},
       {"missed",                   nvram1, run_mode::full, good,     {},              0,     7,            0,     false, outcome::missed,      "passed", {},          false, ""},
-      {"printed alone",            "pci-missing bus=0x2E dev=0 func=0", run_mode::full, output(bad_pcie, good_end), {}, 0, 1, 0, false, outcome::missed, "passed", {}, false, "## Failed: PCI device - Bridge"},
+      {"printed alone",            "pci-missing bus=0x2E dev=0 func=0", run_mode::full, saying("PCIE", bad_pcie), {}, 0, 1, 0, false, outcome::missed, "passed", {}, false, "## Failed: PCI device - Bridge"},
       {"not fired",                nvram1, run_mode::full, good,     {},              0,     0,            0,     false, outcome::not_fired,   "passed", {},          false, ""},
       {"nobody counted",           nvram1, run_mode::full, good,     {},              0,     std::nullopt, 0,     false, outcome::not_fired,   "passed", {},          false, ""},
       {"damaged, told",            nvram1, run_mode::full, bad,      {"8:0"},         0,     7,            1,     false, outcome::damaged,     "failed", {"nvram.0"}, true,  expected},
       {"damaged, untold",          nvram1, run_mode::full, good,     {},              0,     7,            1,     false, outcome::damaged,     "passed", {},          false, ""},
-      {"a signal",                 nvram1, run_mode::full, output("", "", false) + "board-sim: post was ended by signal 11 (Segmentation fault)\n", {}, 139, 7, 0, false, outcome::ended, "none", {}, false, ""},
-      {"an assertion at start",    nvram1, run_mode::full, std::string(mapped) + "post: a.cpp:1: f: Assertion `0' failed.\n", {}, 134, 1, 0, false, outcome::ended, "none", {}, false, "post: a.cpp:1: f: Assertion `0' failed."},
-      {"no verdict, status 0",     nvram1, run_mode::full, output("", "", false), {}, 0,     7,            0,     false, outcome::ended,       "none",   {},          false, ""},
-      {"late",                     nvram1, run_mode::full, output("", "", false), {}, 137,   std::nullopt, 9,     true,  outcome::hung,        "none",   {},          false, ""},
+      {"a signal",                 nvram1, run_mode::full, endless + "board-sim: post was ended by signal 11 (Segmentation fault)\n", {}, 139, 7, 0, false, outcome::ended, "none", {}, false, ""},
+      {"an assertion at start",    nvram1, run_mode::full, "devmemfd:0x3\npost: a.cpp:1: f: Assertion `0' failed.\n", {}, 134, 1, 0, false, outcome::ended, "none", {}, false, "post: a.cpp:1: f: Assertion `0' failed."},
+      {"no verdict, status 0",     nvram1, run_mode::full, endless, {}, 0,     7,            0,     false, outcome::ended,       "none",   {},          false, ""},
+      {"late",                     nvram1, run_mode::full, endless, {}, 137,   std::nullopt, 9,     true,  outcome::hung,        "none",   {},          false, ""},
       {"refused",                  nvram1, run_mode::full, "board-sim: the board has no such device\n", {}, 2, std::nullopt, 0, false, outcome::refused, "none", {}, false, "board-sim: the board has no such device"},
       {"healthy",                  "",     run_mode::full, good,     {},              0,     std::nullopt, 0,     false, outcome::healthy,     "passed", {},          false, ""},
       {"false alarm",              "",     run_mode::full, bad,      {"8:0"},         0,     std::nullopt, 0,     false, outcome::false_alarm, "failed", {"nvram.0"}, false, expected},
@@ -150,7 +124,7 @@ TEST(judge, gives_each_run_its_one_outcome) {
 
 TEST(judge, keeps_no_number_that_depends_on_time) {
   lab::run_evidence evidence;
-  evidence.process.output = output("", good_end);
+  evidence.process.output = full_log;
   const auto told = [&](const char *fault, uint64_t fired) {
     evidence.fired = fired;
     return lab::fired_text(lab::judge({fault, {}, lab::run_mode::brief}, evidence));
@@ -161,79 +135,46 @@ TEST(judge, keeps_no_number_that_depends_on_time) {
 }
 
 TEST(judge, wants_a_pci_function_named_by_its_place) {
-  const auto wrong_place = std::string(bad_pcie).replace(bad_pcie.find("bus:2E"), 6, "bus:02");
   lab::run_evidence evidence;
   evidence.fired = 1;
   evidence.records = records({"12:0"});
   for (const auto &[card, right] : {std::pair{11062U, true}, {11096U, true}, {0U, false}}) {
-    evidence.process.output = output(wrong_place, bad_end);
-    EXPECT_EQ(lab::judge({"pci-missing bus=2 dev=0 func=0", {card, "P1"}, {}}, evidence).right, right) << card;
-    evidence.process.output = output(bad_pcie, bad_end);
-    EXPECT_FALSE(lab::judge({"pci-missing bus=2 dev=0 func=0", {card, "P1"}, {}}, evidence).right);
+    const lab::run_item run{"pci-missing bus=2 dev=0 func=0", {card, "P1"}, {}};
+    evidence.process.output = saying("PCIE", edited(bad_pcie, {{"bus:2E", "bus:02"}}), failed_log);
+    EXPECT_EQ(lab::judge(run, evidence).right, right) << card;
+    evidence.process.output = saying("PCIE", bad_pcie, failed_log);
+    EXPECT_FALSE(lab::judge(run, evidence).right);
   }
 }
 
 // ---- contents
 
-struct spoil_case {
-  const char *fault;
-  const char *memory;
-  std::vector<std::pair<size_t, uint8_t>> flipped;  // offset and bits
-  std::string text;
-};
-
 TEST(contents, tell_what_a_fault_destroys_from_what_else_is_lost) {
-  const spoil_case cases[] = {
-      {"nvram-addr-stuck instance=0 line=3 level=0", "nvram0", {}, ""},
-      {"nvram-addr-stuck instance=0 line=3 level=0",
-       "nvram0",
-       {{5, 1}},
-       "nvram0: 1 byte, 0x5 to 0x5, 1 beyond the fault from 0x5"},
-      {"nvram-data-stuck instance=0 line=3 level=0",
-       "nvram0",
-       {{4, 8}, {0x20000, 8}},
-       "nvram0: 2 bytes, 0x4 to 0x20000"},
-      {"nvram-data-stuck instance=0 line=3 level=0",
-       "nvram0",
-       {{4, 8}, {5, 8}, {7, 1}},
-       "nvram0: 3 bytes, 0x4 to 0x7, 2 beyond the fault from 0x5"},
-      {"nvram-data-stuck instance=1 line=3 level=0",
-       "nvram0",
-       {{4, 8}},
-       "nvram0: 1 byte, 0x4 to 0x4, 1 beyond the fault from 0x4"},
-      {"flash-data-short line=0 other=15", "flash", {{2, 1}, {3, 0x80}}, "flash: 2 bytes, 0x2 to 0x3"},
-      {"flash-data-short line=0 other=15",
-       "flash",
-       {{2, 0x81}},
-       "flash: 1 byte, 0x2 to 0x2, 1 beyond the fault from 0x2"},
+  const struct {
+    const char *fault, *memory;
+    std::vector<std::pair<size_t, uint8_t>> flipped;  // offset and bits
+    const char *text;
+  } cases[] = {
+      // clang-format off
+      {"nvram-addr-stuck instance=0 line=3 level=0",    "nvram0", {},                           ""},
+      {"nvram-addr-stuck instance=0 line=3 level=0",    "nvram0", {{5, 1}},                     "nvram0: 1 byte, 0x5 to 0x5, 1 beyond the fault from 0x5"},
+      {"nvram-data-stuck instance=0 line=3 level=0",    "nvram0", {{4, 8}, {0x20000, 8}},       "nvram0: 2 bytes, 0x4 to 0x20000"},
+      {"nvram-data-stuck instance=0 line=3 level=0",    "nvram0", {{4, 8}, {5, 8}, {7, 1}},     "nvram0: 3 bytes, 0x4 to 0x7, 2 beyond the fault from 0x5"},
+      {"nvram-data-stuck instance=1 line=3 level=0",    "nvram0", {{4, 8}},                     "nvram0: 1 byte, 0x4 to 0x4, 1 beyond the fault from 0x4"},
+      {"flash-data-short line=0 other=15",              "flash",  {{2, 1}, {3, 0x80}},          "flash: 2 bytes, 0x2 to 0x3"},
+      {"flash-data-short line=0 other=15",              "flash",  {{2, 0x81}},                  "flash: 1 byte, 0x2 to 0x2, 1 beyond the fault from 0x2"},
       {"flash-cell-coupled offset=0x10 bit=0 victim=0x25 vbit=7",
-       "flash",
-       {{0x10, 1}, {0x25, 0x80}},
-       "flash: 2 bytes, 0x10 to 0x25"},
-      {"flash-cell-stuck offset=0x10 bit=0 level=1",
-       "flash",
-       {{0x10, 2}},
-       "flash: 1 byte, 0x10 to 0x10, 1 beyond the fault from 0x10"},
-      {"flash-program-clears sector=1 offset=4 bit=2", "flash", {{0x20004, 4}}, "flash: 1 byte, 0x20004 to 0x20004"},
-      {"flash-program-hangs sector=1",
-       "flash",
-       {{0x20000, 0xFF}, {0x3FFFF, 0xFF}},
-       "flash: 2 bytes, 0x20000 to 0x3ffff"},
-      {"flash-program-hangs sector=1",
-       "flash",
-       {{0x1FFFF, 1}},
-       "flash: 1 byte, 0x1ffff to 0x1ffff, 1 beyond the fault from 0x1ffff"},
+                                                        "flash",  {{0x10, 1}, {0x25, 0x80}},    "flash: 2 bytes, 0x10 to 0x25"},
+      {"flash-cell-stuck offset=0x10 bit=0 level=1",    "flash",  {{0x10, 2}},                  "flash: 1 byte, 0x10 to 0x10, 1 beyond the fault from 0x10"},
+      {"flash-program-clears sector=1 offset=4 bit=2",  "flash",  {{0x20004, 4}},               "flash: 1 byte, 0x20004 to 0x20004"},
+      {"flash-program-hangs sector=1",                  "flash",  {{0x20000, 255}, {0x3FFFF, 255}}, "flash: 2 bytes, 0x20000 to 0x3ffff"},
+      {"flash-program-hangs sector=1",                  "flash",  {{0x1FFFF, 1}},               "flash: 1 byte, 0x1ffff to 0x1ffff, 1 beyond the fault from 0x1ffff"},
       // Where it names none, one sector may go.
-      {"flash-program-hangs", "flash", {{5, 1}, {0x1FFFF, 1}}, "flash: 2 bytes, 0x5 to 0x1ffff"},
-      {"flash-program-hangs",
-       "flash",
-       {{5, 1}, {0x20000, 1}},
-       "flash: 2 bytes, 0x5 to 0x20000, 1 beyond the fault from 0x20000"},
-      {"sprom-corrupt image=sup block=main",
-       "eeprom-1-52",
-       {{0, 1}},
-       "eeprom-1-52: 1 byte, 0x0 to 0x0, 1 beyond the fault from 0x0"},
-      {"", "flash", {{0, 1}}, "flash: 1 byte, 0x0 to 0x0, 1 beyond the fault from 0x0"},
+      {"flash-program-hangs",                           "flash",  {{5, 1}, {0x1FFFF, 1}},       "flash: 2 bytes, 0x5 to 0x1ffff"},
+      {"flash-program-hangs",                           "flash",  {{5, 1}, {0x20000, 1}},       "flash: 2 bytes, 0x5 to 0x20000, 1 beyond the fault from 0x20000"},
+      {"sprom-corrupt image=sup block=main",            "eeprom-1-52", {{0, 1}},                "eeprom-1-52: 1 byte, 0x0 to 0x0, 1 beyond the fault from 0x0"},
+      {"",                                              "flash",  {{0, 1}},                     "flash: 1 byte, 0x0 to 0x0, 1 beyond the fault from 0x0"},
+      // clang-format on
   };
   for (const auto &c : cases) {
     const std::vector<uint8_t> before(0x40000, 0x5A);
@@ -243,7 +184,7 @@ TEST(contents, tell_what_a_fault_destroys_from_what_else_is_lost) {
     lab::spoil_map spoils({c.fault, {}, {}});
     std::vector<lab::memory_change> changes;
     lab::compare_memory(c.memory, before, after, &spoils, &changes);
-    ASSERT_EQ(changes.size(), c.text.empty() ? 0U : 1U) << c.fault;
+    ASSERT_EQ(changes.size(), *c.text == '\0' ? 0U : 1U) << c.fault;
     EXPECT_EQ(changes.empty() ? "" : changes[0].text(), c.text) << c.fault;
   }
 }

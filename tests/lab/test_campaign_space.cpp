@@ -1,12 +1,9 @@
 // Fault spaces: what patterns stand for, and that the built-in spaces hold what they promise.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <map>
 #include <set>
-#include <string>
-#include <vector>
 
 #include "lab/knowledge.h"
 #include "lab/patterns.h"
@@ -54,11 +51,7 @@ TEST(fault_list, is_taken_apart_row_by_row) {
 }
 
 TEST(fault_list, is_refused_with_the_line_that_is_not_understood) {
-  struct list_case {
-    std::string_view text;
-    const char *error;
-  };
-  const list_case cases[] = {
+  const std::pair<const char *, const char *> cases[] = {
       {"", "the list of faults is empty"}, {"    what\n", "line 1 "}, {"a\n    what\nb line\n", "line 3 "},
       {"a [line=0..1\n", "line 1 "},       {"a =0..1\n", "line 1 "},
   };
@@ -71,6 +64,14 @@ TEST(fault_list, is_refused_with_the_line_that_is_not_understood) {
 
 // ---- patterns
 
+std::vector<lab::run_item> expanded(std::string_view pattern, const lab::space_source &source,
+                                    const lab::space_defaults &defaults = {}) {
+  std::string error;
+  const auto runs = lab::expand(pattern, defaults, source, &error);
+  EXPECT_TRUE(runs) << pattern << ": " << error;
+  return runs.value_or(std::vector<lab::run_item>{});
+}
+
 std::vector<std::string> keys_of(const std::vector<lab::run_item> &runs) {
   std::vector<std::string> keys;
   for (const auto &run : runs)
@@ -79,11 +80,7 @@ std::vector<std::string> keys_of(const std::vector<lab::run_item> &runs) {
 }
 
 TEST(patterns, stand_for_every_combination_of_their_values) {
-  struct pattern_case {
-    const char *pattern;
-    std::vector<std::string> faults;
-  };
-  const pattern_case cases[] = {
+  const std::pair<const char *, std::vector<std::string>> cases[] = {
       {"plain", {"plain"}},
       {"cell offset=3 bit=0..1 level=*",
        {"cell offset=3 bit=0 level=0", "cell offset=3 bit=0 level=1", "cell offset=3 bit=1 level=0",
@@ -97,44 +94,28 @@ TEST(patterns, stand_for_every_combination_of_their_values) {
       {"--card=7 pci function=*", {"pci bus=0x2E dev=1 func=3", "pci bus=0x00 dev=31 func=0"}},
       {"--card=8 pci function=*", {}},
   };
-  for (const auto &c : cases) {
-    std::string error;
-    const auto runs = lab::expand(c.pattern, {}, small_source(), &error);
-    ASSERT_TRUE(runs) << c.pattern << ": " << error;
+  for (const auto &[pattern, expected] : cases) {
     std::vector<std::string> faults;
-    for (const auto &run : *runs)
+    for (const auto &run : expanded(pattern, small_source()))
       faults.push_back(run.fault);
-    EXPECT_EQ(faults, c.faults) << c.pattern;
+    EXPECT_EQ(faults, expected) << pattern;
   }
 }
 
 TEST(patterns, take_board_and_mode_from_themselves_then_from_the_defaults_then_from_the_fault) {
-  struct option_case {
-    const char *pattern;
-    lab::space_defaults defaults;
-    std::string key;
-  };
-  const option_case cases[] = {
+  const std::tuple<const char *, lab::space_defaults, std::string> cases[] = {
       {"plain", {}, "plain --card=11062 --revision=P1 --mode=short"},
       {"plain", {{11096, "P0"}, lab::run_mode::full}, "plain --card=11096 --revision=P0 --mode=full"},
       {"--card=0x2B35 --revision=P1 --mode=cut plain",
        {{11096, "P0"}, lab::run_mode::full},
        "plain --card=11061 --revision=P1 --mode=cut"},
   };
-  for (const auto &c : cases) {
-    std::string error;
-    const auto runs = lab::expand(c.pattern, c.defaults, small_source(), &error);
-    ASSERT_TRUE(runs) << error;
-    EXPECT_THAT(keys_of(*runs), ElementsAre(c.key));
-  }
+  for (const auto &[pattern, defaults, key] : cases)
+    EXPECT_THAT(keys_of(expanded(pattern, small_source(), defaults)), ElementsAre(key));
 }
 
 TEST(patterns, are_refused_with_what_is_wrong) {
-  struct wrong_case {
-    const char *pattern;
-    const char *error;
-  };
-  const wrong_case cases[] = {
+  const std::pair<const char *, const char *> cases[] = {
       {"", "no such fault: ''"},
       {"--card=1", "no such fault"},
       {"nothing line=1", "no such fault: 'nothing'"},
@@ -153,10 +134,10 @@ TEST(patterns, are_refused_with_what_is_wrong) {
       {"--mode=long plain", "bad option --mode=long"},
       {"--cards=1 plain", "bad option --cards=1"},
   };
-  for (const auto &c : cases) {
+  for (const auto &[pattern, expected] : cases) {
     std::string error;
-    EXPECT_FALSE(lab::expand(c.pattern, {}, small_source(), &error)) << c.pattern;
-    EXPECT_THAT(error, HasSubstr(c.error));
+    EXPECT_FALSE(lab::expand(pattern, {}, small_source(), &error)) << pattern;
+    EXPECT_THAT(error, HasSubstr(expected));
   }
 }
 
@@ -222,11 +203,9 @@ TEST_F(built_in, lines_are_all_single_line_faults) {
   std::string error;
   const auto space = lab::lines_space(source_, &error);
   ASSERT_TRUE(space) << error;
-  EXPECT_EQ(space->runs.size(), 2368U);
-  EXPECT_EQ(
-      std::set(space->runs.begin(), space->runs.end(), [](const auto &a, const auto &b) { return a.fault < b.fault; })
-          .size(),
-      2368U);
+  const auto keys = keys_of(space->runs);
+  EXPECT_EQ(keys.size(), 2368U);
+  EXPECT_EQ(std::set(keys.begin(), keys.end()).size(), 2368U);
 }
 
 TEST_F(built_in, cells_are_the_same_for_the_same_seed_and_within_the_memories) {
@@ -271,20 +250,17 @@ TEST(repeats, give_each_turn_of_a_fault_by_chance_a_seed_of_its_own) {
 
 // ---- back to patterns
 
-// Adds the runs of a pattern.
-void expand_to(std::vector<lab::run_item> *runs, std::string_view pattern, const lab::space_source &source) {
-  std::string error;
-  const auto more = lab::expand(pattern, {}, source, &error);
-  ASSERT_TRUE(more) << error;
-  runs->insert(runs->end(), more->begin(), more->end());
+// The runs of several patterns.
+template <class T>
+std::vector<lab::run_item> all_of(const std::vector<T> &patterns, const lab::space_source &source) {
+  std::vector<lab::run_item> runs;
+  for (const auto &pattern : patterns)
+    std::ranges::copy(expanded(pattern, source), std::back_inserter(runs));
+  return runs;
 }
 
 TEST(few_words, join_what_differs_in_one_parameter) {
-  struct words_case {
-    std::vector<const char *> patterns;
-    std::vector<std::string> words;
-  };
-  const words_case cases[] = {
+  const std::pair<std::vector<const char *>, std::vector<std::string>> cases[] = {
       {{"plain"}, {"plain"}},
       {{"cell offset=0..3 bit=* level=*"}, {"cell offset=0..3 bit=0..7 level=0,1"}},
       {{"short line=1..2 other=*>line"}, {"short line=1 other=2..4", "short line=2 other=3,4"}},
@@ -294,12 +270,8 @@ TEST(few_words, join_what_differs_in_one_parameter) {
        {"port port=eth0,eth1", "--card=7 --revision=P0 port port=eth1"}},
       {{"cell offset=0x9..0xC"}, {"cell offset=9..0xc"}},
   };
-  for (const auto &c : cases) {
-    std::vector<lab::run_item> runs;
-    for (const auto *const pattern : c.patterns)
-      expand_to(&runs, pattern, small_source());
-    EXPECT_EQ(lab::patterns_of(runs), c.words);
-  }
+  for (const auto &[patterns, words] : cases)
+    EXPECT_EQ(lab::patterns_of(all_of(patterns, small_source())), words);
 }
 
 TEST_F(built_in, standard_in_few_words_stands_for_the_same_runs) {
@@ -317,21 +289,14 @@ TEST_F(built_in, standard_in_few_words_stands_for_the_same_runs) {
   const auto runs = standard().runs;
   const auto words = lab::patterns_of(runs);
   EXPECT_LT(words.size(), runs.size() / 4);
-  std::vector<lab::run_item> again;
-  for (const auto &word : words)
-    expand_to(&again, word, source_);
-  EXPECT_EQ(numbers(again), numbers(runs));
+  EXPECT_EQ(numbers(all_of(words, source_)), numbers(runs));
 }
 
 // ---- what is known of faults
 
 TEST(conditions, hold_if_every_key_has_one_of_the_values) {
   const lab::run_item run{"flash-addr-stuck line=0x10 level=1", {11079, "P0"}, lab::run_mode::full};
-  struct fit_case {
-    const char *pattern;
-    bool holds;
-  };
-  const fit_case cases[] = {
+  const std::pair<const char *, bool> cases[] = {
       {"*", true},
       {"flash-*", true},
       {"flash-addr-stuck line=16", true},
@@ -344,8 +309,8 @@ TEST(conditions, hold_if_every_key_has_one_of_the_values) {
       {"* card=11062", false},
       {"* mode=cut", false},
   };
-  for (const auto &c : cases)
-    EXPECT_EQ(lab::fits(run, c.pattern), c.holds) << c.pattern;
+  for (const auto &[pattern, holds] : cases)
+    EXPECT_EQ(lab::fits(run, pattern), holds) << pattern;
 }
 
 TEST_F(built_in, knowledge_speaks_of_faults_that_exist) {

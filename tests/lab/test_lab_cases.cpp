@@ -1,6 +1,5 @@
 // What records and output together say of each device, and what they do not say.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
 
@@ -187,20 +186,13 @@ TEST(runs, are_paired_from_the_last_one_back) {
                                           std::pair(0, true), std::pair(0, true), std::pair(15, true)));
 }
 
-struct reason_case {
-  std::string records;
-  std::string log;
-  size_t place;
-  std::string_view reason;
-};
-
 TEST(cases, say_why_they_are_not_known_or_contradictory) {
   const std::string full = full_records;
   const std::string log = full_log;
   const std::string failed = edited(log, {{"..done (2", error_5_1}});
   const std::string lost = edited(log, {{".......", ".Could not open file post_results.txt\n......"}});
   // clang-format off
-  const reason_case cases[] = {
+  const std::tuple<std::string, std::string, size_t, std::string_view> cases[] = {
       {full,                                     log,                          0, ""},
       {full,                                     log,                          2, "there is nothing to test"},
       {edited(full, {{"0:12:0:1\n", ""}}),       log,                          9, "its record is missing"},

@@ -1,6 +1,5 @@
 // Records and output as files hold them: whole, cut off, mixed with lines of others.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <functional>
 #include <sstream>
@@ -25,15 +24,10 @@ std::string shown(const lab::record_list &list) {
   return out;
 }
 
-struct record_case {
-  std::string text;
-  std::string_view expected;
-};
-
 TEST(records, take_only_lines_that_a_run_can_have_written) {
   constexpr char no_fields[] = "\n1-1 not four integers with colons between them";
   // clang-format off
-  const record_case cases[] = {
+  const std::pair<std::string, std::string_view> cases[] = {
       {"",                         ""},
       {"0:4:0:1\n0:12:6:2\n",      "0=1 15=2 "},
       {"0:4:0:1\r\n",              "0=1 "},
@@ -140,18 +134,12 @@ std::string every_line(const std::string &text, const std::function<std::string(
   return out;
 }
 
-struct log_case {
-  const char *name;
-  std::string text;
-  std::string expected;
-};
-
 TEST(log_of_a_run, is_read_however_it_was_kept) {
   const auto lines = [](const std::function<std::string(const std::string &)> &change) {
     return every_line(full_log, change);
   };
   // clang-format off
-  const log_case cases[] = {
+  const std::array<std::string, 3> cases[] = {
       {"as it is",                  full_log, healthy},
       {"with other line ends",      lines([](auto &line) { return line + "\r\n"; }), healthy},
       {"double-spaced",             lines([](auto &line) { return line + "\n\n"; }), healthy},
@@ -176,22 +164,16 @@ TEST(log_of_a_run, is_read_however_it_was_kept) {
        "started bits 1; seeprom ...0; gige ....2; nvram .1; obfl .-3599; pcie .......0; passed; completed"},
   };
   // clang-format on
-  for (const log_case &one : cases)
-    EXPECT_THAT(shown(lab::parse_run_log(one.text)), ElementsAre(one.expected)) << one.name;
+  for (const auto &[name, text, expected] : cases)
+    EXPECT_THAT(shown(lab::parse_run_log(text)), ElementsAre(expected)) << name;
 }
-
-struct dead_case {
-  const char *name;
-  std::string text;
-  std::vector<std::string> expected;
-};
 
 TEST(log_of_dead_runs, tells_each_run_and_how_far_it_came) {
   const std::string in_startup = "devmemfd:0x3\npost: mmap_acc.cpp:87: mmap_acc_init: Assertion `len' failed.\n";
   const std::string in_nvram = through(full_log, "NVRAM Test: \n.");
   constexpr char nvram[] = "started bits 1; seeprom ...0; gige ....2; nvram ,?";
   // clang-format off
-  const dead_case cases[] = {
+  const std::tuple<const char *, std::string, std::vector<std::string>> cases[] = {
       {"nothing",                      "", {}},
       {"foreign lines only",           "boot\n\nPOST is completed\ndone (1 seconds)\n", {}},
       {"before the program has started", in_startup, {"starting; asserted"}},
@@ -211,8 +193,8 @@ TEST(log_of_dead_runs, tells_each_run_and_how_far_it_came) {
                                        {"started bits 1; seeprom ...0; gige ....2; nvram .!?"}},
   };
   // clang-format on
-  for (const dead_case &one : cases)
-    EXPECT_EQ(shown(lab::parse_run_log(one.text)), one.expected) << one.name;
+  for (const auto &[name, text, expected] : cases)
+    EXPECT_EQ(shown(lab::parse_run_log(text)), expected) << name;
 }
 
 // The messages of a list, "(+N)" for those left out.

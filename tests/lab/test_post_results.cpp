@@ -1,6 +1,5 @@
 // The program post-results on runs of the simulated board and on stored files.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -17,9 +16,6 @@ using testing::HasSubstr;
 using testing::Not;
 
 namespace {
-
-// Names and verdicts of cases, a line each.
-using case_list = std::vector<std::string>;
 
 constexpr const char *forms[] = {"table", "ktap", "junit", "ocp"};
 
@@ -48,137 +44,22 @@ class post_results : public testing::Test {
     }
     return status;
   }
-  [[nodiscard]] case_list read(const std::string &name, const std::string &form) const;
+  // Names and verdicts of the cases, a line each, by the reader of the form beside this file.
+  [[nodiscard]] std::string read(const std::string &name, const std::string &form) const {
+    const outcome told = sh("python3 " + shell_word(LAB_TESTS_DIR "/read_" + form + ".py") + " " + name + "." + form);
+    EXPECT_EQ(told.status, 0) << name << " " << form << "\n" << told.err;
+    return told.out;
+  }
 
  private:
   temp_dir dir_;
 };
 
-// ---- readers of the forms
-
-case_list read_lines(const std::string &text, const std::regex &line,
-                     const std::function<std::string(std::smatch)> &shown) {
-  case_list out;
-  std::istringstream lines(text);
-  for (std::string one; std::getline(lines, one);) {
-    std::smatch found;
-    if (std::regex_match(one, found, line)) out.push_back(shown(found));
-  }
-  return out;
-}
-
-case_list read_table(const std::string &text) {
-  return read_lines(text, std::regex(R"((\w+\.\d|run) .*? (PASS|FAIL|SKIP|ERROR)( .*)?)"),
-                    [](const std::smatch &found) { return found.str(1) + " " + found.str(2); });
-}
-
-// Every line is a result, a comment or one of the first two; results are numbered as planned.
-case_list read_ktap(const std::string &text) {
-  std::smatch plan;
-  if (!std::regex_search(text, plan, std::regex("^KTAP version 1\n1\\.\\.(\\d+)\n"))) return {"no plan"};
-  size_t number = 0;
-  bool in_order = true;
-  const case_list out =
-      read_lines(plan.suffix(), std::regex(R"((ok|not ok) (\d+) (\S+)[^#]*(# (SKIP|ERROR) .+|# .+)?|#.*)"),
-                 [&](const auto &found) {
-                   if (!found[1].matched) return std::string("#");
-                   in_order &= found.str(2) == std::to_string(++number);
-                   std::string verdict = found.str(1) == "ok" ? "PASS" : "FAIL";
-                   if (found[5].matched) verdict = found.str(5);
-                   in_order &= (found.str(1) == "ok") == (verdict == "PASS" || verdict == "SKIP");
-                   return found.str(3) + " " + verdict;
-                 });
-  const auto lines = std::count(text.begin(), text.end(), '\n');
-  if (static_cast<size_t>(lines) != out.size() + 2) return {"lines of no known form"};
-  if (!in_order || std::to_string(number) != plan.str(1)) return {"not as planned"};
-  case_list results;
-  std::ranges::copy_if(out, std::back_inserter(results), [](const std::string &one) { return one != "#"; });
-  return results;
-}
-
-std::string upper(std::string text) {
-  std::ranges::transform(text, text.begin(), [](unsigned char c) { return static_cast<char>(std::toupper(c)); });
-  return text;
-}
-
-// "gige.1-fail" as "gige.1 FAIL"
-std::string named(const std::string &word) {
-  const size_t dash = word.find('-');
-  return word.substr(0, dash) + " " + upper(word.substr(dash + 1));
-}
-
-// What the cases of a step make of it.
-std::string step_status(std::span<const std::string> of) {
-  const auto ends = [](const char *word) { return [word](const std::string &one) { return one.ends_with(word); }; };
-  if (std::ranges::any_of(of, ends(" ERROR"))) return "ERROR";
-  return std::ranges::all_of(of, ends(" SKIP")) ? "SKIP" : "COMPLETE";
-}
-
-// Reads artifacts in the order that the format demands: numbered, and in steps that do not overlap.
-class ocp_reader {
- public:
-  void artifact(const json &artifact) {
-    if (artifact.at("sequenceNumber") != number_++) complain("a gap in the numbers");
-    if (artifact.contains("testRunArtifact")) of_case(artifact["testRunArtifact"]);
-    if (artifact.contains("testStepArtifact")) of_step(artifact["testStepArtifact"]);
-  }
-  [[nodiscard]] const case_list &cases() const { return wrong_.empty() ? cases_ : wrong_; }
-
- private:
-  void of_step(const json &body) {
-    if (body.contains("testStepStart")) {
-      if (!step_.empty()) complain("steps overlap");
-      step_ = body["testStepId"];
-      before_ = cases_.size();
-    }
-    if (body["testStepId"] != step_) complain("of no step or another one: " + body.dump());
-    of_case(body);
-    if (!body.contains("testStepEnd")) return;
-    const auto own = std::span<const std::string>(cases_).subspan(before_);
-    if (body["testStepEnd"]["status"] != step_status(own)) complain("the status of step " + step_);
-    step_.clear();
-  }
-  void of_case(const json &body) {
-    constexpr const char *types[][2] = {{" PASS", "PASS"}, {" FAIL", "FAIL"}, {" SKIP", "UNKNOWN"}};
-    if (body.contains("error")) cases_.push_back(named(body["error"]["symptom"]));
-    if (!body.contains("diagnosis")) return;
-    cases_.push_back(named(body["diagnosis"]["verdict"]));
-    const bool right = std::ranges::any_of(types, [&](const auto &type) {
-      return cases_.back().ends_with(type[0]) && body["diagnosis"]["type"] == type[1];
-    });
-    if (!right) complain("another type than its verdict: " + body.dump());
-  }
-  void complain(const std::string &what) { wrong_.push_back(what); }
-
-  case_list cases_;
-  case_list wrong_;
-  std::string step_;
-  size_t before_ = 0;  // cases of the steps before
-  size_t number_ = 0;
-};
-
-case_list read_ocp(const std::string &text) {
-  ocp_reader reader;
-  std::istringstream lines(text);
-  for (std::string line; std::getline(lines, line);)
-    reader.artifact(json::parse(line));
-  return reader.cases();
-}
-
-case_list post_results::read(const std::string &name, const std::string &form) const {
-  const std::string text = read_file(path(name + "." + form));
-  if (form == "table") return read_table(text);
-  if (form == "ktap") return read_ktap(text);
-  if (form == "ocp") return read_ocp(text);
-  const outcome junit = sh("python3 " + shell_word(LAB_TESTS_DIR "/read_junit.py") + " " + name + ".junit");
-  EXPECT_EQ(junit.err, "") << name;
-  return read_lines(junit.out, std::regex(".*"), [](const std::smatch &line) { return line.str(); });
-}
-
 // "PPS PPPP S S PPPPPPP E": as letters() of a report, with the run's own finding behind.
-std::string letters(const case_list &of) {
+std::string letters(const std::string &cases) {
   std::string out;
-  for (const std::string &one : of) {
+  std::istringstream lines(cases);
+  for (std::string one; std::getline(lines, one);) {
     if ((one.find(".0 ") != std::string::npos || one.starts_with("run ")) && !out.empty()) out += ' ';
     out += one[one.find(' ') + 1];
   }
@@ -217,7 +98,7 @@ TEST_F(post_results, tells_the_same_of_each_case_in_every_form) {
   for (const run_case &one : board_runs) {
     run(one.name, one.args);
     EXPECT_EQ(tell(one.name), one.result == "COMPLETE PASS" ? 0 : 1) << one.name;
-    const case_list expected = read(one.name, "table");
+    const std::string expected = read(one.name, "table");
     EXPECT_EQ(letters(expected), one.expected) << one.name << "\n" << read_file(path(one.name + ".table"));
     for (const char *const form : forms)
       EXPECT_EQ(read(one.name, form), expected) << one.name << " " << form;
@@ -229,32 +110,21 @@ TEST_F(post_results, tells_the_same_of_each_case_in_every_form) {
   }
 }
 
-// Whatever a program or a disk may leave in them: markup, quotes, control characters, directives.
-void save_hostile(const std::function<void(const std::string &, const std::string &)> &save) {
-  constexpr std::string_view noise =
-      "<b>&amp; ]]> \"quoted\" '\\ # SKIP it\nok 3 # TODO\nBail out!\n\x1b[0m\xff\xc3\x28\x01\t.\n";
-  save("hostile.log",
-       edited(full_log, {{"....done", ".." + std::string(noise) + "\n ERROR: Executing 5 on dev 1\n..done"},
-                         {"P(0x1) board", "P(0x1) board\n" + std::string(noise)}}));
-  save("hostile.result", edited(full_records, {{"0:12:0:1", std::string(noise) + "0:12:0:1"}}));
-}
-
-struct reader {
-  const char *name;
-  std::string probe;
-  std::string command;
-};
-
 TEST_F(post_results, is_understood_by_readers_of_others) {
-  const auto store = [this](const std::string &name, const std::string &text) { save(name, text); };
-  save_hostile(store);
+  // Whatever a program or a disk may leave in the files: markup, quotes, control characters, directives.
+  const std::string noise =
+      "<b>&amp; ]]> \"quoted\" '\\ # SKIP it\nok 3 # TODO\nBail out!\n\x1b[0m\xff\xc3\x28\x01\t.\n";
+  save("hostile.log", edited(full_log, {{"....done", ".." + noise + "\n ERROR: Executing 5 on dev 1\n..done"},
+                                        {"P(0x1) board", "P(0x1) board\n" + noise}}));
+  save("hostile.result", edited(full_records, {{"0:12:0:1", noise + "0:12:0:1"}}));
   EXPECT_EQ(tell("hostile"), 1);
   EXPECT_EQ(letters(read("hostile", "ktap")), "PPS PFPP P P PPPPPPP E");
   for (const run_case &one : board_runs) {
     run(one.name, one.args);
     (void)tell(one.name);
   }
-  const reader readers[] = {
+  // Name, a command that tells whether it is here, and how it reads.
+  const std::array<std::string, 3> readers[] = {
       {"xmllint", "xmllint --version",
        "xmllint --noout --schema " + shell_word(LAB_TESTS_DIR "/junit.xsd") + " *.junit"},
       {"jq", "jq --version", "for f in *.ocp; do jq -s -e 'last.testRunArtifact.testRunEnd.status != null' $f; done"},
@@ -265,13 +135,13 @@ TEST_F(post_results, is_understood_by_readers_of_others) {
        "\"$CHECK_OCP\" *.ocp"},
   };
   std::string missing;
-  for (const reader &one : readers) {
-    if (sh(one.probe).status != 0) {
-      missing += std::string(" ") + one.name;
+  for (const auto &[name, probe, command] : readers) {
+    if (sh(probe).status != 0) {
+      missing += " " + name;
       continue;
     }
-    const outcome checked = sh(one.command);
-    EXPECT_EQ(checked.status, 0) << one.name << "\n" << checked.out << checked.err;
+    const outcome checked = sh(command);
+    EXPECT_EQ(checked.status, 0) << name << "\n" << checked.out << checked.err;
   }
   if (!missing.empty()) GTEST_SKIP() << "not here:" << missing;
 }
@@ -356,12 +226,6 @@ TEST_F(post_results, reports_lines_that_are_not_whole_or_of_others_by_number) {
   EXPECT_THAT(sh("post-results --log log result").out, HasSubstr("0 passed, 0 failed, 0 skipped, 16 errors\n"));
 }
 
-struct usage_case {
-  std::string args;
-  int status;
-  std::string err;  // a part of it
-};
-
 TEST_F(post_results, ends_with_its_status_and_says_why) {
   save("log", full_log);
   save("my log", full_log);
@@ -369,8 +233,9 @@ TEST_F(post_results, ends_with_its_status_and_says_why) {
   save("failed", edited(full_records, {{"0:8:0:1", "0:8:0:2"}}));
   save("empty", "");
   save("line.json", R"({"kind":"bp","blocks":[]})");
+  // Status, and a part of the errors.
   // clang-format off
-  const usage_case cases[] = {
+  const std::tuple<std::string, int, std::string> cases[] = {
       {"result",                          0, ""},
       {"--log log result",                0, ""},
       {"--log 'my log' -- result",        0, ""},
@@ -409,20 +274,23 @@ TEST_F(post_results, ends_with_its_status_and_says_why) {
   }
 }
 
-TEST_F(post_results, has_its_options_in_manual_and_completion) {
-  const std::string help = sh("post-results --help").out;
-  const std::string manual = read_file(LAB_TESTS_DIR "/../../docs/post-results.1");
-  const std::string completed = sh("bash -c 'source \"$0\";"
-                                   " COMP_WORDS=(post-results --) COMP_CWORD=1; _post_results; echo ${COMPREPLY[@]}' " +
-                                   shell_word(LAB_TESTS_DIR "/../../tools/completion/post-results"))
-                                    .out;
-  const std::regex option(R"(\n  (?:-\w,)?--([a-z]+))");
-  size_t count = 0;
-  for (std::sregex_iterator at(help.begin(), help.end(), option), end; at != end; ++at, ++count) {
-    EXPECT_THAT(manual, AnyOf(HasSubstr(".It Fl -" + at->str(1)), HasSubstr(" , -" + at->str(1))));
-    EXPECT_THAT(completed, HasSubstr("--" + at->str(1)));
+// Of each program here: how many options its help has.
+TEST_F(post_results, and_its_neighbours_have_their_options_in_manual_and_completion) {
+  for (const auto &[name, options] : {std::pair{"post-results", 9}, {"post-campaign", 28}}) {
+    const std::string program = name, help = sh(program + " --help").out;
+    const std::string manual = read_file(LAB_TESTS_DIR "/../../docs/" + program + ".1");
+    const std::string source = shell_word(LAB_TESTS_DIR "/../../tools/completion/" + program);
+    const std::string completed = sh("bash -c '. \"$0\"; COMP_WORDS=(" + program +
+                                     " --) COMP_CWORD=1; _${1//-/_}; echo ${COMPREPLY[@]}' " + source + " " + program)
+                                      .out;
+    const std::regex option(R"(\n  (?:-\w,)?--([a-z-]+))");
+    int count = 0;
+    for (std::sregex_iterator at(help.begin(), help.end(), option), end; at != end; ++at, ++count) {
+      EXPECT_THAT(manual, AnyOf(HasSubstr(".It Fl -" + at->str(1)), HasSubstr(" , -" + at->str(1))));
+      EXPECT_THAT(completed, HasSubstr("--" + at->str(1)));
+    }
+    EXPECT_EQ(count, options) << program;
   }
-  EXPECT_EQ(count, 9U);
 }
 
 }  // namespace

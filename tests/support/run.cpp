@@ -1,7 +1,3 @@
-#include "tests/support/run.h"
-
-#include <fcntl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -9,21 +5,7 @@
 #include <regex>
 #include <sstream>
 
-namespace {
-
-// Runs in the child: no allocation between fork and exec but what the arguments took before.
-[[noreturn]] void exec_into(const std::vector<char *> &argv, int out, int err) {
-  dup2(out, STDOUT_FILENO);
-  dup2(err, STDERR_FILENO);
-#ifdef __SANITIZE_ADDRESS__
-  // dlopen() is the sanitizer's there, for which a program's run path does not count.
-  (void)setenv("LD_LIBRARY_PATH", POST_BIN_DIR "/../lib", 0);
-#endif
-  execv(argv[0], argv.data());
-  _exit(127);
-}
-
-}  // namespace
+#include "tests/support/host.h"
 
 temp_dir::temp_dir() {
   std::string name = (std::filesystem::temp_directory_path() / "post-test-XXXXXX").string();
@@ -39,28 +21,18 @@ namespace {
 
 // Runs a program to its end.
 outcome run(std::vector<std::string> words) {
-  const temp_dir dir;
-  const auto out_file = dir.path() / "out";
-  const auto err_file = dir.path() / "err";
-  std::vector<char *> argv;
-  for (auto &word : words)
-    argv.push_back(word.data());
-  argv.push_back(nullptr);
-
-  const int out = open(out_file.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
-  const int err = open(err_file.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC, 0600);
-  const pid_t child = fork();
-  if (child == 0) exec_into(argv, out, err);
-  close(out);
-  close(err);
-  int status = 0;
-  waitpid(child, &status, 0);
-
-  outcome result;
-  result.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  result.out = read_file(out_file);
-  result.err = read_file(err_file);
-  return result;
+  return run_child([&] {
+    std::vector<char *> argv;
+    for (auto &word : words)
+      argv.push_back(word.data());
+    argv.push_back(nullptr);
+#ifdef __SANITIZE_ADDRESS__
+    // dlopen() is the sanitizer's there, for which a program's run path does not count.
+    (void)setenv("LD_LIBRARY_PATH", POST_BIN_DIR "/../lib", 0);
+#endif
+    execv(argv[0], argv.data());
+    _exit(127);
+  });
 }
 
 }  // namespace

@@ -6,7 +6,6 @@
 #include <gmock/gmock.h>
 
 #include <cstdarg>
-#include <filesystem>
 #include <fstream>
 
 #include "platform/mfgd/cmn_lib/diag_util/spin.h"
@@ -35,25 +34,31 @@ inline void note(const std::string &event) {
   std::ofstream(board().file("trace"), std::ios::app) << "0 " << event << "\n";
 }
 
-// The log since the last call, "; " behind each event:
-//   w aaa=f0, r1 aaa=f0        bus cycles: a write to the flash, a read of NVRAM 1
+// The log since the last call: the bus cycles as board-sim writes them, and as lines among them
 //   +w NAME, +r NAME, -NAME    an exclusive or a shared lock that was waited for, a release
 //   wait 512                   a busy wait in microseconds; it returns at once
 //   pci 18                     the PCI look-up of a base address register
 //   map NAME 3 x 2 LEN BASES   a call of mmap_acc_init
-//   kinds  first letters of the events that are wanted
-inline std::string events(const std::string &kinds = "wr+-pm") {
+//   without  first letters of the lines that are left out
+inline std::string events(const std::string &without = "") {
   std::string log;
-  for (std::string line : board().log()) {
-    char kind = 0;
-    unsigned inst = 0, offset = 0, data = 0;
-    if (sscanf(line.c_str(), "flash %c 16 %x %x", &kind, &offset, &data) == 3)
-      line = format("%c %x=%x", kind, offset, data);
-    if (sscanf(line.c_str(), "nvram%u %c 16 %x %x", &inst, &kind, &offset, &data) == 4)
-      line = format("%c%u %x=%x", kind, inst, offset, data);
-    if (kinds.find(line[0]) != std::string::npos) log += line + "; ";
-  }
+  for (const std::string &line : board().log())
+    if (without.find(line[0]) == std::string::npos) log += line + "\n";
   return log;
+}
+
+struct word_t {
+  uint32_t offset, data;
+};
+using words_t = std::vector<word_t>;
+
+// The cycles of 16 bits by which these words are moved.
+//   kind  device and direction: "flash w", "nvram0 r"
+inline std::string cycles(const std::string &kind, const words_t &words) {
+  std::string lines;
+  for (const auto &[offset, data] : words)
+    lines += kind + format(" 16 0x%x 0x%x\n", offset, data);
+  return lines;
 }
 
 // Runs `body` in a child process on a board with this option of board-sim. All boards share one state directory.

@@ -40,6 +40,17 @@ inline void seal_image(std::vector<uint8_t> *image, uint32_t type) {
   }
 }
 
+// Puts signatures, lengths and checksums right.
+inline void make_valid(std::vector<uint8_t> *image, uint32_t type) {
+  for (const test_block &block : test_blocks.at(type)) {
+    uint8_t *start = image->data() + block.offset;
+    start[0] = static_cast<uint8_t>(block.signature >> 8);
+    start[1] = static_cast<uint8_t>(block.signature);
+    start[3] = static_cast<uint8_t>(block.length);
+  }
+  seal_image(image, type);
+}
+
 // Blocks that are the same in two images, as bits.
 inline unsigned same_blocks(const std::vector<uint8_t> &one, const std::vector<uint8_t> &other, uint32_t type) {
   unsigned bits = 0;
@@ -54,12 +65,7 @@ inline unsigned same_blocks(const std::vector<uint8_t> &one, const std::vector<u
 // Blocks of a device image that verification accepts, by its own rules, as bits; all of them, or a whole image.
 inline unsigned accepted_blocks(const std::vector<uint8_t> &image, uint32_t type) {
   std::vector<uint8_t> right = image;
-  for (const test_block &block : test_blocks.at(type)) {
-    right[block.offset] = static_cast<uint8_t>(block.signature >> 8);
-    right[block.offset + 1] = static_cast<uint8_t>(block.signature);
-    right[block.offset + 3] = static_cast<uint8_t>(block.length);
-  }
-  seal_image(&right, type);
+  make_valid(&right, type);
   return same_blocks(right, image, type);
 }
 inline bool is_accepted(const std::vector<uint8_t> &image, uint32_t type) {
@@ -82,12 +88,7 @@ inline std::vector<uint8_t> device_image(uint32_t type, uint16_t card_index = 0x
     image[i] = static_cast<uint8_t>(i * 7 + 3);
   image[182] = static_cast<uint8_t>(card_index >> 8);
   image[183] = static_cast<uint8_t>(card_index);
-  for (const test_block &block : test_blocks.at(type)) {
-    image[block.offset] = static_cast<uint8_t>(block.signature >> 8);
-    image[block.offset + 1] = static_cast<uint8_t>(block.signature);
-    image[block.offset + 3] = static_cast<uint8_t>(block.length);
-  }
-  seal_image(&image, type);
+  make_valid(&image, type);
   return image;
 }
 

@@ -1,7 +1,6 @@
 // What ends a run from outside costs no contents of NVRAM and flash: signals that strike both tests at many of their
 // bus accesses, and readers of the output who go away. The linker hands mmap_acc_init to this file.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <sys/mman.h>
 
 #include <algorithm>

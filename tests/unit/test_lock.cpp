@@ -2,7 +2,6 @@
 #include <fcntl.h>
 
 #include <cstdarg>
-#include <filesystem>
 
 #include "platform/mfgd/cmn_lib/diag_util/diag_dbg.h"
 #include "platform/mfgd/cmn_lib/diag_util/lock.h"

@@ -1,5 +1,5 @@
 // The NVRAM driver and the NVRAM test.
-#include <algorithm>
+#include <regex>
 
 #include "platform/mfgd/cmn_lib/hw_acc/nvram/nvram_acc_velto.h"
 #include "post/nvram.h"
@@ -25,15 +25,15 @@ TEST(nvram_driver, maps_all_regions_with_the_largest_length) {
     set_lengths(0x1000, 0x3000, 0x2000);
     (void)events();
     EXPECT_EQ(nvram_libinit(), HW_SUCCESS);
-    EXPECT_EQ(events(), "pci 18; pci 1c; pci 20; map RTC_NVRAM 3 x 2 3000 f4000000..f4020000; ");
+    EXPECT_EQ(events(), "pci 18\npci 1c\npci 20\nmap RTC_NVRAM 3 x 2 3000 f4000000..f4020000\n");
     EXPECT_EQ(nvram_sw_init(), HW_SUCCESS);
-    EXPECT_EQ(events(), "pci 18; pci 1c; pci 20; ");
+    EXPECT_EQ(events(), "pci 18\npci 1c\npci 20\n");
     uint16_t value = 0;
     EXPECT_EQ(nvram_wr(1, 0xA, 0xBEEF) + nvram_rd(1, 0xA, &value), HW_SUCCESS);
     EXPECT_EQ(value, 0xBEEF);
     EXPECT_EQ(events(),
-              "+w RTC_NVRAM1-write.lock; w1 a=beef; -RTC_NVRAM1-write.lock; "
-              "+r RTC_NVRAM1-read.lock; r1 a=beef; -RTC_NVRAM1-read.lock; ");
+              "+w RTC_NVRAM1-write.lock\nnvram1 w 16 0xa 0xbeef\n-RTC_NVRAM1-write.lock\n"
+              "+r RTC_NVRAM1-read.lock\nnvram1 r 16 0xa 0xbeef\n-RTC_NVRAM1-read.lock\n");
     EXPECT_EQ(nvram_sw_finish(), HW_SUCCESS);
   });
 }
@@ -72,54 +72,65 @@ std::string run(uint32_t length, uint32_t expected_status) {
   uint32_t result = 99;
   const std::string said = stdout_of([&] { EXPECT_EQ(dorvan_nvram_test(0, &result, 0, nullptr), expected_status); });
   EXPECT_EQ(result, expected_status == 0 ? POST_RESULT_PASS : POST_RESULT_FAIL);
-  return events("prw") + said;
+  return events("+-ms") + said;
 }
 
-// So many words of NVRAM 0, as they are saved or written back.
-std::string words(char kind, uint32_t count) {
+std::string writes(const words_t &words) {
+  return cycles("nvram0 w", words);
+}
+std::string reads(const words_t &words) {
+  return cycles("nvram0 r", words);
+}
+
+// So many words of NVRAM 0, as they are saved and written back.
+words_t first_words(uint32_t count) {
   const std::string bytes = board().contents("nvram0");
-  std::string text;
+  words_t words;
   for (uint32_t i = 0; i < 2 * count; i += 2)
-    text += format("%c0 %x=%x; ", kind, i, static_cast<uint8_t>(bytes[i]) | static_cast<uint8_t>(bytes[i + 1]) << 8);
-  return text;
+    words.push_back(
+        {i, static_cast<uint8_t>(bytes[i]) | static_cast<uint32_t>(static_cast<uint8_t>(bytes[i + 1])) << 8});
+  return words;
 }
 
 TEST(nvram_test, makes_these_bus_cycles) {
   on_board("--card=11096", [] {
-    std::string data = words('r', 1);
+    std::string data = reads(first_words(1));
     for (uint32_t bit = 1; bit <= 0x8000; bit *= 2)
-      data += format("w0 0=%x; r0 0=%x; ", bit, bit);
-    data += words('w', 1);
-    // clang-format off
-    const std::string lines = "w0 2=aaaa; w0 4=aaaa; w0 0=5555; r0 2=aaaa; r0 4=aaaa; w0 0=aaaa; "
-                              "w0 2=5555; r0 0=aaaa; r0 2=5555; r0 4=aaaa; w0 2=aaaa; "
-                              "w0 4=5555; r0 0=aaaa; r0 2=aaaa; r0 4=5555; w0 4=aaaa; ";
-    const std::string cells = "w0 0=1; w0 2=2; w0 4=3; w0 6=4; r0 0=1; w0 0=fffe; r0 2=2; w0 2=fffd; r0 4=3; "
-                              "w0 4=fffc; r0 6=4; w0 6=fffb; r0 0=fffe; r0 2=fffd; r0 4=fffc; r0 6=fffb; ";
-    // clang-format on
-    EXPECT_EQ(run(16, 0),
-              "pci 18; " + words('r', 8) + data + words('r', 3) + lines + words('w', 3) + cells + words('w', 8));
+      data += writes({{0, bit}}) + reads({{0, bit}});
+    data += writes(first_words(1));
+    constexpr uint32_t a = 0xAAAA, b = 0x5555;
+    // For address 0, then for that of each line.
+    const std::string lines = writes({{2, a}, {4, a}, {0, b}}) + reads({{2, a}, {4, a}}) + writes({{0, a}}) +
+                              writes({{2, b}}) + reads({{0, a}, {2, b}, {4, a}}) + writes({{2, a}}) + writes({{4, b}}) +
+                              reads({{0, a}, {2, a}, {4, b}}) + writes({{4, a}});
+    std::string cells = writes({{0, 1}, {2, 2}, {4, 3}, {6, 4}});
+    for (uint32_t i = 0; i < 4; ++i)
+      cells += reads({{2 * i, i + 1}}) + writes({{2 * i, 0xFFFE - i}});
+    cells += reads({{0, 0xFFFE}, {2, 0xFFFD}, {4, 0xFFFC}, {6, 0xFFFB}});
+    EXPECT_EQ(run(16, 0), "pci 18\n" + reads(first_words(8)) + data + reads(first_words(3)) + lines +
+                              writes(first_words(3)) + cells + writes(first_words(8)));
     // Without address lines both patterns are written and nothing is compared.
-    EXPECT_EQ(run(4, 0), "pci 18; " + words('r', 2) + data + words('r', 1) + "w0 0=5555; w0 0=aaaa; " + words('w', 1) +
-                             "w0 0=1; r0 0=1; w0 0=fffe; r0 0=fffe; " + words('w', 2));
+    EXPECT_EQ(run(4, 0), "pci 18\n" + reads(first_words(2)) + data + reads(first_words(1)) + writes({{0, b}, {0, a}}) +
+                             writes(first_words(1)) + writes({{0, 1}}) + reads({{0, 1}}) + writes({{0, 0xFFFE}}) +
+                             reads({{0, 0xFFFE}}) + writes(first_words(2)));
   });
 }
 
 TEST(nvram_test, covers_each_length_and_touches_nothing_outside) {
   on_board("--card=11061", [] {
-    EXPECT_EQ(run(0, 0) + run(1, 0), "pci 18; pci 18; ");
+    EXPECT_EQ(run(0, 0) + run(1, 0), "pci 18\npci 18\n");
     // Length, address lines, last offset of the pattern phase.
     const uint32_t cases[][3] = {{2, 0, 0}, {3, 0, 0},  {5, 0, 0},    {6, 1, 2},        {7, 1, 2},
                                  {8, 1, 2}, {12, 0, 4}, {31, 3, 0xE}, {0x102, 0, 0x80}, {0x8000, 13, 0x3FFE}};
     for (const auto &[length, lines, last] : cases) {
       const std::string log = run(length, 0);
-      const std::string end = format("r0 %x=%x; ", last, ~(last / 2 + 1) & 0xFFFF) + words('w', length / 2);
+      const std::string end = reads({{last, ~(last / 2 + 1) & 0xFFFF}}) + writes(first_words(length / 2));
       EXPECT_TRUE(log.ends_with(end)) << length;
       uint32_t aliases_looked_for = 0;
-      for (size_t at = 0; (at = log.find("=5555; r0 0=", at)) != std::string::npos; ++at)
+      for (size_t at = 0; (at = log.find(" 0x5555\nnvram0 r 16 0x0 ", at)) != std::string::npos; ++at)
         ++aliases_looked_for;
       EXPECT_EQ(aliases_looked_for, lines) << length;
-      EXPECT_EQ(log.find(format("0 %x=", length & ~1U)), std::string::npos) << length;
+      EXPECT_EQ(log.find(format(" 16 0x%x ", length & ~1U)), std::string::npos) << length;
     }
   });
 }
@@ -128,22 +139,23 @@ TEST(nvram_test, covers_each_length_and_touches_nothing_outside) {
 TEST(nvram_test, goes_on_as_far_as_it_can) {
   on_board("--fault=nvram-cell-coupled instance=0 offset=2 bit=0 victim=0 vbit=3", [] {
     const std::string log = run(16, 0xFFFFFFFF);
-    std::string saved = log.substr(8, log.find("r0 0", 9) - 8);
-    std::replace(saved.begin(), saved.end(), 'r', 'w');
-    EXPECT_THAT(log, HasSubstr("w0 2=5555; r0 0=aaa2; " + saved + "pci 1c; r1 0="));
+    const std::string saved = log.substr(7, log.find("nvram0 r 16 0x0 ", 8) - 7);
+    EXPECT_THAT(log, HasSubstr(writes({{2, 0x5555}}) + reads({{0, 0xAAA2}}) +
+                               std::regex_replace(saved, std::regex(" r "), " w ") + "pci 1c\nnvram1 r 16 0x0 "));
     EXPECT_TRUE(
-        log.ends_with("; 0x00000000: Expected 0xaaaa Actual 0xaaa2\n"
+        log.ends_with("\n0x00000000: Expected 0xaaaa Actual 0xaaa2\n"
                       "Writing 0x085555 at addr 0x082 -> 0x080 addr alias failure for NVRAM 0\n"));
   });
   // No memory for the list of the address phase, or to save the next instance.
   on_board("--card=11062", [] {
     failing_malloc = 1 + 2;
-    const std::string saved = words('w', 1) + words('w', 8);
-    EXPECT_THAT(run(16, 0xFFFFFFFF), HasSubstr("w0 0=8000; r0 0=8000; " + saved + "pci 1c; r1 0="));
+    const std::string saved = writes(first_words(1)) + writes(first_words(8));
+    EXPECT_THAT(run(16, 0xFFFFFFFF),
+                HasSubstr(writes({{0, 0x8000}}) + reads({{0, 0x8000}}) + saved + "pci 1c\nnvram1 r 16 0x0 "));
   });
   on_board("--fault=nvram-data-stuck instance=0 line=0 level=0", [] {
     failing_malloc = 1 + 2;
-    EXPECT_THAT(run(16, 6), HasSubstr("; pci 1c; 0x00000000: Expected 0x1 Actual 0x0\nFailed"));
+    EXPECT_THAT(run(16, 6), HasSubstr("\npci 1c\n0x00000000: Expected 0x1 Actual 0x0\nFailed"));
   });
 }
 

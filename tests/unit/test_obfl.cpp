@@ -22,7 +22,7 @@ size_t next_answer = 0;
 uint32_t answer(uint32_t /*inst*/, uint32_t offset, uint32_t *data, void * /*parm*/) {
   *data = answers[next_answer++];
   if (next_answer == answers.size()) next_answer -= 2;
-  note(format("r %x=%x", offset, *data));
+  note(format("flash r 16 0x%x 0x%x", offset, *data));
   return HW_ERR_INV_PARAM;
 }
 
@@ -37,35 +37,25 @@ void with_driver(const std::vector<uint16_t> &words, const std::function<void()>
   });
 }
 
-struct word_t {
-  uint32_t addr, data;
-};
-using list = std::vector<word_t>;
-
-std::string cycles(const char *fmt, const list &words) {
-  std::string text;
-  for (const auto &[addr, data] : words)
-    text += format(fmt, addr, data);
-  return text;
-}
+const std::string write_lock = "+w OBFL_Flash0-write.lock\n", write_unlock = "-OBFL_Flash0-write.lock\n";
+const std::string read_lock = "+r OBFL_Flash0-read.lock\n", read_unlock = "-OBFL_Flash0-read.lock\n";
 
 // What an erase, the program of an erased page and a read of some words look like.
 std::string erase(uint32_t sector) {
-  return "+w OBFL_Flash0-write.lock; w aaa=aa; w 554=55; w aaa=80; w aaa=aa; w 554=55; " +
-         format("w %x=30; wait 512000; r %x=44; r %x=8; wait 512000; ", sector, sector, sector) +
-         format("r %x=ffff; r %x=ffff; -OBFL_Flash0-write.lock; ", sector, sector);
+  const words_t command{{0xAAA, 0xAA}, {0x554, 0x55}, {0xAAA, 0x80}, {0xAAA, 0xAA}, {0x554, 0x55}, {sector, 0x30}};
+  return write_lock + cycles("flash w", command) + "wait 512000\n" + cycles("flash r", {{sector, 0x44}, {sector, 8}}) +
+         "wait 512000\n" + cycles("flash r", {{sector, 0xFFFF}, {sector, 0xFFFF}}) + write_unlock;
 }
 
-std::string program(const list &words) {
-  const uint32_t sector = words[0].addr & ~0x1FFFFU;
-  return format("+w OBFL_Flash0-write.lock; w aaa=aa; w 554=55; w %x=25; ", sector) +
-         format("w %x=%x; ", sector, words.size() - 1) + cycles("w %x=%x; ", words) +
-         format("w %x=29; wait 256; ", sector) + cycles("r %x=%x; ", {words.back(), words.back()}) +
-         "-OBFL_Flash0-write.lock; ";
+std::string program(const words_t &words) {
+  const uint32_t sector = words[0].offset & ~0x1FFFFU, count = static_cast<uint32_t>(words.size());
+  return write_lock + cycles("flash w", {{0xAAA, 0xAA}, {0x554, 0x55}, {sector, 0x25}, {sector, count - 1}}) +
+         cycles("flash w", words) + cycles("flash w", {{sector, 0x29}}) + "wait 256\n" +
+         cycles("flash r", {words.back(), words.back()}) + write_unlock;
 }
 
-std::string read(const list &words) {
-  return "+r OBFL_Flash0-read.lock; " + cycles("r %x=%x; ", words) + "-OBFL_Flash0-read.lock; ";
+std::string read(const words_t &words) {
+  return read_lock + cycles("flash r", words) + read_unlock;
 }
 
 TEST(obfl_driver, starts_and_reads_its_times) {
@@ -76,9 +66,10 @@ TEST(obfl_driver, starts_and_reads_its_times) {
     (void)events();
     EXPECT_EQ(obfl_libinit() + obfl_sw_init(), HW_SUCCESS);
     EXPECT_EQ(get_timeout_val(0).max_wr_us, 32U);
-    EXPECT_EQ(events(),
-              "pci 24; map OBFL_Flash 1 x 2 4000000 f8000000..f8000000; "
-              "w aa=98; r 40=2; r 48=3; w aaa=f0; w aa=98; r 42=1; r 4a=3; w aaa=f0; ");
+    EXPECT_EQ(events(), "pci 24\nmap OBFL_Flash 1 x 2 4000000 f8000000..f8000000\n" +
+                            cycles("flash w", {{0xAA, 0x98}}) + cycles("flash r", {{0x40, 2}, {0x48, 3}}) +
+                            cycles("flash w", {{0xAAA, 0xF0}, {0xAA, 0x98}}) +
+                            cycles("flash r", {{0x42, 1}, {0x4A, 3}}) + cycles("flash w", {{0xAAA, 0xF0}}));
     EXPECT_EQ(obfl_sw_finish(), HW_SUCCESS);
   });
   // The low half of long times.
@@ -104,26 +95,26 @@ TEST(obfl_driver, erases_a_sector) {
 }
 
 // Lists of words and the programs that their writing takes: neighbours of one page, in the order of the list.
-const std::vector<list> grouped[] = {
+const std::vector<words_t> grouped[] = {
     {{{0x20040, 0x1234}, {0x20042, 0x5678}}},
     {{{0, 1}, {2, 2}}, {{0x20, 3}}, {{4, 4}}, {{0x20060, 1}}, {{0x40060, 2}}},
     {{{0x5E, 1}, {0x5C, 2}}, {{0x3FFFFFE, 0x8001}}},
 };
 
 TEST(obfl_driver, gathers_neighbours_of_a_page) {
-  for (const std::vector<list> &groups : grouped) {
+  for (const std::vector<words_t> &groups : grouped) {
     with_driver({}, [&] {
       std::vector<obfl_addr_t> addr;
       std::vector<uint16_t> data;
-      list all;
+      words_t all;
       std::string expected;
-      for (const list &group : groups) {
+      for (const words_t &group : groups) {
         expected += program(group);
         for (const word_t &word : group) {
           all.push_back(word);
-          addr.push_back(at(word.addr));
+          addr.push_back(at(word.offset));
           data.push_back(static_cast<uint16_t>(word.data));
-          (void)obfl_sector_erase(0, at(word.addr & ~0x1FFFFU), quick);
+          (void)obfl_sector_erase(0, at(word.offset & ~0x1FFFFU), quick);
         }
       }
       (void)events();
@@ -150,7 +141,7 @@ TEST(obfl_driver, writes_and_reads_a_whole_sector) {
     std::vector<uint16_t> words(OBFL_SECTOR_WORDS), now(OBFL_SECTOR_WORDS);
     std::generate(words.begin(), words.end(),
                   [word = uint16_t{0}]() mutable { return word = static_cast<uint16_t>(word + 0x9E37); });
-    list last;
+    words_t last;
     for (uint32_t i = OBFL_SECTOR_WORDS - 16; i < OBFL_SECTOR_WORDS; ++i)
       last.push_back({0x20000 + 2 * i, words[i]});
     (void)obfl_sector_erase(0, at(0x20000), quick);
@@ -159,9 +150,9 @@ TEST(obfl_driver, writes_and_reads_a_whole_sector) {
     obfl_sector_rd(0, at(0x20000), now.data());
     EXPECT_EQ(now, words);
     const std::string reads = events();
-    EXPECT_TRUE(reads.starts_with("+r OBFL_Flash0-read.lock; r 20000=9e37; r 20002=3c6e; "));
-    EXPECT_TRUE(reads.ends_with(cycles("r %x=%x; ", last) + "-OBFL_Flash0-read.lock; "));
-    EXPECT_EQ(std::count(reads.begin(), reads.end(), ';'), 65536 + 2);
+    EXPECT_TRUE(reads.starts_with(read_lock + cycles("flash r", {{0x20000, 0x9E37}, {0x20002, 0x3C6E}})));
+    EXPECT_TRUE(reads.ends_with(cycles("flash r", last) + read_unlock));
+    EXPECT_EQ(std::ranges::count(reads, '\n'), 65536 + 2);
   });
 }
 
@@ -176,7 +167,7 @@ TEST(obfl_driver, polls_while_the_status_toggles_and_the_times_allow) {
       std::string expected;
       for (size_t i = 0; i < polls; ++i) {
         const uint16_t *const pair = &status[std::min(2 * i, status.size() - 2)];
-        expected += format("wait %u; r 20002=%x; r 20002=%x; ", usec, pair[0], pair[1]);
+        expected += format("wait %u\n", usec) + cycles("flash r", {{0x20002, pair[0]}, {0x20002, pair[1]}});
       }
       EXPECT_EQ(events(), expected);
     });
@@ -251,7 +242,7 @@ TEST(obfl_driver, asserts_its_arguments) {
       const outcome child = run_child(c.call);
       EXPECT_EQ(child.status, 128 + SIGABRT);
       const std::string log = events(), text = std::string("         :\"") + c.condition + "\" is false\n";
-      EXPECT_EQ(std::count(log.begin(), log.end(), ';'), c.before) << c.op << c.condition;
+      EXPECT_EQ(std::ranges::count(log, '\n'), c.before) << c.op << c.condition;
       EXPECT_THAT(child.out, testing::StartsWith(std::string("## Assert:") + c.op + "():"));
       EXPECT_THAT(child.out, testing::HasSubstr("\n" + text + text + "## BT: "));
     });
@@ -268,7 +259,7 @@ TEST(obfl_driver, asserts_its_arguments) {
 // The sub-tests in an erased sector. The low 9 bits of the number are the sector's.
 TEST(obfl_test, writes_reads_and_compares) {
   with_driver({}, [] {
-    list one, zero, set, clear;
+    words_t one, zero, set, clear;
     for (uint32_t i = 0; i < 16; ++i) {
       one.push_back({0xA0000 + 2 * i, 1U << i});
       zero.push_back({0xA0020 + 2 * i, 0xFFFF ^ 1U << i});
@@ -314,24 +305,24 @@ TEST(obfl_test, saves_tests_and_restores_sector_by_sector) {
     uint32_t result = 99, status = 99;
     const std::string said = stdout_of([&] { status = dorvan_obfl_test(0, &result, 0, nullptr); });
     EXPECT_EQ(result, status == 0 ? POST_RESULT_PASS : POST_RESULT_FAIL);
-    return events("SER") + said + std::to_string(status);
+    return events("f+-w") + said + std::to_string(status);
   };
   with_driver({}, [&run] {
     calls_only = true;
     std::string all;
     for (const int n : {6, 0, 2, 509, 4, 507, 8, 503, 16, 495, 32, 479, 64, 447, 128, 383, 256, 255, 0, 511})
-      all += format("Save %d; Erase %d; Erase %d; Restore %d; ", n, n, n, n);
+      all += format("Save %d\nErase %d\nErase %d\nRestore %d\n", n, n, n, n);
     EXPECT_EQ(run(0), all + "0");
-    EXPECT_EQ(run(1), "Save 6; Erase 6; ## Error : obfl_sector_erase failed \n435");
-    EXPECT_EQ(run(2), "Save 6; Erase 6; Erase 6; ## Error : obfl_sector_erase failed \n435");
-    EXPECT_EQ(run(3), "Save 6; Erase 6; Erase 6; Restore 6; ## Error : obfl_sector_wr failed \n436");
+    EXPECT_EQ(run(1), "Save 6\nErase 6\n## Error : obfl_sector_erase failed \n435");
+    EXPECT_EQ(run(2), "Save 6\nErase 6\nErase 6\n## Error : obfl_sector_erase failed \n435");
+    EXPECT_EQ(run(3), "Save 6\nErase 6\nErase 6\nRestore 6\n## Error : obfl_sector_wr failed \n436");
     failing_malloc = 1;
     EXPECT_EQ(run(0), "6");
     // The clean-up comes after a failed sub-test too, whose status wins.
     failing_call = 2;
     const obfl_subtest_t fails = [](uint32_t, uint16_t, obfl_timeout_t) { return 434U; };
     EXPECT_EQ(obfl_sector_test(fails, 0, 7, nullptr, get_timeout_val(0)), 434U);
-    EXPECT_EQ(events("SER"), "Erase 7; Erase 7; ");
+    EXPECT_EQ(events("f+-w"), "Erase 7\nErase 7\n");
   });
 }
 

@@ -1,11 +1,8 @@
 // The POST tests of the short run, entry by entry, on a board in this process.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <csignal>
 #include <fstream>
-#include <string>
-#include <vector>
 
 #include "platform/mfgd/cmn_lib/diag_util/diag_dbg.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_layout.h"
@@ -94,28 +91,24 @@ TEST(gige, judges_the_report) {
 }
 
 TEST(gige, runs_the_command_of_the_device) {
-  struct command_case {
-    uint32_t card;
-    int32_t short_form;
-    const char *calls;  // of devices 0 to 3
-  };
-  constexpr command_case cases[] = {
+  // Card, whether the test is a short one, and the calls of devices 0 to 3.
+  constexpr std::tuple<uint32_t, int32_t, const char *> cases[] = {
       {11079, 0, "-t eth0\n-t eth1\n-t eth2\n-t eth5\n"},
       {11079, 1, "-t eth0 online\n-t eth1 online\n-t eth2 online\n-t eth5 online\n"},
       {11062, 0, "-t eth0\n-t eth5\n"},
       {11111, 1, "-t eth0 online\n-t eth5 online\n"},
   };
   const auto before = signal(SIGPIPE, SIG_IGN);
-  for (const auto &c : cases) {
-    const test_board board({}, c.card);
+  for (const auto &[card, short_form, calls] : cases) {
+    const test_board board({}, card);
     set_report(board, "PASS");
-    short_test = c.short_form;
+    short_test = short_form;
     for (uint32_t device = 0; device < 4; ++device) {
       uint32_t result = POST_RESULT_NONE;
       EXPECT_EQ(dorvan_nic_lpback_test(0, &result, device, nullptr), 0U);
       EXPECT_EQ(result, POST_RESULT_PASS);
     }
-    EXPECT_EQ(read_file(board.file("calls")), c.calls);
+    EXPECT_EQ(read_file(board.file("calls")), calls);
   }
   short_test = 0;
   EXPECT_EQ(signal(SIGPIPE, before), SIG_IGN);
@@ -259,13 +252,12 @@ TEST(card_identity, keeps_the_preset_when_the_driver_gives_none) {
 
 // The values that other programs know cards by.
 TEST(card_identity, tells_what_the_tests_need_to_know) {
-  struct card_case {
+  constexpr struct {
     uint16_t card;
     uint32_t type, nvrams;
     bool tests_eth1;
     size_t functions[3];  // how many are compared with hardware change bits 0, 2 and 3
-  };
-  constexpr card_case cases[] = {
+  } cases[] = {
       // clang-format off
       {0x2B35, 14, 1, true,  {15, 15, 15}},
       {0x2B36, 16, 3, false, {20, 20, 0}},

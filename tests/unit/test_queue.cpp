@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <string>
 
 #include "platform/mfgd/cmn_lib/diag_util/queue.h"
 #include "tests/support/host.h"
@@ -59,7 +58,7 @@ struct drawing {
   letter_t elems[27]{};
 
   drawing() {
-    for (int i = 0; i < 26; i++)
+    for (int i = 0; i < 26; ++i)
       elems[i] = {{&elems[26], &elems[26]}, static_cast<char>('A' + i)};
   }
 

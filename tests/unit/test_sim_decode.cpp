@@ -6,7 +6,6 @@
 #include <array>
 #include <cstring>
 #include <sstream>
-#include <vector>
 
 #include "sim/bus/decode.h"
 #include "tests/support/board.h"
@@ -91,7 +90,7 @@ const decode_case decode_cases[] = {
 
 TEST(sim_decode, tells_address_width_direction_and_data_or_refuses) {
   sim::cpu_regs regs;
-  for (size_t i = 0; i < regs.gpr.size(); i++)
+  for (size_t i = 0; i < regs.gpr.size(); ++i)
     regs.gpr[i] = 0x1000 * (i + 1);
   regs.gpr[0] = 0x1021;
   regs.gpr[2] = 0x123456781234050C;
@@ -133,11 +132,11 @@ TEST(sim_decode, knows_every_form_that_the_compiler_makes) {
   auto *const cells = map_cells(board);
   uint8_t plain[area];
   constexpr std::array levels{access_forms_o0, access_forms_o1, access_forms_o2, access_forms_o3};
-  for (size_t level = 0; level < levels.size(); level++) {
+  for (size_t level = 0; level < levels.size(); ++level) {
     for (const auto &form : levels[level]()) {
       for (const uint64_t seed : {uint64_t{0x8000000000000001}, uint64_t{0x5A5AA5F35A5A7C06}}) {
         SCOPED_TRACE(testing::Message() << "-O" << level << " " << form.width << " bits: " << form.name);
-        for (size_t i = 0; i < area; i++)
+        for (size_t i = 0; i < area; ++i)
           cells[i] = plain[i] = static_cast<uint8_t>(seed >> (i % 8 * 8) ^ i * 29);
         (void)board.bus();
         const uint64_t expected = form.run(reinterpret_cast<uintptr_t>(&plain[area / 2]), seed);

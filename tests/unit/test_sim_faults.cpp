@@ -13,8 +13,6 @@
 #include <csignal>
 #include <map>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "sim/host/lock_holder.h"
 #include "tests/support/board.h"
@@ -209,10 +207,13 @@ TEST(sim_faults, show_in_the_nvram_as_the_literature_has_them_and_count_what_the
       {"nvram-data-stuck instance=0 line=3 level=1",      "20:8 20=8 20=0 20:8", 2},
       {"nvram-data-stuck instance=0 line=3 level=0",      "20=8 20:0 20=F0", 1},
       {"nvram-data-short instance=0 line=3 other=9",      "20=8 20:0 20=208 20:208", 1},
+      {"nvram-data-short instance=0 line=3 other=9 wins=1", "20=8 20:208", 1},
       {"nvram-data-floating instance=0 line=3",           "20=8 20:8 30:8 20=0 20:0 30:0", 3},
       {"nvram-addr-stuck instance=0 line=4 level=1",      "20:0 20=5 30:5 20:5", 2},
       {"nvram-addr-stuck instance=0 line=5 level=1",      "20:0 20=5", 0},
+      {"nvram-addr-stuck instance=0 line=14 level=1",     "20=5 20:5 4020:5", 2},
       {"nvram-addr-short instance=0 line=4 other=5",      "20=5 0:5 20:5", 2},
+      {"nvram-addr-short instance=0 line=5 other=1 wins=1", "20=5 22:5 20:5", 2},
       {"nvram-cell-stuck" + cell + "level=1",             "20:1 20=FFFF 20=2 20:3", 2},
       {"nvram-cell-transition" + cell + "level=1",        "20=3 20:2 20=FFFF 20:FFFE", 2},
       {"nvram-cell-transition" + cell + "level=0",        "20=3 20:3 20=0 20:1 b21=7 20:701", 1},
@@ -245,11 +246,14 @@ TEST(sim_faults, show_in_the_nvram_as_the_literature_has_them_and_count_what_the
     SCOPED_TRACE(c.fault);
     board.start();
     run_nvram("20=0 30=0 0=0");
-    const auto others = board.contents("nvram1") + board.contents("nvram2");
+    const auto others = [&] {
+      return board.contents("nvram0").substr(0x40, 0x3FE0) + board.contents("nvram1") + board.contents("nvram2");
+    };
+    const auto before = others();
     board.start({c.fault.c_str()});
     run_nvram(c.script);
     EXPECT_EQ(board.fired(), std::vector{c.fired});
-    EXPECT_EQ(board.contents("nvram1") + board.contents("nvram2"), others);
+    EXPECT_EQ(others(), before);
   }
   for (const auto &row : sim::fault_table())
     EXPECT_TRUE(

@@ -8,8 +8,6 @@
 #include <map>
 #include <set>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "sim/devices/flash.h"
 #include "sim/host/real.h"
@@ -38,7 +36,7 @@ class chip {
  public:
   explicit chip(const options &with = {}) : opts(board_options("/", with)) {
     memset(memory.data(), 0xFF, memory.size());
-    for (uint32_t s = 0; s < sim::flash_sectors; s++)
+    for (uint32_t s = 0; s < sim::flash_sectors; ++s)
       sim::word_set(memory, sector(s), mark(s));
     *count = 0;
     if (!opts.faults.empty()) opts.faults[0].count = count;
@@ -66,7 +64,7 @@ class chip {
   // The sectors whose mark is gone.
   [[nodiscard]] std::vector<uint32_t> changed() const {
     std::vector<uint32_t> list;
-    for (uint32_t s = 0; s < sim::flash_sectors; s++)
+    for (uint32_t s = 0; s < sim::flash_sectors; ++s)
       if (cell(sector(s)) != mark(s)) list.push_back(s);
     return list;
   }
@@ -95,7 +93,7 @@ class chip {
       return;
     }
     bool ended = false;
-    for (unsigned polls = 0; polls < 8 && !ended; polls++) {
+    for (unsigned polls = 0; polls < 8 && !ended; ++polls) {
       const uint16_t first = model.read(offset);
       ended = ((first ^ model.read(offset)) & data) != data;
     }
@@ -316,7 +314,7 @@ std::string torn(const char *script, unsigned nth, unsigned seed) {
 TEST(sim_flash_death, leaves_half_done_what_the_cycle_of_a_power_cut_begins) {
   const std::string before = torn("U", 1, 0);
   std::set<std::string> programs, erases;
-  for (unsigned seed = 0; seed < 12; seed++) {
+  for (unsigned seed = 0; seed < 12; ++seed) {
     SCOPED_TRACE(seed);
     EXPECT_EQ(torn("P", 5, seed), before) << "the confirmation alone begins it";
     const auto program = torn("P", 6, seed);

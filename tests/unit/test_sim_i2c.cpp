@@ -1,14 +1,11 @@
 // The I2C buses of the simulated boards, driven through the bus device files as a program drives them.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
 #include <sys/ioctl.h>
 
 #include <cerrno>
 #include <chrono>
-#include <string>
-#include <vector>
 
 #include "tests/support/board.h"
 
@@ -46,8 +43,8 @@ std::string transfer(const std::string &text) {
   if (result < 0) return strerrorname_np(error);
   EXPECT_EQ(static_cast<size_t>(result), messages.size());
   std::string in;
-  for (size_t i = 0; i < bytes.size(); i++) {
-    for (size_t at = 0; messages[i].flags != 0 && at < bytes[i].size(); at++) {
+  for (size_t i = 0; i < bytes.size(); ++i) {
+    for (size_t at = 0; messages[i].flags != 0 && at < bytes[i].size(); ++at) {
       char hex[3];
       (void)snprintf(hex, sizeof hex, "%02X", unsigned{bytes[i][at]});
       in += hex;

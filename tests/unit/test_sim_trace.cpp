@@ -26,27 +26,6 @@ TEST(sim_trace, writes_cycles_in_one_form) {
     EXPECT_EQ(sim::cycle_text(cycle), text);
 }
 
-TEST(sim_trace, logs_every_access_in_its_order) {
-  test_board board({"--trace"});
-  auto *const bytes = map_window<uint8_t>(nvram1);
-  auto *const words = reinterpret_cast<volatile uint16_t *>(bytes);
-  auto *const longs = reinterpret_cast<volatile uint32_t *>(bytes);
-  longs[4] = 0x12345678;
-  bytes[0x11] = 0xAB;
-  (void)words[8];
-  (void)longs[4];
-  map_window<uint16_t>(flash)[0x554 / 2] = 0xF0;
-  (void)bytes[0x13];
-  EXPECT_EQ(board.bus("nvram1"), cycles(R"(
-    nvram1 w 32 0x10 0x12345678
-    nvram1 w 8 0x11 0xab
-    nvram1 r 16 0x10 0xab78
-    nvram1 r 32 0x10 0x1234ab78
-    nvram1 r 8 0x13 0x12
-  )"));
-  EXPECT_NE(board.contents("trace").find(" flash w 16 0x554 0xf0\n"), std::string::npos);
-}
-
 // Each line is "0.000000 nvram0 r 16 0x0 0xABCD\n" of 32 characters: times below 10 s.
 TEST(sim_trace, ends_at_its_limit_with_a_whole_line) {
   for (const auto &[limit, lines] :
@@ -54,7 +33,7 @@ TEST(sim_trace, ends_at_its_limit_with_a_whole_line) {
     const test_board board({"--trace", limit});
     auto *const word = map_window<uint16_t>(nvram0);
     testing::internal::CaptureStderr();
-    for (int i = 0; i < 5; i++)
+    for (int i = 0; i < 5; ++i)
       word[0] = 0xABCD;
     EXPECT_EQ(board.contents("trace").size(), 32U * static_cast<unsigned>(lines)) << limit;
     EXPECT_EQ(testing::internal::GetCapturedStderr(),

@@ -18,13 +18,15 @@
 
 namespace {
 
-// A fault that changes nothing where the tests work, but has every access trapped.
-constexpr const char *trap_nvram0 = "nvram-cell-stuck instance=0 offset=0x7FFE bit=0 level=0";
+// A board with a fault that changes nothing where the tests work, but has every access to NVRAM 0 trapped.
+struct sim_trap : testing::Test {
+  const test_board board{{"nvram-cell-stuck instance=0 offset=0x7FFE bit=0 level=0"}};
+  volatile uint16_t *const window = map_window<uint16_t>(nvram0);
+};
+using sim_trap_death = sim_trap;
 
 // A copy of the window's first words to its second 64 bytes, each through another register, with all flags set.
-TEST(sim_trap, moves_through_every_register_and_leaves_flags_alone) {
-  const test_board board({trap_nvram0});
-  auto *const window = map_window<uint16_t>(nvram0);
+TEST_F(sim_trap, moves_through_every_register_and_leaves_flags_alone) {
   constexpr uintptr_t all_flags = 0xD5;
   uintptr_t flags = 0;
   asm volatile(
@@ -75,9 +77,7 @@ void avx512_access(const volatile uint16_t *window, const uint8_t *given, uint8_
                : "eax", "xmm3", "memory");
 }
 
-TEST(sim_trap, leaves_vector_registers_alone) {
-  const test_board board({trap_nvram0});
-  const auto *const window = map_window<uint16_t>(nvram0);
+TEST_F(sim_trap, leaves_vector_registers_alone) {
   const struct {
     size_t bytes;
     bool supported;
@@ -88,7 +88,7 @@ TEST(sim_trap, leaves_vector_registers_alone) {
       {64, __builtin_cpu_supports("avx512f") != 0, avx512_access},
   };
   std::array<uint8_t, 64> given;
-  for (size_t i = 0; i < given.size(); i++)
+  for (size_t i = 0; i < given.size(); ++i)
     given[i] = static_cast<uint8_t>(0xC1 + i);
   for (const auto &kind : kinds) {
     if (!kind.supported) continue;
@@ -98,9 +98,7 @@ TEST(sim_trap, leaves_vector_registers_alone) {
   }
 }
 
-TEST(sim_trap, leaves_float_registers_alone) {
-  const test_board board({trap_nvram0});
-  const auto *const window = map_window<uint16_t>(nvram0);
+TEST_F(sim_trap, leaves_float_registers_alone) {
   long double x87 = 0;
   const uint32_t mxcsr = 0x7F80;  // rounds towards zero
   uint32_t mxcsr_before = 0, mxcsr_after = 0;
@@ -114,9 +112,7 @@ TEST(sim_trap, leaves_float_registers_alone) {
   EXPECT_EQ(mxcsr_after, mxcsr);
 }
 
-TEST(sim_trap, leaves_signal_mask_and_errno_alone) {
-  const test_board board({trap_nvram0});
-  const auto *const window = map_window<uint16_t>(nvram0);
+TEST_F(sim_trap, leaves_signal_mask_and_errno_alone) {
   sigset_t mask, after;
   sigemptyset(&mask);
   sigaddset(&mask, SIGUSR1);
@@ -125,14 +121,12 @@ TEST(sim_trap, leaves_signal_mask_and_errno_alone) {
   (void)window[0];
   EXPECT_EQ(errno, 77);
   sigprocmask(SIG_SETMASK, nullptr, &after);
-  for (int number = 1; number < 32; number++)
+  for (int number = 1; number < 32; ++number)
     EXPECT_EQ(sigismember(&after, number), number == SIGUSR1 ? 1 : 0) << "signal " << number;
 }
 
 // The kernel loads some segment registers for a handler of 32 bits.
-TEST(sim_trap, leaves_segment_registers_alone) {
-  const test_board board({trap_nvram0});
-  const auto *const window = map_window<uint16_t>(nvram0);
+TEST_F(sim_trap, leaves_segment_registers_alone) {
   unsigned own = 0, after = 0;
   asm volatile("movl %%es, %[own]; movl %[null], %%es; movw (%[window]), %%ax; movl %%es, %[after]; movl %[own], %%es"
                : [own] "=&r"(own), [after] "=&r"(after)
@@ -143,9 +137,7 @@ TEST(sim_trap, leaves_segment_registers_alone) {
 
 volatile sig_atomic_t steps = 0;
 
-TEST(sim_trap, goes_on_single_stepped) {
-  const test_board board({trap_nvram0});
-  const auto *const window = map_window<uint16_t>(nvram0);
+TEST_F(sim_trap, goes_on_single_stepped) {
   const uint16_t expected = window[0];
   constexpr auto trap_flag = 0x100U;
   (void)signal(SIGTRAP, [](int) { steps = steps + 1; });
@@ -191,10 +183,8 @@ uint16_t read_on(const void *stack, const volatile uint16_t *window) {
   return data;
 }
 
-TEST(sim_trap, works_on_every_stack) {
+TEST_F(sim_trap, works_on_every_stack) {
   constexpr int autodisarm = static_cast<int>(1U << 31);
-  const test_board board({trap_nvram0});
-  const auto *const window = map_window<uint16_t>(nvram0);
   const uint16_t expected = window[0];
   const lone_stack alternate, interrupted;
   const struct {
@@ -233,9 +223,7 @@ volatile sig_atomic_t forwarded = 0;
 
 // A handler that a program sets between its mappings gets what meets no device; one that it sets behind them and that
 // hands on what is not its own may block what it likes.
-TEST(sim_trap, shares_its_signal) {
-  const test_board board({trap_nvram0});
-  const auto *const window = map_window<uint16_t>(nvram0);
+TEST_F(sim_trap, shares_its_signal) {
   const uint16_t expected = window[0];
   (void)sigaction(SIGSEGV, nullptr, &board_action);
   struct sigaction own {};
@@ -254,8 +242,8 @@ TEST(sim_trap, shares_its_signal) {
   EXPECT_EQ(forwarded, 2);
 }
 
-TEST(sim_trap, lets_the_thread_that_maps_take_the_signal) {
-  const test_board board({trap_nvram0});
+TEST(sim_trap_first_mapping, lets_its_thread_take_the_signal) {
+  const test_board board({"nvram-data-stuck instance=0 line=0 level=0"});
   sigset_t all, before;
   sigfillset(&all);
   (void)pthread_sigmask(SIG_BLOCK, &all, &before);
@@ -266,9 +254,7 @@ TEST(sim_trap, lets_the_thread_that_maps_take_the_signal) {
   (void)pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-TEST(sim_trap_death, ends_the_run_on_an_instruction_that_it_does_not_know) {
-  const test_board board({trap_nvram0});
-  const auto *const window = map_window<uint8_t>(nvram0);
+TEST_F(sim_trap_death, ends_the_run_on_an_instruction_that_it_does_not_know) {
   EXPECT_EXIT(asm volatile("movdqu (%0), %%xmm0"
                            :
                            : "c"(window)
@@ -276,7 +262,7 @@ TEST(sim_trap_death, ends_the_run_on_an_instruction_that_it_does_not_know) {
               testing::KilledBySignal(SIGABRT), "no plain move met a device: instruction at .*, bytes f3 0f 6f 01");
 }
 
-TEST(sim_trap_death, passes_faults_of_others_on) {
+TEST(sim_trap_others_death, get_their_faults) {
   const test_board board;
   volatile uintptr_t nowhere = 16;
   // The handler that was there before is chosen in a process of its own, ahead of the first mapping.

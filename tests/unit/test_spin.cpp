@@ -1,14 +1,11 @@
 // The CPU clock record, the spin delay and the cycle conversions, on the board's /proc/cpuinfo. The linker hands usleep
 // and mtrace to this file.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <x86intrin.h>
 
 #include <cmath>
 #include <fstream>
-#include <string>
 #include <utility>
-#include <vector>
 
 #include "platform/mfgd/cmn_lib/diag_util/libinit.h"
 #include "platform/mfgd/cmn_lib/diag_util/ptu_velto_or.h"

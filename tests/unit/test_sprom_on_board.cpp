@@ -1,10 +1,10 @@
 // The board families and the queries on boards in this process, compared with what went over their buses.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <functional>
-#include <sstream>
+#include <regex>
+#include <set>
 
 #include "platform/mfgd/uspace/utils/sprom/at24c512.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_api.h"
@@ -31,26 +31,23 @@ class logged_board {
  public:
   explicit logged_board(const words &args) : board_(options(args)) {}
 
-  // What went over the buses since the last call, as "8:76 w 00; 8:76 r 3fff; port r 6b5a3c41": bus and address of the
-  // device, direction, bytes in their order on the wire; W and R if it failed. An EEPROM's single bytes are counted, as
-  // in "1:52 r*334"; what it does not answer is left out, as it may be busy.
+  // What went over the buses since the last call, as the board's log has it, "; " between the lines. An EEPROM's single
+  // bytes are counted, as in "i2c-1:52 r 8 *334"; what it does not answer is left out, as it may be busy.
   std::string log() {
-    const std::string text = read_file(board_.file("trace"));
-    std::istringstream lines(text.substr(seen_));
-    seen_ = text.size();
+    static const std::regex byte("(i2c-[0-9]+:5. (?:r 8|w 16|w 24) ).*"), no_answer("i2c-[0-9]+:5. [RW] .*");
     words entries;
-    std::string counted, seconds, device, kind, width, offset, data;
+    std::string counted;
     size_t count = 0;
-    while (lines >> seconds >> device >> kind >> width >> offset >> data) {
-      if (device.starts_with("i2c-")) device.erase(0, 4);
-      const bool eeprom = device.find(":5") != std::string::npos;
-      if (eeprom && (kind == "W" || kind == "R")) continue;
-      const bool single = eeprom && (kind == "r" || width == (device.starts_with("6:") ? "16" : "24"));
-      const std::string head = device + " " + kind;
+    for (const std::string &line : board_.log()) {
+      std::smatch found;
+      if (std::regex_match(line, no_answer)) continue;
+      // The second address byte is no data.
+      const bool single = std::regex_match(line, found, byte) && (line.find(" w 16 ") > line.size() || line[4] == '6');
+      const std::string head = single ? found.str(1) : "";
       count = single && head == counted ? count + 1 : 1;
       if (count > 1) entries.pop_back();
-      counted = single ? head : "";
-      entries.push_back(single ? head + "*" + std::to_string(count) : head + " " + data.substr(2));
+      counted = head;
+      entries.push_back(single ? head + "*" + std::to_string(count) : line);
     }
     return joined(entries);
   }
@@ -68,7 +65,6 @@ class logged_board {
   }
 
   test_board board_;
-  size_t seen_ = 0;
 };
 
 void on_board(const words &args, const std::function<void(logged_board &)> &code) {
@@ -84,54 +80,26 @@ words with(words args, const std::string &fault) {
   return args;
 }
 
-// The descriptors.
-
-std::string text_of(const smb_dev_t &dev) {
-  char text[128];
-  (void)snprintf(text, sizeof text, "%s:%x+%x, %u:%u:%u", dev.path, dev.addr, dev.base, dev.addr_len, dev.data_len,
-                 dev.flags);
-  return text;
-}
-std::string text_of(const sprom_t &sprom) {
-  return std::string{sprom.name} + ", " + std::to_string(sprom.type) + ", " + text_of(*sprom.smb_acc->dev) +
-         (sprom.we != nullptr && sprom.wd != nullptr ? ", hooks" : ", none") +
-         (sprom.buf != nullptr ? ", cache" : ", none");
-}
-
-TEST(sprom_families, have_their_sproms_where_the_records_say) {
-  const std::pair<const sprom_t *, const char *> rows[]{
-      {&pellin_sprom_bp, "BACKPLANE, 2, /dev/i2c-1:52+1000, 2:1:0, hooks, cache"},
-      {&pellin_sprom_sup, "SUPERVISOR, 1, /dev/i2c-1:52+0, 2:1:0, hooks, cache"},
-      {&pellin_sprom_lc[0], "DC 1, 3, /dev/i2c-17:52+0, 2:1:0, hooks, none"},
-      {&pellin_sprom_lc[1], "LC 2, 3, /dev/i2c-23:52+0, 2:1:0, hooks, none"},
-      {&pellin_sprom_lc[2], "LC 3, 3, /dev/i2c-7:52+0, 2:1:0, hooks, none"},
-      {&pellin_sprom_ps[0], "PS1, 4, /dev/i2c-6:52+0, 1:1:0, none, cache"},
-      {&pellin_sprom_ps[1], "PS2, 4, /dev/i2c-6:53+0, 1:1:0, none, cache"},
-      {&pellin_sprom_dimm[0], "DIMM0, 5, /dev/i2c-0:5e+0, 1:1:0, none, cache"},
-      {&pellin_sprom_dimm[1], "DIMM1, 5, /dev/i2c-0:55+0, 1:1:0, none, cache"},
-      {&tosk_sprom_bp, "BACKPLANE, 2, /dev/i2c-1:52+1000, 2:1:0, hooks, cache"},
-      {&tosk_sprom_sup, "SUPERVISOR, 1, /dev/i2c-1:52+0, 2:1:0, hooks, cache"},
-      {&tosk_sprom_lc[0], "LC 2, 3, /dev/i2c-7:52+0, 2:1:0, hooks, none"},
-      {&tosk_sprom_ps[0], "PS1, 4, /dev/i2c-6:52+0, 1:1:0, none, cache"},
-      {&tosk_sprom_ps[1], "PS2, 4, /dev/i2c-6:53+0, 1:1:0, none, cache"},
-      {&tosk_sprom_dimm[0], "DIMM0, 5, /dev/i2c-0:5e+0, 1:1:0, none, cache"},
-      {&tosk_sprom_dimm[1], "DIMM1, 5, /dev/i2c-0:55+0, 1:1:0, none, cache"}};
-  std::map<const uint8_t *, int> owners;
-  for (const auto &[sprom, expected] : rows) {
-    EXPECT_EQ(text_of(*sprom), expected);
-    EXPECT_EQ(sprom->valid, 0U);
-    EXPECT_EQ(sprom->smb_acc->smb_rd, at24c512_rd);
-    EXPECT_EQ(sprom->smb_acc->smb_wr, at24c512_wr);
-    if (sprom->buf != nullptr) ++owners[sprom->buf];
-  }
-  // Each cache has one owner but for the DIMMs'.
-  EXPECT_EQ(owners.size(), 10U);
-  EXPECT_EQ(owners[pellin_sprom_dimm[0].buf] + owners[tosk_sprom_dimm[0].buf], 4);
-  EXPECT_EQ(pellin_sprom_bp.smb_acc->dev, &pellin_bp_dev);
-  EXPECT_EQ(tosk_sprom_bp.smb_acc->dev, &tosk_bp_dev);
-  EXPECT_EQ(text_of(*pca9539_gem_acc[0].dev), "/dev/i2c-23:75+0, 1:2:0");
-  EXPECT_EQ(text_of(*pca9539_gem_acc[1].dev), "/dev/i2c-7:75+0, 1:2:0");
-  EXPECT_EQ(text_of(*pca9539_mezz_acc.dev), "/dev/i2c-20:76+0, 1:2:0");
+TEST(sprom_families, have_a_cache_for_each_image_but_a_modules_and_one_for_all_dimms) {
+  const sprom_t *const with_cache[]{&pellin_sprom_bp,    &pellin_sprom_sup,    &pellin_sprom_ps[0], &pellin_sprom_ps[1],
+                                    &tosk_sprom_bp,      &tosk_sprom_sup,      &tosk_sprom_ps[0],   &tosk_sprom_ps[1],
+                                    &tosk_sprom_dimm[0], &pellin_sprom_dimm[0]};
+  std::set<const uint8_t *> caches{nullptr};
+  for (const sprom_t *sprom : with_cache)
+    EXPECT_TRUE(caches.insert(sprom->buf).second && sprom->valid == 0) << sprom->name;
+  for (const sprom_t &module : {pellin_sprom_lc[0], pellin_sprom_lc[1], pellin_sprom_lc[2], tosk_sprom_lc[0]})
+    EXPECT_EQ(module.buf, nullptr);
+  for (const auto &[family, dimms] :
+       {std::pair{"--family=pellin", pellin_sprom_dimm}, {"--family=tosk", tosk_sprom_dimm}})
+    on_board({family}, [dimms = dimms](logged_board &board) {
+      EXPECT_EQ(dimms[0].buf, dimms[1].buf);
+      for (const auto &[dimm, wire] : {std::pair{dimms[0], "i2c-0:5e w 8 0x0 0x00; i2c-0:5e r 8 *2"},
+                                       {dimms[1], "i2c-0:55 w 8 0x0 0x00; i2c-0:55 r 8 *2"}}) {
+        uint8_t data[2];
+        EXPECT_EQ(dimm.smb_acc->smb_rd(dimm.smb_acc->dev, 0, 2, data), 0);
+        EXPECT_EQ(board.log(), wire);
+      }
+    });
 }
 
 TEST(sprom_families, answer_to_sprom_addresses) {
@@ -167,11 +135,16 @@ TEST(sprom_families, answer_to_sprom_addresses) {
 // The probes.
 
 // What a probe does on the buses to see the straps, then the supervisor's image.
-constexpr const char *straps_0 = "8:76 w 00; 8:76 r 3fff";
-constexpr const char *straps_1 = "8:76 w 00; 8:76 r 7fff";
-constexpr const char *straps_2 = "8:76 w 00; 8:76 r bfff";
-constexpr const char *straps_3 = "8:76 w 00; 8:76 r ffff";
-constexpr const char *image_read = "1:52 w 0000; 1:52 r*334";
+constexpr const char *straps_0 = "i2c-8:76 w 8 0x0 0x00; i2c-8:76 r 16 0x1 0x3fff";
+constexpr const char *straps_1 = "i2c-8:76 w 8 0x0 0x00; i2c-8:76 r 16 0x1 0x7fff";
+constexpr const char *straps_2 = "i2c-8:76 w 8 0x0 0x00; i2c-8:76 r 16 0x1 0xbfff";
+constexpr const char *straps_3 = "i2c-8:76 w 8 0x0 0x00; i2c-8:76 r 16 0x1 0xffff";
+constexpr const char *image_read = "i2c-1:52 w 16 0x0 0x0000; i2c-1:52 r 8 *334";
+// By the other expander, where the first one does not answer.
+constexpr const char *other_0 = "i2c-8:76 W 8 0x0 0x00; i2c-8:26 r 16 0x0 0xff3f";
+constexpr const char *other_1 = "i2c-8:76 W 8 0x0 0x00; i2c-8:26 r 16 0x0 0xff7f";
+constexpr const char *other_2 = "i2c-8:76 W 8 0x0 0x00; i2c-8:26 r 16 0x0 0xffbf";
+constexpr const char *neither = "i2c-8:76 W 8 0x0 0x00; i2c-8:26 R 0 0x0 0x0";
 constexpr const char *no_9539 = "i2c-fail bus=8 addr=0x76 times=0";
 constexpr const char *bad_image = "sprom-corrupt image=sup block=main offset=8 xor=3";
 constexpr const char *bad_image_line = "Supervisor Main block checksum mismatch.  Found 0x01f5, expected 0x01f8.\n";
@@ -201,12 +174,12 @@ const board_case boards[]{
     {11004, "straps value=3", bad_image,       straps_3,                      image_read, image_read, -22,  -22,  -22},
     {11004, "straps value=2", "i2c-fail bus=1 addr=0x52 times=0 errno=110",
                                                straps_2,                      "",         "",         -110, 2,    2},
-    {11004, "",               no_9539,         "8:76 W 00; 8:26 r ff3f",      "",         image_read, 0,    2,    0},
-    {11004, "straps value=2", no_9539,         "8:76 W 00; 8:26 r ffbf",      image_read, "",         -22,  2,    2},
-    {11008, "straps value=1", no_9539,         "8:76 W 00; 8:26 r ff7f",      image_read, image_read, 0,    -22,  0},
+    {11004, "",               no_9539,         other_0,                       "",         image_read, 0,    2,    0},
+    {11004, "straps value=2", no_9539,         other_2,                       image_read, "",         -22,  2,    2},
+    {11008, "straps value=1", no_9539,         other_1,                       image_read, image_read, 0,    -22,  0},
     // With neither expander, the second one's result is told.
     {11003, no_9539, "i2c-fail bus=8 addr=0x26 times=0 errno=110",
-                                               "8:76 W 00; 8:26 R 0",         "",         "",         -110, -110, -22},
+                                               neither,                       "",         "",         -110, -110, -22},
 };
 // clang-format on
 
@@ -243,14 +216,16 @@ struct hooks {
 };
 // An expander's: what its pairs hold with the pin low.
 hooks pin_hooks(const std::string &dev, const std::string &low) {
-  const std::string config = dev + " w 06; " + dev + " r ";
-  const std::string output = dev + " w 02; " + dev + " r ";
-  return {{config + "ffff", dev + " w 06" + low, output + "ffff", dev + " w 02" + low},
-          {config + low, output + "ffff", dev + " w 02" + low},
-          {output + low, dev + " w 02ffff"}};
+  const auto read = [&](const std::string &reg, const std::string &pair) {
+    return dev + " w 8 0x0 0x" + reg + "; " + dev + " r 16 0x1 0x" + pair;
+  };
+  const auto write = [&](const std::string &pair) { return dev + " w 24 0x0 0x" + pair; };
+  return {{read("06", "ffff"), write("06" + low), read("02", "ffff"), write("02" + low)},
+          {read("06", low), read("02", "ffff"), write("02" + low)},
+          {read("02", low), write("02ffff")}};
 }
-const words port_off{"port r 6b5a3c41", "port w 635a3c41"};
-const words port_on{"port r 635a3c41", "port w 6b5a3c41"};
+const words port_off{"port r 32 0x50c 0x6b5a3c41", "port w 32 0x50c 0x635a3c41"};
+const words port_on{"port r 32 0x50c 0x635a3c41", "port w 32 0x50c 0x6b5a3c41"};
 const hooks port_hooks{port_off, port_off, port_on};
 
 struct hook_case {
@@ -265,13 +240,15 @@ struct hook_case {
 const hook_case hook_cases[]{
     {"pellin", &pellin_sprom_sup,   "1-52",  0,      port_hooks,                 nullptr},
     {"pellin", &pellin_sprom_bp,    "1-52",  0x1000, port_hooks,                 nullptr},
-    {"pellin", &pellin_sprom_lc[0], "17-52", 0,      pin_hooks("20:76", "fffd"), "bus=20 addr=0x76"},
-    {"pellin", &pellin_sprom_lc[1], "23-52", 0,      pin_hooks("23:75", "f7ff"), "bus=23 addr=0x75"},
-    {"pellin", &pellin_sprom_lc[2], "7-52",  0,      pin_hooks("7:75", "f7ff"),  "bus=7 addr=0x75"},
+    {"pellin", &pellin_sprom_lc[0], "17-52", 0,      pin_hooks("i2c-20:76", "fffd"), "bus=20 addr=0x76"},
+    {"pellin", &pellin_sprom_lc[1], "23-52", 0,      pin_hooks("i2c-23:75", "f7ff"), "bus=23 addr=0x75"},
+    {"pellin", &pellin_sprom_lc[2], "7-52",  0,      pin_hooks("i2c-7:75", "f7ff"),  "bus=7 addr=0x75"},
     {"pellin", &pellin_sprom_ps[0], "6-52",  0,      {},                         nullptr},
+    {"pellin", &pellin_sprom_ps[1], "6-53",  0,      {},                         nullptr},
     {"tosk",   &tosk_sprom_sup,     "1-52",  0,      port_hooks,                 nullptr},
     {"tosk",   &tosk_sprom_bp,      "1-52",  0x1000, port_hooks,                 nullptr},
-    {"tosk",   &tosk_sprom_lc[0],   "7-52",  0,      pin_hooks("7:75", "f7ff"),  "bus=7 addr=0x75"},
+    {"tosk",   &tosk_sprom_lc[0],   "7-52",  0,      pin_hooks("i2c-7:75", "f7ff"),  "bus=7 addr=0x75"},
+    {"tosk",   &tosk_sprom_ps[0],   "6-52",  0,      {},                         nullptr},
     {"tosk",   &tosk_sprom_ps[1],   "6-53",  0,      {},                         nullptr},
 };
 // clang-format on
@@ -289,11 +266,12 @@ TEST(sprom_write_protection, is_lifted_for_each_write_and_restored) {
       (void)board.log();
       for (const words &we : {c.expected.we, c.expected.again}) {
         image[60] = ++at[60];
-        const std::string device = std::string{c.eeprom}.replace(std::string{c.eeprom}.find('-'), 1, ":");
+        const std::string device = "i2c-" + std::string{c.eeprom}.replace(std::string{c.eeprom}.find('-'), 1, ":");
+        const char *const width = c.sprom->type == SPROM_TYPE_PS ? " w 16 *" : " w 24 *";
         EXPECT_EQ(sprom_write(c.sprom, image.data()), 0);
         EXPECT_EQ(image, std::vector<uint8_t>(at, at + size));
         EXPECT_EQ(board.eeprom(c.eeprom), chip);
-        EXPECT_EQ(board.log(), joined({joined(we), device + " w*" + std::to_string(size), joined(c.expected.wd)}));
+        EXPECT_EQ(board.log(), joined({joined(we), device + width + std::to_string(size), joined(c.expected.wd)}));
         image = host_image(image, c.sprom->type);
       }
     });
@@ -303,8 +281,7 @@ TEST(sprom_write_protection, is_lifted_for_each_write_and_restored) {
 // The transactions up to the nth, which fails at its first message.
 std::string failing(const words &transactions, size_t nth) {
   const auto end = transactions.begin() + static_cast<ptrdiff_t>(nth);
-  std::string last = transactions[nth];
-  last = last.substr(0, last.find(';'));
+  std::string last = transactions[nth].substr(0, transactions[nth].find(';'));
   last[last.find(" w ") + 1] = 'W';
   return joined({joined({transactions.begin(), end}), last});
 }
@@ -334,18 +311,18 @@ TEST(sprom_write_protection, is_restored_after_a_write_that_stopped_anywhere) {
       EXPECT_EQ(sprom_write(&pellin_sprom_sup, image.data()), -5);
       std::copy_n(image.begin(), nth - 1, chip.begin());
       EXPECT_EQ(board.eeprom("1-52"), chip);
-      EXPECT_EQ(board.log(),
-                joined({joined(port_off), nth > 1 ? "1:52 w*" + std::to_string(nth - 1) : "", joined(port_on)}));
+      EXPECT_EQ(board.log(), joined({joined(port_off), nth > 1 ? "i2c-1:52 w 24 *" + std::to_string(nth - 1) : "",
+                                     joined(port_on)}));
     });
   }
 }
 
 TEST(sprom_write_protection, that_stays_keeps_the_contents_unnoticed) {
-  const std::pair<const char *, const char *> cases[]{
-      {"iopl-refused", "1:52 w*334"},
-      {"port-stuck bit=27 level=1", "port r 6b5a3c41; port w 635a3c41; 1:52 w*334; port r 6b5a3c41; port w 6b5a3c41"},
-      {"eeprom-protected bus=1 addr=0x52",
-       "port r 6b5a3c41; port w 635a3c41; 1:52 w*334; port r 635a3c41; port w 6b5a3c41"}};
+  const std::string written = "i2c-1:52 w 24 *334";
+  const std::pair<const char *, std::string> cases[]{
+      {"iopl-refused", written},
+      {"port-stuck bit=27 level=1", joined({joined(port_off), written, port_off[0], port_on[1]})},
+      {"eeprom-protected bus=1 addr=0x52", joined({joined(port_off), written, joined(port_on)})}};
   for (const auto &c : cases) {
     SCOPED_TRACE(c.first);
     on_board(with({"--family=tosk"}, c.first), [&](logged_board &board) {
@@ -360,8 +337,8 @@ TEST(sprom_write_protection, that_stays_keeps_the_contents_unnoticed) {
 
 TEST(sprom_write_protection, of_the_mezzanine_follows_the_environment_at_each_call) {
   on_board({"--family=pellin"}, [](logged_board &board) {
-    constexpr const char *early = "20:76 w 027fff";
-    constexpr const char *later = "20:76 w 02fffd";
+    constexpr const char *early = "i2c-20:76 w 24 0x0 0x027fff";
+    constexpr const char *later = "i2c-20:76 w 24 0x0 0x02fffd";
     const std::pair<const char *, const char *> cases[]{
         {"", early},    {"0", early},           {"0x0", early},
         {" 00", early}, {"P1", early},          {"5", later},
@@ -372,7 +349,7 @@ TEST(sprom_write_protection, of_the_mezzanine_follows_the_environment_at_each_ca
       EXPECT_EQ(velto_mt_varnholm_sprom_we(), 0);
       EXPECT_THAT(board.log(), testing::EndsWith(low));
       EXPECT_EQ(velto_mt_varnholm_sprom_wd(), 0);
-      EXPECT_THAT(board.log(), testing::EndsWith("20:76 w 02ffff"));
+      EXPECT_THAT(board.log(), testing::EndsWith("i2c-20:76 w 24 0x0 0x02ffff"));
     }
   });
 }
@@ -397,7 +374,8 @@ TEST(sprom_queries, read_fields_from_the_device_past_base_and_cache) {
     EXPECT_EQ(sprom_get_card_index(&pellin_sprom_sup, &card), 0);
     EXPECT_EQ(card, 11003);
     EXPECT_EQ(board.log(),
-              "1:52 w 1036; 1:52 r*20; 1:52 w 0022; 1:52 r*20; 23:52 w 00ae; 23:52 r*8; 1:52 w 00b6; 1:52 r*2");
+              "i2c-1:52 w 16 0x0 0x1036; i2c-1:52 r 8 *20; i2c-1:52 w 16 0x0 0x0022; i2c-1:52 r 8 *20; "
+              "i2c-23:52 w 16 0x0 0x00ae; i2c-23:52 r 8 *8; i2c-1:52 w 16 0x0 0x00b6; i2c-1:52 r 8 *2");
   });
 }
 

@@ -316,7 +316,7 @@ struct pair_t {
     size_t expected = 1 + entries.size();
     for (const auto &[name, timer] : by_name) {
       if (timer.real == nullptr) continue;
-      expected++;
+      ++expected;
       const auto holds = [&, n = name](const auto &entry) { return entry.second.find(n) != std::string::npos; };
       const bool active = std::ranges::any_of(entries, holds);
       EXPECT_TRUE(timer.real->state == active && timer_is_active(timer.real) == active);
@@ -336,7 +336,7 @@ TEST(timer, agrees_with_a_plain_model_under_random_operations) {
   };
   // clang-format on
   for (const auto &set : settings) {
-    for (uint32_t seed = 1; seed <= 10 && !testing::Test::HasFailure(); seed++) {
+    for (uint32_t seed = 1; seed <= 10 && !testing::Test::HasFailure(); ++seed) {
       SCOPED_TRACE(testing::Message() << set.size << " buckets from " << set.base << ", seed " << seed);
       init(set.size, set.polled ? 10 : 0);
       current_time = set.base;
@@ -344,7 +344,7 @@ TEST(timer, agrees_with_a_plain_model_under_random_operations) {
       pair_t pair{set, std::mt19937(seed)};
       on_fire = [&](char name) { pair.expire(name); };
       const std::string printed = stdout_of([&] {
-        for (int step = 0; step < 500 && !testing::Test::HasFailure(); step++) {
+        for (int step = 0; step < 500 && !testing::Test::HasFailure(); ++step) {
           pair.random(3) != 0 ? pair.operate() : pair.advance();
           pair.compare(current_time - set.base + 1);
         }
