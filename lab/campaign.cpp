@@ -14,6 +14,7 @@
 #include <thread>
 
 #include "lab/coverage.h"
+#include "lab/explain_score.h"
 #include "lab/files.h"
 #include "lab/html.h"
 #include "lab/journal.h"
@@ -42,6 +43,7 @@ struct options {
   std::string junit;
   std::string html;
   std::string coverage;
+  std::string explain;
   std::string expect;
   bool no_times = false;
   bool summary = false;
@@ -262,12 +264,13 @@ std::string write_files(const options &opts, const lab::matrix &matrix) {
   if (wrong.empty()) wrong = write(opts.junit, lab::matrix_to_junit(matrix));
   if (wrong.empty()) wrong = write(opts.html, lab::matrix_to_html(matrix));
   if (wrong.empty()) wrong = write(opts.coverage, lab::matrix_to_coverage(matrix));
+  if (wrong.empty()) wrong = write(opts.explain, lab::matrix_to_score(matrix));
   return wrong;
 }
 
 // The table, if standard output is not taken by a file.
 std::string print(const options &opts, const lab::matrix &matrix) {
-  for (const auto *const path : {&opts.json, &opts.junit, &opts.html, &opts.coverage})
+  for (const auto *const path : {&opts.json, &opts.junit, &opts.html, &opts.coverage, &opts.explain})
     if (*path == "-") return "";
   const auto table = opts.summary ? "" : lab::matrix_table(matrix, terminal_width()) + "\n";
   return lab::write_whole("-", table + lab::matrix_summary(matrix));
@@ -278,8 +281,12 @@ int conclude(const options &opts, lab::matrix matrix, const std::optional<lab::m
   auto wrong = print(opts, matrix);
   if (wrong.empty()) wrong = write_files(opts, matrix);
   if (!wrong.empty()) return fail(wrong);
-  const bool clean =
+  bool clean =
       std::ranges::all_of(matrix.runs, [&](const auto &run) { return lab::is_accounted_for(run, matrix.space); });
+  for (const auto &fault : opts.explain.empty() ? std::vector<std::string>{} : lab::left_out_faults(matrix)) {
+    (void)std::fprintf(stderr, "no candidate of its own explanation: %s\n", fault.c_str());
+    clean = false;
+  }
   if (!former) return clean ? exit_clean : exit_findings;
   const auto changes = lab::changes_since(*former, matrix);
   for (const auto &change : changes)
@@ -296,7 +303,7 @@ constexpr const char *examples =
     "  post-campaign --fault \"flash-cell-stuck offset=0x0 bit=3 level=0 p=0.01\" --repeat 50\n"
     "  post-campaign --healthy 14 --mode short         false alarms\n"
     "  post-campaign --json now.json --html now.html --expect former.json\n"
-    "  post-campaign --read now.json --coverage coverage.md\n"
+    "  post-campaign --read now.json --coverage coverage.md --explain explain.md\n"
     "\n"
     "Exit status: 0 all is accounted for, 1 something is not or has changed, 2 usage or trouble.\n";
 
@@ -328,6 +335,8 @@ void add_output_options(CLI::App *app, options *opts) {
   app->add_option("--junit", opts->junit, "write JUnit XML");
   app->add_option("--html", opts->html, "write a page for a browser");
   app->add_option("--coverage", opts->coverage, "write what a PASS covers, as Markdown");
+  app->add_option("--explain", opts->explain,
+                  "write what explanations are worth, as Markdown; one without the fault is a finding");
   app->add_option("--expect", opts->expect, "a former matrix: any change is a finding");
   app->add_flag("--no-times", opts->no_times, "leave times out, so that equal campaigns are equal byte for byte");
   app->add_flag("--summary", opts->summary, "print the summary alone");
@@ -349,7 +358,7 @@ void add_run_options(CLI::App *app, options *opts) {
 
 // A campaign is long: what cannot be written is told before it. Returns "" or what is wrong.
 std::string check_files(const options &opts) {
-  for (const auto *const path : {&opts.json, &opts.junit, &opts.html, &opts.coverage}) {
+  for (const auto *const path : {&opts.json, &opts.junit, &opts.html, &opts.coverage, &opts.explain}) {
     if (path->empty() || *path == "-") continue;
     const auto directory = std::filesystem::path(lab::absolute_path(*path)).parent_path();
     if (access(directory.c_str(), W_OK) != 0) return lab::os_error(*path);

@@ -189,6 +189,7 @@ std::string run_row(const run_result &run) {
     reported += (reported.empty() ? "" : ", ") + device;
   const auto kind = run.what.fault.substr(0, run.what.fault.find(' '));
   auto told = run.line.empty() ? "" : code(run.line);
+  if (run.explained && !run.explained->text.empty()) told += element("div", escape_markup(run.explained->text));
   if (!run.contents.empty()) told += element("div", {{"class", "faint"}}, escape_markup(run.contents));
   if (!run.reason.empty()) told += element("div", {{"class", "faint"}}, escape_markup(run.reason));
   const auto cell = [](std::string_view label, std::string_view content) {
@@ -217,7 +218,7 @@ std::string matrix_html(const matrix &all) {
   const std::string_view head =
       "<thead><tr><th>Outcome</th><th>Fault</th><th>Board</th><th>Mode</th><th>Fired</th>"
       "<th>Verdict</th><th>Reported by</th><th>Exit</th>"
-      "<th>First line, contents, reason</th></tr></thead>\n";
+      "<th>First line, explanation, contents, reason</th></tr></thead>\n";
   return element("h2", "The matrix") + "\n" + std::string(filters) +
          element("table", {{"class", "matrix"}}, std::string(head) + element("tbody", {{"id", "runs"}}, "\n" + rows)) +
          "\n";

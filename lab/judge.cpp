@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "lab/cases.h"
+#include "lab/explain_score.h"
 #include "lab/fault_list.h"
 #include "lab/knowledge.h"
 #include "lab/records.h"
@@ -125,8 +126,9 @@ run_result judge(const run_item &run, const run_evidence &evidence) {
   const auto log = parse_run_log(evidence.process.output);
   const auto records = parse_records(evidence.records);
   const std::vector<record> own(records.records.begin(), records.records.end());
-  const auto told = make_report(own, log.runs.empty() ? nullptr : &log.runs.back());
-  const bool completed = !log.runs.empty() && log.runs.back().completed && told.passed.has_value();
+  const auto *const printed = log.runs.empty() ? nullptr : &log.runs.back();
+  const auto told = make_report(own, printed);
+  const bool completed = printed != nullptr && printed->completed && told.passed.has_value();
 
   run_result result;
   result.what = run;
@@ -149,6 +151,7 @@ run_result judge(const run_item &run, const run_evidence &evidence) {
   result.cpu_seconds = evidence.process.cpu_seconds;
   result.end = judge_all(run, evidence, completed, result);
   result.reason = reason_of(run, result.end, !result.reported.empty());
+  result.explained = explain_result(run, printed, own);
   return result;
 }
 

@@ -67,19 +67,25 @@ std::string attributes(const counters &all, bool times) {
          seconds_attribute(all.seconds, times);
 }
 
+std::string output_of(const run_result &run) {
+  auto text = run.line;
+  if (run.explained && !run.explained->text.empty()) text += (text.empty() ? "" : "\n") + run.explained->text;
+  return text;
+}
+
 std::string case_body(const run_result &run, const matrix &all) {
   auto message = title_of(run);
   if (!run.reason.empty()) message += ": " + run.reason;
   if (!run.contents.empty()) message += "; " + run.contents;
   switch (result_of(run, all)) {
     case case_result::pass:
-      return run.line.empty() ? "" : element("system-out", escape_markup(run.line));
+      return output_of(run).empty() ? "" : element("system-out", escape_markup(output_of(run)));
     case case_result::skip:
       return element("skipped", {{"message", message}});
     case case_result::failure:
-      return element("failure", {{"message", message}, {"type", text_of(run.end).name}}, escape_markup(run.line));
+      return element("failure", {{"message", message}, {"type", text_of(run.end).name}}, escape_markup(output_of(run)));
     case case_result::error:
-      return element("error", {{"message", message}, {"type", text_of(run.end).name}}, escape_markup(run.line));
+      return element("error", {{"message", message}, {"type", text_of(run.end).name}}, escape_markup(output_of(run)));
   }
   return "";
 }

@@ -38,6 +38,13 @@ ordered_json to_json(const run_result &run, bool times) {
   value["status"] = run.status;
   value["contents"] = run.contents;
   value["reason"] = run.reason;
+  if (run.explained) {
+    value["explanation"] = run.explained->text;
+    value["listed"] = run.explained->listed;
+    value["places"] = run.explained->places;
+    value["sure_places"] = run.explained->sure_places;
+    value["line_places"] = run.explained->line_places;
+  }
   if (!times) return value;
   value["seconds"] = rounded(run.seconds);
   value["cpu_seconds"] = rounded(run.cpu_seconds);
@@ -64,6 +71,10 @@ run_result from_json(const ordered_json &value) {
   run.status = value.at("status").get<int>();
   run.contents = value.at("contents").get<std::string>();
   run.reason = value.at("reason").get<std::string>();
+  if (value.contains("explanation"))
+    run.explained = run_explanation{value["explanation"].get<std::string>(), value.at("listed").get<bool>(),
+                                    value.at("places").get<uint64_t>(), value.at("sure_places").get<uint64_t>(),
+                                    value.at("line_places").get<uint64_t>()};
   run.seconds = value.value("seconds", 0.0);
   run.cpu_seconds = value.value("cpu_seconds", 0.0);
   return run;
@@ -144,6 +155,19 @@ std::string told(const run_result &run) {
   for (const auto &device : run.reported)
     text += (&device == &run.reported.front() ? " (" : ", ") + device;
   return run.reported.empty() ? text : text + ")";
+}
+
+// Whether the fault is a candidate, and one of how many.
+std::string named(const run_explanation &explained) {
+  return explained.listed ? "one of " + std::to_string(explained.places) + " places" : "no candidate";
+}
+
+void compare(const run_result &before, const run_result &now, std::vector<std::string> *changes) {
+  const auto add = [&](const std::string &was, const std::string &is) {
+    if (was != is) changes->push_back(now.what.key() + ": was " + was + ", is " + is);
+  };
+  add(told(before), told(now));
+  if (before.explained && now.explained) add(named(*before.explained), named(*now.explained));
 }
 
 }  // namespace
@@ -245,8 +269,7 @@ std::vector<std::string> changes_since(const matrix &former, const matrix &now) 
       if (same_space) changes.push_back(run.what.key() + ": new, " + told(run));
       continue;
     }
-    if (told(*found->second) != told(run))
-      changes.push_back(run.what.key() + ": was " + told(*found->second) + ", is " + told(run));
+    compare(*found->second, run, &changes);
     before.erase(found);
   }
   for (const auto &run : former.runs)

@@ -15,6 +15,15 @@
 
 namespace lab {
 
+// What post-explain makes of what a run printed.
+struct run_explanation {
+  std::string text;          // in short, "" if there is nothing to explain
+  bool listed = false;       // the fault is among the candidates
+  uint64_t places = 0;       // of the finding that lists it
+  uint64_t sure_places = 0;  // of these, whatever the memory held
+  uint64_t line_places = 0;  // of these, lines and pairs of lines
+};
+
 struct run_result {
   run_item what;
   outcome end = outcome::missed;
@@ -27,6 +36,7 @@ struct run_result {
   int status = 0;                     // exit status, 128 and its number for a signal
   std::string contents;               // what of EEPROM, NVRAM and flash differs, "" if all is as before
   std::string reason;                 // of an outcome that is not the right device's report, "" if it is not known
+  std::optional<run_explanation> explained;  // nothing in a matrix of before
   double seconds = 0;
   double cpu_seconds = 0;
 };

@@ -76,20 +76,6 @@ void add_options(CLI::App *app, options *chosen) {
   app->add_option("RECORDS", chosen->records, "file of records, /post/result by default")->type_name("");
 }
 
-// A stream of a file that can be read, or what keeps it from that in *error.
-std::ifstream open_file(const std::string &path, std::string *error) {
-  struct stat status {};
-  std::ifstream file;
-  errno = 0;
-  if (stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
-    errno = EISDIR;
-  } else {
-    file.open(path, std::ios::binary);
-  }
-  if (!file.is_open()) *error = path + ": " + strerror(errno);
-  return file;
-}
-
 // When a file was last written, or now.
 int64_t written_at(const std::string &path) {
   struct stat status {};
@@ -105,7 +91,7 @@ struct inputs {
 
 // Each reads one input, or says in *error what is wrong.
 void read_records(const options &chosen, inputs *in, std::string *error) {
-  std::ifstream file = open_file(chosen.records, error);
+  std::ifstream file = lab::open_file(chosen.records, error);
   // A run that dies early leaves no file on a fresh board.
   in->no_records = !file.is_open() && errno == ENOENT && !chosen.log.empty();
   if (in->no_records) error->clear();
@@ -118,13 +104,13 @@ void read_log(const options &chosen, inputs *in, std::string *error) {
     in->log = lab::parse_run_log(std::cin);
     return;
   }
-  std::ifstream file = open_file(chosen.log, error);
+  std::ifstream file = lab::open_file(chosen.log, error);
   in->log = lab::parse_run_log(file);
 }
 
 void read_identity(const options &chosen, inputs *in, std::string *error) {
   if (chosen.sprom.empty()) return;
-  std::ifstream file = open_file(chosen.sprom, error);
+  std::ifstream file = lab::open_file(chosen.sprom, error);
   if (!file.is_open()) return;
   const std::string text{std::istreambuf_iterator<char>(file), {}};
   std::string why;

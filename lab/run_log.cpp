@@ -93,7 +93,17 @@ constexpr frame_form forms[] = {
 constexpr std::string_view assert_text      = ": Assertion `";
 constexpr std::string_view diag_assert_text = "## Assert:";
 constexpr std::string_view startup_texts[]  = {
-    "devmemfd:0x", "phys->virt: 0x", "## Error : Failed ", assert_text, diag_assert_text,
+    "devmemfd:0x",
+    "phys->virt: 0x",
+    "## Error : Failed ",
+    assert_text,
+    diag_assert_text,
+    "Unable to open /proc/cpuinfo for reading",
+    "Unable to find '",
+    "The device could not be found for vendorID: ",
+    ": no size in base address register 0x",
+    " is a 64-bit memory space for ",
+    "mmap_map_addr(): ",
 };
 // clang-format on
 

@@ -1,7 +1,11 @@
 #include "lab/text.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <array>
+#include <cerrno>
+#include <cstring>
 
 namespace lab {
 
@@ -80,6 +84,19 @@ void line_splitter::hand_out(bool ended) {
   sink_({++lines_, text, cut_, ended});
   line_.clear();
   cut_ = 0;
+}
+
+std::ifstream open_file(const std::string &path, std::string *error) {
+  struct stat status {};
+  std::ifstream file;
+  errno = 0;
+  if (stat(path.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) {
+    errno = EISDIR;
+  } else {
+    file.open(path, std::ios::binary);
+  }
+  if (!file.is_open()) *error = path + ": " + strerror(errno);
+  return file;
 }
 
 void feed_stream(std::istream &in, const std::function<void(std::string_view)> &feed) {

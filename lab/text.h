@@ -3,6 +3,7 @@
 
 #include <charconv>
 #include <cstddef>
+#include <fstream>
 #include <functional>
 #include <istream>
 #include <optional>
@@ -53,6 +54,9 @@ class line_splitter {
   size_t cut_ = 0;
   size_t lines_ = 0;
 };
+
+// A stream of a file that can be read, or what keeps it from that in *error, with errno set.
+[[nodiscard]] std::ifstream open_file(const std::string &path, std::string *error);
 
 // Reads a stream to its end, piece by piece.
 void feed_stream(std::istream &in, const std::function<void(std::string_view)> &feed);

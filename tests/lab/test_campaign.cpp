@@ -76,7 +76,7 @@ std::vector<std::string> runs_of(const std::string &json) {
 TEST_F(campaign, gives_every_fault_its_outcome_and_is_the_same_every_time) {
   const outcome once =
       sh("post-campaign --from small -j 1 --no-times --json 1.json --junit 1.xml --html 1.html "
-         "--coverage 1.md");
+         "--coverage 1.md --explain 1.explain");
   EXPECT_EQ(once.status, 1);
   EXPECT_EQ(once.err, "");
   EXPECT_TRUE(left_nothing());
@@ -91,10 +91,14 @@ TEST_F(campaign, gives_every_fault_its_outcome_and_is_the_same_every_time) {
 
   const outcome twice =
       sh("post-campaign --from small -j 3 --no-times --json 2.json --junit 2.xml --html 2.html "
-         "--coverage 2.md");
+         "--coverage 2.md --explain 2.explain");
   EXPECT_EQ(twice.out, once.out);
-  for (const std::string form : {"json", "xml", "html", "md"})
+  for (const std::string form : {"json", "xml", "html", "md", "explain"})
     EXPECT_EQ(load("2." + form), load("1." + form));
+  // What is told of a fault stands in each form, and every fault is among the candidates.
+  for (const std::string form : {"json", "xml", "html"})
+    EXPECT_THAT(load("1." + form), HasSubstr("PCI function 02:00.0: missing, or with another identity")) << form;
+  EXPECT_THAT(load("1.explain"), HasSubstr("7 of 7 (100.0 %) are in the list"));
 }
 
 TEST_F(campaign, puts_the_flash_right_behind_every_run) {
@@ -229,6 +233,16 @@ TEST_F(campaign, ends_with_its_status_and_says_why) {
   }
   EXPECT_TRUE(left_nothing());
   EXPECT_TRUE(exists("full/x"));
+}
+
+TEST_F(campaign, has_the_stored_pages_of_the_stored_matrix) {
+  const std::string docs = LAB_TESTS_DIR "/../../docs/";
+  const std::string read = "post-campaign --read " + shell_word(docs + "campaign-standard.json");
+  for (const std::string page : {"coverage", "explain"}) {
+    const outcome made = sh(read + " --" + page + " -");
+    EXPECT_EQ(made.status, 0) << made.err;
+    EXPECT_EQ(made.out, read_file(docs + page + ".md"));
+  }
 }
 
 }  // namespace

@@ -1,0 +1,32 @@
+// Logs of any bytes through reader, models and printers of post-explain.
+#include <nlohmann/json.hpp>
+#include <string_view>
+
+#include "fuzz/fuzz.h"
+#include "lab/explain_print.h"
+
+namespace {
+
+// Each fault that a group gives as an example is one of its faults.
+void check(const lab::finding &found) {
+  MUST_HOLD(!found.headline().empty());
+  MUST_HOLD(found.places >= found.sure_places);
+  for (const auto &group : found.faults)
+    for (const bool last : {false, true})
+      MUST_HOLD(group.holds(lab::parse_fault_text(group.one(last))));
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
+  const auto log = lab::parse_run_log(std::string_view(reinterpret_cast<const char *>(data), size));
+  lab::explained_file file{"log", {}, &log, {}};
+  for (const auto &run : log.runs)
+    file.runs.push_back({file.runs.size() + 1, &run, lab::explain_run(&run)});
+  for (const auto &run : file.runs)
+    for (const auto &found : run.what.findings)
+      check(found);
+  MUST_HOLD(!lab::explanations_text({file}, true).empty());
+  MUST_HOLD(nlohmann::json::accept(lab::explanations_json({file})));
+  return 0;
+}

@@ -1,0 +1,236 @@
+// The program post-explain on runs of the simulated board and on damaged logs.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <regex>
+
+#include "tests/lab/lab_texts.h"
+#include "tests/support/run.h"
+
+using nlohmann::json;
+using testing::AnyOf;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+class post_explain : public testing::Test {
+ protected:
+  [[nodiscard]] outcome sh(const std::string &command) const { return run_shell(dir_.path(), command); }
+  void save(const std::string &name, const std::string &text) const { std::ofstream(dir_.path() / name) << text; }
+  // The headlines of a stored log, a line each, with their state before them.
+  [[nodiscard]] std::string headlines(const std::string &name) const {
+    const outcome told = sh("post-explain --json " + name);
+    EXPECT_EQ(told.err, "");
+    const json all = json::parse(told.out);
+    std::string text;
+    for (const auto &run : all.at("files").at(0).at("runs")) {
+      text += run.at("state").get<std::string>() + "\n";
+      for (const auto &one : run.at("findings"))
+        text += one.at("headline").get<std::string>() + "\n";
+      if (run.at("unknown_lines") != 0) text += "unknown: " + run.at("unknown_lines").dump() + "\n";
+    }
+    return text;
+  }
+
+ private:
+  temp_dir dir_;
+};
+
+// Ends the flash row in its first sector, so that a run is short.
+const std::string cut = "flash-erase-hangs sector=6";
+
+struct board_case {
+  std::vector<std::string> args;
+  std::string text;
+};
+
+TEST_F(post_explain, names_the_part_of_a_run_on_the_board) {
+  // clang-format off
+  const board_case cases[] = {
+      {{"--", "-s"}, "passed\n"},
+      {{"--card", "11061", "--revision", "P0", "--fault", "pci-missing bus=1 dev=0 func=3", "--", "-s"},
+       "failed\nPCI function 01:00.3: missing, or with another identity than 8086:0436 (Intel Gigabit Ethernet "
+       "Controller)\n"},
+      {{"--fault", "sprom-corrupt image=sup block=main", "--", "-s"},
+       "failed\nsupervisor SPROM: main block damaged: checksum 0x0130 where 0x022f is right: a byte of the block's "
+       "body; one of 98 places\n"},
+      {{"--card", "11079", "--fault", "ethtool-fail port=eth2 test=loopback", "--fault", cut},
+       "failed\neth2: loopback sub-test failed (1)\nflash: an operation did not end in time; the erase of a sector "
+       "failed: the chip, or one of the sectors tested, or one of the data lines D8..D15, or others; one of 62 places\n"},
+      {{"--fault", "mem-absent", "--", "-s"},
+       "ended early, by an assertion\n/dev/mem: cannot be opened (errno 2)\n"},
+      {{"--fault", "flash-data-stuck line=9 level=1"},
+       "failed\nflash: sector 6: wrote 0x0001 at 0xc0000, read 0x0201: data line D9, or data lines D0 and D9, or cell "
+       "0xc0001 bit 1; one of 3 places, or of more if the memory held certain words\n"},
+      {{"--fault", "nvram-cell-stuck instance=0 offset=0x1236 bit=2 level=0", "--fault", "flash-silent"},
+       "failed\nNVRAM 0: count: wrote 0x091c at 0x1236, read 0x0918: cell 0x1236 bit 2\n"
+       "flash: sector 6: wrote 0x0001 at 0xc0000, read 0xffff: the chip, or sector 6, or the region; one of 3 places, "
+       "or of more if the memory held certain words\n"},
+      {{"--fault", "flash-power-cut nth=100"},
+       "did not come to its end\nthe run: ended within the flash test without a word: power, reset or a kill; what the "
+       "sector under test held may be lost\n"},
+  };
+  // clang-format on
+  for (const auto &[args, text] : cases) {
+    const temp_dir state;
+    const outcome ran = run_board(state.path(), args);
+    save("log", ran.out + ran.err);
+    EXPECT_EQ(headlines("log"), text) << ran.out;
+  }
+}
+
+TEST_F(post_explain, tells_evidence_candidates_doubt_and_what_next) {
+  const temp_dir state;
+  save("log", run_board(state.path(), {"--fault", "nvram-addr-short instance=0 line=7 other=8", "--fault", cut}).out);
+  const outcome told = sh("post-explain log");
+  EXPECT_EQ(told.status, 1);
+  EXPECT_THAT(told.out, testing::StartsWith(R"(log: run 1, lines 1 to 30: failed
+
+NVRAM 0: walking one over the address lines: wrote 0xaaaa at 0x80, read 0x5555: address line A7, or address lines A7 and one of A8..A14; one of 8 places
+  line 16: 0x00000080: Expected 0xaaaa Actual 0x5555
+  line 17: Failed above Addr Bus Walking 1 Test for NVRAM 0, address 0x80
+  Can come from, one of 8 places:
+    address line A7: stuck at 0; stuck at 1
+      nvram-addr-stuck instance=0 line=7 level=0
+    address lines A7 and one of A8..A14: shorted, 0 wins
+      nvram-addr-short instance=0 line=7 other=8..14 wins=0
+  or, if it comes and goes, from:
+    41 groups of faults (--all shows them)
+  To tell them apart: Measure the line against its neighbour with the power off: shorted lines show no resistance.
+                      Measure the lines against each other with the power off.
+  Next: Measure the address line at the bridge and at the memory: solder, via, short to a neighbour.
+  Not seen: The first failing check ends the instance's test: whatever else is wrong with it is not seen. The upper half is not tested.
+
+flash: an operation did not end in time; the erase of a sector failed: the chip, )"));
+  EXPECT_THAT(told.out, Not(HasSubstr("Not known")));
+}
+
+struct log_case {
+  const char *name;
+  std::string log;
+  std::string text;
+};
+
+TEST_F(post_explain, guesses_nothing_from_damaged_and_foreign_logs) {
+  const std::string mismatch = "0x00001236: Expected 0x91c Actual 0x918\n";
+  const std::string failure = "Failed above increment data pattern test for NVRAM 0\n";
+  const auto with = [](const std::string &text, const std::string &error = " ERROR: Executing 8 on dev 0\n") {
+    return edited(full_log,
+                  {{"NVRAM Test: \n.", "NVRAM Test: \n." + text + "\n" + error}, {"Completed Successfully", "Failed"}});
+  };
+  const std::string cell = "NVRAM 0: count: wrote 0x091c at 0x1236, read 0x0918: cell 0x1236 bit 2\n";
+  // Blank lines between the others.
+  const auto spaced = [](const std::string &text) { return std::regex_replace(text, std::regex("\n"), "\n\n"); };
+  // clang-format off
+  const log_case cases[] = {
+      {"as it is",           with(mismatch + failure), "failed\n" + cell},
+      {"double spaced",      spaced(with(mismatch + failure)), "failed\n" + cell},
+      {"carriage returns",   std::regex_replace(with(mismatch + failure), std::regex("\n"), "\r\n"), "failed\n" + cell},
+      {"kernel's lines in it", with(mismatch + "[ 12.3] eth0: link up\n" + failure), "failed\n" + cell + "unknown: 1\n"},
+      {"two runs",           with(mismatch + failure) + "login:\n" + full_log, "failed\n" + cell + "passed\n"},
+      {"cut behind the mismatch", through(with(mismatch + failure), mismatch),
+       "did not come to its end\n"
+       "NVRAM: wrote 0x091c at 0x1236, read 0x0918: cell 0x1236 bit 2\n"},
+      {"of no fault that lasts", with("0x00003c1c: Expected 0x1e0f Actual 0xe1f4\n" + failure),
+       "failed\nNVRAM 0: count: wrote 0x1e0f at 0x3c1c, read 0xe1f4\n"},
+      {"no such check",      with("0x00001236: Expected 0x1 Actual 0x0\n" + failure),
+       "failed\nNVRAM 0: not known: count: wrote 0x0001 at 0x1236, read 0x0000: no check of the test prints this\n"},
+      {"an unknown text",    with("the lamp is broken\n"),
+       "failed\nNVRAM: not known: failed, and of what it printed nothing is known\nunknown: 1\n"},
+      {"no text",            with(""),
+       "failed\nNVRAM: not known: failed, and of what it printed nothing is known\n"},
+      {"of no run",          "login\n\xff\x01 0x0000: Expected\n", ""},
+      {"empty",              "", ""},
+  };
+  // clang-format on
+  for (const auto &[name, log, text] : cases) {
+    SCOPED_TRACE(name);
+    save("log", log);
+    EXPECT_EQ(headlines("log"), text);
+  }
+}
+
+TEST_F(post_explain, names_what_comes_and_goes_apart) {
+  const temp_dir state;
+  const std::string fault = "nvram-addr-stuck instance=0 line=3 level=0 nth=20000 times=1";
+  save("log", run_board(state.path(), {"--fault", fault, "--fault", cut}).out);
+  EXPECT_THAT(sh("post-explain log").out,
+              HasSubstr("  No single fault that lasts gives these lines. One that comes and "
+                        "goes:\n    address line A3: stuck at 0; stuck at 1\n"));
+}
+
+TEST_F(post_explain, reads_records_beside_the_log_or_alone) {
+  save("log", full_log);
+  save("result", full_records);
+  save("failed", edited(full_records, {{"0:8:0:1", "0:8:0:2"}}));
+  EXPECT_EQ(sh("post-explain --records result log").status, 0);
+  const outcome alone = sh("post-explain --records failed");
+  EXPECT_EQ(alone.status, 1);
+  EXPECT_THAT(alone.out, HasSubstr("NVRAM: not known: its record says that it failed; what it printed is missing"));
+}
+
+TEST_F(post_explain, needs_bounded_memory) {
+  // 100 MB of lines, and one of 50 MB, in 64 MB of address space beyond the program's own.
+  save("log", full_log);
+  const outcome told =
+      sh("ulimit -v 150000; { yes 'a line of noise' | head -c 100000000;"
+         " head -c 50000000 /dev/zero; echo; cat log; } | post-explain");
+  EXPECT_EQ(told.status, 0) << told.err;
+  EXPECT_THAT(told.out, HasSubstr("standard input: run 1, lines 6250002 to 6250017: passed\n"));
+}
+
+struct usage_case {
+  std::string args;
+  int status;
+  std::string err;  // a part of it
+};
+
+TEST_F(post_explain, ends_with_its_status_and_says_why) {
+  save("good", full_log);
+  save("my log", edited(full_log, {{"OBFL Test: \n.", "OBFL Test: \n.\n ERROR: Executing 10 on dev 0\n"}}));
+  // clang-format off
+  const usage_case cases[] = {
+      {"good",                         0, ""},
+      {"- <good",                      0, ""},
+      {"<'my log'",                    1, ""},
+      {"good 'my log'",                1, ""},
+      {"--all -- 'my log'",            1, ""},
+      {"--run=1 good",                 0, ""},
+      {"--run 2 good",                 2, "good: there is no run 2"},
+      {"--run 0 good",                 2, "--run"},
+      {"--json --all good",            2, "--all"},
+      {"no-such-file",                 2, "no-such-file: No such file or directory"},
+      {".",                            2, ".: Is a directory"},
+      {"--records . good",             2, ".: Is a directory"},
+      {"--records good good 'my log'", 2, "records belong to one file of runs"},
+      {"--xml good",                   2, "--xml"},
+      {"good >/dev/full",              2, "standard output: No space left on device"},
+      {"--version",                    0, ""},
+      {"--help",                       0, ""},
+  };
+  // clang-format on
+  for (const auto &[args, status, err] : cases) {
+    const outcome ran = sh("post-explain " + args);
+    EXPECT_EQ(ran.status, status) << args << "\n" << ran.out;
+    EXPECT_THAT(ran.err, HasSubstr(err)) << args;
+    EXPECT_EQ(ran.err.empty(), status != 2) << args;
+  }
+}
+
+TEST_F(post_explain, has_its_options_in_manual_and_completion) {
+  const std::string help = sh("post-explain --help").out;
+  const std::string manual = read_file(LAB_TESTS_DIR "/../../docs/post-explain.1");
+  const std::string completion = read_file(LAB_TESTS_DIR "/../../tools/completion/post-explain");
+  const std::regex option(R"(\n  (?:-\w,)?--([a-z]+))");
+  size_t count = 0;
+  for (std::sregex_iterator at(help.begin(), help.end(), option), end; at != end; ++at, ++count) {
+    EXPECT_THAT(manual, AnyOf(HasSubstr(".It Fl -" + at->str(1)), HasSubstr(" , -" + at->str(1))));
+    EXPECT_THAT(completion, HasSubstr("--" + at->str(1)));
+  }
+  EXPECT_EQ(count, 6U);
+}
+
+}  // namespace
