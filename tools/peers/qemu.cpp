@@ -125,14 +125,25 @@ qemu::~qemu() {
 // Answers begin with OK; interrupts may be told before.
 std::string qemu::ask(const std::string &text) {
   m_test.send(text + "\n");
-  std::string answer = m_test.receive();
-  while (answer.starts_with("IRQ"))
-    answer = m_test.receive();
-  if (!answer.starts_with("OK")) give_up("qemu answers '" + answer + "' to '" + text + "'");
-  return answer.size() > 3 ? answer.substr(3) : "";
+  take_answers();
+  return answer();
+}
+
+void qemu::take_answers() {
+  for (; m_unanswered != 0; m_unanswered--)
+    (void)answer();
+}
+
+std::string qemu::answer() {
+  std::string text = m_test.receive();
+  while (text.starts_with("IRQ"))
+    text = m_test.receive();
+  if (!text.starts_with("OK")) give_up("qemu answers '" + text + "'");
+  return text.size() > 3 ? text.substr(3) : "";
 }
 
 void qemu::command(const std::string &name) {
+  take_answers();
   m_control.send("{\"execute\": \"" + name + "\"}\n");
   std::string answer;
   do
@@ -147,7 +158,9 @@ uint32_t qemu::read(char width, uint32_t address) {
 }
 
 void qemu::write(char width, uint32_t address, uint32_t value) {
-  (void)ask(std::string("write") + width + " " + hex(address) + " " + hex(value));
+  m_test.send(std::string("write") + width + " " + hex(address) + " " + hex(value) + "\n");
+  if (++m_unanswered < most_unanswered) return;
+  take_answers();
 }
 
 std::vector<uint8_t> qemu::read_bytes(uint32_t address, size_t count) {

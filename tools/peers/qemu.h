@@ -16,7 +16,7 @@ class qemu {
   qemu &operator=(const qemu &) = delete;
   ~qemu();
 
-  // One bus cycle of 'b', 'w' or 'l': 8, 16 or 32 bits.
+  // One bus cycle of 'b', 'w' or 'l': 8, 16 or 32 bits. They take place in their order.
   uint32_t read(char width, uint32_t address);
   void write(char width, uint32_t address, uint32_t value);
 
@@ -40,12 +40,18 @@ class qemu {
     std::string m_received;
   };
 
+  // Answers to writes are not waited for one by one.
+  static constexpr unsigned most_unanswered = 64;
+
   std::string ask(const std::string &text);
+  std::string answer();
+  void take_answers();
   void command(const std::string &name);
 
   pid_t m_child = -1;
   line m_test{-1};
   line m_control{-1};
+  unsigned m_unanswered = 0;
 };
 
 // Ends this process with a message.
