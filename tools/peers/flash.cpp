@@ -115,6 +115,7 @@ class comparison {
   void do_erase();
   void do_chip_erase();
   void do_wrong();
+  void do_altered();
   void watch_erase();
   void show_program_status();
   void show_broken_erase();
@@ -288,7 +289,10 @@ void comparison::do_query() {
     differences[other_chip].seen++;
   }
   write(anywhere(), 0xF0);
-  if (in_autoselect) write(anywhere(), 0xF0);
+  if (in_autoselect) {
+    compare({number(sectors), 2});  // the query was left, not autoselect
+    write(anywhere(), 0xF0);
+  }
   compare_some(2);
 }
 
@@ -387,6 +391,22 @@ void comparison::do_wrong() {
   settle();
 }
 
+// A command with one bit wrong in one cycle does nothing.
+void comparison::do_altered() {
+  const cycles *const commands[] = {&program, &erase};
+  cycles all = *commands[number(2)];
+  cycle &altered = all[number(static_cast<uint32_t>(all.size()))];
+  if (chance(2))
+    altered.word ^= 1U << number(11);
+  else
+    altered.code ^= static_cast<uint8_t>(1U << number(4));
+  give(all);
+  write(anywhere(), 0x0030);
+  m_wrong++;
+  compare_some(2);
+  settle();
+}
+
 void comparison::show_program_status() {
   settle();
   const place at{511, 5};
@@ -450,8 +470,10 @@ void comparison::run(uint64_t cycles_wanted) {
       do_autoselect();
     else if (choice < 68)
       do_erase();
-    else if (choice < 90)
+    else if (choice < 78)
       do_wrong();
+    else if (choice < 90)
+      do_altered();
     else
       compare_some(20);
   }
