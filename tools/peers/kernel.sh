@@ -46,12 +46,13 @@ steady() {
 
 peer_kernel() {
   local debian=build/peers/i386 image=build/peers/image log=build/peers/kernel.log memory=build/peers/memory
-  need "${build_things[@]}" multilib lab qemu_i386
+  prepare kernel "${build_things[@]}" multilib lab qemu_i386
   build board post sprom_tool utils peer_hold peer_sprom_driver
   mkdir -p build/peers
   if [ ! -e "$debian/complete" ]; then
     step 'kernel: fetch Debian packages for i386' build/peers/fetch.log \
       fetch_i386 "$debian" busybox-static ethtool libmnl0 libc6 || {
+      [ -z "$possible" ] || leave_out kernel
       cat build/peers/fetch.log >&2
       note 'kernel: Debian packages for i386 cannot be had here'
       return 1
