@@ -300,7 +300,8 @@ void log_parser::open_run() {
   row_.reset();
   open_ = true;
   ++file_.run_count;
-  file_.runs.emplace_back().first_line = line_;
+  run_log &opened = file_.runs.emplace_back();
+  opened.first_line = opened.last_line = line_;
   if (file_.runs.size() > log_file::runs_kept) file_.runs.pop_front();
 }
 

@@ -40,6 +40,9 @@ thing benchmark  'benchmarks'                                           libbench
 thing peers      'the timers that ours are measured against'            'libevent-dev libuv1-dev'
 thing peers_32   'benchmarks in 32 bits'                                \
   'libbenchmark-dev:i386 libuv1-dev:i386 libevent-core-2.1-7:i386'
+thing qemu_arm   'the models that ours are held against'                qemu-system-arm
+thing objdump    'what ours is held against'                            binutils
+thing qemu_i386  'a machine for a real 32-bit kernel'                   'qemu-system-x86 cpio'
 build_things=(compiler cmake ninja)
 
 # have THING: succeeds if it is here, whoever installed it.
@@ -63,6 +66,9 @@ have() {
     jq) commands jq ;;
     benchmark) includes benchmark/benchmark.h ;;
     peers) includes event2/event.h && includes uv.h ;;
+    qemu_arm) commands qemu-system-arm ;;
+    objdump) commands objdump ;;
+    qemu_i386) commands qemu-system-i386 cpio ;;
     peers_32) printf '#include <benchmark/benchmark.h>\nBENCHMARK_MAIN();\n' | makes g++ -m32 -L/usr/lib/i386-linux-gnu \
       -lbenchmark -luv -l:libevent_core-2.1.so.7 -- --benchmark_list_tests ;;
   esac

@@ -1,6 +1,7 @@
 #include "sim/bus/decode.h"
 
 #include <algorithm>
+#include <cstddef>
 
 namespace sim {
 
@@ -10,6 +11,8 @@ constexpr unsigned reg_ax = 0;
 constexpr unsigned reg_dx = 2;
 constexpr unsigned reg_sp = 4;  // in ModRM: a SIB byte follows; in SIB: no index
 constexpr unsigned reg_bp = 5;  // in ModRM and SIB without displacement: a displacement alone
+
+constexpr std::ptrdiff_t longest = 15;  // bytes of an instruction; the processor refuses more
 
 // Where the two sides of a move stand: register and memory by ModRM; a constant and memory by ModRM; the accumulator
 // and an address, or a port, in the instruction; the accumulator and port dx.
@@ -89,6 +92,7 @@ struct reader {
 // Returns false on a prefix that changes more than sizes. The segments of the data are all flat but fs and gs.
 bool read_prefixes(reader *r) {
   for (;; ++r->at) {
+    if (r->at - r->start == longest) return false;
     const uint8_t byte = *r->at;
     if (byte == 0x66) {
       r->operand16 = true;
@@ -189,6 +193,7 @@ bool decode(const uint8_t *code, word_size size, const cpu_regs &regs, insn *out
   } else if (!read_memory_form(&r, op->sides, regs, &i)) {
     return false;
   }
+  if (r.at - r.start > longest) return false;
   if (op->sides != form::constant) i.data = register_value(i, regs);
   i.data = cut(i.data, i.width);
   i.length = static_cast<uint8_t>(r.at - code);
