@@ -39,7 +39,7 @@ thing jq         'reports'                                              jq
 thing benchmark  'benchmarks'                                           libbenchmark-dev
 thing peers      'the timers that ours are measured against'            'libevent-dev libuv1-dev'
 thing packaging  'Debian packages, and clean roots to build and try them' \
-  'debootstrap dpkg-dev lintian blhc mandoc'
+  'debootstrap dpkg-dev lintian blhc'
 thing peers_32   'benchmarks in 32 bits'                                \
   'libbenchmark-dev:i386 libuv1-dev:i386 libevent-core-2.1-7:i386'
 build_things=(compiler cmake ninja)
@@ -64,7 +64,7 @@ have() {
     gcovr) commands gcovr gcov ;;
     jq) commands jq ;;
     benchmark) includes benchmark/benchmark.h ;;
-    packaging) commands debootstrap dpkg-deb lintian blhc mandoc ;;
+    packaging) commands debootstrap dpkg-deb lintian blhc ;;
     peers) includes event2/event.h && includes uv.h ;;
     peers_32) printf '#include <benchmark/benchmark.h>\nBENCHMARK_MAIN();\n' | makes g++ -m32 -L/usr/lib/i386-linux-gnu \
       -lbenchmark -luv -l:libevent_core-2.1.so.7 -- --benchmark_list_tests ;;
