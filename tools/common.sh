@@ -38,6 +38,8 @@ thing gcovr      'coverage'                                             gcovr
 thing jq         'reports'                                              jq
 thing benchmark  'benchmarks'                                           libbenchmark-dev
 thing peers      'the timers that ours are measured against'            'libevent-dev libuv1-dev'
+thing packaging  'Debian packages, and clean roots to build and try them' \
+  'debootstrap dpkg-dev lintian blhc'
 thing peers_32   'benchmarks in 32 bits'                                \
   'libbenchmark-dev:i386 libuv1-dev:i386 libevent-core-2.1-7:i386'
 thing qemu_arm   'the models that ours are held against'                qemu-system-arm
@@ -65,6 +67,7 @@ have() {
     gcovr) commands gcovr gcov ;;
     jq) commands jq ;;
     benchmark) includes benchmark/benchmark.h ;;
+    packaging) commands debootstrap dpkg-deb lintian blhc ;;
     peers) includes event2/event.h && includes uv.h ;;
     qemu_arm) commands qemu-system-arm ;;
     objdump) commands objdump ;;

@@ -112,6 +112,8 @@ constexpr std::array option_rows{std::to_array<option_row>({
      [](command *cmd, std::string_view text) { return take_path(text, &cmd->fault_report); }},
     {"--show-result", nullptr, "print the result records after the run",
      [](command *cmd, std::string_view) { return cmd->show_result = true; }},
+    {"--estimate",    nullptr, "tell how long the run takes, and while it runs what is left",
+     [](command *cmd, std::string_view) { return cmd->estimate = true; }},
     {"--list-faults", nullptr, "list the faults and their parameters, and exit",                           take_action<action::list_faults>},
     {"--help",        nullptr, "print this text, and exit",                                                take_action<action::help>},
     {"--version",     nullptr, "print the version, and exit",                                              take_action<action::version>},
@@ -197,6 +199,10 @@ std::optional<command> command_parse(std::span<const std::string> args, std::str
     return std::nullopt;
   }
   if (!args.empty()) take_program(&cmd, args.subspan(1));
+  if (cmd.estimate && !cmd.program.empty()) {
+    *error = "--estimate knows the times of post alone";
+    return std::nullopt;
+  }
   if (!has_card) cmd.opts.card = row_of(cmd.opts.family).card;
   return cmd;
 }

@@ -39,6 +39,7 @@ enum class action { run, help, version, list_faults };
 struct command {
   sim::action action = sim::action::run;
   bool show_result = false;  // print the result records after the run
+  bool estimate = false;     // tell how long the run takes, and what is left of it
   std::string fault_report;  // file for how often each fault fired; empty for none
   options opts;              // an empty state directory asks for a temporary one
   std::string program;       // empty for the default program

@@ -16,6 +16,7 @@
 #include "sim/devices/ethtool.h"
 #include "sim/host/children.h"
 #include "sim/host/cpuinfo.h"
+#include "sim/host/estimate.h"
 #include "sim/host/files.h"
 #include "sim/host/lock_holder.h"
 #include "sim/host/preload_list.h"
@@ -95,6 +96,16 @@ int report(const std::string &program, const sim::run_end &end) {
               exit_signal + end.signal);
 }
 
+// post takes the short test from the first two characters of its first argument.
+void tell_time(const sim::command &cmd) {
+  const auto &args = cmd.arguments;
+  const bool is_short = !args.empty() && (args[0].starts_with("-s") || args[0].starts_with("-S"));
+  const auto &counts = is_short ? sim::short_run : sim::full_run;
+  const auto times = sim::estimate(cmd.opts, counts, sim::trap_seconds());
+  (void)std::fprintf(stderr, "board-sim: %s\n", sim::told_before(counts, times).c_str());
+  sim::start_countdown(times);
+}
+
 // Runs the program, once it is sure that it will be on the board.
 int run_with_library(const sim::command &cmd, const std::string &program) {
   const auto check = sim::check_program(program);
@@ -110,6 +121,7 @@ int run_with_library(const sim::command &cmd, const std::string &program) {
     return fail(program + ": the loader does not load " + preload.library() + " into it");
   const auto holders = sim::lock_holders_start(cmd.opts, &error);
   if (!holders) return fail(error);
+  if (cmd.estimate) tell_time(cmd);
   const auto end = sim::run_program(program, cmd.arguments);
   sim::end_children();
   return report(program, end);

@@ -60,7 +60,7 @@ END
 }
 
 arguments() {
-  for tool in run-tests run-fuzz run-peers check-style coverage cut-audit mutate bench; do
+  for tool in run-tests run-fuzz run-peers check-style check-packages coverage cut-audit mutate bench; do
     expect 0 "Usage: tools/$tool" "$checkout/tools/$tool" --help
     expect 2 "Try 'tools/$tool --help'." "$checkout/tools/$tool" --no-such-option
   done
@@ -72,6 +72,10 @@ other_machine() {
   rm "$dir/bin/uname"
   stand_in uname <<<'echo Linux aarch64'
   expect 1 'POST runs on x86 Linux only; this is Linux aarch64.' "$checkout/tools/run-post"
+}
+
+no_clean_roots() {
+  expect 77 'nothing is checked' "$checkout/tools/check-packages"
 }
 
 nothing_to_install_with() {

@@ -93,6 +93,7 @@ TEST(sim_options, tell_what_is_wrong) {
       {{"--family=velto"},          "bad value 'velto' of option '--family'"},
       {{"--busy", "long"},          "bad value 'long' of option '--busy'"},
       {{"--state", "a\nb"},         "bad value 'a\nb' of option '--state'"},
+      {{"--estimate", "--", "cat"}, "--estimate knows the times of post alone"},
       {{"--real-times=1"},          "option '--real-times' takes no value"},
       {{"--fault", ""},             "empty fault (--list-faults lists them)"},
       {{"--fault", "rust"},         "unknown fault 'rust' (--list-faults lists them)"},

@@ -1,0 +1,70 @@
+// What runs POST at boot, on the simulated board: its verdict, and what it keeps.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+
+#include "tests/support/run.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+const std::string script = POST_SOURCE_DIR "/post/boot/post-boot";
+
+// Runs it with a fault, or without one; `before` is a command that comes first.
+outcome boot(const fs::path &dir, const std::string &fault, const std::string &before = "true") {
+  const auto option = fault.empty() ? "" : " --fault " + shell_word(fault);
+  return run_shell(dir, before + "\nexport LOGS_DIRECTORY=\"$PWD/logs\"\nboard-sim --state board" + option + " -- " +
+                            shell_word(script) + " -s");
+}
+
+TEST(post_boot, ends_as_the_board_does) {
+  const struct {
+    const char *what;
+    const char *fault;
+    int status;
+    size_t records;
+  } cases[] = {
+      // clang-format off
+      {"a sound board",                "",                                   0, 13},
+      {"a device fails",               "i2c-absent bus=1 addr=0x52",         1, 13},
+      {"POST ends before its verdict", "pci-list-unreadable",                1, 0},
+      // clang-format on
+  };
+  for (const auto &c : cases) {
+    const temp_dir dir;
+    const auto run = boot(dir.path(), c.fault);
+    EXPECT_EQ(run.status, c.status) << c.what << run.err;
+    EXPECT_EQ(read_file(dir.path() / "logs/last/output"), run.out) << c.what;
+    EXPECT_FALSE(run.out.empty()) << c.what;
+    const auto records = read_file(dir.path() / "logs/last/result");
+    EXPECT_EQ(static_cast<size_t>(std::ranges::count(records, '\n')), c.records) << c.what;
+  }
+}
+
+TEST(post_boot, keeps_each_run_apart) {
+  const temp_dir dir;
+  ASSERT_EQ(boot(dir.path(), "", "mkdir -p board/post && echo earlier >board/post/result").status, 0);
+  EXPECT_EQ(read_file(dir.path() / "logs/last/result-before"), "earlier\n");
+  const auto first = fs::read_symlink(dir.path() / "logs/last").string();
+  EXPECT_EQ(first + "\n", read_file("/proc/sys/kernel/random/boot_id"));
+  ASSERT_EQ(boot(dir.path(), "sprom-absent").status, 1);
+  EXPECT_EQ(fs::read_symlink(dir.path() / "logs/last").string(), first + ".2");
+  EXPECT_EQ(read_file(dir.path() / "logs" / first / "result"), read_file(dir.path() / "logs/last/result-before"));
+}
+
+TEST(post_boot, forgets_the_oldest_of_more_than_a_hundred_runs_and_nothing_else) {
+  const temp_dir dir;
+  const auto run = boot(dir.path(), "",
+                        "mkdir -p logs/other\n"
+                        "for n in $(seq 100 200); do mkdir -p logs/01234567-89ab-cdef-0123-000000000$n; done\n"
+                        "touch -d 2020-01-01 logs/*-*150\ntouch -d 2021-01-01 logs/*-*160");
+  ASSERT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path() / "logs"), {}), 100 + 2);
+  EXPECT_FALSE(fs::exists(dir.path() / "logs/01234567-89ab-cdef-0123-000000000150"));
+  EXPECT_FALSE(fs::exists(dir.path() / "logs/01234567-89ab-cdef-0123-000000000160"));
+}
+
+}  // namespace
