@@ -246,6 +246,12 @@ int __open_2(const char *path, int flags);
 int __openat_2(int dir, const char *path, int flags);
 ssize_t __read_chk(int fd, void *to, size_t length, size_t room);
 int __printf_chk(int flag, const char *format, ...) __attribute__((format(printf, 2, 3)));
+#if __SIZEOF_POINTER__ == 4
+// And to 32-bit programs with times of 64 bits alone, such as the system's own.
+int __stat64_time64(const char *path, void *st) noexcept;
+int __lstat64_time64(const char *path, void *st) noexcept;
+int __fstatat64_time64(int dir, const char *path, void *st, int flags) noexcept;
+#endif
 
 // --- Opening. Forms for large files are the same.
 
@@ -287,6 +293,11 @@ int lstat64(const char *path, struct stat64 *st) noexcept { return by_path<"lsta
 int fstatat(int dir, const char *path, struct stat *st, int flags) noexcept { return by_path_at<"fstatat">(fstatat, intent::ask, dir, path, st, flags); }
 int fstatat64(int dir, const char *path, struct stat64 *st, int flags) noexcept { return by_path_at<"fstatat64">(fstatat64, intent::ask, dir, path, st, flags); }
 int statx(int dir, const char *path, int flags, unsigned mask, struct statx *st) noexcept { return by_path_at<"statx">(statx, intent::ask, dir, path, flags, mask, st); }
+#if __SIZEOF_POINTER__ == 4
+int __stat64_time64(const char *path, void *st) noexcept  { return by_path<"__stat64_time64">(__stat64_time64, intent::ask, path, st); }
+int __lstat64_time64(const char *path, void *st) noexcept { return by_path<"__lstat64_time64">(__lstat64_time64, intent::ask, path, st); }
+int __fstatat64_time64(int dir, const char *path, void *st, int flags) noexcept { return by_path_at<"__fstatat64_time64">(__fstatat64_time64, intent::ask, dir, path, st, flags); }
+#endif
 int access(const char *path, int mode) noexcept          { return by_path<"access">(access, access_intent(mode), path, mode); }
 int eaccess(const char *path, int mode) noexcept         { return by_path<"eaccess">(eaccess, access_intent(mode), path, mode); }
 int faccessat(int dir, const char *path, int mode, int flags) noexcept { return by_path_at<"faccessat">(faccessat, access_intent(mode), dir, path, mode, flags); }

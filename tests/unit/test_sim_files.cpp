@@ -18,6 +18,9 @@ int __open_2(const char *path, int flags);
 int __open64_2(const char *path, int flags);
 int __openat_2(int dir, const char *path, int flags);
 int __openat64_2(int dir, const char *path, int flags);
+int __stat64_time64(const char *path, void *st);
+int __lstat64_time64(const char *path, void *st);
+int __fstatat64_time64(int dir, const char *path, void *st, int flags);
 }
 
 namespace {
@@ -86,6 +89,12 @@ TEST(sim_files, are_reached_by_every_form_of_opening) {
     struct stat st {};
     EXPECT_EQ(stat("/post/a", &st), 0);
     EXPECT_EQ(st.st_mode & 0777U, 0600U);
+#if __SIZEOF_POINTER__ == 4
+    alignas(8) char wide[256];
+    EXPECT_EQ(__stat64_time64("/post/a", wide), 0);
+    EXPECT_EQ(__lstat64_time64("/post/a", wide), 0);
+    EXPECT_EQ(__fstatat64_time64(AT_FDCWD, "/post/a", wide, 0), 0);
+#endif
     EXPECT_EQ(form("/post/a") ? rename("/post/a", "/post/b") : -1, 0);
     EXPECT_EQ(access("/post/a", F_OK), -1);
     EXPECT_EQ(unlink("/post/b"), 0);
