@@ -216,7 +216,7 @@ struct bit_place {
   unsigned bit;
 
   [[nodiscard]] uint32_t offset() const { return 2 * word + bit / 8; }
-  friend auto operator<=>(const bit_place &, const bit_place &) = default;
+  bool operator==(const bit_place &) const = default;
 };
 
 // An access to the word of the bad cell or to that of its victim, with the levels that are written.

@@ -88,8 +88,10 @@ std::string entries_text(std::span<const fault_group> faults, bool all) {
 
 // What gives the lines whatever the memory held stands first.
 std::string candidates_text(std::vector<fault_group> faults, bool all) {
-  const auto chance = std::ranges::stable_partition(faults, [](const fault_group &one) { return !one.contents; });
-  const std::span sure(faults.begin(), chance.begin());
+  const auto middle =
+      std::stable_partition(faults.begin(), faults.end(), [](const fault_group &one) { return !one.contents; });
+  const std::span sure(faults.begin(), middle);
+  const std::span chance(middle, faults.end());
   auto text = entries_text(sure, all);
   if (chance.empty()) return text;
   text += sure.empty() ? "    (each only if the memory held certain words before)\n"
