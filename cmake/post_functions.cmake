@@ -27,6 +27,7 @@ function(post_test name)
   set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON)
   # Tests are compiled more often than they run.
   target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE)
+  target_precompile_headers(${name} REUSE_FROM test_support)
   target_link_options(${name} PRIVATE -pie -rdynamic)
   if(POST_COVERAGE)
     target_sources(${name} PRIVATE "${CMAKE_SOURCE_DIR}/tests/support/coverage.cpp")
