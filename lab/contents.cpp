@@ -107,37 +107,37 @@ std::string memory_change::text() const {
   return whole + line;
 }
 
-spoil_map::spoil_map(const run_item &run) : kind_(spoil::nothing) {
+spoil_map::spoil_map(const run_item &run) : m_kind(spoil::nothing) {
   const auto fault = parse_fault_text(run.fault);
-  kind_ = traits_of(fault.name).spoils;
-  memory_ = fault.name.starts_with("nvram-") ? "nvram" + std::to_string(fault.number("instance")) : "flash";
-  if (kind_ == spoil::lines) {
+  m_kind = traits_of(fault.name).spoils;
+  m_memory = fault.name.starts_with("nvram-") ? "nvram" + std::to_string(fault.number("instance")) : "flash";
+  if (m_kind == spoil::lines) {
     for (const auto *const key : {"line", "other"})
-      if (fault.find(key)) lines_ |= static_cast<uint16_t>(1U << (fault.number(key) & 15));
+      if (fault.find(key)) m_lines |= static_cast<uint16_t>(1U << (fault.number(key) & 15));
   }
-  if (kind_ == spoil::cells) {
+  if (m_kind == spoil::cells) {
     add_cell(fault.number("offset"), fault.number("bit"));
     if (fault.find("victim")) add_cell(fault.number("victim"), fault.number("vbit"));
   }
-  if (kind_ == spoil::sector_bit)
+  if (m_kind == spoil::sector_bit)
     add_cell(fault.number("sector") * sector_bytes + fault.number("offset"), fault.number("bit"));
-  if (kind_ == spoil::sector && fault.find("sector")) sector_ = fault.number("sector");
+  if (m_kind == spoil::sector && fault.find("sector")) m_sector = fault.number("sector");
 }
 
 void spoil_map::add_cell(uint64_t offset, uint64_t bit) {
-  cells_[offset] |= static_cast<uint8_t>(1U << (bit & 7));
+  m_cells[offset] |= static_cast<uint8_t>(1U << (bit & 7));
 }
 
 uint8_t spoil_map::bits(std::string_view memory, uint64_t offset) {
-  if (memory != memory_) return 0;
-  if (kind_ == spoil::lines) return static_cast<uint8_t>(offset % 2 == 0 ? lines_ : lines_ >> 8);
-  if (kind_ == spoil::sector) {
+  if (memory != m_memory) return 0;
+  if (m_kind == spoil::lines) return static_cast<uint8_t>(offset % 2 == 0 ? m_lines : m_lines >> 8);
+  if (m_kind == spoil::sector) {
     // Where the fault names no sector, it is the first that differs.
-    if (!sector_) sector_ = offset / sector_bytes;
-    return offset / sector_bytes == *sector_ ? 0xFF : 0;
+    if (!m_sector) m_sector = offset / sector_bytes;
+    return offset / sector_bytes == *m_sector ? 0xFF : 0;
   }
-  const auto cell = cells_.find(offset);
-  return cell == cells_.end() ? 0 : cell->second;
+  const auto cell = m_cells.find(offset);
+  return cell == m_cells.end() ? 0 : cell->second;
 }
 
 void compare_memory(const std::string &name, std::span<const uint8_t> before, std::span<const uint8_t> after,
@@ -153,20 +153,20 @@ void compare_memory(const std::string &name, std::span<const uint8_t> before, st
 }
 
 std::string contents_template::use(const std::string &directory) {
-  directory_ = directory;
+  m_directory = directory;
   return make_directory(directory) ? "" : os_error(directory);
 }
 
 std::string contents_template::make() const {
   for (size_t i = 0; i < nvram_count; ++i) {
-    auto wrong = write_whole(directory_ + "/nvram" + std::to_string(i), noise(nvram_bytes, 100 + i));
+    auto wrong = write_whole(m_directory + "/nvram" + std::to_string(i), noise(nvram_bytes, 100 + i));
     if (!wrong.empty()) return wrong;
   }
-  return write_whole(directory_ + "/flash", noise(flash_bytes, 1));
+  return write_whole(m_directory + "/flash", noise(flash_bytes, 1));
 }
 
 std::string contents_template::board_directory(const board_setting &board) const {
-  return directory_ + "/" + std::to_string(board.card) + "-" + board.revision;
+  return m_directory + "/" + std::to_string(board.card) + "-" + board.revision;
 }
 
 std::string contents_template::take_eeproms(const board_setting &board, const std::string &state) {
@@ -180,9 +180,9 @@ bool contents_template::has_eeproms(const board_setting &board) const {
 
 std::string contents_template::fill(const run_item &run, const std::string &state, const std::string &flash) const {
   if (!make_directory(state)) return os_error(state);
-  auto wrong = copy_files(directory_, state, "nvram");
+  auto wrong = copy_files(m_directory, state, "nvram");
   if (wrong.empty()) wrong = copy_files(board_directory(run.board), state, "eeprom-");
-  if (wrong.empty() && access(flash.c_str(), F_OK) != 0) wrong = copy_file(directory_ + "/flash", flash);
+  if (wrong.empty() && access(flash.c_str(), F_OK) != 0) wrong = copy_file(m_directory + "/flash", flash);
   if (wrong.empty() && rename(flash.c_str(), (state + "/flash").c_str()) != 0) wrong = os_error(flash);
   return wrong;
 }
@@ -192,10 +192,10 @@ std::vector<memory_change> contents_template::compare(const run_item &run, const
   std::vector<memory_change> changes;
   spoil_map spoils(run);
   compare_files(board_directory(run.board), state, "eeprom-", &spoils, &changes);
-  compare_files(directory_, state, "nvram", &spoils, &changes);
+  compare_files(m_directory, state, "nvram", &spoils, &changes);
   const auto small_changes = changes.size();
   const auto moved = state + "/flash";
-  const mapped_file before(directory_ + "/flash");
+  const mapped_file before(m_directory + "/flash");
   const mapped_file after(moved);
   compare_memory("flash", before.bytes(), after.bytes(), &spoils, &changes);
   const bool differs = changes.size() > small_changes;

@@ -39,11 +39,11 @@ class spoil_map {
  private:
   void add_cell(uint64_t offset, uint64_t bit);
 
-  spoil kind_;
-  std::string memory_;
-  uint16_t lines_ = 0;
-  std::map<uint64_t, uint8_t> cells_;
-  std::optional<uint64_t> sector_;
+  spoil m_kind;
+  std::string m_memory;
+  uint16_t m_lines = 0;
+  std::map<uint64_t, uint8_t> m_cells;
+  std::optional<uint64_t> m_sector;
 };
 
 // Compares a memory with what it held before. Adds nothing if all is as before.
@@ -73,7 +73,7 @@ class contents_template {
  private:
   [[nodiscard]] std::string board_directory(const board_setting &board) const;
 
-  std::string directory_;
+  std::string m_directory;
 };
 
 }  // namespace lab

@@ -139,7 +139,7 @@ void add_advice(finding *found) {
 
 class reader {
  public:
-  explicit reader(const run_log &log) : log_(log) {}
+  explicit reader(const run_log &log) : m_log(log) {}
   explanation read();
 
  private:
@@ -151,20 +151,20 @@ class reader {
   [[nodiscard]] bool named_before(std::string_view row) const;
   [[nodiscard]] std::optional<bool> has_verdict(size_t port) const;
 
-  const run_log &log_;
-  explanation all_;
+  const run_log &m_log;
+  explanation m_all;
 };
 
 // Whether ethtool gave the port a verdict; nothing if the test did not come so far.
 std::optional<bool> reader::has_verdict(size_t port) const {
-  const auto &device = log_.devices[first_place(*row_of_test(5)) + port];
+  const auto &device = m_log.devices[first_place(*row_of_test(5)) + port];
   if (!device.ended) return std::nullopt;
   return !device.messages.contain("Fail to parse /post/ethtool.log");
 }
 
 void reader::add(finding found, const device_lines &lines) {
-  const auto same = std::ranges::find_if(all_.findings, [&](const auto &one) { return same_cause(one, found); });
-  if (same != all_.findings.end()) {
+  const auto same = std::ranges::find_if(m_all.findings, [&](const auto &one) { return same_cause(one, found); });
+  if (same != m_all.findings.end()) {
     for (auto &line : found.evidence)
       if (same->evidence.size() < evidence_kept) same->evidence.push_back(std::move(line));
     return;
@@ -172,20 +172,20 @@ void reader::add(finding found, const device_lines &lines) {
   found.device = lines.device;
   if (!found.faults.empty()) found.unseen = unseen_behind(lines.row);
   add_advice(&found);
-  all_.findings.push_back(std::move(found));
+  m_all.findings.push_back(std::move(found));
 }
 
 void reader::add_unknown(const device_lines &lines) {
   for (size_t line = 0; line < lines.count(); ++line) {
     if (lines.used[line]) continue;
-    ++all_.unknown_count;
-    if (all_.unknown.size() < explanation::unknown_kept) all_.unknown.push_back(lines.messages->kept[line]);
+    ++m_all.unknown_count;
+    if (m_all.unknown.size() < explanation::unknown_kept) m_all.unknown.push_back(lines.messages->kept[line]);
   }
 }
 
 // The first device of the PCIe row names every function that is missing; the function's own device just fails.
 bool reader::named_before(std::string_view row) const {
-  return row == "pcie" && std::ranges::any_of(all_.findings, [](const finding &one) {
+  return row == "pcie" && std::ranges::any_of(m_all.findings, [](const finding &one) {
            return one.device.starts_with("pcie.") && !one.faults.empty();
          });
 }
@@ -209,8 +209,8 @@ void reader::scan(scope where) {
 
 void reader::scan_device(size_t row, size_t device) {
   const auto place = first_place(row) + device;
-  const auto &of = log_.devices[place];
-  const auto row_devices = std::span(log_.devices).subspan(first_place(row), rows[row].parts.size());
+  const auto &of = m_log.devices[place];
+  const auto row_devices = std::span(m_log.devices).subspan(first_place(row), rows[row].parts.size());
   scope where;
   where.lines.row = rows[row].key;
   where.lines.part = rows[row].parts[device];
@@ -219,7 +219,7 @@ void reader::scan_device(size_t row, size_t device) {
   where.lines.failed = of.failed;
   where.lines.row_failed = std::ranges::any_of(row_devices, &device_log::failed);
   where.lines.whole = of.ended && of.messages.more == 0;
-  where.stopped = log_.stopped_at() == place;
+  where.stopped = m_log.stopped_at() == place;
   where.port_has_verdict = {has_verdict(0), has_verdict(3)};
   scan(std::move(where));
 }
@@ -233,12 +233,12 @@ void reader::scan_outside(const message_list &messages, std::string_view row) {
 }
 
 explanation reader::read() {
-  scan_outside(log_.startup, "startup");
+  scan_outside(m_log.startup, "startup");
   for (size_t row = 0; row < rows.size(); ++row)
     for (size_t device = 0; device < rows[row].parts.size(); ++device)
       scan_device(row, device);
-  scan_outside(log_.between, "between");
-  return std::move(all_);
+  scan_outside(m_log.between, "between");
+  return std::move(m_all);
 }
 
 // Failures that nothing but the records shows.

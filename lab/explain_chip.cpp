@@ -66,11 +66,11 @@ uint16_t chip_contents::at(uint32_t address) const {
 }
 
 flash_chip::flash_chip(const chip_fault &fault, const chip_contents &contents)
-    : fault_(fault), contents_(&contents), erased_(chip_sectors, 0) {
-  cells_.reserve(1024);
+    : m_fault(fault), m_contents(&contents), m_erased(chip_sectors, 0) {
+  m_cells.reserve(1024);
   if (fault.what != chip_fault::kind::lines) return;
-  auto &data = fault.commands ? cycle_data_ : array_data_;
-  auto &address = fault.commands ? cycle_address_ : array_address_;
+  auto &data = fault.commands ? m_cycle_data : m_array_data;
+  auto &address = fault.commands ? m_cycle_address : m_array_address;
   if (fault.lines.address)
     address = fault.lines.bad;
   else
@@ -79,36 +79,36 @@ flash_chip::flash_chip(const chip_fault &fault, const chip_contents &contents)
 
 // Whether an operation in a sector goes wrong so.
 bool flash_chip::is(chip_fault::kind what, uint32_t sector) const {
-  return fault_.what == what && fault_.sector.value_or(sector) == sector;
+  return m_fault.what == what && m_fault.sector.value_or(sector) == sector;
 }
 
 uint16_t flash_chip::cell(uint32_t address) const {
-  const auto erased = erased_[sector_of(address)];
-  const auto found = cells_.find(address);
-  if (found != cells_.end() && found->second.erased == erased) return found->second.data;
-  return erased > 0 ? 0xFFFF : contents_->at(address);
+  const auto erased = m_erased[sector_of(address)];
+  const auto found = m_cells.find(address);
+  if (found != m_cells.end() && found->second.erased == erased) return found->second.data;
+  return erased > 0 ? 0xFFFF : m_contents->at(address);
 }
 
 void flash_chip::set_cell(uint32_t address, uint16_t data) {
-  cells_.insert_or_assign(address, cell_word{data, erased_[sector_of(address)]});
+  m_cells.insert_or_assign(address, cell_word{data, m_erased[sector_of(address)]});
 }
 
 uint16_t flash_chip::read(uint32_t address) {
-  if (fault_.what == chip_fault::kind::silent) return 0xFFFF;
-  return cycle_data_.read(answer(cycle_address_.pass(address)));
+  if (m_fault.what == chip_fault::kind::silent) return 0xFFFF;
+  return m_cycle_data.read(answer(m_cycle_address.pass(address)));
 }
 
 void flash_chip::write(uint32_t address, uint16_t data) {
-  if (fault_.what == chip_fault::kind::silent) return;
+  if (m_fault.what == chip_fault::kind::silent) return;
   const auto [lines, lanes] = looked_at(static_cast<uint8_t>(data));
-  const auto arriving = cycle_address_.pass(address);
-  cycle((arriving & lines) | (address & ~lines), cycle_data_.write(data, lanes));
+  const auto arriving = m_cycle_address.pass(address);
+  cycle((arriving & lines) | (address & ~lines), m_cycle_data.write(data, lanes));
 }
 
 // The address and data lines that matter to the chip in a write cycle with this code.
 std::pair<uint32_t, uint16_t> flash_chip::looked_at(uint8_t code) const {
   const auto sector_or_command = [code](uint8_t of_sector) { return code == of_sector ? sector_lines : command_lines; };
-  switch (mode_) {
+  switch (m_mode) {
     case mode::erasing:
     case mode::programming:
       return {0, 0};
@@ -134,42 +134,42 @@ std::pair<uint32_t, uint16_t> flash_chip::looked_at(uint8_t code) const {
 }
 
 uint16_t flash_chip::answer(uint32_t address) {
-  if (mode_ >= mode::erase_window) poll();
-  if (mode_ == mode::query) return query_word(address / 2 & 0xFF);
-  if (mode_ >= mode::aborted) return status(address);
-  return array_data_.read(cell(array_address_.pass(address)));
+  if (m_mode >= mode::erase_window) poll();
+  if (m_mode == mode::query) return query_word(address / 2 & 0xFF);
+  if (m_mode >= mode::aborted) return status(address);
+  return m_array_data.read(cell(m_array_address.pass(address)));
 }
 
 uint16_t flash_chip::query_word(uint32_t word) const {
-  if (fault_.what == chip_fault::kind::query && fault_.word == word) return static_cast<uint16_t>(fault_.value);
+  if (m_fault.what == chip_fault::kind::query && m_fault.word == word) return static_cast<uint16_t>(m_fault.value);
   if (word >= 0x10 && word < 0x10 + query_table.size()) return query_table[word - 0x10];
   if (word >= 0x40 && word < 0x40 + command_set_table.size()) return command_set_table[word - 0x40];
   return 0;
 }
 
 uint16_t flash_chip::status(uint32_t address) {
-  toggles_ ^= dq6;
-  if (erasing_ == sector_of(address)) toggles_ ^= dq2;
-  unsigned bits = toggles_ & dq6;
-  if (erasing_) {
-    bits |= toggles_ & dq2;
-    if (mode_ != mode::erase_window) bits |= dq3;
-  } else if (!bit7_) {
+  m_toggles ^= dq6;
+  if (m_erasing == sector_of(address)) m_toggles ^= dq2;
+  unsigned bits = m_toggles & dq6;
+  if (m_erasing) {
+    bits |= m_toggles & dq2;
+    if (m_mode != mode::erase_window) bits |= dq3;
+  } else if (!m_bit7) {
     bits |= dq7;
   }
-  if (mode_ == mode::failed) bits |= dq5;
-  if (mode_ <= mode::aborted_unlock2) bits |= dq1;
-  if (mode_ == mode::erase_window) erase();
+  if (m_mode == mode::failed) bits |= dq5;
+  if (m_mode <= mode::aborted_unlock2) bits |= dq1;
+  if (m_mode == mode::erase_window) erase();
   return static_cast<uint16_t>(bits);
 }
 
 void flash_chip::cycle(uint32_t address, uint16_t data) {
   const uint32_t word = address / 2 & command_words;
   const auto code = static_cast<uint8_t>(data);
-  switch (mode_) {
+  switch (m_mode) {
     case mode::array:
       if (word == query_word_of_entry && code == query_code)
-        mode_ = mode::query;
+        m_mode = mode::query;
       else
         step(word == unlock1_word && code == unlock1_code, mode::unlock1, code);
       return;
@@ -182,12 +182,12 @@ void flash_chip::cycle(uint32_t address, uint16_t data) {
     case mode::erase_unlock1:
       return step(word == unlock2_word && code == unlock2_code, mode::erase_unlock2, code);
     case mode::erase_unlock2:
-      erasing_.reset();
+      m_erasing.reset();
       step(code == sector_erase_code, mode::erase_window, code);
-      if (mode_ == mode::erase_window) erasing_ = sector_of(address);
+      if (m_mode == mode::erase_window) m_erasing = sector_of(address);
       return;
     case mode::word:
-      bit7_ = (data & dq7) != 0;
+      m_bit7 = (data & dq7) != 0;
       return program({{address, data}});
     case mode::buffer_count:
     case mode::buffer_load:
@@ -204,13 +204,13 @@ void flash_chip::cycle(uint32_t address, uint16_t data) {
 }
 
 void flash_chip::step(bool in_order, mode next, uint8_t code) {
-  mode_ = in_order ? next : code == reset_code ? mode::array : mode::lost;
+  m_mode = in_order ? next : code == reset_code ? mode::array : mode::lost;
 }
 
 void flash_chip::command(uint32_t address, uint8_t code) {
   if (code == buffer_load_code) {
-    buffer_sector_ = sector_of(address);
-    mode_ = mode::buffer_count;
+    m_buffer_sector = sector_of(address);
+    m_mode = mode::buffer_count;
     return;
   }
   const bool here = (address / 2 & command_words) == unlock1_word;
@@ -220,101 +220,101 @@ void flash_chip::command(uint32_t address, uint8_t code) {
 
 // Cycles in the modes that only a reset leaves; an aborted buffer has a reset of its own.
 void flash_chip::leave(uint32_t word, uint8_t code) {
-  switch (mode_) {
+  switch (m_mode) {
     case mode::aborted:
-      if (word == unlock1_word && code == unlock1_code) mode_ = mode::aborted_unlock1;
+      if (word == unlock1_word && code == unlock1_code) m_mode = mode::aborted_unlock1;
       return;
     case mode::aborted_unlock1:
-      mode_ = word == unlock2_word && code == unlock2_code ? mode::aborted_unlock2 : mode::aborted;
+      m_mode = word == unlock2_word && code == unlock2_code ? mode::aborted_unlock2 : mode::aborted;
       return;
     case mode::aborted_unlock2:
-      mode_ = word == unlock1_word && code == reset_code ? mode::array : mode::aborted;
+      m_mode = word == unlock1_word && code == reset_code ? mode::array : mode::aborted;
       return;
     default:
-      if (code == reset_code) mode_ = mode::array;
+      if (code == reset_code) m_mode = mode::array;
       return;
   }
 }
 
 void flash_chip::buffer(uint32_t address, uint16_t data) {
-  const auto now = mode_;
-  mode_ = mode::aborted;
-  erasing_.reset();
-  if (sector_of(address) != buffer_sector_) return;
+  const auto now = m_mode;
+  m_mode = mode::aborted;
+  m_erasing.reset();
+  if (sector_of(address) != m_buffer_sector) return;
   if (now == mode::buffer_count) {
-    buffer_count_ = data + 1U;
-    buffer_cycles_ = 0;
-    buffer_.clear();
-    if (buffer_count_ <= page_words) mode_ = mode::buffer_load;
+    m_buffer_count = data + 1U;
+    m_buffer_cycles = 0;
+    m_buffer.clear();
+    if (m_buffer_count <= page_words) m_mode = mode::buffer_load;
     return;
   }
   if (now == mode::buffer_confirm) {
-    if (static_cast<uint8_t>(data) == buffer_confirm_code) program(buffer_);
+    if (static_cast<uint8_t>(data) == buffer_confirm_code) program(m_buffer);
     return;
   }
-  bit7_ = (data & dq7) != 0;
-  if (!buffer_.empty() && address / chip_page_bytes != buffer_[0].address / chip_page_bytes) return;
-  const auto same = std::ranges::find(buffer_, address, &load::address);
-  if (same != buffer_.end())
+  m_bit7 = (data & dq7) != 0;
+  if (!m_buffer.empty() && address / chip_page_bytes != m_buffer[0].address / chip_page_bytes) return;
+  const auto same = std::ranges::find(m_buffer, address, &load::address);
+  if (same != m_buffer.end())
     same->data = data;
   else
-    buffer_.push_back({address, data});
-  mode_ = ++buffer_cycles_ == buffer_count_ ? mode::buffer_confirm : mode::buffer_load;
+    m_buffer.push_back({address, data});
+  m_mode = ++m_buffer_cycles == m_buffer_count ? mode::buffer_confirm : mode::buffer_load;
 }
 
 // A busy chip takes no command; a window that is spoiled ends the erase unbegun.
 void flash_chip::busy(uint8_t code) {
-  if (mode_ == mode::failed && code == reset_code) mode_ = mode::array;
-  if (mode_ == mode::erase_window && code != sector_erase_code) mode_ = mode::array;
+  if (m_mode == mode::failed && code == reset_code) m_mode = mode::array;
+  if (m_mode == mode::erase_window && code != sector_erase_code) m_mode = mode::array;
 }
 
 void flash_chip::program(const std::vector<load> &loads) {
-  erasing_.reset();
+  m_erasing.reset();
   const auto sector = sector_of(loads[0].address);
   const auto changes = [this](const load &one) { return (cell(one.address) & ~one.data) != 0; };
-  fails_ = never_ = false;
+  m_fails = m_never = false;
   if (is(chip_fault::kind::program_hangs, sector)) {
-    fails_ = fault_.gives_up;
-    never_ = !fails_;
+    m_fails = m_fault.gives_up;
+    m_never = !m_fails;
   } else if (!is(chip_fault::kind::program_ignored, sector) || !std::ranges::any_of(loads, changes)) {
     for (const auto &one : loads)
-      if (!program_word(one)) fails_ = true;
+      if (!program_word(one)) m_fails = true;
   }
-  run(mode::programming, fault_.what == chip_fault::kind::slow ? fault_.word : 0);
+  run(mode::programming, m_fault.what == chip_fault::kind::slow ? m_fault.word : 0);
 }
 
 // Programming clears bits; then the chip compares.
 bool flash_chip::program_word(const load &one) {
-  const auto at = array_address_.pass(one.address);
-  const auto taken = array_data_.write(one.data);
+  const auto at = m_array_address.pass(one.address);
+  const auto taken = m_array_data.write(one.data);
   const auto after = static_cast<uint16_t>(cell(at) & taken);
   set_cell(at, after);
   return after == taken;
 }
 
 void flash_chip::erase() {
-  const auto sector = *erasing_;
-  fails_ = never_ = false;
+  const auto sector = *m_erasing;
+  m_fails = m_never = false;
   if (is(chip_fault::kind::erase_hangs, sector)) {
-    fails_ = fault_.gives_up;
-    never_ = !fails_;
+    m_fails = m_fault.gives_up;
+    m_never = !m_fails;
   } else if (!is(chip_fault::kind::erase_ignored, sector)) {
-    ++erased_[sector_of(array_address_.pass(sector * chip_sector_bytes) & sector_lines)];
+    ++m_erased[sector_of(m_array_address.pass(sector * chip_sector_bytes) & sector_lines)];
   }
-  run(mode::erasing, fault_.what == chip_fault::kind::slow ? fault_.value - 1 : 1);
+  run(mode::erasing, m_fault.what == chip_fault::kind::slow ? m_fault.value - 1 : 1);
 }
 
 void flash_chip::run(mode busy, uint32_t polls) {
-  mode_ = busy;
-  polls_ = fails_ ? std::max(polls, give_up_polls) : polls;
+  m_mode = busy;
+  m_polls = m_fails ? std::max(polls, give_up_polls) : polls;
 }
 
 void flash_chip::poll() {
-  if ((mode_ != mode::erasing && mode_ != mode::programming) || never_) return;
-  if (polls_ == 0)
-    mode_ = fails_ ? mode::failed : mode::array;
+  if ((m_mode != mode::erasing && m_mode != mode::programming) || m_never) return;
+  if (m_polls == 0)
+    m_mode = m_fails ? mode::failed : mode::array;
   else
-    --polls_;
+    --m_polls;
 }
 
 }  // namespace lab

@@ -114,26 +114,26 @@ class flash_chip {
   void run(mode busy, uint32_t polls);
   void poll();
 
-  chip_fault fault_;
-  const chip_contents *contents_;
-  data_bus cycle_data_;
-  data_bus array_data_;
-  bad_lines_of_bus cycle_address_;
-  bad_lines_of_bus array_address_;
-  std::unordered_map<uint32_t, cell_word> cells_;
-  std::vector<uint32_t> erased_;
+  chip_fault m_fault;
+  const chip_contents *m_contents;
+  data_bus m_cycle_data;
+  data_bus m_array_data;
+  bad_lines_of_bus m_cycle_address;
+  bad_lines_of_bus m_array_address;
+  std::unordered_map<uint32_t, cell_word> m_cells;
+  std::vector<uint32_t> m_erased;
 
-  mode mode_ = mode::array;
-  uint32_t buffer_sector_ = 0;
-  uint32_t buffer_count_ = 0;
-  uint32_t buffer_cycles_ = 0;
-  std::vector<load> buffer_;
-  bool bit7_ = false;                // of the word last loaded
-  std::optional<uint32_t> erasing_;  // sector, while no program has begun
-  bool fails_ = false;
-  bool never_ = false;
-  uint32_t polls_ = 0;
-  uint16_t toggles_ = 0;
+  mode m_mode = mode::array;
+  uint32_t m_buffer_sector = 0;
+  uint32_t m_buffer_count = 0;
+  uint32_t m_buffer_cycles = 0;
+  std::vector<load> m_buffer;
+  bool m_bit7 = false;                // of the word last loaded
+  std::optional<uint32_t> m_erasing;  // sector, while no program has begun
+  bool m_fails = false;
+  bool m_never = false;
+  uint32_t m_polls = 0;
+  uint16_t m_toggles = 0;
 };
 
 }  // namespace lab

@@ -88,15 +88,15 @@ uint32_t bad_lines_of_bus::pass(uint32_t levels, uint32_t kept) const {
 }
 
 uint16_t data_bus::write(uint16_t word, uint16_t lanes) {
-  const auto taken = static_cast<uint16_t>(bad_.pass(word, at_chip_));
-  on_bus_ = static_cast<uint16_t>((on_bus_ & ~lanes) | (word & lanes));
+  const auto taken = static_cast<uint16_t>(m_bad.pass(word, m_at_chip));
+  m_on_bus = static_cast<uint16_t>((m_on_bus & ~lanes) | (word & lanes));
   return taken;
 }
 
 uint16_t data_bus::read(uint16_t word) {
-  at_chip_ = word;
-  on_bus_ = static_cast<uint16_t>(bad_.pass(word, on_bus_));
-  return on_bus_;
+  m_at_chip = word;
+  m_on_bus = static_cast<uint16_t>(m_bad.pass(word, m_on_bus));
+  return m_on_bus;
 }
 
 std::vector<line_fault> line_faults(unsigned first_line, unsigned last_line) {
@@ -118,29 +118,29 @@ std::vector<cell_variant> cell_variants(memory_kind memory) {
 }
 
 void cell_pair::hit() {
-  second_ = fault_.victim_level == either ? !second_ : fault_.victim_level != 0;
+  m_second = m_fault.victim_level == either ? !m_second : m_fault.victim_level != 0;
 }
 
 bool cell_pair::read(cell_access at) {
   using enum cell_kind;
-  if (fault_.kind == state && at.second && suits(first_)) hit();
-  const bool before = fault_.two_cells() ? second_ : first_;
-  switch (fault_.kind) {
+  if (m_fault.kind == state && at.second && suits(m_first)) hit();
+  const bool before = m_fault.two_cells() ? m_second : m_first;
+  switch (m_fault.kind) {
     case stuck:
-      return fault_.level != 0;
+      return m_fault.level != 0;
     case read_disturb:
-      if (at.first && suits(first_)) first_ = !first_;
-      return first_;
+      if (at.first && suits(m_first)) m_first = !m_first;
+      return m_first;
     case read_deceptive:
-      if (at.first && suits(first_)) first_ = !first_;
+      if (at.first && suits(m_first)) m_first = !m_first;
       return before;
     case read_wrong:
-      return suits(first_) ? !first_ : first_;
+      return suits(m_first) ? !m_first : m_first;
     case read:
       if (at.first) hit();
       return before;
     case sense:
-      return suits(first_) ? fault_.victim_level != 0 : before;
+      return suits(m_first) ? m_fault.victim_level != 0 : before;
     default:
       return before;
   }
@@ -148,32 +148,32 @@ bool cell_pair::read(cell_access at) {
 
 // The level that the first cell takes, if nothing but the write touches it.
 bool cell_pair::taken_first(bool wanted) const {
-  if (fault_.kind == cell_kind::stuck) return fault_.level != 0;
-  if (fault_.kind == cell_kind::transition && first_ != wanted && suits(wanted)) return first_;
+  if (m_fault.kind == cell_kind::stuck) return m_fault.level != 0;
+  if (m_fault.kind == cell_kind::transition && m_first != wanted && suits(wanted)) return m_first;
   return wanted;
 }
 
 bool cell_pair::taken_second(bool wanted) const {
-  const bool held = fault_.kind == cell_kind::transition_of_two && second_ != wanted &&
-                    wanted == (fault_.victim_level != 0) && suits(first_);
-  return held ? second_ : wanted;
+  const bool held = m_fault.kind == cell_kind::transition_of_two && m_second != wanted &&
+                    wanted == (m_fault.victim_level != 0) && suits(m_first);
+  return held ? m_second : wanted;
 }
 
 // What a write does beyond the levels that it asks for.
 void cell_pair::disturb(cell_access at, bool first_before, bool first_wanted) {
   using enum cell_kind;
-  switch (fault_.kind) {
+  switch (m_fault.kind) {
     case write_disturb:
-      if (at.first && first_before == first_wanted && suits(first_)) first_ = !first_;
+      if (at.first && first_before == first_wanted && suits(m_first)) m_first = !m_first;
       return;
     case change:
-      if (at.first && first_ != first_before && suits(first_)) hit();
+      if (at.first && m_first != first_before && suits(m_first)) hit();
       return;
     case write:
       if (at.first) hit();
       return;
     case state:
-      if (suits(first_)) hit();
+      if (suits(m_first)) hit();
       return;
     default:
       return;
@@ -181,31 +181,31 @@ void cell_pair::disturb(cell_access at, bool first_before, bool first_wanted) {
 }
 
 void cell_pair::write(cell_access at, bool first, bool second) {
-  const bool before = first_;
-  const bool taken = at.second ? taken_second(second) : second_;
-  if (at.first) first_ = taken_first(first);
-  if (at.second) second_ = taken;
+  const bool before = m_first;
+  const bool taken = at.second ? taken_second(second) : m_second;
+  if (at.first) m_first = taken_first(first);
+  if (at.second) m_second = taken;
   disturb(at, before, first);
 }
 
 bool cell_pair::program(cell_access at, bool first, bool second) {
-  const bool first_wanted = first_ && first;
-  const bool second_wanted = second_ && second;
-  const bool before = first_;
-  const bool taken = at.second ? taken_second(second_wanted) : second_;
-  if (at.first) first_ = taken_first(first_wanted);
-  if (at.second) second_ = taken;
-  const bool good = (!at.first || first_ == first) && (!at.second || second_ == second);
+  const bool first_wanted = m_first && first;
+  const bool second_wanted = m_second && second;
+  const bool before = m_first;
+  const bool taken = at.second ? taken_second(second_wanted) : m_second;
+  if (at.first) m_first = taken_first(first_wanted);
+  if (at.second) m_second = taken;
+  const bool good = (!at.first || m_first == first) && (!at.second || m_second == second);
   disturb(at, before, first_wanted);
-  if (fault_.kind == cell_kind::spoiled) first_ = false;
+  if (m_fault.kind == cell_kind::spoiled) m_first = false;
   return good;
 }
 
 bool cell_pair::erase(cell_access at) {
-  if (at.second) second_ = true;
+  if (at.second) m_second = true;
   if (!at.first) return true;
   const bool good = taken_first(true);
-  first_ = good && fault_.kind != cell_kind::erase_leaves;
+  m_first = good && m_fault.kind != cell_kind::erase_leaves;
   return good;
 }
 

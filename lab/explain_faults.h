@@ -27,16 +27,16 @@ struct bad_lines_of_bus {
 // A data bus of 16 lines that may be bad. Either side of an open line keeps the level last driven there.
 class data_bus {
  public:
-  explicit data_bus(const bad_lines_of_bus &bad = {}) : bad_(bad) {}
+  explicit data_bus(const bad_lines_of_bus &bad = {}) : m_bad(bad) {}
   // What the chip takes of a word that is written. Lines outside of `lanes` are not driven.
   [[nodiscard]] uint16_t write(uint16_t word, uint16_t lanes = 0xFFFF);
   // What the bus takes of a word that the chip drives.
   [[nodiscard]] uint16_t read(uint16_t word);
 
  private:
-  bad_lines_of_bus bad_;
-  uint16_t on_bus_ = 0;
-  uint16_t at_chip_ = 0;
+  bad_lines_of_bus m_bad;
+  uint16_t m_on_bus = 0;
+  uint16_t m_at_chip = 0;
 };
 
 struct line_fault {
@@ -97,7 +97,7 @@ struct cell_access {
 // The bad cell and its victim, as bits. What reads wrong is the victim, or the cell itself where there is none.
 class cell_pair {
  public:
-  cell_pair(const cell_fault &fault, bool first, bool second) : fault_(fault), first_(first), second_(second) {}
+  cell_pair(const cell_fault &fault, bool first, bool second) : m_fault(fault), m_first(first), m_second(second) {}
 
   // A read. Returns what the cell that reads wrong gives; it counts only where its word is read.
   bool read(cell_access at);
@@ -109,18 +109,18 @@ class cell_pair {
   // An erase of the sectors of either. Returns whether the chip sees all its cells erased.
   [[nodiscard]] bool erase(cell_access at);
 
-  [[nodiscard]] bool first() const { return first_; }
+  [[nodiscard]] bool first() const { return m_first; }
 
  private:
-  [[nodiscard]] bool suits(bool level) const { return fault_.level == either || (fault_.level != 0) == level; }
+  [[nodiscard]] bool suits(bool level) const { return m_fault.level == either || (m_fault.level != 0) == level; }
   void hit();
   void disturb(cell_access at, bool first_before, bool first_wanted);
   [[nodiscard]] bool taken_first(bool wanted) const;
   [[nodiscard]] bool taken_second(bool wanted) const;
 
-  cell_fault fault_;
-  bool first_;
-  bool second_;
+  cell_fault m_fault;
+  bool m_first;
+  bool m_second;
 };
 
 }  // namespace lab

@@ -177,7 +177,7 @@ std::vector<timed> timeline(const flash_sector_test &test, const cell_at &first,
 class sector_run {
  public:
   sector_run(const cell_fault &fault, uint32_t word, const cell_at &seen)
-      : two_cells_(fault.two_cells()), word_(word), seen_(seen) {}
+      : m_two_cells(fault.two_cells()), m_word(word), m_seen(seen) {}
 
   // Whether the test goes on with the next sector.
   bool run(std::span<const timed> timeline, cell_pair *cells);
@@ -194,27 +194,27 @@ class sector_run {
   void check(const timed &one, bool seen);
   [[nodiscard]] bool step(const timed &one, cell_pair *cells);
 
-  bool two_cells_;
-  uint32_t word_;  // of the cell that reads wrong
-  cell_at seen_;
-  bool saved_first_ = false;  // of this test of the sector
-  bool saved_second_ = false;
-  bool list_failed_ = false;
-  bool bad_ = false;
-  bool mismatch_ = false;
+  bool m_two_cells;
+  uint32_t m_word;  // of the cell that reads wrong
+  cell_at m_seen;
+  bool m_saved_first = false;  // of this test of the sector
+  bool m_saved_second = false;
+  bool m_list_failed = false;
+  bool m_bad = false;
+  bool m_mismatch = false;
 };
 
 void sector_run::check(const timed &one, bool seen) {
-  if (!(two_cells_ ? one.at.second : one.at.first) || mismatch_) return;
-  if (seen == (two_cells_ ? one.second : one.first)) return;
-  mismatch_ = true;
-  events.push_back({flash_line::mismatch, 2 * word_, one.data, one.data ^ 1U << seen_.bit});
+  if (!(m_two_cells ? one.at.second : one.at.first) || m_mismatch) return;
+  if (seen == (m_two_cells ? one.second : one.first)) return;
+  m_mismatch = true;
+  events.push_back({flash_line::mismatch, 2 * m_word, one.data, one.data ^ 1U << m_seen.bit});
 }
 
 void sector_run::save(const timed &one, cell_pair *cells) {
   const bool seen = cells->read(one.at);
-  if (one.at.first) saved_first_ = two_cells_ ? cells->first() : seen;
-  if (one.at.second) saved_second_ = seen;
+  if (one.at.first) m_saved_first = m_two_cells ? cells->first() : seen;
+  if (one.at.second) m_saved_second = seen;
 }
 
 // Returns whether the test of the sector goes on.
@@ -230,21 +230,21 @@ bool sector_run::step(const timed &one, cell_pair *cells) {
       (void)cells->read(one.at);
       return true;
     case act::program:
-      bad_ |= !cells->program(one.at, one.first, one.second);
+      m_bad |= !cells->program(one.at, one.first, one.second);
       return true;
     case act::page_programmed:
-      return !bad_ || fail(flash_line::write_failed);
+      return !m_bad || fail(flash_line::write_failed);
     case act::check:
       check(one, cells->read(one.at));
       return true;
     case act::list_checked:
-      list_failed_ = mismatch_;
+      m_list_failed = m_mismatch;
       return true;
     case act::restore:
-      bad_ |= !cells->program(one.at, saved_first_, saved_second_);
+      m_bad |= !cells->program(one.at, m_saved_first, m_saved_second);
       return true;
     case act::page_restored:
-      return !bad_ || fail(flash_line::restore_failed);
+      return !m_bad || fail(flash_line::restore_failed);
     case act::others:
       (void)cells->program({}, false, false);
       return true;
@@ -253,13 +253,13 @@ bool sector_run::step(const timed &one, cell_pair *cells) {
 }
 
 bool sector_run::run(std::span<const timed> timeline, cell_pair *cells) {
-  saved_first_ = saved_second_ = list_failed_ = false;
+  m_saved_first = m_saved_second = m_list_failed = false;
   for (const auto &one : timeline) {
     const bool in_list = one.time >= list_time && one.time < last_erase_time;
-    if (list_failed_ && in_list) continue;
+    if (m_list_failed && in_list) continue;
     if (!step(one, cells)) return false;
   }
-  return !mismatch_;
+  return !m_mismatch;
 }
 
 // The tests of a sector: sector 0 has two.
@@ -442,7 +442,7 @@ enum class relation : uint8_t { anywhere, later, earlier, same_word };
 class finder {
  public:
   finder(const std::vector<flash_event> &events, bool whole, std::vector<fault_group> *groups)
-      : events_(events), whole_(whole), groups_(groups), variants_(cell_variants(memory_kind::flash)) {}
+      : m_events(events), m_whole(whole), m_groups(groups), m_variants(cell_variants(memory_kind::flash)) {}
 
   void find_in(uint32_t sector);
 
@@ -475,11 +475,11 @@ class finder {
             bool contents);
   [[nodiscard]] static fault_group group_of(const cell_variant &variant);
 
-  const std::vector<flash_event> &events_;
-  bool whole_;
-  std::vector<fault_group> *groups_;
-  std::vector<cell_variant> variants_;
-  std::map<pair_key, first_words> pairs_;
+  const std::vector<flash_event> &m_events;
+  bool m_whole;
+  std::vector<fault_group> *m_groups;
+  std::vector<cell_variant> m_variants;
+  std::map<pair_key, first_words> m_pairs;
 };
 
 fault_group finder::group_of(const cell_variant &variant) {
@@ -491,7 +491,7 @@ fault_group finder::group_of(const cell_variant &variant) {
 
 // A mismatch shows the word, and by one wrong bit the cell, that reads wrong.
 std::vector<cell_class> finder::visible(const std::vector<cell_class> &classes) const {
-  const auto &event = events_.front();
+  const auto &event = m_events.front();
   if (event.what != flash_line::mismatch) return classes;
   std::vector<cell_class> some;
   for (const auto &one : classes) {
@@ -507,9 +507,9 @@ std::vector<cell_class> finder::visible(const std::vector<cell_class> &classes) 
 void finder::one_cell(uint32_t sector, const cell_class &cells) {
   const auto cell = cells.cell(true, true);
   const auto tests = timelines_of(sector, cell, cell);
-  for (const auto &variant : variants_) {
+  for (const auto &variant : m_variants) {
     if (variant.fault.two_cells()) continue;
-    const auto match = match_of(variant.fault, tests, cell, events_, whole_);
+    const auto match = match_of(variant.fault, tests, cell, m_events, m_whole);
     if (!match.some) continue;
     const bool relative = variant.fault.kind == cell_kind::spoiled;
     auto words = cells.words;
@@ -525,36 +525,36 @@ void finder::one_cell(uint32_t sector, const cell_class &cells) {
       group.places = places_of(cells);
       group.where = place_text(cells);
       group.contents = !match.all;
-      groups_->push_back(std::move(group));
+      m_groups->push_back(std::move(group));
     }
   }
 }
 
 void finder::try_pair(uint32_t sector, const cell_at &first, const cell_at &second, const pair_class &stands_for) {
   const auto tests = timelines_of(sector, first, second);
-  for (size_t i = 0; i < variants_.size(); ++i) {
-    if (!variants_[i].fault.two_cells()) continue;
-    const auto match = match_of(variants_[i].fault, tests, second, events_, whole_);
+  for (size_t i = 0; i < m_variants.size(); ++i) {
+    if (!m_variants[i].fault.two_cells()) continue;
+    const auto match = match_of(m_variants[i].fault, tests, second, m_events, m_whole);
     if (!match.some) continue;
     if (stands_for.lies == relation::anywhere)
-      pairs_[{i, stands_for.second.words, stands_for.second.bits, !match.all}][stands_for.first.words] |=
+      m_pairs[{i, stands_for.second.words, stands_for.second.bits, !match.all}][stands_for.first.words] |=
           stands_for.first.bits;
     else
-      add_pair(variants_[i], stands_for, !match.all);
+      add_pair(m_variants[i], stands_for, !match.all);
   }
 }
 
 // First cells of all words that differ in nothing but the word are one group.
 void finder::add_pairs() {
-  for (const auto &[key, words] : pairs_) {
+  for (const auto &[key, words] : m_pairs) {
     std::map<uint16_t, word_set> by_bits;
     for (const auto &[ranges, bits] : words)
       by_bits[bits].insert(by_bits[bits].end(), ranges.begin(), ranges.end());
     for (auto &[bits, ranges] : by_bits)
-      add_pair(variants_[key.variant],
+      add_pair(m_variants[key.variant],
                {{joined(ranges), bits, false}, {key.second, key.second_bits, false}, relation::anywhere}, key.contents);
   }
-  pairs_.clear();
+  m_pairs.clear();
 }
 
 // Pairs of cells in one word.
@@ -618,7 +618,7 @@ void finder::push(const cell_variant &variant, const pair_class &cells, const ce
   group.places = places_of(cells.second);
   group.where = place_text(cells.second);
   group.contents = contents;
-  groups_->push_back(std::move(group));
+  m_groups->push_back(std::move(group));
 }
 
 void finder::add_pair(const cell_variant &variant, const pair_class &cells, bool contents) {
@@ -636,7 +636,7 @@ void finder::add_pair(const cell_variant &variant, const pair_class &cells, bool
 }
 
 void finder::find_in(uint32_t sector) {
-  const auto &event = events_.front();
+  const auto &event = m_events.front();
   if (event.address && *event.address / chip_sector_bytes != sector) return;
   auto classes = classes_of(sector);
   const auto seen = visible(classes);

@@ -69,67 +69,67 @@ uint64_t polls_of(uint32_t typical, uint32_t most, uint64_t unit) {
 
 class flash_test {
  public:
-  explicit flash_test(flash_chip *chip) : chip_(chip) {}
+  explicit flash_test(flash_chip *chip) : m_chip(chip) {}
 
   std::vector<flash_event> run(bool *hung) {
     const auto write = query(0x40, 0x48);
     const auto erase = query(0x42, 0x4A);
-    write_polls_ = polls_of(write.first, write.second, 1);
-    erase_polls_ = polls_of(erase.first, erase.second, 1000);
+    m_write_polls = polls_of(write.first, write.second, 1);
+    m_erase_polls = polls_of(erase.first, erase.second, 1000);
     for (const auto &one : flash_sector_tests())
       if (!sector(one)) break;
-    *hung = hung_;
-    return std::move(events_);
+    *hung = m_hung;
+    return std::move(m_events);
   }
 
  private:
   std::pair<uint16_t, uint16_t> query(uint32_t typical, uint32_t most) {
-    chip_->write(0xAA, 0x98);
-    const auto first = chip_->read(typical);
-    const auto second = chip_->read(most);
-    chip_->write(0xAAA, 0xF0);
+    m_chip->write(0xAA, 0x98);
+    const auto first = m_chip->read(typical);
+    const auto second = m_chip->read(most);
+    m_chip->write(0xAAA, 0xF0);
     return {first, second};
   }
 
   void unlock() {
-    chip_->write(0xAAA, 0xAA);
-    chip_->write(0x554, 0x55);
+    m_chip->write(0xAAA, 0xAA);
+    m_chip->write(0x554, 0x55);
   }
 
   bool fail(flash_line line) {
-    events_.push_back({line});
+    m_events.push_back({line});
     return false;
   }
 
   bool wait(uint32_t address, uint64_t polls, unsigned running) {
     uint16_t now = 0;
     for (uint64_t i = 0; i < polls; ++i) {
-      const auto before = chip_->read(address);
-      now = chip_->read(address);
+      const auto before = m_chip->read(address);
+      now = m_chip->read(address);
       if (((before ^ now) & running) != running) return true;
-      hung_ |= i > most_polls;
-      if (hung_) return true;
+      m_hung |= i > most_polls;
+      if (m_hung) return true;
     }
     return fail((now & dq5) != 0 ? flash_line::gave_up : flash_line::timed_out);
   }
 
   bool erase(uint32_t sector) {
     unlock();
-    chip_->write(0xAAA, 0x80);
+    m_chip->write(0xAAA, 0x80);
     unlock();
-    chip_->write(sector * chip_sector_bytes, 0x30);
-    return wait(sector * chip_sector_bytes, erase_polls_, dq6 | dq2) || fail(flash_line::erase_failed);
+    m_chip->write(sector * chip_sector_bytes, 0x30);
+    return wait(sector * chip_sector_bytes, m_erase_polls, dq6 | dq2) || fail(flash_line::erase_failed);
   }
 
   bool program(uint32_t sector, std::span<const uint32_t> addresses, std::span<const uint16_t> data) {
     const auto base = sector * chip_sector_bytes;
     unlock();
-    chip_->write(base, 0x25);
-    chip_->write(base, static_cast<uint16_t>(data.size() - 1));
+    m_chip->write(base, 0x25);
+    m_chip->write(base, static_cast<uint16_t>(data.size() - 1));
     for (size_t i = 0; i < data.size(); ++i)
-      chip_->write(addresses[i], data[i]);
-    chip_->write(base, 0x29);
-    return wait(addresses.back(), write_polls_, dq6);
+      m_chip->write(addresses[i], data[i]);
+    m_chip->write(base, 0x29);
+    return wait(addresses.back(), m_write_polls, dq6);
   }
 
   bool write_list(uint32_t sector, const flash_list &list) {
@@ -147,11 +147,11 @@ class flash_test {
     if (!write_list(sector, list)) return false;
     std::vector<uint16_t> words;
     for (const auto address : list.addresses)
-      words.push_back(chip_->read(address));
+      words.push_back(m_chip->read(address));
     const auto differ = std::ranges::mismatch(words, list.data);
     if (differ.in1 == words.end()) return true;
     const auto entry = static_cast<size_t>(differ.in1 - words.begin());
-    events_.push_back({flash_line::mismatch, list.addresses[entry], list.data[entry], words[entry]});
+    m_events.push_back({flash_line::mismatch, list.addresses[entry], list.data[entry], words[entry]});
     return false;
   }
 
@@ -181,19 +181,19 @@ class flash_test {
     std::vector<uint16_t> saved;
     for (const auto page : pages())
       for (const auto address : page_of(test.sector, page))
-        saved.push_back(chip_->read(address));
+        saved.push_back(m_chip->read(address));
     if (!erase(test.sector)) return false;
     const bool good =
         std::ranges::all_of(test.lists, [&](const flash_list &list) { return test_list(test.sector, list); });
     const bool restored = restore(test.sector, saved);
-    return good && restored && !hung_;
+    return good && restored && !m_hung;
   }
 
-  flash_chip *chip_;
-  uint64_t write_polls_ = 1;
-  uint64_t erase_polls_ = 1;
-  std::vector<flash_event> events_;
-  bool hung_ = false;
+  flash_chip *m_chip;
+  uint64_t m_write_polls = 1;
+  uint64_t m_erase_polls = 1;
+  std::vector<flash_event> m_events;
+  bool m_hung = false;
 };
 
 }  // namespace

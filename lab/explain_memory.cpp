@@ -39,17 +39,17 @@ template <typename Result>
 class memory_of_results {
  public:
   Result get(const std::string &key, const std::function<Result()> &ask) {
-    const std::scoped_lock lock(mutex_);
-    const auto found = results_.find(key);
-    if (found != results_.end()) return found->second;
-    if (results_.size() >= kept) results_.clear();
-    return results_.emplace(key, ask()).first->second;
+    const std::scoped_lock lock(m_mutex);
+    const auto found = m_results.find(key);
+    if (found != m_results.end()) return found->second;
+    if (m_results.size() >= kept) m_results.clear();
+    return m_results.emplace(key, ask()).first->second;
   }
 
  private:
   static constexpr size_t kept = 64;
-  std::mutex mutex_;
-  std::map<std::string, Result> results_;
+  std::mutex m_mutex;
+  std::map<std::string, Result> m_results;
 };
 
 std::string key_of(std::initializer_list<std::optional<uint32_t>> values) {

@@ -45,9 +45,9 @@ class sequence {
     walk_address();
     count();
   }
-  [[nodiscard]] std::span<const access> all() const { return accesses_; }
+  [[nodiscard]] std::span<const access> all() const { return m_accesses; }
   // Places of the accesses to a word.
-  [[nodiscard]] std::span<const uint32_t> of(uint32_t word) const { return places_[word]; }
+  [[nodiscard]] std::span<const uint32_t> of(uint32_t word) const { return m_places[word]; }
   // What was saved at the start does not matter to what is checked.
   [[nodiscard]] static size_t behind_save() { return words; }
 
@@ -55,8 +55,8 @@ class sequence {
   static uint16_t number(uint32_t word) { return static_cast<uint16_t>(word); }
 
   void add(const access &one) {
-    places_[one.word].push_back(static_cast<uint32_t>(accesses_.size()));
-    accesses_.push_back(one);
+    m_places[one.word].push_back(static_cast<uint32_t>(m_accesses.size()));
+    m_accesses.push_back(one);
   }
 
   void walk_data() {
@@ -107,8 +107,8 @@ class sequence {
       add({step::check, number(word), number(~(word + 1)), nvram_check::inverse});
   }
 
-  std::vector<access> accesses_;
-  std::array<std::vector<uint32_t>, words> places_;
+  std::vector<access> m_accesses;
+  std::array<std::vector<uint32_t>, words> m_places;
 };
 
 const sequence &test() {

@@ -230,25 +230,13 @@ std::optional<text_fields> find_text(std::string_view pattern, std::string_view 
 }
 
 std::string fill_text(std::string_view text, const text_fields &fields) {
-  std::string filled;
-  while (!text.empty()) {
-    const auto open = std::min(text.find('{'), text.size());
-    filled += text.substr(0, open);
-    const auto close = text.find('}', open);
-    if (close == std::string_view::npos) break;
-    auto name = text.substr(open + 1, close - open - 1);
-    const bool bar = name.ends_with(":bar");
-    if (bar) name.remove_suffix(4);
+  return fill_fields(text, [&](std::string_view name, std::string_view form) -> std::string {
     const auto found = fields.find(name);
-    std::string_view value = found == fields.end() ? std::string_view{} : found->second;
-    const auto number = bar ? take_number<uint32_t>(&value, 16) : std::nullopt;
-    if (number)
-      filled += std::to_string((*number - 0x10) / 4);
-    else
-      filled += value;
-    text.remove_prefix(close + 1);
-  }
-  return filled;
+    if (found == fields.end()) return "";
+    std::string_view offset = found->second;
+    const auto number = form == "bar" ? take_number<uint32_t>(&offset, 16) : std::nullopt;
+    return number ? std::to_string((*number - 0x10) / 4) : found->second;
+  });
 }
 
 std::span<const text_row> text_rows() {

@@ -13,18 +13,18 @@ namespace {
 
 class descriptor {
  public:
-  explicit descriptor(int fd) : fd_(fd) {}
+  explicit descriptor(int fd) : m_fd(fd) {}
   descriptor(const descriptor &) = delete;
   descriptor &operator=(const descriptor &) = delete;
   ~descriptor() {
     const int kept = errno;
-    if (fd_ >= 0) (void)close(fd_);
+    if (m_fd >= 0) (void)close(m_fd);
     errno = kept;
   }
-  [[nodiscard]] int get() const { return fd_; }
+  [[nodiscard]] int get() const { return m_fd; }
 
  private:
-  int fd_;
+  int m_fd;
 };
 
 bool write_all(int fd, std::string_view bytes) {
@@ -85,11 +85,11 @@ mapped_file::mapped_file(const std::string &path) {
   if (file.get() < 0 || fstat(file.get(), &found) != 0 || found.st_size <= 0) return;
   const auto size = static_cast<size_t>(found.st_size);
   void *const at = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, file.get(), 0);
-  if (at != MAP_FAILED) bytes_ = {static_cast<uint8_t *>(at), size};
+  if (at != MAP_FAILED) m_bytes = {static_cast<uint8_t *>(at), size};
 }
 
 mapped_file::~mapped_file() {
-  if (is_open()) (void)munmap(bytes_.data(), bytes_.size());
+  if (is_open()) (void)munmap(m_bytes.data(), m_bytes.size());
 }
 
 }  // namespace lab

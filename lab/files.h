@@ -23,11 +23,11 @@ class mapped_file {
   mapped_file(const mapped_file &) = delete;
   mapped_file &operator=(const mapped_file &) = delete;
   ~mapped_file();
-  [[nodiscard]] bool is_open() const { return !bytes_.empty(); }
-  [[nodiscard]] std::span<uint8_t> bytes() const { return bytes_; }
+  [[nodiscard]] bool is_open() const { return !m_bytes.empty(); }
+  [[nodiscard]] std::span<uint8_t> bytes() const { return m_bytes; }
 
  private:
-  std::span<uint8_t> bytes_;
+  std::span<uint8_t> m_bytes;
 };
 
 }  // namespace lab

@@ -10,6 +10,7 @@
 #include "lab/knowledge.h"
 #include "lab/records.h"
 #include "lab/run_log.h"
+#include "lab/text.h"
 
 namespace lab {
 namespace {
@@ -52,22 +53,12 @@ std::string first_line(const run_item &run, const report &told) {
 
 // "{KEY}" becomes the fault's value, "{KEY:02X}" the same as two hexadecimal digits.
 std::string fill_in(std::string_view pattern, const fault_text &fault) {
-  std::string text;
-  while (!pattern.empty()) {
-    const auto open = std::min(pattern.find('{'), pattern.size());
-    text += pattern.substr(0, open);
-    const auto close = pattern.find('}', open);
-    if (close == std::string_view::npos) break;
-    auto key = pattern.substr(open + 1, close - open - 1);
-    const bool hexadecimal = key.ends_with(":02X");
-    if (hexadecimal) key.remove_suffix(4);
+  return fill_fields(pattern, [&](std::string_view key, std::string_view form) {
     char number[24];
-    (void)std::snprintf(number, sizeof number, hexadecimal ? "%02llX" : "%llu",
+    (void)std::snprintf(number, sizeof number, form == "02X" ? "%02llX" : "%llu",
                         static_cast<unsigned long long>(fault.number(key)));
-    text += number;
-    pattern.remove_prefix(close + 1);
-  }
-  return text;
+    return std::string(number);
+  });
 }
 
 // Whether a device of those that stand for the fault reported it, none else did, and the output names it.

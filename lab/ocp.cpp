@@ -25,23 +25,23 @@ std::string time_text(int64_t seconds) {
 // Lines with the numbers and times that all of them carry.
 class artifact_lines {
  public:
-  explicit artifact_lines(int64_t start) : now_(start) {}
+  explicit artifact_lines(int64_t start) : m_now(start) {}
 
   void add(const char *kind, json body) {
-    json line{{kind, std::move(body)}, {"sequenceNumber", next_++}, {"timestamp", time_text(now_)}};
-    out_ += line.dump() + "\n";
+    json line{{kind, std::move(body)}, {"sequenceNumber", m_next++}, {"timestamp", time_text(m_now)}};
+    m_out += line.dump() + "\n";
   }
   void run(const char *kind, json body) { add("testRunArtifact", json::object({{kind, std::move(body)}})); }
   void step(std::string_view key, const char *kind, json body) {
     add("testStepArtifact", json::object({{"testStepId", key}, {kind, std::move(body)}}));
   }
-  void pass_time(int32_t seconds) { now_ += seconds; }
-  [[nodiscard]] std::string text() && { return std::move(out_); }
+  void pass_time(int32_t seconds) { m_now += seconds; }
+  [[nodiscard]] std::string text() && { return std::move(m_out); }
 
  private:
-  std::string out_;
-  int64_t now_;
-  uint64_t next_ = 0;
+  std::string m_out;
+  int64_t m_now;
+  uint64_t m_next = 0;
 };
 
 json log_line(const char *severity, const std::string &text) {

@@ -44,26 +44,26 @@ class record_parser {
       return;
     }
     if (!line.ended) bad(line, "a whole record, but its line end is missing");
-    list_.records.push_back({*place_of((*values)[1], (*values)[2]), (*values)[3], line.number});
-    if (list_.records.size() > record_list::records_kept) list_.records.pop_front();
-    ++list_.record_count;
+    m_list.records.push_back({*place_of((*values)[1], (*values)[2]), (*values)[3], line.number});
+    if (m_list.records.size() > record_list::records_kept) m_list.records.pop_front();
+    ++m_list.record_count;
   }
-  record_list take_list() { return std::move(list_); }
+  record_list take_list() { return std::move(m_list); }
 
  private:
   void bad(const line_splitter::line &line, const char *reason) {
-    ++list_.bad_count;
-    auto &bad = list_.bad;
+    ++m_list.bad_count;
+    auto &bad = m_list.bad;
     if (!bad.empty() && bad.back().last + 1 == line.number && bad.back().reason == reason) {
       bad.back().last = line.number;
     } else if (bad.size() < record_list::bad_kept) {
       bad.push_back({line.number, line.number, reason, printable(line.text)});
     } else {
-      ++list_.bad_unlisted;
+      ++m_list.bad_unlisted;
     }
   }
 
-  record_list list_;
+  record_list m_list;
 };
 
 }  // namespace

@@ -149,7 +149,7 @@ class log_parser {
 
   [[nodiscard]] bool opens_run(std::string_view piece) const;
   void open_run();
-  void close_run() { open_ = false; }
+  void close_run() { m_open = false; }
   void need_run();
   void end_row();
   void start_device(size_t place);
@@ -158,25 +158,25 @@ class log_parser {
   void flush_outside();
   void note(size_t first, size_t last, std::string_view text);
 
-  run_log &run() { return file_.runs.back(); }
-  [[nodiscard]] size_t devices_left() const { return next_ < row_end_ ? row_end_ - next_ : 0; }
+  run_log &run() { return m_file.runs.back(); }
+  [[nodiscard]] size_t devices_left() const { return m_next < m_row_end ? m_row_end - m_next : 0; }
 
-  log_file file_;
-  size_t line_ = 0;
-  bool open_ = false;          // lines belong to the last run
-  std::optional<size_t> row_;  // the row that is being run
-  size_t next_ = 0;            // place of its next device
-  size_t row_end_ = 0;         // place behind its last device
-  size_t current_ = 0;         // place of the device that gets messages
-  size_t unclaimed_ = 0;       // messages of the device from here on came after its dot or its ERROR line
-  size_t outside_first_ = 0;   // lines of no run, 0 for none
-  size_t outside_last_ = 0;
+  log_file m_file;
+  size_t m_line = 0;
+  bool m_open = false;          // lines belong to the last run
+  std::optional<size_t> m_row;  // the row that is being run
+  size_t m_next = 0;            // place of its next device
+  size_t m_row_end = 0;         // place behind its last device
+  size_t m_current = 0;         // place of the device that gets messages
+  size_t m_unclaimed = 0;       // messages of the device from here on came after its dot or its ERROR line
+  size_t m_outside_first = 0;   // lines of no run, 0 for none
+  size_t m_outside_last = 0;
 };
 
 void log_parser::line(const line_splitter::line &line) {
-  line_ = line.number;
-  if (line.cut > 0) note(line_, line_, "longer than the limit, the rest of it is left out");
-  if (!line.ended) note(line_, line_, "the log stops within this line");
+  m_line = line.number;
+  if (line.cut > 0) note(m_line, m_line, "longer than the limit, the rest of it is left out");
+  if (!line.ended) note(m_line, m_line, "the log stops within this line");
   std::string_view rest = line.text;
   while (const auto found = find_frame(rest)) {
     text(rest.substr(0, found->begin), found->kind == frame_kind::done);
@@ -184,13 +184,13 @@ void log_parser::line(const line_splitter::line &line) {
     rest.remove_prefix(found->end);
   }
   text(rest, false);
-  if (open_) run().last_line = line_;
+  if (m_open) run().last_line = m_line;
 }
 
 log_file log_parser::finish(size_t lines) {
   flush_outside();
-  file_.lines = lines;
-  return std::move(file_);
+  m_file.lines = lines;
+  return std::move(m_file);
 }
 
 void log_parser::apply(const frame &found) {
@@ -214,20 +214,20 @@ void log_parser::apply(const frame &found) {
 
 // Dots stand before what the test prints, and before "done".
 void log_parser::text(std::string_view piece, bool before_done) {
-  while (row_ && devices_left() > 0 && take(&piece, "."))
-    start_device(next_);
+  while (m_row && devices_left() > 0 && take(&piece, "."))
+    start_device(m_next);
   size_t behind = 0;
-  while (before_done && row_ && behind < devices_left() && piece.ends_with('.')) {
+  while (before_done && m_row && behind < devices_left() && piece.ends_with('.')) {
     piece.remove_suffix(1);
     ++behind;
   }
   if (!is_blank(piece)) add_message(piece);
   while (behind-- > 0)
-    start_device(next_);
+    start_device(m_next);
 }
 
 void log_parser::start() {
-  const bool in_startup = open_ && !run().started && !run().asserted && !row_;
+  const bool in_startup = m_open && !run().started && !run().asserted && !m_row;
   if (!in_startup) open_run();
   run().started = true;
 }
@@ -239,13 +239,14 @@ void log_parser::board(uint64_t bits) {
 
 void log_parser::begin_row(size_t row) {
   const auto later = [](const row_log &one) { return one.started; };
-  if (open_ && std::any_of(run().rows.begin() + static_cast<std::ptrdiff_t>(row), run().rows.end(), later)) close_run();
+  if (m_open && std::any_of(run().rows.begin() + static_cast<std::ptrdiff_t>(row), run().rows.end(), later))
+    close_run();
   need_run();
   end_row();
-  row_ = row;
-  next_ = current_ = first_place(row);
-  row_end_ = next_ + rows[row].parts.size();
-  unclaimed_ = 0;
+  m_row = row;
+  m_next = m_current = first_place(row);
+  m_row_end = m_next + rows[row].parts.size();
+  m_unclaimed = 0;
   run().rows[row].started = true;
 }
 
@@ -257,104 +258,104 @@ void log_parser::error(size_t place) {
   if (!run().rows[row].started) begin_row(row);
   device_log &device = run().devices[place];
   device.failed = true;
-  if (row_ != row || place < current_) return;
-  if (place > current_) {
+  if (m_row != row || place < m_current) return;
+  if (place > m_current) {
     // Its dot is missing; what came since the last one is its own.
-    run().devices[current_].messages.move_to(&device.messages, unclaimed_);
-    while (next_ <= place)
-      start_device(next_);
+    run().devices[m_current].messages.move_to(&device.messages, m_unclaimed);
+    while (m_next <= place)
+      start_device(m_next);
   }
   device.started = device.ended = true;
-  next_ = std::max(next_, place + 1);
-  unclaimed_ = device.messages.kept.size();
+  m_next = std::max(m_next, place + 1);
+  m_unclaimed = device.messages.kept.size();
 }
 
 void log_parser::done(int32_t seconds) {
-  if (!open_ || !row_) return;
-  run().rows[*row_].seconds = seconds;
+  if (!m_open || !m_row) return;
+  run().rows[*m_row].seconds = seconds;
   end_row();
 }
 
 void log_parser::verdict(bool passed) {
-  if (!open_) return;
+  if (!m_open) return;
   end_row();
   run().passed = passed;
 }
 
 void log_parser::end() {
-  if (!open_) return outside(line_);
+  if (!m_open) return outside(m_line);
   end_row();
   run().completed = true;
-  run().last_line = line_;
+  run().last_line = m_line;
   close_run();
 }
 
 // Whether the text shows that the program was started anew.
 bool log_parser::opens_run(std::string_view piece) const {
-  if (open_ && (file_.runs.back().started || file_.runs.back().asserted)) return piece.starts_with(startup_texts[0]);
-  return !open_ && std::ranges::any_of(startup_texts, [piece](auto text) { return contains(piece, text); });
+  if (m_open && (m_file.runs.back().started || m_file.runs.back().asserted)) return piece.starts_with(startup_texts[0]);
+  return !m_open && std::ranges::any_of(startup_texts, [piece](auto text) { return contains(piece, text); });
 }
 
 void log_parser::open_run() {
   flush_outside();
-  row_.reset();
-  open_ = true;
-  ++file_.run_count;
-  run_log &opened = file_.runs.emplace_back();
-  opened.first_line = opened.last_line = line_;
-  if (file_.runs.size() > log_file::runs_kept) file_.runs.pop_front();
+  m_row.reset();
+  m_open = true;
+  ++m_file.run_count;
+  run_log &opened = m_file.runs.emplace_back();
+  opened.first_line = opened.last_line = m_line;
+  if (m_file.runs.size() > log_file::runs_kept) m_file.runs.pop_front();
 }
 
 void log_parser::need_run() {
-  if (open_) return;
+  if (m_open) return;
   open_run();
-  note(line_, line_, "a run whose beginning is missing");
+  note(m_line, m_line, "a run whose beginning is missing");
 }
 
 // A later line of the sequencer shows that the row came to its end, even if its own last line is missing.
 void log_parser::end_row() {
-  if (!row_) return;
-  run().rows[*row_].ended = true;
-  for (size_t place = first_place(*row_); place < row_end_; ++place)
+  if (!m_row) return;
+  run().rows[*m_row].ended = true;
+  for (size_t place = first_place(*m_row); place < m_row_end; ++place)
     run().devices[place].started = run().devices[place].ended = true;
-  row_.reset();
+  m_row.reset();
 }
 
 void log_parser::start_device(size_t place) {
-  if (place > first_place(*row_)) run().devices[place - 1].ended = true;
+  if (place > first_place(*m_row)) run().devices[place - 1].ended = true;
   run().devices[place].started = true;
-  current_ = place;
-  next_ = place + 1;
-  unclaimed_ = run().devices[place].messages.kept.size();
+  m_current = place;
+  m_next = place + 1;
+  m_unclaimed = run().devices[place].messages.kept.size();
 }
 
 void log_parser::add_message(std::string_view piece) {
   if (opens_run(piece)) open_run();
-  if (!open_) return outside(line_);
+  if (!m_open) return outside(m_line);
   run().asserted |= contains(piece, assert_text) || contains(piece, diag_assert_text);
-  if (!row_) {
+  if (!m_row) {
     const bool before_rows = std::ranges::none_of(run().rows, [](const row_log &row) { return row.started; });
-    (before_rows ? run().startup : run().between).add(line_, piece);
+    (before_rows ? run().startup : run().between).add(m_line, piece);
     return;
   }
-  device_log &device = run().devices[current_];
-  device.messages.add(line_, piece);
+  device_log &device = run().devices[m_current];
+  device.messages.add(m_line, piece);
   device.record_lost |= piece == "Could not open file post_results.txt";
 }
 
 void log_parser::outside(size_t line) {
-  if (outside_first_ == 0) outside_first_ = line;
-  outside_last_ = line;
+  if (m_outside_first == 0) m_outside_first = line;
+  m_outside_last = line;
 }
 
 void log_parser::flush_outside() {
-  if (outside_first_ != 0) note(outside_first_, outside_last_, "of no run");
-  outside_first_ = 0;
+  if (m_outside_first != 0) note(m_outside_first, m_outside_last, "of no run");
+  m_outside_first = 0;
 }
 
 void log_parser::note(size_t first, size_t last, std::string_view text) {
-  ++file_.note_count;
-  if (file_.notes.size() < log_file::notes_kept) file_.notes.push_back({first, last, std::string(text)});
+  ++m_file.note_count;
+  if (m_file.notes.size() < log_file::notes_kept) m_file.notes.push_back({first, last, std::string(text)});
 }
 
 }  // namespace

@@ -59,40 +59,40 @@ std::vector<pci_position> parse_pci_list(const std::string &text) {
 }  // namespace
 
 std::string runner::prepare() {
-  const auto help = run_process({options_.board_sim, "--help"}, short_limit, stop_fd_);
-  if (help.error != 0 || help.status != 0) return program_error(help, options_.board_sim);
+  const auto help = run_process({m_options.board_sim, "--help"}, short_limit, m_stop_fd);
+  if (help.error != 0 || help.status != 0) return program_error(help, m_options.board_sim);
   if (help.output.find("--fault-report") == std::string::npos)
-    return options_.board_sim + ": this board cannot tell whether a fault has fired";
-  fault_list_text_ = run_process({options_.board_sim, "--list-faults"}, short_limit, stop_fd_).output;
+    return m_options.board_sim + ": this board cannot tell whether a fault has fired";
+  m_fault_list_text = run_process({m_options.board_sim, "--list-faults"}, short_limit, m_stop_fd).output;
   std::string error;
-  auto faults = parse_fault_list(fault_list_text_, &error);
-  if (!faults) return options_.board_sim + ": " + error;
-  source_.faults = std::move(*faults);
-  source_.functions = [this](const board_setting &board) {
+  auto faults = parse_fault_list(m_fault_list_text, &error);
+  if (!faults) return m_options.board_sim + ": " + error;
+  m_source.faults = std::move(*faults);
+  m_source.functions = [this](const board_setting &board) {
     if (!prepare_board(board).empty()) return std::vector<pci_position>{};
     const auto name = std::to_string(board.card) + "-" + board.revision;
     return parse_pci_list(read_whole(directory("boards/" + name + "/proc/bus/pci/devices")).value_or(""));
   };
   (void)mkdir(directory("boards").c_str(), 0777);
-  return contents_.use(directory("before"));
+  return m_contents.use(directory("before"));
 }
 
 // A short run on the healthy board makes its EEPROMs and its PCI list.
 std::string runner::prepare_board(const board_setting &board) {
-  if (contents_.has_eeproms(board)) return "";
+  if (m_contents.has_eeproms(board)) return "";
   const auto state = directory("boards/" + std::to_string(board.card) + "-" + board.revision);
-  const auto made = run_process({options_.board_sim, "--state", state, "--card", std::to_string(board.card),
+  const auto made = run_process({m_options.board_sim, "--state", state, "--card", std::to_string(board.card),
                                  "--revision", board.revision, "--", "-s"},
-                                short_limit, stop_fd_);
+                                short_limit, m_stop_fd);
   if (made.stopped) return "";
-  if (made.error != 0 || made.status != 0) return program_error(made, options_.board_sim);
-  auto wrong = contents_.take_eeproms(board, state);
+  if (made.error != 0 || made.status != 0) return program_error(made, m_options.board_sim);
+  auto wrong = m_contents.take_eeproms(board, state);
   (void)std::remove((state + "/flash").c_str());
   return wrong;
 }
 
 std::vector<std::string> runner::command(const run_item &what, const std::string &directory) const {
-  std::vector<std::string> words{options_.board_sim,
+  std::vector<std::string> words{m_options.board_sim,
                                  "--state",
                                  directory + "/state",
                                  "--card",
@@ -103,8 +103,8 @@ std::vector<std::string> runner::command(const run_item &what, const std::string
                                  directory + "/fired"};
   if (!what.fault.empty()) words.insert(words.end(), {"--fault", what.fault});
   if (what.mode == run_mode::cut) words.insert(words.end(), {"--fault", flash_row_cut});
-  if (what.mode == run_mode::brief || !options_.program.empty()) words.emplace_back("--");
-  if (!options_.program.empty()) words.push_back(options_.program);
+  if (what.mode == run_mode::brief || !m_options.program.empty()) words.emplace_back("--");
+  if (!m_options.program.empty()) words.push_back(m_options.program);
   if (what.mode == run_mode::brief) words.emplace_back("-s");
   return words;
 }
@@ -117,18 +117,18 @@ std::optional<run_result> runner::run_one(const run_item &what, const std::strin
   std::error_code ignored;
   std::filesystem::remove_all(place, ignored);
   std::filesystem::create_directories(place, ignored);
-  *error = contents_.fill(what, state, flash);
+  *error = m_contents.fill(what, state, flash);
   if (!error->empty()) return std::nullopt;
 
   run_evidence evidence;
-  evidence.process = run_process(command(what, place), options_.limit, stop_fd_);
-  evidence.changes = contents_.compare(what, state, flash, options_.keep);
+  evidence.process = run_process(command(what, place), m_options.limit, m_stop_fd);
+  evidence.changes = m_contents.compare(what, state, flash, m_options.keep);
   if (evidence.process.stopped) return std::nullopt;
   evidence.process.output = without(std::move(evidence.process.output), state);
   evidence.records = read_whole(state + std::string(post_directory)).value_or("");
   if (!what.fault.empty()) evidence.fired = first_count(read_whole(place + "/fired").value_or(""));
   auto result = judge(what, evidence);
-  if (options_.keep)
+  if (m_options.keep)
     *error = write_whole(place + "/output", evidence.process.output);
   else
     std::filesystem::remove_all(place, ignored);
@@ -136,8 +136,8 @@ std::optional<run_result> runner::run_one(const run_item &what, const std::strin
 }
 
 std::string runner::run(const std::vector<run_item> &runs, const std::vector<size_t> &wanted, const sink &done) {
-  auto wrong = contents_.make();
-  for (unsigned slot = 0; slot < options_.jobs; ++slot)
+  auto wrong = m_contents.make();
+  for (unsigned slot = 0; slot < m_options.jobs; ++slot)
     (void)std::remove(directory("flash-" + std::to_string(slot)).c_str());
   for (const auto index : wanted)
     if (wrong.empty()) wrong = prepare_board(runs[index].board);
@@ -159,7 +159,7 @@ std::string runner::run(const std::vector<run_item> &runs, const std::vector<siz
   };
   {
     std::vector<std::jthread> workers;
-    for (unsigned slot = 1; slot < options_.jobs; ++slot)
+    for (unsigned slot = 1; slot < m_options.jobs; ++slot)
       workers.emplace_back(work, slot);
     work(0);
   }

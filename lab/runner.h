@@ -24,14 +24,14 @@ struct runner_options {
 
 class runner {
  public:
-  runner(runner_options options, int stop_fd) : options_(std::move(options)), stop_fd_(stop_fd) {}
+  runner(runner_options options, int stop_fd) : m_options(std::move(options)), m_stop_fd(stop_fd) {}
 
   // Asks the board for its faults and makes the contents before every run. Returns "" or what went wrong.
   [[nodiscard]] std::string prepare();
   // What a space is made from.
-  [[nodiscard]] const space_source &source() const { return source_; }
+  [[nodiscard]] const space_source &source() const { return m_source; }
   // The list of faults as the board prints it.
-  [[nodiscard]] const std::string &fault_list_text() const { return fault_list_text_; }
+  [[nodiscard]] const std::string &fault_list_text() const { return m_fault_list_text; }
 
   // Runs what `wanted` names, by index. `done` gets each result, in no order; no two calls overlap.
   // Returns "" when all are done or the stop descriptor could be read, else what went wrong.
@@ -44,13 +44,13 @@ class runner {
                                                   std::string *error) const;
   [[nodiscard]] std::vector<std::string> command(const run_item &what, const std::string &directory) const;
   [[nodiscard]] std::string prepare_board(const board_setting &board);
-  [[nodiscard]] std::string directory(const std::string &name) const { return options_.work + "/" + name; }
+  [[nodiscard]] std::string directory(const std::string &name) const { return m_options.work + "/" + name; }
 
-  runner_options options_;
-  int stop_fd_;
-  contents_template contents_;
-  space_source source_;
-  std::string fault_list_text_;
+  runner_options m_options;
+  int m_stop_fd;
+  contents_template m_contents;
+  space_source m_source;
+  std::string m_fault_list_text;
 };
 
 }  // namespace lab

@@ -157,36 +157,37 @@ std::vector<reason_group> groups_of(const matrix &all) {
 }
 
 live_line::live_line(const std::vector<run_item> &left, unsigned jobs)
-    : shown_(isatty(STDERR_FILENO) != 0), jobs_(jobs), all_(left.size()) {
+    : m_shown(isatty(STDERR_FILENO) != 0), m_jobs(jobs), m_all(left.size()) {
   for (const auto &run : left)
-    ++left_.at(static_cast<size_t>(run.mode));
+    ++m_left.at(static_cast<size_t>(run.mode));
 }
 
 double live_line::seconds_left() const {
   double seconds = 0;
-  for (size_t mode = 0; mode < left_.size(); ++mode) {
-    const double one = counted_[mode] == 0 ? usual_seconds[mode] : seconds_[mode] / static_cast<double>(counted_[mode]);
-    seconds += one * static_cast<double>(left_[mode]);
+  for (size_t mode = 0; mode < m_left.size(); ++mode) {
+    const double one =
+        m_counted[mode] == 0 ? usual_seconds[mode] : m_seconds[mode] / static_cast<double>(m_counted[mode]);
+    seconds += one * static_cast<double>(m_left[mode]);
   }
-  return seconds / jobs_;
+  return seconds / m_jobs;
 }
 
 void live_line::add(const run_result &run) {
   const auto mode = static_cast<size_t>(run.what.mode);
-  ++done_;
-  --left_.at(mode);
-  ++counted_.at(mode);
-  seconds_.at(mode) += run.seconds;
-  if (!run.reported.empty()) ++found_;
-  if (is_unnoticed(run)) ++missed_;
-  if (!shown_) return;
+  ++m_done;
+  --m_left.at(mode);
+  ++m_counted.at(mode);
+  m_seconds.at(mode) += run.seconds;
+  if (!run.reported.empty()) ++m_found;
+  if (is_unnoticed(run)) ++m_missed;
+  if (!m_shown) return;
   const auto left = static_cast<unsigned>(std::lround(seconds_left()));
-  (void)std::fprintf(stderr, "\r\033[K%zu of %zu done, %zu found, %zu missed, %u:%02u left", done_, all_, found_,
-                     missed_, left / 60, left % 60);
+  (void)std::fprintf(stderr, "\r\033[K%zu of %zu done, %zu found, %zu missed, %u:%02u left", m_done, m_all, m_found,
+                     m_missed, left / 60, left % 60);
 }
 
 void live_line::end() {
-  if (shown_ && done_ > 0) (void)std::fputs("\r\033[K", stderr);
+  if (m_shown && m_done > 0) (void)std::fputs("\r\033[K", stderr);
 }
 
 }  // namespace lab

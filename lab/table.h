@@ -53,15 +53,15 @@ class live_line {
  private:
   [[nodiscard]] double seconds_left() const;
 
-  bool shown_;
-  unsigned jobs_;
-  size_t all_;
-  size_t done_ = 0;
-  size_t found_ = 0;
-  size_t missed_ = 0;
-  std::array<size_t, 3> left_{};     // by mode
-  std::array<double, 3> seconds_{};  // of those done
-  std::array<size_t, 3> counted_{};
+  bool m_shown;
+  unsigned m_jobs;
+  size_t m_all;
+  size_t m_done = 0;
+  size_t m_found = 0;
+  size_t m_missed = 0;
+  std::array<size_t, 3> m_left{};     // by mode
+  std::array<double, 3> m_seconds{};  // of those done
+  std::array<size_t, 3> m_counted{};
 };
 
 }  // namespace lab

@@ -41,6 +41,21 @@ std::string escape_markup(std::string_view text) {
   return out;
 }
 
+std::string fill_fields(std::string_view text, const field_value &value) {
+  std::string filled;
+  while (!text.empty()) {
+    const auto open = std::min(text.find('{'), text.size());
+    filled += text.substr(0, open);
+    const auto close = text.find('}', open);
+    if (close == std::string_view::npos) break;
+    const auto field = text.substr(open + 1, close - open - 1);
+    const auto colon = std::min(field.find(':'), field.size());
+    filled += value(field.substr(0, colon), field.substr(std::min(colon + 1, field.size())));
+    text.remove_prefix(close + 1);
+  }
+  return filled;
+}
+
 std::string columns(const std::vector<std::vector<std::string>> &lines) {
   std::vector<size_t> widths;
   for (const auto &line : lines) {
@@ -69,21 +84,21 @@ void line_splitter::feed(std::string_view piece) {
 }
 
 void line_splitter::finish() {
-  if (!line_.empty()) hand_out(false);
+  if (!m_line.empty()) hand_out(false);
 }
 
 void line_splitter::keep(std::string_view piece) {
-  const size_t room = std::min(piece.size(), limit - line_.size());
-  line_ += piece.substr(0, room);
-  cut_ += piece.size() - room;
+  const size_t room = std::min(piece.size(), limit - m_line.size());
+  m_line += piece.substr(0, room);
+  m_cut += piece.size() - room;
 }
 
 void line_splitter::hand_out(bool ended) {
-  std::string_view text = line_;
+  std::string_view text = m_line;
   if (ended && text.ends_with('\r')) text.remove_suffix(1);
-  sink_({++lines_, text, cut_, ended});
-  line_.clear();
-  cut_ = 0;
+  m_sink({++m_lines, text, m_cut, ended});
+  m_line.clear();
+  m_cut = 0;
 }
 
 std::ifstream open_file(const std::string &path, std::string *error) {

@@ -19,6 +19,10 @@ namespace lab {
 // The text with what XML and HTML take for markup escaped. `text` is printable.
 [[nodiscard]] std::string escape_markup(std::string_view text);
 
+// The text with each "{name:form}" replaced by what `value` gives for the name and its form, "" without one.
+using field_value = std::function<std::string(std::string_view name, std::string_view form)>;
+[[nodiscard]] std::string fill_fields(std::string_view text, const field_value &value);
+
 // The cells in columns two blanks apart, without blanks at line ends.
 [[nodiscard]] std::string columns(const std::vector<std::vector<std::string>> &lines);
 
@@ -36,23 +40,23 @@ class line_splitter {
   };
   using line_sink = std::function<void(const line &)>;
 
-  explicit line_splitter(line_sink sink) : sink_(std::move(sink)) {}
+  explicit line_splitter(line_sink sink) : m_sink(std::move(sink)) {}
 
   // The next piece of the text.
   void feed(std::string_view piece);
   // The end of the text: hands out a last line without an end.
   void finish();
 
-  [[nodiscard]] size_t lines() const { return lines_; }
+  [[nodiscard]] size_t lines() const { return m_lines; }
 
  private:
   void keep(std::string_view piece);
   void hand_out(bool ended);
 
-  line_sink sink_;
-  std::string line_;
-  size_t cut_ = 0;
-  size_t lines_ = 0;
+  line_sink m_sink;
+  std::string m_line;
+  size_t m_cut = 0;
+  size_t m_lines = 0;
 };
 
 // A stream of a file that can be read, or what keeps it from that in *error, with errno set.

@@ -18,16 +18,16 @@ class work_directory {
   [[nodiscard]] std::string make(const std::string &asked);
   // Takes over the one of an interrupted campaign.
   [[nodiscard]] std::string take_over(const std::string &asked);
-  void keep() { goes_ = false; }
+  void keep() { m_goes = false; }
 
-  [[nodiscard]] const std::string &path() const { return path_; }
+  [[nodiscard]] const std::string &path() const { return m_path; }
 
  private:
   std::string lock();
 
-  std::string path_;
-  int lock_ = -1;
-  bool goes_ = false;
+  std::string m_path;
+  int m_lock = -1;
+  bool m_goes = false;
 };
 
 // The path from the root on; "" stays "".

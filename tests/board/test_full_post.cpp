@@ -42,35 +42,35 @@ std::string noise(size_t size, unsigned seed) {
 class full_board {
  public:
   full_board() {
-    flash_.assign(flash_size, '\xFF');
+    m_flash.assign(flash_size, '\xFF');
     for (const int sector : {6, 0, 2, 509, 4, 507, 8, 503, 16, 495, 32, 479, 64, 447, 128, 383, 256, 255, 511, 1, 300})
-      flash_.replace(static_cast<size_t>(sector) * sector_size, sector_size,
-                     noise(sector_size, static_cast<unsigned>(sector)));
-    for (unsigned i = 0; i < nvram_.size(); ++i)
-      nvram_[i] = noise(nvram_size, 1000 + i);
+      m_flash.replace(static_cast<size_t>(sector) * sector_size, sector_size,
+                      noise(sector_size, static_cast<unsigned>(sector)));
+    for (unsigned i = 0; i < m_nvram.size(); ++i)
+      m_nvram[i] = noise(nvram_size, 1000 + i);
     reset();
   }
 
   // Everything is again as it was.
   void reset() const {
     forget_records();
-    write("flash", flash_);
-    for (size_t i = 0; i < nvram_.size(); ++i)
-      write("nvram" + std::to_string(i), nvram_[i]);
+    write("flash", m_flash);
+    for (size_t i = 0; i < m_nvram.size(); ++i)
+      write("nvram" + std::to_string(i), m_nvram[i]);
   }
 
-  outcome run(std::vector<std::string> args) const { return run_board(state_.path(), args); }
+  outcome run(std::vector<std::string> args) const { return run_board(m_state.path(), args); }
 
-  void forget_records() const { std::filesystem::remove(state_.path() / "post/result"); }
+  void forget_records() const { std::filesystem::remove(m_state.path() / "post/result"); }
 
-  [[nodiscard]] std::string file(const std::string &name) const { return state_.path() / name; }
-  [[nodiscard]] std::string read(const std::string &name) const { return read_file(state_.path() / name); }
+  [[nodiscard]] std::string file(const std::string &name) const { return m_state.path() / name; }
+  [[nodiscard]] std::string read(const std::string &name) const { return read_file(m_state.path() / name); }
   [[nodiscard]] const std::string &before(const std::string &memory) const {
-    return memory == "flash" ? flash_ : nvram_[static_cast<size_t>(memory.back() - '0')];
+    return memory == "flash" ? m_flash : m_nvram[static_cast<size_t>(memory.back() - '0')];
   }
-  [[nodiscard]] std::string nvram_before(size_t instance) const { return nvram_[instance]; }
+  [[nodiscard]] std::string nvram_before(size_t instance) const { return m_nvram[instance]; }
   [[nodiscard]] std::string nvram_after(size_t instance) const { return read("nvram" + std::to_string(instance)); }
-  [[nodiscard]] std::string flash_before() const { return flash_; }
+  [[nodiscard]] std::string flash_before() const { return m_flash; }
   [[nodiscard]] std::string flash_after() const { return read("flash"); }
 
   // The sectors that are not as they were.
@@ -78,26 +78,26 @@ class full_board {
     const std::string now = flash_after();
     std::vector<size_t> changed;
     for (size_t at = 0; at < flash_size; at += sector_size)
-      if (now.compare(at, sector_size, flash_, at, sector_size) != 0) changed.push_back(at / sector_size);
+      if (now.compare(at, sector_size, m_flash, at, sector_size) != 0) changed.push_back(at / sector_size);
     return changed;
   }
 
   // The NVRAM instances that are not as they were.
   [[nodiscard]] std::vector<size_t> changed_nvrams() const {
     std::vector<size_t> changed;
-    for (size_t i = 0; i < nvram_.size(); ++i)
-      if (nvram_after(i) != nvram_[i]) changed.push_back(i);
+    for (size_t i = 0; i < m_nvram.size(); ++i)
+      if (nvram_after(i) != m_nvram[i]) changed.push_back(i);
     return changed;
   }
 
  private:
   void write(const std::string &name, const std::string &bytes) const {
-    std::ofstream(state_.path() / name, std::ios::binary) << bytes;
+    std::ofstream(m_state.path() / name, std::ios::binary) << bytes;
   }
 
-  temp_dir state_;
-  std::string flash_;
-  std::array<std::string, 3> nvram_;
+  temp_dir m_state;
+  std::string m_flash;
+  std::array<std::string, 3> m_nvram;
 };
 
 // Runs POST and compares what it prints and records. Returns the run.

@@ -50,19 +50,19 @@ class campaign : public testing::Test {
   campaign() { save("small", small_space); }
 
   void save(const std::string &name, const std::string &text) const {
-    std::ofstream(dir_.path() / name, std::ios::binary) << text;
+    std::ofstream(m_dir.path() / name, std::ios::binary) << text;
   }
-  [[nodiscard]] std::string load(const std::string &name) const { return read_file(dir_.path() / name); }
+  [[nodiscard]] std::string load(const std::string &name) const { return read_file(m_dir.path() / name); }
   // A command in a directory with an empty place for temporary files.
   [[nodiscard]] outcome sh(const std::string &command) const {
-    std::filesystem::create_directory(dir_.path() / "tmp");
-    return run_shell(dir_.path(), "export TMPDIR=$PWD/tmp; " + command);
+    std::filesystem::create_directory(m_dir.path() / "tmp");
+    return run_shell(m_dir.path(), "export TMPDIR=$PWD/tmp; " + command);
   }
-  [[nodiscard]] bool exists(const std::string &name) const { return std::filesystem::exists(dir_.path() / name); }
-  [[nodiscard]] bool left_nothing() const { return std::filesystem::is_empty(dir_.path() / "tmp"); }
+  [[nodiscard]] bool exists(const std::string &name) const { return std::filesystem::exists(m_dir.path() / name); }
+  [[nodiscard]] bool left_nothing() const { return std::filesystem::is_empty(m_dir.path() / "tmp"); }
 
  private:
-  temp_dir dir_;
+  temp_dir m_dir;
 };
 
 std::vector<std::string> runs_of(const std::string &json) {

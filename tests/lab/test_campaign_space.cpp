@@ -147,17 +147,17 @@ class built_in : public testing::Test {
  protected:
   built_in() {
     std::string error;
-    source_.faults = lab::parse_fault_list(run_program("board-sim", {"--list-faults"}).out, &error).value();
-    source_.functions = [](const lab::board_setting &) { return std::vector<lab::pci_position>{{2, 0, 0}}; };
+    m_source.faults = lab::parse_fault_list(run_program("board-sim", {"--list-faults"}).out, &error).value();
+    m_source.functions = [](const lab::board_setting &) { return std::vector<lab::pci_position>{{2, 0, 0}}; };
   }
   [[nodiscard]] lab::fault_space standard() const {
     std::string error;
-    const auto space = lab::standard_space(source_, &error);
+    const auto space = lab::standard_space(m_source, &error);
     EXPECT_TRUE(space) << error;
     return space.value_or(lab::fault_space{});
   }
 
-  lab::space_source source_;
+  lab::space_source m_source;
 };
 
 std::string kind_of(const lab::run_item &run) {
@@ -166,7 +166,7 @@ std::string kind_of(const lab::run_item &run) {
 
 TEST_F(built_in, standard_has_every_kind_of_fault_or_says_why_not) {
   std::set<std::string> missing;
-  for (const auto &kind : source_.faults.kinds)
+  for (const auto &kind : m_source.faults.kinds)
     missing.insert(kind.name);
   for (const auto &run : standard().runs)
     missing.erase(kind_of(run));
@@ -201,7 +201,7 @@ TEST_F(built_in, standard_has_no_run_twice_and_none_that_cannot_meet_its_fault) 
 
 TEST_F(built_in, lines_are_all_single_line_faults) {
   std::string error;
-  const auto space = lab::lines_space(source_, &error);
+  const auto space = lab::lines_space(m_source, &error);
   ASSERT_TRUE(space) << error;
   const auto keys = keys_of(space->runs);
   EXPECT_EQ(keys.size(), 2368U);
@@ -210,15 +210,15 @@ TEST_F(built_in, lines_are_all_single_line_faults) {
 
 TEST_F(built_in, cells_are_the_same_for_the_same_seed_and_within_the_memories) {
   std::string error;
-  const auto cells = [&](uint64_t seed) { return keys_of(lab::cells_space(60, seed, source_, &error)->runs); };
+  const auto cells = [&](uint64_t seed) { return keys_of(lab::cells_space(60, seed, m_source, &error)->runs); };
   EXPECT_EQ(cells(7), cells(7));
   EXPECT_NE(cells(7), cells(8));
   std::set<std::string> kinds;
-  const auto space = lab::cells_space(60, 7, source_, &error);
+  const auto space = lab::cells_space(60, 7, m_source, &error);
   for (const auto &run : space->runs) {
     kinds.insert(kind_of(run));
     const auto fault = lab::parse_fault_text(run.fault);
-    for (const auto &parameter : source_.faults.find(fault.name)->parameters) {
+    for (const auto &parameter : m_source.faults.find(fault.name)->parameters) {
       if (parameter.optional) continue;
       ASSERT_TRUE(fault.find(parameter.key)) << run.fault;
       EXPECT_LE(fault.number(parameter.key), parameter.high) << run.fault;
@@ -289,7 +289,7 @@ TEST_F(built_in, standard_in_few_words_stands_for_the_same_runs) {
   const auto runs = standard().runs;
   const auto words = lab::patterns_of(runs);
   EXPECT_LT(words.size(), runs.size() / 4);
-  EXPECT_EQ(numbers(all_of(words, source_)), numbers(runs));
+  EXPECT_EQ(numbers(all_of(words, m_source)), numbers(runs));
 }
 
 // ---- what is known of faults
@@ -316,7 +316,7 @@ TEST(conditions, hold_if_every_key_has_one_of_the_values) {
 TEST_F(built_in, knowledge_speaks_of_faults_that_exist) {
   const auto some_kind_fits = [&](std::string_view pattern) {
     const auto name = std::string(lab::words_of(pattern)[0]);
-    return std::ranges::any_of(source_.faults.kinds, [&](const auto &kind) {
+    return std::ranges::any_of(m_source.faults.kinds, [&](const auto &kind) {
       const lab::run_item run{kind.name, {}, lab::run_mode::brief};
       return lab::fits(run, name);
     });
@@ -327,7 +327,7 @@ TEST_F(built_in, knowledge_speaks_of_faults_that_exist) {
     EXPECT_NE(lab::text_of(row.end).name, "found") << row.pattern;
   }
   // A cell fault without a rule would have its own cell counted as damage.
-  for (const auto &kind : source_.faults.kinds)
+  for (const auto &kind : m_source.faults.kinds)
     EXPECT_EQ(lab::traits_of(kind.name).spoils == lab::spoil::cells,
               kind.name.find("-cell-") != std::string::npos || kind.name == "flash-erase-leaves")
         << kind.name;

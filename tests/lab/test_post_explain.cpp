@@ -18,8 +18,8 @@ namespace {
 
 class post_explain : public testing::Test {
  protected:
-  [[nodiscard]] outcome sh(const std::string &command) const { return run_shell(dir_.path(), command); }
-  void save(const std::string &name, const std::string &text) const { std::ofstream(dir_.path() / name) << text; }
+  [[nodiscard]] outcome sh(const std::string &command) const { return run_shell(m_dir.path(), command); }
+  void save(const std::string &name, const std::string &text) const { std::ofstream(m_dir.path() / name) << text; }
   // The headlines of a stored log, a line each, with their state before them.
   [[nodiscard]] std::string headlines(const std::string &name) const {
     const outcome told = sh("post-explain --json " + name);
@@ -36,7 +36,7 @@ class post_explain : public testing::Test {
   }
 
  private:
-  temp_dir dir_;
+  temp_dir m_dir;
 };
 
 // Ends the flash row in its first sector, so that a run is short.

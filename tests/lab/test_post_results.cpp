@@ -21,8 +21,8 @@ constexpr const char *forms[] = {"table", "ktap", "junit", "ocp"};
 
 class post_results : public testing::Test {
  protected:
-  [[nodiscard]] std::filesystem::path path(const std::string &name) const { return dir_.path() / name; }
-  [[nodiscard]] outcome sh(const std::string &command) const { return run_shell(dir_.path(), command); }
+  [[nodiscard]] std::filesystem::path path(const std::string &name) const { return m_dir.path() / name; }
+  [[nodiscard]] outcome sh(const std::string &command) const { return run_shell(m_dir.path(), command); }
   void save(const std::string &name, const std::string &text) const { std::ofstream(path(name)) << text; }
 
   // Output and records of a run on the simulated board, as NAME.log and NAME.result.
@@ -52,7 +52,7 @@ class post_results : public testing::Test {
   }
 
  private:
-  temp_dir dir_;
+  temp_dir m_dir;
 };
 
 // "PPS PPPP S S PPPPPPP E": as letters() of a report, with the run's own finding behind.

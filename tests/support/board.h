@@ -48,7 +48,7 @@ class test_board {
 
   // Power-on again, perhaps with other options, on the same state.
   void start(const std::vector<const char *> &options = {}, std::optional<uint32_t> card = {}) const {
-    auto parsed = board_options(dir_.path(), options);
+    auto parsed = board_options(m_dir.path(), options);
     if (card) parsed.card = *card;
     std::string error;
     sim::fault_counts::forget(parsed);
@@ -57,7 +57,7 @@ class test_board {
     abort();
   }
 
-  [[nodiscard]] std::filesystem::path file(const char *name) const { return dir_.path() / name; }
+  [[nodiscard]] std::filesystem::path file(const char *name) const { return m_dir.path() / name; }
   [[nodiscard]] std::string contents(const char *name) const { return read_file(file(name)); }
 
   // How often each fault fired.
@@ -70,8 +70,8 @@ class test_board {
 
   // The cycles in the log of "--trace" from the last call on, of one device or all. Compare with cycles().
   std::string bus(std::string_view device = "") {
-    const auto text = contents("trace").substr(log_read_);
-    log_read_ += text.size();
+    const auto text = contents("trace").substr(m_log_read);
+    m_log_read += text.size();
     return bus_cycles(text, device);
   }
 
@@ -85,8 +85,8 @@ class test_board {
   }
 
  private:
-  temp_dir dir_;
-  size_t log_read_ = 0;
+  temp_dir m_dir;
+  size_t m_log_read = 0;
 };
 
 enum window_number : size_t { nvram0, nvram1, nvram2, flash };

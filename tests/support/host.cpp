@@ -10,28 +10,27 @@
 #include <csignal>
 #include <cstdio>
 
+#include "platform/mfgd/cmn_lib/diag_util/owner.h"
+
 namespace {
 
 // Takes what is written to a descriptor.
 class scratch_file {
  public:
-  scratch_file() : fd_(memfd_create("scratch", MFD_CLOEXEC)) { EXPECT_GE(fd_, 0); }
-  scratch_file(const scratch_file &) = delete;
-  scratch_file &operator=(const scratch_file &) = delete;
-  ~scratch_file() { (void)close(fd_); }
+  scratch_file() { EXPECT_TRUE(m_fd); }
 
-  void take_over(int descriptor) const { (void)dup2(fd_, descriptor); }
+  void take_over(int descriptor) const { (void)dup2(m_fd.get(), descriptor); }
   [[nodiscard]] std::string contents() const {
     std::string text;
     std::array<char, 4096> piece{};
     off_t at = 0;
-    for (ssize_t got; (got = pread(fd_, piece.data(), piece.size(), at)) > 0; at += got)
+    for (ssize_t got; (got = pread(m_fd.get(), piece.data(), piece.size(), at)) > 0; at += got)
       text.append(piece.data(), static_cast<size_t>(got));
     return text;
   }
 
  private:
-  int fd_;
+  unique_fd m_fd{memfd_create("scratch", MFD_CLOEXEC)};
 };
 
 }  // namespace

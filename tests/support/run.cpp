@@ -9,12 +9,12 @@
 
 temp_dir::temp_dir() {
   std::string name = (std::filesystem::temp_directory_path() / "post-test-XXXXXX").string();
-  path_ = mkdtemp(name.data());
+  m_path = mkdtemp(name.data());
 }
 
 temp_dir::~temp_dir() {
   std::error_code ignored;
-  std::filesystem::remove_all(path_, ignored);
+  std::filesystem::remove_all(m_path, ignored);
 }
 
 namespace {

@@ -12,10 +12,10 @@ class temp_dir {
   temp_dir(const temp_dir &) = delete;
   temp_dir &operator=(const temp_dir &) = delete;
   ~temp_dir();
-  [[nodiscard]] const std::filesystem::path &path() const { return path_; }
+  [[nodiscard]] const std::filesystem::path &path() const { return m_path; }
 
  private:
-  std::filesystem::path path_;
+  std::filesystem::path m_path;
 };
 
 struct outcome {

@@ -28,10 +28,10 @@ inline bytes with_byte(bytes image, size_t offset, uint8_t byte) {
 
 class sprom_tool : public testing::Test {
  protected:
-  [[nodiscard]] std::filesystem::path path(const std::string &name) const { return dir_.path() / name; }
+  [[nodiscard]] std::filesystem::path path(const std::string &name) const { return m_dir.path() / name; }
   // Old images are kept in the directory .old, which is made for it.
   [[nodiscard]] outcome sh(const std::string &command) const {
-    return run_shell(dir_.path(), "mkdir -p .old; export SPROM_BACKUP_DIR=.old\n" + command);
+    return run_shell(m_dir.path(), "mkdir -p .old; export SPROM_BACKUP_DIR=.old\n" + command);
   }
 
   void save(const std::string &name, const bytes &data) const {
@@ -45,5 +45,5 @@ class sprom_tool : public testing::Test {
   }
 
  private:
-  temp_dir dir_;
+  temp_dir m_dir;
 };

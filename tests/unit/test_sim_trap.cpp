@@ -157,17 +157,17 @@ class lone_stack {
  public:
   static constexpr size_t bytes = 0x10000;
   lone_stack()
-      : first_(static_cast<uint8_t *>(mmap(nullptr, bytes + 0x2000, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) +
-               0x1000) {
-    EXPECT_EQ(mprotect(first_, bytes, PROT_READ | PROT_WRITE), 0);
+      : m_first(static_cast<uint8_t *>(mmap(nullptr, bytes + 0x2000, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) +
+                0x1000) {
+    EXPECT_EQ(mprotect(m_first, bytes, PROT_READ | PROT_WRITE), 0);
   }
   lone_stack(const lone_stack &) = delete;
   lone_stack &operator=(const lone_stack &) = delete;
-  ~lone_stack() { (void)munmap(first_ - 0x1000, bytes + 0x2000); }
-  [[nodiscard]] uint8_t *first() const { return first_; }
+  ~lone_stack() { (void)munmap(m_first - 0x1000, bytes + 0x2000); }
+  [[nodiscard]] uint8_t *first() const { return m_first; }
 
  private:
-  uint8_t *first_;
+  uint8_t *m_first;
 };
 
 // Reads with the stack pointer at `stack`, or where it is if null.

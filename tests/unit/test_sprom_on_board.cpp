@@ -29,7 +29,7 @@ std::string joined(const words &parts) {
 // A board with its bus log. Each stands in a process of its own, with descriptors and bus devices as at the start.
 class logged_board {
  public:
-  explicit logged_board(const words &args) : board_(options(args)) {}
+  explicit logged_board(const words &args) : m_board(options(args)) {}
 
   // What went over the buses since the last call, as the board's log has it, "; " between the lines. An EEPROM's single
   // bytes are counted, as in "i2c-1:52 r 8 *334"; what it does not answer is left out, as it may be busy.
@@ -38,7 +38,7 @@ class logged_board {
     words entries;
     std::string counted;
     size_t count = 0;
-    for (const std::string &line : board_.log()) {
+    for (const std::string &line : m_board.log()) {
       std::smatch found;
       if (std::regex_match(line, no_answer)) continue;
       // The second address byte is no data.
@@ -52,7 +52,7 @@ class logged_board {
     return joined(entries);
   }
   [[nodiscard]] std::vector<uint8_t> eeprom(const std::string &name) const {
-    const std::string bytes = read_file(board_.file(("eeprom-" + name).c_str()));
+    const std::string bytes = read_file(m_board.file(("eeprom-" + name).c_str()));
     return {bytes.begin(), bytes.end()};
   }
 
@@ -64,7 +64,7 @@ class logged_board {
     return all;
   }
 
-  test_board board_;
+  test_board m_board;
 };
 
 void on_board(const words &args, const std::function<void(logged_board &)> &code) {

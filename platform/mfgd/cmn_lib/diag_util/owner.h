@@ -39,8 +39,15 @@ class unique_fd {
   ~unique_fd() {
     if (m_fd < 0) return;
     const int saved = errno;
-    (void)close(m_fd);
+    (void)::close(m_fd);
     errno = saved;
+  }
+
+  // Closes it here, where that can fail and somebody looks; returns what close() does.
+  int close() {
+    const int fd = m_fd;
+    m_fd = -1;
+    return ::close(fd);
   }
 
   [[nodiscard]] int get() const { return m_fd; }

@@ -13,30 +13,11 @@
 #include <array>
 #include <optional>
 
+#include "platform/mfgd/cmn_lib/diag_util/owner.h"
 #include "platform/mfgd/uspace/utils/sprom/tool/output.h"
 
 namespace tool {
 namespace {
-
-class fd_t {
- public:
-  explicit fd_t(int fd) : m_fd(fd) {}
-  ~fd_t() {
-    if (m_fd >= 0) (void)::close(m_fd);  // on a path that has failed already
-  }
-  fd_t(const fd_t &) = delete;
-  fd_t &operator=(const fd_t &) = delete;
-
-  int get() const { return m_fd; }
-  int close() {
-    const int result = ::close(m_fd);
-    m_fd = -1;
-    return result;
-  }
-
- private:
-  int m_fd;
-};
 
 // Writes and syncs.
 int fill(int fd, std::span<const uint8_t> data) {
@@ -51,22 +32,22 @@ int fill(int fd, std::span<const uint8_t> data) {
   return 0;
 }
 
-int fill_and_close(fd_t &fd, std::span<const uint8_t> data) {
+int fill_and_close(unique_fd &fd, std::span<const uint8_t> data) {
   const int error = fill(fd.get(), data);
   return fd.close() < 0 && error == 0 ? errno : error;
 }
 
 int fill_opened(const std::string &path, int flags, std::span<const uint8_t> data) {
-  fd_t fd{open(path.c_str(), flags | O_WRONLY | O_CLOEXEC | O_NOCTTY, 0666)};
-  if (fd.get() < 0) return errno;
+  unique_fd fd{open(path.c_str(), flags | O_WRONLY | O_CLOEXEC | O_NOCTTY, 0666)};
+  if (!fd) return errno;
   return fill_and_close(fd, data);
 }
 
 // Fills a new file and gives it its name; what fails leaves no file behind.
 int fill_and_rename(const std::string &temporary, const std::string &path, mode_t mode, bool keep_mode,
                     std::span<const uint8_t> data) {
-  fd_t fd{open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode)};
-  if (fd.get() < 0) return errno;
+  unique_fd fd{open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, mode)};
+  if (!fd) return errno;
   int error = keep_mode && fchmod(fd.get(), mode) < 0 ? errno : fill_and_close(fd, data);
   if (error == 0 && rename(temporary.c_str(), path.c_str()) < 0) error = errno;
   if (error != 0) (void)unlink(temporary.c_str());  // the first failure is the one to report
@@ -125,8 +106,8 @@ std::string file_label(const std::string &path) {
 }
 
 int read_file(const std::string &path, size_t limit, std::vector<uint8_t> &data) {
-  const fd_t fd{path == standard_stream ? dup(STDIN_FILENO) : open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY)};
-  if (fd.get() < 0) return errno;
+  const unique_fd fd{path == standard_stream ? dup(STDIN_FILENO) : open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOCTTY)};
+  if (!fd) return errno;
   data.resize(limit);
   size_t size = 0;
   while (size < limit) {
