@@ -47,6 +47,13 @@ std::string stdout_of(const std::function<void()> &body) {
   return out.contents();
 }
 
+bool is_of_coverage(int fd) {
+  std::array<char, 4096> path{};
+  const auto link = "/proc/self/fd/" + std::to_string(fd);
+  const ssize_t length = readlink(link.c_str(), path.data(), path.size());
+  return std::string_view(path.data(), static_cast<size_t>(std::max<ssize_t>(length, 0))).ends_with(".gcda");
+}
+
 outcome run_child(const std::function<void()> &body) {
   const scratch_file out;
   const scratch_file err;

@@ -22,6 +22,10 @@ void isolated(const std::function<void()> &body);
 outcome expect_assertion(const std::function<void()> &body, const std::string &file, const std::string &op,
                          const std::string &text);
 
+// Whether that is a file in which the preset coverage counts. Its library locks them by the calls that a test takes
+// over, at the process's end, too.
+bool is_of_coverage(int fd);
+
 // One call of an output hook. Level 0 stands for cli_printf.
 struct hook_line {
   int32_t level;

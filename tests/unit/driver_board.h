@@ -87,6 +87,7 @@ int __wrap_fcntl(int fd, int cmd, ...) {
   va_start(args, cmd);
   const auto parm = va_arg(args, struct flock *);
   va_end(args);
+  if (is_of_coverage(fd)) return __real_fcntl(fd, cmd, parm);
   const std::string file = std::filesystem::read_symlink("/proc/self/fd/" + std::to_string(fd)).filename();
   if (cmd == F_SETLKW) note((parm->l_type == F_RDLCK ? "+r " : "+w ") + file);
   if (cmd == F_SETLK) note((parm->l_type == F_UNLCK ? "-" : "+? ") + file);
