@@ -286,6 +286,50 @@ TEST_F(sprom_board, leaves_no_false_block_wherever_a_write_is_cut) {
   }
 }
 
+// The protection is off before each command, as a kill in a write leaves it.
+TEST_F(sprom_board, shows_the_protection_and_switches_it_on) {
+  const std::string sup = "SUPERVISOR (slot 1, index 1, /dev/i2c-1:0x52): ";
+  const std::string port = "the write protection (bit 27 of I/O port 0x50c) ";
+  const std::string head = "NAME         PROTECTION  BY\n";
+  struct row {
+    std::string fault, command;
+    int status;
+    std::string out, err;
+    bool on;  // the bit that was last written to the port
+  };
+  // clang-format off
+  const row rows[]{
+      {"", "protect 1,1",             1, head + "SUPERVISOR   off         bit 27 of I/O port 0x50c\n", "", false},
+      {"", "protect --json 1,1",      1, "{\"sproms\":[{\"name\":\"SUPERVISOR\",\"protection\":\"off\",\"by\":\"bit 27 of I/O port 0x50c\",\"errno\":null}]}\n", "", false},
+      {"", "protect --json PS1",      0, "{\"sproms\":[{\"name\":\"PS1\",\"protection\":\"none\",\"by\":null,\"errno\":null}]}\n", "", false},
+      {"", "protect lc3",             0, head + "LC 3         on          pin 3 of /dev/i2c-7:0x75\n", "", false},
+      {"", "protect --on supervisor", 0, sup + "protected\n", "", true},
+      {"", "write -y 1,1 image",      0, sup + "holds this image already; nothing to write\nSUPERVISOR: its write protection was off and is on again\n", "", true},
+      {"", "write --dry-run 1,1 image", 0, sup + "holds this image already; nothing to write\n", "", false},
+      {"", "protect --on PS1",        1, "", "sprom: PS1 (slot 0, index 1, /dev/i2c-6:0x52): has no write protection\n", false},
+      {"", "protect --on nobody",     1, "", "sprom: nobody: the pellin boards have no such SPROM (see 'sprom list')\n", false},
+      {"", "protect --on",            2, "", "sprom: --on needs the SPROM to protect\nTry 'sprom --help' for more information.\n", false},
+      {"port-stuck bit=27 level=0",           "protect --on 1,1",   1, "", "sprom: " + sup + port + "was switched on, but stays off\n", true},
+      {"port-stuck bit=27 level=0",           "write -y 1,1 image", 1, sup + "holds this image already; nothing to write\n", "sprom: " + sup + port + "was switched on, but stays off\n", true},
+      {"iopl-refused",                        "protect --on 1,1",   1, "", "sprom: " + sup + "whether " + port + "is on cannot be told: Operation not permitted (errno 1)\n", false},
+      {"iopl-refused",                        "protect 1,1",        1, head + "SUPERVISOR   unknown     bit 27 of I/O port 0x50c: Operation not permitted (errno 1)\n", "", false},
+      {"i2c-fail bus=7 addr=0x75 times=0",    "protect lc3",        1, head + "LC 3         unknown     pin 3 of /dev/i2c-7:0x75: Input/output error (errno 5)\n", "", false},
+      {"i2c-absent bus=7 addr=0x75",          "protect lc3",        3, head + "LC 3         absent      pin 3 of /dev/i2c-7:0x75: No such device or address (errno 6)\n", "", false},
+      {"i2c-absent bus=7 addr=0x75",          "protect --on lc3",   1, "", "sprom: LC 3 (slot 3, /dev/i2c-7:0x52): the write protection (pin 3 of /dev/i2c-7:0x75) cannot be switched on: No such device or address (errno 6)\n", false},
+  };
+  // clang-format on
+  ASSERT_EQ(on("--family pellin", "dump 1,1 image").status, 0);
+  for (const row &r : rows) {
+    SCOPED_TRACE(r.fault + " " + r.command);
+    save("st/port", bytes(4));
+    const auto result = on("--family pellin" + (r.fault.empty() ? "" : " --fault '" + r.fault + "'"), r.command);
+    EXPECT_EQ(result.status, r.status);
+    EXPECT_EQ(result.out, r.out);
+    EXPECT_EQ(result.err, r.err);
+    EXPECT_EQ((load("st/port").at(3) & 0x08) != 0, r.on);
+  }
+}
+
 // With a service that goes by identities, the power supplies, the DIMMs and one module cannot be told apart, and the
 // small EEPROMs would be written to by a read.
 TEST_F(sprom_board, loses_nothing_where_the_service_cannot_be_told_the_device) {

@@ -39,7 +39,7 @@ make_root() {
 }
 
 # What differs from run to run: addresses of mappings, durations, how often a sub-test failed, how the kernel counts.
-# What differs from run to run, and from build to build: a compiler's launcher may name sources from the build's folder.
+# And from build to build: a compiler's launcher may name sources from the build's folder.
 steady() {
   tr -d '\r' | sed -n '/^=== /,$p' | sed -E -e 's/-->0x[0-9a-f]+/-->ADDRESS/' -e 's/\([0-9]+ seconds?\)/(N seconds)/' \
     -e 's/^([A-Z][a-z]+ test.*\t) [1-9][0-9]*$/\1 N/' -e 's,^post: (\.\./)+,post: ,' -e '/^\[ *[0-9]+\.[0-9]+\]/d' -e '/^=== end/q'
