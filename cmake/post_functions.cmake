@@ -16,6 +16,15 @@ function(post_program name)
   if(NOT POST_SANITIZE)
     target_link_options(${name} PRIVATE -static-libstdc++ -static-libgcc)
   endif()
+  post_count(${name})
+endfunction()
+
+# post_count(NAME): in the preset coverage, a program counts that ends by an assertion, too.
+function(post_count name)
+  if(POST_COVERAGE)
+    target_sources(${name} PRIVATE "${CMAKE_SOURCE_DIR}/tests/support/coverage.cpp")
+    target_link_options(${name} PRIVATE -Wl,--wrap=_exit)
+  endif()
 endfunction()
 
 # post_test(NAME SOURCES files... LIBS targets...): a test program; each of its tests is a ctest of its own.
@@ -29,10 +38,7 @@ function(post_test name)
   target_compile_options(${name} PRIVATE -O0 -U_FORTIFY_SOURCE)
   target_precompile_headers(${name} REUSE_FROM test_support)
   target_link_options(${name} PRIVATE -pie -rdynamic)
-  if(POST_COVERAGE)
-    target_sources(${name} PRIVATE "${CMAKE_SOURCE_DIR}/tests/support/coverage.cpp")
-    target_link_options(${name} PRIVATE -Wl,--wrap=_exit)
-  endif()
+  post_count(${name})
   target_compile_definitions(${name} PRIVATE POST_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}"
     POST_LIB_DIR="${CMAKE_LIBRARY_OUTPUT_DIRECTORY}")
   gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 300)

@@ -58,16 +58,19 @@ class chip {
     MUST_HOLD(!m_model.reads_plainly() || seen == sim::word_get(m_memory, offset) || seen < 0x100);
   }
 
-  // Whatever was begun: confirmations and data of commands that are open, polls, and the reset of an aborted buffer.
+  // Whatever was begun: confirmations and data of commands that are open, polls, and the reset of an aborted buffer;
+  // that twice, since the first may be what aborts a buffer that is being loaded.
   void reset() {
     for (uint32_t i = 0; i < 4; i++) {
       write(0, 0x555, 0xF0, 0);
       for (int polls = 0; polls < 8; polls++)
         (void)m_model.read(0);
     }
-    write(0, 0x555, 0xAA, 0);
-    write(0, 0x2AA, 0x55, 0);
-    write(0, 0x555, 0xF0, 0);
+    for (uint32_t i = 0; i < 2; i++) {
+      write(0, 0x555, 0xAA, 0);
+      write(0, 0x2AA, 0x55, 0);
+      write(0, 0x555, 0xF0, 0);
+    }
     MUST_HOLD(m_model.reads_array());
   }
 

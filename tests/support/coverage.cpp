@@ -1,4 +1,4 @@
-// coverage.cpp: in the preset coverage, a test's child process that ends by _exit or by an assertion counts, too.
+// coverage.cpp: in the preset coverage, a process that ends by _exit or by an assertion counts, too.
 #include <csignal>
 
 extern "C" {
