@@ -308,7 +308,6 @@ TEST_F(sprom_board, shows_the_protection_and_switches_it_on) {
       {"", "write --dry-run 1,1 image", 0, sup + "holds this image already; nothing to write\n", "", false},
       {"", "protect --on PS1",        1, "", "sprom: PS1 (slot 0, index 1, /dev/i2c-6:0x52): has no write protection\n", false},
       {"", "protect --on nobody",     1, "", "sprom: nobody: the pellin boards have no such SPROM (see 'sprom list')\n", false},
-      {"", "protect --on",            2, "", "sprom: --on needs the SPROM to protect\nTry 'sprom --help' for more information.\n", false},
       {"port-stuck bit=27 level=0",           "protect --on 1,1",   1, "", "sprom: " + sup + port + "was switched on, but stays off\n", true},
       {"port-stuck bit=27 level=0",           "write -y 1,1 image", 1, sup + "holds this image already; nothing to write\n", "sprom: " + sup + port + "was switched on, but stays off\n", true},
       {"iopl-refused",                        "protect --on 1,1",   1, "", "sprom: " + sup + "whether " + port + "is on cannot be told: Operation not permitted (errno 1)\n", false},
@@ -439,6 +438,9 @@ TEST_F(sprom_board, tells_present_absent_and_dead_apart) {
     const auto show = on(board, "show '" + name + "'");
     EXPECT_EQ(show.status, status);
     EXPECT_THAT(show.err, EndsWith(err.empty() ? "" : "): " + err + "\n"));
+    const auto alone = on(board, "verify '" + name + "'");
+    EXPECT_EQ(alone.status, status);
+    EXPECT_EQ(alone.err, show.err);
     const auto all = on(board, "verify");
     EXPECT_EQ(all.status, status);
     EXPECT_THAT(all.out, HasSubstr(status != 0 ? "): " + state + "\n  " + err + "\n" : ""));
@@ -446,6 +448,9 @@ TEST_F(sprom_board, tells_present_absent_and_dead_apart) {
     const std::string listed = found[0] == '9' ? "present" : state;
     EXPECT_THAT(on(board, "list").out, testing::ContainsRegex("\n" + name + " .*/dev/i2c-.* " + listed + "\n"));
   }
+  EXPECT_THAT(on("--family pellin --fault 'i2c-fail bus=6 addr=0x53 nth=11 times=0'", "dump --raw PS2 chip").err,
+              EndsWith(": cannot read byte 7 of 256" + failed + "\n"));
+  EXPECT_THAT(on("--family pellin", "dump --hex").out, StartsWith("00000000  ab ab 03 a0 "));
   const auto result =
       on("--family tosk --fault 'i2c-absent bus=6 addr=0x53' --fault 'sprom-corrupt image=bp block=wwn offset=0'",
          "verify");

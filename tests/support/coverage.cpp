@@ -14,8 +14,9 @@ void __wrap__exit(int status) {
 
 namespace {
 
-// The process still ends by the signal: abort raises it again once the handler has returned.
-[[gnu::constructor]] void count_at_abort() {
+// Ahead of the drivers' own constructors. The process still ends by the signal: abort raises it again once the handler
+// has returned.
+[[gnu::constructor(101)]] void count_at_abort() {
   (void)std::signal(SIGABRT, [](int) { __gcov_dump(); });
 }
 

@@ -64,15 +64,20 @@ TEST(nvram_driver, traces_and_reports_its_calls) {
   });
 }
 
-// A run of the test on `length` bytes of NVRAM 0 and 4 of the others. Returns the cycles, look-ups and output.
-std::string run(uint32_t length, uint32_t expected_status) {
-  EXPECT_EQ(nvram_sw_init(), HW_SUCCESS);
-  set_lengths(length, 4, 4);
+// A run of the test. Returns the cycles, look-ups and output.
+std::string run(uint32_t expected_status) {
   (void)events();
   uint32_t result = 99;
   const std::string said = stdout_of([&] { EXPECT_EQ(dorvan_nvram_test(0, &result, 0, nullptr), expected_status); });
   EXPECT_EQ(result, expected_status == 0 ? POST_RESULT_PASS : POST_RESULT_FAIL);
   return events("+-ms") + said;
+}
+
+// The same from the start, on `length` bytes of NVRAM 0 and 4 of the others.
+std::string run(uint32_t length, uint32_t expected_status) {
+  EXPECT_EQ(nvram_sw_init(), HW_SUCCESS);
+  set_lengths(length, 4, 4);
+  return run(expected_status);
 }
 
 std::string writes(const words_t &words) {
@@ -156,6 +161,15 @@ TEST(nvram_test, goes_on_as_far_as_it_can) {
   on_board("--fault=nvram-data-stuck instance=0 line=0 level=0", [] {
     failing_malloc = 1 + 2;
     EXPECT_THAT(run(16, 6), HasSubstr("\npci 1c\n0x00000000: Expected 0x1 Actual 0x0\nFailed"));
+  });
+  // The kernel's list of functions is gone since the start.
+  on_board("--card=11062", [] {
+    (void)run(16, 0);
+    (void)std::filesystem::remove(board().file("proc/bus/pci/devices"));
+    std::string said;
+    for (const char *const inst : {"0", "1", "2"})
+      said += "Failed to find the region of NVRAM " + std::string(inst) + ": rc 408 (HW_ERR_FILE_IO)\n";
+    EXPECT_EQ(run(0xFFFFFFFF), "pci 18\npci 1c\npci 20\n" + said);
   });
 }
 

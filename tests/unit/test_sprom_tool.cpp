@@ -335,6 +335,8 @@ TEST_F(sprom_tool, takes_of_a_json_text_what_it_can_use_and_tells_the_rest) {
     EXPECT_EQ(result.err, err.empty() ? "" : "sprom: json: " + err + "\n");
     EXPECT_EQ(load("ps"), expected);
   }
+  EXPECT_EQ(sh("sprom edit -y -f ps --from lost").err,
+            "sprom: lost: cannot read: No such file or directory (errno 2)\n");
 }
 
 TEST_F(sprom_tool, edits_only_the_blocks_of_its_fields_and_hides_no_defect) {
@@ -420,6 +422,7 @@ TEST_F(sprom_tool, refuses_bad_values_and_wrong_usage) {
       {"edit -f sup",                                "no --FIELD=VALUE to change, and no --from"},
       {"make ps",                                    "the FILE to make is missing"},
       {"make dimm new",                              "dimm: this kind has no layout"},
+      {"fields dimms",                               "dimms: no such kind of image"},
   };
   // clang-format on
   const bytes image = device_image(SPROM_TYPE_SUP);
