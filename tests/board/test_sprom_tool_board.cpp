@@ -390,8 +390,9 @@ TEST_F(sprom_board, loses_nothing_where_the_service_cannot_be_told_the_device) {
   result = sh(service + "board-sim --show-result -- post -s");
   EXPECT_THAT(result.out, AllOf(HasSubstr("P(0x1) board\n"), HasSubstr("Mod 1 1 Post Completed Successfully\n")));
   // On a machine without the service, files are still at hand.
-  result = sh(
-      "unset LD_LIBRARY_PATH; cp $(command -v sprom) . && ./sprom verify -f image && ./sprom show --family tosk 1,1");
+  result =
+      sh("unset LD_LIBRARY_PATH; cp \"$(command -v sprom)\" . && ./sprom verify -f image && ./sprom show --family tosk "
+         "1,1");
   EXPECT_EQ(result.status, 1);
   EXPECT_THAT(result.err, HasSubstr("sprom: no I2C service: libutils.so: cannot open shared object file"));
 }
@@ -568,7 +569,7 @@ TEST_F(sprom_board, tells_its_steps_and_its_progress) {
 
 TEST_F(sprom_board, does_what_the_manual_shows) {
   std::string commands;
-  std::istringstream manual(sh("cat " POST_SOURCE_DIR "/docs/sprom.1").out);
+  std::istringstream manual(read_file(POST_SOURCE_DIR "/docs/sprom.1"));
   for (std::string line; std::getline(manual, line);)
     if (line.starts_with("$ sprom "))
       commands += "board-sim --state st -- " + line.substr(2) + "; echo \"status $?\"\n";
@@ -599,8 +600,8 @@ TEST_F(sprom_board, completes_what_can_work) {
   for (const auto &[words, offers] : rows) {
     SCOPED_TRACE(words);
     const auto result =
-        sh("cat >complete.bash <<'E'\n. " POST_SOURCE_DIR
-           "/tools/completion/sprom\ncompopt() { :; }\n[ -z \"$1\" ] && shift\n"
+        sh("cat >complete.bash <<'E'\n. '" POST_SOURCE_DIR
+           "/tools/completion/sprom'\ncompopt() { :; }\n[ -z \"$1\" ] && shift\n"
            "COMP_WORDS=(sprom \"$@\") COMP_CWORD=$#\n_sprom\necho ${COMPREPLY[@]}\nE\nbash complete.bash " +
            words);
     EXPECT_EQ(result.out, offers + "\n");
