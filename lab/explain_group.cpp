@@ -295,18 +295,22 @@ bool fault_group::holds(const fault_text &fault) const {
 }
 
 std::string fault_group::one(bool last) const {
+  // What must lie behind another value is taken from the end, and that value from the beginning.
+  const auto lies_before = [&](std::string_view key) {
+    return std::ranges::any_of(values,
+                               [&](const auto &value) { return value.second.ends_with(">>" + std::string(key)); });
+  };
   fault_text fault{name, {}};
   for (const auto &[key, list] : values) {
     const auto pieces = pieces_of(list, ',');
-    const auto piece = last ? pieces.back() : pieces.front();
+    const bool from_end = list.find(">>") != std::string::npos || (last && !lies_before(key));
+    const auto piece = from_end ? pieces.back() : pieces.front();
     const auto range = parse_range(piece);
     if (!range) {
       fault.values.emplace_back(key, piece);
       continue;
     }
-    // What must lie behind another value is taken from the end, and that value from the beginning.
-    auto number = last ? range->high + (range->times - 1) * range->distance : range->low;
-    if (!range->later_than.empty()) number = range->high;
+    auto number = from_end ? range->high + (range->times - 1) * range->distance : range->low;
     if (!range->beside.empty()) number = (fault.number(range->beside) & ~uint64_t{1}) | (range->low & 1);
     fault.values.emplace_back(key, number_text(number, true));
   }
