@@ -132,7 +132,7 @@ int explain_all(const options &chosen) {
 
 }  // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char **argv) try {
   CLI::App app{about, "post-explain"};
   options chosen;
   add_options(&app, &chosen);
@@ -148,4 +148,6 @@ int main(int argc, char **argv) {
     return EXIT_USAGE;
   }
   return explain_all(chosen);
+} catch (const std::exception &wrong) {
+  return complain(wrong.what());
 }

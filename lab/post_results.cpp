@@ -227,7 +227,7 @@ int run(const options &chosen) {
 
 }  // namespace
 
-int main(int argc, char **argv) {
+int main(int argc, char **argv) try {
   CLI::App app{about, "post-results"};
   options chosen;
   add_options(&app, &chosen);
@@ -242,4 +242,6 @@ int main(int argc, char **argv) {
     return EXIT_USAGE;
   }
   return run(chosen);
+} catch (const std::exception &wrong) {
+  return complain(wrong.what());
 }
