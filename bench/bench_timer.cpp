@@ -32,7 +32,7 @@ void calibrate() {
   const std::chrono::duration<double, std::nano> ns = clock::now() - from;
   cycles_per_ns = static_cast<double>(__rdtsc() - cycles) / ns.count();
   uint64_t least = UINT64_MAX;
-  for (int i = 0; i < 1000; i++) {
+  for (int i = 0; i < 1000; ++i) {
     const uint64_t start = __rdtsc();
     least = std::min<uint64_t>(least, __rdtsc() - start);
   }
@@ -67,7 +67,7 @@ double median(std::vector<double> values) {
 void drain_heap_caches() {
   static std::vector<std::unique_ptr<char[]>> held;
   for (size_t size = 8; size <= 1032; size += 16) {
-    for (int i = 0; i < 7; i++)
+    for (int i = 0; i < 7; ++i)
       held.push_back(std::make_unique<char[]>(size));
   }
 }
@@ -142,7 +142,7 @@ class race {
     std::vector<double> releases;
     for (auto *const times : {&starts, &stops, &releases})
       times->reserve(rounds);  // small blocks would stay in the allocator's caches
-    for (uint32_t round = 0; round < rounds; round++) {
+    for (uint32_t round = 0; round < rounds; ++round) {
       starts.push_back(ns([&] {
         for (uint32_t i : start_order)
           m_timers.start(i, period(i, round));
@@ -162,7 +162,7 @@ class race {
   // Restarts timers at random.
   void restart(uint32_t operations) {
     m_result["restart"] = long_ns([&] {
-                            for (uint32_t i = 0; i < operations; i++)
+                            for (uint32_t i = 0; i < operations; ++i)
                               m_timers.start(mix(i, 5) % m_count, period(i, 6));
                           }) /
                           operations;
@@ -173,17 +173,17 @@ class race {
   double mixed_tick(uint32_t ticks) {
     std::vector<uint32_t> order = shuffled(m_count, 7);
     const uint32_t idle = std::max(1U, m_count / 10);  // the first so many of `order`
-    for (uint32_t i = 0; i < idle; i++)
+    for (uint32_t i = 0; i < idle; ++i)
       m_timers.stop(order[i]);
     uint32_t random = 0;
     const auto pick = [&](uint32_t from, uint32_t to) { return from + mix(random++, 8) % (to - from); };
     const double ns = long_ns([&] {
-      for (uint32_t i = 0; i < ticks; i++) {
-        for (int k = 0; k < 5; k++) {
+      for (uint32_t i = 0; i < ticks; ++i) {
+        for (int k = 0; k < 5; ++k) {
           const uint32_t timer = order[pick(idle, m_count)];
           m_timers.start(timer, period(timer, random));
         }
-        for (int k = 0; k < 4; k++) {
+        for (int k = 0; k < 4; ++k) {
           uint32_t &active = order[pick(idle, m_count)];
           uint32_t &inactive = order[pick(0, idle)];
           m_timers.stop(active);
@@ -194,7 +194,7 @@ class race {
       }
     });
     m_one_period = 0;  // so many timers due at one tick would take the wheel long to stop
-    for (uint32_t i = 0; i < idle; i++)
+    for (uint32_t i = 0; i < idle; ++i)
       m_timers.start(order[i], period(i, 9));
     return ns / ticks;
   }
@@ -207,7 +207,7 @@ class race {
     for (uint32_t i : shuffled(m_count, 11))
       m_timers.start(i, period(i, 0));
     m_result["stop in a crowd"] = short_ns([&] {
-                                    for (uint32_t i = 0; i < stops; i++)
+                                    for (uint32_t i = 0; i < stops; ++i)
                                       m_timers.stop(order[i]);
                                   }) /
                                   stops;
@@ -225,8 +225,8 @@ class race {
   }
 
   void tick(uint32_t ticks) {
-    for (uint32_t i = 0; i < ticks; i++) {
-      m_tick++;
+    for (uint32_t i = 0; i < ticks; ++i) {
+      ++m_tick;
       m_timers.tick();
     }
   }

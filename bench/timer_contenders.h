@@ -33,7 +33,7 @@ class wheel_timers {
 
   explicit wheel_timers(uint32_t count) : m_timers(count) {
     if (timer_module_init(wheel_size(count), 0) == 0) abort();
-    for (uint32_t i = 0; i < count; i++) {
+    for (uint32_t i = 0; i < count; ++i) {
       m_timers[i] = timer_new(
           1, TIMER_ONE_SHOT, [](uint32_t timer) { expired(timer); }, i);
     }
@@ -57,7 +57,7 @@ class wheel_timers {
 
  private:
   static void advance(uint32_t ticks) {
-    for (uint32_t i = 0; i <= ticks; i++)
+    for (uint32_t i = 0; i <= ticks; ++i)
       timer_one_tick_elapsed();
   }
 
@@ -71,7 +71,7 @@ class event_timers {
 
   explicit event_timers(uint32_t count) : m_base(event_base_new()), m_events(count) {
     if (event_get_struct_event_size() != sizeof(event)) abort();
-    for (uint32_t i = 0; i < count; i++) {
+    for (uint32_t i = 0; i < count; ++i) {
       evtimer_assign(&m_events[i], m_base, on_event, reinterpret_cast<void *>(uintptr_t{i}));
     }
   }
@@ -133,7 +133,7 @@ class uv_timers {
 
   explicit uv_timers(uint32_t count) : m_handles(count) {
     uv_loop_init(&m_loop);
-    for (uint32_t i = 0; i < count; i++) {
+    for (uint32_t i = 0; i < count; ++i) {
       uv_timer_init(&m_loop, &m_handles[i]);
       m_handles[i].data = reinterpret_cast<void *>(uintptr_t{i});
     }
@@ -180,7 +180,7 @@ class map_timers {
     m_places[i] = m_map.end();
   }
   void tick() {
-    m_now++;
+    ++m_now;
     while (!m_map.empty() && m_map.begin()->first <= m_now) {
       const uint32_t timer = m_map.begin()->second;
       stop(timer);

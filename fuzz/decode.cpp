@@ -15,7 +15,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size < 3) return 0;
   const auto mode = (data[0] & 1U) != 0 ? sim::word_size::bits64 : sim::word_size::bits32;
   sim::cpu_regs regs;
-  for (size_t i = 0; i < regs.gpr.size(); i++)
+  for (size_t i = 0; i < regs.gpr.size(); ++i)
     regs.gpr[i] = (data[1] + i) * 0x0123456789ABCDEFU >> (mode == sim::word_size::bits64 ? 0U : 32U);
   regs.ip = 0x400000;
   // Behind what was given stand bytes that end any instruction.
@@ -42,7 +42,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   // A load changes no register but its own.
   sim::cpu_regs after = regs;
   fill_register(i, 0x8091A2B3C4D5E6F7, &after);
-  for (size_t r = 0; r < regs.gpr.size(); r++)
+  for (size_t r = 0; r < regs.gpr.size(); ++r)
     MUST_HOLD(r == i.reg || after.gpr[r] == regs.gpr[r]);
   return 0;
 }

@@ -22,10 +22,10 @@ uint16_t content(uint32_t offset) {
 class chip {
  public:
   chip() {
-    for (uint32_t s = 0; s < sim::flash_sectors; s++)
+    for (uint32_t s = 0; s < sim::flash_sectors; ++s)
       if (std::ranges::find(used_sectors, s) == used_sectors.end())
         sim::word_set(m_memory, s * sim::flash_sector_bytes, content(s * sim::flash_sector_bytes));
-    for (size_t s = 0; s < used_sectors.size(); s++) {
+    for (size_t s = 0; s < used_sectors.size(); ++s) {
       const uint32_t base = used_sectors[s] * sim::flash_sector_bytes;
       for (uint32_t at = base; at < base + sim::flash_sector_bytes; at += 2)
         sim::word_set(m_memory, at, content(at));
@@ -61,12 +61,12 @@ class chip {
   // Whatever was begun: confirmations and data of commands that are open, polls, and the reset of an aborted buffer;
   // that twice, since the first may be what aborts a buffer that is being loaded.
   void reset() {
-    for (uint32_t i = 0; i < 4; i++) {
+    for (uint32_t i = 0; i < 4; ++i) {
       write(0, 0x555, 0xF0, 0);
-      for (int polls = 0; polls < 8; polls++)
+      for (int polls = 0; polls < 8; ++polls)
         (void)m_model.read(0);
     }
-    for (uint32_t i = 0; i < 2; i++) {
+    for (uint32_t i = 0; i < 2; ++i) {
       write(0, 0x555, 0xAA, 0);
       write(0, 0x2AA, 0x55, 0);
       write(0, 0x555, 0xF0, 0);
@@ -76,9 +76,9 @@ class chip {
 
   // What has changed may have: words that were written to, whole sectors. Then all is as it was.
   void check() {
-    for (size_t s = 0; s < used_sectors.size(); s++)
+    for (size_t s = 0; s < used_sectors.size(); ++s)
       check_sector(s);
-    for (uint32_t s = 0; s < sim::flash_sectors; s++)
+    for (uint32_t s = 0; s < sim::flash_sectors; ++s)
       MUST_HOLD(std::ranges::find(used_sectors, s) != used_sectors.end() ||
                 sim::word_get(m_memory, s * sim::flash_sector_bytes) == content(s * sim::flash_sector_bytes));
   }

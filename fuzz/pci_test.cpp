@@ -32,7 +32,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   pcie_fail_mask = 0;
   pcie_scan_pending = 1;
   uint32_t failed = 0;
-  for (uint32_t device = 0; device < 7; device++) {
+  for (uint32_t device = 0; device < 7; ++device) {
     uint32_t result = 0;
     const uint32_t status = dorvan_pcie_test(0, &result, device, nullptr);
     MUST_HOLD((status == 0) == (result == post_result_of(0)));
@@ -45,7 +45,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   // A function is missing where no line of the list has its position and ids.
   if (card == 1) return 0;
   const auto table = dorvan_pci_functions(*dorvan_card(card), 1);
-  for (size_t row = 0; row < 6; row++)
+  for (size_t row = 0; row < 6; ++row)
     MUST_HOLD((pci_find_device(&table[row]) == 0) == ((failed & fail_bit(row)) == 0));
   return 0;
 }

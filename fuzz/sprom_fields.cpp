@@ -20,7 +20,7 @@ void try_value(const tool::field_t &field, const std::string &value, const image
     MUST_HOLD(changed == image);
     return;
   }
-  for (size_t at = 0; at < image.size(); at++)
+  for (size_t at = 0; at < image.size(); ++at)
     MUST_HOLD(changed[at] == image[at] || (at >= field.offset && at < size_t{field.offset} + field.width));
   const std::string shown = show(field, changed);
   image_t again = image;

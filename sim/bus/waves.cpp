@@ -63,7 +63,7 @@ struct declarations {
 std::string waves::header(std::span<const uint32_t> i2c_buses) {
   declarations all;
   for (const auto &s : signals) {
-    for (unsigned bit = 0; bit < s.width; bit++) {
+    for (unsigned bit = 0; bit < s.width; ++bit) {
       const auto number = s.width > 1 ? std::to_string(bit) : "";
       all.add(s.id + number, s.name + number, s.rest);
     }
@@ -90,7 +90,7 @@ void waves::level(std::string_view id, bool high) {
 
 // The bits that change.
 void waves::number(vector *of, uint32_t value) {
-  for (unsigned bit = 0; bit < of->width; bit++)
+  for (unsigned bit = 0; bit < of->width; ++bit)
     if (!of->last || ((value ^ *of->last) >> bit & 1U) != 0)
       level(of->id + std::to_string(bit), (value >> bit & 1U) != 0);
   of->last = value;
@@ -204,7 +204,7 @@ void waves::i2c_message(const bus_cycle &cycle) {
   const bool answered = cycle.kind == 'r' || cycle.kind == 'w';
   i2c_byte(bus, static_cast<uint8_t>(uint32_t{address} << 1U | (reading ? 1U : 0U)), answered);
   if (!answered) return;
-  for (size_t i = 0; i < cycle.message.size(); i++)
+  for (size_t i = 0; i < cycle.message.size(); ++i)
     i2c_byte(bus, cycle.message[i], !reading || i + 1 < cycle.message.size());
 }
 

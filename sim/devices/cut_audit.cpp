@@ -43,7 +43,7 @@ uint16_t cut_audit::start_word(uint32_t offset) const {
 }
 
 void cut_audit::keep_start(uint32_t first, uint32_t length) {
-  for (uint32_t block = first / m_block; block * m_block < first + length; block++) {
+  for (uint32_t block = first / m_block; block * m_block < first + length; ++block) {
     if (m_kept[block]) continue;
     m_kept[block] = true;
     std::ranges::copy(m_contents.subspan(size_t{block} * m_block, m_block), &m_start[size_t{block} * m_block]);
@@ -55,7 +55,7 @@ cut_audit::difference cut_audit::differs(uint32_t first, uint32_t length) const 
   for (uint32_t at = first; at < first + length; at += 2) {
     const uint16_t word = word_get(m_contents, at);
     if (word == start_word(at)) continue;
-    found.words++;
+    ++found.words;
     found.sum += cut_sum(at, word);
   }
   return found;
@@ -109,7 +109,7 @@ void cut_audit::write(const word_write &w) {
   tears("", {&w, 1}, 0);
   if (!m_in_pass && m_waiting.size() == pass_words) {
     m_in_pass = true;
-    m_passes++;
+    ++m_passes;
   }
   if (m_in_pass) settle("pass " + std::to_string(m_passes));
 }
@@ -130,10 +130,10 @@ void cut_audit::put(const std::string &what, uint64_t usec) {
 }
 
 void cut_audit::phase::take(const cut_point &cut, uint64_t usec_busy, uint64_t *random) {
-  writes++;
+  ++writes;
   usec += usec_busy;
   if (cut.at_most != 0) {
-    writes_at_risk++;
+    ++writes_at_risk;
     usec_at_risk += usec_busy;
   }
   if (writes == 1) first = worst = cut;

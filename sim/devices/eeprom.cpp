@@ -86,14 +86,14 @@ void eeprom::stop() {
 // Whether programming makes a difference.
 bool eeprom::changes() const {
   const auto page = m_file.bytes().subspan(m_counter - m_counter % m_setup.chip.page, m_setup.chip.page);
-  for (size_t i = 0; i < page.size(); i++)
+  for (size_t i = 0; i < page.size(); ++i)
     if (m_written[i] && page[i] != m_page[i]) return true;
   return false;
 }
 
 void eeprom::program() {
   const auto page = m_file.bytes().subspan(m_counter - m_counter % m_setup.chip.page, m_setup.chip.page);
-  for (size_t i = 0; i < page.size(); i++)
+  for (size_t i = 0; i < page.size(); ++i)
     if (m_written[i]) program_byte(&page[i], m_page[i]);
   m_busy_polls = m_setup.busy_forever ? 1 : m_setup.busy_polls;
   m_usual_polls = usual_polls;

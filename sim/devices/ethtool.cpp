@@ -59,7 +59,7 @@ int self_test(const options &opts, std::string_view port, bool online) {
                          [&](const sub_test &test) { return result_of(opts, port, test, online); });
   const bool failed = std::ranges::any_of(results, [](uint64_t result) { return result != 0; });
   (void)std::printf("The test result is %s\nThe test extra info:\n", failed ? "FAIL" : "PASS");
-  for (size_t i = 0; i < results.size(); i++)
+  for (size_t i = 0; i < results.size(); ++i)
     (void)std::printf("%s\t %llu\n", sub_tests[i].text, static_cast<unsigned long long>(results[i]));
   (void)std::printf("\n");
   return failed ? 1 : 0;

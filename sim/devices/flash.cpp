@@ -534,7 +534,7 @@ void flash_model::tell_program(std::span<const word_load> words) const {
 void flash_model::tell_erase() const {
   uint32_t first = 0;
   while (!m_erasing_sectors[first])
-    first++;
+    ++first;
   uint32_t last = flash_sectors - 1;
   while (!m_erasing_sectors[last])
     last--;
@@ -551,7 +551,7 @@ void flash_model::open_window() {
 
 void flash_model::erase() {
   m_outcome = ending::success;
-  for (uint32_t sector = 0; sector < flash_sectors; sector++) {
+  for (uint32_t sector = 0; sector < flash_sectors; ++sector) {
     if (!m_erasing_sectors[sector]) continue;
     if (const auto *const hang = struck(fault_id::flash_erase_hangs, sector)) {
       m_outcome = hang->get("dq5") != 0 ? ending::failure : ending::never;

@@ -34,7 +34,7 @@ bool is_well_formed(const request_record &r) {
 }  // namespace
 
 int sprom_driver::ioctl(unsigned long request, void *arg) {
-  m_requests++;
+  ++m_requests;
   const auto *const refused = m_opts.find(fault_id::sprom_refuse);
   if (refused != nullptr && m_requests > refused->get("after") && refused->strikes()) return fail(refused->error());
   return answer(request, arg);

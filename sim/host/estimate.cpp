@@ -56,9 +56,9 @@ double trap_seconds() {
   (void)sigaction(SIGTRAP, &act, &found);
   // The shortest round is the one that nothing else interrupted.
   int64_t shortest = std::numeric_limits<int64_t>::max();
-  for (int round = 0; round < rounds; round++) {
+  for (int round = 0; round < rounds; ++round) {
     const int64_t began = monotonic_nsec();
-    for (int i = 0; i < traps; i++)
+    for (int i = 0; i < traps; ++i)
       asm volatile("int3" ::: "memory");
     shortest = std::min(shortest, monotonic_nsec() - began);
   }

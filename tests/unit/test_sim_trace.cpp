@@ -74,7 +74,7 @@ TEST(sim_trace, draws_waveforms_where_the_name_asks_for_them) {
     board.start({option.c_str()});  // as the next program of a run does
     map_window<uint16_t>(nvram1)[3] = static_cast<uint16_t>(word);
     auto levels = levels_of(board.contents("a.vcd"));
-    for (unsigned bit = 0; bit < 16; bit++) {
+    for (unsigned bit = 0; bit < 16; ++bit) {
       EXPECT_EQ(levels["d" + std::to_string(bit)] == '1', (word >> bit & 1U) != 0) << bit;
       EXPECT_EQ(levels["a" + std::to_string(bit)] == '1', (6U >> bit & 1U) != 0) << bit;
     }

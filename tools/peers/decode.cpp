@@ -38,7 +38,7 @@ std::array<uint8_t, slot> make_code() {
                                0xBE, 0xBF, 0xE4, 0xE5, 0xE6, 0xE7, 0xEC, 0xED, 0xEE, 0xEF, 0x8C, 0x8E};
   std::array<uint8_t, slot> code;
   code.fill(0x90);
-  for (size_t i = 0; i < longest; i++)
+  for (size_t i = 0; i < longest; ++i)
     code[i] = any();
   size_t at = 0;
   while (chance(3) && at < 4)
@@ -107,7 +107,7 @@ std::optional<reg_name> parse_register(std::string_view name) {
   constexpr std::string_view words[] = {"ax", "cx", "dx", "bx", "sp", "bp", "si", "di"};
   constexpr std::string_view low[] = {"al", "cl", "dl", "bl", "spl", "bpl", "sil", "dil"};
   constexpr std::string_view high[] = {"ah", "ch", "dh", "bh"};
-  for (unsigned i = 0; i < 8; i++) {
+  for (unsigned i = 0; i < 8; ++i) {
     if (name == words[i]) return reg_name{i, 16, false};
     if (name == low[i]) return reg_name{i, 8, false};
     if (i < 4 && name == high[i]) return reg_name{i, 8, true};
@@ -180,7 +180,7 @@ struct { const char *what; uint64_t seen; } left[kinds]{
 // clang-format on
 
 std::optional<kind> why_left(const uint8_t *code, bool is_64, const text_insn &insn) {
-  for (const uint8_t *at = code;; at++) {
+  for (const uint8_t *at = code;; ++at) {
     const bool rex = is_64 && (*at & 0xF0U) == 0x40;
     const bool prefix = (*at & 0xE7U) == 0x26 || *at == 0x66 || *at == 0x67;
     if (*at == 0x64 || *at == 0x65) return segment_base;
@@ -232,7 +232,7 @@ std::string compare(const sim::insn &ours, const text_insn &text, const sim::cpu
 class comparison {
  public:
   explicit comparison(bool is_64) : m_is_64(is_64) {
-    for (size_t i = 0; i < m_regs.gpr.size(); i++)
+    for (size_t i = 0; i < m_regs.gpr.size(); ++i)
       m_regs.gpr[i] = (i + 3) * 0x0102030405060708U >> (is_64 ? 0U : 32U);
   }
   void run(size_t count);
@@ -250,10 +250,10 @@ void comparison::take(size_t at, const std::array<uint8_t, slot> &code, const st
   const text_insn text = parse_line(line);
   std::string why;
   if (sim::decode(code.data(), m_is_64 ? sim::word_size::bits64 : sim::word_size::bits32, m_regs, &ours)) {
-    known++;
+    ++known;
     why = compare(ours, text, m_regs, m_is_64);
   } else {
-    others++;
+    ++others;
     const bool plain = is_move(text) && (text.words.back() == "in" || text.words.back() == "out" ||
                                          is_memory(text.operands[0]) || is_memory(text.operands[1]));
     if (!plain) return;

@@ -110,7 +110,7 @@ obfl_addr_t somewhere(uint64_t *random, uint32_t sector) {
 words use_sector(uint32_t sector, obfl_timeout_t times, uint64_t random) {
   std::vector<obfl_addr_t> at;
   words data;
-  for (int group = 0; group < 40; group++) {
+  for (int group = 0; group < 40; ++group) {
     obfl_addr_t next = somewhere(&random, sector);
     const uint64_t length = 1 + sim::random_next(&random) % 20;
     for (uint64_t i = 0; i < length && next.addr % peers_sector_bytes != peers_sector_bytes - 2; i++, next.addr += 2) {
@@ -121,7 +121,7 @@ words use_sector(uint32_t sector, obfl_timeout_t times, uint64_t random) {
   // What is written twice would have bits that go back to 1.
   const auto count = static_cast<uint32_t>(at.size());
   const auto twice = [&](const obfl_addr_t &a) { return std::ranges::count(at, a.addr, &obfl_addr_t::addr) > 1; };
-  for (uint32_t i = 0; i < count; i++)
+  for (uint32_t i = 0; i < count; ++i)
     if (twice(at[i])) data[i] = 0x55AA;
 
   words read(3 * count);

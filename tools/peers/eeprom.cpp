@@ -62,7 +62,7 @@ class peers_bus final : public bus {
   uint8_t get(bool last) override {
     move(sda, true);
     unsigned byte = 0;
-    for (int bit = 0; bit < 8; bit++)
+    for (int bit = 0; bit < 8; ++bit)
       byte = byte << 1U | (clock(true) ? 1U : 0U);
     move(sda, last);
     (void)clock(false);
@@ -153,7 +153,7 @@ void comparison::start(uint8_t address, bool reading) {
   if (!ours && peers) {
     // A write cycle of the usual length.
     ours = !m_ours.start(address, reading) && m_ours.start(address, reading);
-    differences[write_cycle].seen++;
+    ++differences[write_cycle].seen;
   }
   expect(ours == peers, "acknowledge of the address", address, ours, peers);
 }
@@ -167,7 +167,7 @@ void comparison::put(uint8_t byte) {
 void comparison::stop() {
   m_ours.stop();
   m_peer.stop();
-  m_transactions++;
+  ++m_transactions;
 }
 
 void comparison::address(size_t at) {
@@ -178,11 +178,11 @@ void comparison::address(size_t at) {
 
 void comparison::get(size_t at, size_t length) {
   start(chip, true);
-  for (size_t i = 1; i <= length; i++) {
+  for (size_t i = 1; i <= length; ++i) {
     const uint8_t ours = m_ours.get(i == length);
     const uint8_t peers = m_peer.get(i == length);
     expect(ours == peers, "data", at + i - 1, ours, peers);
-    m_read++;
+    ++m_read;
   }
   stop();
 }
@@ -224,7 +224,7 @@ void comparison::write_over_the_end() {
     const uint8_t written = where == start_of_page ? ours : peers;
     expect(written == 0x33, "data over the end of a page", where, ours, peers);
   }
-  differences[page_wrap].seen++;
+  ++differences[page_wrap].seen;
   make_same(start_of_page);
   make_same(start_of_page + page);
 }
@@ -245,7 +245,7 @@ void comparison::write_without_stop() {
   const uint8_t peers = m_peer.get(true);
   stop();
   expect(ours == before && peers == static_cast<uint8_t>(~before), "data without a stop", at, ours, peers);
-  differences[no_stop].seen++;
+  ++differences[no_stop].seen;
   make_same(at);
 }
 
@@ -264,7 +264,7 @@ void comparison::read_behind_half_an_address() {
   (void)m_peer.get(true);
   stop();
   expect(ours == next && peers == 0xFF, "data behind half an address", 0, ours, peers);
-  differences[half_address].seen++;
+  ++differences[half_address].seen;
 }
 
 void comparison::run(uint64_t transactions) {

@@ -151,7 +151,7 @@ comparison::comparison(const std::string &image, uint64_t seed)
 void comparison::write(place at, uint16_t data) {
   m_model.write(at.ours(), data);
   m_peer.write('w', at.peers(), data);
-  m_cycles++;
+  ++m_cycles;
 }
 
 // Command cycles, with anything on the lines that they do not look at.
@@ -170,8 +170,8 @@ void comparison::expect(bool same, const char *what, place at, uint16_t ours, ui
 void comparison::compare(place at) {
   const uint16_t ours = m_model.read(at.ours());
   const auto peers = static_cast<uint16_t>(m_peer.read('w', at.peers()));
-  m_cycles++;
-  m_reads++;
+  ++m_cycles;
+  ++m_reads;
   expect(ours == peers, "data", at, ours, peers);
 }
 
@@ -185,8 +185,8 @@ void comparison::status(place at) {
   const bool inside = std::ranges::find(m_erasing, at.sector) != m_erasing.end();
   const uint16_t ours = m_model.read(at.ours());
   const auto peers = static_cast<uint16_t>(m_peer.read('w', at.peers()));
-  m_cycles++;
-  m_status_reads++;
+  ++m_cycles;
+  ++m_status_reads;
   constexpr unsigned toggling = dq2 | dq6;
   expect((ours & ~toggling) == (peers & ~toggling), "status", at, ours, peers);
   const unsigned change = ours ^ m_last.ours;
@@ -224,7 +224,7 @@ void comparison::finish() {
     while ((m_peer.read('w', at.peers()) & dq7) == 0) {
     }
     m_peer.stop();
-    differences[free_times].seen++;
+    ++differences[free_times].seen;
   }
   m_erasing.clear();
   forget_status();
@@ -250,12 +250,12 @@ void comparison::do_program() {
   const place at = anywhere();
   give(program);
   write(at, chance(8) ? 0xFFFF : static_cast<uint16_t>(number(0x10000)));
-  m_programs++;
+  ++m_programs;
   finish();
   (void)m_model.read(at.ours());
   if (!m_model.reads_array()) {
     expect((m_model.read(at.ours()) & dq5) != 0, "DQ5", at, 0, 0);
-    differences[ones_refused].seen++;
+    ++differences[ones_refused].seen;
     write(at, 0xF0);
   }
   compare(at);
@@ -275,7 +275,7 @@ void comparison::do_query() {
   const bool in_autoselect = chance(3);
   if (in_autoselect) give(autoselect);
   give({{0x055, 0x98}});
-  m_queries++;
+  ++m_queries;
   for (uint32_t reads = 1 + number(12); reads != 0; reads--) {
     const place at{number(sectors), 0x10 + number(0x41)};
     if (std::ranges::find(other_words, at.word) == std::end(other_words)) {
@@ -284,9 +284,9 @@ void comparison::do_query() {
     }
     const uint16_t ours = m_model.read(at.ours());
     const auto peers = static_cast<uint16_t>(m_peer.read('w', at.peers()));
-    m_cycles++;
+    ++m_cycles;
     expect(ours != peers, "query, which both have,", at, ours, peers);
-    differences[other_chip].seen++;
+    ++differences[other_chip].seen;
   }
   write(anywhere(), 0xF0);
   if (in_autoselect) {
@@ -298,7 +298,7 @@ void comparison::do_query() {
 
 void comparison::do_autoselect() {
   give(autoselect);
-  m_queries++;
+  ++m_queries;
   compare({number(sectors), 2});  // no sector is protected
   const place codes[] = {{number(sectors), 0}, {number(sectors), 1}, {number(8) * 73, 0x20 + number(0x20)}};
   const uint16_t array = sim::word_get(m_contents, codes[2].ours());
@@ -326,11 +326,11 @@ void comparison::break_off() {
   const auto sectors_begun = std::exchange(m_erasing, {});
   forget_status();
   write(anywhere(), chance(2) ? 0xF0 : 0xAA);
-  for (int i = 0; i < 4; i++) {
+  for (int i = 0; i < 4; ++i) {
     const place at = i == 0 ? marked : anywhere();
     const uint16_t here = m_model.read(at.ours());
     const auto there = static_cast<uint16_t>(m_peer.read('w', at.peers()));
-    m_cycles++;
+    ++m_cycles;
     const bool begun = std::ranges::find(sectors_begun, at.sector) != sectors_begun.end();
     expect(here == sim::word_get(m_contents, at.ours()), "kept data", at, here, there);
     expect(there == (begun ? 0xFFFF : here), "data after an erase broken off", at, here, there);
@@ -353,22 +353,22 @@ void comparison::do_erase() {
     m_erasing.push_back(at.sector);
     watch_erase();
   }
-  m_erases++;
+  ++m_erases;
   if (chance(4)) return break_off();
   close_window();
   watch_erase();
   if (!m_erasing.empty() && chance(2)) write(anywhere(), chance(2) ? 0xF0 : 0xAA);
   watch_erase();
   finish();
-  for (int i = 0; i < 4; i++)
+  for (int i = 0; i < 4; ++i)
     compare(anywhere());
 }
 
 void comparison::do_chip_erase() {
   give(erase);
   give({{0x555, 0x10}});
-  m_erases++;
-  for (uint32_t s = 0; s < sectors; s++)
+  ++m_erases;
+  for (uint32_t s = 0; s < sectors; ++s)
     m_erasing.push_back(s);
   close_window();
   watch_erase();
@@ -387,7 +387,7 @@ void comparison::do_wrong() {
   constexpr uint8_t codes[] = {0xAA, 0x55, 0x80, 0x90, 0x98, 0xA0, 0xF0, 0x00, 0xFF, 0x70};
   constexpr uint32_t words[] = {0x555, 0x2AA, 0x055, 0x000, 0x554};
   give({{chance(3) ? number(0x800) : words[number(5)], codes[number(10)]}});
-  m_wrong++;
+  ++m_wrong;
   settle();
 }
 
@@ -402,7 +402,7 @@ void comparison::do_altered() {
     altered.code ^= static_cast<uint8_t>(1U << number(4));
   give(all);
   write(anywhere(), 0x0030);
-  m_wrong++;
+  ++m_wrong;
   compare_some(2);
   settle();
 }
@@ -419,13 +419,13 @@ void comparison::show_program_status() {
   const uint16_t array = m_model.read(at.ours());
   const auto peers = static_cast<uint16_t>(m_peer.read('w', at.peers()));
   expect(array == 0xFFFF && peers != 0xFFFF, "read before the data", at, array, peers);
-  differences[setup_read].seen++;
+  ++differences[setup_read].seen;
   write(at, 0x0080);
   const uint16_t first = m_model.read(at.ours());
   const uint16_t second = m_model.read(at.ours());
   expect((first & dq7) == 0 && ((first ^ second) & dq6) != 0, "status of a program", at, first, second);
   expect(m_peer.read('w', at.peers()) == 0x0080, "program", at, first, 0);
-  differences[busy_program].seen++;
+  ++differences[busy_program].seen;
   finish();
   compare(at);
 }
@@ -451,7 +451,7 @@ void comparison::show_out_of_order() {
   const uint16_t ours = m_model.read(place{511, 0x10}.ours());
   const auto peers = static_cast<uint16_t>(m_peer.read('w', place{511, 0x10}.peers()));
   expect(ours != 'Q' && peers == 'Q', "a command after a cycle out of order", at, ours, peers);
-  differences[out_of_order].seen++;
+  ++differences[out_of_order].seen;
   settle();
 }
 
@@ -481,7 +481,7 @@ void comparison::run(uint64_t cycles_wanted) {
 
 void comparison::compare_contents() {
   settle();
-  for (uint32_t s = 0; s < sectors; s++) {
+  for (uint32_t s = 0; s < sectors; ++s) {
     const auto *const ours = &m_contents[s * sim::flash_sector_bytes];
     const auto peers = m_peer.read_bytes(place{s, 0}.peers(), sector_words * 2);
     if (!std::equal(peers.begin(), peers.end(), ours)) expect(false, "contents", {s, 0}, 0, 0);
