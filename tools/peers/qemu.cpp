@@ -49,6 +49,7 @@ const int said = memfd_create("qemu", 0);
   (void)prctl(PR_SET_PDEATHSIG, SIGKILL);
   (void)dup2(said, STDERR_FILENO);
   std::vector<char *> argv;
+  argv.reserve(args.size() + 1);
   for (std::string &arg : args)
     argv.push_back(arg.data());
   argv.push_back(nullptr);
@@ -75,7 +76,7 @@ void qemu::line::send(const std::string &text) {
 std::string qemu::line::receive() {
   for (;;) {
     if (const size_t end = m_received.find('\n'); end != std::string::npos) {
-      const std::string text = m_received.substr(0, end);
+      std::string text = m_received.substr(0, end);
       m_received.erase(0, end + 1);
       return text;
     }
