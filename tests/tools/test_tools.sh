@@ -60,7 +60,7 @@ END
 }
 
 arguments() {
-  for tool in run-tests run-fuzz run-peers check-style check-packages coverage cut-audit mutate bench; do
+  for tool in run-tests run-fuzz run-peers run-load check-style check-packages coverage cut-audit mutate bench; do
     expect 0 "Usage: tools/$tool" "$checkout/tools/$tool" --help
     expect 2 "Try 'tools/$tool --help'." "$checkout/tools/$tool" --no-such-option
   done
