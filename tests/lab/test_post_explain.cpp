@@ -10,7 +10,6 @@
 #include "tests/support/run.h"
 
 using nlohmann::json;
-using testing::AnyOf;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -223,19 +222,6 @@ TEST_F(post_explain, ends_with_its_status_and_says_why) {
     EXPECT_THAT(ran.err, HasSubstr(err)) << args;
     EXPECT_EQ(ran.err.empty(), status != 2) << args;
   }
-}
-
-TEST_F(post_explain, has_its_options_in_manual_and_completion) {
-  const std::string help = sh("post-explain --help").out;
-  const std::string manual = read_file(LAB_TESTS_DIR "/../../docs/post-explain.1");
-  const std::string completion = read_file(LAB_TESTS_DIR "/../../tools/completion/post-explain");
-  const std::regex option(R"(\n  (?:-\w,)?--([a-z]+))");
-  size_t count = 0;
-  for (std::sregex_iterator at(help.begin(), help.end(), option), end; at != end; ++at, ++count) {
-    EXPECT_THAT(manual, AnyOf(HasSubstr(".It Fl -" + at->str(1)), HasSubstr(" , -" + at->str(1))));
-    EXPECT_THAT(completion, HasSubstr("--" + at->str(1)));
-  }
-  EXPECT_EQ(count, 6U);
 }
 
 }  // namespace

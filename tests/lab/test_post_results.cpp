@@ -276,7 +276,7 @@ TEST_F(post_results, ends_with_its_status_and_says_why) {
 
 // Of each program here: how many options its help has.
 TEST_F(post_results, and_its_neighbours_have_their_options_in_manual_and_completion) {
-  for (const auto &[name, options] : {std::pair{"post-results", 9}, {"post-campaign", 29}}) {
+  for (const auto &[name, options] : {std::pair{"post-results", 9}, {"post-explain", 6}, {"post-campaign", 29}}) {
     const std::string program = name, help = sh(program + " --help").out;
     const std::string manual = read_file(LAB_TESTS_DIR "/../../docs/" + program + ".1");
     const std::string source = shell_word(LAB_TESTS_DIR "/../../tools/completion/" + program);
