@@ -45,7 +45,7 @@ function(post_test name)
 endfunction()
 
 # post_fuzz(NAME SOURCES files... LIBS targets... OPTIONS link options...): the fuzzer fuzz_NAME. The preset fuzz makes
-# it with libFuzzer, for tools/run-fuzz; the others make a test of it that replays fuzz/corpus/NAME.
+# it with libFuzzer, for tools/run-fuzz; asan and coverage make a test of it that replays fuzz/corpus/NAME.
 function(post_fuzz name)
   cmake_parse_arguments(arg "" "" "SOURCES;LIBS;OPTIONS" ${ARGN})
   add_executable(fuzz_${name} ${arg_SOURCES})
