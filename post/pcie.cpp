@@ -81,13 +81,14 @@ int32_t pciscan_test(uint32_t *fail_mask) {
   if (const int32_t status = pci_scan_devices(); status != 0) return status;
   if (const uint32_t status = pfm_get_card_index(&card_index); status != 0) return static_cast<int32_t>(status);
 
+  const uint64_t change_bits = dorvan_post_hw_change_bits_get();
   const dorvan_card_t *const card = dorvan_card(card_index);
   if (card == nullptr) {
     puts("Invalid card detected");
     report_detection();
     return 1;
   }
-  const auto table = dorvan_pci_functions(*card, dorvan_post_hw_change_bits_get());
+  const auto table = dorvan_pci_functions(*card, change_bits);
   bool failed = false;
   for (size_t i = 0; i < table.size(); ++i) {
     if (pci_find_device(&table[i]) == 0) continue;
