@@ -217,14 +217,16 @@ std::string device_text(const smb_dev_t &dev) {
 }
 
 std::string place_text(const entry_t &entry) {
-  if (!entry.slot) return "";
-  return "slot " + std::to_string(*entry.slot) +
-         (entry.index ? ", index " + std::to_string(*entry.index) : std::string{});
+  std::string text;
+  if (entry.slot) text = "slot " + std::to_string(*entry.slot);
+  if (entry.slot && entry.index) text += ", index " + std::to_string(*entry.index);
+  return text;
 }
 
 std::string label_of(const entry_t &entry) {
-  const std::string place = place_text(entry);
-  return std::string{entry.sprom->name} + " (" + place + (place.empty() ? "" : ", ") + device_text(entry.dev()) + ")";
+  std::string place = place_text(entry);
+  if (!place.empty()) place += ", ";
+  return std::string{entry.sprom->name} + " (" + place + device_text(entry.dev()) + ")";
 }
 
 hazard reading_hazard(const entry_t &entry, std::string &others) {

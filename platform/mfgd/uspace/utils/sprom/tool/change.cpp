@@ -61,7 +61,9 @@ std::string default_backup(const target_t &target, const image_t &image) {
   (void)strftime(stamp.data(), stamp.size(), "-%Y%m%d-%H%M%S", localtime_r(&now, &local));
   name += stamp.data();
   for (int number = 1;; ++number) {
-    std::string path = name + (number == 1 ? "" : "-" + std::to_string(number)) + ".bin";
+    std::string path = name;
+    if (number != 1) path += "-" + std::to_string(number);
+    path += ".bin";
     const int error = create_file(path, image);
     if (error == 0) return path;
     if (error == EEXIST) continue;

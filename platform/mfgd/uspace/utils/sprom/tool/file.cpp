@@ -56,7 +56,8 @@ int fill_and_rename(const std::string &temporary, const std::string &path, mode_
 
 std::string directory_of(const std::string &path) {
   const size_t slash = path.rfind('/');
-  return slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  if (slash == std::string::npos) return ".";
+  return path.substr(0, slash + 1);
 }
 
 // What a link says; nothing if the path is no link.
@@ -65,13 +66,15 @@ std::optional<std::string> link_target(const std::string &path) {
   const ssize_t length = readlink(path.c_str(), text.data(), text.size());
   if (length < 0) return std::nullopt;
   const std::string target{text.data(), static_cast<size_t>(length)};
-  return target.starts_with('/') ? target : directory_of(path) + "/" + target;
+  if (target.starts_with('/')) return target;
+  return directory_of(path) + "/" + target;
 }
 
 // The links below /proc name what is open, whatever their text says.
 bool is_in_proc(const std::string &path) {
+  const std::string directory = directory_of(path);
   struct statfs fs;
-  return statfs(directory_of(path).c_str(), &fs) == 0 && fs.f_type == PROC_SUPER_MAGIC;
+  return statfs(directory.c_str(), &fs) == 0 && fs.f_type == PROC_SUPER_MAGIC;
 }
 
 // Where a path leads, over links that may dangle; `is_descriptor` if it ends in a link that names an open file.
@@ -102,7 +105,8 @@ bool is_own_descriptor(const std::string &path, const struct stat &st) {
 }  // namespace
 
 std::string file_label(const std::string &path) {
-  return path == standard_stream ? "standard input" : shown(path);
+  if (path == standard_stream) return "standard input";
+  return shown(path);
 }
 
 int read_file(const std::string &path, size_t limit, std::vector<uint8_t> &data) {

@@ -78,8 +78,10 @@ void print_help() {
   }
   (void)printf(".\n\nOptions:\n");
   for (const option_row_t &row : option_rows) {
-    const std::string letter = row.value < LONG_FORCE ? std::string{'-', static_cast<char>(row.value), ','} : "   ";
-    const std::string name = std::string{row.name} + (row.arg == nullptr ? "" : std::string{"="} + row.arg);
+    std::string letter = "   ";
+    if (row.value < LONG_FORCE) letter = {'-', static_cast<char>(row.value), ','};
+    std::string name = row.name;
+    if (row.arg != nullptr) name = name + "=" + row.arg;
     (void)printf("  %s --%-20s %s\n", letter.c_str(), name.c_str(), row.help);
   }
   (void)printf(

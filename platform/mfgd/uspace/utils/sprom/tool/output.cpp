@@ -147,7 +147,7 @@ capture_t::~capture_t() {
 
 std::string capture_t::take() {
   restore();
-  return m_text == nullptr ? std::string{} : std::string{m_text, m_size};
+  return {m_text, m_size};  // of no text none
 }
 
 void capture_t::restore() {

@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <errno.h>
 
+#include <optional>
 #include <string>
 
 #include "platform/mfgd/uspace/utils/sprom/sse_dev.h"
@@ -28,9 +29,11 @@ service_t load() {
   return {call, reinterpret_cast<decltype(&sse_route)>(dlsym(library, "sse_route"))};
 }
 
+constinit std::optional<service_t> loaded;
+
 const service_t &service() {
-  static const service_t loaded = load();
-  return loaded;
+  if (!loaded) loaded = load();
+  return *loaded;
 }
 
 constinit uint32_t done = 0;
@@ -39,16 +42,19 @@ std::string device;  // of the next transaction, for messages
 std::string bytes_of(const sse_req_t &req) {
   const std::span data{req.data, req.xfer == SSE_XFER_WORD_DATA ? 2U : 1U};
   const auto command = static_cast<uint8_t>(req.cmd);
-  return (req.xfer == SSE_XFER_BYTE ? "" : hex_bytes({&command, 1}, "") + " ") + hex_bytes(data, " ");
+  std::string bytes;
+  if (req.xfer != SSE_XFER_BYTE) bytes = hex_bytes({&command, 1}, "") + " ";
+  return bytes + hex_bytes(data, " ");
 }
 
 // The single bytes of an EEPROM's read are told by their number, by who reads.
 void tell(uint32_t op, const sse_req_t &req, int32_t result) {
   const bool is_read = op == SSE_OP_I2C_READ;
   if (!are_steps_told() || (is_read && req.xfer == SSE_XFER_BYTE && result >= 0)) return;
-  const std::string bytes = is_read && result < 0 ? "" : " " + bytes_of(req);
-  tell_step("%s: %s%s%s%s", device.c_str(), is_read ? "read" : "write", bytes.c_str(), result < 0 ? ": " : "",
-            result < 0 ? error_text(result).c_str() : "");
+  std::string step = device + (is_read ? ": read" : ": write");
+  if (!is_read || result >= 0) step += " " + bytes_of(req);
+  if (result < 0) step += ": " + error_text(result);
+  tell_step("%s", step.c_str());
 }
 
 }  // namespace

@@ -56,13 +56,16 @@ void print_list(const std::vector<list_row_t> &rows) {
   (void)printf("%-12s %5s %6s  %-5s %5s  %-17s %s\n", "NAME", "SLOT", "INDEX", "KIND", "SIZE", "DEVICE", "STATE");
   for (const auto &[target, reading] : rows) {
     const auto &entry = target.entry;
-    const bool has_slot = entry && entry->slot;
-    const std::string slot = has_slot ? std::to_string(*entry->slot) : "-";
-    const std::string index = !has_slot ? "-" : entry->index ? std::to_string(*entry->index) : "any";
-    const std::string size = target.kind->size == 0 ? "-" : std::to_string(target.kind->size);
-    (void)printf("%-12s %5s %6s  %-5s %5s  %-17s %s\n", entry ? entry->sprom->name : shown(target.path).c_str(),
-                 slot.c_str(), index.c_str(), target.kind->name, size.c_str(),
-                 entry ? device_text(entry->dev()).c_str() : "-", reading ? presence_word(reading->what) : "-");
+    std::string slot = "-", index = "-", size = "-", device = "-";
+    if (entry) device = device_text(entry->dev());
+    if (entry && entry->slot) {
+      slot = std::to_string(*entry->slot);
+      index = "any";
+      if (entry->index) index = std::to_string(*entry->index);
+    }
+    if (target.kind->size != 0) size = std::to_string(target.kind->size);
+    (void)printf("%-12s %5s %6s  %-5s %5s  %-17s %s\n", shown(target.name()).c_str(), slot.c_str(), index.c_str(),
+                 target.kind->name, size.c_str(), device.c_str(), reading ? presence_word(reading->what) : "-");
   }
 }
 

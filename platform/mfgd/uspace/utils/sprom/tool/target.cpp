@@ -79,13 +79,15 @@ reading_t try_bytes(const options_t &options, const target_t &target, std::span<
 }  // namespace
 
 std::string target_t::name() const {
-  return entry ? entry->sprom->name : path;
+  if (entry) return entry->sprom->name;
+  return path;
 }
 
 std::string target_t::label() const {
   if (entry) return label_of(*entry);
-  const bool is_whole = file.content.size() == kind->size;
-  return file_label(path) + (is_whole ? "" : " (" + std::string{kind->title} + " image)");
+  std::string text = file_label(path);
+  if (file.content.size() != kind->size) text = text + " (" + kind->title + " image)";
+  return text;
 }
 
 const family_t *find_family(const options_t &options) {
@@ -182,8 +184,8 @@ exit_code check_writing(const options_t &options, const target_t &target) {
 exit_code save_image(const std::string &path, std::span<const uint8_t> bytes) {
   const int error = write_file(path, bytes);
   if (error == 0) return EXIT_OK;
-  complain("%s: cannot write: %s", path == standard_stream ? "standard output" : shown(path).c_str(),
-           error_text(error).c_str());
+  const std::string label = path == standard_stream ? std::string{"standard output"} : shown(path);
+  complain("%s: cannot write: %s", label.c_str(), error_text(error).c_str());
   return EXIT_FAILED;
 }
 
