@@ -2,23 +2,18 @@
 //
 // QEMU's chip has no write buffer, so on their way to it the cycles of a buffer's program become one program for each
 // word (Spansion S29GL-N data sheet, "Word Program Command Sequence"). Of each sector the half is used that both have.
-#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
-#include <filesystem>
-#include <vector>
 
 #include "platform/mfgd/cmn_lib/diag_util/spin.h"
 #include "platform/mfgd/cmn_lib/hw_acc/hw_err.h"
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_acc.h"
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_pci_velto_or.h"
 #include "platform/mfgd/cmn_lib/hw_acc/obfl/obfl_acc.h"
-#include "sim/board/random.h"
 #include "sim/devices/flash.h"
-#include "tools/peers/qemu.h"
+#include "tools/peers/compare.h"
 
 namespace {
 
@@ -49,8 +44,7 @@ constexpr uint32_t peers_bytes = sim::flash_sectors * peers_sector_bytes;
 
 class peers_chip final : public chip {
  public:
-  explicit peers_chip(const std::string &image)
-      : m_machine("qemu-system-arm", {"-M", "musicpal", "-drive", "if=pflash,format=raw,file=" + image}) {
+  peers_chip() {
     m_machine.write('l', 0, 0xEAFFFFFE);  // an endless loop
     m_machine.run();
   }
@@ -82,7 +76,10 @@ class peers_chip final : public chip {
     m_machine.write('w', place(offset), data);
   }
 
-  qemu m_machine;
+  // All zeros: the first erase has something to do.
+  qemu m_machine{
+      "qemu-system-arm",
+      {"-M", "musicpal", "-drive", "if=pflash,format=raw,file=" + make_file(std::vector<uint8_t>(peers_bytes))}};
   bool m_unlocked = false;
   bool m_count_is_next = false;
   uint32_t m_words_left = 0;
@@ -100,18 +97,14 @@ uint32_t bus_write(uint32_t /*inst*/, uint32_t offset, uint32_t data, void * /*p
 
 using words = std::vector<uint16_t>;
 
-obfl_addr_t somewhere(uint64_t *random, uint32_t sector) {
-  obfl_addr_t at{};
-  at.addr = sector * OBFL_SECTOR_SIZE + static_cast<uint32_t>(sim::random_next(random)) % peers_sector_bytes / 2 * 2;
-  return at;
-}
-
 // Erases the sector, writes groups of words, erases again. Returns what was read after each.
 words use_sector(uint32_t sector, obfl_timeout_t times, uint64_t random) {
   std::vector<obfl_addr_t> at;
   words data;
   for (int group = 0; group < 40; ++group) {
-    obfl_addr_t next = somewhere(&random, sector);
+    obfl_addr_t next{};
+    next.addr =
+        sector * OBFL_SECTOR_SIZE + static_cast<uint32_t>(sim::random_next(&random)) % peers_sector_bytes / 2 * 2;
     const uint64_t length = 1 + sim::random_next(&random) % 20;
     for (uint64_t i = 0; i < length && next.addr % peers_sector_bytes != peers_sector_bytes - 2; i++, next.addr += 2) {
       at.push_back(next);
@@ -120,32 +113,23 @@ words use_sector(uint32_t sector, obfl_timeout_t times, uint64_t random) {
   }
   // What is written twice would have bits that go back to 1.
   const auto count = static_cast<uint32_t>(at.size());
-  const auto twice = [&](const obfl_addr_t &a) { return std::ranges::count(at, a.addr, &obfl_addr_t::addr) > 1; };
   for (uint32_t i = 0; i < count; ++i)
-    if (twice(at[i])) data[i] = 0x55AA;
+    if (std::ranges::count(at, at[i].addr, &obfl_addr_t::addr) > 1) data[i] = 0x55AA;
 
   words read(3 * count);
-  words status;
+  const auto done = [](uint32_t status) {
+    if (status != HW_SUCCESS) give_up("driver: an operation failed");
+  };
   obfl_addr_t start{};
   start.addr = sector * OBFL_SECTOR_SIZE;
-  status.push_back(static_cast<uint16_t>(obfl_sector_erase(0, start, times)));
+  done(obfl_sector_erase(0, start, times));
   obfl_rd_array(0, count, at.data(), read.data());
-  status.push_back(static_cast<uint16_t>(obfl_wr_array(0, count, at.data(), data.data(), times)));
+  done(obfl_wr_array(0, count, at.data(), data.data(), times));
   obfl_rd_array(0, count, at.data(), read.data() + count);
   if (!std::equal(data.begin(), data.end(), read.begin() + count)) give_up("driver: other words than it wrote");
-  status.push_back(static_cast<uint16_t>(obfl_sector_erase(0, start, times)));
+  done(obfl_sector_erase(0, start, times));
   obfl_rd_array(0, count, at.data(), read.data() + 2 * count);
-  if (std::ranges::count(status, HW_SUCCESS) != 3) give_up("driver: an operation failed");
   return read;
-}
-
-std::string make_image() {
-  std::string path = std::filesystem::temp_directory_path() / "flash-XXXXXX";
-  const int fd = mkstemp(path.data());
-  // All zeros: the first erase has something to do.
-  if (fd < 0 || ftruncate(fd, peers_bytes) != 0) give_up(path + ": cannot be written");
-  (void)close(fd);
-  return path;
 }
 
 }  // namespace
@@ -179,15 +163,13 @@ void __wrap_diag_spin_usec(uint32_t usec) {
 int main(int argc, char **argv) {
   if (argc != 2) give_up("usage: peer_driver SEED");
   const uint64_t seed = std::strtoull(argv[1], nullptr, 0);
-  const std::string image = make_image();
   our_chip ours;
-  peers_chip peers(image);
+  peers_chip peers;
   fitted = &ours;
   if (obfl_sw_init() != HW_SUCCESS) give_up("driver: no start");
   const obfl_timeout_t times = get_timeout_val(0);
   fitted = &peers;
   const obfl_timeout_t their_times = get_timeout_val(0);
-  (void)unlink(image.c_str());
   // As its query says: 2^9 ms and 2^10 times that; 2^0 µs, no write buffer.
   if (their_times.typ_erase_ms != 512 || their_times.max_erase_ms != 524288 || their_times.typ_wr_us != 1 ||
       their_times.max_wr_us != 1)

@@ -1,17 +1,11 @@
 // The model of the AT24C512 beside QEMU's at24c-eeprom, byte by byte on a bus whose two lines are moved one by one.
 // What both have is driven at random; what they do otherwise stands in the list `differences` and must be seen.
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <string>
-#include <vector>
 
-#include "sim/board/random.h"
 #include "sim/devices/eeprom.h"
-#include "tools/peers/qemu.h"
+#include "tools/peers/compare.h"
 
 namespace {
 
@@ -19,39 +13,18 @@ constexpr uint8_t chip = 0x50;
 constexpr uint8_t nobody = 0x51;
 constexpr size_t page = sim::at24c512.page;
 
-// Whoever serves transactions, start by start and byte by byte.
-class bus {
+// The lines of the board versatilepb: writing sets those named at one register, clears them at the next. Bytes that are
+// sent return whether they were acknowledged.
+class peers_bus {
  public:
-  virtual ~bus() = default;
-  virtual bool start(uint8_t address, bool reading) = 0;  // both return whether it was acknowledged
-  virtual bool put(uint8_t byte) = 0;
-  virtual uint8_t get(bool last) = 0;
-  virtual void stop() = 0;
-};
-
-class our_bus final : public bus {
- public:
-  explicit our_bus(sim::i2c_device *device) : m_device(device) {}
-  bool start(uint8_t address, bool reading) override { return address == chip && m_device->start(reading); }
-  bool put(uint8_t byte) override { return m_device->write(byte); }
-  uint8_t get(bool /*last*/) override { return m_device->read(); }
-  void stop() override { m_device->stop(); }
-
- private:
-  sim::i2c_device *m_device;
-};
-
-// The lines of the board versatilepb: writing sets those named at one register, clears them at the next.
-class peers_bus final : public bus {
- public:
-  bool start(uint8_t address, bool reading) override {
+  bool start(uint8_t address, bool reading) {
     move(sda, true);
     move(scl, true);
     move(sda, false);
     move(scl, false);
     return put(static_cast<uint8_t>(address << 1U | (reading ? 1U : 0U)));
   }
-  bool put(uint8_t byte) override {
+  bool put(uint8_t byte) {
     for (unsigned bit = 8; bit-- != 0;) {
       move(sda, (byte >> bit & 1U) != 0);
       (void)clock(false);
@@ -59,7 +32,7 @@ class peers_bus final : public bus {
     move(sda, true);
     return !clock(true);
   }
-  uint8_t get(bool last) override {
+  uint8_t get(bool last) {
     move(sda, true);
     unsigned byte = 0;
     for (int bit = 0; bit < 8; ++bit)
@@ -68,7 +41,7 @@ class peers_bus final : public bus {
     (void)clock(false);
     return static_cast<uint8_t>(byte);
   }
-  void stop() override {
+  void stop() {
     move(sda, false);
     move(scl, true);
     move(sda, true);
@@ -97,215 +70,191 @@ class peers_bus final : public bus {
 // clang-format off
 // "SHEET" is the data sheet of the AT24C512 (Atmel).
 enum difference { page_wrap, write_cycle, no_stop, half_address, count };
-struct reason { const char *what; const char *why; uint64_t seen; };
-reason differences[count]{
+listed differences[count]{
     {"data beyond the end of a page: at its start here, in the next page there",
-     "the counter rolls over within the page: SHEET 'Page Write'", 0},
+     "the counter rolls over within the page: SHEET 'Page Write'"},
     {"the chip after a write: answers to the third start here, to the first there",
-     "inputs are off during the write cycle: SHEET 'Byte Write', 'Acknowledge Polling'", 0},
-    {"data that a start follows and no stop: lost here, written there", "the stop begins the write cycle: SHEET 'Byte Write'", 0},
+     "inputs are off during the write cycle: SHEET 'Byte Write', 'Acknowledge Polling'"},
+    {"data that a start follows and no stop: lost here, written there", "the stop begins the write cycle: SHEET 'Byte Write'"},
     {"a read behind the first of two address bytes: the old counter here, all ones there",
-     "the address is two bytes: SHEET 'Random Read'", 0},
+     "the address is two bytes: SHEET 'Random Read'"},
 };
 // clang-format on
 
-class comparison {
- public:
-  comparison(sim::i2c_device *device, uint64_t seed) : m_random(seed), m_ours(device) {}
-
-  void run(uint64_t transactions);
-  [[nodiscard]] int report() const;
-
- private:
-  uint32_t number(uint32_t below) { return static_cast<uint32_t>(sim::random_next(&m_random) >> 32U) % below; }
-  // Few pages, the last one among them.
-  size_t anywhere() { return sim::at24c512.size - (1 + number(8)) * page + number(page); }
-
-  void expect(bool same, const char *what, size_t at, unsigned ours, unsigned peers);
-  void start(uint8_t address, bool reading);
-  void put(uint8_t byte);
-  void stop();
-  void address(size_t at);
-  void get(size_t at, size_t length);
-
-  void write(size_t at, size_t length);
-  void read(size_t at, size_t length);
-  void make_same(size_t at);
-  void write_over_the_end();
-  void write_without_stop();
-  void read_behind_half_an_address();
-
-  uint64_t m_random;
-  our_bus m_ours;
-  peers_bus m_peer;
-  uint64_t m_transactions = 0, m_read = 0, m_written = 0, m_bad = 0;
+// What was read.
+struct answer {
+  uint8_t ours;
+  uint8_t peers;
 };
 
-void comparison::expect(bool same, const char *what, size_t at, unsigned ours, unsigned peers) {
-  if (same || m_bad++ >= 20) return;
-  std::printf("transaction %llu: %s at %zx: %02x here, %02x there\n", static_cast<unsigned long long>(m_transactions),
-              what, at, ours, peers);
-}
+class comparison {
+ public:
+  comparison(sim::i2c_device *device, uint64_t seed) : m_random(seed), m_device(device) {}
 
-void comparison::start(uint8_t address, bool reading) {
-  bool ours = m_ours.start(address, reading);
-  const bool peers = m_peer.start(address, reading);
-  if (!ours && peers) {
-    // A write cycle of the usual length.
-    ours = !m_ours.start(address, reading) && m_ours.start(address, reading);
-    ++differences[write_cycle].seen;
-  }
-  expect(ours == peers, "acknowledge of the address", address, ours, peers);
-}
-
-void comparison::put(uint8_t byte) {
-  const bool ours = m_ours.put(byte);
-  const bool peers = m_peer.put(byte);
-  expect(ours && peers, "acknowledge of a byte", byte, ours, peers);
-}
-
-void comparison::stop() {
-  m_ours.stop();
-  m_peer.stop();
-  ++m_transactions;
-}
-
-void comparison::address(size_t at) {
-  start(chip, false);
-  put(static_cast<uint8_t>(at >> 8U));
-  put(static_cast<uint8_t>(at));
-}
-
-void comparison::get(size_t at, size_t length) {
-  start(chip, true);
-  for (size_t i = 1; i <= length; ++i) {
-    const uint8_t ours = m_ours.get(i == length);
-    const uint8_t peers = m_peer.get(i == length);
-    expect(ours == peers, "data", at + i - 1, ours, peers);
-    ++m_read;
-  }
-  stop();
-}
-
-void comparison::write(size_t at, size_t length) {
-  address(at);
-  for (size_t i = 0; i < length; i++, m_written++)
-    put(static_cast<uint8_t>(number(0x100)));
-  stop();
-}
-
-// From any place; over the end of the memory it goes on at its start. Sometimes another read goes on there.
-void comparison::read(size_t at, size_t length) {
-  address(at);
-  get(at, length);
-  if (number(2) == 0) get(at + length, 1 + number(4));
-}
-
-void comparison::make_same(size_t at) {
-  write(at - at % page, page);
-}
-
-void comparison::write_over_the_end() {
-  const size_t start_of_page = sim::at24c512.size - (2 + number(6)) * page;
-  const size_t at = start_of_page + page - 2;
-  make_same(start_of_page);
-  make_same(start_of_page + page);
-  address(at);
-  for (const uint8_t byte : std::initializer_list<uint8_t>{0x11, 0x22, 0x33})
-    put(byte);
-  stop();
-  // What was written last: here at the start of the page, there of the next.
-  for (const size_t where : {start_of_page, start_of_page + page}) {
-    address(where);
-    start(chip, true);
-    const uint8_t ours = m_ours.get(true);
-    const uint8_t peers = m_peer.get(true);
-    stop();
-    const uint8_t written = where == start_of_page ? ours : peers;
-    expect(written == 0x33, "data over the end of a page", where, ours, peers);
-  }
-  ++differences[page_wrap].seen;
-  make_same(start_of_page);
-  make_same(start_of_page + page);
-}
-
-void comparison::write_without_stop() {
-  const size_t at = anywhere();
-  make_same(at);
-  address(at);
-  start(chip, true);
-  const uint8_t before = m_ours.get(true);
-  (void)m_peer.get(true);
-  stop();
-  address(at);
-  put(static_cast<uint8_t>(~before));
-  address(at);
-  start(chip, true);
-  const uint8_t ours = m_ours.get(true);
-  const uint8_t peers = m_peer.get(true);
-  stop();
-  expect(ours == before && peers == static_cast<uint8_t>(~before), "data without a stop", at, ours, peers);
-  ++differences[no_stop].seen;
-  make_same(at);
-}
-
-void comparison::read_behind_half_an_address() {
-  make_same(sim::at24c512.size - page);
-  write(sim::at24c512.size - page, 1);  // the counter points behind it
-  start(chip, false);
-  put(0x12);
-  start(chip, true);
-  const uint8_t ours = m_ours.get(true);
-  const uint8_t peers = m_peer.get(true);
-  stop();
-  address(sim::at24c512.size - page + 1);
-  start(chip, true);
-  const uint8_t next = m_ours.get(true);
-  (void)m_peer.get(true);
-  stop();
-  expect(ours == next && peers == 0xFF, "data behind half an address", 0, ours, peers);
-  ++differences[half_address].seen;
-}
-
-void comparison::run(uint64_t transactions) {
-  write_over_the_end();
-  write_without_stop();
-  read_behind_half_an_address();
-  while (m_transactions < transactions && m_bad == 0) {
-    const size_t at = anywhere();
-    const uint32_t choice = number(100);
-    if (choice < 45) {
-      write(at, 1 + number(std::min<uint32_t>(8, static_cast<uint32_t>(page - at % page))));
-      // The counter behind the end of a page: a listed difference.
-      read(anywhere(), 1 + number(8));
-    } else if (choice < 90) {
-      read(at, 1 + number(16));
-    } else if (choice < 95) {
-      start(nobody, number(2) == 0);
-      stop();
-    } else if (choice < 97) {
-      write_over_the_end();
-    } else {
-      write_without_stop();
+  void run(uint64_t transactions) {
+    write_over_the_end();
+    write_without_stop();
+    read_behind_half_an_address();
+    while (m_transactions < transactions && m_found.none()) {
+      const size_t at = anywhere();
+      const uint32_t choice = m_random.below(100);
+      if (choice < 45) {
+        write(at, 1 + m_random.below(std::min<uint32_t>(8, static_cast<uint32_t>(page - at % page))));
+        // The counter behind the end of a page: a listed difference.
+        read(anywhere(), 1 + m_random.below(8));
+      } else if (choice < 90) {
+        read(at, 1 + m_random.below(16));
+      } else if (choice < 95) {
+        start(nobody, m_random.one_in(2));
+        stop();
+      } else if (choice < 97) {
+        write_over_the_end();
+      } else {
+        write_without_stop();
+      }
     }
+    for (size_t at = sim::at24c512.size - 8 * page; at < sim::at24c512.size; at += page)
+      read(at, page);
   }
-  for (size_t at = sim::at24c512.size - 8 * page; at < sim::at24c512.size; at += page)
-    read(at, page);
-}
 
-int comparison::report() const {
-  const auto of = [](uint64_t n) { return static_cast<unsigned long long>(n); };
-  std::printf("eeprom: %llu transactions, %llu bytes read, the same on both, %llu written\n", of(m_transactions),
-              of(m_read), of(m_written));
-  bool all_seen = true;
-  for (const reason &d : differences) {
-    std::printf("  listed: %s (seen %llu times)\n    %s\n", d.what, of(d.seen), d.why);
-    all_seen = all_seen && d.seen != 0;
+  [[nodiscard]] int report() const {
+    std::printf("eeprom: %" PRIu64 " transactions, %" PRIu64 " bytes read, the same on both, %" PRIu64 " written\n",
+                m_transactions, m_read, m_written);
+    return m_found.report("eeprom");
   }
-  if (!all_seen) std::printf("eeprom: a difference that is listed was not seen\n");
-  std::printf("eeprom: %llu differences that are not listed\n", of(m_bad));
-  return m_bad == 0 && all_seen ? 0 : 1;
-}
+
+ private:
+  // Few pages, the last one among them.
+  size_t anywhere() { return sim::at24c512.size - (1 + m_random.below(8)) * page + m_random.below(page); }
+
+  void expect(bool same, const char *what, size_t at, unsigned ours, unsigned peers) {
+    if (!same)
+      m_found.differ("transaction %" PRIu64 ": %s at %zx: %02x here, %02x there\n", m_transactions, what, at, ours,
+                     peers);
+  }
+
+  // --- On both ---
+
+  bool start_ours(uint8_t address, bool reading) { return address == chip && m_device->start(reading); }
+  void start(uint8_t address, bool reading) {
+    bool ours = start_ours(address, reading);
+    const bool peers = m_peer.start(address, reading);
+    if (!ours && peers) {
+      // A write cycle of the usual length.
+      ours = !start_ours(address, reading) && start_ours(address, reading);
+      m_found.see(write_cycle);
+    }
+    expect(ours == peers, "acknowledge of the address", address, ours, peers);
+  }
+
+  void put(uint8_t byte) {
+    const bool ours = m_device->write(byte);
+    const bool peers = m_peer.put(byte);
+    expect(ours && peers, "acknowledge of a byte", byte, ours, peers);
+  }
+
+  answer get(bool last) { return {m_device->read(), m_peer.get(last)}; }
+
+  void stop() {
+    m_device->stop();
+    m_peer.stop();
+    ++m_transactions;
+  }
+
+  void address(size_t at) {
+    start(chip, false);
+    put(static_cast<uint8_t>(at >> 8U));
+    put(static_cast<uint8_t>(at));
+  }
+
+  // One byte, where the counters are.
+  answer read_next() {
+    start(chip, true);
+    const answer r = get(true);
+    stop();
+    return r;
+  }
+  answer read_at(size_t at) {
+    address(at);
+    return read_next();
+  }
+
+  void compare(size_t at, size_t length) {
+    start(chip, true);
+    for (size_t i = 1; i <= length; ++i) {
+      const answer r = get(i == length);
+      expect(r.ours == r.peers, "data", at + i - 1, r.ours, r.peers);
+      ++m_read;
+    }
+    stop();
+  }
+
+  // From any place; over the end of the memory it goes on at its start. Sometimes another read goes on there.
+  void read(size_t at, size_t length) {
+    address(at);
+    compare(at, length);
+    if (m_random.one_in(2)) compare(at + length, 1 + m_random.below(4));
+  }
+
+  void write(size_t at, size_t length) {
+    address(at);
+    for (size_t i = 0; i < length; i++, m_written++)
+      put(m_random.byte());
+    stop();
+  }
+  void make_same(size_t at) { write(at - at % page, page); }
+
+  // --- The differences ---
+
+  void write_over_the_end() {
+    const size_t first = sim::at24c512.size - (2 + m_random.below(6)) * page;
+    make_same(first);
+    make_same(first + page);
+    address(first + page - 2);
+    put(0x11);
+    put(0x22);
+    put(0x33);
+    stop();
+    // What was written last: here at the start of the page, there of the next.
+    const unsigned here = read_at(first).ours;
+    const unsigned there = read_at(first + page).peers;
+    expect(here == 0x33 && there == 0x33, "data over the end of a page", first, here, there);
+    m_found.see(page_wrap);
+    make_same(first);
+    make_same(first + page);
+  }
+
+  void write_without_stop() {
+    const size_t at = anywhere();
+    make_same(at);
+    const uint8_t before = read_at(at).ours;
+    const auto other = static_cast<uint8_t>(~before);
+    address(at);
+    put(other);
+    const answer r = read_at(at);
+    expect(r.ours == before && r.peers == other, "data without a stop", at, r.ours, r.peers);
+    m_found.see(no_stop);
+    make_same(at);
+  }
+
+  void read_behind_half_an_address() {
+    constexpr size_t last_page = sim::at24c512.size - page;
+    make_same(last_page);
+    write(last_page, 1);  // the counter points behind it
+    start(chip, false);
+    put(0x12);
+    const answer r = read_next();
+    const unsigned next = read_at(last_page + 1).ours;
+    expect(r.ours == next && r.peers == 0xFF, "data behind half an address", 0, r.ours, r.peers);
+    m_found.see(half_address);
+  }
+
+  random_numbers m_random;
+  findings m_found{differences};
+  sim::i2c_device *m_device;
+  peers_bus m_peer;
+  uint64_t m_transactions = 0, m_read = 0, m_written = 0;
+};
 
 }  // namespace
 
