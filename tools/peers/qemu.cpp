@@ -15,12 +15,6 @@
 
 namespace {
 
-std::string hex(uint32_t number) {
-  char text[16];
-  (void)std::snprintf(text, sizeof text, "0x%x", number);
-  return text;
-}
-
 // A pair of connected sockets. The first is lost in the machine's process.
 struct ends {
   int own;
@@ -93,19 +87,9 @@ qemu::qemu(const std::string &program, const std::vector<std::string> &args) {
   const auto socket = [](const char *id, int fd) {
     return std::string("socket,id=") + id + ",fd=" + std::to_string(fd);
   };
-  std::vector<std::string> all{program,
-                               "-S",
-                               "-display",
-                               "none",
-                               "-nodefaults",
-                               "-chardev",
-                               socket("test", test.peers),
-                               "-object",
-                               "qtest,id=asked,chardev=test,log=none",
-                               "-chardev",
-                               socket("control", control.peers),
-                               "-mon",
-                               "chardev=control,mode=control"};
+  std::vector<std::string> all{program, "-S", "-display", "none", "-nodefaults"};
+  all.insert(all.end(), {"-chardev", socket("test", test.peers), "-object", "qtest,id=asked,chardev=test,log=none"});
+  all.insert(all.end(), {"-chardev", socket("control", control.peers), "-mon", "chardev=control,mode=control"});
   all.insert(all.end(), args.begin(), args.end());
   m_child = fork();
   if (m_child < 0) give_up("no process for qemu");
@@ -154,18 +138,18 @@ void qemu::command(const std::string &name) {
 }
 
 uint32_t qemu::read(char width, uint32_t address) {
-  return static_cast<uint32_t>(
-      std::strtoull(ask(std::string("read") + width + " " + hex(address)).c_str(), nullptr, 16));
+  const std::string value = ask(std::string("read") + width + " " + std::to_string(address));
+  return static_cast<uint32_t>(std::stoull(value, nullptr, 16));
 }
 
 void qemu::write(char width, uint32_t address, uint32_t value) {
-  m_test.send(std::string("write") + width + " " + hex(address) + " " + hex(value) + "\n");
+  m_test.send(std::string("write") + width + " " + std::to_string(address) + " " + std::to_string(value) + "\n");
   if (++m_unanswered < most_unanswered) return;
   take_answers();
 }
 
 std::vector<uint8_t> qemu::read_bytes(uint32_t address, size_t count) {
-  const std::string text = ask("read " + hex(address) + " " + hex(static_cast<uint32_t>(count)));
+  const std::string text = ask("read " + std::to_string(address) + " " + std::to_string(count));
   if (text.size() != 2 + 2 * count) give_up("qemu answers too little");
   std::vector<uint8_t> bytes;
   for (size_t i = 2; i < text.size(); i += 2)
