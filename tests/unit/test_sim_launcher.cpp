@@ -42,12 +42,6 @@ int shell(const strings &args) {
   return WEXITSTATUS(system(args[0].c_str()));
 }
 
-int flood(const strings &) {
-  while (puts("more") >= 0) {
-  }
-  return 1;
-}
-
 // Holds a lock, by which the test sees how long it runs.
 int stay(const strings &args) {
   (void)flock(open("/post/running", O_RDWR | O_CREAT, 0600), LOCK_EX);
@@ -163,8 +157,8 @@ int start(const strings &args) {
 }
 
 const std::map<std::string, int (*)(const strings &)> parts{
-    {"show", show},       {"system", shell},     {"flood", flood},         {"stay", stay},     {"leave", leave},
-    {"signals", signals}, {"lock", lock_status}, {"second", second_board}, {"device", device}, {"start", start},
+    {"show", show},        {"system", shell},        {"stay", stay},     {"leave", leave}, {"signals", signals},
+    {"lock", lock_status}, {"second", second_board}, {"device", device}, {"start", start},
 };
 
 // --- The tests ------------------------------------------------------------------------------------------------------
@@ -198,23 +192,18 @@ class launcher : public testing::Test {
                                      " --part \"$@\"; }\n" + command);
   }
 
-  // A copy of this program, changed.
-  template <class F>
-  void make_program(const std::string &name, F change) const {
-    fs::copy_file(own_path(), path(name));
-    std::fstream file(path(name), std::ios::in | std::ios::out | std::ios::binary);
-    ElfW(Ehdr) header;
-    file.read(reinterpret_cast<char *>(&header), sizeof header);
-    std::vector<ElfW(Phdr)> table(header.e_phnum);
-    file.seekg(static_cast<std::streamoff>(header.e_phoff));
-    const auto bytes = static_cast<std::streamsize>(table.size() * sizeof table[0]);
-    file.read(reinterpret_cast<char *>(table.data()), bytes);
-    for (auto &entry : table)
-      if (entry.p_type == PT_INTERP) change(header, entry);
-    file.seekp(static_cast<std::streamoff>(header.e_phoff));
-    file.write(reinterpret_cast<char *>(table.data()), bytes);
-    file.seekp(0);
-    file.write(reinterpret_cast<char *>(&header), sizeof header);
+  void write_program(const std::string &name, const std::string &bytes) const {
+    std::ofstream(path(name), std::ios::binary) << bytes;
+    fs::permissions(path(name), fs::perms::owner_all);
+  }
+
+  // A copy of this program, with its ELF header and the entry that names its loader changed.
+  void make_program(const std::string &name, void (*change)(ElfW(Ehdr) *, ElfW(Phdr) *)) const {
+    std::string bytes = read_file(own_path());
+    auto *const header = reinterpret_cast<ElfW(Ehdr) *>(bytes.data());
+    auto *const table = reinterpret_cast<ElfW(Phdr) *>(&bytes[header->e_phoff]);
+    change(header, std::find_if(table, table + header->e_phnum, [](auto &entry) { return entry.p_type == PT_INTERP; }));
+    write_program(name, bytes);
   }
 
   temp_dir dir;
@@ -258,10 +247,8 @@ TEST_F(launcher, helps) {
 
 TEST_F(launcher, reports_programs_that_cannot_run) {
   fs::current_path(dir.path());  // its own path can have a blank, which ends an interpreter's name
-  std::ofstream(path("loop")) << "#!./loop\n";
-  std::ofstream(path("text")) << "echo it runs\n";
-  for (const auto *const name : {"loop", "text"})
-    fs::permissions(path(name), fs::perms::owner_all);
+  write_program("loop", "#!./loop\n");
+  write_program("text", "echo it runs\n");
   const std::tuple<std::string, int, std::string> cases[] = {
       {"/no/such", 127, "/no/such: No such file or directory\n"},
       {"no-such-command", 127, "no-such-command: not found in PATH\n"},
@@ -278,13 +265,12 @@ TEST_F(launcher, reports_programs_that_cannot_run) {
 }
 
 TEST_F(launcher, refuses_programs_that_the_library_does_not_get_into) {
-  make_program("short", [](auto &header, auto &) { header.e_ident[EI_CLASS] ^= ELFCLASS32 ^ ELFCLASS64; });
-  make_program("arm", [](auto &header, auto &) { header.e_machine = EM_ARM; });
-  make_program("static", [](auto &, auto &loader) { loader.p_type = PT_NULL; });
-  make_program("loader", [](auto &, auto &loader) { loader.p_filesz -= 2; });
+  make_program("short", [](auto *header, auto *) { header->e_ident[EI_CLASS] ^= ELFCLASS32 ^ ELFCLASS64; });
+  make_program("arm", [](auto *header, auto *) { header->e_machine = EM_ARM; });
+  make_program("static", [](auto *, auto *loader) { loader->p_type = PT_NULL; });
+  make_program("loader", [](auto *, auto *loader) { loader->p_filesz -= 2; });
   fs::current_path(dir.path());
-  std::ofstream(path("script")) << "#! ./static -x\n";
-  fs::permissions(path("script"), fs::perms::owner_all);
+  write_program("script", "#! ./static -x\n");
   std::map<std::string, std::string> cases{
       {"short", "this board runs (64|32)-bit x86 programs only"},
       {"arm", "this board runs (64|32)-bit x86 programs only"},
@@ -293,7 +279,7 @@ TEST_F(launcher, refuses_programs_that_the_library_does_not_get_into) {
       {"script", "./static: statically linked, the board's library cannot get into it"},
   };
   if (getuid() == 0) {  // nobody else can give a program away
-    make_program("owned", [](auto &, auto &) {});
+    make_program("owned", [](auto *, auto *) {});
     ASSERT_EQ(chown(path("owned").c_str(), 65534, 0), 0);
     fs::permissions(path("owned"), fs::perms::set_uid | fs::perms::others_exec | fs::perms::others_read);
     cases["owned"] = "it has a user, group or capabilities of its own, the board's library cannot get into it";
@@ -351,8 +337,7 @@ TEST_F(launcher, has_every_child_of_the_program_on_the_board) {
     EXPECT_THAT(run(missing, {"start", form, ethtool, "-t", "eth0"}).out, "") << form;
   }
   // What is no program to the kernel is one of the shell's, if the library gets into that.
-  std::ofstream(path("text")) << "echo it runs\n";
-  fs::permissions(path("text"), fs::perms::owner_all);
+  write_program("text", "echo it runs\n");
   const auto text = run(state, {"start", "execvp", path("text")});
   EXPECT_TRUE(text.out == "it runs\n" || text.err.starts_with("board-sim: /bin/sh: this board runs")) << text.err;
 }
@@ -373,7 +358,6 @@ TEST_F(launcher, gives_the_status_of_the_program_and_names_its_signal) {
     EXPECT_EQ(run({}, {"stay", std::to_string(signal)}).status, 128 + signal) << "handed on";
   EXPECT_EQ(in_shell("part signals").out, "ddddd");
   EXPECT_EQ(in_shell("trap '' HUP INT PIPE; part signals").out, "iiddi") << "as they were";
-  EXPECT_EQ(in_shell("part flood | head -n 1").out, "more\n");
   EXPECT_THAT(entries(dir.path()), IsEmpty()) << "the state directories were temporary";
 }
 

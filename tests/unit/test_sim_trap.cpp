@@ -55,27 +55,17 @@ TEST_F(sim_trap, moves_through_every_register_and_leaves_flags_alone) {
   EXPECT_EQ(flags & all_flags, all_flags);
 }
 
-// An access with a vector register loaded before it and stored behind it.
-void sse_access(const volatile uint16_t *window, const uint8_t *given, uint8_t *taken) {
-  asm volatile("movdqu (%0), %%xmm3; movw (%1), %%ax; movdqu %%xmm3, (%2)"
-               :
-               : "S"(given), "c"(window), "D"(taken)
-               : "eax", "xmm3", "memory");
-}
-
-void avx_access(const volatile uint16_t *window, const uint8_t *given, uint8_t *taken) {
-  asm volatile("vmovdqu (%0), %%ymm3; movw (%1), %%ax; vmovdqu %%ymm3, (%2); vzeroupper"
-               :
-               : "S"(given), "c"(window), "D"(taken)
-               : "eax", "xmm3", "memory");
-}
-
-void avx512_access(const volatile uint16_t *window, const uint8_t *given, uint8_t *taken) {
-  asm volatile("vmovdqu64 (%0), %%zmm3; movw (%1), %%ax; vmovdqu64 %%zmm3, (%2); vzeroupper"
-               :
-               : "S"(given), "c"(window), "D"(taken)
-               : "eax", "xmm3", "memory");
-}
+// Makes an access with a vector register loaded before it and stored behind it.
+#define VECTOR_ACCESS(NAME, MOVE, REGISTER)                                                   \
+  void NAME(const volatile uint16_t *window, const uint8_t *given, uint8_t *taken) {          \
+    asm volatile(MOVE " (%0), %%" REGISTER "; movw (%1), %%ax; " MOVE " %%" REGISTER ", (%2)" \
+                 :                                                                            \
+                 : "S"(given), "c"(window), "D"(taken)                                        \
+                 : "eax", "xmm3", "memory");                                                  \
+  }
+VECTOR_ACCESS(sse_access, "movdqu", "xmm3")
+VECTOR_ACCESS(avx_access, "vmovdqu", "ymm3")
+VECTOR_ACCESS(avx512_access, "vmovdqu64", "zmm3")
 
 TEST_F(sim_trap, leaves_vector_registers_alone) {
   const struct {
@@ -152,23 +142,15 @@ TEST_F(sim_trap, goes_on_single_stepped) {
 
 // --- Stacks ---------------------------------------------------------------------------------------------------------
 
-// A stack with nothing at either end.
-class lone_stack {
- public:
-  static constexpr size_t bytes = 0x10000;
-  lone_stack()
-      : m_first(static_cast<uint8_t *>(mmap(nullptr, bytes + 0x2000, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0)) +
-                0x1000) {
-    EXPECT_EQ(mprotect(m_first, bytes, PROT_READ | PROT_WRITE), 0);
-  }
-  lone_stack(const lone_stack &) = delete;
-  lone_stack &operator=(const lone_stack &) = delete;
-  ~lone_stack() { (void)munmap(m_first - 0x1000, bytes + 0x2000); }
-  [[nodiscard]] uint8_t *first() const { return m_first; }
+constexpr size_t stack_bytes = 0x10000;
 
- private:
-  uint8_t *m_first;
-};
+// The first byte of a stack with nothing at either end.
+uint8_t *lone_stack() {
+  void *const all = mmap(nullptr, stack_bytes + 0x2000, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  auto *const first = static_cast<uint8_t *>(all) + 0x1000;
+  EXPECT_EQ(mprotect(first, stack_bytes, PROT_READ | PROT_WRITE), 0);
+  return first;
+}
 
 // Reads with the stack pointer at `stack`, or where it is if null.
 uint16_t read_on(const void *stack, const volatile uint16_t *window) {
@@ -186,7 +168,8 @@ uint16_t read_on(const void *stack, const volatile uint16_t *window) {
 TEST_F(sim_trap, works_on_every_stack) {
   constexpr int autodisarm = static_cast<int>(1U << 31);
   const uint16_t expected = window[0];
-  const lone_stack alternate, interrupted;
+  uint8_t *const alternate = lone_stack();
+  const uint8_t *const interrupted = lone_stack();
   const struct {
     const char *name;
     int flags;         // of the handler's stack
@@ -194,24 +177,24 @@ TEST_F(sim_trap, works_on_every_stack) {
   } cases[] = {
       {"frame at the end of its stack", 0, nullptr},
       {"stack that the kernel disarms", autodisarm, nullptr},
-      {"stack pointer in the last words", 0, interrupted.first() + 8},
-      {"stack pointer in the last words but four", 0, interrupted.first() + 16},
-      {"stack pointer at the end", 0, interrupted.first()},
+      {"stack pointer in the last words", 0, interrupted + 8},
+      {"stack pointer in the last words but four", 0, interrupted + 16},
+      {"stack pointer at the end", 0, interrupted},
   };
   stack_t before{};
   (void)sigaltstack(nullptr, &before);
   for (const auto &c : cases) {
     SCOPED_TRACE(c.name);
-    const stack_t stack{alternate.first(), c.flags, lone_stack::bytes};
+    const stack_t stack{alternate, c.flags, stack_bytes};
     ASSERT_EQ(sigaltstack(&stack, nullptr), 0);
-    memset(alternate.first(), 0, lone_stack::bytes);
+    memset(alternate, 0, stack_bytes);
     EXPECT_EQ(read_on(c.from, window), expected);
     stack_t after{};
     (void)sigaltstack(nullptr, &after);
     EXPECT_EQ(after.ss_sp, stack.ss_sp);
     EXPECT_EQ(after.ss_flags, stack.ss_flags);
     // The handler ran there.
-    EXPECT_NE(memcmp(alternate.first() + lone_stack::bytes - 256, alternate.first(), 256), 0);
+    EXPECT_NE(memcmp(alternate + stack_bytes - 256, alternate, 256), 0);
   }
   (void)sigaltstack(&before, nullptr);
 }
