@@ -33,7 +33,6 @@ const decode_case decode_cases[] = {
     {"mov [rbx], dh",               w64, "88 33",                      "w8",   0x4000, 5},
     {"mov [rbx], sil",              w64, "40 88 33",                   "w8",   0x4000, 0},
     {"mov [rbx], edx",              w64, "89 13",                      "w32",  0x4000, 0x1234050C},
-    {"mov eax, [rbp+0x100]",        w64, "8B 85 00 01 00 00",          "r32",  0x6100, 0xC4D5E6F7},
     {"mov r9, [r8]",                w64, "4D 8B 08",                   "r64",  0x9000, 0x8091A2B3C4D5E6F7},
     {"mov eax, [rip-0x10]",         w64, "8B 05 F0 FF FF FF",          "r32",  0x3FFFF6, 0xC4D5E6F7},
     {"mov word [rip+0x10], 0x1234", w64, "66 C7 05 10 00 00 00 34 12", "w16",  0x400019, 0x1234},
@@ -44,7 +43,6 @@ const decode_case decode_cases[] = {
     {"mov eax, [r13+r12*8-1]",      w64, "43 8B 44 E5 FF",             "r32",  0x75FFF, 0xC4D5E6F7},
     {"mov eax, [rdi*4+0x20]",       w64, "8B 04 BD 20 00 00 00",       "r32",  0x20020, 0xC4D5E6F7},
     {"mov eax, [rsp]",              w64, "8B 04 24",                   "r32",  0x5000, 0xC4D5E6F7},
-    {"mov eax, [r13]",              w64, "41 8B 45 00",                "r32",  0xE000, 0xC4D5E6F7},
     {"mov eax, [ebx-0x5000]",       w32, "8B 83 00 B0 FF FF",          "r32",  0xFFFFF000, 0xC4D5E6F7},
     {"mov eax, [rbx-0x5000]",       w64, "8B 83 00 B0 FF FF",          "r32",  0xFFFFFFFFFFFFF000, 0xC4D5E6F7},
     {"mov eax, [ebx-0x5000], 67",   w64, "67 8B 83 00 B0 FF FF",       "r32",  0xFFFFF000, 0xC4D5E6F7},
@@ -67,7 +65,6 @@ const decode_case decode_cases[] = {
     {"in ax, dx",                   w64, "66 ED",                      "in 16", 0x50C, 0xE6F7},
     {"out dx, al",                  w64, "EE",                         "out 8",  0x50C, 0x21},
     {"in al, dx",                   w64, "EC",                         "in 8",  0x50C, 0x10F7},
-    {"out dx, ax",                  w64, "66 EF",                      "out 16", 0x50C, 0x1021},
     {"out dx, eax with REX.W",      w64, "48 EF",                      "out 32", 0x50C, 0x1021},
     {"in eax, 0x80",                w32, "E5 80",                      "in 32", 0x80, 0xC4D5E6F7},
     {"out 0x80, al",                w32, "E6 80",                      "out 8",  0x80, 0x21},
@@ -77,13 +74,8 @@ const decode_case decode_cases[] = {
     {"register form",               w64, "89 C8",                      "", 0},
     {"mov with another field",      w64, "C7 0B 00 00 00 00",          "", 0},
     {"cmp",                         w64, "39 03",                      "", 0},
-    {"add to memory",               w64, "83 03 01",                   "", 0},
-    {"xchg",                        w64, "87 03",                      "", 0},
-    {"push",                        w64, "FF 33",                      "", 0},
     {"lock mov",                    w64, "F0 89 03",                   "", 0},
-    {"rep movs",                    w64, "F3 A5",                      "", 0},
-    {"movdqu",                      w64, "F3 0F 6F 03",                "", 0},
-    {"vmovdqu",                     w64, "C5 FE 6F 03",                "", 0},
+    {"xrelease mov",                w64, "F3 89 03",                   "", 0},
     {"fs segment",                  w64, "64 8B 03",                   "", 0},
     {"16-bit addressing",           w32, "67 8B 07",                   "", 0},
     {"arpl in 32 bits",             w32, "63 07",                      "", 0},
@@ -120,19 +112,13 @@ TEST(sim_decode, tells_address_width_direction_and_data_or_refuses) {
   }
 }
 
-// The cells behind the first NVRAM window.
-uint8_t *map_cells(const test_board &board) {
-  const int fd = open(board.file("nvram0").c_str(), O_RDWR | O_CLOEXEC);
-  void *const at = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-  (void)close(fd);
-  return static_cast<uint8_t *>(at);
-}
-
 TEST(sim_decode, knows_every_form_that_the_compiler_makes) {
   test_board board({"--trace"});
   const auto window = reinterpret_cast<uintptr_t>(map_window<uint8_t>(nvram0));
   constexpr size_t area = 128;
-  auto *const cells = map_cells(board);
+  const int fd = open(board.file("nvram0").c_str(), O_RDWR | O_CLOEXEC);
+  auto *const cells = static_cast<uint8_t *>(mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0));
+  (void)close(fd);
   uint8_t plain[area];
   constexpr std::array levels{access_forms_o0, access_forms_o1, access_forms_o2, access_forms_o3};
   for (size_t level = 0; level < levels.size(); ++level) {
