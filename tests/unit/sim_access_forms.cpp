@@ -16,17 +16,8 @@ volatile T *at(uintptr_t base) {
 }
 
 template <class T>
-using bits_of = std::make_unsigned_t<T>;
-
-// A value of T, cut to what fits.
-template <class T>
-constexpr T wrap(uint64_t value) {
-  return static_cast<T>(static_cast<bits_of<T>>(value));
-}
-
-template <class T>
 void add_forms(std::vector<access_form> *forms) {
-  using U = bits_of<T>;
+  using U = std::make_unsigned_t<T>;
   const auto add = [&](const char *name, const std::string &kinds, uint64_t (*run)(uintptr_t, uint64_t)) {
     std::string cycles;
     for (const char kind : kinds)
@@ -36,8 +27,8 @@ void add_forms(std::vector<access_form> *forms) {
   };
   // clang-format off
   add("load", "r", [](uintptr_t b, uint64_t) -> uint64_t { return static_cast<U>(*at<T>(b)); });
-  add("load, extended to 64", "r", [](uintptr_t b, uint64_t) { return static_cast<uint64_t>(static_cast<int64_t>(*at<T>(b))); });
-  add("load, extended to 32", "r", [](uintptr_t b, uint64_t) -> uint64_t { return static_cast<uint32_t>(static_cast<int32_t>(*at<T>(b))); });
+  add("load, extended to 64", "r", [](uintptr_t b, uint64_t) -> uint64_t { return static_cast<int64_t>(*at<T>(b)); });
+  add("load, extended to 32", "r", [](uintptr_t b, uint64_t) -> uint64_t { return static_cast<uint32_t>(*at<T>(b)); });
   add("load, cut to 8", "r", [](uintptr_t b, uint64_t) -> uint64_t { return static_cast<uint8_t>(*at<T>(b)); });
   add("load, indexed", "r", [](uintptr_t b, uint64_t s) -> uint64_t { return static_cast<U>(at<T>(b)[s & 7U]); });
   add("load, indexed by int", "r", [](uintptr_t b, uint64_t s) -> uint64_t { return static_cast<U>(at<T>(b)[2 - static_cast<int>(s & 3U)]); });
@@ -51,14 +42,14 @@ void add_forms(std::vector<access_form> *forms) {
     return s;
   });
 
-  add("store", "w", [](uintptr_t b, uint64_t s) -> uint64_t { *at<T>(b) = wrap<T>(s); return 0; });
+  add("store", "w", [](uintptr_t b, uint64_t s) -> uint64_t { *at<T>(b) = s; return 0; });
   add("store zero", "w", [](uintptr_t b, uint64_t) -> uint64_t { *at<T>(b) = 0; return 0; });
-  add("store a constant", "w", [](uintptr_t b, uint64_t) -> uint64_t { *at<T>(b) = wrap<T>(0xAA55AA55A5); return 0; });
-  add("store bits 8 and up", "w", [](uintptr_t b, uint64_t s) -> uint64_t { *at<T>(b) = wrap<T>(s >> 8U); return s; });
+  add("store a constant", "w", [](uintptr_t b, uint64_t) -> uint64_t { *at<T>(b) = static_cast<T>(0xAA55AA55A5); return 0; });
+  add("store bits 8 and up", "w", [](uintptr_t b, uint64_t s) -> uint64_t { *at<T>(b) = s >> 8U; return s; });
   add("store a constant, indexed", "w", [](uintptr_t b, uint64_t s) -> uint64_t { at<T>(b)[s & 7U] = 0x21; return 0; });
-  add("store and fence", "w", [](uintptr_t b, uint64_t s) -> uint64_t { *at<T>(b) = wrap<T>(s); _mm_sfence(); return 0; });
-  add("store and go on with it", "w", [](uintptr_t b, uint64_t s) -> uint64_t { const T v = wrap<T>(s * 5U); *at<T>(b) = v; return static_cast<U>(v); });
-  add("stores in a loop", "wwwwwwww", [](uintptr_t b, uint64_t s) -> uint64_t { for (unsigned i = 0; i < 8; i++) at<T>(b)[i] = wrap<T>(s >> i); return 0; });
+  add("store and fence", "w", [](uintptr_t b, uint64_t s) -> uint64_t { *at<T>(b) = s; _mm_sfence(); return 0; });
+  add("store and go on with it", "w", [](uintptr_t b, uint64_t s) -> uint64_t { const T v = s * 5U; *at<T>(b) = v; return static_cast<U>(v); });
+  add("stores in a loop", "wwwwwwww", [](uintptr_t b, uint64_t s) -> uint64_t { for (unsigned i = 0; i < 8; i++) at<T>(b)[i] = s >> i; return 0; });
 
   add("copy", "rw", [](uintptr_t b, uint64_t) -> uint64_t { at<T>(b)[1] = at<T>(b)[0]; return 0; });
   // clang-format on

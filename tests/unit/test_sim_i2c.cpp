@@ -43,10 +43,10 @@ std::string transfer(const std::string &text) {
   if (result < 0) return strerrorname_np(error);
   EXPECT_EQ(static_cast<size_t>(result), messages.size());
   std::string in;
-  for (size_t i = 0; i < bytes.size(); ++i) {
-    for (size_t at = 0; messages[i].flags != 0 && at < bytes[i].size(); ++at) {
+  for (const auto &message : messages) {
+    for (unsigned at = 0; message.flags != 0 && at < message.len; ++at) {
       char hex[3];
-      (void)snprintf(hex, sizeof hex, "%02X", unsigned{bytes[i][at]});
+      (void)snprintf(hex, sizeof hex, "%02X", unsigned{message.buf[at]});
       in += hex;
     }
   }

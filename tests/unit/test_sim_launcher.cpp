@@ -120,12 +120,6 @@ int wait_and_show(int error, pid_t pid) {
   return waitpid(pid, &status, 0) == pid ? WEXITSTATUS(status) : -1;
 }
 
-int copy_out(FILE *from) {
-  for (int c; (c = fgetc(from)) != EOF;)
-    (void)putchar(c);
-  return pclose(from);
-}
-
 // Starts a program: its words come after the form's name. Forms that take an environment get an empty one.
 int start(const strings &args) {
   std::vector<char *> v;
@@ -148,7 +142,7 @@ int start(const strings &args) {
       {"execle",       [&] { return execle(v[0], v[0], v[1], v[2], v[3], nullptr, none); }},
       {"posix_spawn",  [&] { return wait_and_show(posix_spawn(&pid, v[0], nullptr, nullptr, v.data(), none), pid); }},
       {"posix_spawnp", [&] { return wait_and_show(posix_spawnp(&pid, v[0], nullptr, nullptr, v.data(), environ), pid); }},
-      {"popen",        [&] { return copy_out(popen(line.c_str(), "r")); }},
+      {"popen",        [&] { return pclose(popen(line.c_str(), "w")); }},
       {"system",       [&] { return WEXITSTATUS(system(line.c_str())); }},
       // clang-format on
   };
