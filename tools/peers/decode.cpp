@@ -51,13 +51,15 @@ struct text_insn {
   [[nodiscard]] std::string name() const { return words.empty() ? "" : words.back(); }
 };
 
+const std::regex line_form("[^\t]*\t([0-9a-f ]*[0-9a-f]) *(?:\t([^#\n]*[^#\n ]))?[^]*");
+const std::regex two_operands("(.*?) +((?:[A-Z]+ PTR )?[^ ,]+),((?:[A-Z]+ PTR )?[^ ,]+)");
+const std::regex term_form("([-+]?)([a-z0-9]+)(?:[*]([0-9]))?");
+
 // "  20:\t66 89 4b fe \tmov    WORD PTR [rbx-0x2],cx        # 0x10"
 text_insn parse_line(const std::string &line) {
-  static const std::regex form("[^\t]*\t([0-9a-f ]*[0-9a-f]) *(?:\t([^#\n]*[^#\n ]))?[^]*");
-  static const std::regex two_operands("(.*?) +((?:[A-Z]+ PTR )?[^ ,]+),((?:[A-Z]+ PTR )?[^ ,]+)");
   text_insn insn;
   std::smatch parts, text;
-  if (!std::regex_match(line, parts, form)) give_up("objdump says '" + line + "'");
+  if (!std::regex_match(line, parts, line_form)) give_up("objdump says '" + line + "'");
   insn.length = (static_cast<size_t>(parts.length(1)) + 1) / 3;
   const std::string said = parts[2];
   if (!std::regex_match(said, text, two_operands)) return insn;
@@ -114,12 +116,11 @@ uint64_t parse_number(const std::string &text) {
 // "DWORD PTR ds:[rbx+rcx*4-0x10]", "ds:0x1234"
 // In *short_registers: whether it counts with 32 bits.
 uint64_t evaluate(const std::string &operand, const sim::cpu_regs &regs, size_t length, bool *short_registers) {
-  static const std::regex form("([-+]?)([a-z0-9]+)(?:[*]([0-9]))?");
   const size_t open = operand.find('[');
   if (open == std::string::npos) return parse_number(operand.substr(operand.find("s:") + 2));
   const std::string sum_text = operand.substr(open + 1, operand.find(']') - open - 1);
   uint64_t sum = 0;
-  for (std::sregex_iterator term(sum_text.begin(), sum_text.end(), form), end; term != end; ++term) {
+  for (std::sregex_iterator term(sum_text.begin(), sum_text.end(), term_form), end; term != end; ++term) {
     const std::string name = (*term)[2];
     const auto reg = parse_register(name);
     *short_registers |= name == "eip" || name == "eiz" || (reg && reg->width == 32);
