@@ -1,4 +1,6 @@
 // The `sprom` program on image files.
+#include <regex>
+
 #include "tests/support/sprom_tool.h"
 
 using testing::EndsWith;
@@ -31,9 +33,6 @@ bytes zero_image(const tool_kind &kind) {
   return image;
 }
 
-// A command that fails, and the end of what it says.
-using refusal = std::pair<std::string, std::string>;
-
 }  // namespace
 
 TEST_F(sprom_tool, puts_values_where_the_chip_has_them) {
@@ -43,7 +42,7 @@ TEST_F(sprom_tool, puts_values_where_the_chip_has_them) {
       {0, "--hw-change-bits=18446744073709551615",           174, bytes(8, 255)},
       {0, "--field=card-index=0x2AFC --field num_190=010",   182, {0x2A, 0xFC, 0, 0, 0, 0, 0, 0, 0, 10}},
       {0, "--card-index 1 --card=2",                         182, {0, 2}},
-      {1, "--bytes_461='00:11 22334455667788 99'",           461, {0, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x99}},
+      {1, "--bytes_461='00:11 22334455667788 99'",                         461, {0, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x99}},
       {2, R"(--serial_number='a \xff\\\x00"ijklmnopqrstu ')", 54, {'a', ' ', 255, '\\', 0,   '"', 'i', 'j', 'k', 'l',
                                                                    'm', 'n', 'o', 'p',  'q', 'r', 's', 't', 'u', ' '}},
       {3, "--num_174=0x0102 --num_178=3",                    174, {1, 2, 0, 0, 0, 3}},
@@ -112,68 +111,25 @@ Power Supply Main, 36 bytes at offset 160: BAD
 )"));
   result = sh("sprom show --json -f ps");
   EXPECT_EQ(result.status, 0);
-  EXPECT_THAT(result.out,
-              StartsWith(R"({"name":"ps","slot":null,"index":null,"kind":"ps","size":196,"good":false,"blocks":[)"
-                         R"({"name":"Power Supply Common Header","offset":0,"length":160,"good":true,"messages":[],)"
-                         R"("fields":{"common_signature":"0xabab","common_version":"0x03",)"));
-  EXPECT_THAT(result.out,
-              HasSubstr(R"(,"product_id":"P\u007f~\u001b\\\"\u00e9 \u00ff","serial_number":"","bytes_74":"00)"));
-  EXPECT_THAT(result.out, HasSubstr(R"(0"}},{"name":"Power Supply Main","offset":160,"length":36,"good":false,)"
-                                    R"("messages":["Power Supply Main block length mismatch.    Found 0x0025, )"));
-  EXPECT_THAT(result.out, EndsWith(R"(:"0x0102030405060708","num_174":"0x090a","num_176":"0x0000","num_178":"0x0000",)"
-                                   R"("bytes_180":"00000000000000000000000000000000"}}]})"
-                                   "\n"));
-}
-
-TEST_F(sprom_tool, tells_every_defect) {
-  // In the order of the blocks. A file's name may be anything, and reaches no terminal as it is.
+  for (const char *part : {R"({"name":"ps","slot":null,"index":null,"kind":"ps","size":196,"good":false,"blocks":[)"
+                           R"({"name":"Power Supply Common Header","offset":0,"length":160,"good":true,"messages":[],)"
+                           R"("fields":{"common_signature":"0xabab","common_version":"0x03",)",
+                           R"(,"product_id":"P\u007f~\u001b\\\"\u00e9 \u00ff","serial_number":"","bytes_74":"00)",
+                           R"(0"}},{"name":"Power Supply Main","offset":160,"length":36,"good":false,)"
+                           R"("messages":["Power Supply Main block length mismatch.    Found 0x0025, )",
+                           R"(:"0x0102030405060708","num_174":"0x090a","num_176":"0x0000","num_178":"0x0000",)"
+                           R"("bytes_180":"00000000000000000000000000000000"}}]})"})
+    EXPECT_THAT(result.out, HasSubstr(part));
+  // Each defect is told, in the order of the blocks. A file's name may be anything, and reaches no terminal as it is.
   save("\"\\\n\xFC", patched(zero_image(tool_kinds[0]), SPROM_TYPE_SUP, 160, {0x70, 2, 2, 0}));
-  const auto result = sh("sprom verify -jf '\"\\\n\xFC'");
-  EXPECT_EQ(result.status, 1);
-  EXPECT_EQ(result.out,
-            R"({"good":false,"sproms":[{"name":"\"\\\n\u00fc","slot":null,"index":null,"kind":"sup",)"
-            R"("size":334,"state":"present","bus":null,"address":null,"byte":null,"errno":null,"error":null,)"
-            R"("good":false,"messages":[)"
-            R"("Supervisor Main block signature mismatch. Found 0x7002, expected 0x6002.",)"
-            R"("Supervisor Main block length mismatch.    Found 0x0100, expected 0x0067."]}]})"
-            "\n");
-}
-
-TEST_F(sprom_tool, leaves_files_whole_when_anything_fails) {
-  const bytes old = zero_image(tool_kinds[1]);
-  save("from", device_image(SPROM_TYPE_BP));
-  save("to", old);
-  // clang-format off
-  for (const auto &[command, err] : std::vector<refusal>{
-           {"sprom verify -f /dev/null",                                   "/dev/null: 0 bytes: no kind of image has this size"},
-           {"head -c 161 from >bad; sprom dump -f bad new",                "bad: 161 bytes: no kind of image has this size"},
-           {"head -c 162 from >bad; sprom show -f bad",                    "bad: 162 bytes, but a backplane image has 471: the file is truncated"},
-           {"head -c 470 from >bad; sprom write -y --force -f to bad",     "bad: 470 bytes, but a backplane image has 471: the file is truncated"},
-           {"cat from - >bad <<.\n\n.\nsprom write -y --force -f to bad",  "bad: 472 bytes, but a backplane image has 471: the file is too long"},
-           {"cat from /dev/zero | sprom verify -f -",                      "standard input: more than 65536 bytes, but a backplane image has 471: the file is too long"},
-           {"head -c 65536 /dev/zero | sprom verify -f -",                 "standard input: no image in this dump of an EEPROM"},
-           {"sprom make fan bad; sprom write -y --force -f to bp bad",     "bad: 192 bytes: this is a fan image, not a backplane image"},
-           {"sprom show -f 'no\33[7m\\'",                                   "no\\x1b[7m\\\\: cannot read: No such file or directory (errno 2)"},
-           {"sprom write -y -f to none",                                   "none: cannot read: No such file or directory (errno 2)"},
-           {"sprom dump -f to none/x",                                     "none/x: cannot write: No such file or directory (errno 2)"},
-           {"sprom dump -f to .",                                          ".: cannot write: Is a directory (errno 21)"},
-           {"sprom dump -f to /dev/full",                                  "/dev/full: cannot write: No space left on device (errno 28)"},
-           {"sprom dump -f to - >/dev/full",                               "standard output: cannot write: No space left on device (errno 28)"},
-           {"sprom show -f to >/dev/full",                                 "cannot write the output: No space left on device"},
-           {"prlimit --fsize=300 sprom dump -f from to",                   "to: cannot write: File too large (errno 27)"},
-           {"prlimit --fsize=300 sprom dump -f from new",                  "new: cannot write: File too large (errno 27)"},
-           {"prlimit --fsize=300 sprom edit -y -f to --num_6=1",           "to: cannot write: File too large (errno 27)"},
-           {"sprom write -y -f to --backup=none/x from",                   "none/x: cannot write: No such file or directory (errno 2)\n"
-                                                                           "sprom: to: not written: no backup of the old image"}}) {
-    // clang-format on
-    SCOPED_TRACE(command);
-    const auto result = sh(command);
-    EXPECT_EQ(result.status, 1);
-    EXPECT_EQ(result.err, "sprom: " + err + "\n");
-    EXPECT_THAT(result.out, Not(HasSubstr("written")));
-    EXPECT_EQ(load("to"), old);
-    EXPECT_EQ(sh("rm -f bad; ls").out, "from\nto\n");
-  }
+  result = sh("sprom verify -jf '\"\\\n\xFC'");
+  expect(result, 1,
+         R"({"good":false,"sproms":[{"name":"\"\\\n\u00fc","slot":null,"index":null,"kind":"sup",)"
+         R"("size":334,"state":"present","bus":null,"address":null,"byte":null,"errno":null,"error":null,)"
+         R"("good":false,"messages":[)"
+         R"("Supervisor Main block signature mismatch. Found 0x7002, expected 0x6002.",)"
+         R"("Supervisor Main block length mismatch.    Found 0x0100, expected 0x0067."]}]})"
+         "\n");
 }
 
 // What stands in a directory under a name is replaced as a whole; what is open, or is no plain file, is written to.
@@ -213,24 +169,26 @@ TEST_F(sprom_tool, says_what_differs_and_what_a_write_changes) {
   to = patched(to, SPROM_TYPE_SUP, 300, {0x3F, 0x38});
   save("from", from);
   save("to", to);
-  const std::vector<std::string> lines{
-      "  common_checksum   0x4b1a -> 0x4d3c\n",
-      R"(  product_id        "ABC\x06\x0d\x14\x1b")07>ELSZahov" -> "\xf1\xf8\xff\x06\x0d\x14\x1b")07>ELSZahov")"
-      "\n",
-      "  main_checksum     0x3303 -> 0x331b\n",
-      "  card_index        0x2afc -> 0x2afb\n",
-      "  bytes_184         0b 12 00 20 27 2e -> 0b 12 19 20 27 2e\n",
-      "  sensor_checksum   0x23b1 -> 0x23af\n",
-      "  bytes_269         2 of 65 bytes differ, the first at offset 300\n"};
-  std::string changes;
-  for (const std::string &line : lines)
-    changes += line;
-  const std::string differences = lines[0] + "    0x0004: 4b -> 4d\n    0x0005: 1a -> 3c\n" + lines[1] +
-                                  "    0x0022: 41 -> f1\n    0x0023: 42 -> f8\n"
-                                  "    0x0024: 43 -> ff\n" +
-                                  lines[2] + "    0x00a5: 03 -> 1b\n" + lines[3] + "    0x00b7: fc -> fb\n" + lines[4] +
-                                  "    0x00ba: 00 -> 19\n" + lines[5] + "    0x010c: b1 -> af\n" + lines[6] +
-                                  "    0x012c: 3f -> 37\n    0x012d: 38 -> 3e\n";
+  const std::string differences = R"--(  common_checksum   0x4b1a -> 0x4d3c
+    0x0004: 4b -> 4d
+    0x0005: 1a -> 3c
+  product_id        "ABC\x06\x0d\x14\x1b")07>ELSZahov" -> "\xf1\xf8\xff\x06\x0d\x14\x1b")07>ELSZahov"
+    0x0022: 41 -> f1
+    0x0023: 42 -> f8
+    0x0024: 43 -> ff
+  main_checksum     0x3303 -> 0x331b
+    0x00a5: 03 -> 1b
+  card_index        0x2afc -> 0x2afb
+    0x00b7: fc -> fb
+  bytes_184         0b 12 00 20 27 2e -> 0b 12 19 20 27 2e
+    0x00ba: 00 -> 19
+  sensor_checksum   0x23b1 -> 0x23af
+    0x010c: b1 -> af
+  bytes_269         2 of 65 bytes differ, the first at offset 300
+    0x012c: 3f -> 37
+    0x012d: 38 -> 3e
+)--";
+  const std::string changes = std::regex_replace(differences, std::regex("\n    0x.*"), "");
   const std::string head = "to: supervisor image, 334 bytes\n";
   // Status, output, whether it is written.
   // clang-format off
@@ -294,10 +252,7 @@ TEST_F(sprom_tool, finds_the_images_in_the_dump_of_an_eeprom) {
   // clang-format on
   for (const auto &[command, status, said] : rows) {
     SCOPED_TRACE(command);
-    const auto result = sh("sprom " + command);
-    EXPECT_EQ(result.status, status);
-    EXPECT_THAT(result.out + result.err, EndsWith(said));
-    EXPECT_EQ((result.out + result.err).empty(), said.empty());
+    expect(sh("sprom " + command), status, said);
   }
   EXPECT_EQ(load("copy"), sup);
   const bytes edited = patched(sup, SPROM_TYPE_SUP, 6, {0, 7});
@@ -330,25 +285,20 @@ TEST_F(sprom_tool, takes_of_a_json_text_what_it_can_use_and_tells_the_rest) {
     save("ps", old);
     const std::string json = R"({"kind":"ps","blocks":)" + blocks + "}";
     save("json", bytes(json.begin(), json.end()));
-    const auto result = sh("sprom edit -y -f ps --from json");
-    EXPECT_EQ(result.status, err.empty() ? 0 : 1);
-    EXPECT_EQ(result.err, err.empty() ? "" : "sprom: json: " + err + "\n");
+    expect(sh("sprom edit -y -f ps --from json"), err.empty() ? 0 : 1,
+           err.empty() ? "ps: written\n" : "sprom: json: " + err + "\n");
     EXPECT_EQ(load("ps"), expected);
   }
-  EXPECT_EQ(sh("sprom edit -y -f ps --from lost").err,
-            "sprom: lost: cannot read: No such file or directory (errno 2)\n");
 }
 
 TEST_F(sprom_tool, edits_only_the_blocks_of_its_fields_and_hides_no_defect) {
   const bytes bad = with_byte(device_image(SPROM_TYPE_BP), 300, 0);
   save("bp", bad);
-  auto result = sh("sprom edit -y -f bp --product-id=X");
-  EXPECT_EQ(result.status, 1);
-  EXPECT_THAT(result.err, StartsWith("Backplane WWN block checksum mismatch.  "));
-  EXPECT_THAT(result.err, EndsWith("\nsprom: bp: a bad image; nothing is written without --force\n"));
+  expect(sh("sprom edit -y -f bp --product-id=X"), 1,
+         "Backplane WWN block checksum mismatch.  Found 0x7d46, expected 0x7d0f.\n"
+         "sprom: bp: a bad image; nothing is written without --force\n");
   EXPECT_EQ(load("bp"), bad);
-  result = sh("sprom edit -y --force -f bp --hw-change-bits=0x102 --bytes_461=00112233445566778899");
-  EXPECT_EQ(result.status, 0);
+  EXPECT_EQ(sh("sprom edit -y --force -f bp --hw-change-bits=0x102 --bytes_461=00112233445566778899").status, 0);
   bytes expected = patched(device_image(SPROM_TYPE_BP), SPROM_TYPE_BP, 174, {0, 0, 0, 0, 0, 0, 1, 2});
   expected = patched(expected, SPROM_TYPE_BP, 461, {0, 0x11, 0x22, 0x33, 0x44, 0x55, 0x66, 0x77, 0x88, 0x99});
   EXPECT_EQ(load("bp"), with_byte(expected, 300, 0));
@@ -359,83 +309,107 @@ TEST_F(sprom_tool, asks_before_it_writes) {
   save("from", device_image(SPROM_TYPE_LC));
   save("bad", with_byte(device_image(SPROM_TYPE_LC), 100, 0));
   const std::string terminal = " | script -qec 'sprom write -f to from' /dev/null";
-  // Whether it is written, and a part of what is said.
+  // The file that is written, and the end of what is said.
   // clang-format off
-  const std::tuple<std::string, bool, std::string> rows[]{
-      {"sprom write -f to from",              false, "sprom: to: not written: there is no terminal to ask on; --yes"},
-      {"echo y | sprom write -f to from",     false, "sprom: to: not written: there is no terminal to ask on; --yes"},
-      {"echo y" + terminal,                   true,  "Write to to? [y/N] "},
-      {"echo n" + terminal,                   false, "sprom: to: not written"},
-      {"echo" + terminal,                     false, "sprom: to: not written"},
-      {"printf '\\4'" + terminal,             false, "sprom: to: not written"},
-      {"sprom write -f to from -y",           true,  "to: written\n"},
-      {"sprom write -f to bad -y",            false, "sprom: bad: a bad image; nothing is written without --force"},
-      {"sprom write -f to bad --force",       false, "sprom: to: not written: there is no terminal to ask on; --yes"},
+  const std::tuple<std::string, std::string, std::string> rows[]{
+      {"echo y" + terminal,                   "from", "to: written\r\n"},
+      {"echo n" + terminal,                   "to",   "sprom: to: not written\r\n"},
+      {"echo" + terminal,                     "to",   "sprom: to: not written\r\n"},
+      {"printf '\\4'" + terminal,             "to",   "sprom: to: not written\r\n"},
+      {"sprom write -f to bad -y",            "to",   "sprom: bad: a bad image; nothing is written without --force\n"},
+      {"sprom write -f to bad --force",       "to",   "sprom: to: not written: there is no terminal to ask on; --yes writes without asking\n"},
+      {"sprom write -f to bad --force -y",    "bad",  "to: written\nLine card Common Header block checksum mismatch.  Found 0x4d3c, expected 0x4c7d.\n"},
   };
   // clang-format on
-  for (const auto &[command, is_written, said] : rows) {
+  for (const auto &[command, written, said] : rows) {
     SCOPED_TRACE(command);
     save("to", old);
-    const auto result = sh(command);
-    EXPECT_EQ(result.status, is_written ? 0 : 1);
-    EXPECT_THAT(result.out + result.err, HasSubstr(said));
-    EXPECT_EQ(load("to"), is_written ? load("from") : old);
+    expect(sh(command), written == "to" ? 1 : 0, said);
+    EXPECT_EQ(load("to"), written == "to" ? old : load(written));
   }
-  EXPECT_THAT(sh("sprom write -f to bad --force -y").err,
-              StartsWith("Line card Common Header block checksum mismatch."));
-  EXPECT_EQ(load("to"), load("bad"));
+  EXPECT_THAT(sh("echo n" + terminal).out, HasSubstr("Write to to? [y/N] "));
 }
 
-TEST_F(sprom_tool, refuses_bad_values_and_wrong_usage) {
-  const std::string edit = "edit -y -f sup --serial_number=S ";
+TEST_F(sprom_tool, refuses_what_is_wrong_and_leaves_files_whole) {
+  const std::string edit = "sprom edit -y -f sup --serial_number=S ";
+  const std::string no_terminal = "to: not written: there is no terminal to ask on; --yes writes without asking";
   // clang-format off
-  const std::vector<refusal> rows{
-      {edit + "--card_index=",                       "card_index: '' is no number"},
-      {edit + "--card_index=-1",                     "card_index: '-1' is no number"},
-      {edit + "--card_index=65536",                  "card_index: '65536' does not fit in 16 bits"},
-      {edit + "--num_166=18446744073709551616",      "num_166: '18446744073709551616' does not fit in 64 bits"},
-      {edit + "--product-id=123456789012345678901",  "product_id: '123456789012345678901' is longer than 20 characters"},
-      {edit + "--product_id='a\\x1'",                "product_id: 'a\\\\x1' has a bad escape (\\\\ and \\xNN are known)"},
-      {edit + "--bytes_262=",                        "bytes_262: '' has 0 bytes, the field 1"},
-      {edit + "--bytes_262=11:",                     "bytes_262: '11:' is no run of hex digit pairs"},
-      {edit + "--main_checksum=1",                   "main_checksum is computed"},
-      {edit + "--sensor_length=1",                   "sensor_length belongs to the format"},
-      {edit + "--num_182=1",                         "a supervisor image has no field num_182 (see 'sprom fields')"},
-      {edit + "--field=card_index",                  "--field takes NAME=VALUE, not 'card_index'"},
-      {edit + "--colour=red",                        "unrecognized option '--colour=red'"},
-      {"",                                           "a command is missing"},
-      {"lost",                                       "lost: no such command"},
-      {"list -F else",                               "else: no such family (dorvan, pellin, tosk)"},
-      {"list -F tosk -f sup",                        "--family does not go with --file"},
-      {"list x",                                     "usage: sprom list"},
-      {"list --yes",                                 "list takes no --yes"},
-      {"show",                                       "a SPROM or --file is missing"},
-      {"verify PS1 -f sup",                          "PS1: with --file, a SPROM is named by its kind"},
-      {"edit -f - --num_6=1",                        "--file - can only be read"},
-      {"write -f - sup",                             "--file - can only be read"},
-      {"write sup --backup=x --no-backup",           "--backup does not go with --no-backup"},
-      {"dump -f sup",                                "the FILE to fill is missing"},
-      {"dump --hex -f sup sup x",                    "--hex goes to standard output, not to a FILE"},
-      {"get -f sup colour",                          "a supervisor image has no field colour (see 'sprom fields')"},
-      {"protect --on",                               "--on needs the SPROM to protect"},
-      {"write a b c",                                "usage: sprom write [SPROM] FILE"},
-      {"edit -f sup",                                "no --FIELD=VALUE to change, and no --from"},
-      {"make ps",                                    "the FILE to make is missing"},
-      {"make dimm new",                              "dimm: this kind has no layout"},
-      {"fields dimms",                               "dimms: no such kind of image"},
+  const std::tuple<int, std::string, std::string> rows[]{
+      {1, "sprom verify -f /dev/null",                                     "/dev/null: 0 bytes: no kind of image has this size"},
+      {1, "head -c 161 from >bad; sprom dump -f bad new",                  "bad: 161 bytes: no kind of image has this size"},
+      {1, "head -c 162 from >bad; sprom show -f bad",                      "bad: 162 bytes, but a backplane image has 471: the file is truncated"},
+      {1, "head -c 470 from >bad; sprom write -y --force -f to bad",       "bad: 470 bytes, but a backplane image has 471: the file is truncated"},
+      {1, "cat from - >bad <<.\n\n.\nsprom write -y --force -f to bad",    "bad: 472 bytes, but a backplane image has 471: the file is too long"},
+      {1, "cat from /dev/zero | sprom verify -f -",                        "standard input: more than 65536 bytes, but a backplane image has 471: the file is too long"},
+      {1, "head -c 65536 /dev/zero | sprom verify -f -",                   "standard input: no image in this dump of an EEPROM"},
+      {1, "sprom make fan bad; sprom write -y --force -f to bp bad",       "bad: 192 bytes: this is a fan image, not a backplane image"},
+      {1, "sprom show -f 'no\33[7m\\'",                                    "no\\x1b[7m\\\\: cannot read: No such file or directory (errno 2)"},
+      {1, "sprom write -y -f to none",                                     "none: cannot read: No such file or directory (errno 2)"},
+      {1, "sprom edit -y -f to --from none",                               "none: cannot read: No such file or directory (errno 2)"},
+      {1, "sprom dump -f to none/x",                                       "none/x: cannot write: No such file or directory (errno 2)"},
+      {1, "sprom dump -f to .",                                            ".: cannot write: Is a directory (errno 21)"},
+      {1, "sprom dump -f to /dev/full",                                    "/dev/full: cannot write: No space left on device (errno 28)"},
+      {1, "sprom dump -f to - >/dev/full",                                 "standard output: cannot write: No space left on device (errno 28)"},
+      {1, "sprom show -f to >/dev/full",                                   "cannot write the output: No space left on device"},
+      {1, "prlimit --fsize=300 sprom dump -f from to",                     "to: cannot write: File too large (errno 27)"},
+      {1, "prlimit --fsize=300 sprom dump -f from new",                    "new: cannot write: File too large (errno 27)"},
+      {1, "prlimit --fsize=300 sprom edit -y -f to --num_6=1",             "to: cannot write: File too large (errno 27)"},
+      {1, "sprom write -y -f to --backup=none/x from",                     "none/x: cannot write: No such file or directory (errno 2)\n"
+                                                                           "sprom: to: not written: no backup of the old image"},
+      {1, "sprom write -f to from",                                        no_terminal},
+      {1, "echo y | sprom write -f to from",                               no_terminal},
+      {2, edit + "--card_index=",                        "card_index: '' is no number"},
+      {2, edit + "--card_index=-1",                      "card_index: '-1' is no number"},
+      {2, edit + "--card_index=65536",                   "card_index: '65536' does not fit in 16 bits"},
+      {2, edit + "--num_166=18446744073709551616",       "num_166: '18446744073709551616' does not fit in 64 bits"},
+      {2, edit + "--product-id=123456789012345678901",   "product_id: '123456789012345678901' is longer than 20 characters"},
+      {2, edit + "--product_id='a\\x1'",                 "product_id: 'a\\\\x1' has a bad escape (\\\\ and \\xNN are known)"},
+      {2, edit + "--bytes_262=",                         "bytes_262: '' has 0 bytes, the field 1"},
+      {2, edit + "--bytes_262=11:",                      "bytes_262: '11:' is no run of hex digit pairs"},
+      {2, edit + "--main_checksum=1",                    "main_checksum is computed"},
+      {2, edit + "--sensor_length=1",                    "sensor_length belongs to the format"},
+      {2, edit + "--num_182=1",                          "a supervisor image has no field num_182 (see 'sprom fields')"},
+      {2, edit + "--field=card_index",                   "--field takes NAME=VALUE, not 'card_index'"},
+      {2, edit + "--colour=red",                         "unrecognized option '--colour=red'"},
+      {2, "sprom",                                       "a command is missing"},
+      {2, "sprom lost",                                  "lost: no such command"},
+      {2, "sprom list -F else",                          "else: no such family (dorvan, pellin, tosk)"},
+      {2, "sprom list -F tosk -f sup",                   "--family does not go with --file"},
+      {2, "sprom list x",                                "usage: sprom list"},
+      {2, "sprom list --yes",                            "list takes no --yes"},
+      {2, "sprom show",                                  "a SPROM or --file is missing"},
+      {2, "sprom verify PS1 -f sup",                     "PS1: with --file, a SPROM is named by its kind"},
+      {2, "sprom edit -f - --num_6=1",                   "--file - can only be read"},
+      {2, "sprom write -f - sup",                        "--file - can only be read"},
+      {2, "sprom write sup --backup=x --no-backup",      "--backup does not go with --no-backup"},
+      {2, "sprom dump -f sup",                           "the FILE to fill is missing"},
+      {2, "sprom dump --hex -f sup sup x",               "--hex goes to standard output, not to a FILE"},
+      {2, "sprom get -f sup colour",                     "a supervisor image has no field colour (see 'sprom fields')"},
+      {2, "sprom protect --on",                          "--on needs the SPROM to protect"},
+      {2, "sprom write a b c",                           "usage: sprom write [SPROM] FILE"},
+      {2, "sprom edit -f sup",                           "no --FIELD=VALUE to change, and no --from"},
+      {2, "sprom make ps",                               "the FILE to make is missing"},
+      {2, "sprom make dimm new",                         "dimm: this kind has no layout"},
+      {2, "sprom fields dimms",                          "dimms: no such kind of image"},
   };
   // clang-format on
-  const bytes image = device_image(SPROM_TYPE_SUP);
-  save("sup", image);
-  for (const auto &[command, err] : rows) {
+  const bytes from = device_image(SPROM_TYPE_BP), to = zero_image(tool_kinds[1]), sup = device_image(SPROM_TYPE_SUP);
+  save("from", from);
+  save("to", to);
+  save("sup", sup);
+  for (const auto &[status, command, err] : rows) {
     SCOPED_TRACE(command);
-    const auto result = sh("sprom " + command);
-    EXPECT_EQ(result.status, 2);
-    EXPECT_EQ(result.out, "");
-    EXPECT_EQ(result.err, "sprom: " + err + "\nTry 'sprom --help' for more information.\n");
-    EXPECT_EQ(load("sup"), image);
-    EXPECT_EQ(sh("ls").out, "sup\n");
+    const auto result = sh(command);
+    EXPECT_EQ(result.status, status);
+    EXPECT_EQ(result.err, "sprom: " + err + (status == 2 ? "\nTry 'sprom --help' for more information.\n" : "\n"));
+    EXPECT_TRUE(status == 2 ? result.out.empty() : result.out.find("written") == std::string::npos) << result.out;
+    EXPECT_EQ(load("to"), to);
+    EXPECT_EQ(load("sup"), sup);
+    EXPECT_EQ(sh("rm -f bad; ls").out, "from\nsup\nto\n");
   }
+}
+
+TEST_F(sprom_tool, helps) {
   const auto result = sh("sprom show --help && sprom --version && sprom fields fan");
   EXPECT_EQ(result.status, 0);
   EXPECT_THAT(result.out, StartsWith("Usage: sprom COMMAND "));
