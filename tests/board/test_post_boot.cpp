@@ -13,34 +13,29 @@ namespace fs = std::filesystem;
 
 const std::string script = POST_SOURCE_DIR "/post/boot/post-boot";
 
-// Runs it with a fault, or without one; `before` is a command that comes first.
-outcome boot(const fs::path &dir, const std::string &fault, const std::string &before = "true") {
-  const auto option = fault.empty() ? "" : " --fault " + shell_word(fault);
-  return run_shell(dir, before + "\nexport LOGS_DIRECTORY=\"$PWD/logs\"\nboard-sim --state board" + option + " -- " +
+// Runs it with options of board-sim; `before` is a command that comes first.
+outcome boot(const fs::path &dir, const std::string &options, const std::string &before = "true") {
+  return run_shell(dir, before + "\nexport LOGS_DIRECTORY=\"$PWD/logs\"\nboard-sim --state board " + options + " -- " +
                             shell_word(script) + " -s");
 }
 
 TEST(post_boot, ends_as_the_board_does) {
-  const struct {
-    const char *what;
-    const char *fault;
-    int status;
-    size_t records;
-  } cases[] = {
-      // clang-format off
-      {"a sound board",                "",                                   0, 13},
-      {"a device fails",               "i2c-absent bus=1 addr=0x52",         1, 13},
-      {"POST ends before its verdict", "pci-list-unreadable",                1, 0},
-      // clang-format on
+  // clang-format off
+  const std::tuple<const char *, const char *, int, size_t> cases[] = {
+      {"a sound board",                "",                                     0, 13},
+      {"a device fails",               "--fault 'i2c-absent bus=1 addr=0x52'", 1, 13},
+      {"POST ends before its verdict", "--fault pci-list-unreadable",          1, 0},
   };
-  for (const auto &c : cases) {
+  // clang-format on
+  for (const auto &[what, options, status, count] : cases) {
+    SCOPED_TRACE(what);
     const temp_dir dir;
-    const auto run = boot(dir.path(), c.fault);
-    EXPECT_EQ(run.status, c.status) << c.what << run.err;
-    EXPECT_EQ(read_file(dir.path() / "logs/last/output"), run.out) << c.what;
-    EXPECT_FALSE(run.out.empty()) << c.what;
+    const auto run = boot(dir.path(), options);
+    EXPECT_EQ(run.status, status) << run.err;
+    EXPECT_FALSE(run.out.empty());
+    EXPECT_EQ(read_file(dir.path() / "logs/last/output"), run.out);
     const auto records = read_file(dir.path() / "logs/last/result");
-    EXPECT_EQ(static_cast<size_t>(std::ranges::count(records, '\n')), c.records) << c.what;
+    EXPECT_EQ(static_cast<size_t>(std::ranges::count(records, '\n')), count);
   }
 }
 
@@ -50,7 +45,7 @@ TEST(post_boot, keeps_each_run_apart) {
   EXPECT_EQ(read_file(dir.path() / "logs/last/result-before"), "earlier\n");
   const auto first = fs::read_symlink(dir.path() / "logs/last").string();
   EXPECT_EQ(first + "\n", read_file("/proc/sys/kernel/random/boot_id"));
-  ASSERT_EQ(boot(dir.path(), "sprom-absent").status, 1);
+  ASSERT_EQ(boot(dir.path(), "--fault sprom-absent").status, 1);
   EXPECT_EQ(fs::read_symlink(dir.path() / "logs/last").string(), first + ".2");
   EXPECT_EQ(read_file(dir.path() / "logs" / first / "result"), read_file(dir.path() / "logs/last/result-before"));
 }
