@@ -34,6 +34,17 @@ class sprom_board : public sprom_tool {
   [[nodiscard]] std::string pins() const {
     return sh(R"(sed -nE 's/^[^ ]+ ((port|i2c-[0-9]+:7.) w (24|32) )/\1/p' log)").out;
   }
+  // Compares the status, how the errors end, and whether an EEPROM is another one afterwards.
+  void expect_on(const std::string &board, const std::string &args, int status, const std::string &err,
+                 bool is_written = false, const std::string &before = "") const {
+    SCOPED_TRACE(board + " " + args);
+    const std::string chips = sums();
+    const auto result = on(board, args, before);
+    EXPECT_EQ(result.status, status) << result.out;
+    EXPECT_THAT(result.err, EndsWith(err));
+    EXPECT_EQ(result.err.empty(), err.empty());
+    EXPECT_EQ(sums() != chips, is_written);
+  }
   // How many bytes the last run wrote to an EEPROM.
   [[nodiscard]] size_t cycles(const std::string &eeprom, bool one_byte) const {
     std::string device = "i2c-" + eeprom;
@@ -175,12 +186,11 @@ TEST_F(sprom_board, takes_the_mezzanine_pin_from_the_change_bits_and_hints_at_th
   };
   // clang-format on
   for (const auto &[board, variable, pin, hint] : rows) {
-    SCOPED_TRACE(board + " " + variable);
-    const auto result = on("--family pellin --revision " + board, "edit -y dc1 --product-id=" + board, variable);
-    EXPECT_EQ(result.status, hint.empty() ? 0 : 1);
+    SCOPED_TRACE(variable);
+    (void)fresh("--family pellin --revision " + board, "17-52");
+    expect_on("--family pellin --revision " + board, "edit -y dc1 --product-id=" + board, hint.empty() ? 0 : 1, hint,
+              hint.empty(), variable);
     EXPECT_THAT(pins(), StartsWith("i2c-20:76 w 24 0x0 0x06" + pin + "\n"));
-    EXPECT_THAT(result.err, EndsWith(hint));
-    EXPECT_EQ(sh("rm -rf st").status, 0);
   }
 }
 
@@ -362,14 +372,8 @@ TEST_F(sprom_board, loses_nothing_where_the_service_cannot_be_told_the_device) {
   // clang-format on
   save("image", device_image(SPROM_TYPE_PS));
   for (const auto &[board, args, status, err] : rows) {
-    SCOPED_TRACE(args);
     (void)fresh("--family " + board, "1-52");
-    const std::string before = sums();
-    const auto result = on("--family " + board, args, service);
-    EXPECT_EQ(result.status, status);
-    EXPECT_THAT(result.err, EndsWith(err));
-    EXPECT_EQ(result.err.empty(), err.empty());
-    EXPECT_EQ(sums() == before, args[0] != 'e' || status != 0);
+    expect_on("--family " + board, args, status, err, args.starts_with("edit") && status == 0, service);
   }
   // What is skipped is no defect of the board, but one in what was asked for by name.
   (void)sh("rm -rf st");
@@ -397,13 +401,13 @@ TEST_F(sprom_board, loses_nothing_where_the_service_cannot_be_told_the_device) {
 }
 
 TEST_F(sprom_board, changes_no_chip_by_reading) {
-  for (const std::string family : {"dorvan", "pellin", "tosk"}) {
-    (void)fresh("--family " + family, "1-52");
+  for (const std::string family : {"--family dorvan", "--family pellin", "--family tosk"}) {
+    (void)fresh(family, "1-52");
     const std::string before = sums();
     for (const std::string args :
          {"list", "verify", "show 0,0", "get 1,1 serial-number", "protect", "dump 0,0 copy", "diff copy", "show 0,2",
           "dump --raw --hex 0,1", "write --dry-run --force 0,0 copy", "edit -n 0,0 --num_6=7", "show DIMM1"})
-      (void)on("--family " + family, args);
+      (void)on(family, args);
     EXPECT_EQ(sums(), before) << family;
   }
 }
@@ -435,11 +439,8 @@ TEST_F(sprom_board, tells_present_absent_and_dead_apart) {
     EXPECT_EQ(json.status, status);
     EXPECT_THAT(json.out, HasSubstr("\"state\":\"" + state + "\",\"bus\":\"/dev/i2c-"));
     EXPECT_THAT(json.out, HasSubstr("\"byte\":" + found));
-    for (const std::string command : {"show '", "verify '"}) {
-      const auto alone = on(board, command + name + "'");
-      EXPECT_EQ(alone.status, status);
-      EXPECT_THAT(alone.err, EndsWith(err.empty() ? "" : "): " + err + "\n"));
-    }
+    for (const std::string command : {"show '", "verify '"})
+      expect_on(board, command + name + "'", status, err.empty() ? "" : "): " + err + "\n");
     const auto all = on(board, "verify");
     EXPECT_EQ(all.status, status);
     EXPECT_THAT(all.out, HasSubstr(status != 0 ? "): " + state + "\n  " + err + "\n" : ""));
@@ -460,7 +461,8 @@ TEST_F(sprom_board, tells_present_absent_and_dead_apart) {
 }
 
 TEST_F(sprom_board, keeps_a_second_writer_out) {
-  const bytes before = fresh("", "1-52");
+  const std::string board = "--family pellin";
+  (void)fresh(board, "1-52");
   (void)sh("mkdir -p st/var/lock");
   const int fd = open(path("st/var/lock/sprom-i2c-1-52.lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   struct flock lock {};
@@ -468,27 +470,18 @@ TEST_F(sprom_board, keeps_a_second_writer_out) {
   lock.l_whence = SEEK_SET;
   ASSERT_EQ(fcntl(fd, F_SETLK, &lock), 0);
   const std::string busy = "another program is writing to this EEPROM (process " + std::to_string(getpid()) + ")\n";
-  const std::string no_file = "cannot lock /var/lock/sprom-i2c-1-52.lock: No such file or directory (errno 2)";
-  // clang-format off
-  const std::tuple<std::string, std::string, int, std::string> rows[]{
-      {"",                          "edit -y --force 1,1 --num_6=7", 1, "not written: " + busy},
-      {"",                          "edit -y 0,0 --num_6=7",         1, "not written: " + busy},
-      {"",                          "edit -n 0,0 --num_6=7",         0, ""},
-      {"",                          "verify",                        0, ""},
-      {"--family pellin",           "protect --on 1,1",              1, "not switched on: " + busy},
-      {"--fault lock-dir-missing",  "edit -y 0,0 --num_6=7",         1, "not written: " + no_file + "; --force writes without a lock\n"},
-      {"--fault lock-dir-missing",  "edit -y --force 0,0 --num_6=7", 0, no_file + "\n"},
-  };
-  // clang-format on
-  for (const auto &[board, args, status, err] : rows) {
-    SCOPED_TRACE(args);
-    const auto result = on(board, args);
-    EXPECT_EQ(result.status, status);
-    EXPECT_THAT(result.err, EndsWith(err));
-    EXPECT_EQ(load("st/eeprom-1-52") == before, args.find("--force 0,0") == std::string::npos);
-  }
+  expect_on(board, "edit -y --force 1,1 --num_6=7", 1, "not written: " + busy);
+  expect_on(board, "edit -y 0,0 --num_6=7", 1, "not written: " + busy);
+  expect_on(board, "edit -n 0,0 --num_6=7", 0, "");
+  expect_on(board, "verify", 0, "");
+  expect_on(board, "protect --on 1,1", 1, "not switched on: " + busy);
   (void)close(fd);
-  EXPECT_EQ(on("", "edit -y 1,1 --num_6=7").status, 0);
+  expect_on(board, "edit -y 1,1 --num_6=7", 0, "", true);
+
+  const std::string no_file = "cannot lock /var/lock/sprom-i2c-1-52.lock: No such file or directory (errno 2)";
+  expect_on(board + " --fault lock-dir-missing", "edit -y 0,0 --num_6=7", 1,
+            "not written: " + no_file + "; --force writes without a lock\n");
+  expect_on(board + " --fault lock-dir-missing", "edit -y --force 0,0 --num_6=7", 0, no_file + "\n", true);
 }
 
 // All that can wait does, until the image is whole and protected again.
@@ -529,16 +522,17 @@ TEST_F(sprom_board, writes_nothing_when_anything_before_fails) {
       {"write -y --backup=no/x 1,1 sup",  supervisor + "no backup of the old image"},
   };
   // clang-format on
+  (void)fresh("--family pellin", "1-52");
   for (const auto &[args, err] : rows) {
-    SCOPED_TRACE(args);
-    expect(on("--family pellin", args), 1, "sprom: " + err + "\n");
+    expect_on("--family pellin", args, 1, "sprom: " + err + "\n");
     EXPECT_EQ(pins(), "");
   }
-  EXPECT_THAT(on("--family pellin", "write -y 1,1 sup", "SPROM_BACKUP_DIR=no\n").err,
+  const std::string elsewhere = "SPROM_BACKUP_DIR=no\n";
+  EXPECT_THAT(on("--family pellin", "write -y 1,1 sup", elsewhere).err,
               testing::ContainsRegex("no backup of the old image: no/sprom-SUPERVISOR-[-0-9]+.bin: No such file or "
                                      "directory .errno 2.; --backup names another file\n$"));
   EXPECT_EQ(pins(), "");
-  EXPECT_EQ(on("--family pellin", "write -y --no-backup 1,1 sup", "SPROM_BACKUP_DIR=no\n").status, 0);
+  EXPECT_EQ(on("--family pellin", "write -y --no-backup 1,1 sup", elsewhere).status, 0);
   // A name that is taken is left alone.
   for (const std::string number : {"1", "2"})
     EXPECT_EQ(on("--family pellin", "edit -y 1,1 --num_6=" + number).status, 0);
