@@ -15,10 +15,15 @@ using bytes = std::vector<uint8_t>;
 
 constexpr uint32_t image_kinds[]{SPROM_TYPE_SUP, SPROM_TYPE_BP, SPROM_TYPE_LC, SPROM_TYPE_PS, SPROM_TYPE_FAN};
 constexpr uint32_t no_kinds[]{0, SPROM_TYPE_DIMM, 7, 0x80000001, 0xFFFFFFFF};
-constexpr decltype(&sprom_ntoh) conversions[]{sprom_ntoh, sprom_hton};
 
 sprom_t descriptor(uint32_t type) {
   return {nullptr, nullptr, nullptr, "", type, 0, nullptr};
+}
+
+bytes counting(size_t size, uint8_t from) {
+  bytes image(size);
+  std::iota(image.begin(), image.end(), from);
+  return image;
 }
 
 // The result and the lines of a check.
@@ -28,9 +33,12 @@ std::string told(F f) {
   const int32_t result = f();
   return testing::internal::GetCapturedStdout() + std::to_string(result);
 }
-std::string verify(const bytes &image, uint32_t type) {
+std::string verify(const uint8_t *image, uint32_t type) {
   const sprom_t sprom = descriptor(type);
-  return told([&] { return sprom_verify(&sprom, image.data()); });
+  return told([&] { return sprom_verify(&sprom, image); });
+}
+std::string verify(const bytes &image, uint32_t type) {
+  return verify(image.data(), type);
 }
 
 // The blanks put Found in the same column in all three lines.
@@ -48,28 +56,22 @@ unsigned half(const bytes &image, size_t at) {
 }
 
 TEST(sprom_conv, exchanges_the_bytes_of_every_number_and_no_others) {
-  for (const auto convert : conversions) {
-    for (const uint32_t type : image_kinds) {
+  const bytes device = counting(600, 1);
+  for (const auto convert : {sprom_ntoh, sprom_hton}) {
+    const auto expect = [&](uint32_t type, int32_t result, const bytes &host) {
       SCOPED_TRACE(type);
       const sprom_t sprom = descriptor(type);
-      bytes device(600);
-      std::iota(device.begin(), device.end(), uint8_t{1});
       bytes image = device;
-      EXPECT_EQ(convert(&sprom, image.data()), 0);
-      EXPECT_EQ(image, host_image(device, type));
-      EXPECT_EQ(convert(&sprom, image.data()), 0);
+      EXPECT_EQ(convert(&sprom, image.data()), result);
+      EXPECT_EQ(image, host);
+      EXPECT_EQ(convert(&sprom, image.data()), result);
       EXPECT_EQ(image, device);
-      EXPECT_EQ(convert(&sprom, nullptr), 0);
-    }
-    for (const uint32_t type : no_kinds) {
-      const sprom_t sprom = descriptor(type);
-      bytes image(600);
-      std::iota(image.begin(), image.end(), uint8_t{1});
-      const bytes before = image;
-      EXPECT_EQ(convert(&sprom, image.data()), -22);
-      EXPECT_EQ(image, before);
-      EXPECT_EQ(convert(&sprom, nullptr), -22);
-    }
+      EXPECT_EQ(convert(&sprom, nullptr), result);
+    };
+    for (const uint32_t type : image_kinds)
+      expect(type, 0, host_image(device, type));
+    for (const uint32_t type : no_kinds)
+      expect(type, -22, device);
   }
 }
 
@@ -112,21 +114,15 @@ TEST(sprom_verify, reports_every_mismatch_of_an_image) {
             line("PSU", signature, 0xAB01, 0xAB02) + "-22");
 }
 
-TEST(sprom_verify, has_no_verdict_on_kinds_without_layout) {
-  for (const uint32_t type : no_kinds) {
-    const sprom_t sprom = descriptor(type);
-    EXPECT_EQ(told([&] { return sprom_verify(&sprom, nullptr); }), "-19");
-  }
-}
-
-TEST(sprom_verify_DeathTest, asserts_an_image) {
+TEST(sprom_verify_DeathTest, asserts_an_image_and_has_no_verdict_on_kinds_without_layout) {
   constexpr const char *names[]{"", "sup", "bp", "lc", "ps", "", "fan"};
   for (const uint32_t type : image_kinds) {
     const std::string name = names[type];
-    const sprom_t sprom = descriptor(type);
-    EXPECT_DEATH((void)sprom_verify(&sprom, nullptr),
+    EXPECT_DEATH((void)verify(nullptr, type),
                  testing::HasSubstr("sprom_verify_" + name + ": Assertion `" + name + "_sprom' failed"));
   }
+  for (const uint32_t type : no_kinds)
+    EXPECT_EQ(verify(nullptr, type), "-19");
 }
 
 TEST(sprom_xsum, sums_all_bytes_but_its_own_modulo_65536) {
@@ -134,8 +130,7 @@ TEST(sprom_xsum, sums_all_bytes_but_its_own_modulo_65536) {
   EXPECT_EQ(diag_sprom_compute_xsum(block.data(), 16) & 0xFFFF, 14U * 0xFF);
   EXPECT_EQ(diag_sprom_compute_xsum(block.data(), 600) & 0xFFFF, 598U * 0xFF % 0x10000);
   // The sum of exactly 65536 is 0 before its own bytes are taken off.
-  block.assign(257, 0xFF);
-  block.push_back(1);
+  block[257] = 1;
   EXPECT_EQ(diag_sprom_compute_xsum(block.data(), 258), 0x10000U - 2 * 0xFF);
   block[4] = 0;
   block[5] = 1;
@@ -161,8 +156,7 @@ TEST(sprom_plan, stands_a_cut_at_any_byte_torn_to_anything) {
     SCOPED_TRACE(type);
     const bytes old = device_image(type);
     ASSERT_TRUE(is_accepted(old, type));
-    bytes other(old.size());
-    std::iota(other.begin(), other.end(), uint8_t{91});
+    bytes other = counting(old.size(), 91);
     for (const test_block &block : test_blocks.at(type))
       std::copy_n(&old[block.offset], 4, &other[block.offset]);
     seal_image(&other, type);
