@@ -115,77 +115,80 @@ TEST(sprom_families, answer_to_sprom_addresses) {
 
 // The probes.
 
-// What a probe does on the buses to see the straps, then the supervisor's image.
-constexpr const char *straps_0 = "i2c-8:76 w 8 0x0 0x00; i2c-8:76 r 16 0x1 0x3fff";
-constexpr const char *straps_1 = "i2c-8:76 w 8 0x0 0x00; i2c-8:76 r 16 0x1 0x7fff";
-constexpr const char *straps_2 = "i2c-8:76 w 8 0x0 0x00; i2c-8:76 r 16 0x1 0xbfff";
-constexpr const char *straps_3 = "i2c-8:76 w 8 0x0 0x00; i2c-8:76 r 16 0x1 0xffff";
+// What a probe does on the buses to see the straps; with `second` by the other expander, as the first one does not
+// answer. Then it may read the supervisor's image.
+std::string straps_read(unsigned straps, bool second) {
+  constexpr const char *first_pairs[]{"3fff", "7fff", "bfff", "ffff"};
+  constexpr const char *second_pairs[]{"ff3f", "ff7f", "ffbf", "ffff"};
+  if (second) return std::string{"i2c-8:76 W 8 0x0 0x00; i2c-8:26 r 16 0x0 0x"} + second_pairs[straps];
+  return std::string{"i2c-8:76 w 8 0x0 0x00; i2c-8:76 r 16 0x1 0x"} + first_pairs[straps];
+}
 constexpr const char *image_read = "i2c-1:52 w 16 0x0 0x0000; i2c-1:52 r 8 *334";
-// By the other expander, where the first one does not answer.
-constexpr const char *other_0 = "i2c-8:76 W 8 0x0 0x00; i2c-8:26 r 16 0x0 0xff3f";
-constexpr const char *other_1 = "i2c-8:76 W 8 0x0 0x00; i2c-8:26 r 16 0x0 0xff7f";
-constexpr const char *other_2 = "i2c-8:76 W 8 0x0 0x00; i2c-8:26 r 16 0x0 0xffbf";
-constexpr const char *neither = "i2c-8:76 W 8 0x0 0x00; i2c-8:26 R 0 0x0 0x0";
-constexpr const char *no_9539 = "i2c-fail bus=8 addr=0x76 times=0";
+constexpr const char *no_first = "i2c-fail bus=8 addr=0x76 times=0";
+constexpr const char *no_second = "i2c-fail bus=8 addr=0x26 times=0 errno=110";
+constexpr const char *no_eeprom = "i2c-fail bus=1 addr=0x52 times=0 errno=110";
 constexpr const char *bad_image = "sprom-corrupt image=sup block=main offset=8 xor=3";
 constexpr const char *bad_image_line = "Supervisor Main block checksum mismatch.  Found 0x01f5, expected 0x01f8.\n";
 
 struct board_case {
   uint32_t card;
-  const char *straps;  // their fault
+  unsigned straps;
   const char *fault;
-  const char *transfers;                  // of either probe, first
-  const char *pellin_reads, *tosk_reads;  // then of one
-  int32_t pellin, tosk, platform;
+  const char *pellin_reads, *tosk_reads;  // after the straps
+  int32_t pellin, tosk, platform;         // results
 };
 // clang-format off
 const board_case boards[]{
-    // card  faults                            transfers                      pellin      tosk        results
-    {11004, "",               "",              straps_0,                      "",         image_read, 0,    2,    0},
-    {11003, "straps value=2", "",              straps_2,                      image_read, "",         0,    2,    0},
-    {11004, "straps value=2", "",              straps_2,                      image_read, "",         -22,  2,    2},
-    {11003, "straps value=1", "",              straps_1,                      image_read, image_read, 0,    -22,  0},
-    {11005, "straps value=3", "",              straps_3,                      image_read, image_read, 0,    -22,  0},
-    {11006, "straps value=3", "",              straps_3,                      image_read, image_read, 0,    -22,  0},
-    {11007, "straps value=3", "",              straps_3,                      image_read, image_read, 0,    -22,  0},
-    {11008, "straps value=3", "",              straps_3,                      image_read, image_read, 0,    -22,  0},
-    {11004, "straps value=1", "",              straps_1,                      image_read, image_read, -22,  2,    2},
-    {11002, "straps value=3", "",              straps_3,                      image_read, image_read, -22,  -22,  -22},
-    {11009, "straps value=3", "",              straps_3,                      image_read, image_read, -22,  -22,  -22},
-    {11004, "straps value=3", bad_image,       straps_3,                      image_read, image_read, -22,  -22,  -22},
-    {11004, "straps value=2", "i2c-fail bus=1 addr=0x52 times=0 errno=110",
-                                               straps_2,                      "",         "",         -110, 2,    2},
-    {11004, "",               no_9539,         other_0,                       "",         image_read, 0,    2,    0},
-    {11004, "straps value=2", no_9539,         other_2,                       image_read, "",         -22,  2,    2},
-    {11008, "straps value=1", no_9539,         other_1,                       image_read, image_read, 0,    -22,  0},
-    // With neither expander, the second one's result is told.
-    {11003, no_9539, "i2c-fail bus=8 addr=0x26 times=0 errno=110",
-                                               neither,                       "",         "",         -110, -110, -22},
+    // card  fault       reads                    results
+    {11004, 0, "",        "",         image_read, 0,    2,    0},
+    {11003, 2, "",        image_read, "",         0,    2,    0},
+    {11004, 2, "",        image_read, "",         -22,  2,    2},
+    {11003, 1, "",        image_read, image_read, 0,    -22,  0},
+    {11005, 3, "",        image_read, image_read, 0,    -22,  0},
+    {11006, 3, "",        image_read, image_read, 0,    -22,  0},
+    {11007, 3, "",        image_read, image_read, 0,    -22,  0},
+    {11008, 3, "",        image_read, image_read, 0,    -22,  0},
+    {11004, 1, "",        image_read, image_read, -22,  2,    2},
+    {11002, 3, "",        image_read, image_read, -22,  -22,  -22},
+    {11009, 3, "",        image_read, image_read, -22,  -22,  -22},
+    {11004, 3, bad_image, image_read, image_read, -22,  -22,  -22},
+    {11004, 2, no_eeprom, "",         "",         -110, 2,    2},
+    {11004, 0, no_first,  "",         image_read, 0,    2,    0},
+    {11004, 2, no_first,  image_read, "",         -22,  2,    2},
+    {11008, 1, no_first,  image_read, image_read, 0,    -22,  0},
 };
 // clang-format on
 
 TEST(sprom_families, are_recognised_by_straps_and_card_index) {
   for (const board_case &c : boards) {
-    SCOPED_TRACE(std::to_string(c.card) + ", " + c.straps + ", " + c.fault);
-    const words args{"--family=pellin", "--card=" + std::to_string(c.card), c.straps, c.fault};
+    SCOPED_TRACE(std::to_string(c.card) + ", " + std::to_string(c.straps) + ", " + c.fault);
+    const words options{"--family=pellin", "--card=" + std::to_string(c.card),
+                        c.straps != 0 ? "straps value=" + std::to_string(c.straps) : "", c.fault};
     const std::string lines = c.fault == std::string{bad_image} ? bad_image_line : "";
-    const std::string pellin = joined({c.transfers, c.pellin_reads});
-    const std::string tosk = joined({c.transfers, c.tosk_reads});
-    on_board(args, [&](test_board &board) {
+    const std::string straps = straps_read(c.straps, c.fault == std::string{no_first});
+    const std::string pellin = joined({straps, c.pellin_reads}), tosk = joined({straps, c.tosk_reads});
+    on_board(options, [&](test_board &board) {
       EXPECT_EQ(printed([&] { EXPECT_EQ(sprom_platform_probe_tosk(), c.tosk); }), lines);
       EXPECT_EQ(log_of(board), tosk);
       EXPECT_EQ(printed([&] { EXPECT_EQ(sprom_platform_probe_pellin(), c.pellin); }), lines);
       EXPECT_EQ(log_of(board), pellin);
     });
-    on_board(args, [&](test_board &board) {
+    on_board(options, [&](test_board &board) {
       const std::string output = lines + lines + (c.platform < 0 ? " platform undefined" : "");
       EXPECT_EQ(printed([&] { EXPECT_EQ(sprom_get_platform(), c.platform); }), output);
       EXPECT_EQ(log_of(board), joined({pellin, c.pellin != 0 ? tosk : ""}));
       // An image once read stands in the family's cache, a bad one too.
       EXPECT_EQ(printed([&] { EXPECT_EQ(sprom_get_platform(), c.platform); }), output);
-      EXPECT_EQ(log_of(board), joined({c.transfers, c.pellin != 0 ? c.transfers : ""}));
+      EXPECT_EQ(log_of(board), joined({straps, c.pellin != 0 ? straps : ""}));
     });
   }
+  // With neither expander, the second one's result is told.
+  on_board({"--family=pellin", no_first, no_second}, [](test_board &board) {
+    EXPECT_EQ(sprom_platform_probe_pellin(), -110);
+    EXPECT_EQ(log_of(board), "i2c-8:76 W 8 0x0 0x00; i2c-8:26 R 0 0x0 0x0");
+    EXPECT_EQ(sprom_platform_probe_tosk(), -110);
+    EXPECT_EQ(printed([] { EXPECT_EQ(sprom_get_platform(), -22); }), " platform undefined");
+  });
 }
 
 // Writing.
@@ -213,24 +216,19 @@ struct hook_case {
   const char *family;
   sprom_t *sprom;
   const char *eeprom;
-  uint32_t base;
   hooks expected;
   const char *expander;
 };
+// An SPROM for each of the hooks, and for none; test_sprom_tool_board writes all the others, too.
 // clang-format off
 const hook_case hook_cases[]{
-    {"--family=pellin", &pellin_sprom_sup,   "1-52",  0,      port_hooks,                 nullptr},
-    {"--family=pellin", &pellin_sprom_bp,    "1-52",  0x1000, port_hooks,                 nullptr},
-    {"--family=pellin", &pellin_sprom_lc[0], "17-52", 0,      pin_hooks("i2c-20:76", "fffd"), "bus=20 addr=0x76"},
-    {"--family=pellin", &pellin_sprom_lc[1], "23-52", 0,      pin_hooks("i2c-23:75", "f7ff"), "bus=23 addr=0x75"},
-    {"--family=pellin", &pellin_sprom_lc[2], "7-52",  0,      pin_hooks("i2c-7:75", "f7ff"),  "bus=7 addr=0x75"},
-    {"--family=pellin", &pellin_sprom_ps[0], "6-52",  0,      {},                         nullptr},
-    {"--family=pellin", &pellin_sprom_ps[1], "6-53",  0,      {},                         nullptr},
-    {"--family=tosk",   &tosk_sprom_sup,     "1-52",  0,      port_hooks,                 nullptr},
-    {"--family=tosk",   &tosk_sprom_bp,      "1-52",  0x1000, port_hooks,                 nullptr},
-    {"--family=tosk",   &tosk_sprom_lc[0],   "7-52",  0,      pin_hooks("i2c-7:75", "f7ff"),  "bus=7 addr=0x75"},
-    {"--family=tosk",   &tosk_sprom_ps[0],   "6-52",  0,      {},                         nullptr},
-    {"--family=tosk",   &tosk_sprom_ps[1],   "6-53",  0,      {},                         nullptr},
+    {"--family=pellin", &pellin_sprom_sup,   "1-52",  port_hooks,                    nullptr},
+    {"--family=pellin", &pellin_sprom_lc[0], "17-52", pin_hooks("i2c-20:76", "fffd"), "bus=20 addr=0x76"},
+    {"--family=pellin", &pellin_sprom_lc[1], "23-52", pin_hooks("i2c-23:75", "f7ff"), "bus=23 addr=0x75"},
+    {"--family=pellin", &pellin_sprom_lc[2], "7-52",  pin_hooks("i2c-7:75", "f7ff"),  "bus=7 addr=0x75"},
+    {"--family=tosk",   &tosk_sprom_sup,     "1-52",  port_hooks,                    nullptr},
+    {"--family=tosk",   &tosk_sprom_lc[0],   "7-52",  pin_hooks("i2c-7:75", "f7ff"),  "bus=7 addr=0x75"},
+    {"--family=tosk",   &tosk_sprom_ps[0],   "6-52",  {},                            nullptr},
 };
 // clang-format on
 
@@ -240,19 +238,18 @@ TEST(sprom_write_protection, is_lifted_for_each_write_and_restored) {
     on_board({c.family}, [&](test_board &board) {
       const auto size = static_cast<size_t>(sprom_get_size(c.sprom));
       auto chip = eeprom(board, c.eeprom);
-      auto *const at = &chip[c.base];
       std::vector<uint8_t> image(size);
       EXPECT_EQ(sprom_read(c.sprom, image.data()), 0);
-      EXPECT_EQ(image, host_image({at, at + size}, c.sprom->type));
+      EXPECT_EQ(image, host_image({chip.begin(), chip.begin() + static_cast<ptrdiff_t>(size)}, c.sprom->type));
       (void)log_of(board);
+      std::string writes = std::string{"i2c-"} + c.eeprom + (c.sprom->type == SPROM_TYPE_PS ? " w 16 *" : " w 24 *");
+      writes[writes.rfind('-')] = ':';
       for (const words &we : {c.expected.we, c.expected.again}) {
-        image[60] = ++at[60];
-        const std::string device = "i2c-" + std::string{c.eeprom}.replace(std::string{c.eeprom}.find('-'), 1, ":");
-        const char *const width = c.sprom->type == SPROM_TYPE_PS ? " w 16 *" : " w 24 *";
+        image[60] = ++chip[60];
         EXPECT_EQ(sprom_write(c.sprom, image.data()), 0);
-        EXPECT_EQ(image, std::vector<uint8_t>(at, at + size));
+        EXPECT_TRUE(std::equal(image.begin(), image.end(), chip.begin()));
         EXPECT_EQ(eeprom(board, c.eeprom), chip);
-        EXPECT_EQ(log_of(board), joined({joined(we), device + width + std::to_string(size), joined(c.expected.wd)}));
+        EXPECT_EQ(log_of(board), joined({joined(we), writes + std::to_string(size), joined(c.expected.wd)}));
         image = host_image(image, c.sprom->type);
       }
     });
@@ -352,53 +349,52 @@ TEST(sprom_queries, read_fields_from_the_device_past_base_and_cache) {
   });
 }
 
+struct query {
+  const char *name;
+  int32_t (*get)(const sprom_t *sprom, void *output);
+  const char *asserted;  // the output that may not be null
+};
+template <auto get, typename T>
+int32_t ask(const sprom_t *sprom, void *output) {
+  return get(sprom, static_cast<T *>(output));
+}
+const query queries[]{
+    {"sprom_get_pid", ask<sprom_get_pid, char>, "pid"},
+    {"sprom_get_sn", ask<sprom_get_sn, char>, "sn"},
+    {"sprom_get_hw_change", ask<sprom_get_hw_change, uint64_t>, nullptr},
+    {"sprom_get_card_index", ask<sprom_get_card_index, uint16_t>, nullptr},
+};
+
 TEST(sprom_queries, hand_on_a_failure) {
   on_board({"--family=tosk", "i2c-fail bus=1 addr=0x52 times=0 nth=3"}, [](test_board &) {
-    std::array<char, 20> text;
-    uint64_t bits = 0;
-    uint16_t card = 0;
-    EXPECT_EQ(sprom_get_card_index(&tosk_sprom_sup, &card), -5);
-    EXPECT_EQ(sprom_get_hw_change(&tosk_sprom_bp, &bits), -5);
-    EXPECT_EQ(sprom_get_sn(&tosk_sprom_bp, text.data()), -5);
-    EXPECT_EQ(sprom_get_pid(&tosk_sprom_sup, text.data()), -5);
+    alignas(8) std::array<char, 20> output;
+    for (const query &q : queries)
+      EXPECT_EQ(q.get(&tosk_sprom_sup, output.data()), -5) << q.name;
+    EXPECT_EQ(sprom_get_sn(&tosk_sprom_bp, output.data()), -5);
   });
 }
 
-TEST(sprom_queries, refuse_kinds_before_anything_else) {
-  for (const uint32_t type : {0U, 1U, 2U, 3U, 4U, 5U, 6U, 7U, UINT32_MAX}) {
-    SCOPED_TRACE(type);
-    const sprom_t sprom{nullptr, nullptr, nullptr, "", type, 0, nullptr};
-    if (type < 1 || type > 3) {
-      EXPECT_EQ(sprom_get_pid(&sprom, nullptr), -22);
-      EXPECT_EQ(sprom_get_sn(&sprom, nullptr), -22);
-      EXPECT_EQ(sprom_get_hw_change(&sprom, nullptr), -22);
-    }
-    if (type != 1 && type != 3) {
-      EXPECT_EQ(sprom_get_card_index(&sprom, nullptr), -22);
-    }
-  }
-}
-
-TEST(sprom_queries_DeathTest, assert_their_arguments) {
+TEST(sprom_queries_DeathTest, refuse_kinds_before_anything_else_and_assert_their_arguments) {
   static constexpr smb_acc_t no_read{&pellin_bp_dev, nullptr, at24c512_wr};
-  const auto check = [](auto get, const std::string &function, const char *output) {
+  for (const query &q : queries) {
     const auto dies = [&](const sprom_t *sprom, const std::string &text) {
-      EXPECT_DEATH((void)get(sprom, nullptr), HasSubstr(function + ": Assertion `" + text + "' failed"));
+      EXPECT_DEATH((void)q.get(sprom, nullptr), HasSubstr(std::string{q.name} + ": Assertion `" + text + "' failed"));
     };
     dies(nullptr, "sprom");
-    for (const uint32_t type : {1U, 2U, 3U}) {
-      if (type == 2 && function == "sprom_get_card_index") continue;
+    if (q.asserted != nullptr) dies(&pellin_sprom_sup, q.asserted);
+    for (const uint32_t type : {0U, 1U, 2U, 3U, 4U, 5U, 6U, 7U, UINT32_MAX}) {
+      SCOPED_TRACE(type);
       const sprom_t no_acc{nullptr, nullptr, nullptr, "", type, 0, nullptr};
       const sprom_t no_rd{&no_read, nullptr, nullptr, "", type, 0, nullptr};
+      const bool has_field = type == 1 || type == 3 || (type == 2 && q.get != queries[3].get);
+      if (!has_field) {
+        EXPECT_EQ(q.get(&no_acc, nullptr), -22);
+        continue;
+      }
       dies(&no_acc, "smb_acc");
       dies(&no_rd, "smb_acc->smb_rd");
     }
-    if (output != nullptr) dies(&pellin_sprom_sup, output);
-  };
-  check(sprom_get_pid, "sprom_get_pid", "pid");
-  check(sprom_get_sn, "sprom_get_sn", "sn");
-  check(sprom_get_hw_change, "sprom_get_hw_change", nullptr);
-  check(sprom_get_card_index, "sprom_get_card_index", nullptr);
+  }
 }
 
 }  // namespace

@@ -60,7 +60,6 @@ int __wrap_clock_gettime(clockid_t clock, timespec *now) {
 
 namespace {
 
-// On an adapter of either sort.
 TEST(sse_service, makes_one_transaction_of_the_kind_asked_for) {
   struct row {
     request asked;
@@ -91,19 +90,21 @@ TEST(sse_service, makes_one_transaction_of_the_kind_asked_for) {
       {{RD, 16, 3, 0},                  "/dev/i2c-8", 0x26, 1, 0,       {"i2c-8:26 r 16 0x0 0xf021"},   {0xF0, 0x21}},
   };
   // clang-format on
+  // On an adapter of either sort. The only SMBus form of a PCA8575's read would drive its pins low.
   for (const options &with : {options{"--family=pellin"}, {"--family=pellin", "i2c-smbus-only"}}) {
     on_board(with, [&](test_board &board) {
       for (row r : rows) {
         SCOPED_TRACE(testing::PrintToString(r.wire) + std::to_string(with.size()));
-        // The only SMBus form of a PCA8575's read would drive its pins low.
-        const bool is_possible = with.size() == 1 || r.asked.op != RD || r.asked.dev_type != SSE_DEV_PCA8575;
-        EXPECT_EQ(r.asked.make_at(r.path, r.addr, r.addr_len), is_possible ? r.result : -EOPNOTSUPP);
+        if (with.size() > 1 && r.asked.op == RD && r.asked.dev_type == SSE_DEV_PCA8575) {
+          r.result = -EOPNOTSUPP;
+          r.wire.clear();
+          r.data = r.asked.data;
+        }
+        EXPECT_EQ(r.asked.make_at(r.path, r.addr, r.addr_len), r.result);
         lines log = board.log();
         std::erase_if(log, [](const std::string &line) { return line.find(" R ") + line.find(" W ") + 2 != 0; });
-        EXPECT_EQ(log, is_possible ? r.wire : lines{});
-        if (is_possible) {
-          EXPECT_EQ(r.asked.data, r.data);
-        }
+        EXPECT_EQ(log, r.wire);
+        EXPECT_EQ(r.asked.data, r.data);
       }
     });
   }
@@ -147,15 +148,9 @@ TEST(sse_service, finds_devices_by_identity_unless_told_the_bus_once) {
 }
 
 TEST(sse_service, refuses_bad_requests_without_touching_a_bus) {
-  struct row {
-    request asked;
-    const char *path;
-    uint32_t addr;
-    int32_t result;
-  };
   const std::string too_long(36, '1');
   // clang-format off
-  const row rows[]{
+  const std::tuple<request, const char *, uint32_t, int32_t> rows[]{
       {{0,    7, 2, 0},     "/dev/i2c-1",     0x52, -EINVAL}, {{1074, 7, 2, 0},     "/dev/i2c-1", 0x52, -EINVAL},
       {{1077, 7, 2, 0},     "/dev/i2c-1",     0x52, -EINVAL}, {{RD,   7, 0, 0},     "/dev/i2c-1", 0x52, -EINVAL},
       {{RD,   7, 4, 0},     "/dev/i2c-1",     0x52, -EINVAL}, {{RD,   7, 0x103, 0}, "/dev/i2c-1", 0x52, -EINVAL},
@@ -165,8 +160,8 @@ TEST(sse_service, refuses_bad_requests_without_touching_a_bus) {
   };
   // clang-format on
   on_board({}, [&](test_board &board) {
-    for (row r : rows)
-      EXPECT_EQ(r.asked.make_at(r.path, r.addr), r.result) << r.path << r.asked.op << r.asked.xfer;
+    for (auto [asked, path, addr, result] : rows)
+      EXPECT_EQ(asked.make_at(path, addr), result) << path << asked.op << asked.xfer;
     sse_req_t req{0, 7, 0, 0, 2, nullptr, 0};
     EXPECT_EQ(sse_call(WR, &req), -EINVAL);
     EXPECT_EQ(sse_call(WR, nullptr), -EINVAL);
@@ -176,16 +171,10 @@ TEST(sse_service, refuses_bad_requests_without_touching_a_bus) {
 }
 
 TEST(sse_service, asks_a_busy_eeprom_again_for_its_write_cycle) {
-  struct row {
-    const char *fault;
-    request asked;
-    int64_t step_us;
-    int32_t result;
-    size_t asks;
-  };
   constexpr request again{RD, 7, 1, 0}, expander{WR, 15, 2, 0};
+  // Fault, request, µs between looks at the clock, result, how often the device is asked.
   // clang-format off
-  const row rows[]{
+  const std::tuple<const char *, request, int64_t, int32_t, size_t> rows[]{
       {"eeprom-busy bus=6 addr=0x52 polls=3",              again,    100,    0,          4},
       {"eeprom-busy bus=6 addr=0x52",                      again,    100,    -ENXIO,     51},  // from 0 to 10 ms
       // Held up for long at each transfer, the device still gets its chances.
@@ -199,17 +188,17 @@ TEST(sse_service, asks_a_busy_eeprom_again_for_its_write_cycle) {
       {"i2c-fail bus=7 addr=0x75 times=3 errno=121",       expander, 100,    -EREMOTEIO, 1},
   };
   // clang-format on
-  for (row r : rows) {
-    SCOPED_TRACE(r.fault);
-    on_board({"--family=pellin", r.fault}, [&](test_board &board) {
+  for (const auto &row : rows) {
+    SCOPED_TRACE(std::get<0>(row));
+    on_board({"--family=pellin", std::get<0>(row)}, [&](test_board &board) {
+      auto [fault, asked, step, result, asks] = row;
       now_us = 5'999'995'000;  // the second turns meanwhile
-      step_us = r.step_us;
-      request write{WR, 7, 3, 0};
-      EXPECT_EQ(write.make_at("/dev/i2c-6", 0x52, 1), 0);
+      step_us = step;
+      EXPECT_EQ((request{WR, 7, 3, 0}.make_at("/dev/i2c-6", 0x52, 1)), 0);
       (void)board.log();
-      const bool is_eeprom = r.asked.dev_type == SSE_DEV_AT24C512;
-      EXPECT_EQ(r.asked.make_at(is_eeprom ? "/dev/i2c-6" : "/dev/i2c-7", is_eeprom ? 0x52 : 0x75), r.result);
-      EXPECT_EQ(board.log().size(), r.asks);
+      const bool is_eeprom = asked.dev_type == SSE_DEV_AT24C512;
+      EXPECT_EQ(asked.make_at(is_eeprom ? "/dev/i2c-6" : "/dev/i2c-7", is_eeprom ? 0x52 : 0x75), result);
+      EXPECT_EQ(board.log().size(), asks);
     });
   }
 }
