@@ -120,60 +120,59 @@ std::string without(std::string bytes, const lost_bits &lost) {
   return bytes;
 }
 
-// What a line or cell cannot carry is lost; every other bit is as it was.
-void expect_nvram_run(const full_board &board, uint32_t card, const std::vector<std::string> &faults,
-                      const std::string &said, lost_bits lost) {
-  board.reset();
-  std::vector<std::string> args{"--card", std::to_string(card), short_obfl};
-  for (const auto &fault : faults)
-    args.push_back("--fault=nvram-" + fault);
-  expected_run expected = obfl_failed;
-  expected.said["8:0"] = said;
-  if (!said.empty()) expected.failed.insert("8:0");
-  expect_run(board, args, expected);
-  for (const std::string &name : nvrams)
-    EXPECT_TRUE(without(board.read(name), lost) == without(board.before(name), lost)) << name;
-}
-
 std::string data_line(size_t instance, const char *expected, const char *actual) {
   return std::string("0x00000000: Expected ") + expected + " Actual " + actual +
          "\nFailed above Data Bus Walking 1 Test for NVRAM " + std::to_string(instance) + " address 0x0\n";
 }
 
-TEST(nvram_faults, are_told_of_the_instances_that_the_card_tests) {
-  const full_board board;
-  for (const dorvan_card_t &card : dorvan_cards) {
-    SCOPED_TRACE(card.card_index);
-    std::vector<std::string> faults;
-    std::string said;
-    for (size_t i = 0; i < std::size(nvrams); ++i) {
-      faults.push_back("data-stuck instance=" + std::to_string(i) + " line=3 level=0");
-      if (i < card.nvram_instances) said += data_line(i, "0x8", "0x0");
-    }
-    expect_nvram_run(board, card.card_index, faults, said, {0x08, 0});
-  }
-}
-
+struct nvram_case {
+  const char *name;
+  std::vector<std::string> faults;
+  std::string said;  // nothing for a pass
+  lost_bits lost;    // what the line or cell cannot carry
+  uint16_t card = 11062;
+};
 // clang-format off
-const std::tuple<const char *, std::string, std::string, lost_bits> nvram_cases[] = {
-    {"data line stuck high", "data-stuck instance=0 line=15 level=1", data_line(0, "0x1", "0x8001"), {0, 0x80}},
-    {"address line stuck low", "addr-stuck instance=0 line=3 level=0",
+const nvram_case nvram_cases[] = {
+    {"data line stuck high", {"data-stuck instance=0 line=15 level=1"}, data_line(0, "0x1", "0x8001"), {0, 0x80}},
+    {"address line stuck low", {"addr-stuck instance=0 line=3 level=0"},
      "0x00000008: Expected 0xaaaa Actual 0x5555\nFailed above Addr Bus Walking 1 Test for NVRAM 0, address 0x8\n", {}},
-    {"address lines shorted, high wins", "addr-short instance=2 line=2 other=5 wins=1",
+    {"address lines shorted, high wins", {"addr-short instance=2 line=2 other=5 wins=1"},
      "0x00000020: Expected 0xaaaa Actual 0x5555\nWriting 0x085555 at addr 0x084 -> 0x0820 addr alias failure for NVRAM 2\n", {}},
-    {"a cell seen by the count", "cell-stuck instance=0 offset=0x102 bit=1 level=0",
+    {"a cell seen by the count", {"cell-stuck instance=0 offset=0x102 bit=1 level=0"},
      "0x00000102: Expected 0x82 Actual 0x80\nFailed above increment data pattern test for NVRAM 0\n", {0x02, 0}},
-    {"a cell seen by the inverted count", "cell-stuck instance=0 offset=0x102 bit=2 level=0",
+    {"a cell seen by the inverted count", {"cell-stuck instance=0 offset=0x102 bit=2 level=0"},
      "0x00000102: Expected 0xff7d Actual 0xff79\nFailed above inverted data pattern test for NVRAM 0\n", {0x04, 0}},
-    {"a cell in the upper half", "cell-stuck instance=0 offset=0x6000 bit=0 level=0", "", {0x01, 0}},
+    {"a cell in the upper half", {"cell-stuck instance=0 offset=0x6000 bit=0 level=0"}, "", {0x01, 0}},
 };
 // clang-format on
 
+// A broken line in every instance shows which of them the card tests.
+nvram_case of_card(const dorvan_card_t &card) {
+  nvram_case all{"all instances", {}, "", {0x08, 0}, card.card_index};
+  for (size_t i = 0; i < std::size(nvrams); ++i) {
+    all.faults.push_back("data-stuck instance=" + std::to_string(i) + " line=3 level=0");
+    if (i < card.nvram_instances) all.said += data_line(i, "0x8", "0x0");
+  }
+  return all;
+}
+
 TEST(nvram_faults, are_told_and_cost_nothing_else) {
+  std::vector<nvram_case> cases(std::begin(nvram_cases), std::end(nvram_cases));
+  std::ranges::transform(dorvan_cards, std::back_inserter(cases), of_card);
   const full_board board;
-  for (const auto &[name, fault, said, lost] : nvram_cases) {
-    SCOPED_TRACE(name);
-    expect_nvram_run(board, 11062, {fault}, said, lost);
+  for (const nvram_case &c : cases) {
+    SCOPED_TRACE(testing::Message() << c.name << ", card " << c.card);
+    board.reset();
+    std::vector<std::string> args{"--card", std::to_string(c.card), short_obfl};
+    for (const auto &fault : c.faults)
+      args.push_back("--fault=nvram-" + fault);
+    expected_run expected = obfl_failed;
+    expected.said["8:0"] = c.said;
+    if (!c.said.empty()) expected.failed.insert("8:0");
+    expect_run(board, args, expected);
+    for (const std::string &name : nvrams)
+      EXPECT_TRUE(without(board.read(name), c.lost) == without(board.before(name), c.lost)) << name;
   }
 }
 
