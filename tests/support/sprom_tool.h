@@ -26,14 +26,6 @@ inline bytes with_byte(bytes image, size_t offset, uint8_t byte) {
   return image;
 }
 
-// Compares the status, and how what went to both streams ends; "" stands for nothing.
-inline void expect(const outcome &run, int status, const std::string &said) {
-  const std::string text = run.out + run.err;
-  EXPECT_EQ(run.status, status) << text;
-  EXPECT_THAT(text, testing::EndsWith(said));
-  EXPECT_EQ(text.empty(), said.empty());
-}
-
 class sprom_tool : public testing::Test {
  protected:
   [[nodiscard]] std::filesystem::path path(const std::string &name) const { return m_dir.path() / name; }

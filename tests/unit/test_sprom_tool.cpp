@@ -33,6 +33,14 @@ bytes zero_image(const tool_kind &kind) {
   return image;
 }
 
+// Compares the status, and how what went to both streams ends; "" stands for nothing.
+void expect(const outcome &run, int status, const std::string &said) {
+  const std::string text = run.out + run.err;
+  EXPECT_EQ(run.status, status) << text;
+  EXPECT_THAT(text, EndsWith(said));
+  EXPECT_EQ(text.empty(), said.empty());
+}
+
 }  // namespace
 
 TEST_F(sprom_tool, puts_values_where_the_chip_has_them) {
