@@ -11,8 +11,9 @@
 namespace {
 
 TEST(stack_depth, makes_no_difference) {
-  // All accesses to a faulty flash trap. Its test ends at the first word, after a copy of the sector.
-  const std::vector<std::string> args{"--fault", "flash-data-stuck line=0 level=0"};
+  // All accesses to a faulty flash trap. Its test ends at the first word, after a copy of the sector. This card tests
+  // one NVRAM only.
+  const std::vector<std::string> args{"--card", "11061", "--fault", "flash-data-stuck line=0 level=0"};
   const auto run_with = [&](size_t padding) {
     const temp_dir state;
     (void)setenv("PADDING", std::string(padding, 'x').c_str(), 1);
