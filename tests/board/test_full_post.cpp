@@ -303,11 +303,6 @@ TEST(locks, end_the_process_when_they_cannot_be_created) {
   }
 }
 
-TEST(locks, are_waited_for) {
-  const full_board board;
-  expect_run(board, {"--fault", "lock-held lock=nvram1 kind=write ms=300", short_obfl}, obfl_failed);
-}
-
 // Power cuts: real ones against the audit of a whole run.
 
 struct cut {
