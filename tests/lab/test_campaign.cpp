@@ -2,15 +2,14 @@
 #include <gmock/gmock.h>
 
 #include <fstream>
-#include <regex>
+#include <sstream>
 
 #include "tests/support/run.h"
 
 using testing::AllOf;
-using testing::AnyOf;
 using testing::ContainsRegex;
 using testing::HasSubstr;
-using testing::Not;
+using testing::StartsWith;
 
 namespace {
 
@@ -27,22 +26,24 @@ constexpr const char *small_space =
     "pci-missing bus=0x77 dev=0 func=0\n"
     "nvram-data-stuck instance=1 line=3 level=0\n"
     "nvram-cell-stuck instance=0 offset=0x7FFF bit=7 level=1\n"
-    "flash-data-stuck line=0 level=0\n"
-    "flash-erase-leaves offset=0xC0000 bit=0\n";
+    "flash-erase-leaves offset=0xC0000 bit=0\n"
+    // It begins with the flash that the one before has damaged, and is found to damage nothing.
+    "flash-data-stuck line=0 level=0\n";
 
-// Outcome, fired (how often is the board's affair) or not, verdict, reported, line, status and contents of each.
+// What the matrix says of each: fired (how often is the board's affair) or not, verdict, reported, line, status,
+// contents and reason.
 constexpr const char *small_runs[] = {
-    R"("outcome":"found","fired":N,"fired_more":false,"verdict":"failed","reported":["pcie.0"],"right_device":true,"line":"## Failed: PCI device - Intel 82576EB Gigabit Ethernet Controller","status":0,"contents":"","reason":"")",
-    R"("outcome":"found","fired":N,"fired_more":false,"verdict":"failed","reported":["pcie.5"],"right_device":true,"line":"## Failed: PCI device - Intel Gigabit Ethernet Controller","status":0,"contents":"","reason":"")",
-    R"("outcome":"missed","fired":N,"fired_more":false,"verdict":"passed","reported":[],"right_device":false,"line":"Invalid card detected","status":0,"contents":"","reason":"to whom)",
-    R"("outcome":"blamed","fired":N,"fired_more":false,"verdict":"failed","reported":["gige.0","gige.1","gige.2","gige.3"],"right_device":false,"line":"Error in opening /dev/sprom for reading. Default card_index to 65535","status":0,"contents":"","reason":"no device)",
-    R"("outcome":"ended","fired":N,"fired_more":false,"verdict":"none","reported":[],"right_device":false,"line":"mmap_map_addr(): failed)",
-    R"("outcome":"not-fired","fired":0,"fired_more":false,"verdict":"passed","reported":[],"right_device":false,"line":"","status":0,"contents":"","reason":"")",
-    R"("outcome":"refused","fired":null,"fired_more":false,"verdict":"none","reported":[],"right_device":false,"line":"board-sim: fault 'pci-missing bus=0x77 dev=0 func=0': the board has no such PCI function","status":2,"contents":"","reason":"")",
-    R"("outcome":"found","fired":N,"fired_more":false,"verdict":"failed","reported":["nvram.0"],"right_device":true,"line":"0x00000000: Expected 0x8 Actual 0x0","status":0,"contents":"nvram1: 8248 bytes, 0x4 to 0x7ffe","reason":"")",
-    R"("outcome":"missed","fired":N,"fired_more":false,"verdict":"passed","reported":[],"right_device":false,"line":"","status":0,"contents":"nvram0: 1 byte, 0x7fff to 0x7fff","reason":"the upper half)",
-    R"("outcome":"found","fired":N,"fired_more":false,"verdict":"failed","reported":["obfl.0"],"right_device":true,"line":"## Error: Addr 0x000c0000, data 0x00000001 : failed")",
-    R"("outcome":"damaged","fired":N,"fired_more":false,"verdict":"failed","reported":["obfl.0"],"right_device":true,"line":"Reached the max timeout and DQ5 bit is set")",
+    R"("found","fired":N,"fired_more":false,"verdict":"failed","reported":["pcie.0"],"right_device":true,"line":"## Failed: PCI device - Intel 82576EB Gigabit Ethernet Controller","status":0,"contents":"","reason":"")",
+    R"("found","fired":N,"fired_more":false,"verdict":"failed","reported":["pcie.5"],"right_device":true,"line":"## Failed: PCI device - Intel Gigabit Ethernet Controller","status":0,"contents":"","reason":"")",
+    R"("missed","fired":N,"fired_more":false,"verdict":"passed","reported":[],"right_device":false,"line":"Invalid card detected","status":0,"contents":"","reason":"to whom)",
+    R"("blamed","fired":N,"fired_more":false,"verdict":"failed","reported":["gige.0","gige.1","gige.2","gige.3"],"right_device":false,"line":"Error in opening /dev/sprom for reading. Default card_index to 65535","status":0,"contents":"","reason":"no device)",
+    R"("ended","fired":N,"fired_more":false,"verdict":"none","reported":[],"right_device":false,"line":"mmap_map_addr(): failed)",
+    R"("not-fired","fired":0,"fired_more":false,"verdict":"passed","reported":[],"right_device":false,"line":"","status":0,"contents":"","reason":"")",
+    R"("refused","fired":null,"fired_more":false,"verdict":"none","reported":[],"right_device":false,"line":"board-sim: fault 'pci-missing bus=0x77 dev=0 func=0': the board has no such PCI function","status":2,"contents":"","reason":"")",
+    R"("found","fired":N,"fired_more":false,"verdict":"failed","reported":["nvram.0"],"right_device":true,"line":"0x00000000: Expected 0x8 Actual 0x0","status":0,"contents":"nvram1: 8248 bytes, 0x4 to 0x7ffe","reason":"")",
+    R"("missed","fired":N,"fired_more":false,"verdict":"passed","reported":[],"right_device":false,"line":"","status":0,"contents":"nvram0: 1 byte, 0x7fff to 0x7fff","reason":"the upper half)",
+    R"("damaged","fired":N,"fired_more":false,"verdict":"failed","reported":["obfl.0"],"right_device":true,"line":"Reached the max timeout and DQ5 bit is set","status":0,"contents":"flash: 130557 bytes, 0xc0000 to 0xdffff, 130557 beyond the fault from 0xc0000")",
+    R"("found","fired":N,"fired_more":false,"verdict":"failed","reported":["obfl.0"],"right_device":true,"line":"## Error: Addr 0x000c0000, data 0x00000001 : failed)",
 };
 
 class campaign : public testing::Test {
@@ -58,20 +59,21 @@ class campaign : public testing::Test {
     std::filesystem::create_directory(m_dir.path() / "tmp");
     return run_shell(m_dir.path(), "export TMPDIR=$PWD/tmp; " + command);
   }
+  // What a stored matrix says of each run from its outcome on, "N" for a count of firings.
+  [[nodiscard]] std::vector<std::string> runs_of(const std::string &json) const {
+    std::istringstream text(
+        sh(R"(sed -n '/^    {"fault/ { s/.*"outcome"://; s/"fired":[1-9][0-9]*/"fired":N/; p }' )" + json).out);
+    std::vector<std::string> runs;
+    for (std::string line; std::getline(text, line);)
+      runs.push_back(line);
+    return runs;
+  }
   [[nodiscard]] bool exists(const std::string &name) const { return std::filesystem::exists(m_dir.path() / name); }
   [[nodiscard]] bool left_nothing() const { return std::filesystem::is_empty(m_dir.path() / "tmp"); }
 
  private:
   temp_dir m_dir;
 };
-
-std::vector<std::string> runs_of(const std::string &json) {
-  std::vector<std::string> runs;
-  const std::regex line(R"(\n    (\{"fault".*\}),?)");
-  for (std::sregex_iterator at(json.begin(), json.end(), line), end; at != end; ++at)
-    runs.push_back(at->str(1));
-  return runs;
-}
 
 TEST_F(campaign, gives_every_fault_its_outcome_and_is_the_same_every_time) {
   const outcome once =
@@ -80,11 +82,10 @@ TEST_F(campaign, gives_every_fault_its_outcome_and_is_the_same_every_time) {
   EXPECT_EQ(once.status, 1);
   EXPECT_EQ(once.err, "");
   EXPECT_TRUE(left_nothing());
-  const auto runs = runs_of(load("1.json"));
-  ASSERT_EQ(runs.size(), std::size(small_runs)) << load("1.json");
+  const auto runs = runs_of("1.json");
+  ASSERT_EQ(runs.size(), std::size(small_runs));
   for (size_t i = 0; i < runs.size(); ++i)
-    EXPECT_THAT(std::regex_replace(runs[i], std::regex(R"("fired":[1-9]\d*)"), R"("fired":N)"),
-                HasSubstr(small_runs[i]));
+    EXPECT_THAT(runs[i], StartsWith(small_runs[i]));
   EXPECT_THAT(once.out,
               AllOf(HasSubstr("\nfound by the right device    pci-missing bus=2 dev=0 func=0 "),
                     HasSubstr("Fault space \"own\": "), HasSubstr("  missed                        2 of 11")));
@@ -101,26 +102,18 @@ TEST_F(campaign, gives_every_fault_its_outcome_and_is_the_same_every_time) {
   EXPECT_THAT(load("1.explain"), HasSubstr("7 of 7 (100.0 %) are in the list"));
 }
 
-TEST_F(campaign, puts_the_flash_right_behind_every_run) {
-  // The second run begins with the flash that the first one damaged, and is found to damage nothing.
-  save("two", "flash-erase-leaves offset=0xC0000 bit=0\npci-missing bus=2 dev=0 func=0\n");
-  EXPECT_EQ(sh("post-campaign --from two -j 1 --no-times --json two.json").status, 0);
-  const auto runs = runs_of(load("two.json"));
-  ASSERT_EQ(runs.size(), 2U);
-  EXPECT_THAT(runs[0], ContainsRegex(R"("outcome":"damaged".*"reported":\["obfl.0"\],"right_device":true.* beyond)"));
-  EXPECT_THAT(runs[1], HasSubstr(R"("outcome":"found")"));
-}
-
-TEST_F(campaign, goes_on_where_it_was_interrupted) {
-  ASSERT_EQ(sh("post-campaign --from small --work whole --keep --no-times --json whole.json").status, 1);
+TEST_F(campaign, goes_on_where_it_was_interrupted_and_keeps_what_each_run_left) {
+  save("few", "pci-missing bus=2..3 dev=0 func=0\nsprom-refuse\n");
+  ASSERT_EQ(sh("post-campaign --from few --work whole --keep --no-times --json whole.json").status, 0);
+  const outcome results = sh("post-results --log whole/run-1/output whole/run-1/state/post/result");
+  EXPECT_THAT(results.out, ContainsRegex("pcie.0 +.*FAIL"));
   // As an interruption leaves it: some runs done, the next one written in part.
-  ASSERT_EQ(
-      sh("cp -r whole part && sed '/^[13579] /d' whole/runs >part/runs && printf '\\n1 {\"fau' >>part/runs").status, 0);
+  ASSERT_EQ(sh("cp -r whole part && sed '/^1 /d' whole/runs >part/runs && printf '\\n1 {\"fau' >>part/runs").status, 0);
   const outcome resumed = sh("post-campaign --resume part --keep --no-times --json part.json");
-  EXPECT_EQ(resumed.status, 1) << resumed.err;
+  EXPECT_EQ(resumed.status, 0) << resumed.err;
   EXPECT_EQ(load("part.json"), load("whole.json"));
-  // What is done is not run again: it was not even possible here.
-  EXPECT_EQ(sh("rm -r part/run-* && post-campaign --resume part --keep --no-times --json part.json").status, 1);
+  // What is done is not run again.
+  EXPECT_EQ(sh("rm -r part/run-* && post-campaign --resume part --keep --no-times --json part.json").status, 0);
   EXPECT_EQ(load("part.json"), load("whole.json"));
   EXPECT_FALSE(exists("part/run-1"));
   // Another board has other faults.
@@ -174,18 +167,9 @@ TEST_F(campaign, repeats_what_happens_by_chance_with_other_seeds) {
   EXPECT_EQ(once.status, 0) << once.out;
   EXPECT_EQ(sh(command + "2.json").out, once.out);
   EXPECT_EQ(load("1.json"), load("2.json"));
-  std::smatch rate;
-  ASSERT_TRUE(std::regex_search(once.out, rate, std::regex(R"(fired in (\d) of 8 .*found in (\d) of (\d))")))
-      << once.out;
-  EXPECT_EQ(rate.str(1), rate.str(2));
-  EXPECT_THAT(rate.str(1), Not(AnyOf("0", "8"))) << "every seed does the same";
-}
-
-TEST_F(campaign, keeps_what_each_run_left_for_other_tools) {
-  ASSERT_EQ(sh("post-campaign --fault 'nvram-data-stuck instance=0 line=0 level=0' --work kept --keep").status, 0);
-  const outcome results = sh("post-results --log kept/run-1/output kept/run-1/state/post/result");
-  EXPECT_EQ(results.status, 1);
-  EXPECT_THAT(results.out, ContainsRegex("nvram.0 +.*FAIL"));
+  // Not every seed does the same, and each time that the fault fires it is found.
+  save("told", once.out);
+  EXPECT_EQ(sh(R"(grep -qE 'fired in ([1-7]) of 8 .*found in \1 of \1 ' told)").status, 0) << once.out;
 }
 
 TEST_F(campaign, ends_with_its_status_and_says_why) {
@@ -199,7 +183,6 @@ TEST_F(campaign, ends_with_its_status_and_says_why) {
       {"--read good.json --json - ",            0, ""},
       {"--fault sprom-refuse --list",           0, ""},
       {"--set lines --list",                    0, ""},
-      {"--fault iopl-refused",                  1, ""},
       {"--read no-such-file",                   2, "no-such-file: No such file or directory"},
       {"--read bad.json",                       2, "bad.json: "},
       {"--read good.json --expect bad.json",    2, "bad.json: "},
