@@ -45,9 +45,6 @@ TEST_F(post_explain, names_the_part_of_a_run_on_the_board) {
        "body; one of 98 places\n"},
       {{"--fault", "mem-absent", "--", "-s"},
        "ended early, by an assertion\n/dev/mem: cannot be opened (errno 2)\n"},
-      {{"--fault", "flash-data-stuck line=9 level=1"},
-       "failed\nflash: sector 6: wrote 0x0001 at 0xc0000, read 0x0201: data line D9, or data lines D0 and D9, or cell "
-       "0xc0001 bit 1; one of 3 places, or of more if the memory held certain words\n"},
       {{"--card", "11079", "--fault", "ethtool-fail port=eth2 test=loopback",
         "--fault", "nvram-cell-stuck instance=0 offset=0x1236 bit=2 level=0", "--fault", "flash-silent"},
        "failed\neth2: loopback sub-test failed (1)\nNVRAM 0: count: wrote 0x091c at 0x1236, read 0x0918: cell 0x1236 bit 2\n"
