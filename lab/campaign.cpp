@@ -4,7 +4,6 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <chrono>
 #include <csignal>
@@ -13,6 +12,7 @@
 #include <numeric>
 #include <thread>
 
+#include "lab/command_line.h"
 #include "lab/coverage.h"
 #include "lab/explain_score.h"
 #include "lab/files.h"
@@ -25,8 +25,6 @@
 #include "lab/work_directory.h"
 
 namespace {
-
-enum : int { exit_clean = 0, exit_findings = 1, exit_usage = 2 };
 
 struct options {
   std::string set = "standard";
@@ -59,13 +57,12 @@ struct options {
   std::string program;
 };
 
-void complain(const std::string &what) {
-  (void)std::fprintf(stderr, "post-campaign: %s\n", what.c_str());
-}
+constexpr char program[] = "post-campaign";
+constexpr char about[] =
+    "Runs the power-on self-test over faults of the simulated board and tells what it finds and misses.";
 
 int fail(const std::string &what) {
-  complain(what);
-  return exit_usage;
+  return lab::complain(program, what);
 }
 
 // The pipe's reading end can be read once a signal has asked for the end.
@@ -92,7 +89,7 @@ bool catch_signals() {
   const int signal = stop_signal;
   (void)std::signal(signal, SIG_DFL);
   (void)raise(signal);
-  _exit(exit_usage);
+  _exit(lab::EXIT_USAGE);
 }
 
 double cpu_seconds() {
@@ -233,7 +230,7 @@ std::optional<lab::matrix> run_campaign(const options &opts, std::string *error)
   *error = run_all(opts, &runner, &all);
   const bool whole = all.done.size() == all.plan.space.runs.size();
   if (opts.keep || !whole) all.work.keep();
-  if (!whole) complain("interrupted; go on with: post-campaign --resume " + all.work.path());
+  if (!whole) (void)fail("interrupted; go on with: post-campaign --resume " + all.work.path());
   if (!error->empty() || !whole) return std::nullopt;
   auto matrix = matrix_of(&all);
   const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
@@ -287,11 +284,11 @@ int conclude(const options &opts, lab::matrix matrix, const std::optional<lab::m
     (void)std::fprintf(stderr, "no candidate of its own explanation: %s\n", fault.c_str());
     clean = false;
   }
-  if (!former) return clean ? exit_clean : exit_findings;
+  if (!former) return clean ? lab::EXIT_CLEAN : lab::EXIT_FINDINGS;
   const auto changes = lab::changes_since(*former, matrix);
   for (const auto &change : changes)
     (void)std::fprintf(stderr, "changed: %s\n", change.c_str());
-  return clean && changes.empty() ? exit_clean : exit_findings;
+  return clean && changes.empty() ? lab::EXIT_CLEAN : lab::EXIT_FINDINGS;
 }
 
 // ---- the command line
@@ -366,6 +363,14 @@ std::string check_files(const options &opts) {
   return "";
 }
 
+void add_options(CLI::App *app, options *opts) {
+  app->footer(examples);
+  app->set_version_flag("--version", "post-campaign " LAB_VERSION);
+  add_space_options(app, opts);
+  add_output_options(app, opts);
+  add_run_options(app, opts);
+}
+
 int run(const options &opts) {
   if (!catch_signals()) return fail(lab::os_error("pipe"));
   std::string error = check_files(opts);
@@ -378,28 +383,11 @@ int run(const options &opts) {
   auto matrix = opts.read.empty() ? run_campaign(opts, &error) : read_matrix(opts.read, &error);
   if (!matrix && error.empty() && stop_signal != 0) end_by_signal();
   if (!matrix) return fail(error);
-  return opts.list ? exit_clean : conclude(opts, std::move(*matrix), former);
+  return opts.list ? lab::EXIT_CLEAN : conclude(opts, std::move(*matrix), former);
 }
 
 }  // namespace
 
-int main(int argc, char **argv) try {
-  CLI::App app("Runs the power-on self-test over faults of the simulated board and tells what it finds and misses.",
-               "post-campaign");
-  options opts;
-  app.set_version_flag("--version", "post-campaign " LAB_VERSION);
-  app.footer(examples);
-  add_space_options(&app, &opts);
-  add_output_options(&app, &opts);
-  add_run_options(&app, &opts);
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::Success &asked) {
-    return app.exit(asked);
-  } catch (const CLI::ParseError &wrong) {
-    return fail(std::string(wrong.what()) + "\nTry 'post-campaign --help' for more information.");
-  }
-  return run(opts);
-} catch (const std::exception &wrong) {
-  return fail(wrong.what());
+int main(int argc, char **argv) {
+  return lab::run_program(program, about, argc, argv, add_options, run);
 }

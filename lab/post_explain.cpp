@@ -1,25 +1,17 @@
 // post_explain.cpp: the program post-explain, which says what a failed run means.
-#include <CLI/CLI.hpp>
-#include <cerrno>
 #include <csignal>
-#include <cstring>
 #include <deque>
 #include <fstream>
 #include <iostream>
 #include <optional>
 
 #include "lab/cases.h"
+#include "lab/command_line.h"
 #include "lab/explain_print.h"
 #include "lab/records.h"
 #include "lab/text.h"
 
 namespace {
-
-enum exit_code : int {
-  EXIT_CLEAN = 0,
-  EXIT_FINDINGS = 1,
-  EXIT_USAGE = 2,  // also a file that cannot be read or written
-};
 
 struct options {
   std::vector<std::string> files;
@@ -29,6 +21,7 @@ struct options {
   bool all = false;
 };
 
+constexpr char program[] = "post-explain";
 constexpr char about[] = "Says what a failed power-on self-test means: which part, how sure, what next.";
 constexpr char footer[] = R"(Exit status: 0 if there is nothing to explain, 1 if there is, 2 if the command line
 is wrong or a file cannot be read.
@@ -40,8 +33,7 @@ Examples:
   board-sim --fault "nvram-addr-short instance=0 line=7 other=8" | post-explain)";
 
 int complain(const std::string &what) {
-  std::cerr << "post-explain: " << what << "\n";
-  return EXIT_USAGE;
+  return lab::complain(program, what);
 }
 
 void add_options(CLI::App *app, options *chosen) {
@@ -52,11 +44,8 @@ void add_options(CLI::App *app, options *chosen) {
       ->check(CLI::PositiveNumber);
   auto *const json = app->add_flag("--json", chosen->json, "JSON, with every candidate");
   app->add_flag("--all", chosen->all, "every candidate in the text, too")->excludes(json);
-}
-
-int finish() {
-  std::cout << std::flush;
-  return std::cout ? EXIT_CLEAN : complain(std::string("standard output: ") + strerror(errno));
+  app->footer(footer);
+  app->set_version_flag("--version,-V", "post-explain " LAB_VERSION);
 }
 
 // Both inputs of a call. The parsers' results stay where they are, as explanations point into them.
@@ -125,29 +114,13 @@ int explain_all(const options &chosen) {
     for (const auto &run : file.runs)
       any |= !run.what.findings.empty();
   }
-  std::cout << (chosen.json ? lab::explanations_json(files) : lab::explanations_text(files, chosen.all));
-  const int written = finish();
-  return written != EXIT_CLEAN || !any ? written : EXIT_FINDINGS;
+  const auto text = chosen.json ? lab::explanations_json(files) : lab::explanations_text(files, chosen.all);
+  return lab::put_out(program, text, any ? lab::EXIT_FINDINGS : lab::EXIT_CLEAN);
 }
 
 }  // namespace
 
-int main(int argc, char **argv) try {
-  CLI::App app{about, "post-explain"};
-  options chosen;
-  add_options(&app, &chosen);
-  app.footer(footer);
-  app.set_version_flag("--version,-V", "post-explain " LAB_VERSION);
+int main(int argc, char **argv) {
   (void)std::signal(SIGPIPE, SIG_IGN);
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError &stop) {
-    if (stop.get_exit_code() == 0) return app.exit(stop);
-    (void)complain(stop.what());
-    std::cerr << "Try 'post-explain --help' for more information.\n";
-    return EXIT_USAGE;
-  }
-  return explain_all(chosen);
-} catch (const std::exception &wrong) {
-  return complain(wrong.what());
+  return lab::run_program(program, about, argc, argv, add_options, explain_all);
 }

@@ -1,10 +1,8 @@
 // post_results.cpp: the program post-results, which turns a run's records and output into results.
 #include <errno.h>
-#include <string.h>
 #include <sys/stat.h>
 #include <time.h>
 
-#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <fstream>
 #include <functional>
@@ -14,6 +12,7 @@
 #include <string>
 
 #include "lab/cases.h"
+#include "lab/command_line.h"
 #include "lab/identity.h"
 #include "lab/records.h"
 #include "lab/run_log.h"
@@ -25,12 +24,6 @@ namespace {
 using lab::log_file;
 using lab::record_list;
 
-enum exit_code : int {
-  EXIT_CLEAN = 0,
-  EXIT_FINDINGS = 1,
-  EXIT_USAGE = 2,  // also a file that cannot be read or written
-};
-
 struct options {
   std::string records = "/post/result";
   std::string log;
@@ -40,6 +33,7 @@ struct options {
   std::function<std::string(const lab::sheet &)> form = lab::table;
 };
 
+constexpr char program[] = "post-results";
 constexpr char about[] = "Turns the records of a power-on self-test and what it printed into results.";
 constexpr char footer[] = R"(Exit status: 0 for a clean run, 1 if a device failed or its result is not known,
 2 if the command line is wrong or a file cannot be read.
@@ -52,8 +46,7 @@ Examples:
   post-results --junit --run 3 result          the third run in the file)";
 
 int complain(const std::string &what) {
-  std::cerr << "post-results: " << what << "\n";
-  return EXIT_USAGE;
+  return lab::complain(program, what);
 }
 
 void add_options(CLI::App *app, options *chosen) {
@@ -74,6 +67,8 @@ void add_options(CLI::App *app, options *chosen) {
   app->add_option("--run", chosen->run, "the run of that number, 1 for the oldest, in place of the last")
       ->type_name("N");
   app->add_option("RECORDS", chosen->records, "file of records, /post/result by default")->type_name("");
+  app->footer(footer);
+  app->set_version_flag("--version,-V", "post-results " LAB_VERSION);
 }
 
 // When a file was last written, or now.
@@ -210,9 +205,7 @@ int report(const options &chosen, const inputs &in) {
   add_notes(chosen, in, &results);
   if (runs > 1) results.notes.push_back("run " + std::to_string(run) + " of " + std::to_string(runs));
 
-  std::cout << chosen.form(results) << std::flush;
-  if (!std::cout) return complain(std::string("standard output: ") + strerror(errno));
-  return results.run.clean() ? EXIT_CLEAN : EXIT_FINDINGS;
+  return lab::put_out(program, chosen.form(results), results.run.clean() ? lab::EXIT_CLEAN : lab::EXIT_FINDINGS);
 }
 
 int run(const options &chosen) {
@@ -227,21 +220,6 @@ int run(const options &chosen) {
 
 }  // namespace
 
-int main(int argc, char **argv) try {
-  CLI::App app{about, "post-results"};
-  options chosen;
-  add_options(&app, &chosen);
-  app.footer(footer);
-  app.set_version_flag("--version,-V", "post-results " LAB_VERSION);
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError &stop) {
-    if (stop.get_exit_code() == 0) return app.exit(stop);
-    (void)complain(stop.what());
-    std::cerr << "Try 'post-results --help' for more information.\n";
-    return EXIT_USAGE;
-  }
-  return run(chosen);
-} catch (const std::exception &wrong) {
-  return complain(wrong.what());
+int main(int argc, char **argv) {
+  return lab::run_program(program, about, argc, argv, add_options, run);
 }
