@@ -39,6 +39,21 @@ TEST(post_boot, ends_as_the_board_does) {
   }
 }
 
+// A mkdir that puts a full disk in the place of what a run is to keep.
+TEST(post_boot, tells_the_verdict_though_the_disk_is_full) {
+  const std::string full_disk =
+      "mkdir bin && cat >bin/mkdir <<'END'\n#!/bin/sh\n/bin/mkdir \"$@\" || exit\n"
+      "case $1 in */logs/*) ln -s /dev/full \"$1/output\" && ln -s /dev/full \"$1/result\" ;; esac\nEND\n"
+      "chmod +x bin/mkdir && export PATH=\"$PWD/bin:$PATH\"";
+  for (const std::string fault : {"", "i2c-absent bus=1 addr=0x52"}) {
+    const temp_dir dir;
+    const auto run = boot(dir.path(), fault.empty() ? "" : "--fault '" + fault + "'", full_disk);
+    EXPECT_EQ(run.status, fault.empty() ? 0 : 1) << run.err;
+    EXPECT_TRUE(run.out.ends_with("POST is completed\n")) << run.out;
+    EXPECT_NE(run.err.find("No space left on device"), std::string::npos) << run.err;
+  }
+}
+
 TEST(post_boot, keeps_each_run_apart) {
   const temp_dir dir;
   ASSERT_EQ(boot(dir.path(), "", "mkdir -p board/post && echo earlier >board/post/result").status, 0);

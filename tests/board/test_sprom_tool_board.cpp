@@ -522,6 +522,9 @@ TEST_F(sprom_board, writes_nothing_when_anything_before_fails) {
       {"write -y ps",                     "the pellin boards have more than one power supply SPROM; name the one that is meant"},
       {"write -y fan",                    "the pellin boards have no fan SPROM; name the one that is meant"},
       {"write -y DIMM1 fan",              "DIMM1: a DIMM has no layout here"},
+      {"verify '1;1'",                    "1;1: the pellin boards have no such SPROM (see 'sprom list')"},
+      {"verify 1,x",                      "1,x: the pellin boards have no such SPROM (see 'sprom list')"},
+      {"verify 1,1x",                     "1,1x: the pellin boards have no such SPROM (see 'sprom list')"},
       {"write -y 1,3 sup",                "1,3: the pellin boards have no such SPROM (see 'sprom list')"},
       {"write -y SUPER sup",              "SUPER: the pellin boards have no such SPROM (see 'sprom list')"},
       {"write -y --backup=no/x 1,1 sup",  supervisor + "no backup of the old image"},
@@ -560,6 +563,9 @@ TEST_F(sprom_board, tells_its_steps_and_its_progress) {
                             "sprom: LC 3: switching the write protection on: pin 3 of /dev/i2c-7:0x75\n" + expander +
                             "read 02 f7 ff\n" + expander + "write 02 ff ff\n" + look + expander + "read 00 ff ff\n" +
                             expander + "read 04 00 00\n" + read);
+  result = on("--family pellin --fault 'i2c-absent bus=6 addr=0x53'", "get -v PS2 product_id");
+  EXPECT_THAT(result.err, HasSubstr("sprom: /dev/i2c-6:0x53: write 00 00: No such device or address (errno 6)\n"
+                                    "sprom: 0 bytes read\n"));
   result = sh("echo y | script -qec 'board-sim -- sprom edit 1,1 --num_6=7' /dev/null");
   EXPECT_EQ(result.status, 0);
   std::string expected;
