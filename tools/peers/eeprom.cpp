@@ -22,7 +22,7 @@ class peers_bus {
     move(scl, true);
     move(sda, false);
     move(scl, false);
-    return put(static_cast<uint8_t>(address << 1U | (reading ? 1U : 0U)));
+    return put(static_cast<uint8_t>(unsigned{address} << 1U | (reading ? 1U : 0U)));
   }
   bool put(uint8_t byte) {
     for (unsigned bit = 8; bit-- != 0;) {
