@@ -39,7 +39,7 @@ int run_program(const char *name, const char *about, int argc, char **argv,
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &stop) {
-    if (stop.get_exit_code() == 0) return app.exit(stop);
+    if (stop.get_exit_code() == 0) return put_out(name, "", app.exit(stop));
     return complain(name, std::string(stop.what()) + "\nTry '" + name + " --help' for more information.");
   }
   return run(chosen);

@@ -452,6 +452,7 @@ TEST_F(sprom_board, tells_present_absent_and_dead_apart) {
     // A list asks for a byte only.
     const std::string listed = found[0] == '9' ? "present" : state;
     EXPECT_THAT(on(board, "list").out, testing::ContainsRegex("\n" + name + " .*/dev/i2c-.* " + listed + "\n"));
+    EXPECT_THAT(on(board, "list --json").out, HasSubstr("\"state\":\"" + listed + "\",\"bus\":\"/dev/i2c-"));
   }
   EXPECT_THAT(on("--family pellin --fault 'i2c-fail bus=6 addr=0x53 nth=11 times=0'", "dump --raw PS2 chip").err,
               EndsWith(": cannot read byte 7 of 256" + failed + "\n"));

@@ -182,6 +182,7 @@ TEST_F(post_explain, ends_with_its_status_and_says_why) {
       {"good >/dev/full",              2, "standard output: No space left on device"},
       {"--version",                    0, ""},
       {"--help",                       0, ""},
+      {"--help >/dev/full",            2, "standard output: No space left on device"},
   };
   // clang-format on
   for (const auto &[args, status, err] : cases) {

@@ -238,6 +238,7 @@ TEST_F(post_results, ends_with_its_status_and_says_why) {
       {"result >/dev/full",               2, "standard output: No space left on device"},
       {"--version",                       0, ""},
       {"--help",                          0, ""},
+      {"--help >/dev/full",               2, "standard output: No space left on device"},
   };
   // clang-format on
   for (const auto &[args, status, err] : cases) {

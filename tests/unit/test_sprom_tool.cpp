@@ -155,6 +155,8 @@ TEST_F(sprom_tool, writes_where_a_name_leads) {
       {"echo old >log; sprom dump -f from /dev/stdout >>log",                          "",       "log",     "old\n" + text},
       {"{ echo old; sprom dump -f from /dev/fd/1; echo new; } >log",                   "",       "log",     "old\n" + text + "new\n"},
       {"{ echo old; sprom dump -f from -; echo new; } >log",                           "",       "log",     "old\n" + text + "new\n"},
+      {"exec 7>log; (sprom dump -f from /proc/$$/fd/7) 7>&-; true",                    "",       "log",     text},  // another's
+      {"exec 7>log; (sprom dump -f from /proc/$$/fd/7) 7<from; true",                  "",       "log",     text},
       {"sprom dump -f from /dev/stdout | cat",                                         text,     "from",    text},
       {"mkfifo pipe; cat pipe & sprom dump -f from pipe; wait; test -p pipe",          text,     "from",    text},
   };
@@ -322,6 +324,7 @@ TEST_F(sprom_tool, asks_before_it_writes) {
   // clang-format off
   const std::tuple<std::string, std::string, std::string> rows[]{
       {"echo y" + terminal,                   "from", "to: written\r\n"},
+      {"echo Yes" + terminal,                 "from", "to: written\r\n"},
       {"echo n" + terminal,                   "to",   "sprom: to: not written\r\n"},
       {"echo" + terminal,                     "to",   "sprom: to: not written\r\n"},
       {"printf '\\4'" + terminal,             "to",   "sprom: to: not written\r\n"},
@@ -356,6 +359,8 @@ TEST_F(sprom_tool, refuses_what_is_wrong_and_leaves_files_whole) {
       {1, "sprom write -y -f to none",                                     "none: cannot read: No such file or directory (errno 2)"},
       {1, "sprom edit -y -f to --from none",                               "none: cannot read: No such file or directory (errno 2)"},
       {1, "sprom dump -f to none/x",                                       "none/x: cannot write: No such file or directory (errno 2)"},
+      {1, "sprom write -y -f to .",                                        ".: cannot read: Is a directory (errno 21)"},
+      {1, "ln -s bad bad; sprom dump -f to bad",                           "bad: cannot write: Too many levels of symbolic links (errno 40)"},
       {1, "sprom dump -f to .",                                            ".: cannot write: Is a directory (errno 21)"},
       {1, "sprom dump -f to /dev/full",                                    "/dev/full: cannot write: No space left on device (errno 28)"},
       {1, "sprom dump -f to - >/dev/full",                                 "standard output: cannot write: No space left on device (errno 28)"},

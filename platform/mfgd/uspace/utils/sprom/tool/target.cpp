@@ -184,7 +184,8 @@ exit_code check_writing(const options_t &options, const target_t &target) {
 exit_code save_image(const std::string &path, std::span<const uint8_t> bytes) {
   const int error = write_file(path, bytes);
   if (error == 0) return EXIT_OK;
-  const std::string label = path == standard_stream ? std::string{"standard output"} : shown(path);
+  std::string label = shown(path);
+  if (path == standard_stream) label = "standard output";
   complain("%s: cannot write: %s", label.c_str(), error_text(error).c_str());
   return EXIT_FAILED;
 }
