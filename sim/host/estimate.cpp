@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <limits>
 
+#include "sim/bus/resume.h"
 #include "sim/devices/flash.h"
 #include "sim/host/real.h"
 
@@ -30,7 +31,10 @@ std::string whole_seconds(double seconds) {
   return std::to_string(std::max<int64_t>(1, std::llround(std::ceil(seconds)))) + " s";
 }
 
-void no_action(int) {}
+// Goes back as the handler of trapped accesses does.
+void go_back(int, siginfo_t *, void *context) {
+  resume(*static_cast<ucontext_t *>(context), __builtin_return_address(0));
+}
 
 }  // namespace
 
@@ -52,7 +56,8 @@ double trap_seconds() {
   constexpr int traps = 100;
   struct sigaction found {};
   struct sigaction act {};
-  act.sa_handler = no_action;
+  act.sa_sigaction = go_back;
+  act.sa_flags = SA_SIGINFO | SA_NODEFER;
   (void)sigaction(SIGTRAP, &act, &found);
   // The shortest round is the one that nothing else interrupted.
   int64_t shortest = std::numeric_limits<int64_t>::max();
