@@ -21,7 +21,7 @@ struct merge_case {
   std::string records;
   std::string log;  // "-" for none
   std::string expected;
-  std::string warning = "";
+  std::string warning = {};
   // The reason of one case's result.
   size_t place = 0;
   const char *reason = nullptr;

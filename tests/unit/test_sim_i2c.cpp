@@ -13,7 +13,6 @@ namespace {
 
 using options = std::vector<const char *>;
 using strings = std::vector<std::string>;
-using testing::ElementsAre;
 
 int open_bus(unsigned number) {
   return open(("/dev/i2c-" + std::to_string(number)).c_str(), O_RDWR | O_CLOEXEC);
