@@ -2,11 +2,11 @@
 function(post_module name)
   add_library(${name} OBJECT ${ARGN})
   target_include_directories(${name} PUBLIC "${CMAKE_SOURCE_DIR}" "${CMAKE_SOURCE_DIR}/include")
-  # -fPIC, though it is for a program: what is exported by name stays a function of its own, not inlined into others,
-  # so that what stops, counts or replaces it there holds; and stdout is the C library's, not a copy. The linker makes
-  # the calls direct all the same.
+  # As for a library, though it is a program: what is exported by name stays a function of its own, not inlined into
+  # others, so that what stops, counts or replaces it there holds; and stdout is the C library's, not a copy. The linker
+  # makes the calls direct all the same.
   set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE OFF)
-  target_compile_options(${name} PRIVATE -fPIC -fno-exceptions -fno-rtti)
+  target_compile_options(${name} PRIVATE -fPIC -fsemantic-interposition -fno-exceptions -fno-rtti)
 endfunction()
 
 # post_program(NAME SOURCES...): an executable whose functions and tables stand in its dynamic symbol table.

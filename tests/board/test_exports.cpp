@@ -64,6 +64,17 @@ TEST(exports, hold_all_that_the_objects_define) {
     EXPECT_TRUE(exported.contains(name)) << name;
 }
 
+// Inlined into its own module's functions, an exported one is in no backtrace and cannot be stopped at by its name.
+TEST(exports, are_called_by_their_names_within_their_modules_too) {
+  const temp_dir dir;
+  const auto called = run_shell(dir.path(), "readelf -rW " POST_OBJECTS
+                                            " | sed -nE 's/.*_PLT32 +[0-9a-f]+ +([^ ]+).*/<\\1>/p' | sort -u")
+                          .out;
+  for (const std::string name : {"pci_scan_devices", "obfl_sector_test", "_obfl_wr", "mmap_is_cat1", "timer_start",
+                                 "dlq_enqueue_elem", "diag_sprom_rd", "sprom_verify_sup", "sprom_init_pellin"})
+    EXPECT_NE(called.find("<" + name + ">\n"), std::string::npos) << name;
+}
+
 TEST(exports, hold_the_build_stamps) {
   constexpr size_t stamp_size = 200;
   const std::string image = read_file(POST_BIN_DIR "/post");
