@@ -7,8 +7,10 @@
 #include <set>
 
 #include "platform/mfgd/uspace/utils/sprom/at24c512.h"
+#include "platform/mfgd/uspace/utils/sprom/pca9539.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_api.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_dev.h"
+#include "platform/mfgd/uspace/utils/sprom/sprom_family.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_pellin.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_tosk.h"
 #include "tests/support/board.h"
@@ -320,6 +322,24 @@ TEST(sprom_write_protection, of_the_mezzanine_follows_the_environment_at_each_ca
       EXPECT_THAT(log_of(board), testing::EndsWith(low));
       EXPECT_EQ(velto_mt_varnholm_sprom_wd(), 0);
       EXPECT_THAT(log_of(board), testing::EndsWith("i2c-20:76 w 24 0x0 0x02ffff"));
+    }
+  });
+}
+
+// Whichever way the expander's input register shows it.
+TEST(sprom_write_protection, is_told_by_the_level_of_its_own_pin) {
+  on_board({"--family=pellin"}, [](test_board &) {
+    const sprom_t &sprom = pellin_sprom_lc[2];
+    const sprom_wiring_t wiring = sprom_wiring_pellin(&sprom);
+    ASSERT_EQ(wiring.by, sprom_wiring_t::PIN);
+    for (const auto inverted : {uint16_t{0}, wiring.pin, static_cast<uint16_t>(~wiring.pin)}) {
+      SCOPED_TRACE(inverted);
+      uint16_t polarity = inverted;
+      EXPECT_EQ(wiring.expander->smb_wr(wiring.expander->dev, PCA9539_POLARITY, sizeof polarity, &polarity), 0);
+      EXPECT_EQ(sprom_is_protected(&wiring), 1);
+      EXPECT_EQ(sprom.we(), 0);
+      EXPECT_EQ(sprom_is_protected(&wiring), 0);
+      EXPECT_EQ(sprom.wd(), 0);
     }
   });
 }
