@@ -230,7 +230,7 @@ std::optional<lab::matrix> run_campaign(const options &opts, std::string *error)
   *error = run_all(opts, &runner, &all);
   const bool whole = all.done.size() == all.plan.space.runs.size();
   if (opts.keep || !whole) all.work.keep();
-  if (!whole) (void)fail("interrupted; go on with: post-campaign --resume " + all.work.path());
+  if (!whole) (void)lab::complain(program, "interrupted; go on with: post-campaign --resume " + all.work.path());
   if (!error->empty() || !whole) return std::nullopt;
   auto matrix = matrix_of(&all);
   const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - start;
