@@ -178,25 +178,6 @@ TEST_F(built_in, standard_has_every_kind_of_fault_or_says_why_not) {
   EXPECT_THAT(kinds, IsEmpty());
 }
 
-TEST_F(built_in, standard_has_every_line_of_each_memory_at_both_levels) {
-  std::map<std::string, size_t> counts;
-  for (const auto &run : standard()) {
-    const bool always = run.fault.ends_with(" level=0") || run.fault.ends_with(" level=1");
-    if (always && run.fault.find("-cell-") == std::string::npos) ++counts[kind_of(run)];
-  }
-  EXPECT_THAT(counts, ElementsAre(std::pair("flash-addr-stuck", 50), std::pair("flash-data-stuck", 32),
-                                  std::pair("nvram-addr-stuck", 84), std::pair("nvram-data-stuck", 96)));
-}
-
-TEST_F(built_in, standard_has_no_run_twice_and_none_that_cannot_meet_its_fault) {
-  std::set<std::string> keys;
-  for (const auto &run : standard()) {
-    EXPECT_TRUE(keys.insert(run.key()).second) << run.key();
-    EXPECT_TRUE(!run.fault.starts_with("flash-") || run.mode == lab::run_mode::full) << run.key();
-    EXPECT_TRUE(!run.fault.starts_with("nvram-") || run.mode != lab::run_mode::brief) << run.key();
-  }
-}
-
 TEST_F(built_in, lines_are_all_single_line_faults) {
   std::string error;
   const auto space = lab::lines_space(m_source, &error);
