@@ -40,6 +40,11 @@ struct sprom_ioctl_req {
 
 // Returns the SPROM platform type of a card, PFM_PLATFORM_UNKNOWN if there is none.
 [[nodiscard]] uint32_t pfm_get_sprom_platform_type(uint16_t card_index);
+
+// Sends a request to the driver, without a message.
+//   answer  receives the 16 bits; keeps its value when the driver refuses the request
+// Returns whether /dev/sprom could be opened.
+[[nodiscard]] bool pfm_ask_driver(uint32_t request, uint16_t *answer);
 }
 
 static_assert(offsetof(sprom_ioctl_req, field_8) == 8);
