@@ -15,9 +15,9 @@
 #include "platform/mfgd/cmn_lib/diag_util/spin.h"
 #include "platform/mfgd/cmn_lib/hw_acc/nvram/nvram_acc_velto.h"
 #include "platform/mfgd/cmn_lib/hw_acc/obfl/obfl_acc.h"
+#include "sim/base/files.h"
 #include "sim/board/board.h"
 #include "sim/bus/layout.h"
-#include "sim/host/files.h"
 
 namespace {
 
@@ -28,7 +28,7 @@ std::string state_dir;
 int lock_fd = -1;
 uint16_t words[OBFL_SECTOR_WORDS];
 
-// The same memories as the drivers', by other mappings.
+// The same memories as the drivers', by other mappings; the flash's that of its file, whose loads never become jumps.
 volatile uint16_t *nvram_word;
 volatile uint16_t *trapped_word;
 const volatile uint16_t *flash_sector;
@@ -96,6 +96,43 @@ void trapped_loads(benchmark::State &state) {
     words[0] = *trapped_word;
 }
 
+// The second of two moves side by side stays as it is: it would change bytes of the first one's jump.
+[[gnu::noinline]] uint16_t load_by_signal(const volatile uint16_t *from, bool other_first) {
+  uint16_t word = 0;
+  asm volatile("test %[other], %[other]; jz 1f; movw (%[from]), %%cx; 1: movw (%[from]), %[word]"
+               : [word] "=&a"(word)
+               : [from] "S"(from), [other] "d"(int{other_first})
+               : "ecx", "cc", "memory");
+  return word;
+}
+
+void signalled_loads(benchmark::State &state) {
+  words[0] = load_by_signal(trapped_word, true);
+  while (state.KeepRunning())
+    words[0] = load_by_signal(trapped_word, false);
+}
+
+// One move that has met a device, and one that never does. The mark keeps them two functions.
+[[gnu::noinline]] uint16_t load_by_jump(const volatile uint16_t *from) {
+  asm volatile("# becomes a jump");
+  return *from;
+}
+
+[[gnu::noinline]] uint16_t load_plainly(const volatile uint16_t *from) {
+  return *from;
+}
+
+void direct_loads(benchmark::State &state) {
+  words[0] = load_by_jump(trapped_word);
+  while (state.KeepRunning())
+    words[0] = load_by_jump(nvram_word);
+}
+
+void plain_loads(benchmark::State &state) {
+  while (state.KeepRunning())
+    words[0] = load_plainly(nvram_word);
+}
+
 sigjmp_buf behind_fault;
 
 [[gnu::noinline]] void fault() {
@@ -129,7 +166,11 @@ constexpr access_case cases[] = {
     {"obfl_sector_rd",                      sector_reads},
     {"obfl_sector_rd/65536 fenced loads",   fenced_loads},
     {"trapped load",                        trapped_loads},
-    {"trapped load/fault, left by a jump",  faults},
+    {"trapped load/by signal",              signalled_loads},
+    {"trapped load by signal",              signalled_loads},
+    {"trapped load by signal/fault, left by a jump", faults},
+    {"direct load through a jump",          direct_loads},
+    {"direct load through a jump/plain load", plain_loads},
     {"diag_spin_usec(1)",                   spins<1>},
     {"diag_spin_usec(10)",                  spins<10>},
     {"diag_spin_usec(100)",                 spins<100>},
@@ -148,7 +189,7 @@ void *map(const sim::window &window, uint32_t offset) {
   return static_cast<char *>(address) + offset;
 }
 
-// A board in a temporary directory, with healthy memories but for NVRAM 2, whose accesses are trapped, and the drivers.
+// A board in a temporary directory, with healthy memories except NVRAM 2, whose accesses are trapped, and the drivers.
 void start() {
   char name[] = "/tmp/bench-access-XXXXXX";
   if (mkdtemp(name) == nullptr) die(name);
@@ -165,7 +206,11 @@ void start() {
   if (lock_fd < 0) die("/var/lock/bench.lock");
   nvram_word = static_cast<uint16_t *>(map(sim::windows[0], word_offset));
   trapped_word = static_cast<uint16_t *>(map(sim::windows[2], word_offset));
-  flash_sector = static_cast<uint16_t *>(map(sim::windows[3], sector_addr));
+  obfl_sector_rd(0, {.addr = sector_addr}, words);  // makes the file
+  const int flash_fd = open((state_dir + "/flash").c_str(), O_RDONLY);
+  void *const sector = mmap(nullptr, OBFL_SECTOR_SIZE, PROT_READ, MAP_SHARED, flash_fd, sector_addr);
+  if (sector == MAP_FAILED) die("flash");
+  flash_sector = static_cast<uint16_t *>(sector);
   void *const page = mmap(nullptr, 4096, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
   if (page == MAP_FAILED) die("mmap");
   no_access = static_cast<const char *>(page);

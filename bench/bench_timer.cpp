@@ -63,7 +63,7 @@ double median(std::vector<double> values) {
   return values[values.size() / 2];
 }
 
-// Leaves nothing in the allocator's caches of small blocks, which would not be told from blocks in use.
+// Empties the allocator's caches of small blocks, which would count as blocks in use.
 void drain_heap_caches() {
   static std::vector<std::unique_ptr<char[]>> held;
   for (size_t size = 8; size <= 1032; size += 16) {

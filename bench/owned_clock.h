@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-// While one of these lives, clock_gettime tells the owned time. epoll_wait and epoll_pwait always return at once with
+// While one of these lives, clock_gettime returns the owned time. epoll_wait and epoll_pwait always return at once with
 // nothing. So the peers' ticks come when the benchmark says so, and cost no system call.
 class owned_clock {
  public:

@@ -1,4 +1,4 @@
-// timer_contenders.h: five kinds of timers behind the same operations.
+// timer_contenders.h: five kinds of timers with the same operations.
 //
 // Each contender holds `count` timers, numbered from 0, that call `expired` with their number. A tick is a millisecond
 // of the owned clock. start also restarts; stop takes an active timer. settle brings a contender without active timers
@@ -51,7 +51,7 @@ class wheel_timers {
   void start(uint32_t i, uint32_t period) { timer_restart(m_timers[i], period); }
   void stop(uint32_t i) { timer_stop(m_timers[i]); }
   void tick() { timer_one_tick_elapsed(); }
-  // Lets everything expire, the entries that stopped timers left behind included.
+  // Lets everything expire, including the entries that stopped timers left.
   void settle() { advance(2 * timer_tbl_size); }
   void one_period(uint32_t period) { m_longest = std::max(m_longest, period); }
 

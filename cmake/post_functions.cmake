@@ -9,6 +9,21 @@ function(post_module name)
   target_compile_options(${name} PRIVATE -fPIC -fsemantic-interposition -fno-exceptions -fno-rtti)
 endfunction()
 
+# post_room(NAME [OBJECT] SOURCES... NEEDS rooms...): the library of one directory of the simulated board or of what it
+# shares. Programs link of it what they use; OBJECT: all of it.
+function(post_room name)
+  cmake_parse_arguments(arg "OBJECT" "" "SOURCES;NEEDS" ${ARGN})
+  if(arg_OBJECT)
+    add_library(${name} OBJECT ${arg_SOURCES})
+  else()
+    add_library(${name} STATIC ${arg_SOURCES})
+  endif()
+  target_include_directories(${name} PUBLIC "${CMAKE_SOURCE_DIR}" "${CMAKE_SOURCE_DIR}/include")
+  set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON CXX_VISIBILITY_PRESET hidden
+    VISIBILITY_INLINES_HIDDEN ON)
+  target_link_libraries(${name} PUBLIC ${arg_NEEDS})
+endfunction()
+
 # post_program(NAME SOURCES...): an executable whose functions and tables stand in its dynamic symbol table.
 function(post_program name)
   add_executable(${name} ${ARGN})
@@ -62,4 +77,25 @@ function(post_fuzz name)
     add_test(NAME fuzz.replays_the_corpus_of_${name}
       COMMAND fuzz_${name} "${CMAKE_SOURCE_DIR}/fuzz/corpus/${name}")
   endif()
+endfunction()
+
+# post_programs(NAME): the target NAME builds every program and shared library of the directories added so far.
+function(post_programs name)
+  set(directories "${CMAKE_CURRENT_SOURCE_DIR}")
+  set(programs "")
+  while(directories)
+    list(POP_FRONT directories directory)
+    get_property(below DIRECTORY "${directory}" PROPERTY SUBDIRECTORIES)
+    foreach(one IN LISTS below)
+      list(APPEND directories "${one}")
+    endforeach()
+    get_property(targets DIRECTORY "${directory}" PROPERTY BUILDSYSTEM_TARGETS)
+    foreach(target IN LISTS targets)
+      get_target_property(type ${target} TYPE)
+      if(type MATCHES "^(EXECUTABLE|SHARED_LIBRARY)$")
+        list(APPEND programs ${target})
+      endif()
+    endforeach()
+  endwhile()
+  add_custom_target(${name} DEPENDS ${programs})
 endfunction()

@@ -1,4 +1,4 @@
-// The processor's rate in a text in place of /proc/cpuinfo: a rate or an assertion, nothing else, whatever the text.
+// The processor's rate in a text instead of /proc/cpuinfo: with any text a rate or an assertion, nothing else.
 #include <cmath>
 #include <csetjmp>
 #include <cstring>
@@ -31,7 +31,7 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     _init_ptu();
     MUST_HOLD(ptu_parms.cpu_mhz != 0);
     MUST_HOLD(!close_left_file());
-    // The rate stands in the record in both units. One above 32 bits of hertz is all ones.
+    // The rate is in the record in both units. One above 32 bits of hertz is all ones.
     const double mhz = ptu_parms.cpu_mhz;
     MUST_HOLD(!(mhz >= 1 && mhz < 4294) || std::fabs(ptu_parms.cpu_hz - mhz * 1e6) <= 1);
     MUST_HOLD(!(mhz > 4295) || ptu_parms.cpu_hz == UINT32_MAX);

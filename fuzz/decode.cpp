@@ -18,7 +18,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   for (size_t i = 0; i < regs.gpr.size(); ++i)
     regs.gpr[i] = (data[1] + i) * 0x0123456789ABCDEFU >> (mode == sim::word_size::bits64 ? 0U : 32U);
   regs.ip = 0x400000;
-  // Behind what was given stand bytes that end any instruction.
+  // After the input come bytes that end any instruction.
   uint8_t code[64] = {};
   std::copy_n(data + 2, std::min(size - 2, sizeof code), code);
   sim::insn i;

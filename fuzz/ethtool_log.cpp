@@ -5,8 +5,8 @@
 
 #include "fuzz/fuzz.h"
 #include "fuzz/text_file.h"
+#include "post/dorvan/pfm_card.h"
 #include "post/gige.h"
-#include "post/pfm_card.h"
 #include "post/post_tbl.h"
 
 extern "C" {

@@ -3,17 +3,19 @@
 #include <string_view>
 
 #include "fuzz/fuzz.h"
-#include "lab/explain_print.h"
+#include "lab/explain/print.h"
 
 namespace {
 
-// Each fault that a group gives as an example is one of its faults.
+// Each fault that a group gives as an example is one of its faults, and the headline names it.
 void check(const lab::finding &found) {
   MUST_HOLD(!found.headline().empty());
-  MUST_HOLD(found.places >= found.sure_places);
-  for (const auto &group : found.faults)
-    for (const bool last : {false, true})
-      MUST_HOLD(group.holds(lab::parse_fault_text(group.one(last))));
+  for (const auto &group : found.faults) {
+    for (const bool last : {false, true}) {
+      const auto fault = lab::parse_fault_text(group.one(last));
+      MUST_HOLD(group.holds(fault) && found.lists(fault) && found.headline_names(fault));
+    }
+  }
 }
 
 }  // namespace
@@ -23,6 +25,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   lab::explained_file file{"log", {}, &log, {}};
   for (const auto &run : log.runs) {
     file.runs.push_back({file.runs.size() + 1, &run, lab::explain_run(&run)});
+    MUST_HOLD(run.completed || !file.runs.back().what.findings.empty());
     std::ranges::for_each(file.runs.back().what.findings, check);
   }
   MUST_HOLD(!lab::explanations_text({file}, true).empty());

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "fuzz/fuzz.h"
-#include "sim/devices/flash.h"
+#include "models/nor_flash.h"
 
 namespace {
 
@@ -22,14 +22,14 @@ uint16_t content(uint32_t offset) {
 class chip {
  public:
   chip() {
-    for (uint32_t s = 0; s < sim::flash_sectors; ++s)
+    for (uint32_t s = 0; s < models::flash_sectors; ++s)
       if (std::ranges::find(used_sectors, s) == used_sectors.end())
-        sim::word_set(m_memory, s * sim::flash_sector_bytes, content(s * sim::flash_sector_bytes));
+        models::word_set(m_memory, s * models::flash_sector_bytes, content(s * models::flash_sector_bytes));
     for (size_t s = 0; s < used_sectors.size(); ++s) {
-      const uint32_t base = used_sectors[s] * sim::flash_sector_bytes;
-      for (uint32_t at = base; at < base + sim::flash_sector_bytes; at += 2)
-        sim::word_set(m_memory, at, content(at));
-      m_pristine[s].assign(&m_memory[base], &m_memory[base] + sim::flash_sector_bytes);
+      const uint32_t base = used_sectors[s] * models::flash_sector_bytes;
+      for (uint32_t at = base; at < base + models::flash_sector_bytes; at += 2)
+        models::word_set(m_memory, at, content(at));
+      m_pristine[s].assign(&m_memory[base], &m_memory[base] + models::flash_sector_bytes);
     }
   }
 
@@ -38,11 +38,11 @@ class chip {
       m_written[offset / 2] = false;
     m_offsets.clear();
     m_erased.fill(false);
-    m_model.start(m_memory, m_options);
+    m_model = models::nor_flash(models::memory(m_memory));
   }
 
   void write(size_t sector, uint32_t word, uint8_t code, uint8_t high) {
-    const uint32_t offset = used_sectors[sector] * sim::flash_sector_bytes + word * 2;
+    const uint32_t offset = used_sectors[sector] * models::flash_sector_bytes + word * 2;
     const auto data = static_cast<uint16_t>(high << 8U | code);
     m_written[offset / 2] = true;
     m_offsets.push_back(offset);
@@ -51,14 +51,14 @@ class chip {
   }
 
   void read(size_t sector, uint32_t word) {
-    const uint32_t offset = used_sectors[sector] * sim::flash_sector_bytes + word * 2;
+    const uint32_t offset = used_sectors[sector] * models::flash_sector_bytes + word * 2;
     const uint16_t seen = m_model.read(offset);
     // The read may have ended an operation.
-    MUST_HOLD(!m_model.reads_plainly() || m_model.read(offset) == sim::word_get(m_memory, offset));
-    MUST_HOLD(!m_model.reads_plainly() || seen == sim::word_get(m_memory, offset) || seen < 0x100);
+    MUST_HOLD(!m_model.reads_plainly() || m_model.read(offset) == models::word_get(m_memory, offset));
+    MUST_HOLD(!m_model.reads_plainly() || seen == models::word_get(m_memory, offset) || seen < 0x100);
   }
 
-  // Whatever was begun: confirmations and data of commands that are open, polls, and the reset of an aborted buffer;
+  // Ends all operations: confirmations and data of commands that are open, polls, and the reset of an aborted buffer;
   // that twice, since the first may be what aborts a buffer that is being loaded.
   void reset() {
     for (uint32_t i = 0; i < 4; ++i) {
@@ -78,18 +78,18 @@ class chip {
   void check() {
     for (size_t s = 0; s < used_sectors.size(); ++s)
       check_sector(s);
-    for (uint32_t s = 0; s < sim::flash_sectors; ++s)
+    for (uint32_t s = 0; s < models::flash_sectors; ++s)
       MUST_HOLD(std::ranges::find(used_sectors, s) != used_sectors.end() ||
-                sim::word_get(m_memory, s * sim::flash_sector_bytes) == content(s * sim::flash_sector_bytes));
+                models::word_get(m_memory, s * models::flash_sector_bytes) == content(s * models::flash_sector_bytes));
   }
 
  private:
   void check_sector(size_t s) {
-    const uint32_t base = used_sectors[s] * sim::flash_sector_bytes;
+    const uint32_t base = used_sectors[s] * models::flash_sector_bytes;
     if (std::equal(m_pristine[s].begin(), m_pristine[s].end(), &m_memory[base])) return;
-    for (uint32_t at = base; at < base + sim::flash_sector_bytes; at += 2) {
+    for (uint32_t at = base; at < base + models::flash_sector_bytes; at += 2) {
       const uint16_t before = content(at);
-      const uint16_t after = sim::word_get(m_memory, at);
+      const uint16_t after = models::word_get(m_memory, at);
       if (after == before) continue;
       const bool written = m_written[at / 2];
       MUST_HOLD(m_erased[s] || (written && (after & ~before) == 0));
@@ -97,20 +97,19 @@ class chip {
     }
     // Erased as a whole, or not at all.
     const auto tells = [&](uint32_t at) { return !m_written[at / 2] && content(at) != 0xFFFF; };
-    const auto differs = [&](uint32_t at) { return sim::word_get(m_memory, at) != content(at); };
+    const auto differs = [&](uint32_t at) { return models::word_get(m_memory, at) != content(at); };
     uint32_t first = base;
     while (!tells(first))
       first += 2;
-    for (uint32_t at = first; m_erased[s] && at < base + sim::flash_sector_bytes; at += 2)
+    for (uint32_t at = first; m_erased[s] && at < base + models::flash_sector_bytes; at += 2)
       MUST_HOLD(!tells(at) || differs(at) == differs(first));
     std::ranges::copy(m_pristine[s], &m_memory[base]);
   }
 
-  std::vector<uint8_t> m_memory = std::vector<uint8_t>(sim::flash_bytes, 0xFF);
+  std::vector<uint8_t> m_memory = std::vector<uint8_t>(models::flash_bytes, 0xFF);
   std::array<std::vector<uint8_t>, used_sectors.size()> m_pristine;
-  sim::options m_options;
-  sim::flash_model m_model;
-  std::vector<bool> m_written = std::vector<bool>(sim::flash_bytes / 2);
+  models::nor_flash m_model;
+  std::vector<bool> m_written = std::vector<bool>(models::flash_bytes / 2);
   std::vector<uint32_t> m_offsets;  // that it holds
   std::array<bool, used_sectors.size()> m_erased{};
 };

@@ -1,4 +1,4 @@
-// Registers of hardware types in a text in place of /proc/bus/pci/devices. The first two bytes choose what is looked
+// Registers of hardware types in a text instead of /proc/bus/pci/devices. The first two bytes choose what is looked
 // for.
 #include "fuzz/fuzz.h"
 #include "fuzz/text_file.h"
@@ -15,7 +15,7 @@ void look_up_registers(uint32_t hwtype, uint32_t inst, uint32_t bar) {
   MUST_HOLD(status == 0 || base == untouched);
 }
 
-// A function that is found lies on the bus where the search began, or behind. In a list out of order, a function of a
+// A function that is found is on the first bus of the search or on a later one. In a list out of order, a function of a
 // later bus lets the search go on from the first device of any bus.
 void search_from(uint32_t bus, uint32_t dev, uint32_t func) {
   uint32_t pci_if = untouched;

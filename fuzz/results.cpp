@@ -1,4 +1,4 @@
-// Records and logs of runs in any shape, through the readers and into every form. The first byte tells where the
+// Records and logs of runs in any shape, through the readers and into every form. The first byte says where the
 // records end and the log begins, in sixteenths, and the form.
 #include <algorithm>
 #include <array>
@@ -6,10 +6,10 @@
 #include <string>
 
 #include "fuzz/fuzz.h"
-#include "lab/cases.h"
-#include "lab/records.h"
-#include "lab/run_log.h"
-#include "lab/sheet.h"
+#include "lab/results/sheet.h"
+#include "lab/run/cases.h"
+#include "lab/run/records.h"
+#include "lab/run/run_log.h"
 
 namespace {
 
@@ -19,7 +19,7 @@ size_t lines_of(std::string_view text) {
 }
 
 lab::record_list read_records(const std::string &text) {
-  const auto list = lab::parse_records(text);
+  auto list = lab::parse_records(text);
   std::istringstream in(text);
   const auto streamed = lab::parse_records(in);
   MUST_HOLD(streamed.record_count == list.record_count && streamed.bad_count == list.bad_count);
@@ -35,7 +35,7 @@ lab::record_list read_records(const std::string &text) {
 }
 
 lab::log_file read_log(const std::string &text) {
-  const auto log = lab::parse_run_log(text);
+  auto log = lab::parse_run_log(text);
   std::istringstream in(text);
   const auto streamed = lab::parse_run_log(in);
   MUST_HOLD(streamed.run_count == log.run_count && streamed.note_count == log.note_count &&
@@ -60,7 +60,7 @@ void report(const lab::run_pair &pair, size_t form) {
   MUST_HOLD(cases == lab::case_count);
   MUST_HOLD(!results.run.clean() ||
             results.run.count(lab::verdict::fail) + results.run.count(lab::verdict::error) == 0);
-  constexpr std::array forms{lab::table, lab::ocp_lines, lab::junit_xml, lab::ktap};
+  constexpr std::array forms{lab::table, lab::ocp_lines, lab::junit_text, lab::ktap};
   MUST_HOLD(!forms[form % forms.size()](results).empty());
 }
 

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "fuzz/fuzz.h"
-#include "platform/mfgd/uspace/utils/sprom/tool/fields.h"
+#include "sprom/image/fields.h"
 
 namespace {
 

@@ -10,7 +10,8 @@
 
 #include "platform/mfgd/cmn_lib/diag_util/owner.h"
 #include "post/dorvan/cards.h"
-#include "post/pfm_card.h"
+#include "post/dorvan/pfm_card.h"
+#include "post/ignored_signals.h"
 #include "post/post_tbl.h"
 
 namespace {
@@ -22,17 +23,20 @@ constexpr const char *sub_tests[] = {"Register test", "Eeprom test", "Loopback t
 
 using line_buffer = std::array<char, 128>;
 
-// The log tells what came of a command, not its exit status. Commands inherit what is ignored here: they are to meet
-// a broken pipe as those that a shell starts do.
+// The verdict comes from the log, not from a command's exit status. Commands would inherit what is ignored here: they
+// meet a broken pipe and a full file as those that a shell starts do.
 void run(const char *command) {
-  const sighandler_t own = signal(SIGPIPE, SIG_DFL);
+  std::array<sighandler_t, ignored_signals.size()> own{};
+  for (size_t i = 0; i < own.size(); ++i)
+    own[i] = signal(ignored_signals[i], SIG_DFL);
   [[maybe_unused]] const int status = system(command);
-  (void)signal(SIGPIPE, own);
+  for (size_t i = 0; i < own.size(); ++i)
+    (void)signal(ignored_signals[i], own[i]);
 }
 
 enum class verdict { pass, fail, none };
 
-// Leaves the stream behind the word.
+// Leaves the stream after the word.
 verdict find_verdict(FILE *log) {
   line_buffer word;
   while (fscanf(log, "%127s", word.data()) == 1) {

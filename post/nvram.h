@@ -4,9 +4,9 @@
 // that do not hold both a 0 and a 1.
 //
 // Does not detect
-//   - anything in the upper half, which is saved and written back alone: its cells and the topmost address line;
-//   - by the data phase, a bus that nothing drives and that echoes what was written last: nothing else is driven
-//     between a write and its read. The address phase reads other words than it wrote last, and fails there;
+//   - anything in the upper half, which is only saved and written back: its cells and the topmost address line;
+//   - by the data phase, a bus that nothing drives and that echoes the last write: nothing else is driven between a
+//     write and its read. The address phase reads words other than the last one written, and fails there;
 //   - cells that disturb one another, unless the count from word to word shows it;
 //   - an empty battery.
 #pragma once
@@ -17,7 +17,7 @@ extern "C" {
 // The row's entry; a PostTestFn. Passes when mem_test_nvram returns 0. Returns that status.
 uint32_t dorvan_nvram_test(uint32_t reserved, uint32_t *result, uint32_t device, uint32_t *scratch);
 
-// Tests the NVRAM instances that the card's row in cards.h tells. Each is saved first and written back whatever the
+// Tests the NVRAM instances that the card's row in cards.h gives. Each is saved first and written back after any
 // outcome; its first failure ends its test, with lines on standard output. Nothing outside a region is touched. Returns
 // 0           all passed
 //          0xFFFFFFFF  one or more failed
@@ -25,6 +25,6 @@ uint32_t dorvan_nvram_test(uint32_t reserved, uint32_t *result, uint32_t device,
 //          others      the card index cannot be read; nothing was tested
 [[nodiscard]] uint32_t mem_test_nvram();
 
-// Prints what stands at a byte offset in place of what should.
+// Prints the byte offset of a word with its expected and its actual value.
 void memory_error(uint16_t expected, uint32_t offset, uint16_t actual);
 }

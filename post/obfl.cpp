@@ -7,15 +7,15 @@
 
 #include "platform/mfgd/cmn_lib/diag_util/diag_assert.h"
 #include "platform/mfgd/cmn_lib/diag_util/owner.h"
+#include "platform/mfgd/cmn_lib/diag_util/signal_hold.h"
 #include "post/post_tbl.h"
-#include "post/signal_hold.h"
 
 namespace {
 
 constexpr uint32_t obfl_inst = 0;
 constexpr uint32_t words_max = 16;
 
-// Every high address line is tested on the sector that has it alone set and on the one that has it alone clear. The
+// Every high address line is tested on the sector where only it is set and on the one where only it is clear. The
 // last round runs one line past the flash: its numbers end up in sectors 0 and 511.
 constexpr uint16_t first_high_sector = 2;
 constexpr uint16_t last_high_sector = 512;

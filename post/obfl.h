@@ -5,9 +5,9 @@
 // not end.
 //
 // Does not detect
-//   - address lines that select a sector, stuck or shorted: each sector is tested alone, and the word that names it is
-//     read back before the next one is written, so that two numbers of one sector are never told apart;
-//   - the topmost line within a sector, stuck: no two words that are written differ by it alone;
+//   - address lines that select a sector, stuck or shorted: each sector is tested by itself, and the word with its
+//     number is read back before the next one is written, so two numbers for one sector go unnoticed;
+//   - the topmost line within a sector, stuck: no two words that are written differ only in it;
 //   - bad cells beyond the few words that are written, unless an erase or the restore runs into one.
 #pragma once
 
@@ -18,7 +18,7 @@
 // Statuses of this test; 0 is pass.
 enum : uint32_t {
   OBFL_TEST_NO_MEMORY = 6,       // for the save buffer
-  OBFL_TEST_READ_FAILED = 434,   // a word reads back as another than was written
+  OBFL_TEST_READ_FAILED = 434,   // a word reads back with another value than was written
   OBFL_TEST_ERASE_FAILED = 435,  // a sector erase, before or after a sub-test
   OBFL_TEST_WRITE_FAILED = 436,  // the write of a sub-test, or of a sector that is restored
 };
@@ -34,8 +34,8 @@ uint32_t dorvan_obfl_test(uint32_t reserved, uint32_t *result, uint32_t device, 
 // the flash untouched.
 [[nodiscard]] uint32_t obfl_post_test();
 
-// Runs one sub-test between the set-up and the clean-up of its sector. The clean-up follows whatever the sub-test
-// returned, but not a failed set-up.
+// Runs one sub-test between the set-up and the clean-up of its sector. The clean-up follows any result of the
+// sub-test, but not a failed set-up.
 //   buffer  room for the sector's 65536 words; null neither saves nor restores
 // Returns the set-up's status, else the sub-test's, else the clean-up's.
 [[nodiscard]] uint32_t obfl_sector_test(obfl_subtest_t subtest, uint32_t inst, uint16_t sector, uint16_t *buffer,

@@ -9,8 +9,8 @@
 
 #include "platform/mfgd/cmn_lib/diag_util/owner.h"
 #include "post/dorvan/cards.h"
+#include "post/dorvan/pfm_card.h"
 #include "post/hw_change_bits.h"
-#include "post/pfm_card.h"
 #include "post/post_tbl.h"
 
 namespace {
@@ -46,11 +46,6 @@ pci_scan_entry parse_line(const char *line) {
   entry.dev = (position >> 3) & 0x1F;
   entry.func = position & 7;
   return entry;
-}
-
-// Bit 4 stands for no row.
-uint32_t fail_bit(size_t row) {
-  return 1U << ((row < 4 ? row : row + 1) % 32);
 }
 
 void report_missing(const pci_dev_tbl_entry &row) {
@@ -95,7 +90,7 @@ int32_t pciscan_test(uint32_t *fail_mask) {
     if (!failed) putchar('\n');  // ends the line of the progress dots
     failed = true;
     report_missing(table[i]);
-    *fail_mask |= fail_bit(i);
+    *fail_mask |= 1U << dorvan_pci_device(i);
   }
   if (!failed) return 0;
   report_detection();

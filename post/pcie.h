@@ -1,9 +1,9 @@
 // pcie.h: every PCI function that the card should carry, at its bus position.
 //
 // Detects functions that the kernel's list lacks at their place, or has with other ids.
-// Does not detect functions too many, slow or narrow links, or functions that answer and do not work. A function behind
-// the sixth of its table is told and fails no device; without a list, a known card or a known revision everything
-// passes.
+// Does not detect additional functions, slow or narrow links, or functions that answer and do not work. A missing
+// function after the sixth of its table is printed and fails no device. Without a list, a known card or a known
+// revision everything passes.
 #pragma once
 
 #include <stdint.h>
@@ -12,7 +12,7 @@
 
 extern "C" {
 // Hands out one bit of the comparison's outcome; a PostTestFn. The first call of the run compares. Devices 0 to 3 are
-// table rows 0 to 3, devices 5 and 6 rows 4 and 5; device 4 stands for none.
+// table rows 0 to 3, devices 5 and 6 rows 4 and 5; device 4 has no row.
 // Returns 0, or the device's bit.
 uint32_t dorvan_pcie_test(uint32_t reserved, uint32_t *result, uint32_t device, uint32_t *scratch);
 

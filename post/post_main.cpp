@@ -64,7 +64,7 @@ void test_row(const PostTestEntry &row, post_run *run) {
 
 }  // namespace
 
-// Runs the POST. Returns 0 whatever the verdict, which is the last line but one of the output.
+// Runs the POST. Always returns 0; the verdict is the second last line of the output.
 int main(int argc, char **argv) {
   read_flag({argv, static_cast<size_t>(argc)});
   puts("Starting system POST.....");

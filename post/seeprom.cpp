@@ -6,8 +6,8 @@
 #include "platform/mfgd/cmn_lib/diag_util/owner.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_dev.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_verify.h"
+#include "post/dorvan/pfm_card.h"
 #include "post/dorvan/sprom_dorvan.h"
-#include "post/pfm_card.h"
 
 namespace {
 

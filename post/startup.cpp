@@ -8,9 +8,10 @@
 #include "platform/mfgd/cmn_lib/diag_util/libinit.h"
 #include "platform/mfgd/cmn_lib/hw_acc/nvram/nvram_acc_velto.h"
 #include "platform/mfgd/cmn_lib/hw_acc/obfl/obfl_acc.h"
+#include "post/ignored_signals.h"
 
-// A closed standard descriptor would become that of the next file opened, /dev/mem first of all, and messages would be
-// written there.
+// The next file opened, /dev/mem to begin with, would get the number of a closed standard descriptor, and messages
+// would be written to it.
 static void fill_standard_descriptors() {
   pollfd standard[] = {{STDIN_FILENO, 0, 0}, {STDOUT_FILENO, 0, 0}, {STDERR_FILENO, 0, 0}};
   if (poll(standard, 3, 0) <= 0) return;
@@ -21,8 +22,8 @@ static void fill_standard_descriptors() {
 
 [[gnu::constructor]] static void post_startup() {
   fill_standard_descriptors();
-  // A reader of the output who goes away must not end a run that has memories to restore and records to write.
-  (void)signal(SIGPIPE, SIG_IGN);
+  for (const int number : ignored_signals)
+    (void)signal(number, SIG_IGN);
   // A pipe or a file gets each line when a terminal would.
   (void)setvbuf(stdout, nullptr, _IOLBF, 0);
   libinit();

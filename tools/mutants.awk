@@ -1,5 +1,5 @@
 # Lists what tools/mutate can change in a C++ source, a line each: LINE COLUMN LENGTH NEW, for one operator or constant.
-# Left alone: comments, texts, the preprocessor's lines, static assertions, and what is no operator between blanks, as
+# Not changed: comments, texts, the preprocessor's lines, static assertions, and what is no operator between blanks, as
 # the formatter lays them out (so that templates, pointers and references are not taken for one).
 BEGIN {
   split("== != != == < <= <= < > >= >= > && || || && + - - + * / / * % / << >> >> << & | | & ^ |", pairs, " ")

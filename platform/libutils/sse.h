@@ -41,7 +41,7 @@ struct sse_req_t {
 };
 
 // Makes the I2C transaction that *req describes, with the device that sse_route named or else the one that the
-// identity (dev_type, unit, instance) stands for.
+// identity (dev_type, unit, instance) means.
 //   op   SSE_OP_I2C_READ or SSE_OP_I2C_WRITE
 // A read of a PCA8575 sends no command byte, as the device has no registers. A write to an EEPROM that was routed as
 // one with a single address byte leaves out the command byte, the high byte of the address. An EEPROM that does not
@@ -55,11 +55,11 @@ struct sse_req_t {
 //          <  0         the bus device's error, a negative errno value; -ENXIO if the device does not answer
 [[nodiscard]] int32_t sse_call(uint32_t op, sse_req_t *req);
 
-// Names the device of the next sse_call, and of that one only, in place of its identity's. Only this system's own
-// service has this operation; a caller declares it weak and does without where it is missing.
+// Names the device of the next sse_call, and of that one only; the request's identity then does not matter. Only this
+// system's own service has this operation; a caller declares it weak and does without where it is missing.
 //   path      bus device, such as "/dev/i2c-1", 1 to 35 characters, copied; null goes back to the identity
 //   addr      7-bit I2C address
-//   addr_len  bytes of the device's internal address: 1 for an EEPROM of up to 256 bytes; any other number stands for
+//   addr_len  bytes of the device's internal address: 1 for an EEPROM of up to 256 bytes; any other number means
 //             2, which is what requests to EEPROMs carry
 void sse_route(const char *path, uint32_t addr, uint32_t addr_len);
 }

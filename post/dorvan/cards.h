@@ -1,6 +1,7 @@
-// cards.h: the supervisor cards of the dorvan family, with all that tests and tools have to know of each.
+// cards.h: the supervisor cards of the dorvan family, with everything that tests and tools need to know about each.
 #pragma once
 
+#include <stddef.h>
 #include <stdint.h>
 
 #include <algorithm>
@@ -9,10 +10,10 @@
 #include "post/dorvan/pcie_tbl.h"
 
 struct dorvan_card_t {
-  uint16_t card_index;                           // as the SPROM kernel driver tells it
+  uint16_t card_index;                           // as the SPROM kernel driver returns it
   uint32_t platform_type;                        // of its SPROMs
   uint32_t nvram_instances;                      // tested ones, from instance 0 on
-  std::span<const int> untested_ports;           // n stands for eth<n>
+  std::span<const int> untested_ports;           // n means eth<n>
   std::span<const pci_dev_tbl_entry> pci_p0;     // with hardware change bits 0: before revision P1
   std::span<const pci_dev_tbl_entry> pci_p1;     // with 1 or 2: revision P1
   std::span<const pci_dev_tbl_entry> pci_later;  // with others; none: nothing is compared
@@ -48,4 +49,10 @@ static_assert(std::ranges::adjacent_find(dorvan_cards, std::ranges::greater_equa
                                                                                 uint64_t change_bits) {
   if (change_bits == 0) return card.pci_p0;
   return change_bits <= 2 ? card.pci_p1 : card.pci_later;
+}
+
+// The device of the PCIe test that fails with a row of these functions; the test has devices 0 to 6. None fails
+// device 4.
+[[nodiscard]] constexpr uint32_t dorvan_pci_device(size_t row) {
+  return static_cast<uint32_t>((row < 4 ? row : row + 1) % 32);
 }

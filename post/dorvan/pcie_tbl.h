@@ -15,7 +15,7 @@ struct pci_dev_tbl_entry {
   char description[100];
 };
 
-// Which cards they belong to stands in cards.h.
+// cards.h says which cards they belong to.
 extern const std::array<pci_dev_tbl_entry, 15> pci_dev_tbl_dorvan_a;
 extern const std::array<pci_dev_tbl_entry, 20> pci_dev_tbl_dorvan_b;
 extern const std::array<pci_dev_tbl_entry, 20> pci_dev_tbl_dorvan_b_p1;

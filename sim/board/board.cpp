@@ -3,21 +3,23 @@
 #include <linux/i2c-dev.h>
 
 #include <algorithm>
+#include <cassert>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <vector>
 
-#include "sim/board/fault_counts.h"
+#include "faults/text.h"
+#include "sim/base/fault_counts.h"
+#include "sim/base/files.h"
+#include "sim/base/real.h"
+#include "sim/board/cpuinfo.h"
+#include "sim/board/devmem.h"
 #include "sim/board/i2c_board.h"
-#include "sim/bus/devmem.h"
+#include "sim/board/pci_list.h"
 #include "sim/bus/trace.h"
 #include "sim/devices/flash.h"
-#include "sim/devices/pci_list.h"
 #include "sim/devices/sprom_driver.h"
-#include "sim/host/cpuinfo.h"
-#include "sim/host/files.h"
-#include "sim/host/real.h"
 
 namespace sim {
 
@@ -31,7 +33,7 @@ uint64_t rate_in_khz() {
   return measured;
 }
 
-// A file that stands for a device.
+// A file that represents a device.
 struct device_file {
   dev_t file_system;
   ino_t inode;
@@ -86,11 +88,11 @@ constexpr size_t longest_message = 8192;  // of read() and write(), as in i2c-de
 
 const fault *smbus_only(const options &opts, uint32_t bus) {
   for (const auto &f : opts.faults)
-    if (f.id == fault_id::i2c_smbus_only && f.get("bus", bus) == bus) return &f;
+    if (f.id == fault_id::i2c_smbus_only && f.get(parm::bus, bus) == bus) return &f;
   return nullptr;
 }
 
-// What a descriptor stands for, or null.
+// The device of a descriptor, or null.
 const device_file *device_of(int fd) {
   const keep_errno kept;
   struct stat st {};
@@ -113,23 +115,51 @@ int i2c_ioctl(int fd, uint32_t number, unsigned long request, void *arg) {
   return result;
 }
 
-// Audited is what healthy memories keep.
-std::string audit_check(const options &opts) {
-  const auto spoils = [](const fault &f) {
-    return f.row().part == fault_part::nvram || f.row().part == fault_part::flash;
-  };
-  const auto found = std::ranges::find_if(opts.faults, spoils);
-  if (opts.cut_audit.empty() || found == opts.faults.end()) return "";
-  return "fault '" + found->text + "': '--cut-audit' needs healthy memories";
+bool is_met(fault_need need, const options &opts, const fault &f, const char **lack) {
+  for (const auto rows : {pci_needs(), i2c_needs(), flash_needs()}) {
+    const auto row = std::ranges::find(rows, need, &need_row::need);
+    if (row == rows.end()) continue;
+    *lack = row->lack;
+    return row->is_met(opts, f);
+  }
+  assert(false && "every need has a row");
+  return false;
+}
+
+// Why the board cannot have the fault, "" if it can.
+std::string check_fault(const options &opts, const fault &f) {
+  // Audited is what healthy memories keep.
+  const bool in_memory = f.row().part == fault_part::nvram || f.row().part == fault_part::flash;
+  if (!opts.cut_audit.empty() && in_memory) return "'--cut-audit' needs healthy memories";
+  const char *lack = "";
+  for (const auto need : f.row().needs())
+    if (!is_met(need, opts, f, &lack)) return lack;
+  return "";
+}
+
+// Shorter waits leave less real time to a busy device.
+std::string waits_check(const options &opts) {
+  if (!opts.short_waits || opts.busy == busy::polls) return "";
+  return "'--waits short' needs busy times that are counted in polls";
+}
+
+// Of the row that ends.
+void write_occasions(const std::string &row) {
+  if (running == nullptr || running->opts.occasions.empty()) return;
+  const auto lines = occasions_report(running->opts, row);
+  const file to{sys::open(running->opts.occasions.c_str(), O_WRONLY | O_APPEND | O_CLOEXEC)};
+  if (to.is_open() && sys::write(to.fd(), lines.data(), lines.size()) == static_cast<ssize_t>(lines.size())) return;
+  (void)std::fprintf(stderr, "board-sim: %s\n", os_error(running->opts.occasions).c_str());
 }
 
 }  // namespace
 
 std::string board_check(const options &opts) {
-  auto wrong = pci_check(opts);
-  if (wrong.empty()) wrong = audit_check(opts);
-  if (wrong.empty()) wrong = flash_check(opts);
-  return wrong.empty() ? i2c_board::check(opts) : wrong;
+  for (const auto &f : opts.faults) {
+    const auto wrong = check_fault(opts, f);
+    if (!wrong.empty()) return "fault " + quoted(f.text) + ": " + wrong;
+  }
+  return waits_check(opts);
 }
 
 bool board_start(const options &opts, std::string *error) {
@@ -151,7 +181,13 @@ void board_stop() {
   running = nullptr;
 }
 
+void board_program_prints(std::string_view text) {
+  write_occasions(row_now());
+  program_prints(text);
+}
+
 void board_program_ends() {
+  write_occasions(row_now());
   if (running != nullptr) running->memory.write_audit();
 }
 
@@ -160,7 +196,7 @@ const options *board_options() {
 }
 
 int device_open(const redirection &to, int flags) {
-  // Whatever the C library writes past the board has to fail.
+  // Writes of the C library that bypass the board must fail.
   return sys::open(to.path.c_str(), O_RDONLY | (flags & O_CLOEXEC));
 }
 
@@ -191,6 +227,10 @@ std::optional<void *> device_mmap(size_t length, int prot, int flags, int fd, ui
 
 bool device_munmap(void *addr, size_t length) {
   return running != nullptr && running->memory.unmap(addr, length);
+}
+
+void device_mapped_over(const void *addr, size_t length) {
+  if (running != nullptr) running->memory.mapped_over(addr, length);
 }
 
 std::optional<int> device_iopl(int level) {

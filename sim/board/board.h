@@ -7,32 +7,34 @@
 #include <optional>
 #include <string>
 
-#include "sim/board/options.h"
-#include "sim/host/paths.h"
+#include "sim/base/options.h"
+#include "sim/board/paths.h"
 
 namespace sim {
 
-// Tells why the board that `opts` asks for cannot be built: "" if it can. Looks at the options alone.
+// Returns why the board of `opts` cannot be built: "" if it can. Checks only the options.
 std::string board_check(const options &opts);
 
 // Builds the board that `opts` asks for: the state directory's files, the device models, the redirections. From then
-// on the interposed C library entry points of this process meet it. Returns false and says why in *error when the state
+// on the interposed C library functions of this process use it. Returns false and says why in *error when the state
 // directory cannot be used. The rest of the board is as after power-on.
 bool board_start(const options &opts, std::string *error);
 
-// Takes the board away; the state directory stays. The C library's entry points are plain again.
+// Removes the board; the state directory stays. The C library's functions are plain again.
 void board_stop();
 
-// The program ends as it wants: writes what is known only then. Errors go to standard error.
+// The program prints a text that begins a row.
+void board_program_prints(std::string_view text);
+// The program ends normally: writes the reports that are known only then. Errors go to standard error.
 void board_program_ends();
 
 // The running board's options, or null.
 const options *board_options();
 
-// What the interposed entry points ask. Each is "not mine" (nothing, false) while no board runs.
+// The questions of the interposed functions. The answer is "not mine" (nothing, false) while no board runs.
 
-// Opens a device: a descriptor that stands for it, or -1 with errno set. It is one of the file that stands for the
-// device, so that copies of it, in programs that inherit it too, stand for the device as well. The address that
+// Opens a device: returns a descriptor for it, or -1 with errno set. It is a descriptor of the file that represents the
+// device, so copies of it mean the device as well, also in programs that inherit it. The address that
 // I2C_SLAVE chose is the file's offset, which copies share.
 int device_open(const redirection &to, int flags);
 
@@ -43,6 +45,9 @@ std::optional<void *> device_mmap(size_t length, int prot, int flags, int fd, ui
 
 // munmap() of such a mapping or a part of it.
 [[nodiscard]] bool device_munmap(void *addr, size_t length);
+
+// Forgets such mappings in the range, which was unmapped or mapped over.
+void device_mapped_over(const void *addr, size_t length);
 
 std::optional<int> device_iopl(int level);
 

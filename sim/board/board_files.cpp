@@ -4,18 +4,18 @@
 #include <climits>
 #include <vector>
 
+#include "sim/base/files.h"
+#include "sim/base/real.h"
+#include "sim/board/cpuinfo.h"
 #include "sim/board/i2c_board.h"
-#include "sim/devices/pci_list.h"
-#include "sim/host/cpuinfo.h"
-#include "sim/host/files.h"
-#include "sim/host/paths.h"
-#include "sim/host/real.h"
+#include "sim/board/paths.h"
+#include "sim/board/pci_list.h"
 
 namespace sim {
 
 namespace {
 
-constexpr std::array directories{"/post", "/var/lock", "/proc/bus/pci", "/dev", "/bin"};
+constexpr std::array directories{"/post", "/var/lock", "/var/lib", "/proc/bus/pci", "/dev", "/bin"};
 // Commands that the board's shell finds, besides ethtool.
 constexpr std::array commands{"cat", "cp", "grep", "head", "ls", "mkdir", "mv", "rm", "sleep", "touch"};
 
@@ -35,7 +35,7 @@ bool make_empty(const std::string &path, std::string *error) {
   return made.is_open();
 }
 
-// The launcher stands beside the program that holds this code, or beside its library directory.
+// The launcher is in the directory of the program that has this code, or in bin/ beside the library's directory.
 std::string launcher_path() {
   const auto own = own_directory();
   auto beside = own + "/board-sim";

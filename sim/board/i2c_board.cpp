@@ -63,24 +63,36 @@ constexpr std::array image_rows{std::to_array<image_row>({
     {on_both,   nullptr, SPROM_TYPE_DIMM, 0,  0x5E, 0,      protect::nothing,   "DIMM-2G",      ""},
     {on_both,   nullptr, SPROM_TYPE_DIMM, 0,  0x55, 0,      protect::nothing,   "DIMM-2G",      ""},
 })};
+// clang-format on
 
-enum class chip { pca9539, pca8575 };
+using files = std::vector<std::unique_ptr<backing_file>>;
 
-struct expander_row {
+enum class device_kind { expander, other };
+
+// A device other than an EEPROM.
+struct device_row {
+  // A new device; null if the state directory cannot be used, with the reason in *error.
+  using maker = std::unique_ptr<i2c_device>(const device_row &row, const options &opts, files *in, std::string *error);
+
   unsigned families;
-  sim::chip chip;
   uint32_t bus;
   uint8_t addr;
-  unsigned straps;  // lowest of the two pins with the board's identification straps, 16 for none
+  device_kind kind;
+  maker *make;
+  unsigned straps = 16;  // of an expander: lowest of the two pins with the board's identification straps, 16 for none
 };
 
-constexpr std::array expander_rows{std::to_array<expander_row>({
-    // families chip           bus addr  straps
-    {on_both,   chip::pca9539, 8,  0x76, 6},
-    {on_both,   chip::pca8575, 8,  0x26, 14},
-    {on_both,   chip::pca9539, 7,  0x75, 16},
-    {on_pellin, chip::pca9539, 23, 0x75, 16},
-    {on_pellin, chip::pca9539, 20, 0x76, 16},
+device_row::maker make_pca8575;
+device_row::maker make_pca9539;
+
+// clang-format off
+constexpr std::array device_rows{std::to_array<device_row>({
+    // families bus addr  kind                   maker         straps
+    {on_both,   8,  0x76, device_kind::expander, make_pca9539, 6},
+    {on_both,   8,  0x26, device_kind::expander, make_pca8575, 14},
+    {on_both,   7,  0x75, device_kind::expander, make_pca9539},
+    {on_pellin, 23, 0x75, device_kind::expander, make_pca9539},
+    {on_pellin, 20, 0x76, device_kind::expander, make_pca9539},
 })};
 // clang-format on
 
@@ -120,18 +132,18 @@ uint64_t straps_of(family family) {
   return family == family::tosk ? 2 : 0;
 }
 
-expander_pins pins_of(const expander_row &row, const options &opts) {
+expander_pins pins_of(const device_row &row, const options &opts) {
   expander_pins pins;
   if (row.straps < 16) {
     const auto mask = static_cast<uint16_t>(3u << row.straps);
     pins.level = static_cast<uint16_t>((pins.level & ~mask) | straps_of(opts.family) << row.straps);
     if (const auto *const f = opts.find(fault_id::straps))
-      pins.outside.push_back({f, mask, static_cast<uint16_t>(f->get("value") << row.straps)});
+      pins.outside.push_back({f, mask, static_cast<uint16_t>(f->get(parm::value) << row.straps)});
   }
   for (const auto &f : opts.faults) {
     if (f.id != fault_id::pin_stuck || !f.is_at(row.bus, row.addr)) continue;
-    const auto pin = static_cast<uint16_t>(1u << f.get("pin"));
-    pins.stuck.push_back({&f, pin, f.get("level") != 0 ? pin : uint16_t{0}});
+    const auto pin = static_cast<uint16_t>(1u << f.get(parm::pin));
+    pins.stuck.push_back({&f, pin, f.get(parm::level) != 0 ? pin : uint16_t{0}});
   }
   return pins;
 }
@@ -160,15 +172,15 @@ std::function<bool()> protection(const image_row &row, const options &opts, cons
 std::vector<eeprom::setup::corruption> corruptions(const options &opts, uint32_t bus, uint8_t addr) {
   std::vector<eeprom::setup::corruption> list;
   for (const auto &f : opts.faults) {
-    const auto bits = static_cast<uint8_t>(f.get("xor"));
+    const auto bits = static_cast<uint8_t>(f.find(parm::invert).value_or(0));
     if (f.id == fault_id::eeprom_corrupt && f.is_at(bus, addr))
-      list.push_back({static_cast<uint16_t>(f.get("offset")), bits, &f});
+      list.push_back({static_cast<uint16_t>(f.get(parm::offset)), bits, &f});
     if (f.id != fault_id::sprom_corrupt) continue;
     for (const auto &row : present(image_rows, opts)) {
       if (row.bus != bus || row.addr != addr || row.name == nullptr) continue;
-      if (row.name != f.word("image")) continue;
-      if (const auto *const block = image_block_of(row.kind, f.word("block")))
-        list.push_back({static_cast<uint16_t>(row.base + block->offset + f.get("offset")), bits, &f});
+      if (row.name != f.word(parm::image)) continue;
+      if (const auto *const block = image_block_of(row.kind, f.word(parm::block)))
+        list.push_back({static_cast<uint16_t>(row.base + block->offset + f.get(parm::offset)), bits, &f});
     }
   }
   return list;
@@ -181,7 +193,7 @@ eeprom::setup setup_of(const image_row &row, const options &opts, const io_port 
   with.busy = opts.busy;
   if (const auto *const f = device_fault(opts, fault_id::eeprom_busy, row.bus, row.addr)) {
     with.busy = busy::polls;
-    with.busy_polls = f->get("polls");
+    with.busy_polls = f->get(parm::polls);
     with.busy_forever = with.busy_polls == 0;
     with.slow = f;
   }
@@ -190,7 +202,7 @@ eeprom::setup setup_of(const image_row &row, const options &opts, const io_port 
   with.corrupt = corruptions(opts, row.bus, row.addr);
   for (const auto id : {fault_id::eeprom_power_cut, fault_id::eeprom_dies})
     if (const auto *const f = device_fault(opts, id, row.bus, row.addr))
-      with.cut = {f, f->get("nth"), static_cast<uint8_t>(f->get("torn")), id == fault_id::eeprom_power_cut};
+      with.cut = {f, f->get(parm::nth), static_cast<uint8_t>(f->get(parm::torn)), id == fault_id::eeprom_power_cut};
   return with;
 }
 
@@ -212,8 +224,6 @@ std::string chip_path(const options &opts, const char *kind, uint32_t bus, uint8
   return opts.state + name;
 }
 
-using files = std::vector<std::unique_ptr<backing_file>>;
-
 // Memory in a file that starts as `initial`; none if the state directory cannot be used, with the reason in *error.
 std::span<uint8_t> kept(files *in, const std::string &path, std::span<const uint8_t> initial, std::string *error) {
   auto &file = *in->emplace_back(std::make_unique<backing_file>());
@@ -229,9 +239,20 @@ bool keep_port(io_port *port, const options &opts, files *in, std::string *error
   return true;
 }
 
-// A new expander; null if the state directory cannot be used.
-std::unique_ptr<expander> make_expander(const expander_row &row, const options &opts, files *in, std::string *error) {
-  if (row.chip == chip::pca8575) return std::make_unique<pca8575>(pins_of(row, opts));
+// Gives the chip the counter that all programs of the board move.
+bool keep_counter(eeprom *chip, const image_row &row, const options &opts, files *in, std::string *error) {
+  constexpr std::array<uint8_t, sizeof(uint32_t)> initial{};
+  const auto counter = kept(in, chip_path(opts, "counter", row.bus, row.addr), initial, error);
+  if (counter.empty()) return false;
+  chip->keep(reinterpret_cast<uint32_t *>(counter.data()));  // at the start of a page
+  return true;
+}
+
+std::unique_ptr<i2c_device> make_pca8575(const device_row &row, const options &opts, files *, std::string *) {
+  return std::make_unique<pca8575>(pins_of(row, opts));
+}
+
+std::unique_ptr<i2c_device> make_pca9539(const device_row &row, const options &opts, files *in, std::string *error) {
   const auto registers = kept(in, chip_path(opts, "expander", row.bus, row.addr), pca9539::power_on, error);
   if (registers.empty()) return nullptr;
   auto made = std::make_unique<pca9539>(pins_of(row, opts));
@@ -239,46 +260,79 @@ std::unique_ptr<expander> make_expander(const expander_row &row, const options &
   return made;
 }
 
-// What stands at the place that a fault names: the size of an EEPROM, or an expander.
-struct named_device {
-  size_t eeprom_size = 0;
-  bool is_expander = false;
-};
-named_device device_of(const options &opts, const fault &f) {
-  named_device device;
-  for (const auto &row : present(image_rows, opts))
-    if (f.is_at(row.bus, row.addr)) device.eeprom_size = chip_of(row).size;
-  for (const auto &row : present(expander_rows, opts))
-    if (f.is_at(row.bus, row.addr)) device.is_expander = true;
-  return device;
+// The chip that a fault names by bus and address, or null.
+template <typename T, size_t N>
+const T *row_at(const std::array<T, N> &rows, const options &opts, const fault &f) {
+  const auto *const found =
+      std::ranges::find_if(rows, [&](const T &row) { return has(row.families, opts) && f.is_at(row.bus, row.addr); });
+  return found == rows.end() ? nullptr : found;
 }
 
-// Whether the board has what the fault is about: "" or what it lacks.
-std::string check_fault(const options &opts, const fault &f) {
-  const auto device = device_of(opts, f);
-  const bool is_eeprom = device.eeprom_size != 0;
-  if (f.has("addr") && !is_eeprom && !device.is_expander) return "the board has no such I2C device";
-  if (f.has("addr") && f.row().part == fault_part::eeprom && !is_eeprom) return "the device is no EEPROM";
-  if (f.id == fault_id::eeprom_corrupt && f.get("offset") >= device.eeprom_size)
-    return "the EEPROM ends before this offset";
-  if (f.id == fault_id::pin_stuck && !device.is_expander) return "the device is no I/O expander";
-  if (f.row().part == fault_part::i2c && f.has("bus")) {
-    options healthy = opts;
-    healthy.faults.clear();
-    const auto numbers = i2c_bus_numbers(healthy);
-    if (std::ranges::find(numbers, f.get("bus")) == numbers.end()) return "the board has no such I2C bus";
-  }
-  if (f.id == fault_id::straps && opts.family == family::dorvan) return "the board has no straps";
-  if (f.id == fault_id::straps && f.get("value") == straps_of(opts.family)) return "the straps have this value anyway";
-  if (f.id != fault_id::sprom_corrupt) return "";
-  for (const auto &row : present(image_rows, opts)) {
-    if (row.name == nullptr || row.name != f.word("image")) continue;
-    const auto *const block = image_block_of(row.kind, f.word("block"));
-    if (block == nullptr) return "the image has no such block";
-    return f.get("offset") < block->length ? "" : "the block ends before this offset";
-  }
-  return "the board has no such SPROM";
+bool has_bus(const options &opts, const fault &f) {
+  options healthy = opts;
+  healthy.faults.clear();
+  const auto numbers = i2c_bus_numbers(healthy);
+  return !f.has(parm::bus) || std::ranges::find(numbers, f.get(parm::bus)) != numbers.end();
 }
+
+bool has_eeprom(const options &opts, const fault &f) {
+  return row_at(image_rows, opts, f) != nullptr;
+}
+
+bool has_byte(const options &opts, const fault &f) {
+  return f.get(parm::offset) < chip_of(*row_at(image_rows, opts, f)).size;
+}
+
+bool has_expander(const options &opts, const fault &f) {
+  const auto *const row = row_at(device_rows, opts, f);
+  return row != nullptr && row->kind == device_kind::expander;
+}
+
+bool has_device(const options &opts, const fault &f) {
+  return has_eeprom(opts, f) || row_at(device_rows, opts, f) != nullptr;
+}
+
+bool has_straps(const options &opts, const fault &) {
+  return std::ranges::any_of(device_rows, [&](const auto &row) { return has(row.families, opts) && row.straps < 16; });
+}
+
+bool has_other_straps(const options &opts, const fault &f) {
+  return f.get(parm::value) != straps_of(opts.family);
+}
+
+const image_row *image_of(const options &opts, const fault &f) {
+  const auto *const found = std::ranges::find_if(image_rows, [&](const image_row &row) {
+    return has(row.families, opts) && row.name != nullptr && row.name == f.word(parm::image);
+  });
+  return found == image_rows.end() ? nullptr : found;
+}
+
+bool has_image(const options &opts, const fault &f) {
+  return image_of(opts, f) != nullptr;
+}
+
+bool has_block(const options &opts, const fault &f) {
+  return image_block_of(image_of(opts, f)->kind, f.word(parm::block)) != nullptr;
+}
+
+bool has_block_byte(const options &opts, const fault &f) {
+  return f.get(parm::offset) < image_block_of(image_of(opts, f)->kind, f.word(parm::block))->length;
+}
+
+// clang-format off
+constexpr std::array i2c_need_rows{std::to_array<need_row>({
+    {fault_need::i2c_bus,      has_bus,          "the board has no such I2C bus"},
+    {fault_need::i2c_device,   has_device,       "the board has no such I2C device"},
+    {fault_need::eeprom,       has_eeprom,       "the device is no EEPROM"},
+    {fault_need::eeprom_byte,  has_byte,         "the EEPROM ends before this offset"},
+    {fault_need::expander,     has_expander,     "the device is no I/O expander"},
+    {fault_need::straps,       has_straps,       "the board has no straps"},
+    {fault_need::other_straps, has_other_straps, "the straps have this value anyway"},
+    {fault_need::sprom,        has_image,        "the board has no such SPROM"},
+    {fault_need::sprom_block,  has_block,        "the image has no such block"},
+    {fault_need::block_byte,   has_block_byte,   "the block ends before this offset"},
+})};
+// clang-format on
 
 }  // namespace
 
@@ -286,43 +340,45 @@ std::vector<uint32_t> i2c_bus_numbers(const options &opts) {
   std::vector<uint32_t> numbers;
   for (const auto &row : present(image_rows, opts))
     numbers.push_back(row.bus);
-  for (const auto &row : present(expander_rows, opts))
+  for (const auto &row : present(device_rows, opts))
     numbers.push_back(row.bus);
   std::ranges::sort(numbers);
   numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
   for (const auto &f : opts.faults)
-    if (f.id == fault_id::i2c_bus_absent) std::erase(numbers, f.get("bus"));
+    if (f.id == fault_id::i2c_bus_absent) std::erase(numbers, f.get(parm::bus));
   return numbers;
 }
 
-std::string i2c_board::check(const options &opts) {
-  for (const auto &f : opts.faults) {
-    const auto lacks = check_fault(opts, f);
-    if (!lacks.empty()) return "fault '" + f.text + "': " + lacks;
-  }
-  return "";
+std::span<const need_row> i2c_needs() {
+  return i2c_need_rows;
 }
 
 std::unique_ptr<i2c_board> i2c_board::make(const options &opts, io_port &port, std::string *error) {
   auto board = std::make_unique<i2c_board>();
   if (!keep_port(&port, opts, &board->m_files, error)) return nullptr;
-  for (const auto number : i2c_bus_numbers(opts))
-    board->m_buses.push_back(std::make_unique<i2c_bus>(number, opts));
+  for (const auto number : i2c_bus_numbers(opts)) {
+    const auto device = opts.state + "/dev/i2c-" + std::to_string(number);
+    auto &bus = board->m_buses.emplace_back(std::make_unique<i2c_bus>(number, opts));
+    bus->take_turns_by(file(sys::keep(sys::open(device.c_str(), O_RDWR | O_CLOEXEC))));
+  }
 
   std::vector<placed_expander> expanders;
-  for (const auto &row : present(expander_rows, opts)) {
+  for (const auto &row : present(device_rows, opts)) {
     auto *const bus = board->bus(row.bus);
     if (bus == nullptr) continue;
-    auto made = make_expander(row, opts, &board->m_files, error);
+    auto made = row.make(row, opts, &board->m_files, error);
     if (made == nullptr) return nullptr;
-    expanders.push_back({row.bus, row.addr, made.get()});
+    if (row.kind == device_kind::expander)
+      expanders.push_back({row.bus, row.addr, static_cast<const expander *>(made.get())});
     bus->add(row.addr, std::move(made));
   }
   for (const auto &row : present(image_rows, opts)) {
     auto *const bus = board->bus(row.bus);
     if (bus == nullptr || bus->has(row.addr)) continue;
     auto made = std::make_unique<eeprom>(setup_of(row, opts, port, expanders));
-    if (!made->open(chip_path(opts, "eeprom", row.bus, row.addr), contents_of(row, opts), error)) return nullptr;
+    if (!made->open(chip_path(opts, "eeprom", row.bus, row.addr), contents_of(row, opts), error) ||
+        !keep_counter(made.get(), row, opts, &board->m_files, error))
+      return nullptr;
     bus->add(row.addr, std::move(made));
   }
   return board;

@@ -74,7 +74,7 @@ void put_block(std::span<uint8_t> block, const sprom_block_t &row) {
   put_number(block.subspan(SPROM_BLK_CHECKSUM, 2), sum);
 }
 
-// The first bytes of a memory module's presence-detect data: 256 bytes, of which 128 are in use.
+// The first bytes of a memory module's presence-detect data: 256 bytes, 128 of them in use.
 image make_dimm(const identity &id) {
   image data(256);
   constexpr std::array<uint8_t, 12> first{0x80, 0x08, 0x08, 0x0E, 0x0A, 0x61, 0x48, 0x00, 0x05, 0x30, 0x45, 0x02};

@@ -12,7 +12,7 @@ namespace sim {
 // The block of an image kind (SPROM_TYPE_*) whose label ends in this word, or null. DIMMs have none.
 const sprom_block_t *image_block_of(uint32_t kind, std::string_view word);
 
-// What an image says of its unit.
+// The data of a unit in its image.
 struct identity {
   std::string_view product;  // at most 20 characters
   std::string_view serial;   // at most 20 characters

@@ -10,11 +10,11 @@ namespace {
 constexpr unsigned reg_ax = 0;
 constexpr unsigned reg_dx = 2;
 constexpr unsigned reg_sp = 4;  // in ModRM: a SIB byte follows; in SIB: no index
-constexpr unsigned reg_bp = 5;  // in ModRM and SIB without displacement: a displacement alone
+constexpr unsigned reg_bp = 5;  // in ModRM and SIB without displacement: a displacement only
 
 constexpr std::ptrdiff_t longest = 15;  // bytes of an instruction; the processor refuses more
 
-// Where the two sides of a move stand: register and memory by ModRM; a constant and memory by ModRM; the accumulator
+// Where the two operands of a move are: register and memory by ModRM; a constant and memory by ModRM; the accumulator
 // and an address, or a port, in the instruction; the accumulator and port dx.
 enum class form : uint8_t { modrm, constant, address, port, port_dx };
 enum class extension : uint8_t { none, zero, sign };
@@ -116,19 +116,12 @@ const opcode *read_opcode(reader *r) {
   return found == opcodes.end() ? nullptr : found;
 }
 
-// ModRM, SIB and displacement.
-struct modrm {
-  unsigned reg = 0;  // as it stands there
-  uint64_t address = 0;
-  bool relative = false;  // the address counts from the end of the instruction
-};
-
-// Returns false where there is no memory operand.
-bool read_modrm(reader *r, const cpu_regs &regs, modrm *m) {
+// ModRM, SIB and displacement. Puts the register's field into *reg. Returns false where there is no memory operand.
+bool read_modrm(reader *r, unsigned *reg, operand_address *to) {
   const uint8_t byte = r->byte();
   const unsigned mod = byte >> 6U;
   unsigned base = byte & 7U;
-  m->reg = byte >> 3U & 7U;
+  *reg = byte >> 3U & 7U;
   if (mod == 3) return false;
 
   const bool has_sib = base == reg_sp;
@@ -136,14 +129,22 @@ bool read_modrm(reader *r, const cpu_regs &regs, modrm *m) {
     const uint8_t sib = r->byte();
     base = sib & 7U;
     const unsigned index = (sib >> 3U & 7U) | r->rex_bit(1);
-    if (index != reg_sp) m->address += regs.gpr[index] << (sib >> 6U);
+    to->index = static_cast<uint8_t>(index);
+    to->index_factor = index == reg_sp ? uint8_t{0} : static_cast<uint8_t>(1U << (sib >> 6U));
   }
   const bool has_base = mod != 0 || base != reg_bp;
-  if (has_base) m->address += regs.gpr[base | r->rex_bit(0)];
-  if (mod == 1) m->address += r->signed_number(1);
-  if (mod == 2 || !has_base) m->address += r->signed_number(4);
-  m->relative = !has_base && !has_sib && r->size == word_size::bits64;
+  to->base = static_cast<uint8_t>(base | r->rex_bit(0));
+  to->base_factor = has_base ? 1 : 0;
+  if (mod == 1) to->displacement = r->signed_number(1);
+  if (mod == 2 || !has_base) to->displacement = r->signed_number(4);
+  to->relative = !has_base && !has_sib && r->size == word_size::bits64;
   return true;
+}
+
+uint64_t address_of(const reader &r, const operand_address &m, const cpu_regs &regs) {
+  const uint64_t from = m.relative ? regs.ip + static_cast<uint64_t>(r.at - r.start) : 0;
+  const uint64_t sum = from + m.displacement + m.base_factor * regs.gpr[m.base] + m.index_factor * regs.gpr[m.index];
+  return r.size == word_size::bits32 || m.cut ? cut(sum, 32) : sum;
 }
 
 void take_register(const reader &r, unsigned reg, insn *i) {
@@ -153,24 +154,21 @@ void take_register(const reader &r, unsigned reg, insn *i) {
 
 // The operands of an access to memory. Returns false where there is none.
 bool read_memory_form(reader *r, form sides, const cpu_regs &regs, insn *i) {
-  modrm m;
+  unsigned reg = 0;
   if (sides == form::address) {
-    m.address = r->number(r->size == word_size::bits64 && !r->address32 ? 8 : 4);
+    i->memory.displacement = r->number(r->size == word_size::bits64 && !r->address32 ? 8 : 4);
   } else {
-    if (!read_modrm(r, regs, &m)) return false;
-    take_register(*r, m.reg, i);
+    if (!read_modrm(r, &reg, &i->memory)) return false;
+    take_register(*r, reg, i);
   }
-  if (sides == form::constant) {
-    if (m.reg != 0) return false;
+  i->constant = sides == form::constant;
+  if (i->constant) {
+    if (reg != 0) return false;
     i->data = r->signed_number(std::min(i->width / 8U, 4U));
   }
-  i->address = m.address + (m.relative ? regs.ip + static_cast<uint64_t>(r->at - r->start) : 0);
-  if (r->size == word_size::bits32 || r->address32) i->address = cut(i->address, 32);
+  i->memory.cut = r->address32;
+  i->address = address_of(*r, i->memory, regs);
   return true;
-}
-
-uint64_t register_value(const insn &i, const cpu_regs &regs) {
-  return regs.gpr[i.reg] >> (i.high ? 8U : 0U);
 }
 
 }  // namespace
@@ -194,19 +192,26 @@ bool decode(const uint8_t *code, word_size size, const cpu_regs &regs, insn *out
     return false;
   }
   if (r.at - r.start > longest) return false;
-  if (op->sides != form::constant) i.data = register_value(i, regs);
-  i.data = cut(i.data, i.width);
+  i.data = stored_data(i, regs.gpr[i.reg]);
   i.length = static_cast<uint8_t>(r.at - code);
   *out = i;
   return true;
 }
 
-// A 32-bit result clears the upper half of a 64-bit register; a shorter one leaves the rest alone.
-void fill_register(const insn &i, uint64_t bus_data, cpu_regs *regs) {
+uint64_t stored_data(const insn &i, uint64_t value) {
+  return cut(i.constant ? i.data : value >> (i.high ? 8U : 0U), i.width);
+}
+
+// A 32-bit result clears the upper half of a 64-bit register; a shorter one leaves the other bits as they are.
+uint64_t loaded_register(const insn &i, uint64_t before, uint64_t bus_data) {
   const uint64_t value = i.sign ? sign_extend(bus_data, i.width) : cut(bus_data, i.width);
   const unsigned shift = i.high ? 8 : 0;
   const uint64_t kept = i.reg_width >= 32 ? 0 : ~(cut(~uint64_t{0}, i.reg_width) << shift);
-  regs->gpr[i.reg] = (regs->gpr[i.reg] & kept) | cut(value, i.reg_width) << shift;
+  return (before & kept) | cut(value, i.reg_width) << shift;
+}
+
+void fill_register(const insn &i, uint64_t bus_data, cpu_regs *regs) {
+  regs->gpr[i.reg] = loaded_register(i, regs->gpr[i.reg], bus_data);
 }
 
 }  // namespace sim

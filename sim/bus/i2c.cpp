@@ -7,9 +7,10 @@
 #include <array>
 #include <cerrno>
 #include <cstdio>
+#include <utility>
 
+#include "sim/base/real.h"
 #include "sim/bus/trace.h"
-#include "sim/host/real.h"
 
 namespace sim {
 
@@ -17,6 +18,26 @@ namespace {
 
 constexpr unsigned long smbus_functions = I2C_FUNC_SMBUS_QUICK | I2C_FUNC_SMBUS_BYTE | I2C_FUNC_SMBUS_BYTE_DATA |
                                           I2C_FUNC_SMBUS_WORD_DATA | I2C_FUNC_SMBUS_I2C_BLOCK;
+
+// A program's turn on the bus; it ends with the program, however that ends.
+class turn {
+ public:
+  explicit turn(const file &lock) : m_lock(lock) { set(F_WRLCK, F_SETLKW); }
+  ~turn() { set(F_UNLCK, F_SETLK); }
+  turn(const turn &) = delete;
+  turn &operator=(const turn &) = delete;
+
+ private:
+  void set(short type, int command) const {
+    const keep_errno kept;
+    struct flock lock {};
+    lock.l_type = type;
+    lock.l_whence = SEEK_SET;
+    while (sys::fcntl(m_lock.fd(), command, reinterpret_cast<intptr_t>(&lock)) != 0 && errno == EINTR) {
+    }
+  }
+  const file &m_lock;
+};
 
 // An SMBus transfer is a write of the command and its data, or a write of the command and a read.
 struct smbus_transfer {
@@ -74,14 +95,19 @@ void smbus_store(const i2c_smbus_ioctl_data &args, const smbus_transfer &t) {
     args.data->byte = t.in[0];
 }
 
+// As the bus log shows it.
+std::string device_name(uint32_t bus, uint8_t addr) {
+  char name[32];
+  (void)std::snprintf(name, sizeof(name), "i2c-%u:%02x", bus, addr);
+  return name;
+}
+
 }  // namespace
 
 i2c_bus::i2c_bus(uint32_t number, const options &opts) : m_number(number), m_opts(opts) {}
 
 void i2c_bus::add(uint8_t addr, std::unique_ptr<i2c_device> device) {
-  char name[32];
-  (void)std::snprintf(name, sizeof(name), "i2c-%u:%02x", m_number, addr);
-  m_slots.push_back({addr, std::move(device), name});
+  m_slots.push_back({addr, std::move(device), device_name(m_number, addr)});
 }
 
 bool i2c_bus::has(uint8_t addr) const {
@@ -99,7 +125,7 @@ int i2c_bus::injected(slot *to) {
   for (const auto &f : m_opts.faults) {
     const bool absent = f.id == fault_id::i2c_absent;
     if ((!absent && f.id != fault_id::i2c_fail) || !f.is_at(m_number, to->addr)) continue;
-    // Each counts the device's transactions, whatever another makes of them.
+    // Each fault counts the device's transactions, independently of the others.
     if (f.strikes() && error == 0) error = absent ? ENXIO : f.error();
   }
   return error;
@@ -116,32 +142,34 @@ int i2c_bus::carry(slot *to, i2c_message *message) {
   return 0;
 }
 
+// A device that is busy with itself is not reached: that is no transaction with it.
+int i2c_bus::begin(slot *to, bool reading) {
+  if (to == nullptr || !to->device->start(reading)) return ENXIO;
+  if (to->started) return 0;
+  to->started = true;
+  return injected(to);
+}
+
+void i2c_bus::report(const slot *to, const i2c_message &message, size_t place, bool failed) const {
+  constexpr std::array kinds{'w', 'r', 'W', 'R'};
+  const size_t kind = (message.reading ? 1u : 0u) + (failed ? 2u : 0u);
+  const auto seen = message.reading && failed ? std::span<uint8_t>{} : message.bytes;
+  const auto nobody = to == nullptr ? device_name(m_number, message.addr) : "";
+  bus_passed({to == nullptr ? nobody.c_str() : to->name.c_str(), kinds[kind], static_cast<unsigned>(seen.size() * 8),
+              place, 0, seen});
+}
+
 int i2c_bus::transfer(std::span<i2c_message> messages) {
-  std::vector<slot *> started;
+  const turn own(m_turns);
   int error = 0;
   for (size_t i = 0; i < messages.size() && error == 0; ++i) {
-    auto &message = messages[i];
-    auto *const to = slot_of(message.addr);
-    const bool first = std::ranges::find(started, to) == started.end();
-    error = to == nullptr ? ENXIO : 0;
-    if (error == 0 && !to->device->start(message.reading)) error = ENXIO;
-    // A device that is busy with itself was not reached: that is no transaction with it.
-    if (error == 0 && first) {
-      started.push_back(to);
-      error = injected(to);
-    }
-    if (error == 0) error = carry(to, &message);
-    if (!bus_is_watched()) continue;
-    char unknown[32];
-    (void)std::snprintf(unknown, sizeof(unknown), "i2c-%u:%02x", m_number, message.addr);
-    constexpr std::array kinds{'w', 'r', 'W', 'R'};
-    const size_t kind = (message.reading ? 1u : 0u) + (error != 0 ? 2u : 0u);
-    const auto seen = message.reading && error != 0 ? std::span<uint8_t>{} : message.bytes;
-    bus_passed(
-        {to == nullptr ? unknown : to->name.c_str(), kinds[kind], static_cast<unsigned>(seen.size() * 8), i, 0, seen});
+    auto *const to = slot_of(messages[i].addr);
+    error = begin(to, messages[i].reading);
+    if (error == 0) error = carry(to, &messages[i]);
+    if (bus_is_watched()) report(to, messages[i], i, error != 0);
   }
-  for (auto *const to : started)
-    to->device->stop();
+  for (auto &s : m_slots)
+    if (std::exchange(s.started, false)) s.device->stop();
   if (!messages.empty()) i2c_stop_passed(m_number);
   return error;
 }

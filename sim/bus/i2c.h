@@ -7,7 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "sim/board/options.h"
+#include "sim/base/options.h"
+#include "sim/base/real.h"
 
 namespace sim {
 
@@ -37,28 +38,36 @@ class i2c_bus {
  public:
   i2c_bus(uint32_t number, const options &opts);
 
+  // Programs that use the bus at the same time take turns, one transaction at a time, by a record lock on this file.
+  // Without the file they do not take turns.
+  void take_turns_by(file lock) { m_turns = std::move(lock); }
+
   [[nodiscard]] uint32_t number() const { return m_number; }
   void add(uint8_t addr, std::unique_ptr<i2c_device> device);
   [[nodiscard]] bool has(uint8_t addr) const;
 
   // Carries out one transaction. Returns 0 or an errno value: ENXIO for an address and EIO for a byte that is not
-  // acknowledged, else what the fault says.
+  // acknowledged, otherwise the errno of the fault.
   [[nodiscard]] int transfer(std::span<i2c_message> messages);
 
  private:
   struct slot {
     uint8_t addr;
     std::unique_ptr<i2c_device> device;
-    std::string name;  // in the log
+    std::string name;      // in the log
+    bool started = false;  // in this transaction
   };
 
   slot *slot_of(uint8_t addr);
+  int begin(slot *to, bool reading);
   int injected(slot *to);
   int carry(slot *to, i2c_message *message);
+  void report(const slot *to, const i2c_message &message, size_t place, bool failed) const;
 
   uint32_t m_number;
   const options &m_opts;
   std::vector<slot> m_slots;
+  file m_turns;
 };
 
 // An open bus device file: the address that I2C_SLAVE chose, and the ioctls.

@@ -11,9 +11,9 @@
 #include <mutex>
 #include <optional>
 
-#include "sim/bus/lock.h"
+#include "sim/base/lock.h"
+#include "sim/base/real.h"
 #include "sim/bus/waves.h"
-#include "sim/host/real.h"
 
 namespace sim {
 
@@ -32,7 +32,8 @@ class broken_pipe_guard {
   ~broken_pipe_guard() {
     const timespec now{};
     (void)sigtimedwait(&m_signal, nullptr, &now);
-    (void)pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
+    // By its own signal only: setting a mask gives up a hold on the signals that the C library reserves.
+    if (sigismember(&m_before, SIGPIPE) == 0) (void)pthread_sigmask(SIG_UNBLOCK, &m_signal, nullptr);
   }
 
  private:
@@ -122,11 +123,11 @@ class bus_log {
   }
 };
 
-// Behind a pointer: what a program does at its very end is still logged.
+// A pointer without destructor: accesses at the very end of a program are still logged.
 constinit bus_log *running = nullptr;
 
-// The rest of the text behind `word`, or nothing.
-std::optional<std::string_view> behind(std::string_view text, std::string_view word) {
+// The rest of the text after `word`, or nothing.
+std::optional<std::string_view> after(std::string_view text, std::string_view word) {
   const auto at = text.find(word);
   if (at == std::string_view::npos) return std::nullopt;
   return text.substr(at + word.size());
@@ -170,7 +171,7 @@ void bus_passed(const bus_cycle &cycle) {
 }
 
 void program_prints(std::string_view text) {
-  const auto name = behind(text, "Executing ");
+  const auto name = after(text, "Executing ");
   if (!name) return;
   row() = name->substr(0, name->find(':'));
   draw([](waves &to) { return to.row(row()); });

@@ -15,7 +15,7 @@ struct bus_cycle {
   unsigned width;           // bits
   uint64_t offset;          // within the device; the port; the request; a message's number in its transaction, from 0
   uint64_t data = 0;
-  std::span<const uint8_t> message{};  // in place of data; in the order on the wire
+  std::span<const uint8_t> message{};  // instead of data; in the order on the wire
 };
 
 // A cycle as the log, tests and manuals write it: "DEVICE KIND WIDTH 0xOFFSET 0xDATA". The digits of a message are in
@@ -29,24 +29,24 @@ void i2c_stop_passed(uint32_t bus);
 // The level of the flash's RY/BY# pin.
 void flash_ready_passed(bool ready);
 
-// Whether anybody looks at what passes.
+// Whether a log or a test reads the cycles.
 [[nodiscard]] bool bus_is_watched();
 
 // --- The program's rows ---------------------------------------------------------------------------------------------
 
-// Looks whether a text that the program prints begins a row: "Executing NAME: ".
+// Checks whether a text that the program prints begins a row: "Executing NAME: ".
 void program_prints(std::string_view text);
 
-// The row that the program said last it begins; "" before the first.
+// The row that the program began last; "" before the first.
 [[nodiscard]] const std::string &row_now();
 
 // --- The log: "SECONDS CYCLE", a line each, the seconds since it was opened with six decimals -----------------------
 
 // Logs at the end of a file, which is made if it does not exist, until log_close. A name that ends in ".vcd" asks for
-// waveforms in place of lines; see waves.h.
+// waveforms instead of lines; see waves.h.
 //   limit  bytes that the file may have, 0 for any number. The line that would make it larger ends the log.
 //   i2c_buses  the numbers of the board's buses
-// Where the log ends early, by its limit, a full disk or a pipe without a reader, standard error tells so.
+// If the log ends early, by its limit, a full disk or a pipe without a reader, a message on standard error says so.
 // Returns false with errno set if the file cannot be written.
 [[nodiscard]] bool log_open(const std::string &path, uint64_t limit, std::span<const uint32_t> i2c_buses);
 void log_close();

@@ -12,9 +12,9 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "sim/bus/decode.h"
-#include "sim/bus/resume.h"
-#include "sim/host/real.h"
+#include "sim/base/real.h"
+#include "sim/bus/patch.h"
+#include "sim/bus/trampoline.h"
 
 namespace sim {
 
@@ -33,8 +33,6 @@ constexpr word_size size_here = word_size::bits32;
 constexpr std::array greg_of{REG_EAX, REG_ECX, REG_EDX, REG_EBX, REG_ESP, REG_EBP, REG_ESI, REG_EDI};
 constexpr int greg_ip = REG_EIP;
 #endif
-
-constexpr size_t longest_insn = 15;
 
 uintptr_t ip_of(const ucontext_t &context) {
   return static_cast<uintptr_t>(context.uc_mcontext.gregs[greg_ip]);
@@ -82,12 +80,6 @@ __attribute__((format(printf, 1, 2))) void complain(const char *format, ...) {
   trap_die("%s: instruction at %#zx, bytes%s", why, static_cast<size_t>(ip), bytes.data());
 }
 
-// Decodes the interrupted instruction. Returns false if it is no move.
-bool decode_interrupted(const ucontext_t &context, cpu_regs *regs, insn *i) {
-  load_registers(context, regs);
-  return decode(reinterpret_cast<const uint8_t *>(regs->ip), size_here, *regs, i);
-}
-
 void step_over(const insn &i, uint64_t loaded, cpu_regs *regs, ucontext_t *context) {
   if (!i.store) fill_register(i, loaded, regs);
   regs->ip += i.length;
@@ -106,6 +98,7 @@ bool memory_access(const siginfo_t &info, ucontext_t *context) {
     die_of_instruction(ip, "an instruction that is no plain move met a device");
   const auto address = static_cast<uintptr_t>(i.address);
   if (fault - address >= i.width / 8U) die_of_instruction(ip, "fault address and operand differ");
+  if (try_patch(ip, i)) return true;
   uint64_t loaded = 0;
   const bool done = i.store ? bus->store(address, i.width, i.data) : bus->load(address, i.width, &loaded);
   if (done) step_over(i, loaded, &regs, context);
@@ -132,13 +125,17 @@ bool port_access(ucontext_t *context) {
   return true;
 }
 
-// Not ours: what would have happened without us. With the default action, the instruction faults once more.
-void pass_on(int number, siginfo_t *info, void *context) {
+// Not ours: what would have happened without us. With the default action, the instruction faults once more. The fault
+// of a patched move's copy is that of the move.
+void pass_on(int number, siginfo_t *info, ucontext_t *context) {
+  auto &ip = context->uc_mcontext.gregs[greg_ip];
+  ip = static_cast<greg_t>(patched_origin(static_cast<uintptr_t>(ip)));
   if ((previous.sa_flags & SA_SIGINFO) != 0) {
     previous.sa_sigaction(number, info, context);
   } else if (previous.sa_handler != SIG_DFL && previous.sa_handler != SIG_IGN) {
     previous.sa_handler(number);
   } else {
+    patch_undo(static_cast<uintptr_t>(ip));
     signal(number, SIG_DFL);
     if (info->si_code <= 0) (void)raise(number);  // sent by a process, not by an instruction
   }
@@ -150,9 +147,8 @@ void handle(int number, siginfo_t *info, void *parm) {
   bool done = false;
   if (bus != nullptr && info->si_code > 0)
     done = info->si_code == SI_KERNEL ? port_access(context) : memory_access(*info, context);
-  if (!done) pass_on(number, info, parm);
+  if (!done) pass_on(number, info, context);
   errno = saved_errno;
-  if (done) resume(*context, __builtin_return_address(0));
 }
 
 bool is_ours(const struct sigaction &action) {
@@ -161,8 +157,14 @@ bool is_ours(const struct sigaction &action) {
 
 }  // namespace
 
-void trap_install(cpu_bus *to) {
+bool decode_interrupted(const ucontext_t &context, cpu_regs *regs, insn *i) {
+  load_registers(context, regs);
+  return decode(code_of_move(ip_of(context)), size_here, *regs, i);
+}
+
+void trap_install(cpu_bus *to, bool may_patch) {
   bus = to;
+  patch_start(to, may_patch);
   struct sigaction now {};
   (void)sigaction(SIGSEGV, nullptr, &now);
   if (is_ours(now)) return;
@@ -179,6 +181,7 @@ void trap_install(cpu_bus *to) {
 
 void trap_remove() {
   bus = nullptr;
+  patch_start(nullptr, false);
   struct sigaction now {};
   (void)sigaction(SIGSEGV, nullptr, &now);
   if (is_ours(now)) (void)sigaction(SIGSEGV, &previous, nullptr);

@@ -12,7 +12,7 @@ namespace sim {
 namespace {
 
 // A row of the file's declarations. Each bit is a signal of its own, "a0" and so on: not every program that reads such
-// files takes numbers. Signals of which the name ends in _n are active low.
+// files takes numbers. Signals whose names end in _n are active low.
 struct signal {
   const char *id;
   unsigned width;  // 0 for a text

@@ -1,4 +1,4 @@
-// waves.h: what passes on the board's buses as waveforms, in the Value Change Dump format (IEEE 1364-2005, 18).
+// waves.h: the cycles on the board's buses as waveforms, in the Value Change Dump format (IEEE 1364-2005, 18).
 #pragma once
 
 #include <cstdint>
@@ -18,11 +18,11 @@ class waves {
   // The file's beginning: what signals there are, and their levels at rest.
   static std::string header(std::span<const uint32_t> i2c_buses);
 
-  // The next cycle; "" where it is on no bus.
+  // The next cycle; "" if it is on no bus.
   std::string cycle(const bus_cycle &cycle);
   // The master ends the transaction on this I2C bus.
   std::string i2c_stop(uint32_t bus);
-  // The flash's RY/BY# pin; "" where it has this level already.
+  // The flash's RY/BY# pin; "" if it already has this level.
   std::string flash_ready(bool ready);
   // The program begins a row.
   std::string row(std::string_view name);

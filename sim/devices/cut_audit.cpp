@@ -5,9 +5,9 @@
 #include <cinttypes>
 #include <cstdio>
 
-#include "sim/board/random.h"
+#include "faults/random.h"
+#include "models/lines.h"
 #include "sim/bus/trace.h"
-#include "sim/devices/lines.h"
 
 namespace sim {
 
@@ -39,7 +39,7 @@ cut_audit::cut_audit(std::string memory, std::span<const uint8_t> contents, uint
 // --- What differs ---------------------------------------------------------------------------------------------------
 
 uint16_t cut_audit::start_word(uint32_t offset) const {
-  return word_get({m_start.get(), m_contents.size()}, offset);
+  return models::word_get({m_start.get(), m_contents.size()}, offset);
 }
 
 void cut_audit::keep_start(uint32_t first, uint32_t length) {
@@ -53,7 +53,7 @@ void cut_audit::keep_start(uint32_t first, uint32_t length) {
 cut_audit::difference cut_audit::differs(uint32_t first, uint32_t length) const {
   difference found;
   for (uint32_t at = first; at < first + length; at += 2) {
-    const uint16_t word = word_get(m_contents, at);
+    const uint16_t word = models::word_get(m_contents, at);
     if (word == start_word(at)) continue;
     ++found.words;
     found.sum += cut_sum(at, word);
@@ -78,7 +78,7 @@ void cut_audit::tear(uint32_t first, uint32_t length) {
   m_cut.length = length;
 }
 
-void cut_audit::tears(const std::string &what, std::span<const word_write> words, uint64_t usec) {
+void cut_audit::tears(const std::string &what, std::span<const models::word_write> words, uint64_t usec) {
   tear(words.front().at, words.back().at + 2 - words.front().at);
   m_cut.at_most = m_now.words;
   for (const auto &w : words)
@@ -100,7 +100,7 @@ void cut_audit::done() {
   m_now.sum += m_cut.sum;
 }
 
-void cut_audit::write(const word_write &w) {
+void cut_audit::write(const models::word_write &w) {
   const bool goes_on = w.at == m_next;
   if (!goes_on && !m_in_pass) settle("single words");
   if (!goes_on) m_in_pass = false;
@@ -120,7 +120,7 @@ void cut_audit::settle(const std::string &what) {
   if (!m_waiting.empty()) put(what, 0);
 }
 
-// The cycles that wait belong to this phase, of which the last one keeps the chip busy.
+// The waiting cycles belong to this phase; the last of them keeps the chip busy.
 void cut_audit::put(const std::string &what, uint64_t usec) {
   const auto &row = row_now();
   if (m_phases.empty() || m_phases.back().what != what || m_phases.back().row != row) m_phases.emplace_back(row, what);

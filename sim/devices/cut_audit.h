@@ -7,12 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "sim/devices/cells.h"
+#include "models/cells.h"
 
 namespace sim {
 
-// A write cycle in which the power may fail. What the cycle begins is left half done: any bits of the words that it
-// programs or writes, any of a sector that it erases. The rest of the memory is what the cycles before made of it.
+// A write cycle in which the power may fail. The operation that it begins is left unfinished: any bits of the words
+// that it programs or writes may be done, any of a sector that it erases. Earlier cycles determine the other words.
 struct cut_point {
   uint64_t nth = 0;      // number of the cycle, as the faults count that cut the power there
   uint32_t certain = 0;  // words that differ from the start of the run, outside of what the cycle tears
@@ -22,14 +22,14 @@ struct cut_point {
   uint32_t length = 0;
 };
 
-// A word's share in a sum that tells sets of words and what they hold apart.
+// A word's share in a checksum over sets of words and their contents.
 [[nodiscard]] uint64_t cut_sum(uint32_t offset, uint16_t word);
 
 // One memory's audit: it keeps, incrementally, which of its words differ from the start of the run, and for each phase
 // of the run how many that can be at most. A phase is the longest run of cycles that do the same to the same place.
 class cut_audit {
  public:
-  // The contents at the start. They stay the caller's, who keeps them.
+  // The contents at the start. The caller owns and keeps them.
   //   block  bytes, the largest piece that a cycle tears
   //   fault  cuts the power once " nth=N" is added
   cut_audit(std::string memory, std::span<const uint8_t> contents, uint32_t block, std::string fault);
@@ -40,16 +40,16 @@ class cut_audit {
   // contents change.
   //   what  what is being done, and where
   //   usec  how long the chip is busy with it
-  void tears(const std::string &what, std::span<const word_write> words, uint64_t usec);
+  void tears(const std::string &what, std::span<const models::word_write> words, uint64_t usec);
   void tears(const std::string &what, uint32_t first, uint32_t length, uint64_t usec);
-  // What was begun last is done.
+  // The operation that was begun last is done.
   void done();
   // The cycles since the last one that tore anything began nothing.
   void settle(const std::string &what);
 
   // A write cycle to memory whose words are written at once. Before the contents change; done() follows. Many words in
   // ascending order are a phase of their own.
-  void write(const word_write &w);
+  void write(const models::word_write &w);
 
   static constexpr const char *heading =
       "memory\trow\tphase\twrites\tat risk\t% of all\tbusy ms\tat risk\t% of all\twords lost at most\tthat cut\n";
@@ -82,9 +82,9 @@ class cut_audit {
   std::vector<bool> m_kept;
   difference m_now;
   cut_point m_cut;                   // the present cycle
-  std::vector<cut_point> m_waiting;  // cycles of which it is not yet known what they begin
+  std::vector<cut_point> m_waiting;  // cycles whose operation is not known yet
   std::vector<phase> m_phases;
-  uint32_t m_next = 0;  // offset behind the last word written
+  uint32_t m_next = 0;  // offset after the last word written
   unsigned m_passes = 0;
   bool m_in_pass = false;
   uint64_t m_random = 1;

@@ -6,7 +6,7 @@
 #include <csignal>
 
 #include "platform/libutils/sse.h"
-#include "sim/host/real.h"
+#include "sim/base/real.h"
 
 namespace sim {
 
@@ -57,21 +57,22 @@ bool eeprom::start(bool reading) {
 bool eeprom::write(uint8_t byte) {
   if (m_address_bytes < m_setup.chip.address_bytes) {
     m_address = m_address << 8 | byte;
-    if (++m_address_bytes == m_setup.chip.address_bytes) m_counter = m_address;
+    if (++m_address_bytes == m_setup.chip.address_bytes) count_to(m_address);
     return true;
   }
-  const auto place = m_counter % m_setup.chip.page;
+  const auto place = counter() % m_setup.chip.page;
   m_page[place] = byte;
   m_written[place] = m_any_written = true;
-  m_counter += (place + 1) % m_setup.chip.page - place;
+  count_to(counter() - place + (place + 1) % m_setup.chip.page);
   return true;
 }
 
 uint8_t eeprom::read() {
-  uint8_t byte = m_file.bytes()[m_counter];
+  const size_t from = counter();
+  uint8_t byte = m_file.bytes()[from];
   for (const auto &cell : m_setup.corrupt)
-    if (cell.offset == m_counter && cell.cause->strikes()) byte ^= cell.bits;
-  m_counter = (m_counter + 1) % m_setup.chip.size;
+    if (cell.offset == from && cell.cause->strikes()) byte ^= cell.bits;
+  count_to(from + 1);
   return byte;
 }
 
@@ -83,18 +84,23 @@ void eeprom::stop() {
   program();
 }
 
+// The page in which the counter is.
+std::span<uint8_t> eeprom::page() const {
+  return m_file.bytes().subspan(counter() - counter() % m_setup.chip.page, m_setup.chip.page);
+}
+
 // Whether programming makes a difference.
 bool eeprom::changes() const {
-  const auto page = m_file.bytes().subspan(m_counter - m_counter % m_setup.chip.page, m_setup.chip.page);
-  for (size_t i = 0; i < page.size(); ++i)
-    if (m_written[i] && page[i] != m_page[i]) return true;
+  const auto now = page();
+  for (size_t i = 0; i < now.size(); ++i)
+    if (m_written[i] && now[i] != m_page[i]) return true;
   return false;
 }
 
 void eeprom::program() {
-  const auto page = m_file.bytes().subspan(m_counter - m_counter % m_setup.chip.page, m_setup.chip.page);
-  for (size_t i = 0; i < page.size(); ++i)
-    if (m_written[i]) program_byte(&page[i], m_page[i]);
+  const auto cells = page();
+  for (size_t i = 0; i < cells.size(); ++i)
+    if (m_written[i]) program_byte(&cells[i], m_page[i]);
   m_busy_polls = m_setup.busy_forever ? 1 : m_setup.busy_polls;
   m_usual_polls = usual_polls;
   m_busy_until = m_setup.busy_forever ? INT64_MAX : monotonic_nsec() + write_cycle_nsec;

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "sim/base/files.h"
 #include "sim/bus/i2c.h"
-#include "sim/host/files.h"
 
 namespace sim {
 
@@ -56,6 +56,8 @@ class eeprom : public i2c_device {
 
   // Contents are in this file, which starts as `initial`. Returns false and says why in *error.
   bool open(const std::string &path, std::span<const uint8_t> initial, std::string *error);
+  // From now on the address counter is this memory, with its present value: every program that uses the chip moves it.
+  void keep(uint32_t *counter) { m_counter = counter; }
 
   bool start(bool reading) override;
   bool write(uint8_t byte) override;
@@ -68,10 +70,14 @@ class eeprom : public i2c_device {
   [[nodiscard]] bool changes() const;
   void program();
   void program_byte(uint8_t *cell, uint8_t byte);
+  [[nodiscard]] size_t counter() const { return *m_counter % m_setup.chip.size; }
+  void count_to(size_t address) { *m_counter = static_cast<uint32_t>(address % m_setup.chip.size); }
+  [[nodiscard]] std::span<uint8_t> page() const;
 
   setup m_setup;
   backing_file m_file;
-  size_t m_counter = 0;
+  uint32_t m_own_counter = 0;
+  uint32_t *m_counter = &m_own_counter;
   unsigned m_address_bytes = 0;  // received since the start
   size_t m_address = 0;
   std::vector<uint8_t> m_page;  // written since the start, where they belong in the page

@@ -5,8 +5,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "sim/board/fault_counts.h"
-#include "sim/board/options.h"
+#include "sim/base/fault_counts.h"
+#include "sim/base/options.h"
 
 namespace sim {
 
@@ -42,14 +42,14 @@ int usage() {
 uint64_t result_of(const options &opts, std::string_view port, const sub_test &test, bool online) {
   if (online && !test.online) return 0;
   for (const auto &f : opts.faults)
-    if (f.id == fault_id::ethtool_fail && f.word("port") == port && f.word("test") == test.word && f.strikes())
-      return f.get("code");
+    if (f.id == fault_id::ethtool_fail && f.word(parm::port) == port && f.word(parm::test) == test.word && f.strikes())
+      return f.get(parm::code);
   return 0;
 }
 
 bool is_silent(const options &opts, std::string_view port) {
   return std::ranges::any_of(opts.faults, [&](const fault &f) {
-    return f.id == fault_id::ethtool_silent && (!f.has("port") || f.word("port") == port) && f.strikes();
+    return f.id == fault_id::ethtool_silent && (!f.has(parm::port) || f.word(parm::port) == port) && f.strikes();
   });
 }
 

@@ -6,7 +6,7 @@
 
 namespace sim {
 
-// Runs "ethtool ARGS..." on the board that the environment names. Returns the exit status.
+// Runs "ethtool ARGS..." on the board of the environment. Returns the exit status.
 int ethtool_main(std::span<const std::string> args);
 
 }  // namespace sim

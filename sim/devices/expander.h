@@ -11,7 +11,7 @@
 
 namespace sim {
 
-// What is soldered to the pins.
+// The circuit at the pins.
 struct expander_pins {
   // Pins that a fault holds.
   struct held {
@@ -27,8 +27,7 @@ struct expander_pins {
   std::vector<held> outside;  // where faults do not make it another
   std::vector<held> stuck;    // pins that do not follow
 
-  // The levels on the pins, where `driven` are those that the chip drives, to `outputs`, for someone who looks at the
-  // `seen` ones.
+  // The levels on the pins. The chip drives the pins in `driven` to `outputs`; the reader uses only the pins in `seen`.
   [[nodiscard]] uint16_t levels(uint16_t driven, uint16_t outputs, uint16_t seen) const;
 };
 
@@ -36,7 +35,7 @@ class expander : public i2c_device {
  public:
   explicit expander(expander_pins pins) : m_pins(std::move(pins)) {}
 
-  // The levels on the pins, for someone who looks at the `seen` ones.
+  // The levels on the pins. The reader uses only those in `seen`.
   [[nodiscard]] virtual uint16_t levels(uint16_t seen) const = 0;
 
  protected:
@@ -53,7 +52,7 @@ class pca9539 : public expander {
 
   using expander::expander;
   [[nodiscard]] uint16_t levels(uint16_t seen) const override;
-  // The registers stand in this memory from now on, with what that holds.
+  // From now on the registers are in this memory, with its present contents.
   void keep(std::span<uint8_t, 8> registers) { m_registers = registers.data(); }
 
   bool start(bool reading) override;

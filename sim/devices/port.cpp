@@ -3,9 +3,9 @@
 #include <cerrno>
 #include <vector>
 
+#include "sim/base/real.h"
 #include "sim/bus/trace.h"
 #include "sim/bus/trap.h"
-#include "sim/host/real.h"
 
 namespace sim {
 
@@ -25,8 +25,8 @@ io_port::io_port(const options &opts) : m_refusal(opts.find(fault_id::iopl_refus
 uint32_t io_port::pins(uint32_t seen) const {
   uint32_t now = *m_latch;
   for (const auto *const f : m_stuck) {
-    const uint32_t bit = 1U << f->get("bit");
-    const uint32_t wrong = f->get("level") != 0 ? now | bit : now & ~bit;
+    const uint32_t bit = 1U << f->get(parm::bit);
+    const uint32_t wrong = f->get(parm::level) != 0 ? now | bit : now & ~bit;
     if (((wrong ^ now) & seen) != 0 && f->strikes()) now = wrong;
   }
   return now;

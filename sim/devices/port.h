@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "sim/board/options.h"
+#include "sim/base/options.h"
 
 namespace sim {
 
@@ -22,7 +22,7 @@ class io_port {
   // iopl(): 0, or -1 with errno set.
   [[nodiscard]] int set_level(int level);
 
-  // The latch stands in this memory from now on, with what that holds.
+  // From now on the latch is in this memory, with its present value.
   void keep(uint32_t *latch) { m_latch = latch; }
 
   // Whether the process has raised its I/O privilege to level 3.
@@ -42,7 +42,7 @@ class io_port {
   const fault *m_refusal;  // of iopl; null for none
   int m_level = 0;
 
-  // The levels of the pins, for someone who looks at the `seen` ones.
+  // The levels of the pins. The reader uses only those in `seen`.
   [[nodiscard]] uint32_t pins(uint32_t seen) const;
 };
 

@@ -4,8 +4,8 @@
 #include <cstddef>
 #include <cstring>
 
+#include "sim/base/real.h"
 #include "sim/bus/trace.h"
-#include "sim/host/real.h"
 
 namespace sim {
 
@@ -36,7 +36,7 @@ bool is_well_formed(const request_record &r) {
 int sprom_driver::ioctl(unsigned long request, void *arg) {
   ++m_requests;
   const auto *const refused = m_opts.find(fault_id::sprom_refuse);
-  if (refused != nullptr && m_requests > refused->get("after") && refused->strikes()) return fail(refused->error());
+  if (refused != nullptr && m_requests > refused->get(parm::after) && refused->strikes()) return fail(refused->error());
   return answer(request, arg);
 }
 

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "sim/board/options.h"
+#include "sim/base/options.h"
 
 namespace sim {
 

@@ -1,12 +1,8 @@
 // post_output.h: what a run of POST prints and records, told by its differences from a healthy one.
 #pragma once
 
-#include <cstdio>
-#include <map>
-#include <set>
-#include <string>
-
 #include "sim/bus/layout.h"
+#include "tests/support/run.h"
 
 // Devices are keys "ID:DEVICE", with the test's id.
 struct expected_run {
@@ -33,11 +29,8 @@ inline constexpr post_row post_rows[] = {
 // What the drivers say while they map their devices, before the POST starts.
 inline std::string mapping_lines() {
   std::string text;
-  for (const size_t i : {3U, 0U, 1U, 2U}) {
-    char line[80];
-    (void)snprintf(line, sizeof line, "devmemfd:0xN\nphys->virt: 0x%x-->0xADDR\n", sim::windows[i].base);
-    text += line;
-  }
+  for (const size_t i : {3U, 0U, 1U, 2U})
+    text += format("devmemfd:0xN\nphys->virt: 0x%x-->0xADDR\n", sim::windows[i].base);
   return text;
 }
 

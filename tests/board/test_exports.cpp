@@ -1,14 +1,7 @@
 // Everything that the objects of post define stands in its dynamic symbol table under its plain name: backtraces name
 // functions from it, and programs that load post look functions and tables up in it.
-#include <gtest/gtest.h>
-
-#include <cstdio>
-#include <cstring>
 #include <iterator>
-#include <map>
 #include <memory>
-#include <regex>
-#include <sstream>
 
 #include "tests/support/run.h"
 

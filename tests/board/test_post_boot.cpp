@@ -1,9 +1,5 @@
-// What runs POST at boot, on the simulated board: its verdict, and what it keeps.
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <filesystem>
-#include <string>
+// What runs POST at boot, on the simulated board: its verdict, what it keeps and what it reports.
+#include <unistd.h>
 
 #include "tests/support/run.h"
 
@@ -13,21 +9,30 @@ namespace fs = std::filesystem;
 
 const std::string script = POST_SOURCE_DIR "/post/boot/post-boot";
 
-// Runs it with options of board-sim; `before` is a command that comes first.
-outcome boot(const fs::path &dir, const std::string &options, const std::string &before = "true") {
-  return run_shell(dir, before + "\nexport LOGS_DIRECTORY=\"$PWD/logs\"\nboard-sim --state board " + options + " -- " +
-                            shell_word(script) + " -s");
+// stand_in NAME: a command of the tests' own, its text on standard input. The journal is a file here.
+const std::string set_up = R"(
+mkdir -p bin metrics && export PATH="$PWD/bin:$PATH" LOGS_DIRECTORY="$PWD/logs" STATE_DIRECTORY="$PWD/state"
+export METRICS="$PWD/metrics/post.prom"
+stand_in() { { echo '#!/bin/sh' && cat; } >"bin/$1" && chmod +x "bin/$1"; }
+echo "[ \"\$*\" = --journald ] && cat >>'$PWD/journal' && echo >>'$PWD/journal'" | stand_in logger
+)";
+
+// Runs it with options of board-sim and arguments of its own; `before` is a command that comes first.
+outcome boot(const fs::path &dir, const std::string &options, const std::string &before = "true",
+             const std::string &args = "-s") {
+  return run_shell(dir,
+                   set_up + before + "\nboard-sim --state board " + options + " -- " + shell_word(script) + " " + args);
 }
 
-TEST(post_boot, ends_as_the_board_does) {
+TEST(post_boot, ends_and_reports_as_the_board_does) {
   // clang-format off
-  const std::tuple<const char *, const char *, int, size_t> cases[] = {
-      {"a sound board",                "",                                     0, 13},
-      {"a device fails",               "--fault 'i2c-absent bus=1 addr=0x52'", 1, 13},
-      {"POST ends before its verdict", "--fault pci-list-unreadable",          1, 0},
+  const std::tuple<const char *, const char *, int, size_t, const char *, const char *> cases[] = {
+      {"a sound board",                "",                                     0, 13, "1",  "PASS"},
+      {"a device fails",               "--fault 'i2c-absent bus=1 addr=0x52'", 1, 13, "0",  "FAIL"},
+      {"POST ends before its verdict", "--fault pci-list-unreadable",          1, 0,  "-1", "ERROR"},
   };
   // clang-format on
-  for (const auto &[what, options, status, count] : cases) {
+  for (const auto &[what, options, status, count, verdict, word] : cases) {
     SCOPED_TRACE(what);
     const temp_dir dir;
     const auto run = boot(dir.path(), options);
@@ -36,15 +41,52 @@ TEST(post_boot, ends_as_the_board_does) {
     EXPECT_EQ(read_file(dir.path() / "logs/last/output"), run.out);
     const auto records = read_file(dir.path() / "logs/last/result");
     EXPECT_EQ(static_cast<size_t>(std::ranges::count(records, '\n')), count);
+    EXPECT_EQ(run_shell(dir.path(), "sed -n 's/^post_verdict{.*} //p' metrics/*").out, verdict + std::string("\n"));
+    EXPECT_EQ(run_shell(dir.path(),
+                        "grep -c '^MESSAGE_ID=' journal; grep -c '^OBJECT_PID=[1-9]' journal\n"
+                        "grep -x -B 9 'POST_RUN='$PWD/logs/$(readlink logs/last) journal | tail -n 9 |"
+                        " sed -n 's/^POST_RESULT=//p'")
+                  .out,
+              "17\n17\n" + std::string(word) + "\n");
+  }
+}
+
+// What it ran is "-s", or nothing for the full test; a request for one is gone before it begins.
+TEST(post_boot, runs_the_test_that_the_administrator_chose) {
+  const std::string echo =
+      "stand_in post <<'END'\necho \"test $*\"; grep '^post_verdict' metrics/post.prom; ls state\n"
+      "echo '  Mod 1 1 Post Completed Successfully'; echo 'POST is completed'\nEND\n";
+  const std::string ask = shell_word(script) + " --full-next\n";
+  // clang-format off
+  const std::tuple<std::string, const char *, const char *> cases[] = {
+      {"",                                        "test -s\n", ""},
+      {"export TEST=short",                       "test -s\n", ""},
+      {"export TEST=full",                        "test \n",   ""},
+      {"export TEST=ful",                         "test -s\n", "TEST=ful is neither short nor full"},
+      {ask,                                       "test \n",   ""},
+      {"mkdir -p state/full-next/x",              "test -s\n", "cannot remove the request for a full test"},
+  };
+  // clang-format on
+  const std::string unknown = R"(post_verdict{card="",part="",serial="",change_bits=""} -1)";
+  for (const auto &[before, first, said] : cases) {
+    SCOPED_TRACE(before);
+    const temp_dir dir;
+    const auto run = boot(dir.path(), "", "mkdir -p state\n" + echo + before, "");
+    EXPECT_EQ(run.status, 0);
+    EXPECT_TRUE(run.out.starts_with(first + unknown + "\n")) << run.out;
+    EXPECT_NE(run.err.find(said), std::string::npos) << run.err;
+    if (before == ask) {
+      EXPECT_EQ(run.out.find("full-next"), std::string::npos) << run.out;
+      EXPECT_TRUE(boot(dir.path(), "", "true", "").out.starts_with("test -s\n"));
+    }
   }
 }
 
 // A mkdir that puts a full disk in the place of what a run is to keep.
 TEST(post_boot, tells_the_verdict_though_the_disk_is_full) {
   const std::string full_disk =
-      "mkdir bin && cat >bin/mkdir <<'END'\n#!/bin/sh\n/bin/mkdir \"$@\" || exit\n"
-      "case $1 in */logs/*) ln -s /dev/full \"$1/output\" && ln -s /dev/full \"$1/result\" ;; esac\nEND\n"
-      "chmod +x bin/mkdir && export PATH=\"$PWD/bin:$PATH\"";
+      "stand_in mkdir <<'END'\n/bin/mkdir \"$@\" || exit\n"
+      "case $1 in */logs/*) ln -s /dev/full \"$1/output\" && ln -s /dev/full \"$1/result\" ;; esac\nEND\n";
   for (const std::string fault : {"", "i2c-absent bus=1 addr=0x52"}) {
     const temp_dir dir;
     const auto run = boot(dir.path(), fault.empty() ? "" : "--fault '" + fault + "'", full_disk);
@@ -52,6 +94,32 @@ TEST(post_boot, tells_the_verdict_though_the_disk_is_full) {
     EXPECT_TRUE(run.out.ends_with("POST is completed\n")) << run.out;
     EXPECT_NE(run.err.find("No space left on device"), std::string::npos) << run.err;
   }
+}
+
+// Others had put links where the test writes, and could go on doing so.
+TEST(post_boot, makes_the_folders_of_the_test_its_own) {
+  const temp_dir dir;
+  const bool is_root = geteuid() == 0;
+  const std::string others =
+      "mkdir -p board/post board/var/lock logs; echo kept >victim; chmod 1777 board/post board/var/lock logs\n"
+      "ln -s \"$PWD/victim\" board/var/lock/RTC_NVRAM0-read.lock; ln -s \"$PWD/victim\" board/post/result\n"
+      "mkfifo board/var/lock/OBFL_Flash0-write.lock; ln -s \"$PWD/none\" board/post/ethtool.log\n"
+      "echo other >board/var/lock/other.lock\n";
+  const std::string foreign =
+      "chown 12345 board/post board/var/lock logs; echo x >board/var/lock/RTC_NVRAM1-read.lock; "
+      "chown 12345 board/var/lock/RTC_NVRAM1-read.lock\n";
+  const auto run = boot(dir.path(), "", others + (is_root ? foreign : "") + "stat -c %a,%u /var/lock/. >before");
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(run.err, "");
+  const std::string own = "755," + std::to_string(geteuid()) + "\n", old = "1" + own;
+  const auto now = run_shell(dir.path(),
+                             "cat victim board/var/lock/other.lock; ls none 2>&1 | wc -l\n"
+                             "stat -c %a,%u board/post board/var/lock logs logs/last/\n"
+                             "find board/var/lock board/post -type f -user $(id -u) | wc -l\n"
+                             "find board/var/lock board/post ! -type f ! -type d | wc -l\n"
+                             "stat -c %a,%u /var/lock/. | cmp - before && echo the same");
+  // What is left is the records, the lock of the EEPROM, and what the test has no name for.
+  EXPECT_EQ(now.out, "kept\nother\n1\n" + old + old + old + own + "3\n0\nthe same\n");
 }
 
 TEST(post_boot, keeps_each_run_apart) {

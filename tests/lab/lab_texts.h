@@ -6,9 +6,9 @@
 #include <utility>
 #include <vector>
 
-#include "lab/cases.h"
-#include "lab/records.h"
-#include "lab/run_log.h"
+#include "lab/run/cases.h"
+#include "lab/run/records.h"
+#include "lab/run/run_log.h"
 
 inline constexpr char full_log[] = R"(devmemfd:0x3
 phys->virt: 0xf8000000-->0x7f6786400000

@@ -26,5 +26,5 @@ for suite in root.iter("testsuite"):
     check(suite, own)
     everything += own
 check(root, everything)
-if abs(float(root.get("time")) - sum(float(suite.get("time")) for suite in root.iter("testsuite"))) > 0.01:
+if abs(float(root.get("time", 0)) - sum(float(suite.get("time", 0)) for suite in root.iter("testsuite"))) > 0.01:
     sys.exit("the seconds of the suites do not add up")

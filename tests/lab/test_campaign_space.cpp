@@ -1,13 +1,13 @@
-// Fault spaces: what patterns stand for, and that the built-in spaces hold what they promise.
+// Fault spaces: what patterns mean, and that the built-in spaces hold what they promise.
 #include <gmock/gmock.h>
 
 #include <algorithm>
 #include <map>
 #include <set>
 
-#include "lab/knowledge.h"
-#include "lab/patterns.h"
-#include "lab/space.h"
+#include "lab/campaign/fault_facts.h"
+#include "lab/campaign/space.h"
+#include "lab/report/patterns.h"
 #include "tests/support/run.h"
 
 using testing::AnyOf;
@@ -20,48 +20,37 @@ namespace {
 
 // ---- the list of faults
 
-constexpr std::string_view small_list =
-    "plain\n    nothing to choose\n"
-    "cell offset=0..0x7F bit=0..7 level=0..1 [commands=0..1:0]\n    a cell\n"
-    "short line=1..4 other=1..4 [wins=0..1:0]\n    two lines\n"
-    "port port=eth0|eth1 [code=1..99:1]\n    words\n"
-    "pci bus=0..0xFF dev=0..31 func=0..7\n    a function\n"
-    "huge offset=0..0x3FFFFFF\n    too many\n";
+constexpr sim::fault_row small_row(const char *name, std::array<sim::parm_row, 7> parms) {
+  return {{}, {}, sim::fault_when::always, name, {}, parms, ""};
+}
+
+constexpr sim::parm_row to(sim::parm key, uint64_t high) {
+  return {.key = key, .high = high};
+}
+
+constexpr sim::fault_row small_list[] = {
+    small_row("plain", {}),
+    small_row("cell", {to(sim::parm::offset, 0x7F),
+                       to(sim::parm::bit, 7),
+                       to(sim::parm::level, 1),
+                       {.key = sim::parm::commands, .high = 1, .given = sim::parm_row::given::or_default}}),
+    small_row("short", {{{.key = sim::parm::line, .low = 1, .high = 4},
+                         {.key = sim::parm::other, .low = 1, .high = 4},
+                         {.key = sim::parm::wins, .high = 1, .given = sim::parm_row::given::or_default}}}),
+    small_row("port", {{{.key = sim::parm::port, .words = "eth0|eth1"},
+                        {.key = sim::parm::code, .low = 1, .high = 99, .given = sim::parm_row::given::may}}}),
+    small_row("pci", {to(sim::parm::bus, 0xFF), to(sim::parm::dev, 31), to(sim::parm::func, 7)}),
+    small_row("huge", {to(sim::parm::offset, 0x3FFFFFF)}),
+};
 
 lab::space_source small_source() {
-  std::string error;
   lab::space_source source;
-  source.faults = lab::parse_fault_list(small_list, &error).value();
+  source.faults = small_list;
   source.functions = [](const lab::board_setting &board) {
     return board.card == 7 ? std::vector<lab::pci_position>{{0x2E, 1, 3}, {0, 31, 0}}
                            : std::vector<lab::pci_position>{};
   };
   return source;
-}
-
-TEST(fault_list, is_taken_apart_row_by_row) {
-  const auto source = small_source();
-  ASSERT_EQ(source.faults.kinds.size(), 6U);
-  const auto &cell = *source.faults.find("cell");
-  EXPECT_EQ(cell.what, "a cell");
-  EXPECT_EQ(cell.find("offset")->high, 0x7FU);
-  EXPECT_FALSE(cell.find("level")->optional);
-  EXPECT_TRUE(cell.find("commands")->optional);
-  EXPECT_EQ(cell.find("commands")->otherwise, "0");
-  EXPECT_THAT(source.faults.find("port")->find("port")->words, ElementsAre("eth0", "eth1"));
-  EXPECT_EQ(source.faults.find("cel"), nullptr);
-}
-
-TEST(fault_list, is_refused_with_the_line_that_is_not_understood) {
-  const std::pair<const char *, const char *> cases[] = {
-      {"", "the list of faults is empty"}, {"    what\n", "line 1 "}, {"a\n    what\nb line\n", "line 3 "},
-      {"a [line=0..1\n", "line 1 "},       {"a =0..1\n", "line 1 "},
-  };
-  for (const auto &[text, expected] : cases) {
-    std::string error;
-    EXPECT_FALSE(lab::parse_fault_list(text, &error)) << text;
-    EXPECT_THAT(error, HasSubstr(expected)) << text;
-  }
 }
 
 // ---- patterns
@@ -111,8 +100,8 @@ TEST(patterns, take_board_and_mode_from_themselves_then_from_the_defaults_then_f
   EXPECT_THAT(keys_of(expanded("plain", source)), ElementsAre("plain --card=11062 --revision=P1 --mode=short"));
   EXPECT_THAT(keys_of(expanded("plain", source, defaults)),
               ElementsAre("plain --card=11096 --revision=P0 --mode=full"));
-  EXPECT_THAT(keys_of(expanded("--card=0x2B35 --revision=P1 --mode=cut plain", source, defaults)),
-              ElementsAre("plain --card=11061 --revision=P1 --mode=cut"));
+  EXPECT_THAT(keys_of(expanded("--card=0x2B35 --revision=P1 --mode=no-flash plain", source, defaults)),
+              ElementsAre("plain --card=11061 --revision=P1 --mode=no-flash"));
 }
 
 TEST(patterns, are_refused_with_what_is_wrong) {
@@ -147,8 +136,6 @@ TEST(patterns, are_refused_with_what_is_wrong) {
 class built_in : public testing::Test {
  protected:
   built_in() {
-    std::string error;
-    m_source.faults = lab::parse_fault_list(run_program("board-sim", {"--list-faults"}).out, &error).value();
     m_source.functions = [](const lab::board_setting &) { return std::vector<lab::pci_position>{{2, 0, 0}}; };
   }
   [[nodiscard]] std::vector<lab::run_item> standard() const {
@@ -161,10 +148,6 @@ class built_in : public testing::Test {
   lab::space_source m_source;
 };
 
-std::string kind_of(const lab::run_item &run) {
-  return run.fault.substr(0, run.fault.find(' '));
-}
-
 TEST_F(built_in, standard_has_every_kind_of_fault_or_says_why_not) {
   std::set<std::string> kinds;
   for (const auto &run : standard())
@@ -173,7 +156,7 @@ TEST_F(built_in, standard_has_every_kind_of_fault_or_says_why_not) {
     EXPECT_NE(kind.reason, "");
     EXPECT_TRUE(kinds.emplace(kind.name).second) << kind.name;
   }
-  for (const auto &kind : m_source.faults.kinds)
+  for (const auto &kind : m_source.faults)
     EXPECT_EQ(kinds.erase(kind.name), 1U) << kind.name;
   EXPECT_THAT(kinds, IsEmpty());
 }
@@ -187,27 +170,56 @@ TEST_F(built_in, lines_are_all_single_line_faults) {
   EXPECT_EQ(std::set(keys.begin(), keys.end()).size(), 2368U);
 }
 
-TEST_F(built_in, cells_are_the_same_for_the_same_seed_and_within_the_memories) {
+TEST_F(built_in, drawn_faults_are_the_same_for_the_same_seed_and_good_ones) {
   std::string error;
-  const auto cells = [&](uint64_t seed) { return lab::cells_space(60, seed, m_source, &error)->runs; };
-  EXPECT_EQ(keys_of(cells(7)), keys_of(cells(7)));
-  EXPECT_NE(keys_of(cells(7)), keys_of(cells(8)));
-  std::set<std::string> kinds;
-  for (const auto &run : cells(7)) {
-    kinds.insert(kind_of(run));
-    EXPECT_THAT(kind_of(run), HasSubstr("-cell-"));
-    const auto fault = lab::parse_fault_text(run.fault);
-    for (const auto &parameter : m_source.faults.find(fault.name)->parameters) {
-      if (parameter.optional) continue;
-      ASSERT_TRUE(fault.find(parameter.key)) << run.fault;
-      EXPECT_LE(fault.number(parameter.key), parameter.high) << run.fault;
+  for (const auto what : {lab::drawn::cells, lab::drawn::any}) {
+    const auto draw = [&](uint64_t seed) { return lab::drawn_space(what, 200, seed, m_source, &error)->runs; };
+    const auto runs = draw(7);
+    EXPECT_EQ(keys_of(runs), keys_of(draw(7)));
+    EXPECT_NE(keys_of(runs), keys_of(draw(8)));
+    // This register maps I/O space anyway.
+    EXPECT_THAT(keys_of(draw(23)), testing::Each(testing::Not(testing::StartsWith("bar-io bar=1"))));
+    std::set<std::string> kinds;
+    for (const auto &run : runs) {
+      kinds.insert(kind_of(run));
+      EXPECT_TRUE(sim::fault_parse(run.fault, &error)) << error;
+      EXPECT_TRUE(what == lab::drawn::any || kind_of(run).find("-cell-") != std::string::npos);
     }
+    EXPECT_EQ(kinds.size(), what == lab::drawn::cells ? 22U : 60U);
   }
-  EXPECT_GT(kinds.size(), 15U);
+}
+
+// One fault has occasions in two rows.
+TEST_F(built_in, transients_take_every_stratum_and_only_occasions_that_there_are) {
+  const std::vector<lab::occasion_range> ranges{{"", "i2c-fail bus=1 addr=0x52", 1, 5},
+                                                {"Mod 1 1 SEEPROM Test", "i2c-fail bus=1 addr=0x52", 6, 900},
+                                                {"Mod 1 1 OBFL Test", "flash-data-stuck line=0 level=0", 1, 30},
+                                                {"Mod 1 1 OBFL Test", "flash-data-stuck line=0 level=1", 1, 1}};
+  m_source.occasions = [&](const std::vector<std::string> &faults) {
+    EXPECT_EQ(faults.size(), 1U + 2 * (3 * (16 + 14) + 16 + 25));
+    return ranges;
+  };
+  std::string error;
+  const auto draw = [&](uint64_t samples, uint64_t seed) {
+    return lab::transients_space(samples, seed, m_source, &error).value().runs;
+  };
+  EXPECT_EQ(keys_of(draw(20, 7)), keys_of(draw(20, 7)));
+  EXPECT_NE(keys_of(draw(20, 7)), keys_of(draw(20, 8)));
+  std::map<std::string, std::set<std::string>> strata;
+  for (const auto &run : draw(31, 7))
+    strata[run.stratum].insert(run.fault);
+  ASSERT_EQ(strata.size(), 3U);
+  EXPECT_THAT(strata["EEPROM, start-up, 5 occasions"], testing::SizeIs(5));
+  EXPECT_THAT(strata["EEPROM, row seeprom, 895 occasions"], testing::SizeIs(31));
+  EXPECT_EQ(strata["EEPROM, start-up, 5 occasions"].count("i2c-fail bus=1 addr=0x52 nth=5 times=1"), 1U);
+  const auto &flash = strata["flash, row obfl, 31 occasions"];
+  EXPECT_THAT(flash, testing::SizeIs(31));
+  EXPECT_EQ(flash.count("flash-data-stuck line=0 level=0 nth=30 times=1"), 1U);
+  EXPECT_EQ(flash.count("flash-data-stuck line=0 level=1 nth=1 times=1"), 1U);
 }
 
 TEST_F(built_in, healthy_takes_every_card_and_revision_in_turn) {
-  const auto space = lab::healthy_space(30, lab::run_mode::brief);
+  const auto space = lab::healthy_space(30, lab::run_mode::short_test);
   std::map<std::string, size_t> boards;
   for (const auto &run : space.runs)
     ++boards[std::to_string(run.board.card) + run.board.revision];
@@ -219,7 +231,7 @@ TEST_F(built_in, healthy_takes_every_card_and_revision_in_turn) {
 
 TEST(repeats, give_each_turn_of_a_fault_by_chance_a_seed_of_its_own) {
   lab::fault_space space{
-      "own", "", {{"a p=10 seed=5", {}, lab::run_mode::brief}, {"b nth=3", {}, lab::run_mode::brief}}};
+      "own", "", {{"a p=10 seed=5", {}, lab::run_mode::short_test}, {"b nth=3", {}, lab::run_mode::short_test}}};
   lab::repeat_runs(&space, 2);
   EXPECT_THAT(faults_of(space.runs), ElementsAre("a p=10 seed=5", "a p=10 seed=6", "b nth=3", "b nth=3"));
   EXPECT_THAT(space.runs, ElementsAre(Field(&lab::run_item::repeat, 0), Field(&lab::run_item::repeat, 1),
@@ -272,44 +284,13 @@ TEST_F(built_in, standard_in_few_words_stands_for_the_same_runs) {
 
 // ---- what is known of faults
 
-TEST(conditions, hold_if_every_key_has_one_of_the_values) {
-  const lab::run_item run{"flash-addr-stuck line=0x10 level=1", {11079, "P0"}, lab::run_mode::full};
-  const std::pair<const char *, bool> cases[] = {
-      {"*", true},
-      {"flash-*", true},
-      {"flash-addr-stuck line=16", true},
-      {"flash-addr-stuck line=1,10..20 level=1", true},
-      {"flash-addr-stuck line=17..25", false},
-      {"flash-addr-stuck level=0", false},
-      {"flash-addr-stuck commands=0", false},
-      {"flash-addr", false},
-      {"*-stuck card=11062,11079 revision=P0 mode=full", true},
-      {"* card=11062", false},
-      {"* mode=cut", false},
-  };
-  for (const auto &[pattern, holds] : cases)
-    EXPECT_EQ(lab::fits(run, pattern), holds) << pattern;
-}
-
-TEST_F(built_in, knowledge_speaks_of_faults_that_exist) {
-  for (const auto &row : lab::reason_rows()) {
-    const auto name = lab::words_of(row.pattern)[0];
-    const auto meant = [&](const auto &kind) { return lab::fits({kind.name, {}, lab::run_mode::brief}, name); };
-    EXPECT_TRUE(std::ranges::any_of(m_source.faults.kinds, meant)) << row.pattern;
-    EXPECT_NE(row.reason, "") << row.pattern;
-    EXPECT_NE(lab::text_of(row.end).name, "found") << row.pattern;
-  }
-  // A cell fault without a rule would have its own cell counted as damage.
-  for (const auto &kind : m_source.faults.kinds)
-    EXPECT_EQ(lab::traits_of(kind.name).spoils == lab::spoil::cells,
-              kind.name.find("-cell-") != std::string::npos || kind.name == "flash-erase-leaves")
+// A cell fault without a rule would have its own cell counted as damage.
+TEST(facts, let_a_cell_fault_destroy_its_cells) {
+  for (const auto &kind : sim::fault_table())
+    EXPECT_EQ(
+        lab::facts_of(kind.id).destroys == lab::own_damage::cells,
+        std::string(kind.name).find("-cell-") != std::string::npos || kind.id == sim::fault_id::flash_erase_leaves)
         << kind.name;
-  EXPECT_THAT(lab::reason_of({"no-such-fault", {}, {}}, lab::outcome::missed, false), IsEmpty());
-  // Damage that nobody is told of has reasons of its own.
-  const lab::run_item half{"flash-addr-stuck line=16 level=0", {}, lab::run_mode::full};
-  EXPECT_NE(lab::reason_of(half, lab::outcome::damaged, false), lab::reason_of(half, lab::outcome::damaged, true));
-  const lab::run_item other{"flash-addr-stuck line=15 level=0", {}, lab::run_mode::full};
-  EXPECT_THAT(lab::reason_of(other, lab::outcome::damaged, false), IsEmpty());
 }
 
 }  // namespace

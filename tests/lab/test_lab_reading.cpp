@@ -3,7 +3,7 @@
 
 #include <sstream>
 
-#include "lab/text.h"
+#include "lab/base/text.h"
 #include "tests/lab/lab_texts.h"
 
 using testing::ElementsAre;
@@ -90,7 +90,7 @@ TEST(lines, are_the_same_in_pieces_of_any_size) {
 
 // ---- logs
 
-// A run in short: "started 0x1; seeprom ...0 gige ..!.2; ended; passed". Of each device a dot, "!" behind it for its
+// A run in short: "started 0x1; seeprom ...0 gige ..!.2; ended; passed". Of each device a dot, "!" after it for its
 // ERROR line, "," if its test did not end; behind a row its seconds, "?" without them.
 std::string shown(const lab::run_log &run) {
   std::string out = run.started ? "started" : "starting";
@@ -177,8 +177,10 @@ TEST(log_of_dead_runs, tells_each_run_and_how_far_it_came) {
                                        {nvram, healthy, edited(healthy, {{"started bits 1", "starting bits 1"}})}},
       {"within a row",                 through(full_log, "GigE Port Test: \n.."), {"started bits 1; seeprom ...0; gige .,?"}},
       {"by an assertion in a row",     in_nvram + "## Assert:obfl():3\n", {std::string(nvram) + "; asserted"}},
-      {"behind its last row",          until(full_log, "  Mod 1 1 Post"), {until(healthy, "; passed")}},
-      {"behind its verdict",           until(full_log, "POST is"), {until(healthy, "; completed")}},
+      {"after its last row",           until(full_log, "  Mod 1 1 Post"), {until(healthy, "; passed")}},
+      {"after its verdict",            until(full_log, "POST is"), {until(healthy, "; completed")}},
+      {"and a start runs into a row's end", through(full_log, "SEEPROM Test: \n") + "devmemfd:0x3.done (1 seconds)\n",
+                                       {"started bits 1; seeprom ?", "starting"}},
       {"an ERROR line",                until(full_log, "done (1") + "\n ERROR: Executing 8 on dev 0",
                                        {"started bits 1; seeprom ...0; gige ....2; nvram .!?"}},
   };

@@ -2,21 +2,12 @@
 #pragma once
 
 #include <fcntl.h>
-#include <gtest/gtest.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <optional>
-#include <sstream>
-#include <string>
-#include <utility>
-#include <vector>
-
+#include "platform/mfgd/cmn_lib/diag_util/owner.h"
+#include "sim/base/fault_counts.h"
 #include "sim/board/board.h"
-#include "sim/board/fault_counts.h"
 #include "sim/bus/layout.h"
 #include "tests/support/bus.h"
 #include "tests/support/host.h"
@@ -68,18 +59,13 @@ class test_board {
     return counts;
   }
 
-  // The cycles in the log of "--trace" from the last call on, of one device or all. Compare with cycles().
-  std::string bus(std::string_view device = "") {
+  // The cycles in the log of "--trace" since the last call, without their times.
+  std::vector<std::string> log() {
     const auto text = contents("trace").substr(m_log_read);
     m_log_read += text.size();
-    return bus_cycles(text, device);
-  }
-
-  // The same as a list.
-  std::vector<std::string> log() {
-    std::istringstream text(bus());
+    std::istringstream cycles(bus_cycles(text));
     std::vector<std::string> lines;
-    for (std::string line; std::getline(text, line);)
+    for (std::string line; std::getline(cycles, line);)
       lines.push_back(line);
     return lines;
   }
@@ -89,16 +75,18 @@ class test_board {
   size_t m_log_read = 0;
 };
 
+// A fault that changes nothing but the highest word, but has every access to NVRAM 0 trapped.
+inline constexpr const char *trapping = "nvram-cell-stuck instance=0 offset=0x7FFE bit=0 level=0";
+
 enum window_number : size_t { nvram0, nvram1, nvram2, flash };
 
 // Maps a window of the local bus as drivers do.
 template <class T>
 volatile T *map_window(window_number number) {
   const auto &window = sim::windows[number];
-  const int fd = open("/dev/mem", O_RDWR | O_DSYNC | O_CLOEXEC);
+  const unique_fd fd(open("/dev/mem", O_RDWR | O_DSYNC | O_CLOEXEC));
   void *const at =
-      mmap(nullptr, window.length, PROT_READ | PROT_WRITE, MAP_SHARED, fd, static_cast<off_t>(window.base));
-  (void)close(fd);
+      mmap(nullptr, window.length, PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), static_cast<off_t>(window.base));
   EXPECT_NE(at, MAP_FAILED);
   return static_cast<volatile T *>(at);
 }

@@ -1,9 +1,5 @@
 // hooks.cpp: the output hooks of a test program, which keep a record on request.
-#include <gtest/gtest.h>
-
-#include <array>
 #include <cstdarg>
-#include <cstdio>
 #include <ostream>
 
 #include "platform/mfgd/cmn_lib/diag_util/diag_dbg.h"
@@ -12,13 +8,14 @@
 namespace {
 
 std::vector<hook_line> *recording = nullptr;
+bool with_traces = false;
 
 __attribute__((format(printf, 2, 0))) int print(int32_t level, const char *fmt, va_list args) {
-  if (recording == nullptr && level == DIAG_LVL_DEBUG) return 0;
+  if (level == DIAG_LVL_DEBUG && !with_traces) return 0;
   std::array<char, 4096> text{};
   const int length = vsnprintf(text.data(), text.size(), fmt, args);
   if (recording != nullptr) recording->push_back({level, text.data()});
-  if (level == DIAG_LVL_DEBUG) return length;
+  if (level != 0) printf("<%d>", level);
   (void)fputs(text.data(), stdout);
   (void)fflush(stdout);
   return length;
@@ -48,8 +45,9 @@ void PrintTo(const hook_line &line, std::ostream *os) {
 std::vector<hook_line> hooks_of(const std::function<void()> &body, bool traces) {
   std::vector<hook_line> lines;
   recording = &lines;
+  with_traces = traces;
   body();
   recording = nullptr;
-  if (!traces) std::erase_if(lines, [](const hook_line &line) { return line.level == DIAG_LVL_DEBUG; });
+  with_traces = false;
   return lines;
 }

@@ -1,14 +1,9 @@
 #include "tests/support/host.h"
 
-#include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
-
-#include <algorithm>
-#include <array>
-#include <csignal>
-#include <cstdio>
 
 #include "platform/mfgd/cmn_lib/diag_util/owner.h"
 
@@ -33,6 +28,17 @@ class scratch_file {
   unique_fd m_fd{memfd_create("scratch", MFD_CLOEXEC)};
 };
 
+// What the caller of the tests ignores, as nohup does, and blocks: a child would inherit it.
+void take_all_signals() {
+  for (int number = 1; number < NSIG; ++number) {
+    struct sigaction action {};
+    if (sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) (void)signal(number, SIG_DFL);
+  }
+  sigset_t none;
+  (void)sigemptyset(&none);
+  (void)sigprocmask(SIG_SETMASK, &none, nullptr);
+}
+
 }  // namespace
 
 std::string stdout_of(const std::function<void()> &body) {
@@ -45,6 +51,11 @@ std::string stdout_of(const std::function<void()> &body) {
   (void)dup2(saved, STDOUT_FILENO);
   (void)close(saved);
   return out.contents();
+}
+
+size_t open_descriptors() {
+  const std::filesystem::directory_iterator all("/proc/self/fd");
+  return static_cast<size_t>(std::distance(begin(all), end(all)));
 }
 
 bool is_of_coverage(int fd) {
@@ -60,6 +71,7 @@ outcome run_child(const std::function<void()> &body) {
   (void)fflush(nullptr);
   const pid_t child = fork();
   if (child == 0) {
+    take_all_signals();
     out.take_over(STDOUT_FILENO);
     err.take_over(STDERR_FILENO);
     body();

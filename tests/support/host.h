@@ -1,11 +1,6 @@
 // host.h: code under test run here or in a child process, what it prints, and what it gives to the output hooks.
 #pragma once
 
-#include <cstdint>
-#include <functional>
-#include <string>
-#include <vector>
-
 #include "tests/support/run.h"
 
 // Runs `body` here and returns what it wrote to standard output.
@@ -22,6 +17,9 @@ void isolated(const std::function<void()> &body);
 outcome expect_assertion(const std::function<void()> &body, const std::string &file, const std::string &op,
                          const std::string &text);
 
+// How many descriptors are open.
+size_t open_descriptors();
+
 // Whether that is a file in which the preset coverage counts. Its library locks them by the calls that a test takes
 // over, at the process's end, too.
 bool is_of_coverage(int fd);
@@ -34,7 +32,7 @@ struct hook_line {
 };
 
 // Runs `body` and returns what the hooks were given, without call traces unless asked for. What they print also goes to
-// standard output. For programs that link the target test_hooks in place of post_output.
+// standard output, that of diag_dbg_print after its level: "<3>". For programs that link test_hooks, not post_output.
 std::vector<hook_line> hooks_of(const std::function<void()> &body, bool traces = false);
 
 // Prints a hook call, for failing comparisons.

@@ -1,9 +1,6 @@
 #include <unistd.h>
 
-#include <cstdlib>
-#include <fstream>
-#include <regex>
-#include <sstream>
+#include <cstdarg>
 
 #include "tests/support/host.h"
 
@@ -68,6 +65,15 @@ std::string read_file(const std::filesystem::path &file) {
   std::ostringstream text;
   text << in.rdbuf();
   return text.str();
+}
+
+std::string format(const char *fmt, ...) {
+  std::array<char, 512> text{};
+  va_list args;
+  va_start(args, fmt);
+  (void)vsnprintf(text.data(), text.size(), fmt, args);
+  va_end(args);
+  return text.data();
 }
 
 std::string steady(std::string text) {

@@ -1,9 +1,7 @@
 // run.h: whole runs of post on the simulated board, as a user starts them.
 #pragma once
 
-#include <filesystem>
-#include <string>
-#include <vector>
+#include "tests/support/test.h"
 
 // A directory that is gone with its owner.
 class temp_dir {
@@ -36,6 +34,9 @@ outcome run_board(const std::filesystem::path &state, const std::vector<std::str
 
 // A word as a shell reads it back, whatever is in it.
 std::string shell_word(const std::string &word);
+
+// The text that printf would print.
+__attribute__((format(printf, 1, 2))) std::string format(const char *fmt, ...);
 
 std::string read_file(const std::filesystem::path &file);
 

@@ -1,16 +1,9 @@
 // sprom_tool.h: the `sprom` program in a directory of its own, and images to feed it.
 #pragma once
 
-#include <gmock/gmock.h>
-
-#include <cstdint>
-#include <fstream>
-#include <string>
-#include <vector>
-
 #include "platform/mfgd/uspace/utils/sprom/sprom.h"
 #include "tests/support/run.h"
-#include "tests/unit/sprom_image.h"
+#include "tests/support/sprom_image.h"
 
 using bytes = std::vector<uint8_t>;
 
@@ -24,6 +17,14 @@ inline bytes patched(bytes image, uint32_t type, size_t offset, const bytes &pat
 inline bytes with_byte(bytes image, size_t offset, uint8_t byte) {
   image.at(offset) = byte;
   return image;
+}
+
+// Compares what a run ended with. Each text may be a matcher.
+inline void expect_run(const outcome &run, int status, const testing::Matcher<std::string> &out,
+                       const testing::Matcher<std::string> &err = "") {
+  EXPECT_EQ(run.status, status) << run.out << run.err;
+  EXPECT_THAT(run.out, out);
+  EXPECT_THAT(run.err, err);
 }
 
 class sprom_tool : public testing::Test {

@@ -15,7 +15,8 @@ stand_in() {
 }
 
 # Only what every Linux machine has.
-for command in bash sh env cat cut dirname readlink mkdir mktemp rm sed awk grep uname id tee nproc printf sort head ls; do
+for command in bash sh env cat cut dirname readlink mkdir mktemp rm sed awk grep uname id tee nproc printf sort head ls \
+  sleep; do
   ln -s "$(type -P "$command")" "$dir/bin/$command"
 done
 : >"$dir/calls"
@@ -39,20 +40,32 @@ never() {
   fi
 }
 
-# What a build needs, without building: cmake makes a program that tells where it runs and with what.
+# What a build needs, without building: cmake makes programs that print where they run and with what. Those of the lab
+# are among them where the file $dir/json is; ninja knows the targets.
 toolchain() {
-  stand_in g++ <<<'while [ $# != 0 ]; do [ "$1" != -o ] || { echo "#!/bin/sh" >"$2" && chmod +x "$2"; }; shift; done'
-  stand_in ninja </dev/null
+  : >"$dir/json"
+  stand_in g++ <<END
+while [ \$# != 0 ]; do
+  [ "\$1" != -o ] || { echo "#!/bin/sh" >"\$2" && chmod +x "\$2"; }
+  [ "\$1" != -E ] || { read -r wanted && [[ \$wanted != *nlohmann* || -e "$dir/json" ]] || exit 1; }
+  shift
+done
+END
+  stand_in ninja <<<'[ "$3" != -t ] || grep -qx "$5" "$2/targets"'
   ln -s "$(type -P chmod)" "$dir/bin/chmod"
-  stand_in cmake <<'END'
-if [ "$1" = -S ]; then
-  mkdir -p "$2/build/$4/bin"
-  echo "CMAKE_HOME_DIRECTORY:INTERNAL=$2" >"$2/build/$4/CMakeCache.txt"
-  : >"$2/build/$4/build.ninja"
-  printf '#!/bin/bash\necho "in $PWD:$(printf " <%%s>" "$@")"\n' >"$2/build/$4/bin/board-sim"
-  cat "$2/build/$4/bin/board-sim" >"$2/build/$4/bin/post-campaign"
-  chmod +x "$2/build/$4/bin"/*
-fi
+  stand_in cmake <<END
+[ "\$1" = -S ] || exit 0
+build=\$2/build/\$4
+mkdir -p "\$build/bin"
+echo "CMAKE_HOME_DIRECTORY:INTERNAL=\$2" >"\$build/CMakeCache.txt"
+: >"\$build/build.ninja"
+programs='board-sim post'
+[ ! -e "$dir/json" ] || programs+=' post-campaign post-results sprom'
+for name in programs \$programs; do echo \$name; done >"\$build/targets"
+for name in \$programs; do
+  printf '#!/bin/bash\necho "\${0##*/} in \$PWD:\$(printf " <%%s>" "\$@")"\n' >"\$build/bin/\$name"
+  chmod +x "\$build/bin/\$name"
+done
 END
   stand_in ctest </dev/null
   mkdir -p "$dir/googletest"
@@ -61,11 +74,18 @@ END
 }
 
 arguments() {
-  for tool in run-tests run-fuzz run-peers run-load check-style check-packages coverage cut-audit mutate bench; do
+  local tool count=0
+  for tool in "$tools"/*; do
+    [ -f "$tool" ] && [ -x "$tool" ] || continue
+    tool=${tool##*/} count=$((count + 1))
     expect 0 "Usage: tools/$tool" "$checkout/tools/$tool" --help
+    case $tool in run-post | run-campaign) continue ;; esac # which have their program's options
     expect 2 "Try 'tools/$tool --help'." "$checkout/tools/$tool" --no-such-option
   done
+  [ $count -ge 13 ]
+  expect 0 'Usage: tools/run-post' "$checkout/tools/run-post" --card 1 --help
   expect 2 'no such preset or option: windows' "$checkout/tools/run-tests" host windows
+  expect 2 'which program?' "$checkout/tools/run"
   [ ! -s "$dir/calls" ]
 }
 
@@ -105,7 +125,8 @@ no_32_bits() {
   toolchain
   cp "$dir/bin/g++" "$dir/bin/g++-64"
   stand_in g++ <<<'[[ " $* " != *" -m32 "* ]] && exec g++-64 "$@"'
-  expect 0 'no 32-bit toolchain here (Debian: g++-multilib): going on with the native build.' "$checkout/tools/run-post"
+  expect 0 '32-bit programs cannot be built and run here (Debian: g++-multilib): going on with the native build.' \
+    "$checkout/tools/run-post"
   expect 0 "in $dir/elsewhere:" "$checkout/tools/run-post"
 }
 
@@ -119,6 +140,110 @@ place_with_blanks() {
   mv "$checkout" "$dir/moved"
   expect 0 'in ' "$dir/moved/tools/run-post"
   grep -qF "cmake -S $dir/moved --preset board --fresh -DPOST_GOOGLETEST_SOURCES=" "$dir/calls"
+}
+
+any_program() {
+  toolchain
+  expect 0 "board-sim in $dir/elsewhere: <--> <$checkout/build/board/bin/sprom> <dump> <a b>" \
+    "$checkout/tools/run" sprom dump 'a b'
+  expect 0 "board-sim in $dir/elsewhere: <--> <$checkout/build/board/bin/post> <-s>" "$checkout/tools/run" post -s
+  expect 0 "post-results in $dir/elsewhere: <--help>" "$checkout/tools/run" post-results --help
+  [ "$(grep -c -- --preset "$dir/calls")" = 1 ]
+  for name in no-such ../post ''; do expect 2 "Try 'tools/run --help'." "$checkout/tools/run" "$name"; done
+  # The build that is there is the one that counts.
+  mv "$checkout/build/board" "$checkout/build/host"
+  expect 0 "<$checkout/build/host/bin/sprom>" "$checkout/tools/run" sprom list
+}
+
+# The headers come after the first build: by hand, or by a command that installs them.
+headers_come_later() {
+  toolchain
+  rm "$dir/json"
+  stand_in id <<<'echo 1000'
+  expect 0 'nlohmann-json3-dev libcli11-dev): sprom and the lab programs are left out.' "$checkout/tools/run-post"
+  expect 1 'Type, as root: apt-get install nlohmann-json3-dev libcli11-dev' "$checkout/tools/run-campaign"
+  expect 1 'post-results is not built: it needs what Debian calls nlohmann-json3-dev libcli11-dev' \
+    "$checkout/tools/run" post-results
+  : >"$dir/json"
+  expect 0 'post-results in ' "$checkout/tools/run" post-results
+  rm -r "$dir/json" "$checkout/build"
+  expect 0 'board-sim in ' "$checkout/tools/run-post"
+  stand_in id <<<'echo 0'
+  stand_in apt-get <<<"[[ \$* != *install*nlohmann* ]] || : >'$dir/json'"
+  expect 0 'post-campaign in ' "$checkout/tools/run-campaign"
+  # A thing that came changes what is built, whether or not all targets were known before.
+  mv "$dir/bin/ninja" "$dir/ninja"
+  ln -s "$(type -P mv)" "$dir/bin/mv"
+  stand_in apt-get <<<"[[ \$* != *install*ninja* ]] || mv '$dir/ninja' '$dir/bin/'"
+  expect 0 'board: configure' "$checkout/tools/run-post"
+}
+
+# What a log shows of a step: its name before it runs, how far it is, how long it took.
+steps_are_followed() {
+  toolchain
+  ln -s "$(type -P cp)" "$dir/bin/cp"
+  stand_in ctest <<END
+cp "$dir/said" "$dir/said.before"
+printf '1/2 Test #1: a\n2/2 Te'
+sleep 2.5
+printf 'st #2: b\n100%% tests passed, 0 tests failed out of 2\n'
+END
+  export progress_seconds=1
+  expect 0 'host: test: 1/2, ' "$checkout/tools/run-tests" host
+  grep -qx 'host: test' "$dir/said.before"
+  grep -qE '^host: test: 1/2, [0-9]+ s so far$' "$dir/said"
+  grep -qE '^host: test \([0-9]+ s\)$' "$dir/said"
+  stand_in ctest <<<'exit 1'
+  expect 1 'host: test (' "$checkout/tools/run-tests" host
+  grep -qE '^host: test \([0-9]+ s, failed\)$' "$dir/said"
+}
+
+other_versions() {
+  local program
+  toolchain
+  stand_in git <<<'echo a.cpp'
+  stand_in xargs </dev/null
+  for program in format tidy; do
+    stand_in clang-$program <<<"echo 'Debian clang-$program version 19.1.7 (1)'"
+    expect 1 "clang-$program is version 19.1.7 here; version 14 is wanted." "$checkout/tools/check-style" --tidy
+    grep -qF "apt-get install clang-$program-14" "$dir/said"
+    stand_in clang-$program <<<'echo version 14.0.6'
+  done
+}
+
+# Findings are shown, what was clean is not looked at again, and no source is left out in silence.
+tidy() {
+  local command
+  toolchain
+  for command in xargs sha256sum; do ln -s "$(type -P $command)" "$dir/bin/$command"; done
+  stand_in clang-format <<<'echo version 14.0.6'
+  stand_in clang-tidy <<<'[ "$1" != --version ] || echo version 14.0.6; ! { [[ $* = *b.cpp ]] && grep bad b.cpp; }'
+  stand_in git <<<'[ "$2" = -z ] || printf "%s\n" a.cpp b.cpp c.cpp'
+  mkdir -p "$checkout/build/tidy"
+  echo clean | tee "$checkout/a.cpp" >"$checkout/.clang-tidy"
+  echo 'bad words' >"$checkout/b.cpp"
+  printf ' "file": "%s"\n' "$checkout/a.cpp" "$checkout/b.cpp" "$checkout/build/made.cpp" /usr/src/x.cpp \
+    >"$checkout/build/tidy/compile_commands.json"
+  expect 1 'bad words' "$checkout/tools/check-style" --tidy
+  grep -qx "Left out, because what they need is not here: c.cpp" "$dir/said"
+  grep -qx 'check-style: clang-tidy found something' "$dir/said"
+  echo fine >"$checkout/b.cpp"
+  expect 0 '2 compiled sources are clean' "$checkout/tools/check-style" --tidy
+  [ "$(grep -c 'clang-tidy.* a.cpp' "$dir/calls")" = 1 ]
+  [ "$(grep -c 'clang-tidy.* b.cpp' "$dir/calls")" = 2 ]
+}
+
+# A page names a kernel's version, not the build of one machine.
+pages_name_no_machine() {
+  ! grep -rnE 'Linux [0-9]+\.[0-9]+[-.][0-9a-z]' "$tools/../docs" --include='*.md' --include='*.json'
+}
+
+# The programs take theirs from CMakeLists.txt.
+versions_agree() {
+  local cmake root=$tools/..
+  cmake=$(sed -n 's/^project(post VERSION \([0-9.]*\) .*/\1/p' "$root/CMakeLists.txt")
+  [ "$(sed -n 's/^## \([0-9.]*\) (20..-..-..)$/\1/p' "$root/CHANGELOG.md" | head -n 1)" = "$cmake" ]
+  [[ $(head -n 1 "$root/debian/changelog") =~ ^post\ \("$cmake"(\+[0-9]+)?\)\  ]]
 }
 
 unchecked_sources() {

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "sim/board/random.h"
+#include "faults/random.h"
 #include "tools/peers/qemu.h"
 
 // The same for the same seed.

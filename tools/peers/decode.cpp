@@ -14,7 +14,7 @@
 
 namespace {
 
-// An instruction has 15 bytes at most; behind it, bytes that are one each bring objdump back into step.
+// An instruction has 15 bytes at most; after it, one-byte instructions bring objdump back into step.
 constexpr size_t slot = 32;
 constexpr size_t longest = 15;
 

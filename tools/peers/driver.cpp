@@ -7,12 +7,12 @@
 #include <algorithm>
 #include <cstdlib>
 
+#include "models/nor_flash.h"
 #include "platform/mfgd/cmn_lib/diag_util/spin.h"
 #include "platform/mfgd/cmn_lib/hw_acc/hw_err.h"
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_acc.h"
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_pci_velto_or.h"
 #include "platform/mfgd/cmn_lib/hw_acc/obfl/obfl_acc.h"
-#include "sim/devices/flash.h"
 #include "tools/peers/compare.h"
 
 namespace {
@@ -29,18 +29,16 @@ chip *fitted = nullptr;
 
 class our_chip final : public chip {
  public:
-  our_chip() { m_model.start(m_contents, m_options); }
   uint16_t read(uint32_t offset) override { return m_model.read(offset); }
   void write(uint32_t offset, uint16_t data) override { m_model.write(offset, data); }
 
  private:
-  std::vector<uint8_t> m_contents = std::vector<uint8_t>(sim::flash_bytes, 0xFF);
-  sim::options m_options;
-  sim::flash_model m_model;
+  std::vector<uint8_t> m_contents = std::vector<uint8_t>(models::flash_bytes, 0xFF);
+  models::nor_flash m_model{models::memory(m_contents)};
 };
 
 constexpr uint32_t peers_sector_bytes = 0x10000;
-constexpr uint32_t peers_bytes = sim::flash_sectors * peers_sector_bytes;
+constexpr uint32_t peers_bytes = models::flash_sectors * peers_sector_bytes;
 
 class peers_chip final : public chip {
  public:
@@ -66,7 +64,7 @@ class peers_chip final : public chip {
 
  private:
   static uint32_t place(uint32_t offset) {
-    const uint32_t sector = offset / sim::flash_sector_bytes;
+    const uint32_t sector = offset / models::flash_sector_bytes;
     return 0U - peers_bytes + sector * peers_sector_bytes + offset % peers_sector_bytes;
   }
   void program(uint32_t offset, uint16_t data) {
@@ -142,7 +140,7 @@ decltype(diag_spin_usec) __wrap_diag_spin_usec;
 uint32_t __wrap_mmap_get_map_pci(uint32_t /*hwtype*/, uint32_t /*inst*/, uint32_t /*bar*/, uint32_t *base,
                                  uint32_t *len) {
   *base = 0;
-  *len = sim::flash_bytes;
+  *len = models::flash_bytes;
   return HW_SUCCESS;
 }
 

@@ -1,5 +1,5 @@
 // The model of the AT24C512 beside QEMU's at24c-eeprom, byte by byte on a bus whose two lines are moved one by one.
-// What both have is driven at random; what they do otherwise stands in the list `differences` and must be seen.
+// What both have is driven at random; their differences are in the list `differences` and must be seen.
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
@@ -100,7 +100,7 @@ class comparison {
       const uint32_t choice = m_random.below(100);
       if (choice < 45) {
         write(at, 1 + m_random.below(std::min<uint32_t>(8, static_cast<uint32_t>(page - at % page))));
-        // The counter behind the end of a page: a listed difference.
+        // The counter after the end of a page: a listed difference.
         read(anywhere(), 1 + m_random.below(8));
       } else if (choice < 90) {
         read(at, 1 + m_random.below(16));
@@ -240,7 +240,7 @@ class comparison {
   void read_behind_half_an_address() {
     constexpr size_t last_page = sim::at24c512.size - page;
     make_same(last_page);
-    write(last_page, 1);  // the counter points behind it
+    write(last_page, 1);  // the counter points after it
     start(chip, false);
     put(0x12);
     const answer r = read_next();

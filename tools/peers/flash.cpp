@@ -1,27 +1,20 @@
 // The flash model beside QEMU's CFI flash of the AMD command set, cycle by cycle. What both have is driven at random;
-// what they do otherwise stands in the list `differences`, each with the reason, and must be seen.
+// their differences are in the list `differences`, each with the reason, and must be seen.
 //
 // QEMU's chip has 512 sectors of 32 Ki words, ours twice as large ones: of each of ours, the lower half is used.
-#include <time.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <utility>
 
-#include "sim/devices/flash.h"
+#include "models/nor_flash.h"
 #include "tools/peers/compare.h"
-
-// The model's clock. It moves by call.
-static int64_t now_ns = 1;
-extern "C" int __wrap_clock_gettime(clockid_t id, timespec *time);
-extern "C" int __wrap_clock_gettime(clockid_t /*id*/, timespec *time) {
-  *time = {static_cast<time_t>(now_ns / 1'000'000'000), static_cast<long>(now_ns % 1'000'000'000)};
-  return 0;
-}
 
 namespace {
 
-constexpr uint32_t sectors = sim::flash_sectors;
+// The model's clock. It moves by call.
+int64_t now_ns = 1;
+
+constexpr uint32_t sectors = models::flash_sectors;
 constexpr uint32_t sector_words = 0x8000;
 constexpr uint32_t peers_bytes = sectors * sector_words * 2;
 constexpr uint32_t peers_base = 0U - peers_bytes;  // the board's boot flash ends with the address space
@@ -32,7 +25,7 @@ enum status_bit : uint16_t { dq2 = 0x04, dq3 = 0x08, dq5 = 0x20, dq6 = 0x40, dq7
 struct place {
   uint32_t sector;
   uint32_t word;
-  [[nodiscard]] uint32_t ours() const { return sector * sim::flash_sector_bytes + word * 2; }
+  [[nodiscard]] uint32_t ours() const { return sector * models::flash_sector_bytes + word * 2; }
   [[nodiscard]] uint32_t peers() const { return peers_base + (sector * sector_words + word) * 2; }
 };
 
@@ -88,9 +81,6 @@ listed differences[count]{
 class comparison {
  public:
   explicit comparison(uint64_t seed) : m_random(seed) {
-    m_options.busy = sim::busy::time;
-    m_options.real_times = true;
-    m_model.start(m_contents, m_options);
     m_peer.write('l', 0, 0xEAFFFFFE);  // an endless loop, for when its time runs
   }
 
@@ -123,7 +113,8 @@ class comparison {
     settle();
     for (uint32_t s = 0; s < sectors; ++s) {
       const auto peers = m_peer.read_bytes(place{s, 0}.peers(), sector_words * 2);
-      expect(std::equal(peers.begin(), peers.end(), &m_contents[s * sim::flash_sector_bytes]), "contents", {s, 0}, {});
+      expect(std::equal(peers.begin(), peers.end(), &m_contents[s * models::flash_sector_bytes]), "contents", {s, 0},
+             {});
       m_words += sector_words;
     }
   }
@@ -227,7 +218,7 @@ class comparison {
     now_ns += 60'000;
     run_peer_until(dq3 | dq7);
     m_last = {};
-    // A process that waited long enough has the erase behind it.
+    // After a long enough wait the erase is over.
     if ((read_peer({m_erasing[0], 0}) & dq7) != 0) finish();
   }
 
@@ -241,7 +232,7 @@ class comparison {
     m_last = {};
   }
 
-  // Whatever was begun is over, and both read their array again.
+  // Every operation is over, and both read their array again.
   void settle_without_reads() {
     reset();
     finish();
@@ -270,7 +261,7 @@ class comparison {
       const place at = i == 0 ? place{begun[0], 0} : anywhere();
       const reading r = read(at);
       const bool erased = std::ranges::find(begun, at.sector) != begun.end();
-      expect(r.ours == sim::word_get(m_contents, at.ours()), "kept data", at, r);
+      expect(r.ours == models::word_get(m_contents, at.ours()), "kept data", at, r);
       expect(r.peers == (erased ? 0xFFFF : r.ours), "data after an erase broken off", at, r);
       if (r.ours != r.peers) m_found.see(broken_off);
     }
@@ -325,7 +316,7 @@ class comparison {
     ++m_queries;
     compare(any_sector(2));  // no sector is protected
     const place codes[] = {any_sector(0), any_sector(1), {m_random.below(8) * 73, 0x20 + m_random.below(0x20)}};
-    const reading expected[] = {{0x0001, 0x00BF}, {0x227E, 0x236D}, {0, sim::word_get(m_contents, codes[2].ours())}};
+    const reading expected[] = {{0x0001, 0x00BF}, {0x227E, 0x236D}, {0, models::word_get(m_contents, codes[2].ours())}};
     for (size_t i = 0; i < 3; ++i) {
       const reading r = read(codes[i]);
       expect(r.ours == expected[i].ours && r.peers == expected[i].peers, "autoselect", codes[i], r);
@@ -443,9 +434,9 @@ class comparison {
 
   random_numbers m_random;
   findings m_found{differences};
-  std::vector<uint8_t> m_contents = std::vector<uint8_t>(sim::flash_bytes, 0xFF);
-  sim::options m_options;
-  sim::flash_model m_model;
+  std::vector<uint8_t> m_contents = std::vector<uint8_t>(models::flash_bytes, 0xFF);
+  models::nor_flash m_model{
+      models::memory(m_contents), {}, {.times = models::flash_times_real, .now = [] { return now_ns; }}};
   qemu m_peer{"qemu-system-arm",
               {"-M", "musicpal", "-icount", "shift=6,sleep=off", "-drive",
                "if=pflash,format=raw,file=" + make_file(std::vector<uint8_t>(peers_bytes, 0xFF))}};

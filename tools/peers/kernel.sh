@@ -45,6 +45,13 @@ steady() {
     -e 's/^([A-Z][a-z]+ test.*\t) [1-9][0-9]*$/\1 N/' -e 's,^post: (\.\./)+,post: ,' -e '/^\[ *[0-9]+\.[0-9]+\]/d' -e '/^=== end/q'
 }
 
+run_machine() {
+  bounded 400 qemu-system-i386 -m 256 -nodefaults -display none -serial stdio -no-reboot -kernel "$debian"/boot/vmlinuz-* \
+    -initrd "$image.gz" -append 'console=ttyS0 loglevel=0 panic=-1' -device e1000 -device e1000 \
+    -object memory-backend-file,id=windows,size=128M,share=on,mem-path="$memory" \
+    -device ivshmem-plain,memdev=windows 2>"$log.qemu"
+}
+
 peer_kernel() {
   local debian=build/peers/i386 image=build/peers/image log=build/peers/kernel.log memory=build/peers/memory
   prepare kernel "${build_things[@]}" multilib lab qemu_i386
@@ -63,10 +70,7 @@ peer_kernel() {
   make_root "$debian" "$image"
   # The windows of the flash and of the NVRAMs, with something in them.
   yes 'contents of the memories' | head -c 128M >"$memory"
-  bounded 400 qemu-system-i386 -m 256 -nodefaults -display none -serial stdio -no-reboot -kernel "$debian"/boot/vmlinuz-* \
-    -initrd "$image.gz" -append 'console=ttyS0 loglevel=0 panic=-1' -device e1000 -device e1000 \
-    -object memory-backend-file,id=windows,size=128M,share=on,mem-path="$memory" \
-    -device ivshmem-plain,memdev=windows </dev/null >"$log" 2>"$log.qemu" || true
+  step 'kernel: run the machine' "$log" run_machine || true
   steady <"$log" >"$log.steady"
   grep -q '^=== end' "$log.steady" || { note "kernel: the machine did not come to its end: $log"; return 1; }
   diff -u tools/peers/kernel/expected "$log.steady" || { note "kernel: other words than expected: $log"; return 1; }

@@ -107,7 +107,7 @@ qemu::~qemu() {
   (void)waitpid(m_child, nullptr, 0);
 }
 
-// Answers begin with OK; interrupts may be told before.
+// Answers begin with OK; interrupts may be reported before.
 std::string qemu::ask(const std::string &text) {
   m_test.send(text + "\n");
   take_answers();

@@ -1,5 +1,5 @@
-// qemu.h: a machine of QEMU, whose devices are asked by its test protocol. Whatever goes wrong with it ends this
-// process with a message; it ends with this process.
+// qemu.h: a machine of QEMU, whose devices are used by its test protocol. Every failure of it ends this process with a
+// message; it ends with this process.
 #pragma once
 
 #include <sys/types.h>
@@ -10,7 +10,7 @@
 
 class qemu {
  public:
-  // Starts `program` with these arguments. The machine's time stands still until run().
+  // Starts `program` with these arguments. The machine's time is stopped until run().
   qemu(const std::string &program, const std::vector<std::string> &args);
   qemu(const qemu &) = delete;
   qemu &operator=(const qemu &) = delete;
@@ -23,7 +23,7 @@ class qemu {
   // Several bytes, as the processor would read them.
   std::vector<uint8_t> read_bytes(uint32_t address, size_t count);
 
-  // Let the machine's time run, and stand still again.
+  // Let the machine's time run, and stop it again.
   void run() { command("cont"); }
   void stop() { command("stop"); }
 

@@ -15,7 +15,7 @@
   __assert_fail(text, file, line, op);
 }
 
-// Fails with `text` in place of the condition's source text.
+// Fails with `text` instead of the condition's source text.
 #define DIAG_STD_ASSERT_AS(cond, text) ((cond) ? (void)0 : diag_std_assert_fail(text, __FILE__, __LINE__, __func__))
 
 #undef assert

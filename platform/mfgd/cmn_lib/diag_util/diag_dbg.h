@@ -17,11 +17,11 @@ extern "C" {
 // Returns the number of characters written, negative on an output error.
 int cli_printf(const char *fmt, ...) __attribute__((format(printf, 1, 2)));
 
-// As cli_printf, but for DIAG_LVL_DEBUG, which prints nothing. The level leaves no mark in the text.
+// As cli_printf, except that DIAG_LVL_DEBUG prints nothing. The level leaves no mark in the text.
 void diag_dbg_print(int32_t level, const char *fmt, ...) __attribute__((format(printf, 2, 3)));
 }
 
-// Prints the same text through both hooks: on a program that sends both to one place it stands twice in a row.
+// Prints the same text through both hooks: in a program that sends both to one place it appears twice in a row.
 #define DIAG_PRINT_BOTH(level, ...) ((void)cli_printf(__VA_ARGS__), diag_dbg_print((level), __VA_ARGS__))
 
 // Checked call: traces `text` in the name of the calling function, evaluates `call`, which gives a status, and reports
@@ -31,13 +31,13 @@ void diag_dbg_print(int32_t level, const char *fmt, ...) __attribute__((format(p
 #define DIAG_CALL(text, call) \
   (diag_dbg_print(DIAG_LVL_DEBUG, "%s(): %s\n", __func__, (text)), DIAG_CALL_STATUS((text), (call)))
 
-// The half of a checked call behind the trace. `rc` is the call or its status.
+// The half of a checked call after the trace. `rc` is the call or its status.
 #define DIAG_CALL_STATUS(text, rc) diag_call_status((text), (rc), hw_err_to_str)
 
 // Diagnostic assertion: where `cond` does not hold, reports it with the call stack and aborts.
 #define DIAG_ASSERT(cond) DIAG_ASSERT_AS(cond, #cond)
 
-// The same with `text`, a literal, in place of the condition's source text. It becomes part of a format string.
+// The same with `text`, a literal, instead of the condition's source text. It becomes part of a format string.
 #define DIAG_ASSERT_AS(cond, text)                                                                             \
   do {                                                                                                         \
     if (!(cond)) {                                                                                             \

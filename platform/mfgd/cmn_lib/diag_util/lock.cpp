@@ -11,7 +11,7 @@
 
 namespace {
 
-// Path buffer of 288 bytes of which the last one is always the NUL.
+// Path buffer of 288 bytes; the last one is always NUL.
 constexpr size_t path_max = 287;
 
 struct lock_op_t {
@@ -48,8 +48,8 @@ constexpr int32_t command_of(int32_t cmd) {
   diag_std_assert_fail("0", __FILE__, __LINE__, op);
 }
 
-void check_handle(int32_t m_lock, const char *op) {
-  if (m_lock >= 0) return;
+void check_handle(int32_t lock, const char *op) {
+  if (lock >= 0) return;
   diag_dbg_print(DIAG_LVL_ERR, "ERROR %s(): Lock not initialized.  Fatal error, exitting.\n", op);
   die(op);
 }
@@ -62,10 +62,10 @@ void check_handle(int32_t m_lock, const char *op) {
 }
 
 // Returns 0, or LOCK_ERR_BUSY where the operation neither waits nor releases; does not come back from other failures.
-uint32_t request(int32_t m_lock, const lock_op_t &op) {
-  check_handle(m_lock, op.name);
-  diag_dbg_print(DIAG_LVL_DEBUG, "%s: %u.\n", op.doing, static_cast<uint32_t>(m_lock));
-  while (lock_req(m_lock, op.cmd, op.type) < 0) {
+uint32_t request(int32_t lock, const lock_op_t &op) {
+  check_handle(lock, op.name);
+  diag_dbg_print(DIAG_LVL_DEBUG, "%s: %u.\n", op.doing, static_cast<uint32_t>(lock));
+  while (lock_req(lock, op.cmd, op.type) < 0) {
     const int error = errno;
     const bool waits = op.cmd == F_SETLKW;
     if (waits && error == EINTR) continue;
@@ -85,54 +85,54 @@ int32_t lock_create(const char *name) {
   path[path_max] = '\0';
   diag_dbg_print(DIAG_LVL_DEBUG, "creating lock: %s\n", path);
   errno = 0;
-  const int32_t m_lock = open(path, O_RDWR | O_CREAT | O_TRUNC, 0600);
-  if (m_lock < 0)
+  const int32_t lock = open(path, O_RDWR | O_CREAT | O_TRUNC, 0600);
+  if (lock < 0)
     diag_dbg_print(DIAG_LVL_ERR, "ERROR %s(): error creating lock: %s\n: OS Error: errno: %d, %s \n", __func__, path,
                    errno, strerror(errno));
-  diag_dbg_print(DIAG_LVL_DEBUG, "Created lock with path: %s with fd: %u.\n", path, static_cast<uint32_t>(m_lock));
-  return m_lock;
+  diag_dbg_print(DIAG_LVL_DEBUG, "Created lock with path: %s with fd: %u.\n", path, static_cast<uint32_t>(lock));
+  return lock;
 }
 
-uint32_t lock_destroy(int32_t m_lock) {
-  check_handle(m_lock, __func__);
-  diag_dbg_print(DIAG_LVL_DEBUG, "Destroying lock with fd: %u.\n", static_cast<uint32_t>(m_lock));
+uint32_t lock_destroy(int32_t lock) {
+  check_handle(lock, __func__);
+  diag_dbg_print(DIAG_LVL_DEBUG, "Destroying lock with fd: %u.\n", static_cast<uint32_t>(lock));
   errno = 0;
-  (void)close(m_lock);
+  (void)close(lock);
   return 0;
 }
 
-uint32_t lock_get_rd_lock(int32_t m_lock) {
-  return request(m_lock, op_get_rd);
+uint32_t lock_get_rd_lock(int32_t lock) {
+  return request(lock, op_get_rd);
 }
 
-uint32_t lock_get_wr_lock(int32_t m_lock) {
-  return request(m_lock, op_get_wr);
+uint32_t lock_get_wr_lock(int32_t lock) {
+  return request(lock, op_get_wr);
 }
 
-uint32_t lock_get_rd_lockw(int32_t m_lock) {
-  return request(m_lock, op_get_rdw);
+uint32_t lock_get_rd_lockw(int32_t lock) {
+  return request(lock, op_get_rdw);
 }
 
-uint32_t lock_get_wr_lockw(int32_t m_lock) {
-  return request(m_lock, op_get_wrw);
+uint32_t lock_get_wr_lockw(int32_t lock) {
+  return request(lock, op_get_wrw);
 }
 
-uint32_t lock_drop_rd_lock(int32_t m_lock) {
-  return request(m_lock, op_drop_rd);
+uint32_t lock_drop_rd_lock(int32_t lock) {
+  return request(lock, op_drop_rd);
 }
 
-uint32_t lock_drop_wr_lock(int32_t m_lock) {
-  return request(m_lock, op_drop_wr);
+uint32_t lock_drop_wr_lock(int32_t lock) {
+  return request(lock, op_drop_wr);
 }
 
-int32_t lock_req(int32_t m_lock, int32_t cmd, int32_t type) {
+int32_t lock_req(int32_t lock, int32_t cmd, int32_t type) {
   struct flock req = {};
   req.l_type = static_cast<short>(type);
   req.l_whence = SEEK_SET;
   req.l_start = 0;
   req.l_len = 1;
   errno = 0;
-  return fcntl(m_lock, command_of(cmd), &req);
+  return fcntl(lock, command_of(cmd), &req);
 }
 
 }  // extern "C"

@@ -50,7 +50,7 @@ void *dequeue_tail(queue_t *list);
 void dequeue_elem(queue_t *list, void *prev, void *elem);
 
 // Removes and returns the first element, from the head, whose comparison returns 0 (queue_traverse selects the other
-// way round); null when there is none. The walk ends at the tail, whatever the tail's link holds.
+// way round); null when there is none. The walk ends at the tail and ignores the tail's link.
 void *search_and_dequeue_elem(queue_t *list, uint32_t arg, queue_test_t compare);
 
 // Tiny queue: a bare pointer to the first element; last in, first out.

@@ -6,13 +6,13 @@
 extern "C" {
 struct ptu_parms_t {
   uint32_t cpu_hz;        // cycles per second; all ones where the rate does not fit
-  double cpu_mhz;         // cycles per microsecond, exact whatever the rate
+  double cpu_mhz;         // cycles per microsecond, exact at any rate
   double usec_per_cycle;  // 1 / cpu_mhz
 };
 
 static_assert(sizeof(ptu_parms_t) == (sizeof(void *) == 4 ? 20 : 24));
 
-extern ptu_parms_t ptu_parms;  // all zero until _init_ptu, which alone writes it
+extern ptu_parms_t ptu_parms;  // all zero until _init_ptu; nothing else writes it
 
 // Copies the clock record to *ptu, which must not be null (asserted).
 void get_ptu_parms(ptu_parms_t *ptu);

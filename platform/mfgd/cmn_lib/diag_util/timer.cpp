@@ -1,4 +1,4 @@
-// The timers stand in a hashed wheel: a table of buckets, indexed by the expiry tick modulo the table's size. A bucket
+// The timers are in a hashed wheel: a table of buckets, indexed by the expiry tick modulo the table's size. A bucket
 // is a queue of expiry entries, in ascending order of their ticks; an entry is a queue of the timers of one tick, in
 // start order. With 8 buckets, at tick 0:
 //
@@ -228,7 +228,7 @@ uint32_t timer_update_period(diag_timer_t *timer, uint32_t period) {
 uint32_t timer_free(diag_timer_t *timer) {
   if (timer == nullptr) return 0;
   (void)timer_stop(timer);
-  // Volatile: the store is for whoever still holds the pointer, so it must not be dropped.
+  // Volatile: the store is for code that still holds the pointer, so it must not be dropped.
   *const_cast<volatile uint32_t *>(&timer->state) = TIMER_DELETED;
   free(timer);
   return 1;
@@ -251,7 +251,6 @@ uint32_t timer_some_time_elapsed() {
   const auto elapsed = static_cast<uint32_t>(clock_ticks());
   const uint32_t delta = elapsed - last_elapsed_ticks;
   if (delta == 0) return 0;
-  // Before the callbacks, which may poll themselves.
   last_elapsed_ticks = elapsed;
   for (uint32_t tick = 0; tick < delta; ++tick)
     timer_one_tick_elapsed();

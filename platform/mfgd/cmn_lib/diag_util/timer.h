@@ -5,8 +5,9 @@
 //   polled mode  timer_some_time_elapsed, called at will, reads the time-stamp counter and catches up on every tick
 //                since the last poll; "now" is the number of ticks on the clock since timer_module_init
 // Callbacks run inside those two calls. They may start, stop, restart and free timers, also others of the same tick
-// and, unless it is of kind TIMER_ONE_SHOT_FREE, the timer that they belong to; ticks must not be reported from there.
-// Nothing is locked: one thread.
+// and, unless it is of kind TIMER_ONE_SHOT_FREE, the timer that they belong to. They must not report ticks or poll: the
+// expiry that is at work is in its bucket until its last callback has returned, and a later tick that finds it there
+// fails an assertion. Nothing is locked: one thread.
 //
 // A null timer gives 0 everywhere. A timer that was freed, by timer_free or by itself, must not be passed again; the
 // assertion "timer->state != TIMER_DELETED" catches it where the memory still shows it.
@@ -101,7 +102,7 @@ extern uint64_t start_cycles;        // cycle count at initialisation in polled 
 [[nodiscard]] diag_timer_t *timer_new(uint32_t period, uint32_t type, timer_callback_t callback_func,
                                       uint32_t callback_param);
 
-// Starts a timer, or an active one anew, to expire its period from now; timers of one tick expire in start order.
+// Starts a timer, or restarts an active one, to expire its period from now; timers of one tick expire in start order.
 // Returns 1, or 0 when no memory is left: the timer is inactive then. A period of 0 is an assertion.
 uint32_t timer_start(diag_timer_t *timer);
 
@@ -131,7 +132,7 @@ uint32_t timer_some_time_elapsed();
 void timer_invoke_callback(queue_t *bucket, timer_exp_entry_t *entry);
 
 // The tick that lies `period` ticks from now; a period of 0 is an assertion.
-//   exp  gets it
+//   exp  receives it
 // Returns 1 if it wrapped past 2^64, else 0.
 uint32_t timer_calc_exp_time(uint32_t period, uint64_t *exp);
 

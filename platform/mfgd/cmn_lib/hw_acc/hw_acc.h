@@ -8,10 +8,10 @@ extern "C" {
 // Slots of the block. Each is given the block's m_parm as its last argument and returns a status of hw_err.h.
 //   inst    instance of the device
 //   offset  byte offset within the instance
-typedef uint32_t (*hw_acc_rd_t)(uint32_t inst, uint32_t offset, uint32_t *data, void *parm);
-typedef uint32_t (*hw_acc_wr_t)(uint32_t inst, uint32_t offset, uint32_t data, void *parm);
-typedef uint32_t (*hw_acc_ctl_t)(void *parm);
-typedef uint32_t (*hw_acc_lk_t)(uint32_t inst, void *parm);
+using hw_acc_rd_t = uint32_t (*)(uint32_t inst, uint32_t offset, uint32_t *data, void *parm);
+using hw_acc_wr_t = uint32_t (*)(uint32_t inst, uint32_t offset, uint32_t data, void *parm);
+using hw_acc_ctl_t = uint32_t (*)(void *parm);
+using hw_acc_lk_t = uint32_t (*)(uint32_t inst, void *parm);
 
 // One device. Owned by its driver, filled by the access method. Only m_rd and m_wr must be there: an access method
 // that needs no set-up or no locks leaves the other slots null.

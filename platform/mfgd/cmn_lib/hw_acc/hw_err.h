@@ -1,6 +1,7 @@
 // hw_err.h: the status codes of the hardware access library.
 //
-// A family of codes owns a block from its base upwards. Catalogue order is ascending but for HW_ERR_UNKNOWN, the last.
+// A family of codes owns a block from its base upwards. Catalogue order is ascending, except for HW_ERR_UNKNOWN, the
+// last.
 #pragma once
 
 #include <stdint.h>

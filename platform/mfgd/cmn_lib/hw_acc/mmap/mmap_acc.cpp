@@ -52,22 +52,22 @@ unsigned long printable(const void *addr) {
   return reinterpret_cast<unsigned long>(addr);
 }
 
-void destroy_lock(int32_t *m_lock) {
-  if (*m_lock != 0) (void)lock_destroy(*m_lock);
-  *m_lock = 0;
+void destroy_lock(int32_t *lock) {
+  if (*lock != 0) (void)lock_destroy(*lock);
+  *lock = 0;
 }
 
-enum class lock_kind { rd, wr };
+enum class lock_kind_t { rd, wr };
 
 // The process ends where the lock cannot be created.
-int32_t create_lock(const mmap_info_t *info, uint32_t inst, lock_kind kind) {
+int32_t create_lock(const mmap_info_t *info, uint32_t inst, lock_kind_t kind) {
   static constinit char name[256] = {};
-  const char *const suffix = kind == lock_kind::rd ? "read" : "write";
+  const char *const suffix = kind == lock_kind_t::rd ? "read" : "write";
   (void)snprintf(name, sizeof name - 1, "%s%01u-%s", info->m_hw_name, inst, suffix);
   name[sizeof name - 1] = '\0';
-  const int32_t m_lock = lock_create(name);
-  if (m_lock < 0) diag_dbg_print(DIAG_LVL_ERR, "lock_create(\"%s\") failed\n", name);
-  return m_lock;
+  const int32_t lock = lock_create(name);
+  if (lock < 0) diag_dbg_print(DIAG_LVL_ERR, "lock_create(\"%s\") failed\n", name);
+  return lock;
 }
 
 }  // namespace
@@ -181,25 +181,25 @@ uint32_t _mmap_fini(void *parm) {
 
 uint32_t _mmap_rd_lk_acq(uint32_t inst, void *parm) {
   mmap_info_t *const info = info_of(parm);
-  int32_t &m_rd_lock = info->m_inst_info[inst].m_rd_lock;
-  if (m_rd_lock == 0) {
-    const int32_t handle = create_lock(info, inst, lock_kind::rd);
-    if (handle < 0) assert((0));
-    m_rd_lock = handle;
+  int32_t &lock = info->m_inst_info[inst].m_rd_lock;
+  if (lock == 0) {
+    const int32_t created = create_lock(info, inst, lock_kind_t::rd);
+    if (created < 0) assert((0));
+    lock = created;
   }
-  (void)lock_get_rd_lockw(m_rd_lock);
+  (void)lock_get_rd_lockw(lock);
   return HW_SUCCESS;
 }
 
 uint32_t _mmap_wr_lk_acq(uint32_t inst, void *parm) {
   mmap_info_t *const info = info_of(parm);
-  int32_t &m_wr_lock = info->m_inst_info[inst].m_wr_lock;
-  if (m_wr_lock == 0) {
-    const int32_t handle = create_lock(info, inst, lock_kind::wr);
-    if (handle < 0) assert((0));
-    m_wr_lock = handle;
+  int32_t &lock = info->m_inst_info[inst].m_wr_lock;
+  if (lock == 0) {
+    const int32_t created = create_lock(info, inst, lock_kind_t::wr);
+    if (created < 0) assert((0));
+    lock = created;
   }
-  (void)lock_get_wr_lockw(m_wr_lock);
+  (void)lock_get_wr_lockw(lock);
   return HW_SUCCESS;
 }
 

@@ -34,7 +34,7 @@ extern int32_t devmemfd;  // descriptor of /dev/mem, shared by all mappings; neg
 
 // Describes a device and fills its callback block. Maps nothing; m_virt_addr and the lock fields are left to m_init.
 //   info       record to fill
-//   hw_name    device name, of which the first 31 characters count
+//   hw_name    device name; only the first 31 characters count
 //   num_inst   number of instances, at least 1
 //   base_addr  their physical base addresses
 //   len        bytes to map of each instance, not 0
@@ -77,7 +77,7 @@ uint32_t _mmap_rd_lk_rel(uint32_t inst, void *parm);
 uint32_t _mmap_wr_lk_rel(uint32_t inst, void *parm);
 
 // Read one item of 8, 16, 32 or 64 bits into *data, zero-extended, and fence the load. Return HW_SUCCESS. Instance and
-// offset are not checked. 64 bits are two 32-bit loads, low word first, of which the low word is delivered.
+// offset are not checked. 64 bits are two 32-bit loads, low word first; the result is the low word.
 uint32_t _mmap_rd8(uint32_t inst, uint32_t offset, uint32_t *data, void *parm);
 uint32_t _mmap_rd16(uint32_t inst, uint32_t offset, uint32_t *data, void *parm);
 uint32_t _mmap_rd32(uint32_t inst, uint32_t offset, uint32_t *data, void *parm);

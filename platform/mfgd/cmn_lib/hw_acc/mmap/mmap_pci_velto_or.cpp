@@ -51,13 +51,13 @@ enum : uint32_t {
 };
 
 struct position_t {
-  uint32_t bus;
-  uint32_t dev;
-  uint32_t func;
+  uint32_t m_bus;
+  uint32_t m_dev;
+  uint32_t m_func;
 };
 
 position_t position_of(uint32_t busdevfn) {
-  return {busdevfn >> 8, (busdevfn >> 3) & 0x1F, busdevfn & 7};
+  return {.m_bus = busdevfn >> 8, .m_dev = (busdevfn >> 3) & 0x1F, .m_func = busdevfn & 7};
 }
 
 // Parsing stops at the first column that is no number; what a wide column makes is the C library's choice.
@@ -80,10 +80,10 @@ uint32_t find_instance(uint16_t vendor, uint16_t device, uint32_t inst, position
   position_t from = {};
   for (uint32_t i = 0; i <= inst; ++i) {
     uint32_t pci_if = 0;
-    const uint32_t rc = pci_find_by_vendor_device(vendor, device, &pci_if, &from.bus, &from.dev, &from.func);
+    const uint32_t rc = pci_find_by_vendor_device(vendor, device, &pci_if, &from.m_bus, &from.m_dev, &from.m_func);
     if (rc != HW_SUCCESS) return rc;
     *found = from;
-    ++from.func;
+    ++from.m_func;
   }
   return HW_SUCCESS;
 }
@@ -114,18 +114,18 @@ uint32_t _pci_find_cb_vendor_device(pci_dev_line_t *line, void *ctx) {
   const auto &find = *static_cast<const pci_find_vendor_device_t *>(ctx);
   const position_t here = position_of(line->m_busdevfn);
   line->m_not_found = 1;
-  if (here.bus < *find.m_pci_bus) return HW_SUCCESS;
-  if (here.bus > *find.m_pci_bus) {
+  if (here.m_bus < *find.m_pci_bus) return HW_SUCCESS;
+  if (here.m_bus > *find.m_pci_bus) {
     *find.m_pci_dev = 0;
     *find.m_pci_func = 0;
   }
-  if (here.dev < *find.m_pci_dev) return HW_SUCCESS;
-  if (here.dev > *find.m_pci_dev) *find.m_pci_func = 0;
-  if (here.func < *find.m_pci_func) return HW_SUCCESS;
+  if (here.m_dev < *find.m_pci_dev) return HW_SUCCESS;
+  if (here.m_dev > *find.m_pci_dev) *find.m_pci_func = 0;
+  if (here.m_func < *find.m_pci_func) return HW_SUCCESS;
   if (line->m_vendor_device != find.m_vendor_device) return HW_SUCCESS;
-  *find.m_pci_bus = here.bus;
-  *find.m_pci_dev = here.dev;
-  *find.m_pci_func = here.func;
+  *find.m_pci_bus = here.m_bus;
+  *find.m_pci_dev = here.m_dev;
+  *find.m_pci_func = here.m_func;
   line->m_not_found = 0;
   return HW_SUCCESS;
 }
@@ -144,7 +144,7 @@ uint32_t _pci_find_cb_base_len(pci_dev_line_t *line, void *ctx) {
   if (find.m_bar % 2 == 0 && (value & BAR_64_BIT) != 0 && line->m_base[find.m_bar + 1] != 0) {
     const position_t here = position_of(line->m_busdevfn);
     diag_dbg_print(DIAG_LVL_ERR, "%s(): ERROR: PCI BAR %u is a 64-bit memory space for 0x%x:0x%x:0x%x\n", __func__,
-                   find.m_bar, here.bus, here.dev, here.func);
+                   find.m_bar, here.m_bus, here.m_dev, here.m_func);
     return PCI_ERR_64_BIT_MEMORY_SPACE;
   }
   *find.m_base = value & ~BAR_MEMORY_FLAGS;
@@ -164,7 +164,12 @@ uint32_t pci_find_by_vendor_device(uint16_t vendor, uint16_t device, uint32_t *p
   }
   if (*pci_bus > 255) return PCI_ERR_DEVICE_NOT_FOUND;
   *pci_if = 0;
-  pci_find_vendor_device_t find = {uint32_t{vendor} << 16 | device, pci_bus, pci_dev, pci_func};
+  pci_find_vendor_device_t find = {
+      .m_vendor_device = uint32_t{vendor} << 16 | device,
+      .m_pci_bus = pci_bus,
+      .m_pci_dev = pci_dev,
+      .m_pci_func = pci_func,
+  };
   return _pci_scan_devices_file(_pci_find_cb_vendor_device, &find);
 }
 
@@ -197,7 +202,12 @@ uint32_t mmap_get_map_pci(uint32_t hwtype, uint32_t inst, uint32_t bar, uint32_t
     diag_dbg_print(DIAG_LVL_ERR, "%s(): The device could not be found for vendorID: %d deviceID: %d instance: %d.\n",
                    __func__, vendor, device, inst);
   if (rc != HW_SUCCESS) return rc;
-  pci_find_base_len_t find = {at.bus * 256 + ((at.dev * 8) & 0xFF) + (at.func & 7), (bar - 0x10) / 4, base, len};
+  pci_find_base_len_t find = {
+      .m_busdevfn = at.m_bus * 256 + ((at.m_dev * 8) & 0xFF) + (at.m_func & 7),
+      .m_bar = (bar - 0x10) / 4,
+      .m_base = base,
+      .m_len = len,
+  };
   return _pci_scan_devices_file(_pci_find_cb_base_len, &find);
 }
 

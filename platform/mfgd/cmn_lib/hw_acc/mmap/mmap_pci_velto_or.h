@@ -29,7 +29,7 @@ struct pci_dev_line_t {
 };
 
 // Looks at one line. `ctx` is the search's own. The status of the last call is the scan's.
-typedef uint32_t (*pci_line_cb_t)(pci_dev_line_t *line, void *ctx);
+using pci_line_cb_t = uint32_t (*)(pci_dev_line_t *line, void *ctx);
 
 // Context of _pci_find_cb_vendor_device: what to find, and the position to search from, which the search moves on.
 struct pci_find_vendor_device_t {
@@ -78,7 +78,7 @@ struct pci_find_base_len_t {
 // Returns HW_ERR_FILE_IO, PCI_ERR_DEVICE_NOT_FOUND or the last call's status.
 [[nodiscard]] uint32_t _pci_scan_devices_file(pci_line_cb_t callback, void *ctx);
 
-// Callbacks; their contexts stand above.
+// Callbacks; their contexts are above.
 uint32_t _pci_find_cb_vendor_device(pci_dev_line_t *line, void *ctx);
 uint32_t _pci_find_cb_base_len(pci_dev_line_t *line, void *ctx);
 

@@ -24,15 +24,15 @@ constexpr uint32_t nvram_width = 2;
 constexpr uint32_t nvram_bars[RTC_NVRAM_INST_MAX] = {0x18, 0x1C, 0x20};
 
 struct regions_t {
-  uint32_t addr[RTC_NVRAM_INST_MAX];
-  std::array<uint32_t, RTC_NVRAM_INST_MAX> len;
+  uint32_t m_addr[RTC_NVRAM_INST_MAX];
+  std::array<uint32_t, RTC_NVRAM_INST_MAX> m_len;
 };
 
 // Looks up every region and returns the first failure.
 uint32_t find_regions(regions_t *regions) {
   uint32_t failed = HW_SUCCESS;
   for (uint32_t i = 0; i < RTC_NVRAM_INST_MAX; ++i) {
-    const uint32_t rc = mmap_get_map_pci(HWTYPE_PLX_PCI, 0, nvram_bars[i], &regions->addr[i], &regions->len[i]);
+    const uint32_t rc = mmap_get_map_pci(HWTYPE_PLX_PCI, 0, nvram_bars[i], &regions->m_addr[i], &regions->m_len[i]);
     if (failed == HW_SUCCESS) failed = rc;
   }
   return failed;
@@ -41,11 +41,11 @@ uint32_t find_regions(regions_t *regions) {
 // The largest length serves all regions; 0 where one of them, which is reported, has none.
 uint32_t common_length(const regions_t &regions, const char *op) {
   for (uint32_t i = 0; i < RTC_NVRAM_INST_MAX; ++i) {
-    if (regions.len[i] != 0) continue;
+    if (regions.m_len[i] != 0) continue;
     hw_acc_report_no_size(op, RTC_NVRAM_DEV_NAME, i, nvram_bars[i]);
     return 0;
   }
-  return std::ranges::max(regions.len);
+  return std::ranges::max(regions.m_len);
 }
 
 }  // namespace
@@ -61,9 +61,9 @@ uint32_t nvram_sw_init() {
   const uint32_t len = common_length(regions, __func__);
   if (mmap_info == nullptr) mmap_info = static_cast<mmap_info_t *>(malloc(mmap_acc_sizeof(RTC_NVRAM_INST_MAX)));
   if (mmap_info == nullptr) return HW_ERR_MALLOC;
-  rc =
-      DIAG_CALL("mmap_acc_init( mmap_info, RTC_NVRAM_DEV_NAME, Inst, addr, len, 2, dev)",
-                mmap_acc_init(mmap_info, RTC_NVRAM_DEV_NAME, RTC_NVRAM_INST_MAX, regions.addr, len, nvram_width, &dev));
+  rc = DIAG_CALL(
+      "mmap_acc_init( mmap_info, RTC_NVRAM_DEV_NAME, Inst, addr, len, 2, dev)",
+      mmap_acc_init(mmap_info, RTC_NVRAM_DEV_NAME, RTC_NVRAM_INST_MAX, regions.m_addr, len, nvram_width, &dev));
   if (rc != HW_SUCCESS) return rc;
   rc = DIAG_CALL("hw_acc_init( dev)", hw_acc_init(&dev));
   if (rc != HW_SUCCESS) return rc;

@@ -16,8 +16,11 @@ extern "C" {
 // reports.
 uint32_t nvram_libinit();
 
-// Finds and maps the regions, all three with the length of the largest; a region of length 0 fails a standard
-// assertion after a message. Once it has succeeded, another call only looks the regions up again.
+// Finds and maps the regions, all three with the length of the largest. Once it has succeeded, another call only looks
+// the regions up again.
+// A region of length 0 fails a standard assertion after a message. It must not borrow the length of the others: the
+// bridge decodes nothing for it, its base address is not one of NVRAM, and the test would write to what is there, at
+// base 0 to main memory.
 // Returns HW_SUCCESS, HW_ERR_MALLOC, or the status of the look-up or mapping that failed, which was reported. Nothing
 // is mapped when a look-up fails.
 [[nodiscard]] uint32_t nvram_sw_init();

@@ -62,15 +62,15 @@ uint16_t read_word(const hw_acc_cb_t &cb, uint32_t inst, uint32_t offset) {
 
 // Two exponents of the query table.
 struct cfi_pair_t {
-  uint16_t typ;
-  uint16_t max;
+  uint16_t m_typ;
+  uint16_t m_max;
 };
 
 cfi_pair_t read_cfi(uint32_t inst, uint32_t typ_offset, uint32_t max_offset) {
   cfi_pair_t pair = {};
   (void)_obfl_wr(inst, CFI_ENTRY, CMD_CFI_QUERY);
-  _obfl_rd(inst, typ_offset, &pair.typ);
-  _obfl_rd(inst, max_offset, &pair.max);
+  _obfl_rd(inst, typ_offset, &pair.m_typ);
+  _obfl_rd(inst, max_offset, &pair.m_max);
   (void)_obfl_wr(inst, UNLOCK_1, CMD_RESET);
   return pair;
 }
@@ -88,21 +88,21 @@ void unlock(uint32_t inst) {
 
 // How to poll: how many times, and how long before each.
 struct polls_t {
-  uint32_t count;
-  uint32_t usec;
+  uint32_t m_count;
+  uint32_t m_usec;
 };
 
 // typ and max in units of `unit` microseconds.
 constexpr polls_t polls_of(uint32_t typ, uint32_t max, uint32_t unit, uint32_t fallback_us) {
-  if (typ == 0 || typ > UINT32_MAX / unit) return {1, fallback_us};
-  return {std::max(max / typ, 1U), typ * unit};
+  if (typ == 0 || typ > UINT32_MAX / unit) return {.m_count = 1, .m_usec = fallback_us};
+  return {.m_count = std::max(max / typ, 1U), .m_usec = typ * unit};
 }
 
 // Polls until `running` bits no longer toggle, all of them.
 uint32_t wait_ready(uint32_t inst, obfl_addr_t addr, polls_t polls, uint16_t running) {
   uint16_t status = 0;
-  for (uint32_t i = 0; i < polls.count; ++i) {
-    diag_spin_usec(polls.usec);
+  for (uint32_t i = 0; i < polls.m_count; ++i) {
+    diag_spin_usec(polls.m_usec);
     uint16_t before = 0;
     _obfl_rd(inst, addr.addr, &before);
     _obfl_rd(inst, addr.addr, &status);
@@ -168,10 +168,10 @@ obfl_timeout_t get_timeout_val(uint32_t inst) {
   const cfi_pair_t wr = read_cfi(inst, CFI_TYP_WR, CFI_MAX_WR);
   const cfi_pair_t erase = read_cfi(inst, CFI_TYP_ERASE, CFI_MAX_ERASE);
   return {
-      .typ_erase_ms = time_of(pow(2.0, erase.typ)),
-      .max_erase_ms = time_of(pow(2.0, erase.max) * pow(2.0, erase.typ)),
-      .typ_wr_us = time_of(pow(2.0, wr.typ)),
-      .max_wr_us = time_of(pow(2.0, wr.typ) * pow(2.0, wr.max)),
+      .typ_erase_ms = time_of(pow(2.0, erase.m_typ)),
+      .max_erase_ms = time_of(pow(2.0, erase.m_max) * pow(2.0, erase.m_typ)),
+      .typ_wr_us = time_of(pow(2.0, wr.m_typ)),
+      .max_wr_us = time_of(pow(2.0, wr.m_typ) * pow(2.0, wr.m_max)),
   };
 }
 

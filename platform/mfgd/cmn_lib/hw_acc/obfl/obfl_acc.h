@@ -6,6 +6,11 @@
 //
 // Every erase and every page program holds the write lock from its first bus cycle until the flash is ready, every read
 // call holds the read lock; get_timeout_val takes none. Argument and address checks are diagnostic assertions.
+//
+// After HW_ERR_TIMEOUT the flash is as it was at the last poll; the driver does not reset it. Of that sector or page
+// the contents are not defined. A chip still at work (DQ5 clear) answers every read with its status and ignores
+// commands until it is ready by itself. One that has given up (DQ5 set, as the message says) does so until it is reset:
+// no later call succeeds before that.
 #pragma once
 
 #include <stddef.h>
@@ -84,8 +89,9 @@ uint32_t obfl_sw_finish();
 // Erase, write or read the sector at `sector_addr`.
 //   src  65536 words; the sector must have been erased
 //   dst  receives 65536 words
-// Return HW_SUCCESS, or HW_ERR_TIMEOUT after a message when the flash is still busy at the end of its maximum time. A
-// write ends at the first page that fails; earlier ones stay written. The flash is not reset.
+// Return HW_SUCCESS, or HW_ERR_TIMEOUT after a message when the flash is still busy at the end of its maximum time. An
+// erase may have erased any part of the sector by then. A write ends at the first page that fails; earlier ones stay
+// written, later ones erased.
 [[nodiscard]] uint32_t obfl_sector_erase(uint32_t inst, obfl_addr_t sector_addr, obfl_timeout_t timeout);
 [[nodiscard]] uint32_t obfl_sector_wr(uint32_t inst, obfl_addr_t sector_addr, const uint16_t *src,
                                       obfl_timeout_t timeout);
@@ -93,7 +99,7 @@ void obfl_sector_rd(uint32_t inst, obfl_addr_t sector_addr, uint16_t *dst);
 
 // Writes wr_data[i] at wr_addr[i], in order, for i below n_cpt, which must not be 0. Neighbouring entries of one page,
 // at most 16, are programmed together. `inst` is not checked, each address just before its use.
-// Returns HW_SUCCESS, or HW_ERR_TIMEOUT after a message; what was written before stays.
+// Returns HW_SUCCESS, or HW_ERR_TIMEOUT after a message, with which the call ends; what was written before stays.
 [[nodiscard]] uint32_t obfl_wr_array(uint32_t inst, uint32_t n_cpt, const obfl_addr_t *wr_addr, const uint16_t *wr_data,
                                      obfl_timeout_t timeout);
 

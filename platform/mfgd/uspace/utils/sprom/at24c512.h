@@ -1,6 +1,6 @@
 // at24c512.h: the serial EEPROM driver (Atmel AT24C512 data sheet).
 //
-// Byte by byte through the I2C service. The identity of the EEPROM follows from `path` of the device record alone;
+// Byte by byte through the I2C service. The identity of the EEPROM follows only from `path` of the device record;
 // `addr` matters only to a service that is told the record's own bus and address. Offsets are taken modulo 65536, the
 // size of the device. Nothing is retried; waiting for the EEPROM's write cycle is the service's business.
 #pragma once

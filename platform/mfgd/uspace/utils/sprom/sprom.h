@@ -13,7 +13,7 @@ enum : uint32_t {
   SPROM_TYPE_FAN = 6,   // fan; has a layout, but no image size
 };
 
-// Board families. Other numbers stand for none.
+// Board families. Other numbers mean none.
 enum : uint32_t {
   SPROM_PLATFORM_PELLIN = 0,
   SPROM_PLATFORM_TOSK = 2,
@@ -25,14 +25,14 @@ struct smb_dev_t {
   char path[36];      // bus device path, NUL-padded
   uint32_t addr;      // 7-bit I2C address
   uint32_t base;      // offset of the SPROM image within the device, bytes
-  uint32_t addr_len;  // bytes of the device's internal address; for the service alone, requests always carry two
+  uint32_t addr_len;  // bytes of the device's internal address; only for the service: requests always carry two
   uint32_t data_len;  // bytes of one data item; descriptive, not consulted
   uint32_t flags;     // 0; not consulted
 };
 
 // Reads `length` bytes from device offset `offset` to buf, or writes them. Negative on failure.
-typedef int32_t (*smb_rd_t)(const smb_dev_t *dev, uint32_t offset, uint32_t length, void *buf);
-typedef int32_t (*smb_wr_t)(const smb_dev_t *dev, uint32_t offset, uint32_t length, const void *buf);
+using smb_rd_t = int32_t (*)(const smb_dev_t *dev, uint32_t offset, uint32_t length, void *buf);
+using smb_wr_t = int32_t (*)(const smb_dev_t *dev, uint32_t offset, uint32_t length, const void *buf);
 
 // How one device is reached.
 struct smb_acc_t {
@@ -42,7 +42,7 @@ struct smb_acc_t {
 };
 
 // Write-protect hook. The library does not look at its result; a hook without a result of its own returns 0.
-typedef int32_t (*sprom_hook_t)(void);
+using sprom_hook_t = int32_t (*)(void);
 
 // One SPROM. The descriptors are tables; only `valid` and what `buf` points to change at run time.
 struct sprom_t {

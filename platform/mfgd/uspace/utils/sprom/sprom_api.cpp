@@ -24,10 +24,22 @@ struct family_t {
 
 // In the order of probing.
 constexpr std::array<family_t, 2> families{{
-    {SPROM_PLATFORM_PELLIN, sprom_init_pellin, sprom_get_slot_sup_pellin, sprom_get_slot_bp_pellin,
-     sprom_get_slot_chassis_pellin, sprom_platform_probe_pellin},
-    {SPROM_PLATFORM_TOSK, sprom_init_tosk, sprom_get_slot_sup_tosk, sprom_get_slot_bp_tosk, sprom_get_slot_chassis_tosk,
-     sprom_platform_probe_tosk},
+    {
+        .platform = SPROM_PLATFORM_PELLIN,
+        .init = sprom_init_pellin,
+        .get_slot_sup = sprom_get_slot_sup_pellin,
+        .get_slot_bp = sprom_get_slot_bp_pellin,
+        .get_slot_chassis = sprom_get_slot_chassis_pellin,
+        .probe = sprom_platform_probe_pellin,
+    },
+    {
+        .platform = SPROM_PLATFORM_TOSK,
+        .init = sprom_init_tosk,
+        .get_slot_sup = sprom_get_slot_sup_tosk,
+        .get_slot_bp = sprom_get_slot_bp_tosk,
+        .get_slot_chassis = sprom_get_slot_chassis_tosk,
+        .probe = sprom_platform_probe_tosk,
+    },
 }};
 
 const family_t *find_family(uint32_t platform) {

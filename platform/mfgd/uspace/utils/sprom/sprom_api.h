@@ -23,9 +23,9 @@ extern "C" {
 [[nodiscard]] int32_t sprom_get_slot_bp(uint32_t platform, uint32_t *slot, uint32_t *index);
 [[nodiscard]] int32_t sprom_get_slot_chassis(uint32_t platform, uint32_t *slot, uint32_t *index);
 
-// Read one field from the device, every time anew: the descriptor's cache is neither used nor filled, the image not
+// Read one field from the device, each time again: the descriptor's cache is neither used nor filled, the image not
 // verified. Null arguments and an access record without a read operation are asserted.
-//   pid, sn       20 bytes, without terminator, with whatever fill bytes the SPROM holds
+//   pid, sn       20 bytes, without terminator, with the SPROM's fill bytes
 //   hw_change     hardware change bits
 //   card_index    the card's model
 // Return  >= 0     read; the device's result

@@ -7,11 +7,11 @@
 #include "platform/mfgd/uspace/utils/sprom/sprom.h"
 
 extern "C" {
-// Reads `length` bytes at image offset `offset`, as they stand on the device.
+// Reads `length` bytes at image offset `offset`, as they are on the device.
 // Returns the result of the access record's smb_rd.
 [[nodiscard]] int32_t diag_sprom_rd(const sprom_t *sprom, uint32_t offset, uint32_t length, void *buf);
 
-// Writes `length` bytes at image offset `offset`, as they shall stand on the device: lifts the write protection before
+// Writes `length` bytes at image offset `offset`, as they will be on the device: lifts the write protection before
 // and restores it afterwards, also after a failed write. The hooks' results are not examined, so that a protection that
 // could not be lifted shows only when the SPROM is read back.
 // Returns the result of the access record's smb_wr.

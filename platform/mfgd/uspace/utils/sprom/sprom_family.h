@@ -42,6 +42,9 @@ extern "C" {
 [[nodiscard]] sprom_wiring_t sprom_wiring_pellin(const sprom_t *sprom);
 [[nodiscard]] sprom_wiring_t sprom_wiring_tosk(const sprom_t *sprom);
 
+// The pin, as in sprom_wiring_t, that protects the mezzanine's SPROM on a pellin board with these hardware change bits.
+[[nodiscard]] uint16_t sprom_mezz_pin_pellin(uint64_t change_bits);
+
 // Looks at the port, or at the level that the pin itself has, whatever was last written there. Returns
 // 1, 0  protected or not
 // < 0   the expander's negative result, or a negative errno value where the I/O privilege level stays refused

@@ -1,6 +1,6 @@
 // sprom_fields.h: the fields of each image kind: name, offset, width, order of bytes.
 //
-// One table for whoever needs to know where something stands in an image: the conversion of byte order, the queries,
+// One table for all code that needs to know where something is in an image: the conversion of byte order, the queries,
 // the command-line tool and the simulated board.
 #pragma once
 
@@ -12,7 +12,7 @@
 #include "platform/mfgd/uspace/utils/sprom/sprom_layout.h"
 
 // What a field holds, and with it the order of its bytes on the device.
-enum sprom_field_type : uint8_t {
+enum sprom_field_type_t : uint8_t {
   SPROM_FIELD_NUMBER,  // high byte first
   SPROM_FIELD_TEXT,    // as read; padded with NULs, blanks or 0xFF, without a terminator
   SPROM_FIELD_BYTES,   // as read
@@ -23,7 +23,7 @@ struct sprom_field_t {
   std::string_view name;
   uint16_t offset;  // from the image's start
   uint16_t width;   // bytes
-  sprom_field_type type;
+  sprom_field_type_t type;
 };
 
 namespace sprom_field_tables {

@@ -17,7 +17,7 @@
 enum : uint32_t {
   SPROM_BLK_SIGNATURE = 0,  // 16 bits
   SPROM_BLK_VERSION = 2,    // 8 bits
-  SPROM_BLK_LENGTH = 3,     // 8 bits: length of the block, header included; 0 stands for 256
+  SPROM_BLK_LENGTH = 3,     // 8 bits: length of the block, header included; 0 means 256
   SPROM_BLK_CHECKSUM = 4,   // 16 bits: sum of the block's other bytes
 };
 

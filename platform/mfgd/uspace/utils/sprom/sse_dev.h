@@ -1,8 +1,8 @@
 // sse_dev.h: I2C service transactions with the device of a record; for the drivers of this directory.
 //
 // The service's identities are coarser than the records: several device paths share one, and none says how many bytes a
-// device's address has. A service that can take them from the record is told them beforehand; one that has no sse_route
-// goes by the identity alone.
+// device's address has. A service with sse_route gets them from the record first; one that has no sse_route
+// uses only the identity.
 #pragma once
 
 #include <string.h>

@@ -1,0 +1,20 @@
+// json_defect.h: what is wrong with JSON that somebody gave, in this project's words.
+#pragma once
+
+#include <exception>
+#include <nlohmann/json.hpp>
+#include <string>
+
+namespace lab {
+
+// The library's words without its prefix, other exceptions' words as they are.
+inline std::string json_defect(const std::exception &wrong) {
+  if (const auto *const parse = dynamic_cast<const nlohmann::json::parse_error *>(&wrong))
+    return "it is not JSON, from byte " + std::to_string(parse->byte) + " on";
+  std::string text = wrong.what();
+  if (dynamic_cast<const nlohmann::json::exception *>(&wrong) == nullptr) return text;
+  const auto end = text.find("] ");
+  return "it has another form: " + (end == std::string::npos ? text : text.substr(end + 2));
+}
+
+}  // namespace lab

@@ -1,0 +1,466 @@
+#include "lab/campaign/matrix.h"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+
+#include "lab/base/fault_list.h"
+#include "lab/base/json_defect.h"
+#include "lab/run/rows.h"
+
+namespace lab {
+namespace {
+
+using nlohmann::ordered_json;
+
+constexpr const char *format_name = "post-campaign";
+constexpr int format_version = 1;
+
+// JSON cannot hold bytes that are no UTF-8; what is printed is escaped before it comes here.
+std::string dump(const ordered_json &value) {
+  return value.dump(-1, ' ', false, ordered_json::error_handler_t::replace);
+}
+
+double rounded(double seconds) {
+  return std::round(seconds * 1000) / 1000;
+}
+
+// What differs between two campaigns of one state; "" for what is not known.
+template <class T>
+auto changing_texts(T &origin) {
+  return std::array{std::pair("commit", &origin.commit), std::pair("machine", &origin.machine),
+                    std::pair("date", &origin.date), std::pair("command", &origin.command)};
+}
+
+ordered_json to_json(const run_result &run, bool times) {
+  ordered_json value;
+  value["fault"] = run.what.fault;
+  value["card"] = run.what.board.card;
+  value["revision"] = run.what.board.revision;
+  value["mode"] = name_of(run.what.mode);
+  value["repeat"] = run.what.repeat;
+  if (!run.what.stratum.empty()) value["stratum"] = run.what.stratum;
+  value["outcome"] = text_of(run.end).name;
+  value["fired"] = run.fired ? ordered_json(*run.fired) : ordered_json(nullptr);
+  value["fired_more"] = run.fired_more;
+  value["verdict"] = run.verdict;
+  value["reported"] = run.reported;
+  value["right_device"] = run.right;
+  value["line"] = run.line;
+  value["status"] = run.status;
+  value["contents"] = run.contents;
+  value["reason"] = run.reason;
+  if (run.explained) {
+    value["explanation"] = run.explained->text;
+    value["listed"] = run.explained->listed;
+    value["named"] = run.explained->named;
+    value["places"] = run.explained->places;
+  }
+  if (run.located) {
+    value["located"] = name_of(run.located->answer);
+    value["located_places"] = run.located->places;
+    value["located_text"] = run.located->text;
+    value["located_contents"] = run.located->contents;
+  }
+  if (!times) return value;
+  value["seconds"] = rounded(run.seconds);
+  value["cpu_seconds"] = rounded(run.cpu_seconds);
+  return value;
+}
+
+// ---- reading: a matrix may come from anywhere
+
+// A text of the object; not one that a terminal or a page could take for more.
+std::string text_in(const ordered_json &value, const char *key) {
+  auto text = value.at(key).get<std::string>();
+  const auto is_control = [](char c) { return (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7F; };
+  if (std::ranges::any_of(text, is_control)) throw std::invalid_argument(std::string(key) + " has a control character");
+  return text;
+}
+
+template <class T>
+T number_in(const ordered_json &value, const char *key) {
+  const auto &number = value.at(key);
+  const bool whole = number.is_number_unsigned() && number.get<uint64_t>() <= std::numeric_limits<T>::max();
+  if (!whole) throw std::invalid_argument(std::string(key) + " is no number, or too large");
+  return number.get<T>();
+}
+
+double seconds_in(const ordered_json &value, const char *key) {
+  const auto seconds = value.at(key).get<double>();
+  if (!(seconds >= 0 && seconds < 1e9)) throw std::invalid_argument(std::string(key) + " is no time");
+  return seconds;
+}
+
+void must_be(bool good, const std::string &what) {
+  if (!good) throw std::invalid_argument(what);
+}
+
+bool is_device(const std::string &name) {
+  for (const auto &row : rows)
+    for (size_t i = 0; i < row.parts.size(); ++i)
+      if (name == std::string(row.key) + "." + std::to_string(i)) return true;
+  return false;
+}
+
+run_result from_json(const ordered_json &value) {
+  run_result run;
+  run.what.fault = text_in(value, "fault");
+  run.what.board = {number_in<uint16_t>(value, "card"), text_in(value, "revision")};
+  must_be(run.what.board.revision == "P0" || run.what.board.revision == "P1", "no such revision");
+  const auto mode = mode_named(text_in(value, "mode"));
+  const auto end = outcome_named(text_in(value, "outcome"));
+  must_be(mode && end, "no such mode or outcome");
+  run.what.mode = *mode;
+  run.end = *end;
+  run.what.repeat = number_in<uint32_t>(value, "repeat");
+  if (value.contains("stratum")) run.what.stratum = text_in(value, "stratum");
+  if (!value.at("fired").is_null()) run.fired = number_in<uint64_t>(value, "fired");
+  run.fired_more = value.at("fired_more").get<bool>();
+  run.verdict = text_in(value, "verdict");
+  must_be(run.verdict == "passed" || run.verdict == "failed" || run.verdict == "none", "no such verdict");
+  run.reported = value.at("reported").get<std::vector<std::string>>();
+  must_be(std::ranges::all_of(run.reported, is_device), "no such device");
+  run.right = value.at("right_device").get<bool>();
+  run.line = text_in(value, "line");
+  run.status = number_in<uint8_t>(value, "status");
+  run.contents = text_in(value, "contents");
+  run.reason = text_in(value, "reason");
+  if (value.contains("named"))
+    run.explained = run_explanation{text_in(value, "explanation"), value.at("listed").get<bool>(),
+                                    value["named"].get<bool>(), number_in<uint64_t>(value, "places")};
+  if (value.contains("located")) {
+    const auto answer = located_named(text_in(value, "located"));
+    must_be(answer.has_value(), "no such answer of post-locate");
+    run.located = location{*answer, number_in<uint64_t>(value, "located_places"), text_in(value, "located_text"),
+                           text_in(value, "located_contents")};
+  }
+  if (value.contains("seconds")) run.seconds = seconds_in(value, "seconds");
+  if (value.contains("cpu_seconds")) run.cpu_seconds = seconds_in(value, "cpu_seconds");
+  return run;
+}
+
+provenance origin_from(const ordered_json &value) {
+  provenance origin{
+      text_in(value, "tool"), text_in(value, "program"), number_in<uint8_t>(value, "word_bits"), "", "", "", ""};
+  for (const auto &[key, text] : changing_texts(origin))
+    if (value.contains(key)) *text = text_in(value, key);
+  return origin;
+}
+
+shard shard_from(const ordered_json &value, size_t runs) {
+  shard part{number_in<size_t>(value, "number"),
+             number_in<size_t>(value, "of"),
+             text_in(value, "plan"),
+             number_in<size_t>(value, "all_runs"),
+             {}};
+  must_be(part.of <= 1'000'000 && part.all_runs <= 10'000'000, "too many shards or runs");
+  for (const auto &position : value.at("positions")) {
+    must_be(position.is_number_unsigned() && position.get<size_t>() < part.all_runs, "no such position");
+    part.positions.push_back(position.get<size_t>());
+  }
+  must_be(part.positions.size() == runs, "a position for each run");
+  must_be(part.number >= 1 && part.number <= part.of, "no such shard");
+  return part;
+}
+
+ordered_json summary_of(const std::vector<run_result> &runs) {
+  ordered_json summary;
+  const auto counts = count_outcomes(runs);
+  for (size_t i = 0; i < outcome_count; ++i)
+    summary[std::string(outcome_texts[i].name)] = counts[i];
+  summary["reported_by_right_device"] = std::ranges::count_if(runs, &run_result::right);
+  summary["unnoticed"] = std::ranges::count_if(runs, is_unnoticed);
+  const auto answers = count_located(runs);
+  for (size_t i = 0; i < located_count; ++i)
+    if (answers[i] > 0) summary["located_" + std::string(name_of(static_cast<located>(i)))] = answers[i];
+  summary["runs"] = runs.size();
+  return summary;
+}
+
+ordered_json rates_of(const matrix &all) {
+  auto list = ordered_json::array();
+  for (const auto &rate : rates(all)) {
+    ordered_json value;
+    value["fault"] = rate.what.key();
+    value["runs"] = rate.runs;
+    value["fired"] = rate.fired;
+    value["found"] = rate.found;
+    if (rate.fired > 0) {
+      const auto range = interval_of(rate.found, rate.fired);
+      value["rate_low"] = rounded(range.low);
+      value["rate_high"] = rounded(range.high);
+    }
+    value["first_found_in_run"] = rate.first_found ? ordered_json(*rate.first_found) : ordered_json(nullptr);
+    if (all.times && rate.seconds_to_found) value["seconds_to_found"] = rounded(*rate.seconds_to_found);
+    list.push_back(value);
+  }
+  return list;
+}
+
+ordered_json strata_to_json(const matrix &all) {
+  auto list = ordered_json::array();
+  for (const auto &one : strata_of(all)) {
+    const auto range = interval_of(one.count, one.of);
+    list.push_back({{"stratum", one.stratum},
+                    {"outcome", one.title},
+                    {"count", one.count},
+                    {"of", one.of},
+                    {"rate_low", range.low},
+                    {"rate_high", range.high}});
+  }
+  return list;
+}
+
+ordered_json to_json(const provenance &origin) {
+  ordered_json value{{"tool", origin.tool}, {"program", origin.program}, {"word_bits", origin.word_bits}};
+  for (const auto &[key, text] : changing_texts(origin))
+    if (!text->empty()) value[key] = *text;
+  return value;
+}
+
+std::string head_of(const matrix &all) {
+  ordered_json head;
+  head["format"] = format_name;
+  head["version"] = format_version;
+  head["origin"] = to_json(all.origin);
+  if (all.part)
+    head["shard"] = {{"number", all.part->number},
+                     {"of", all.part->of},
+                     {"plan", all.part->plan},
+                     {"all_runs", all.part->all_runs},
+                     {"positions", all.part->positions}};
+  head["space"] = all.space;
+  head["description"] = all.description;
+  head["repeats"] = all.repeats;
+  head["summary"] = summary_of(all.runs);
+  if (all.repeats > 1) head["rates"] = rates_of(all);
+  if (auto strata = strata_to_json(all); !strata.empty()) head["strata"] = std::move(strata);
+  auto left_out = ordered_json::array();
+  for (const auto &[fault, reason] : all.left_out)
+    left_out.push_back({{"fault", fault}, {"reason", reason}});
+  head["left_out"] = left_out;
+  if (all.times) {
+    head["times"] = {{"elapsed", rounded(all.times->elapsed)},
+                     {"run_cpu", rounded(all.times->run_cpu)},
+                     {"other_cpu", rounded(all.times->other_cpu)},
+                     {"jobs", all.times->jobs}};
+  }
+  return head.dump(2, ' ', false, ordered_json::error_handler_t::replace);
+}
+
+matrix read_matrix(const ordered_json &value) {
+  must_be(value.at("format") == format_name && value.at("version") == format_version, "no matrix of this program");
+  matrix all;
+  if (value.contains("origin")) all.origin = origin_from(value["origin"]);
+  all.space = text_in(value, "space");
+  all.description = text_in(value, "description");
+  all.repeats = number_in<uint32_t>(value, "repeats");
+  for (const auto &kind : value.at("left_out"))
+    all.left_out.emplace_back(text_in(kind, "fault"), text_in(kind, "reason"));
+  for (const auto &run : value.at("runs"))
+    all.runs.push_back(from_json(run));
+  if (const auto times = value.find("times"); times != value.end())
+    all.times = campaign_times{seconds_in(*times, "elapsed"), seconds_in(*times, "run_cpu"),
+                               seconds_in(*times, "other_cpu"), number_in<unsigned>(*times, "jobs")};
+  if (value.contains("shard")) all.part = shard_from(value["shard"], all.runs.size());
+  return all;
+}
+
+std::string told(const run_result &run) {
+  auto text = title_of(run);
+  for (const auto &device : run.reported)
+    text += (&device == &run.reported.front() ? " (" : ", ") + device;
+  return run.reported.empty() ? text : text + ")";
+}
+
+// Whether the fault is a candidate, and one of how many.
+std::string named(const run_explanation &explained) {
+  if (explained.listed && !explained.named) return "left out by the headline";
+  return explained.listed ? "one of " + std::to_string(explained.places) + " places" : "no candidate";
+}
+
+void compare(const run_result &before, const run_result &now, std::vector<std::string> *changes) {
+  const auto add = [&](const std::string &was, const std::string &is, const std::string &what = "") {
+    if (was != is) changes->push_back(now.what.key() + ": " + what + "was " + was + ", is " + is);
+  };
+  const auto shown = [](const std::string &text) { return text.empty() ? "nothing" : "\"" + text + "\""; };
+  add(told(before), told(now));
+  add(shown(before.contents), shown(now.contents), "changed contents: ");
+  add(shown(before.line), shown(now.line), "first line: ");
+  if (before.explained && now.explained) add(named(*before.explained), named(*now.explained));
+  if (before.located && now.located) add(before.located->title(), now.located->title(), "post-locate: ");
+}
+
+}  // namespace
+
+bool is_accounted_for(const run_result &run, std::string_view space) {
+  if (is_misplaced(run)) return false;
+  if (run.end == outcome::found || run.end == outcome::healthy || run.end == outcome::harmless) return true;
+  if (run.end == outcome::not_fired && (space == "cells" || parse_fault_text(run.what.fault).find("p"))) return true;
+  if (space == "transients") return run.end != outcome::refused;  // their rates are the result
+  return run.end != outcome::refused && run.end != outcome::false_alarm && !run.reason.empty();
+}
+
+bool is_misplaced(const run_result &run) {
+  return run.located && (run.located->answer == located::wrong || run.located->answer == located::failed);
+}
+
+bool is_unnoticed(const run_result &run) {
+  return run.verdict == "passed" && (run.end == outcome::missed || run.end == outcome::damaged);
+}
+
+std::string title_of(const run_result &run) {
+  const std::string title(text_of(run.end).title);
+  return run.end == outcome::damaged && is_unnoticed(run) ? title + ", unnoticed" : title;
+}
+
+std::string style_class(const run_result &run) {
+  return "o-" + std::string(text_of(is_unnoticed(run) ? outcome::missed : run.end).name);
+}
+
+std::string mark_of(const run_result &run) {
+  const std::string mark(text_of(run.end).mark);
+  return run.right && run.end != outcome::found ? std::string(text_of(outcome::found).mark) + mark : mark;
+}
+
+std::vector<std::pair<std::string, std::string>> provenance::properties() const {
+  return {{"tool", tool},
+          {"program", program},
+          {"word size", word_bits == 0 ? "" : std::to_string(word_bits) + " bits"},
+          {"commit", commit},
+          {"machine", machine},
+          {"date", date},
+          {"command", command}};
+}
+
+std::string provenance::text(bool with_machine) const {
+  std::string list;
+  for (const auto &[name, value] : properties())
+    if (!value.empty() && (with_machine || name != "machine")) list += (list.empty() ? "" : ", ") + name + ": " + value;
+  return list.empty() ? "not known" : list;
+}
+
+void matrix::forget_times() {
+  times.reset();
+  origin = {origin.tool, origin.program, origin.word_bits, "", "", "", ""};
+}
+
+outcome_counts count_outcomes(const std::vector<run_result> &runs) {
+  outcome_counts counts{};
+  for (const auto &run : runs)
+    ++counts.at(static_cast<size_t>(run.end));
+  return counts;
+}
+
+located_counts count_located(const std::vector<run_result> &runs) {
+  located_counts counts{};
+  for (const auto &run : runs)
+    if (run.located) ++counts.at(static_cast<size_t>(run.located->answer));
+  return counts;
+}
+
+interval interval_of(size_t count, size_t of) {
+  constexpr double z = 1.959964;  // 95 % of the normal distribution lie within so many deviations
+  const auto n = static_cast<double>(of);
+  const double rest = std::pow(0.025, 1 / n);  // above this rate, all of n are likely enough
+  if (count == 0) return {0, 1 - rest};
+  if (count == of) return {rest, 1};
+  const double rate = static_cast<double>(count) / n;
+  const double middle = rate + z * z / (2 * n);
+  const double half = z * std::sqrt(rate * (1 - rate) / n + z * z / (4 * n * n));
+  const double scale = 1 + z * z / n;
+  return {std::max(0.0, (middle - half) / scale), std::min(1.0, (middle + half) / scale)};
+}
+
+std::vector<stratum_class> strata_of(const matrix &all) {
+  std::map<std::string, std::map<std::string, size_t>> strata;
+  std::set<std::string> titles;
+  for (const auto &run : all.runs) {
+    if (run.what.stratum.empty()) continue;
+    ++strata[run.what.stratum][title_of(run)];
+    titles.insert(title_of(run));
+  }
+  std::vector<stratum_class> classes;
+  for (auto &[stratum, counts] : strata) {
+    size_t of = 0;
+    for (const auto &[title, count] : counts)
+      of += count;
+    for (const auto &title : titles)
+      classes.push_back({stratum, title, counts[title], of});
+  }
+  return classes;
+}
+
+std::vector<repeated_fault> rates(const matrix &all) {
+  std::vector<repeated_fault> list;
+  double seconds = 0;
+  for (const auto &run : all.runs) {
+    if (run.what.repeat == 0) {
+      list.push_back({run.what});
+      seconds = 0;
+    }
+    if (list.empty()) continue;
+    auto &fault = list.back();
+    ++fault.runs;
+    seconds += run.seconds;
+    if (run.fired.value_or(0) > 0) ++fault.fired;
+    if (!run.right || fault.found++ > 0) continue;
+    fault.first_found = fault.runs;
+    fault.seconds_to_found = seconds;
+  }
+  return list;
+}
+
+std::string run_to_json(const run_result &run, bool times) {
+  return dump(to_json(run, times));
+}
+
+std::string matrix_to_json(const matrix &all) {
+  auto text = head_of(all);
+  text.resize(text.rfind('\n'));
+  text += ",\n  \"runs\": [";
+  for (const auto &run : all.runs)
+    text += (&run == &all.runs.front() ? "\n    " : ",\n    ") + run_to_json(run, all.times.has_value());
+  return text + "\n  ]\n}\n";
+}
+
+std::optional<matrix> matrix_from_json(std::string_view text, std::string *error) try {
+  return read_matrix(ordered_json::parse(text));
+} catch (const std::exception &wrong) {
+  *error = json_defect(wrong);
+  return std::nullopt;
+}
+
+std::optional<run_result> run_from_json(std::string_view text, std::string *error) try {
+  return from_json(ordered_json::parse(text));
+} catch (const std::exception &wrong) {
+  *error = json_defect(wrong);
+  return std::nullopt;
+}
+
+std::vector<std::string> changes_since(const matrix &former, const matrix &now) {
+  std::map<std::string, const run_result *> before;
+  for (const auto &run : former.runs)
+    before.emplace(run.what.key(), &run);
+  const bool same_space = former.space == now.space && !former.part && !now.part;
+  std::vector<std::string> changes;
+  for (const auto &run : now.runs) {
+    const auto found = before.find(run.what.key());
+    if (found == before.end()) {
+      if (same_space) changes.push_back(run.what.key() + ": new, " + told(run));
+      continue;
+    }
+    compare(*found->second, run, &changes);
+    before.erase(found);
+  }
+  for (const auto &run : former.runs)
+    if (same_space && before.contains(run.what.key()))
+      changes.push_back(run.what.key() + ": not run, was " + told(run));
+  return changes;
+}
+
+}  // namespace lab

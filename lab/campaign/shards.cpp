@@ -1,0 +1,210 @@
+#include "lab/campaign/shards.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <numeric>
+#include <queue>
+
+#include "lab/base/fault_list.h"
+#include "lab/base/files.h"
+
+namespace lab {
+namespace {
+
+// How a system numbers its parallel jobs.
+struct shard_environment {
+  const char *number;
+  const char *of;
+  const char *first;  // variable with the lowest number; null where that is `base`
+  uint64_t base;
+  const char *status_file;  // names a file that shows that sharding is understood
+};
+// clang-format off
+constexpr std::array environments{std::to_array<shard_environment>({
+    {"TEST_SHARD_INDEX",    "TEST_TOTAL_SHARDS",      nullptr,                0, "TEST_SHARD_STATUS_FILE"},  // Bazel
+    {"GTEST_SHARD_INDEX",   "GTEST_TOTAL_SHARDS",     nullptr,                0, "GTEST_SHARD_STATUS_FILE"},
+    {"SLURM_ARRAY_TASK_ID", "SLURM_ARRAY_TASK_COUNT", "SLURM_ARRAY_TASK_MIN", 1, nullptr},
+    {"CI_NODE_INDEX",       "CI_NODE_TOTAL",          nullptr,                1, nullptr},                   // GitLab
+})};
+// clang-format on
+
+std::optional<uint64_t> variable(const char *name) {
+  const char *const value = name == nullptr ? nullptr : std::getenv(name);
+  return value == nullptr ? std::nullopt : parse_c_number(value);
+}
+
+std::optional<shard_number> made(std::optional<uint64_t> number, std::optional<uint64_t> of) {
+  if (!number || !of || *number < 1 || *number > *of || *of > 1'000'000) return std::nullopt;
+  return shard_number{static_cast<size_t>(*number), static_cast<size_t>(*of)};
+}
+
+std::optional<shard_number> shard_of_environment(std::string *error) {
+  for (const auto &one : environments) {
+    if (std::getenv(one.number) == nullptr) continue;
+    const auto number = variable(one.number);
+    const auto shard = made(number ? std::optional(*number + 1 - variable(one.first).value_or(one.base)) : std::nullopt,
+                            variable(one.of));
+    if (!shard) *error = std::string("--shard auto: bad values of ") + one.number + " and " + one.of;
+    const char *const file = one.status_file == nullptr ? nullptr : std::getenv(one.status_file);
+    if (shard && file != nullptr) *error = write_whole(file, "");
+    return shard && error->empty() ? shard : std::nullopt;
+  }
+  *error = "--shard auto: the environment of Bazel, GoogleTest, a Slurm array or GitLab is not there";
+  return std::nullopt;
+}
+
+// FNV-1a, Fowler, Noll and Vo.
+void add_to_hash(std::string_view bytes, uint64_t *hash) {
+  for (const char c : bytes)
+    *hash = (*hash ^ static_cast<unsigned char>(c)) * 0x100000001B3;
+  *hash = (*hash ^ bytes.size()) * 0x100000001B3;
+}
+
+bool is_same_program(const provenance &a, const provenance &b) {
+  return a.tool == b.tool && a.program == b.program && a.word_bits == b.word_bits;
+}
+
+// Why two parts do not belong together, "" if they do.
+std::string conflict(const matrix &a, const matrix &b) {
+  if (!b.part) return "no shard, but a whole matrix";
+  if (!is_same_program(a.origin, b.origin)) return "made by or of another program";
+  if (a.space != b.space || a.description != b.description || a.repeats != b.repeats) return "another fault space";
+  if (a.part->of != b.part->of || a.part->all_runs != b.part->all_runs) return "a shard of another number of shards";
+  return a.part->plan == b.part->plan ? "" : "made with other programs, or of other runs";
+}
+
+// "3, 7..9"
+std::string ranges_text(const std::vector<size_t> &numbers) {
+  std::string text;
+  for (size_t i = 0; i < numbers.size(); ++i) {
+    size_t last = i;
+    while (last + 1 < numbers.size() && numbers[last + 1] == numbers[last] + 1)
+      ++last;
+    text += (text.empty() ? "" : ", ") + std::to_string(numbers[i]);
+    if (last > i) text += (last > i + 1 ? ".." : ", ") + std::to_string(numbers[last]);
+    i = last;
+  }
+  return text;
+}
+
+void add_times(const campaign_times &times, campaign_times *sum) {
+  sum->elapsed = std::max(sum->elapsed, times.elapsed);
+  sum->run_cpu += times.run_cpu;
+  sum->other_cpu += times.other_cpu;
+  sum->jobs += times.jobs;
+}
+
+// The runs at their positions in the whole plan.
+class whole_plan {
+ public:
+  explicit whole_plan(const shard &first) : m_runs(first.all_runs), m_from(first.all_runs), m_shards(first.of) {}
+
+  // Returns "" or what is covered twice.
+  std::string add(const std::string &name, const matrix &part) {
+    m_shards.at(part.part->number - 1) = true;
+    for (size_t i = 0; i < part.runs.size(); ++i) {
+      const auto at = part.part->positions[i];
+      if (m_from[at] != nullptr) return part.runs[i].what.key() + " is in " + *m_from[at] + " and in " + name;
+      m_from[at] = &name;
+      m_runs[at] = part.runs[i];
+    }
+    return "";
+  }
+
+  // Returns "" or what is in no part.
+  [[nodiscard]] std::string missing() const {
+    std::vector<size_t> lost;
+    std::vector<size_t> runs;
+    for (size_t i = 0; i < m_shards.size(); ++i)
+      if (!m_shards[i]) lost.push_back(i + 1);
+    for (size_t i = 0; i < m_from.size(); ++i)
+      if (m_from[i] == nullptr) runs.push_back(i + 1);
+    if (runs.empty()) return "";
+    auto text = "missing of " + std::to_string(m_runs.size()) + " runs, by their line in --list: " + ranges_text(runs);
+    if (!lost.empty())
+      text += "; no matrix was given of shard " + ranges_text(lost) + " of " + std::to_string(m_shards.size());
+    return text;
+  }
+
+  [[nodiscard]] std::vector<run_result> take_runs() { return std::move(m_runs); }
+
+ private:
+  std::vector<run_result> m_runs;
+  std::vector<const std::string *> m_from;  // the part that a run is in
+  std::vector<bool> m_shards;
+};
+
+}  // namespace
+
+std::optional<shard_number> parse_shard(std::string_view text, std::string *error) {
+  if (text == "auto") return shard_of_environment(error);
+  const auto slash = std::min(text.find('/'), text.size());
+  const auto shard =
+      made(parse_c_number(text.substr(0, slash)), parse_c_number(text.substr(std::min(slash + 1, text.size()))));
+  if (!shard) *error = "--shard: '" + std::string(text) + "' is neither K/N, with K from 1 to N, nor auto";
+  return shard;
+}
+
+// The dearest runs first, each to the shard that has cost least so far.
+std::vector<std::vector<size_t>> split(const std::vector<run_item> &runs, size_t shards) {
+  std::vector<size_t> order(runs.size());
+  std::iota(order.begin(), order.end(), size_t{0});
+  const auto cost = [&](size_t i) { return expected_seconds(runs[i].mode); };
+  std::ranges::stable_sort(order, std::greater{}, cost);
+  using load = std::pair<double, size_t>;
+  std::priority_queue<load, std::vector<load>, std::greater<>> least;
+  for (size_t i = 0; i < shards; ++i)
+    least.emplace(0.0, i);
+  std::vector<std::vector<size_t>> parts(shards);
+  for (const auto run : order) {
+    const auto [sum, shard] = least.top();
+    least.pop();
+    parts[shard].push_back(run);
+    least.emplace(sum + cost(run), shard);
+  }
+  for (auto &part : parts)
+    std::ranges::sort(part);
+  return parts;
+}
+
+std::string plan_identity(const std::vector<run_item> &runs, const std::vector<std::string> &programs) {
+  uint64_t hash = 0xCBF29CE484222325;
+  for (const auto &run : runs)
+    add_to_hash(run.key(), &hash);
+  for (const auto &bytes : programs)
+    add_to_hash(bytes, &hash);
+  char text[24];
+  (void)std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
+  return text;
+}
+
+std::optional<matrix> merge(std::vector<std::pair<std::string, matrix>> parts, std::string *error) {
+  auto &first = parts.front().second;
+  if (!first.part) {
+    *error = parts.front().first + ": no shard, but a whole matrix";
+    return std::nullopt;
+  }
+  whole_plan plan(*first.part);
+  campaign_times times;
+  bool timed = true;
+  for (const auto &[name, part] : parts) {
+    const auto wrong = conflict(first, part);
+    *error = wrong.empty() ? plan.add(name, part) : name + ": " + wrong;
+    if (!error->empty()) return std::nullopt;
+    timed &= part.times.has_value();
+    if (part.times) add_times(*part.times, &times);
+    if (part.origin.machine != first.origin.machine) first.origin.machine = "several";
+  }
+  *error = plan.missing();
+  if (!error->empty()) return std::nullopt;
+  auto whole = std::move(first);
+  whole.part.reset();
+  whole.runs = plan.take_runs();
+  whole.times.reset();
+  if (timed) whole.times = times;
+  return whole;
+}
+
+}  // namespace lab

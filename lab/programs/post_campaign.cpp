@@ -1,0 +1,576 @@
+// post_campaign.cpp: post-campaign, which runs the self-test over a fault space.
+#include <fcntl.h>
+#include <sys/ioctl.h>
+#include <sys/resource.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <ctime>
+#include <filesystem>
+#include <numeric>
+#include <thread>
+
+#include "lab/base/command_line.h"
+#include "lab/base/files.h"
+#include "lab/base/text.h"
+#include "lab/campaign/journal.h"
+#include "lab/campaign/matrix.h"
+#include "lab/campaign/runner.h"
+#include "lab/campaign/score.h"
+#include "lab/campaign/shards.h"
+#include "lab/campaign/work_directory.h"
+#include "lab/report/coverage.h"
+#include "lab/report/html.h"
+#include "lab/report/junit_matrix.h"
+#include "lab/report/table.h"
+
+// Of the sources, "" outside of a checkout; cmake/commit.cmake writes its definition.
+extern const char lab_commit[];
+
+namespace {
+
+struct options {
+  std::string set = "standard";
+  uint64_t samples = 100;
+  uint64_t seed = 1;
+  std::vector<std::string> faults;
+  std::string from;
+  uint64_t healthy = 0;
+  uint32_t repeats = 1;
+  lab::board_setting board;
+  std::string mode;
+
+  std::string json;
+  std::string junit;
+  std::string html;
+  std::string coverage;
+  std::string explain;
+  std::string expect;
+  bool locate = false;
+  bool no_times = false;
+  bool summary = false;
+  bool wide = false;
+  bool list = false;
+
+  std::string shard;
+  std::vector<std::string> merge;
+  std::string read;
+  std::string resume;
+  std::string work;
+  bool keep = false;
+  unsigned jobs = std::max(1U, std::thread::hardware_concurrency());
+  double limit = 120;
+  double wall_limit = 0;
+  std::string board_sim;
+  std::string program;
+};
+
+constexpr char program[] = "post-campaign";
+constexpr char about[] =
+    "Runs the power-on self-test with faults of the simulated board and reports which it finds and misses.";
+
+int fail(const std::string &what) {
+  return lab::complain(program, what);
+}
+
+// The pipe's reading end can be read once a signal has asked for the end.
+int stop_pipe[2] = {-1, -1};
+volatile std::sig_atomic_t stop_signal = 0;
+
+void ask_to_stop(int signal) {
+  stop_signal = signal;
+  (void)!write(stop_pipe[1], "", 1);
+}
+
+bool catch_signals() {
+  if (pipe2(stop_pipe, O_CLOEXEC | O_NONBLOCK) != 0) return false;
+  struct sigaction act {};
+  act.sa_handler = ask_to_stop;
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP})
+    (void)sigaction(signal, &act, nullptr);
+  (void)std::signal(SIGPIPE, SIG_IGN);
+  return true;
+}
+
+// Ends as the signal would have ended the program.
+[[noreturn]] void end_by_signal() {
+  const int signal = stop_signal;
+  (void)std::signal(signal, SIG_DFL);
+  (void)raise(signal);
+  _exit(lab::EXIT_USAGE);
+}
+
+double cpu_seconds() {
+  rusage used{};
+  (void)getrusage(RUSAGE_SELF, &used);
+  const auto seconds = [](const timeval &time) {
+    return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_usec) / 1e6;
+  };
+  return seconds(used.ru_utime) + seconds(used.ru_stime);
+}
+
+size_t terminal_width() {
+  winsize size{};
+  if (isatty(STDOUT_FILENO) == 0 || ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0) return 0;
+  return size.ws_col;
+}
+
+// ---- what is to be run
+
+// Whether the faults are such that the board knows them, with good values.
+bool are_good(const std::vector<lab::run_item> &runs, std::string *error) {
+  return std::ranges::all_of(runs, [error](const auto &run) { return sim::fault_parse(run.fault, error).has_value(); });
+}
+
+std::optional<lab::fault_space> own_space(const options &opts, const lab::space_source &source, std::string *error) {
+  lab::fault_space space{"own", "faults as asked for; one fault a run", {}};
+  auto patterns = opts.faults;
+  if (!opts.from.empty()) {
+    const auto text = lab::read_whole(opts.from);
+    if (!text) {
+      *error = lab::os_error(opts.from);
+      return std::nullopt;
+    }
+    for (const auto line : lab::pieces_of(*text, '\n'))
+      if (!lab::words_of(line).empty() && !lab::words_of(line)[0].starts_with('#')) patterns.emplace_back(line);
+  }
+  for (const auto &pattern : patterns) {
+    const auto runs = lab::expand(pattern, {opts.board, lab::mode_named(opts.mode)}, source, error);
+    if (!runs || !are_good(*runs, error)) return std::nullopt;
+    space.runs.insert(space.runs.end(), runs->begin(), runs->end());
+  }
+  if (space.runs.empty()) {
+    *error = opts.from.empty() ? "no board has such a fault" : opts.from + ": no faults";
+    return std::nullopt;
+  }
+  return space;
+}
+
+std::optional<lab::fault_space> space_of(const options &opts, const lab::space_source &source, std::string *error) {
+  if (opts.healthy > 0) return lab::healthy_space(opts.healthy, lab::mode_named(opts.mode));
+  if (!opts.faults.empty() || !opts.from.empty()) return own_space(opts, source, error);
+  if (opts.set == "lines") return lab::lines_space(source, error);
+  if (opts.set == "cells") return lab::drawn_space(lab::drawn::cells, opts.samples, opts.seed, source, error);
+  if (opts.set == "drawn") return lab::drawn_space(lab::drawn::any, opts.samples, opts.seed, source, error);
+  if (opts.set == "transients") return lab::transients_space(opts.samples, opts.seed, source, error);
+  return lab::standard_space(source, error);
+}
+
+// ---- running it
+
+struct campaign {
+  lab::work_directory work;
+  lab::campaign_plan plan;
+  std::map<size_t, lab::run_result> done;
+};
+
+lab::runner make_runner(const options &opts, const campaign &all) {
+  return {{all.plan.board_sim,
+           all.work.path(),
+           all.plan.program,
+           {std::chrono::milliseconds(all.plan.limit_ms), std::chrono::milliseconds(all.plan.wall_limit_ms)},
+           opts.jobs,
+           opts.keep,
+           all.plan.locate},
+          stop_pipe[0]};
+}
+
+std::string begin(const options &opts, campaign *all) {
+  std::error_code ignored;
+  const auto own = std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path().string();
+  all->plan.board_sim = opts.board_sim.empty() ? own + "/board-sim" : lab::absolute_path(opts.board_sim);
+  all->plan.program = lab::absolute_path(opts.program);
+  all->plan.limit_ms = static_cast<uint64_t>(opts.limit * 1000);
+  all->plan.wall_limit_ms = static_cast<uint64_t>((opts.wall_limit > 0 ? opts.wall_limit : 10 * opts.limit) * 1000);
+  all->plan.repeats = opts.repeats;
+  all->plan.locate = opts.locate;
+  if (!opts.shard.empty()) {
+    std::string error;
+    all->plan.shard = lab::parse_shard(opts.shard, &error);
+    if (!all->plan.shard) return error;
+  }
+  return all->work.make(opts.work);
+}
+
+std::string go_on(const options &opts, campaign *all) {
+  std::string error = all->work.take_over(opts.resume);
+  if (!error.empty()) return error;
+  auto plan = lab::read_plan(all->work.path(), &error);
+  if (!plan) return error;
+  all->plan = std::move(*plan);
+  all->done = lab::read_runs(all->work.path());
+  return "";
+}
+
+// The positions of the runs that are this campaign's part of the plan.
+std::vector<size_t> own_positions(const campaign &all) {
+  const auto shard = all.plan.shard.value_or(lab::shard_number{});
+  return lab::split(all.plan.space.runs, shard.of).at(shard.number - 1);
+}
+
+// Runs what is not done. Returns "" or what went wrong.
+std::string run_all(const options &opts, lab::runner *runner, campaign *all) {
+  const auto &runs = all->plan.space.runs;
+  std::vector<size_t> wanted;
+  std::vector<lab::run_item> left;
+  for (const auto i : own_positions(*all)) {
+    if (all->done.contains(i)) continue;
+    wanted.push_back(i);
+    left.push_back(runs[i]);
+  }
+  lab::live_line live(left, opts.jobs);
+  std::string wrong;
+  auto failed = runner->run(runs, wanted, [&](size_t index, lab::run_result result) {
+    if (wrong.empty()) wrong = lab::add_run(all->work.path(), index, result);
+    live.add(result);
+    all->done.insert_or_assign(index, std::move(result));
+  });
+  live.end();
+  return failed.empty() ? wrong : failed;
+}
+
+// The program under test: post lies beside the board.
+std::string tested_program(const lab::campaign_plan &plan) {
+  const auto beside = std::filesystem::path(plan.board_sim).parent_path() / "post";
+  return plan.program.empty() ? beside.string() : plan.program;
+}
+
+std::string command_line() {
+  auto words = lab::read_whole("/proc/self/cmdline").value_or("");
+  while (!words.empty() && words.back() == '\0')
+    words.pop_back();
+  std::ranges::replace(words, '\0', ' ');
+  return lab::printable(words);
+}
+
+std::string now_text() {
+  const std::time_t now = std::time(nullptr);
+  std::tm fields{};
+  char text[32] = "";
+  if (gmtime_r(&now, &fields) != nullptr) (void)std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &fields);
+  return text;
+}
+
+lab::provenance origin_of(const lab::campaign_plan &plan, const std::string &program_bytes) {
+  constexpr std::string_view elf(
+      "\x7F"
+      "ELF");
+  unsigned bits = 0;
+  if (program_bytes.starts_with(elf) && program_bytes.size() > elf.size())
+    bits = program_bytes[elf.size()] == 1 ? 32 : 64;
+  utsname machine{};
+  (void)uname(&machine);
+  return {"post-campaign " LAB_VERSION,
+          std::filesystem::path(tested_program(plan)).filename().string(),
+          bits,
+          lab_commit,
+          std::string(machine.nodename) + " " + machine.machine,
+          now_text(),
+          command_line()};
+}
+
+lab::matrix matrix_of(campaign *all) {
+  const auto program_bytes = lab::read_whole(tested_program(all->plan)).value_or("");
+  lab::matrix matrix;
+  matrix.origin = origin_of(all->plan, program_bytes);
+  matrix.space = all->plan.space.name;
+  matrix.description = all->plan.space.description;
+  matrix.repeats = all->plan.repeats;
+  if (matrix.space == "standard")
+    for (const auto &kind : lab::left_out_kinds())
+      matrix.left_out.emplace_back(kind.name, kind.reason);
+  if (const auto &shard = all->plan.shard) {
+    const auto board_bytes = lab::read_whole(all->plan.board_sim).value_or("");
+    std::vector programs{program_bytes, board_bytes, all->plan.fault_list};
+    if (all->plan.locate)
+      programs.push_back(lab::read_whole(lab::post_locate_beside(all->plan.board_sim)).value_or(""));
+    matrix.part = {shard->number, shard->of, lab::plan_identity(all->plan.space.runs, programs),
+                   all->plan.space.runs.size(), own_positions(*all)};
+  }
+  for (const auto i : own_positions(*all))
+    matrix.runs.push_back(std::move(all->done.at(i)));
+  return matrix;
+}
+
+// Plans the runs of a new campaign. Returns "" or what went wrong.
+std::string plan_runs(const options &opts, const lab::runner &runner, campaign *all) {
+  std::string error;
+  auto space = space_of(opts, runner.source(), &error);
+  if (!space) return error;
+  all->plan.space = std::move(*space);
+  lab::repeat_runs(&all->plan.space, opts.repeats);
+  all->plan.fault_list = runner.fault_list_text();
+  return lab::write_plan(all->work.path(), all->plan);
+}
+
+// Returns "" or why the campaign cannot go on.
+std::string check_plan(const lab::runner &runner, const campaign &all) {
+  if (all.plan.fault_list == runner.fault_list_text()) return "";
+  return "the board's faults are no longer those of the campaign in " + all.work.path();
+}
+
+void list_runs(const campaign &all) {
+  for (const auto i : own_positions(all))
+    (void)std::printf("%s\n", all.plan.space.runs[i].key().c_str());
+}
+
+const char *typed_command = program;
+std::vector<std::string> typed;  // the arguments
+
+std::string shell_word(const std::string &word) {
+  constexpr const char *plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_./=:,+-";
+  if (!word.empty() && word.find_first_not_of(plain) == std::string::npos) return word;
+  std::string out = "'";
+  for (const char c : word)
+    out += c == '\'' ? R"('\'')" : std::string(1, c);
+  return out + "'";
+}
+
+// What was typed, under the name of the command that started this program, but with the directory of the interrupted
+// campaign.
+std::string resume_command(const std::string &work) {
+  const char *const command = std::getenv("POST_CAMPAIGN_COMMAND");
+  std::string line = shell_word(command != nullptr ? command : typed_command) + " --resume " + shell_word(work);
+  for (size_t i = 0; i < typed.size(); ++i) {
+    const std::string name = typed[i].substr(0, typed[i].find('='));
+    const bool is_place = name == "--resume" || name == "--work";
+    if (!is_place) line += " " + shell_word(typed[i]);
+    if (is_place && name == typed[i]) ++i;
+  }
+  return line;
+}
+
+// Whether all runs are done. Where they are not, their directory stays, to go on with.
+bool is_whole(const options &opts, campaign *all) {
+  const auto own = own_positions(*all);
+  const bool whole = std::ranges::all_of(own, [&](size_t i) { return all->done.contains(i); });
+  if (opts.keep || !whole) all->work.keep();
+  if (!whole) (void)lab::complain(program, "interrupted; go on with: " + resume_command(all->work.path()));
+  return whole;
+}
+
+using steady = std::chrono::steady_clock;
+
+lab::campaign_times times_of(const lab::matrix &matrix, steady::time_point start, unsigned jobs) {
+  const std::chrono::duration<double> elapsed = steady::now() - start;
+  lab::campaign_times times{elapsed.count(), 0, cpu_seconds(), jobs};
+  for (const auto &run : matrix.runs)
+    times.run_cpu += run.cpu_seconds;
+  return times;
+}
+
+// Returns nothing and says why in *error if there is no whole matrix.
+std::optional<lab::matrix> run_campaign(const options &opts, std::string *error) {
+  campaign all;
+  *error = opts.resume.empty() ? begin(opts, &all) : go_on(opts, &all);
+  if (!error->empty()) return std::nullopt;
+  auto runner = make_runner(opts, all);
+  *error = runner.prepare();
+  if (error->empty()) *error = opts.resume.empty() ? plan_runs(opts, runner, &all) : check_plan(runner, all);
+  if (!error->empty()) return std::nullopt;
+  if (opts.list) {
+    list_runs(all);
+    return lab::matrix{};
+  }
+  const auto start = steady::now();
+  *error = run_all(opts, &runner, &all);
+  if (!is_whole(opts, &all) || !error->empty()) return std::nullopt;
+  auto matrix = matrix_of(&all);
+  matrix.times = times_of(matrix, start, opts.jobs);
+  return matrix;
+}
+
+// ---- what came of it
+
+std::optional<lab::matrix> read_matrix(const std::string &path, std::string *error) {
+  const auto text = lab::read_whole(path);
+  if (!text) {
+    *error = lab::os_error(path);
+    return std::nullopt;
+  }
+  auto matrix = lab::matrix_from_json(*text, error);
+  if (!matrix) *error = path + ": " + *error;
+  return matrix;
+}
+
+std::optional<lab::matrix> merge_matrices(const std::vector<std::string> &paths, std::string *error) {
+  std::vector<std::pair<std::string, lab::matrix>> parts;
+  for (const auto &path : paths) {
+    auto part = read_matrix(path, error);
+    if (!part) return std::nullopt;
+    parts.emplace_back(path, std::move(*part));
+  }
+  return lab::merge(std::move(parts), error);
+}
+
+std::string write_files(const options &opts, const lab::matrix &matrix, const std::vector<std::string> &changes) {
+  const auto write = [](const std::string &path, const std::string &text) {
+    return path.empty() ? "" : lab::write_whole(path, text);
+  };
+  auto wrong = write(opts.json, lab::matrix_to_json(matrix));
+  if (wrong.empty()) wrong = write(opts.junit, lab::matrix_to_junit(matrix));
+  if (wrong.empty()) wrong = write(opts.html, lab::matrix_to_html(matrix, changes));
+  if (wrong.empty()) wrong = write(opts.coverage, lab::matrix_to_coverage(matrix));
+  if (wrong.empty()) wrong = write(opts.explain, lab::matrix_to_score(matrix));
+  return wrong;
+}
+
+// The table, if standard output is not taken by a file.
+std::string print(const options &opts, const lab::matrix &matrix) {
+  for (const auto *const path : {&opts.json, &opts.junit, &opts.html, &opts.coverage, &opts.explain})
+    if (*path == "-") return "";
+  const auto table = opts.summary ? "" : lab::matrix_table(matrix, terminal_width(), opts.wide) + "\n";
+  return lab::write_whole("-", table + lab::matrix_summary(matrix, opts.wide));
+}
+
+int conclude(const options &opts, lab::matrix matrix, const std::optional<lab::matrix> &former) {
+  if (opts.no_times) matrix.forget_times();
+  const auto changes = former ? lab::changes_since(*former, matrix) : std::vector<std::string>{};
+  auto wrong = print(opts, matrix);
+  if (wrong.empty()) wrong = write_files(opts, matrix, changes);
+  if (!wrong.empty()) return fail(wrong);
+  bool clean =
+      std::ranges::all_of(matrix.runs, [&](const auto &run) { return lab::is_accounted_for(run, matrix.space); });
+  for (const auto &fault : opts.explain.empty() ? std::vector<std::string>{} : lab::left_out_faults(matrix)) {
+    (void)std::fprintf(stderr, "no candidate of its own explanation: %s\n", fault.c_str());
+    clean = false;
+  }
+  for (const auto &run : matrix.runs)
+    if (lab::is_misplaced(run))
+      (void)std::fprintf(stderr, "post-locate: %s: %s: %s\n", run.what.key().c_str(), run.located->title().c_str(),
+                         run.located->text.c_str());
+  for (const auto &change : changes)
+    (void)std::fprintf(stderr, "changed: %s\n", change.c_str());
+  return clean && changes.empty() ? lab::EXIT_CLEAN : lab::EXIT_FINDINGS;
+}
+
+// ---- the command line
+
+constexpr const char *examples =
+    "Examples:\n"
+    "  post-campaign                                   every kind of fault, every line of each memory\n"
+    "  post-campaign --fault \"nvram-data-stuck instance=1 line=* level=0\"\n"
+    "  post-campaign --fault \"flash-cell-stuck offset=0x0 bit=3 level=0 p=10000\" --repeat 50\n"
+    "  post-campaign --healthy 14 --mode short         false alarms\n"
+    "  post-campaign --json now.json --html now.html --expect former.json\n"
+    "  post-campaign --shard 2/7 --json 2.json         the second of seven parts; then: --merge 1.json 2.json ...\n"
+    "  post-campaign --read now.json --coverage coverage.md --explain explain.md\n"
+    "\n"
+    "Exit status: 0 everything is accounted for, 1 something is not or has changed, 2 wrong usage or an error.\n";
+
+void add_space_options(CLI::App *app, options *opts) {
+  auto *const set =
+      app->add_option("--set", opts->set, "the fault space: standard (default), lines, cells, drawn or transients")
+          ->check(CLI::IsMember({"standard", "lines", "cells", "drawn", "transients"}));
+  app->add_option("--samples", opts->samples,
+                  "number of random faults in the sets cells and drawn, and in each stratum of transients, where 9604 "
+                  "give rates within 1 %, 385 within 5 %; default 100")
+      ->check(CLI::Range(uint64_t{1}, uint64_t{1'000'000}));
+  app->add_option("--seed", opts->seed, "seed of these; default 1");
+  auto *const fault = app->add_option("--fault", opts->faults, "your own faults, as a pattern; may be repeated")
+                          ->allow_extra_args(false);
+  auto *const from = app->add_option("--from", opts->from, "a file of patterns, one per line");
+  auto *const healthy = app->add_option("--healthy", opts->healthy, "number of runs of healthy boards")
+                            ->check(CLI::Range(uint64_t{1}, uint64_t{1'000'000}));
+  set->excludes(fault)->excludes(from)->excludes(healthy);
+  healthy->excludes(fault)->excludes(from);
+  app->add_option("--repeat", opts->repeats, "how many times to run each fault")
+      ->check(CLI::Range(uint32_t{1}, uint32_t{100'000}));
+  app->add_option("--card", opts->board.card, "card of patterns that name none; default 11062")
+      ->check(CLI::Range(0U, 65535U));
+  app->add_option("--revision", opts->board.revision, "its revision: P0 or P1 (default)")
+      ->check(CLI::IsMember({"P0", "P1"}));
+  app->add_option("--mode", opts->mode, "short, no-flash or full, instead of each fault's own")
+      ->check(CLI::IsMember({"short", "no-flash", "full"}));
+}
+
+void add_output_options(CLI::App *app, options *opts) {
+  app->add_option("--json", opts->json, "write the matrix to this file; - is standard output");
+  app->add_option("--junit", opts->junit, "write JUnit XML");
+  app->add_option("--html", opts->html, "write a page for a browser");
+  app->add_option("--coverage", opts->coverage, "write what a PASS covers, as Markdown");
+  app->add_option("--explain", opts->explain,
+                  "write what explanations are worth, as Markdown; one that lacks the fault is a finding");
+  app->add_option("--expect", opts->expect, "an earlier matrix: any change is a finding");
+  app->add_flag("--no-times", opts->no_times,
+                "omit times, machine and command, so that equal campaigns are equal byte for byte");
+  app->add_flag("--summary", opts->summary, "print only the summary");
+  app->add_flag("--wide", opts->wide, "print all that is known of each run, and the runs of each reason");
+  app->add_flag("--list", opts->list, "list the runs without starting them, and exit");
+}
+
+void add_run_options(CLI::App *app, options *opts) {
+  auto *const read = app->add_option("--read", opts->read, "read this matrix and run nothing");
+  auto *const resume =
+      app->add_option("--resume", opts->resume, "continue the campaign that was interrupted in this directory");
+  resume->excludes(read);
+  auto *const merge = app->add_option("--merge", opts->merge, "put these matrices of shards together and run nothing");
+  merge->excludes(read)->excludes(resume);
+  app->add_option("--shard", opts->shard, "run only part K of N that cost the same, as K/N; auto asks the environment")
+      ->excludes(read)
+      ->excludes(resume)
+      ->excludes(merge);
+  app->add_option("--work", opts->work, "work in this directory, new or empty; default a temporary one");
+  app->add_flag("--locate", opts->locate, "run post-locate with each fault, too, and judge the places that it names")
+      ->excludes(read)
+      ->excludes(merge);
+  app->add_flag("--keep", opts->keep, "keep the work directory, with the output and files of each run");
+  app->add_option("-j,--jobs", opts->jobs, "runs at a time; default one for each processor")
+      ->check(CLI::Range(1U, 1024U));
+  app->add_option("--limit", opts->limit, "processor seconds after which a run counts as hung; default 120")
+      ->check(CLI::Range(0.1, 86400.0));
+  app->add_option("--wall-limit", opts->wall_limit, "the same in seconds of the clock; default ten times as many")
+      ->check(CLI::Range(0.1, 864000.0));
+  app->add_option("--board-sim", opts->board_sim,
+                  "the simulated board; default the one in the directory of this program");
+  app->add_option("--program", opts->program, "run this program instead of post");
+}
+
+// A campaign is long: files that cannot be written are reported before it. Returns "" or what is wrong.
+std::string check_files(const options &opts) {
+  for (const auto *const path : {&opts.json, &opts.junit, &opts.html, &opts.coverage, &opts.explain}) {
+    if (path->empty() || *path == "-") continue;
+    const auto directory = std::filesystem::path(lab::absolute_path(*path)).parent_path();
+    if (access(directory.c_str(), W_OK) != 0) return lab::os_error(*path);
+  }
+  return "";
+}
+
+void add_options(CLI::App *app, options *opts) {
+  app->footer(examples);
+  app->set_version_flag("--version", "post-campaign " LAB_VERSION);
+  add_space_options(app, opts);
+  add_output_options(app, opts);
+  add_run_options(app, opts);
+}
+
+int run(const options &opts) {
+  if (!catch_signals()) return fail(lab::os_error("pipe"));
+  std::string error = check_files(opts);
+  if (!error.empty()) return fail(error);
+  std::optional<lab::matrix> former;
+  if (!opts.expect.empty()) {
+    former = read_matrix(opts.expect, &error);
+    if (!former) return fail(error);
+  }
+  std::optional<lab::matrix> matrix;
+  if (!opts.merge.empty())
+    matrix = merge_matrices(opts.merge, &error);
+  else
+    matrix = opts.read.empty() ? run_campaign(opts, &error) : read_matrix(opts.read, &error);
+  if (!matrix && error.empty() && stop_signal != 0) end_by_signal();
+  if (!matrix) return fail(error);
+  return opts.list ? lab::EXIT_CLEAN : conclude(opts, std::move(*matrix), former);
+}
+
+}  // namespace
+
+int main(int argc, char **argv) {
+  if (argc > 0) typed_command = argv[0];
+  typed.assign(argv + std::min(argc, 1), argv + argc);
+  return lab::run_program(program, about, argc, argv, add_options, run);
+}

@@ -1,0 +1,74 @@
+// device.h: a memory on the local bus: found in the kernel's list of PCI functions, claimed by its driver's locks and
+// mapped. Nothing here ends the program: what POST's start-up cannot do without is looked at first and reported.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "locate/finding.h"
+#include "locate/settings.h"
+#include "platform/mfgd/cmn_lib/hw_acc/hw_acc.h"
+#include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_acc.h"
+#include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_pci_velto_or.h"
+
+namespace locate {
+
+// A memory behind one of the bridge's base address registers.
+struct memory_row {
+  const char *part;     // "nvram0"; also the word of its lock in the fault table
+  const char *driver;   // whose locks it has
+  unsigned instance;    // of the driver
+  unsigned bar;         // 0 to 5
+  uint32_t max_length;  // bytes; of a longer region only these are used
+};
+
+// Words on a bus; what is measured goes through these two cycles.
+class word_bus {
+ public:
+  word_bus() = default;
+  word_bus(const word_bus &) = delete;
+  word_bus &operator=(const word_bus &) = delete;
+  virtual ~word_bus() = default;
+
+  // One bus cycle of 16 bits at an even byte offset.
+  [[nodiscard]] virtual uint16_t read(uint32_t offset) = 0;
+  virtual void write(uint32_t offset, uint16_t word) = 0;
+
+  [[nodiscard]] virtual uint32_t length() const = 0;  // bytes, a power of two
+};
+
+// The bridge's line of the kernel's list. Returns whether it is there; if not, *result has why.
+[[nodiscard]] bool find_bridge(pci_dev_line_t *bridge, part_result *result);
+// The process that has the lock of a file, as "process 42 (post)"; "" for none.
+[[nodiscard]] std::string lock_holder(int fd);
+
+class device : public word_bus {
+ public:
+  // Unmaps it and drops the locks.
+  ~device() override;
+
+  // Finds the memory, takes its locks against other processes, waiting `how.wait_ms` at most, and maps it. Returns
+  // whether it can be accessed; if not, *result has why.
+  [[nodiscard]] bool open(const memory_row &row, const settings &how, part_result *result);
+
+  [[nodiscard]] uint16_t read(uint32_t offset) override;
+  void write(uint32_t offset, uint16_t word) override;
+  [[nodiscard]] uint32_t length() const override { return m_length; }
+  [[nodiscard]] uint64_t accesses() const { return m_accesses; }
+
+ private:
+  [[nodiscard]] bool find(const memory_row &row, uint32_t *base, part_result *result);
+  [[nodiscard]] bool claim(const memory_row &row, const settings &how, part_result *result);
+  [[nodiscard]] bool map(const memory_row &row, uint32_t base, part_result *result);
+
+  hw_acc_cb_t m_access{};
+  mmap_info_t m_info{};  // of one instance
+  bool m_mapped = false;
+  std::array<int32_t, 2> m_locks{-1, -1};
+  uint32_t m_length = 0;
+  uint64_t m_accesses = 0;
+};
+
+}  // namespace locate

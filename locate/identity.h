@@ -1,0 +1,16 @@
+// identity.h: which card this is, as the probes need it.
+#pragma once
+
+#include <optional>
+
+#include "post/dorvan/cards.h"
+
+namespace locate {
+
+// The card by its SPROM driver; null if the driver does not answer, or the card is not of the family.
+[[nodiscard]] const dorvan_card_t *this_card();
+
+// The hardware change bits in the supervisor's SPROM; nothing if that cannot be read.
+[[nodiscard]] std::optional<uint64_t> change_bits();
+
+}  // namespace locate

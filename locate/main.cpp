@@ -1,0 +1,151 @@
+// post-locate: measures which line, pair of lines or cell of the board is broken, and keeps the contents.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+
+#include "faults/arguments.h"
+#include "locate/parts.h"
+#include "locate/report.h"
+
+namespace locate {
+namespace {
+
+constexpr char program[] = "post-locate";
+constexpr char about[] = "Measures which line, pair of lines or cell of the board is broken, and keeps the contents.";
+constexpr char footer[] = R"(Parts: nvram0 nvram1 nvram2 flash sproms ethernet pci system. All by default.
+Exit status: 0 nothing found, 1 something found, 2 trouble.
+
+Examples:
+  post-locate
+  post-locate --cells nvram1
+  post-locate --json - | jq -r '.parts[].findings[].sentence'
+  board-sim --fault "nvram-addr-short instance=0 line=9 other=10" -- post-locate nvram0)";
+
+struct options {
+  std::vector<std::string> parts;
+  std::string names;
+  std::string json;
+  settings how;
+  uint32_t wait = 10;  // seconds
+};
+
+int complain(const std::string &what) {
+  std::cerr << program << ": " << what << "\n";
+  return EXIT_TROUBLE;
+}
+
+std::string os_error(const std::string &path) {
+  return path + ": " + std::strerror(errno);
+}
+
+void add_options(CLI::App *app, options *chosen) {
+  std::vector<std::string> names;
+  names.reserve(all_parts.size());
+  for (const auto &part : all_parts)
+    names.emplace_back(part.name);
+  app->add_option("PART", chosen->parts, "parts to look at")->check(CLI::IsMember(names));
+  app->add_option("--repeat", chosen->how.rounds, "measure so often: for faults of lines that come and go")
+      ->type_name("N")
+      ->check(CLI::Range(1, 1000))
+      ->capture_default_str();
+  app->add_flag("--cells", chosen->how.cells, "every cell of the NVRAM, too: takes longer");
+  app->add_flag("--write", chosen->how.write, "allow two sectors of the flash to be erased, written and restored");
+  app->add_option("--names", chosen->names, "the board's own names of parts and nets")->type_name("FILE");
+  app->add_option("--json", chosen->json, "write the results as JSON; - is standard output")->type_name("FILE");
+  app->add_option("--state", chosen->how.state, "the directory of the journals")
+      ->type_name("DIR")
+      ->capture_default_str();
+  app->add_option("--wait", chosen->wait, "how long to wait for another process, in seconds")
+      ->type_name("SECONDS")
+      ->check(CLI::Range(86400))
+      ->capture_default_str();
+  app->footer(footer);
+  app->set_version_flag("--version,-V", "post-locate " LOCATE_VERSION);
+}
+
+bool is_asked_for(const options &chosen, std::string_view part) {
+  return chosen.parts.empty() || std::ranges::find(chosen.parts, part) != chosen.parts.end();
+}
+
+// Reads the table of names, if there is one. Returns what is wrong with it, "" for nothing.
+std::string read_names(const std::string &path, board_names *names) {
+  if (path.empty()) return "";
+  errno = 0;
+  std::ifstream file(path);
+  std::ostringstream text;
+  if (!file || !(text << file.rdbuf())) return os_error(path);
+  std::string error;
+  auto parsed = parse_names(text.str(), &error);
+  if (!parsed) return path + ": " + error;
+  *names = std::move(*parsed);
+  return "";
+}
+
+// Returns what went wrong, "" for nothing.
+std::string write_json(const std::string &path, const std::string &text) {
+  if (path.empty() || path == "-") return "";
+  errno = 0;
+  std::ofstream file(path, std::ios::trunc);
+  return file << text << std::flush ? "" : os_error(path);
+}
+
+int run(options chosen) {
+  board_names names;
+  if (const auto wrong = read_names(chosen.names, &names); !wrong.empty()) return complain(wrong);
+  chosen.how.wait_ms = chosen.wait * 1000;
+  chosen.how.progress = isatty(STDERR_FILENO) != 0;
+  std::cerr << restore_interrupted(chosen.how);
+  std::vector<part_result> results;
+  results.reserve(all_parts.size());
+  for (const auto &part : all_parts) {
+    if (!is_asked_for(chosen, part.name)) continue;
+    results.push_back(part.probe(chosen.how));
+    results.back().part = part.name;
+  }
+  const auto json = report_json(results);
+  if (const auto wrong = write_json(chosen.json, json); !wrong.empty()) return complain(wrong);
+  std::cout << (chosen.json == "-" ? json : report_text(results, names)) << std::flush;
+  return std::cout ? exit_code_of(results) : complain(os_error("standard output"));
+}
+
+// Devices must not get the numbers of standard streams that are closed.
+void open_standard_streams() {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(stream, F_GETFD) >= 0) continue;
+    (void)open("/dev/null", stream == STDERR_FILENO ? O_WRONLY : O_RDONLY);  // the lowest number that is free
+  }
+}
+
+int parse_and_run(int argc, char **argv) try {
+  CLI::App app{about, program};
+  options chosen;
+  add_options(&app, &chosen);
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError &stop) {
+    if (stop.get_exit_code() == 0) return app.exit(stop);
+    return complain(sim::defect_of(app, stop) + "\nTry 'post-locate --help' for more information.");
+  }
+  return run(std::move(chosen));
+} catch (const std::exception &wrong) {
+  return complain(wrong.what());
+}
+
+}  // namespace
+}  // namespace locate
+
+int main(int argc, char **argv) {
+  locate::open_standard_streams();
+  for (const int number : {SIGPIPE, SIGXFSZ})
+    (void)std::signal(number, SIG_IGN);
+  return locate::parse_and_run(argc, argv);
+}

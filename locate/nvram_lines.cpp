@@ -1,0 +1,344 @@
+#include "locate/nvram_lines.h"
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <cmath>
+#include <span>
+
+#include "locate/line_finding.h"
+#include "models/nvram_answers.h"
+#include "platform/mfgd/cmn_lib/diag_util/signal_hold.h"
+
+namespace locate {
+namespace {
+
+using models::nvram_access;
+using models::single_line_fault;
+using fault_list = std::vector<const single_line_fault *>;
+
+// Unlike in three bits at least; of each two bits, each is 1 in two tags where the other is 0. The last is the inverse
+// of the first, which shows an open line at once.
+constexpr std::array<uint16_t, 15> tags{0x9A21, 0x8A56, 0x034E, 0x0FE4, 0xF707, 0x7234, 0xA52D, 0x488B,
+                                        0x75C9, 0x7C49, 0x985A, 0x3B99, 0xDDA1, 0xDC8E, 0x65DE};
+
+constexpr unsigned rounds_of_intermittent = 16;
+constexpr size_t most_evidence = 4;
+// A fault that makes what was seen so much less likely than another is not named.
+constexpr double least_likely = 1e-3;
+
+uint32_t place(size_t k) {
+  return k == 0 ? 0 : uint32_t{1} << k;
+}
+
+struct wrong_answer {
+  uint32_t offset;
+  uint16_t written;
+  uint16_t read;
+  bool operator==(const wrong_answer &) const = default;
+};
+
+// What one round of 60 accesses gave.
+struct round_answers {
+  std::vector<nvram_access> log;
+  std::vector<wrong_answer> wrong;
+  bool differed = false;  // two reads of a word, one after the other
+  std::array<uint16_t, tags.size()> saved{};
+
+  [[nodiscard]] bool is_bad() const { return differed || !wrong.empty(); }
+};
+
+// One round over the words. A word is saved just before it gets its tag, and read just before it is restored if a data
+// line is bad: an open line keeps the level of its own word in the chip then.
+class star_round {
+ public:
+  //   saved  what to restore, if it is known already
+  star_round(word_bus *ram, journal *kept, size_t words, const round_answers *saved)
+      : m_ram(ram), m_kept(kept), m_words(words), m_known(saved) {}
+
+  round_answers run() {
+    for (size_t k = 0; k < m_words; ++k)
+      save_and_tag(k);
+    if (std::has_single_bit(static_cast<uint16_t>(check(0) ^ tags[0])))
+      check_and_restore();
+    else
+      check_then_restore();
+    return std::move(m_answers);
+  }
+
+ private:
+  uint16_t read(size_t k) {
+    const auto word = m_ram->read(place(k));
+    m_answers.log.push_back({place(k), word, false});
+    return word;
+  }
+  void write(size_t k, uint16_t word) {
+    m_answers.log.push_back({place(k), word, true});
+    m_ram->write(place(k), word);
+  }
+
+  void save_and_tag(size_t k) {
+    auto &saved = m_answers.saved[k];
+    saved = read(k);
+    const auto tagged = std::span(tags).first(k);
+    // An earlier word's tag: either its address leads here, or this one read was wrong, or the word happens to hold it.
+    m_read_again[k] = std::ranges::find(tagged, saved) != tagged.end();
+    if (m_read_again[k]) {
+      const auto again = read(k);
+      m_answers.differed |= again != saved;
+      saved = again;
+    }
+    if (m_known != nullptr) saved = m_known->saved[k];
+    if (m_kept->is_open()) (void)m_kept->keep({{place(k), saved}});
+    write(k, tags[k]);
+  }
+
+  uint16_t check(size_t k) {
+    const auto word = read(k);
+    if (word != tags[k]) m_answers.wrong.push_back({place(k), tags[k], word});
+    return word;
+  }
+
+  void check_and_restore() {
+    write(0, m_answers.saved[0]);
+    for (size_t k = 1; k < m_words; ++k) {
+      (void)check(k);
+      write(k, m_answers.saved[k]);
+    }
+  }
+
+  // Backwards, so that of words at one place the first one's contents, which are its own, come last. A word that was
+  // read again is not checked: if it has another's address, that one is.
+  void check_then_restore() {
+    for (size_t k = 1; k < m_words; ++k)
+      if (!m_read_again[k]) (void)check(k);
+    for (size_t k = m_words; k-- > 0;)
+      write(k, m_answers.saved[k]);
+  }
+
+  word_bus *m_ram;
+  journal *m_kept;
+  size_t m_words;
+  const round_answers *m_known;
+  round_answers m_answers;
+  std::array<bool, tags.size()> m_read_again{};
+};
+
+bool are_alike(std::span<const round_answers> rounds) {
+  return std::ranges::all_of(rounds, [&](const auto &one) { return one.wrong == rounds[0].wrong && !one.differed; });
+}
+
+class line_probe {
+ public:
+  line_probe(word_bus *ram, unsigned instance, journal *kept, part_result *result)
+      : m_ram(ram),
+        m_kept(kept),
+        m_result(result),
+        m_lines(static_cast<unsigned>(std::countr_zero(ram->length())) - 1),
+        m_of{"NVRAM " + std::to_string(instance), "nvram" + std::to_string(instance), instance},
+        m_faults(models::line_faults(models::memory_kind::nvram, 1, m_lines)) {}
+
+  // Returns whether the lines are good.
+  bool run(unsigned count) {
+    std::vector<round_answers> rounds{round(nullptr)};
+    while (rounds.size() < count)
+      rounds.push_back(round(rounds.data()));
+    const auto bad = std::ranges::find_if(rounds, &round_answers::is_bad);
+    if (bad == rounds.end()) return true;
+    const auto fits = are_alike(rounds) ? fitting(bad->log) : fault_list{};
+    if (!fits.empty() && is_one_place(fits))
+      report_permanent(fits, *bad);
+    else
+      repeat(std::move(rounds));
+    return false;
+  }
+
+ private:
+  round_answers round(const round_answers *saved) {
+    const signal_hold::scope until_restored;
+    return star_round(m_ram, m_kept, m_lines + 1, saved).run();
+  }
+
+  [[nodiscard]] fault_list fitting(std::span<const nvram_access> log) const {
+    fault_list fits;
+    for (const auto &fault : m_faults)
+      if (models::gives(&fault, log)) fits.push_back(&fault);
+    return fits;
+  }
+
+  void report_permanent(const fault_list &fits, const round_answers &seen) {
+    auto what = line_finding(m_of, fits);
+    add_evidence(seen, &what);
+    const auto &fault = *fits[0];
+    // What goes through bad data lines twice has what they let through; an open line is restored by the chip's own
+    // level.
+    if (!fault.address && fault.bad.kind != models::line_kind::floating) add_changed({}, &what);
+    add_finding(std::move(what), m_result);
+  }
+
+  static void add_evidence(const round_answers &seen, finding *what) {
+    for (const auto &one : seen.wrong) {
+      if (what->evidence.size() == most_evidence) break;
+      what->evidence.push_back("the word at " + hex(one.offset) + " read " + hex(one.read, 4) + " after " +
+                               hex(one.written, 4) + " was written");
+    }
+    if (seen.wrong.size() > most_evidence)
+      what->evidence.back() += ", and " + std::to_string(seen.wrong.size() - most_evidence) + " more like it";
+  }
+
+  void add_changed(const fault_list &fits, finding *what) const;
+  void repeat(std::vector<round_answers> rounds);
+  [[nodiscard]] fault_list possible(std::span<const round_answers> rounds) const;
+  void report_intermittent(const fault_list &fits, std::span<const round_answers> rounds);
+  void report_unknown(std::span<const round_answers> rounds);
+  void restore_at_last(const round_answers &first);
+
+  word_bus *m_ram;
+  journal *m_kept;
+  part_result *m_result;
+  unsigned m_lines;
+  memory_name m_of;
+  std::vector<single_line_fault> m_faults;
+};
+
+size_t count_wrong(std::span<const round_answers> rounds) {
+  size_t count = 0;
+  for (const auto &one : rounds)
+    count += one.wrong.size();
+  return count;
+}
+
+// How many of the words the fault can make wrong.
+size_t count_spoilable(const single_line_fault &fault, size_t words) {
+  // The word whose address the others then have is wrong as well.
+  size_t count = fault.address && !fault.bad.high ? 1 : 0;
+  for (size_t k = 0; k < words; ++k) {
+    const bool spoilt =
+        fault.address ? fault.bad.pass(place(k)) != place(k) : fault.bad.pass(tags[k], ~uint32_t{tags[k]}) != tags[k];
+    count += static_cast<size_t>(spoilt);
+  }
+  return count;
+}
+
+// How often the fault acts in an access that it can spoil, in millionths: one of two accesses, the write and the read,
+// makes an answer wrong.
+uint32_t rate_of(const single_line_fault &fault, std::span<const round_answers> rounds, size_t words) {
+  const auto spoilable = count_spoilable(fault, words);
+  const auto share = static_cast<double>(count_wrong(rounds)) / static_cast<double>(spoilable * rounds.size());
+  const double rate = 1 - std::sqrt(1 - std::min(share, 1.0));
+  // One digit is more than it is good for.
+  const double digit = std::pow(10, std::floor(std::log10(rate)));
+  return static_cast<uint32_t>(std::lround(std::round(rate / digit) * digit * sim::fault_trigger::certain));
+}
+
+void line_probe::repeat(std::vector<round_answers> rounds) {
+  while (rounds.size() < rounds_of_intermittent)
+    rounds.push_back(round(rounds.data()));
+  restore_at_last(rounds[0]);
+  const auto fits = are_alike(rounds) ? fault_list{} : possible(rounds);
+  if (fits.empty())
+    report_unknown(rounds);
+  else
+    report_intermittent(fits, rounds);
+}
+
+// How likely a fault is to spoil so many answers in so many rounds, as a logarithm, at the rate that fits it best. One
+// that can spoil many words is not likely to spoil a few only.
+double likelihood(const single_line_fault &fault, std::span<const round_answers> rounds, size_t words) {
+  const auto wrong = static_cast<double>(count_wrong(rounds));
+  const auto right = static_cast<double>(count_spoilable(fault, words) * rounds.size()) - wrong;
+  if (wrong == 0 || right <= 0) return 0;
+  return wrong * std::log(wrong / (wrong + right)) + right * std::log(right / (wrong + right));
+}
+
+// The line faults that may act in some accesses only and would give these answers, without unlikely ones.
+fault_list line_probe::possible(std::span<const round_answers> rounds) const {
+  std::vector<nvram_access> log;
+  for (const auto &one : rounds)
+    log.insert(log.end(), one.log.begin(), one.log.end());
+  // An answer that must be former contents could have been anything else.
+  const double by_chance = std::log(0x1p-16);
+  std::vector<std::pair<double, const single_line_fault *>> likely;
+  for (const auto &fault : m_faults)
+    if (const auto former = models::may_give(fault, log))
+      likely.emplace_back(likelihood(fault, rounds, m_lines + 1) + static_cast<double>(*former) * by_chance, &fault);
+  fault_list fits;
+  for (const auto &[of_it, fault] : likely)
+    if (of_it >= std::ranges::max_element(likely)->first + std::log(least_likely)) fits.push_back(fault);
+  return fits;
+}
+
+void line_probe::report_intermittent(const fault_list &fits, std::span<const round_answers> rounds) {
+  auto what = line_finding(m_of, fits);
+  const auto bad = static_cast<size_t>(std::ranges::count_if(rounds, &round_answers::is_bad));
+  const auto rate = rate_of(*fits[0], rounds, m_lines + 1);
+  what.intermittent = true;
+  what.sentence.pop_back();
+  what.sentence += ", but only at times: in " +
+                   (rate < 10'000 ? "less than 1" : "about " + std::to_string((rate + 5000) / 10'000)) +
+                   " % of the accesses.";
+  add_evidence(*std::ranges::find_if(rounds, &round_answers::is_bad), &what);
+  what.evidence.push_back("wrong answers in " + std::to_string(bad) + " of " + std::to_string(rounds.size()) +
+                          " rounds");
+  for (auto &text : what.candidates)
+    text += " p=" + std::to_string(rate);
+  what.next = "look for a cracked joint or a bent pin: repeat while you warm, cool or press on it; " + what.next;
+  add_changed(fits, &what);
+  add_finding(std::move(what), m_result);
+}
+
+void line_probe::report_unknown(std::span<const round_answers> rounds) {
+  const auto &seen = *std::ranges::find_if(rounds, &round_answers::is_bad);
+  const bool one_word =
+      seen.wrong.size() == 1 && std::has_single_bit(unsigned{seen.wrong[0].read} ^ seen.wrong[0].written);
+  const bool silent = std::ranges::all_of(seen.log, [](const auto &one) { return one.write || one.word == 0xFFFF; });
+  finding what{
+      .sentence = m_of.sentence + " gives answers that no single line fault gives.",
+      .intermittent = !are_alike(rounds),
+      .next = "look for several bad lines, a missing supply or select signal, or bad cells: --cells names them"};
+  if (silent) what.sentence = m_of.sentence + " does not answer: every word reads 0xFFFF.";
+  if (silent) what.next = "check the chip's supply, its select signal and the bridge's local address space";
+  if (one_word)
+    what.sentence = "A cell of " + m_of.sentence + " is bad: bit " +
+                    std::to_string(std::countr_zero(unsigned{seen.wrong[0].read} ^ seen.wrong[0].written)) +
+                    " of the word at " + hex(seen.wrong[0].offset) + ".";
+  if (one_word) what.next = "--cells names the kind of fault";
+  add_evidence(seen, &what);
+  add_changed({}, &what);
+  add_finding(std::move(what), m_result);
+}
+
+// Which words the accesses may have reached, and so changed.
+void line_probe::add_changed(const fault_list &fits, finding *what) const {
+  std::vector<uint32_t> places;
+  for (size_t k = 0; k <= m_lines; ++k) {
+    places.push_back(place(k));
+    for (const auto *fault : fits)
+      if (fault->address) places.push_back(fault->bad.pass(place(k)));
+  }
+  std::ranges::sort(places);
+  places.erase(std::unique(places.begin(), places.end()), places.end());
+  std::string list;
+  for (const auto at : places)
+    list += (list.empty() ? "" : " ") + hex(at);
+  what->evidence.push_back("these words may have changed: " + list);
+}
+
+// Writes each word until it reads back.
+void line_probe::restore_at_last(const round_answers &first) {
+  constexpr int tries = 8;
+  const signal_hold::scope until_restored;
+  for (size_t k = m_lines + 1; k-- > 0;)
+    for (int i = 0; i < tries && m_ram->read(place(k)) != first.saved[k]; ++i)
+      m_ram->write(place(k), first.saved[k]);
+}
+
+}  // namespace
+
+bool locate_lines(word_bus *ram, unsigned instance, unsigned rounds, journal *kept, part_result *result) {
+  line_probe probe(ram, instance, kept, result);
+  const bool good = probe.run(rounds);
+  return good;
+}
+
+}  // namespace locate

@@ -1,0 +1,102 @@
+// The lines of the NVRAM, on the models: every single fault is named, in 60 accesses, and the contents are kept.
+#include <gmock/gmock.h>
+
+#include "locate/nvram_lines.h"
+#include "models/single_faults.h"
+#include "tests/locate/model_ram.h"
+#include "tests/support/run.h"
+
+namespace {
+
+using locate::part_state;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+locate::part_result measure(model_ram *ram, unsigned instance, unsigned rounds = 1) {
+  locate::journal none("", "");
+  locate::part_result result;
+  const bool good = locate::locate_lines(ram, instance, rounds, &none, &result);
+  EXPECT_EQ(good, result.state == part_state::good);
+  return result;
+}
+
+TEST(locate_lines, names_each_fault_of_lines) {
+  unsigned seed = 0;
+  for (unsigned instance = 0; instance < 3; ++instance) {
+    for (const auto &one : models::line_faults(models::memory_kind::nvram, 1, 14)) {
+      const auto text = models::notation(one.fault, instance);
+      SCOPED_TRACE(text);
+      model_ram ram(text, ++seed);
+      const auto found = measure(&ram, instance);
+      ASSERT_EQ(found.findings.size(), 1U);
+      const auto &what = found.findings[0];
+      EXPECT_THAT(what.candidates, Contains(text));
+      EXPECT_FALSE(what.intermittent);
+      const bool stuck_address = one.address && one.bad.kind == models::line_kind::stuck;
+      EXPECT_EQ(what.candidates.size(), stuck_address ? 2U : 1U);
+      // One more where a word happens to hold another's tag.
+      EXPECT_LE(ram.accesses(), one.address ? 60U : 61U);
+      const bool keeps = one.address || one.bad.kind == models::line_kind::floating;
+      EXPECT_EQ(keeps, testing::Value(what.evidence, Not(Contains(StartsWith("these words may have changed")))));
+      for (const auto &[at, bits] : ram.changed()) {
+        EXPECT_FALSE(keeps) << at;
+        EXPECT_TRUE((at & (at - 1)) == 0 && (bits & ~one.bad.lines) == 0) << at << " " << bits;
+      }
+    }
+  }
+  EXPECT_EQ(seed, 3 * (482 + 16));
+}
+
+TEST(locate_lines, finds_nothing_on_good_lines_with_any_contents) {
+  for (unsigned seed = 0; seed < 1000; ++seed) {
+    model_ram ram("", seed);
+    const auto found = measure(&ram, 0);
+    EXPECT_TRUE(found.findings.empty()) << seed;
+    EXPECT_EQ(ram.accesses(), 60U) << seed;
+    EXPECT_TRUE(ram.changed().empty()) << seed;
+  }
+}
+
+// Whatever it does to the answers, the true fault is among the candidates, and never another one alone. LOCATE_SEED
+// draws others.
+TEST(locate_lines, names_faults_that_come_and_go_with_their_rate) {
+  const char *const asked = std::getenv("LOCATE_SEED");
+  std::mt19937 random(asked == nullptr ? 1 : static_cast<unsigned>(std::stoul(asked)));
+  size_t runs = 0;
+  for (const auto &[rate, rounds, least_found] :
+       {std::tuple{700'000, 8, 71}, {300'000, 8, 70}, {30'000, 16, 35}, {3'000, 100, 20}}) {
+    int found_by = 0;
+    for (const auto &one : models::line_faults(models::memory_kind::nvram, 1, 14)) {
+      if (++runs % 7 != 0) continue;
+      const auto text = models::notation(one.fault, 0);
+      const auto seed = static_cast<unsigned>(random());
+      SCOPED_TRACE(text + " p=" + std::to_string(rate) + " seed=" + std::to_string(seed));
+      model_ram ram(text + " p=" + std::to_string(rate) + " seed=" + std::to_string(seed), seed);
+      const auto found = measure(&ram, 0, static_cast<unsigned>(rounds));
+      if (found.findings.empty()) continue;
+      const auto &what = found.findings[0];
+      ++found_by;
+      EXPECT_THAT(what.candidates, Contains(StartsWith(text))) << what.sentence;
+      EXPECT_EQ(what.intermittent, testing::Value(what.evidence, Contains(HasSubstr(" rounds"))));
+    }
+    EXPECT_GE(found_by, least_found) << rate;
+  }
+}
+
+TEST(locate_lines, names_what_no_line_does) {
+  struct unknown_case {
+    const char *fault;
+    const char *sentence;
+  };
+  for (const auto &c : {unknown_case{"nvram-cell-stuck instance=0 offset=5 bit=0 level=0",
+                                     "A cell of NVRAM 0 is bad: bit 8 of the word at 0x4."}}) {
+    model_ram ram(c.fault, 3);
+    const auto found = measure(&ram, 0);
+    ASSERT_EQ(found.findings.size(), 1U);
+    EXPECT_EQ(found.findings[0].sentence, c.sentence);
+    EXPECT_FALSE(found.findings[0].intermittent);
+  }
+}
+
+}  // namespace

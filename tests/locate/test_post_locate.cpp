@@ -1,0 +1,101 @@
+// The program post-locate on the simulated board: its report, its exit status, and what a power cut leaves.
+#include <gmock/gmock.h>
+
+#include "tests/support/run.h"
+
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class post_locate : public testing::Test {
+ protected:
+  // Runs the program on the board of this test with a fault, if there is one.
+  [[nodiscard]] outcome run(const std::string &fault, const std::vector<std::string> &arguments) const {
+    std::vector<std::string> all;
+    if (!fault.empty()) all = {"--fault", fault};
+    all.insert(all.end(), {"--", POST_BIN_DIR "/post-locate"});
+    all.insert(all.end(), arguments.begin(), arguments.end());
+    return run_board(m_dir.path(), all);
+  }
+  [[nodiscard]] std::string contents(const std::string &name) const { return read_file(m_dir.path() / name); }
+  [[nodiscard]] std::filesystem::path journals() const { return m_dir.path() / "var/lib/post-locate"; }
+
+ private:
+  temp_dir m_dir;
+};
+
+TEST_F(post_locate, reports_each_kind_of_result) {
+  struct report_case {
+    const char *fault;
+    std::vector<std::string> arguments;
+    int status;
+    const char *out;  // begins so
+  };
+  const report_case cases[] = {
+      {"", {"nvram2"}, 0, "nvram2: good, 60 accesses\n  looked at: every address and data line\n"},
+      {"nvram-addr-short instance=1 line=9 other=10",
+       {"nvram1"},
+       1,
+       "nvram1: faulty, 60 accesses\n  Address lines A9 and A10 of NVRAM 1 are shorted; 0 wins.\n    seen: "},
+      {"bar-missing bar=3",
+       {"nvram1"},
+       1,
+       "nvram1: not tested\n  The bridge's base address register 3 has no address or no size.\n"},
+      {"bar-io bar=2", {"nvram0"}, 1, "nvram0: not tested\n  The bridge's base address register 2 maps I/O space"},
+      {"bar-64bit bar=4",
+       {"nvram2"},
+       1,
+       "nvram2: not tested\n  The bridge's base address register 4 is above 4 GiB.\n"},
+      {"pci-missing bus=0x2E dev=0 func=0", {"nvram0"}, 1, "nvram0: not tested\n  The local-bus bridge is not in the"},
+      {"pci-list-unreadable", {"nvram0"}, 1, "nvram0: not tested\n  The list of PCI functions cannot be read: Perm"},
+      {"mem-absent", {"nvram0"}, 1, "nvram0: not tested\n  /dev/mem cannot be opened: No such file or directory.\n"},
+      {"mem-mmap-refused", {"nvram0"}, 1, "nvram0: not tested\n  The memory cannot be mapped: MMAP_ERR_MMAP.\n"},
+      {"lock-dir-missing", {"nvram0"}, 1, "nvram0: not tested\n  The lock RTC_NVRAM0-read cannot be made: No such"},
+      {"lock-held lock=nvram1 kind=write ms=60000",
+       {"--wait", "0", "nvram1"},
+       1,
+       "nvram1: not tested\n  The lock RTC_NVRAM1-write is held by process "},
+      {"", {"--names", "/missing"}, 2, ""},
+      {"", {"nvram3"}, 2, ""},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.fault);
+    const auto ran = run(c.fault, c.arguments);
+    EXPECT_EQ(ran.status, c.status) << ran.err;
+    EXPECT_THAT(ran.out, StartsWith(c.out));
+    EXPECT_EQ(ran.err.empty(), c.status != 2) << ran.err;
+  }
+}
+
+// Writes at which the power fails: in the star, in the march, in the tours and in the last restoring. LOCATE_CUTS=N
+// takes N all over the run.
+std::vector<uint64_t> cuts() {
+  const char *const asked = std::getenv("LOCATE_CUTS");
+  if (asked == nullptr) return {3, 15, 16, 30, 31, 20'000, 130'000, 400'000, 900'000, 940'000};
+  std::vector<uint64_t> list(std::stoul(asked));
+  for (size_t i = 0; i < list.size(); ++i)
+    list[i] = 1 + i * 940'000 / list.size();
+  return list;
+}
+
+TEST_F(post_locate, loses_no_word_in_a_power_cut) {
+  (void)run("", {"nvram1"});
+  const auto before = contents("nvram1");
+  ASSERT_EQ(before.size(), 0x8000U);
+  for (const auto nth : cuts()) {
+    const auto fault = "nvram-power-cut instance=1 seed=" + std::to_string(nth) + " nth=" + std::to_string(nth);
+    SCOPED_TRACE(fault);
+    const auto cut = run(fault, {"--cells", "nvram1"});
+    EXPECT_EQ(cut.status, 128 + 9);
+    EXPECT_FALSE(std::filesystem::is_empty(journals()));
+    // Any next start restores, whatever it is asked for.
+    const auto next = run("", {"nvram0"});
+    EXPECT_THAT(next.err, HasSubstr("restored after a run that ended early"));
+    EXPECT_EQ(next.status, 0);
+    EXPECT_EQ(contents("nvram1"), before);
+    EXPECT_TRUE(std::filesystem::is_empty(journals()));
+  }
+}
+
+}  // namespace

@@ -1,0 +1,22 @@
+// opened.h: the flags with which a program opened its files last. The linker hands open to this file, which one source
+// of a program includes; the name of the call depends on the word size:
+//   -Wl,--wrap=open,--wrap=open64,--defsym=__wrap_open64=__wrap_open
+#pragma once
+
+#include <fcntl.h>
+
+#include "tests/support/test.h"
+
+inline std::map<std::string, int> &opened_with() {  // by path; constructors of other files open some, too
+  static auto &flags = *new std::map<std::string, int>;
+  return flags;
+}
+
+extern "C" {
+int __real_open(const char *path, int flags, ...), __wrap_open(const char *path, int flags, ...);
+
+int __wrap_open(const char *path, int flags, ...) {
+  opened_with()[path] = flags;
+  return __real_open(path, flags, 0600);
+}
+}
