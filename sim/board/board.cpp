@@ -182,8 +182,10 @@ void board_stop() {
 }
 
 void board_program_prints(std::string_view text) {
+  const auto name = row_begun_by(text);
+  if (!name) return;
   write_occasions(row_now());
-  program_prints(text);
+  row_begins(*name);
 }
 
 void board_program_ends() {

@@ -23,7 +23,7 @@ bool board_start(const options &opts, std::string *error);
 // Removes the board; the state directory stays. The C library's functions are plain again.
 void board_stop();
 
-// The program prints a text that begins a row.
+// The program prints a text, which may begin a row.
 void board_program_prints(std::string_view text);
 // The program ends normally: writes the reports that are known only then. Errors go to standard error.
 void board_program_ends();

@@ -126,13 +126,6 @@ class bus_log {
 // A pointer without destructor: accesses at the very end of a program are still logged.
 constinit bus_log *running = nullptr;
 
-// The rest of the text after `word`, or nothing.
-std::optional<std::string_view> after(std::string_view text, std::string_view word) {
-  const auto at = text.find(word);
-  if (at == std::string_view::npos) return std::nullopt;
-  return text.substr(at + word.size());
-}
-
 template <class Text>
 void draw(Text text) {
   if (!bus_is_watched()) return;
@@ -170,10 +163,15 @@ void bus_passed(const bus_cycle &cycle) {
   running->take(cycle);
 }
 
-void program_prints(std::string_view text) {
-  const auto name = after(text, "Executing ");
-  if (!name) return;
-  row() = name->substr(0, name->find(':'));
+std::optional<std::string_view> row_begun_by(std::string_view text) {
+  constexpr std::string_view begin = "  Executing ";
+  if (!text.starts_with(begin)) return std::nullopt;
+  text.remove_prefix(begin.size());
+  return text.substr(0, text.find(':'));
+}
+
+void row_begins(std::string_view name) {
+  row() = name;
   draw([](waves &to) { return to.row(row()); });
 }
 

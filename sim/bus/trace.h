@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -34,8 +35,11 @@ void flash_ready_passed(bool ready);
 
 // --- The program's rows ---------------------------------------------------------------------------------------------
 
-// Checks whether a text that the program prints begins a row: "Executing NAME: ".
-void program_prints(std::string_view text);
+// The name of the row that a text of the program's begins, "  Executing NAME: "; none if it begins no row.
+[[nodiscard]] std::optional<std::string_view> row_begun_by(std::string_view text);
+
+// The program begins a row.
+void row_begins(std::string_view name);
 
 // The row that the program began last; "" before the first.
 [[nodiscard]] const std::string &row_now();
