@@ -217,20 +217,22 @@ tidy() {
   toolchain
   for command in xargs sha256sum; do ln -s "$(type -P $command)" "$dir/bin/$command"; done
   stand_in clang-format <<<'echo version 14.0.6'
-  stand_in clang-tidy <<<'[ "$1" != --version ] || echo version 14.0.6; ! { [[ $* = *b.cpp ]] && grep bad b.cpp; }'
-  stand_in git <<<'[ "$2" = -z ] || printf "%s\n" a.cpp b.cpp c.cpp'
-  mkdir -p "$checkout/build/tidy"
+  stand_in clang-tidy <<<'[ "$1" != --version ] || echo version 14.0.6; ! { [[ $* = *b.cpp ]] && grep bad room/b.cpp; }'
+  stand_in git <<<'[ "$2" = -z ] || printf "%s\n" a.cpp room/b.cpp c.cpp'
+  mkdir -p "$checkout/build/tidy" "$checkout/room"
   echo clean | tee "$checkout/a.cpp" >"$checkout/.clang-tidy"
-  echo 'bad words' >"$checkout/b.cpp"
-  printf ' "file": "%s"\n' "$checkout/a.cpp" "$checkout/b.cpp" "$checkout/build/made.cpp" /usr/src/x.cpp \
+  echo 'bad words' >"$checkout/room/b.cpp"
+  printf ' "file": "%s"\n' "$checkout/a.cpp" "$checkout/room/b.cpp" "$checkout/build/made.cpp" /usr/src/x.cpp \
     >"$checkout/build/tidy/compile_commands.json"
   expect 1 'bad words' "$checkout/tools/check-style" --tidy
   grep -qx "Left out, because what they need is not here: c.cpp" "$dir/said"
   grep -qx 'check-style: clang-tidy found something' "$dir/said"
-  echo fine >"$checkout/b.cpp"
+  expect 2 'no such folder in the sources: rum' "$checkout/tools/check-style" --tidy rum
+  echo fine >"$checkout/room/b.cpp"
+  expect 0 '1 compiled sources are clean' "$checkout/tools/check-style" --tidy room/
   expect 0 '2 compiled sources are clean' "$checkout/tools/check-style" --tidy
   [ "$(grep -c 'clang-tidy.* a.cpp' "$dir/calls")" = 1 ]
-  [ "$(grep -c 'clang-tidy.* b.cpp' "$dir/calls")" = 2 ]
+  [ "$(grep -c 'clang-tidy.* room/b.cpp' "$dir/calls")" = 2 ]
 }
 
 # A page names a kernel's version, not the build of one machine.
