@@ -43,8 +43,8 @@ if(POST_WORD_SIZE EQUAL 32)
 endif()
 
 if(POST_SANITIZE)
-  # What the sanitizers put in takes twice as long to optimise further.
-  set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-O1 -g")
+  # What the sanitizers put in takes twice as long to optimise or to describe further; reports need lines only.
+  set(CMAKE_CXX_FLAGS_RELWITHDEBINFO "-Og -g1")
   add_compile_options(-fsanitize=address,undefined -fno-sanitize-recover=all -fno-omit-frame-pointer)
   add_link_options(-fsanitize=address,undefined)
 else()
