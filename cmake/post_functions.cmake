@@ -44,9 +44,10 @@ function(post_count name)
   endif()
 endfunction()
 
-# post_test(NAME SOURCES files... LIBS targets...): a test program; each of its tests is a ctest of its own.
+# post_test(NAME SOURCES files... LIBS targets... LONG tests...): a test program; each of its tests is a ctest of its own.
+# LONG: those that sanitizers would make last for minutes, and whose code others run.
 function(post_test name)
-  cmake_parse_arguments(arg "" "" "SOURCES;LIBS" ${ARGN})
+  cmake_parse_arguments(arg "" "" "SOURCES;LIBS;LONG" ${ARGN})
   add_executable(${name} ${arg_SOURCES})
   target_include_directories(${name} PRIVATE "${CMAKE_SOURCE_DIR}" "${CMAKE_SOURCE_DIR}/include")
   target_link_libraries(${name} PRIVATE ${arg_LIBS} GTest::gmock GTest::gtest GTest::gtest_main)
@@ -58,7 +59,12 @@ function(post_test name)
   post_count(${name})
   target_compile_definitions(${name} PRIVATE POST_BIN_DIR="${CMAKE_RUNTIME_OUTPUT_DIRECTORY}"
     POST_LIB_DIR="${CMAKE_LIBRARY_OUTPUT_DIRECTORY}")
-  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 300)
+  set(filter "")
+  if(arg_LONG AND POST_SANITIZE)
+    list(JOIN arg_LONG ":" long)
+    set(filter TEST_FILTER "-${long}")
+  endif()
+  gtest_discover_tests(${name} ${filter} DISCOVERY_MODE PRE_TEST PROPERTIES TIMEOUT 300)
 endfunction()
 
 # post_fuzz(NAME SOURCES files... LIBS targets... OPTIONS link options...): the fuzzer fuzz_NAME. The preset fuzz makes
