@@ -132,7 +132,9 @@ no_32_bits() {
 
 place_with_blanks() {
   toolchain
-  expect 0 "in $dir/elsewhere: <--state> <a b> <--> <-s>" "$checkout/tools/run-post" --state 'a b' -- -s
+  for dashes in -- ''; do
+    expect 0 "in $dir/elsewhere: <--state> <a b> <--> <-s>" "$checkout/tools/run-post" --state 'a b' $dashes -s
+  done
   expect 0 "in $dir/elsewhere: <--read> <a b>" "$checkout/tools/run-campaign" --read 'a b'
   ln -s "$checkout/tools/run-post" "$dir/elsewhere/link"
   expect 0 'in ' "$dir/elsewhere/link"
