@@ -97,6 +97,6 @@ done
 [ $count -ge $least ] || { echo "only $count commands found" && exit 1; }
 
 for name in *; do
-  case $name in tools | docs | build | README.md | fixture) continue ;; esac
+  case $name in tools | docs | build | README.md) continue ;; esac
   grep -qxE "/$name/?" "$root/.gitignore" || { echo "git does not ignore $name" && exit 1; }
 done
