@@ -169,14 +169,14 @@ is_installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'ok ins
 # need THING...: as want, but the command ends without them.
 need() {
   want "$@" && return 0
-  local thing missing=''
+  local thing needed=''
   for thing in "$@"; do
     have "$thing" && continue
-    missing+=" ${packages[$thing]}"
+    needed+=" ${packages[$thing]}"
     other_version "$thing"
   done
-  fail "something is missing. Type, as root: apt-get install$missing" \
-    "(Debian's names; on another distribution, what these packages hold)"
+  fail "something is missing. Type, as root: apt-get install$needed" \
+    "(Debian's needed; on another distribution, what these packages hold)"
 }
 
 # install_packages REASON PACKAGE...: by apt-get, as root or by sudo. What they say is shown where they fail.
