@@ -52,6 +52,8 @@ thing tidy       'faults that reading finds'                            clang-ti
 thing gcovr      'coverage'                                             gcovr
 thing jq         'reports'                                              jq
 thing python     'pictures'                                             python3
+thing browser    'the picture of a campaign'                            'chromium fonts-dejavu-core'
+thing promtool   'tests of the metrics and alerts'                      prometheus
 thing benchmark  'benchmarks'                                           libbenchmark-dev
 thing peers      'the timers that ours are measured against'            'libevent-dev libuv1-dev'
 thing packaging  'Debian packages, and clean roots to build and try them' \
@@ -85,6 +87,8 @@ have() {
     gcovr) commands gcovr gcov ;;
     jq) commands jq ;;
     python) commands python3 ;;
+    browser) commands chromium ;;
+    promtool) commands promtool ;;
     benchmark) includes benchmark/benchmark.h ;;
     packaging) commands debootstrap dpkg-deb lintian blhc ;;
     peers) includes event2/event.h && includes uv.h ;;
@@ -165,13 +169,13 @@ is_installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'ok ins
 # need THING...: as want, but the command ends without them.
 need() {
   want "$@" && return 0
-  local thing missing=''
+  local thing needed=''
   for thing in "$@"; do
     have "$thing" && continue
-    missing+=" ${packages[$thing]}"
+    needed+=" ${packages[$thing]}"
     other_version "$thing"
   done
-  fail "something is missing. Type, as root: apt-get install$missing" \
+  fail "something is missing. Type, as root: apt-get install$needed" \
     "(Debian's names; on another distribution, what these packages hold)"
 }
 

@@ -12,32 +12,44 @@ const std::string script = POST_SOURCE_DIR "/post/boot/post-boot";
 // stand_in NAME: a command of the tests' own, its text on standard input. The journal is a file here.
 const std::string set_up = R"(
 mkdir -p bin metrics && export PATH="$PWD/bin:$PATH" LOGS_DIRECTORY="$PWD/logs" STATE_DIRECTORY="$PWD/state"
-export METRICS="$PWD/metrics/post.prom"
+export METRICS="$PWD/metrics/post.prom" RUNTIME_DIRECTORY="$PWD/run"
+POST=$(command -v post)
 stand_in() { { echo '#!/bin/sh' && cat; } >"bin/$1" && chmod +x "bin/$1"; }
 echo "[ \"\$*\" = --journald ] && cat >>'$PWD/journal' && echo >>'$PWD/journal'" | stand_in logger
 )";
 
+// A post that, once the NVRAMs are tested, sends a signal: to the whole group as systemd does, or to the script.
+std::string ends_by(const std::string &who) {
+  return "stand_in post <<END\n{ until grep -q NVRAM run/last/output; do sleep 0.02; done; kill -TERM " + who +
+         "; } >/dev/null &\nexec '$POST'\nEND\n";
+}
+
 // Runs it with options of board-sim and arguments of its own; `before` is a command that comes first.
 outcome boot(const fs::path &dir, const std::string &options, const std::string &before = "true",
              const std::string &args = "-s") {
-  return run_shell(dir,
-                   set_up + before + "\nboard-sim --state board " + options + " -- " + shell_word(script) + " " + args);
+  return run_shell(dir, set_up + before + "\nboard-sim --state board " + options + " -- setsid -w " +
+                            shell_word(script) + " " + args);
 }
 
 TEST(post_boot, ends_and_reports_as_the_board_does) {
   // clang-format off
-  const std::tuple<const char *, const char *, int, size_t, const char *, const char *> cases[] = {
-      {"a sound board",                "",                                     0, 13, "1",  "PASS"},
-      {"a device fails",               "--fault 'i2c-absent bus=1 addr=0x52'", 1, 13, "0",  "FAIL"},
-      {"POST ends before its verdict", "--fault pci-list-unreadable",          1, 0,  "-1", "ERROR"},
+  const std::tuple<const char *, const char *, std::string, int, size_t, const char *, const char *> cases[] = {
+      {"a sound board",                "",                                     "true",           0, 13, "1",  "PASS"},
+      {"a device fails",               "--fault 'i2c-absent bus=1 addr=0x52'", "true",           1, 13, "0",  "FAIL"},
+      {"an unknown card",              "--card 1",                             "true",           0, 11, "-1", "ERROR"},
+      {"POST ends before its verdict", "--fault pci-list-unreadable",          "true",           1, 0,  "-1", "ERROR"},
+      {"the unit is stopped",          "",                                     ends_by("0"),     1, 6,  "-1", "ERROR"},
+      {"only the script is stopped",   "",                                     ends_by("\\$PPID"), 1, 6, "-1", "ERROR"},
   };
   // clang-format on
-  for (const auto &[what, options, status, count, verdict, word] : cases) {
+  for (const auto &[what, options, before, status, count, verdict, word] : cases) {
     SCOPED_TRACE(what);
     const temp_dir dir;
-    const auto run = boot(dir.path(), options);
+    const auto run = boot(dir.path(), options, "mkdir -p logs/earlier && ln -s earlier logs/last\n" + before);
     EXPECT_EQ(run.status, status) << run.err;
     EXPECT_FALSE(run.out.empty());
+    EXPECT_EQ(run.err.find("a signal ended the test") != std::string::npos, before != "true") << run.err;
+    EXPECT_EQ(read_file(dir.path() / "run/last/output"), run.out);
     EXPECT_EQ(read_file(dir.path() / "logs/last/output"), run.out);
     const auto records = read_file(dir.path() / "logs/last/result");
     EXPECT_EQ(static_cast<size_t>(std::ranges::count(records, '\n')), count);
@@ -80,6 +92,32 @@ TEST(post_boot, runs_the_test_that_the_administrator_chose) {
       EXPECT_TRUE(boot(dir.path(), "", "true", "").out.starts_with("test -s\n"));
     }
   }
+}
+
+TEST(post_boot, refuses_other_arguments_than_its_own) {
+  for (const std::string &args : std::vector<std::string>{"-x", "-sS", "-s -s", "--full-next -s", "s", "''"}) {
+    SCOPED_TRACE(args);
+    const temp_dir dir;
+    const auto run = boot(dir.path(), "", "true", args);
+    EXPECT_EQ(run.status, 2);
+    EXPECT_EQ(run.out, "");
+    EXPECT_TRUE(run.err.starts_with("post-boot: wrong arguments: ")) << run.err;
+    EXPECT_FALSE(fs::exists(dir.path() / "logs"));
+  }
+}
+
+// A pass of an earlier run is no answer, and a journal that took nothing has none.
+TEST(post_boot, says_what_it_could_not_deliver) {
+  const temp_dir dir;
+  const auto run =
+      boot(dir.path(), "",
+           "stand_in logger <<'END'\nexit 1\nEND\n"
+           "stand_in post-results <<'END'\n[ $1 != --prometheus ] && exec board-results \"$@\"; exit 2\nEND\n"
+           "ln -s \"${POST%/*}/post-results\" bin/board-results; echo 'post_verdict 1' >metrics/post.prom");
+  EXPECT_EQ(run.status, 0);
+  EXPECT_FALSE(fs::exists(dir.path() / "metrics/post.prom"));
+  const std::string none = "post-boot: cannot write " + (dir.path() / "metrics/post.prom").string() + "\n";
+  EXPECT_EQ(run.err, none + none + "post-boot: 17 entries could not be sent to the journal\n");
 }
 
 // A mkdir that puts a full disk in the place of what a run is to keep.
@@ -138,9 +176,10 @@ TEST(post_boot, forgets_the_oldest_of_more_than_a_hundred_runs_and_nothing_else)
   const auto run = boot(dir.path(), "",
                         "mkdir -p logs/other\n"
                         "for n in $(seq 100 200); do mkdir -p logs/01234567-89ab-cdef-0123-000000000$n; done\n"
-                        "touch -d 2020-01-01 logs/*-*150\ntouch -d 2021-01-01 logs/*-*160");
+                        "touch -d 2120-01-01 logs/*; touch -d 2110-01-01 logs/*-*150\ntouch -d 2111-01-01 logs/*-*160");
   ASSERT_EQ(run.status, 0) << run.err;
   EXPECT_EQ(std::distance(fs::directory_iterator(dir.path() / "logs"), {}), 100 + 2);
+  EXPECT_EQ(read_file(dir.path() / "logs/last/output"), run.out);
   EXPECT_FALSE(fs::exists(dir.path() / "logs/01234567-89ab-cdef-0123-000000000150"));
   EXPECT_FALSE(fs::exists(dir.path() / "logs/01234567-89ab-cdef-0123-000000000160"));
 }

@@ -17,6 +17,14 @@ stand_in post-campaign <<E2
 case " \$* " in *" --read "* | *" --list "*) ;; *) set -- "\$@" --list ;; esac
 exec $(printf %q "$1/post-campaign") "\$@"
 E2
+# Of the system that starts it, only units.
+mkdir -p "$dir/etc/systemd/system" "$dir/metrics"
+cp "$root/post/boot/post-boot.service" "$dir/etc/systemd/system"
+echo '[Unit]' >"$dir/etc/systemd/system/boot-complete.target"
+printf '#!/bin/sh\nexec %q --root=%q "$@"\n' "$(type -P systemctl)" "$dir" | stand_in systemctl
+printf '#!/bin/sh\nexec %q --state %q -- %q "$@"\n' "$1/board-sim" "$dir/board" "$root/post/boot/post-boot" |
+  stand_in post-boot
+export LOGS_DIRECTORY="$dir/logs" STATE_DIRECTORY="$dir/state" RUNTIME_DIRECTORY="$dir/run" METRICS="$dir/metrics/prom"
 export PATH="$dir/bin:$PATH"
 
 # What pages take as given.
@@ -28,11 +36,11 @@ for run in 1 2; do post -s >/dev/null; done
 cp "$dir/board/post/result" result
 sprom show --json SUPERVISOR >sprom.json
 
-# of_manual FILE: ".Dl COMMAND", and the "$ COMMAND" lines of literal blocks, which may go on after "\e".
+# of_manual FILE: ".Dl COMMAND", and the "$ COMMAND" lines of literal blocks, which may go on after "\e", or "# COMMAND".
 of_manual() {
   sed -e 's/\\(dq/"/g' -e 's/\\&//g' "$1" |
     awk '/^\.Dl / { sub(/^\.Dl /, ""); print }
-         /^\$ / { line = substr($0, 3); while (sub(/\\e$/, "", line)) { getline more; line = line more }; print line }'
+         /^[$#] / { line = substr($0, 3); while (sub(/\\e$/, "", line)) { getline more; line = line more }; print line }'
 }
 # of_help PROGRAM: the lines of "Examples:"; what they are for follows after two blanks.
 of_help() { "$1" --help | awk '/^Examples:/ { on = 1; next } /^$/ { on = 0 } on { sub(/^ +/, ""); sub(/   .*/, ""); print }'; }
@@ -44,6 +52,7 @@ try() { # try PAGE: the commands on standard input
     case $line in
       *sigrok-cli* | *--bus=* | *--merge* | '') continue ;; # no fixture here, and no parts of a campaign
       *'| jq'*) command -v jq >/dev/null || continue ;;
+      systemctl* | journalctl*) command -v journalctl >/dev/null || continue ;;
     esac
     line=${line//\/var\/lib\/prometheus\/node-exporter/.}
     status=0
@@ -60,4 +69,6 @@ for page in board-sim sprom post post-locate post-results post-explain post-camp
   try "docs/$page.1" < <(of_manual "$root/docs/$page.1")
   [ $page = post ] || try "$page --help" < <(of_help "$1/$page")
 done
-[ $count -ge 40 ] || { echo "only $count examples found" && exit 1; }
+try docs/post-boot.8 < <(of_manual "$root/docs/post-boot.8")
+[ -e "$STATE_DIRECTORY/full-next" ] && [ -e "$LOGS_DIRECTORY/last/output" ] || { echo 'post-boot did nothing' && exit 1; }
+[ $count -ge 64 ] || { echo "only $count examples found" && exit 1; }

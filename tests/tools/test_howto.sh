@@ -7,12 +7,14 @@ flags=("${@:5}")
 dir=$(mktemp -d)
 trap 'rm -r -- "$dir"' EXIT
 
-# change FILE AFTER TEXT: a copy of the file with a text after the only line that contains the words.
+# change FILE WORDS LINE [TEXT]: a copy of the file with a line after the only one that contains the words, and with a
+# text before the words.
 change() {
   mkdir -p "$(dirname "$dir/$1")"
   [ -e "$dir/$1" ] || cp "$sources/$1" "$dir/$1"
   [ "$(grep -cF -- "$2" "$dir/$1")" = 1 ] || { echo "$1: not one line has: $2" && exit 1; }
-  awk -v after="$2" -v text="$3" '{ print } index($0, after) { print text }' "$dir/$1" >"$dir/changed"
+  awk -v words="$2" -v line="$3" -v text="${4-}" '{ at = index($0, words) }
+    at { $0 = substr($0, 1, at - 1) text substr($0, at) } { print } at && line { print line }' "$dir/$1" >"$dir/changed"
   mv "$dir/changed" "$dir/$1"
 }
 
@@ -33,11 +35,10 @@ fault() {
   heading='## Add a fault'
   named faults/fault.h faults/fault.cpp models/fault.cpp parm_names
   change faults/fault.h 'nvram_cell_coupled_state, nvram_cell_coupled_transition, nvram_power_cut,' 'nvram_demo,'
-  change faults/fault.h 'seed, word, program, erase, sector, dq5, times, p,' 'depth,'
+  change faults/fault.h 'times, p,' '' 'depth, '
   change faults/fault.cpp '{id::nvram_power_cut,' \
     '{id::nvram_demo, part::nvram, when::lasting, "nvram-demo", {}, {instance, may(number(parm::depth, 1, 9), 4)}, "a demo"},'
-  change faults/fault.cpp '{parm::times, "times"}, {parm::p, "p"},' '{parm::depth, "depth"},'
-  sed -i 's/parm_names.back().first == parm::p;/parm_names.back().first == parm::depth;/' "$dir/faults/fault.cpp"
+  change faults/fault.cpp '{parm::times, "times"}, {parm::p, "p"},' '' '{parm::depth, "depth"}, '
   cat >"$dir/main.cpp" <<'END'
 #include <cstdio>
 #include "models/nvram.h"

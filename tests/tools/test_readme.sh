@@ -1,6 +1,6 @@
 # test_readme.sh BIN LIB [docs]: the commands that README.md shows, in its order, with the programs of a build. The output
-# that it shows is what they print. With "docs", the commands of the pages in docs/ instead. Git ignores the files that
-# they make.
+# that it shows is what they print. With "docs", the commands of the pages in docs/ and of the help of tools/ instead. Git
+# ignores the files that they make.
 set -eu
 root=$(cd "$(dirname "$0")/../.." && pwd)
 dir=$(mktemp -d)
@@ -37,9 +37,9 @@ steady() {
 
 cd "$checkout"
 # Commands that are not run. Each must be on some page.
-pages=(README.md) left_out=() least=12
+pages=(README.md) left_out=('git clone *') least=12
 if [ "${3-}" = docs ]; then
-  pages=(docs/*.md) least=22
+  pages=(docs/*.md) least=24
   left_out=('cmake *' 'apt-get *' 'dpkg-buildpackage*' 'tools/check-packages*' # they build or install
     'docker*' 'sbatch*' 'docs/cluster/parallel.sh*' '*parts/*'                 # systems that may not be here
     '*build/board*' '*build/host/bin/post core*')                             # a 32-bit build, a core file
@@ -91,12 +91,18 @@ try() { # try PAGE
   check_shown
 }
 for page in "${pages[@]}"; do try "$page"; done
+if [ "${3-}" = docs ]; then
+  for tool in $(grep -ls '^usage=' tools/*); do
+    while IFS= read -r line; do run "$tool --help" "$line"; done < <("$tool" --help 2>/dev/null |
+      awk '/^  ([A-Z]+=".*" )?tools\// { sub(/^ +/, ""); sub(/  +[^ ].*/, ""); print }')
+  done
+fi
 for pattern in "${left_out[@]}"; do
   [ -n "${seen[$pattern]-}" ] || { echo "no page shows: $pattern" && exit 1; }
 done
 [ $count -ge $least ] || { echo "only $count commands found" && exit 1; }
 
 for name in *; do
-  case $name in tools | docs | build | README.md | fixture) continue ;; esac
+  case $name in tools | docs | build | README.md) continue ;; esac
   grep -qxE "/$name/?" "$root/.gitignore" || { echo "git does not ignore $name" && exit 1; }
 done

@@ -79,6 +79,7 @@ arguments() {
     [ -f "$tool" ] && [ -x "$tool" ] || continue
     tool=${tool##*/} count=$((count + 1))
     expect 0 "Usage: tools/$tool" "$checkout/tools/$tool" --help
+    awk -v tool="$tool" 'length > 120 { print tool ": too long: " $0; bad = 1 } END { exit bad }' "$dir/said"
     case $tool in run-post | run-campaign) continue ;; esac # which have their program's options
     expect 2 "Try 'tools/$tool --help'." "$checkout/tools/$tool" --no-such-option
   done
@@ -132,7 +133,9 @@ no_32_bits() {
 
 place_with_blanks() {
   toolchain
-  expect 0 "in $dir/elsewhere: <--state> <a b> <--> <-s>" "$checkout/tools/run-post" --state 'a b' -- -s
+  for dashes in -- ''; do
+    expect 0 "in $dir/elsewhere: <--state> <a b> <--> <-s>" "$checkout/tools/run-post" --state 'a b' $dashes -s
+  done
   expect 0 "in $dir/elsewhere: <--read> <a b>" "$checkout/tools/run-campaign" --read 'a b'
   ln -s "$checkout/tools/run-post" "$dir/elsewhere/link"
   expect 0 'in ' "$dir/elsewhere/link"
