@@ -80,11 +80,12 @@ constexpr std::string_view page_head =
     "# What the explanations are worth\n\n"
     "Made by `post-campaign --explain`, from the output of the runs of a campaign; the fault of each run is known.\n";
 constexpr std::string_view page_legend =
-    "\nListed: the true fault is among the candidates. A headline leaves it out if none of the places that it names "
-    "has the fault; that counts as wrong. A place is a line, a pair of lines, the cell that reads wrong, an operation "
-    "of a chip or a byte: something that a person can measure or replace. A list that contains the true fault does "
-    "not prove it: with several places, the output is not enough to decide, and the program says so. For the flash it "
-    "names kinds of places only.\n";
+    "\nListed: the true fault is among the candidates. A headline that names places leaves it out if the fault is at "
+    "none of them; that counts as wrong. A headline names no place if it says that the log does not show it and the "
+    "fault is at no place that it names. A place is a line, a pair of lines, the cell that reads wrong, an operation "
+    "of a chip or a byte: something that a person can measure or replace. Where there are many, a headline names their "
+    "kind, such as cells or data lines; for the flash a kind counts as one place. A list that contains the true fault "
+    "does not prove it: with several places, the output is not enough to decide, and the program says so.\n";
 
 }  // namespace
 

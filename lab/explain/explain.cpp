@@ -104,6 +104,9 @@ finding finding_of(const text_row &row, text_fields fields, const scope &where) 
   fields.try_emplace("nth", std::to_string(mapped + 1));
   fields.try_emplace("bar", mapped_bars[std::min(mapped, mapped_bars.size() - 1)]);
   fields.try_emplace("bar_before", bars_before[std::min(mapped, bars_before.size() - 1)]);
+  // The upper half of a 64-bit register can itself look like the lower half of one.
+  if (const auto number = number_of(fields, "n", 10); number && *number > 0)
+    fields.try_emplace("n_before", std::to_string(*number - 1));
   finding found;
   found.part = fill_text(row.part, fields);
   found.what = fill_text(row.what, fields);

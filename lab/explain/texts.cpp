@@ -55,7 +55,7 @@ constexpr std::array table{std::to_array<text_row>({
                 "bar-missing bar={reg:bar}", look_at_bridge},
     {"",        "ERROR: PCI BAR {n} is a 64-bit memory space",      none,      "",
                 "local-bus bridge", "base address register {n} is the lower half of a 64-bit one, which the driver does not take",
-                "bar-64bit bar={n} high=*", look_at_bridge},
+                "?bar-64bit bar={n} high=*; ?bar-64bit bar={n_before} high=*", look_at_bridge},
     {"",        "failed to open /dev/mem. Errno {n}:",              none,      "",
                 "/dev/mem", "cannot be opened (errno {n})",
                 "mem-absent errno={n}", "Run as root; see whether the kernel has /dev/mem and allows it."},

@@ -108,7 +108,8 @@ TEST_F(post_explain, guesses_nothing_from_damaged_and_foreign_logs) {
       {"kernel's lines in it", with(mismatch + "[ 12.3] eth0: link up\n" + failure), "failed\n" + cell + "unknown: 1\n"},
       {"two runs",           with(mismatch + failure) + "login:\n" + full_log, "failed\n" + cell + "passed\n"},
       {"cut after the mismatch", through(with(mismatch + failure), mismatch),
-       "did not come to its end\n" + edited(cell, {{"NVRAM 0: count", "NVRAM"}}) +
+       "did not come to its end\nNVRAM: wrote 0x091c at 0x1236, read 0x0918: cell 0x1236 bit 2; if it comes and goes, also data "
+       "line D2, or shorted data lines, or one of the address lines A1..A14, or shorted address lines\n"
        "the run: it did not come to its end, in nvram.0\n"},
       {"cut in a number",    until(with(mismatch + failure), "8\nFailed"),
        "did not come to its end\nthe run: ended within the NVRAM test without a line: the log was cut, or power, reset or "
