@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 
 namespace lab {
@@ -37,6 +38,28 @@ std::string fill_fields(std::string_view text, const field_value &value) {
     text.remove_prefix(close + 1);
   }
   return filled;
+}
+
+std::string percent(double rate) {
+  char text[32];
+  (void)std::snprintf(text, sizeof text, "%.1f %%", 100 * rate);
+  return text;
+}
+
+std::string share(size_t count, size_t of) {
+  if (of == 0) return "none";
+  return std::to_string(count) + " of " + std::to_string(of) + " (" +
+         percent(static_cast<double>(count) / static_cast<double>(of)) + ")";
+}
+
+std::string counted(size_t count, std::string_view what) {
+  return std::to_string(count) + " " + std::string(what) + (count == 1 ? "" : "s");
+}
+
+std::string hex(uint32_t value, int digits) {
+  char text[24];
+  (void)std::snprintf(text, sizeof text, "0x%0*x", digits, value);
+  return text;
 }
 
 namespace {

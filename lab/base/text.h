@@ -3,6 +3,7 @@
 
 #include <charconv>
 #include <cstddef>
+#include <cstdint>
 #include <fstream>
 #include <functional>
 #include <istream>
@@ -19,6 +20,15 @@ namespace lab {
 // The text with each "{name:form}" replaced by what `value` gives for the name and its form, "" without one.
 using field_value = std::function<std::string(std::string_view name, std::string_view form)>;
 [[nodiscard]] std::string fill_fields(std::string_view text, const field_value &value);
+
+// "35.3 %" of a rate from 0 to 1.
+[[nodiscard]] std::string percent(double rate);
+// "12 of 34 (35.3 %)", "none" of 0.
+[[nodiscard]] std::string share(size_t count, size_t of);
+// "1 line", "2 lines"
+[[nodiscard]] std::string counted(size_t count, std::string_view what);
+// "0x0012": hexadecimal, with at least so many digits.
+[[nodiscard]] std::string hex(uint32_t value, int digits = 0);
 
 // The cells in columns two blanks apart, without blanks at line ends.
 //   width  that lines are cut to, 0 for no limit

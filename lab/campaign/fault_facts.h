@@ -12,6 +12,7 @@
 #include "lab/base/fault_list.h"
 #include "lab/campaign/outcome.h"
 #include "lab/campaign/space.h"
+#include "lab/run/run_log.h"
 #include "post/dorvan/pcie_tbl.h"
 
 namespace lab {
@@ -32,9 +33,9 @@ struct aftermath {
   const run_item &run;
   const sim::fault &fault;  // of the run, with the defaults of what was not given
   outcome end;
-  bool noticed;  // a device failed
-  bool row_began;
-  int status;  // as of a shell: 128 and its number for a signal
+  bool noticed;        // a device failed
+  const run_log *log;  // null if it printed nothing of its own
+  int status;          // as of a shell: 128 and its number for a signal
   std::string_view output;
   std::span<const memory_change> changes;
 };

@@ -127,9 +127,8 @@ run_result judge(const run_item &run, const run_evidence &evidence) {
   result.seconds = evidence.process.seconds;
   result.cpu_seconds = evidence.process.cpu_seconds;
   result.end = judge_all(fault, evidence, completed, result);
-  const bool began = printed != nullptr && std::ranges::any_of(printed->rows, &row_log::started);
   if (fault != nullptr)
-    result.reason = reason_of({run, *fault, result.end, !result.reported.empty(), began, result.status,
+    result.reason = reason_of({run, *fault, result.end, !result.reported.empty(), printed, result.status,
                                evidence.process.output, evidence.changes});
   result.explained = explain_result(run, printed, own);
   return result;

@@ -56,7 +56,7 @@ ordered_json to_json(const run_result &run, bool times) {
   if (run.explained) {
     value["explanation"] = run.explained->text;
     value["listed"] = run.explained->listed;
-    value["named"] = run.explained->named;
+    value["headline"] = name_of(run.explained->headline);
     value["places"] = run.explained->places;
   }
   if (run.located) {
@@ -129,9 +129,12 @@ run_result from_json(const ordered_json &value) {
   run.status = number_in<uint8_t>(value, "status");
   run.contents = text_in(value, "contents");
   run.reason = text_in(value, "reason");
-  if (value.contains("named"))
-    run.explained = run_explanation{text_in(value, "explanation"), value.at("listed").get<bool>(),
-                                    value["named"].get<bool>(), number_in<uint64_t>(value, "places")};
+  if (value.contains("headline")) {
+    const auto headline = headline_named(text_in(value, "headline"));
+    must_be(headline.has_value(), "no headline says this");
+    run.explained = run_explanation{text_in(value, "explanation"), value.at("listed").get<bool>(), *headline,
+                                    number_in<uint64_t>(value, "places")};
+  }
   if (value.contains("located")) {
     const auto answer = located_named(text_in(value, "located"));
     must_be(answer.has_value(), "no such answer of post-locate");
@@ -277,10 +280,11 @@ std::string told(const run_result &run) {
   return run.reported.empty() ? text : text + ")";
 }
 
-// Whether the fault is a candidate, and one of how many.
+// Whether the fault is a candidate, one of how many, and what the headline says of it.
 std::string named(const run_explanation &explained) {
-  if (explained.listed && !explained.named) return "left out by the headline";
-  return explained.listed ? "one of " + std::to_string(explained.places) + " places" : "no candidate";
+  if (!explained.listed) return "no candidate";
+  return "one of " + std::to_string(explained.places) + " places, and the headline " +
+         std::string(name_of(explained.headline));
 }
 
 void compare(const run_result &before, const run_result &now, std::vector<std::string> *changes) {

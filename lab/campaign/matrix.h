@@ -12,6 +12,7 @@
 #include "lab/campaign/location.h"
 #include "lab/campaign/outcome.h"
 #include "lab/campaign/space.h"
+#include "lab/explain/explain.h"
 
 namespace lab {
 
@@ -19,7 +20,7 @@ namespace lab {
 struct run_explanation {
   std::string text;     // in short, "" if there is nothing to explain
   bool listed = false;  // the fault is among the candidates
-  bool named = false;   // the headline allows it
+  headline_says headline = headline_says::leaves_out;
   uint64_t places = 0;  // of the finding that lists it
 };
 
@@ -43,10 +44,10 @@ struct run_result {
 
 // Times: only these differ between two campaigns of the same program.
 struct campaign_times {
-  double elapsed = 0;    // seconds from the first run's start to the last one's end
+  double elapsed = 0;    // seconds from the first run's start to the last one's end, of parts the longest
   double run_cpu = 0;    // processor seconds of the runs
   double other_cpu = 0;  // of everything else
-  unsigned jobs = 0;
+  unsigned jobs = 0;     // runs at a time; 0 for the longest of several parts
 };
 
 // Where a matrix comes from. The first three are the same for equal campaigns.

@@ -1,7 +1,7 @@
 #include "lab/campaign/score.h"
 
 #include <algorithm>
-#include <cstdio>
+#include <array>
 #include <map>
 
 #include "lab/base/text.h"
@@ -28,23 +28,16 @@ run_kind kind_of(const run_result &run) {
 struct counters {
   size_t runs = 0;
   size_t listed = 0;
-  size_t left_out = 0;  // by the headline
+  std::array<size_t, 3> headlines{};  // by what they say
   std::vector<uint64_t> places;
 };
 
 void count(const run_result &run, counters *sum) {
   ++sum->runs;
-  if (!run.explained->named) ++sum->left_out;
+  ++sum->headlines.at(static_cast<size_t>(run.explained->headline));
   if (!run.explained->listed) return;
   ++sum->listed;
   sum->places.push_back(run.explained->places);
-}
-
-std::string share(size_t part, size_t of) {
-  char text[48];
-  (void)std::snprintf(text, sizeof text, "%zu of %zu (%.1f %%)", part, of,
-                      of == 0 ? 0.0 : 100.0 * static_cast<double>(part) / static_cast<double>(of));
-  return text;
 }
 
 std::string only_one(const counters &sum) {
@@ -71,13 +64,15 @@ std::string section_text(const section &of, const std::map<std::string, counters
     const auto *const first =
         std::ranges::find_if(sections, [kind](const section &one) { return kind.starts_with(one.prefix); });
     if (first->prefix != of.prefix) continue;
-    lines += "| `" + name + "` | " + std::to_string(sum.runs) + " | " + std::to_string(sum.listed) + " | " +
-             std::to_string(sum.left_out) + " | " + only_one(sum) + " | " + median(sum.places) + " |\n";
+    lines += "| `" + name + "` | " + std::to_string(sum.runs) + " | " + std::to_string(sum.listed) + " |";
+    for (const auto headlines : sum.headlines)
+      lines += " " + std::to_string(headlines) + " |";
+    lines += " " + only_one(sum) + " | " + median(sum.places) + " |\n";
   }
   if (lines.empty()) return "";
   return "\n## " + std::string(of.title) +
-         "\n\n| Fault | Detected | Listed | Headline leaves it out | Only one place | Places, median |\n"
-         "|---|--:|--:|--:|--:|--:|\n" +
+         "\n\n| Fault | Detected | Listed | Headline leaves it out | Names no place | Names it | Only one place | "
+         "Places, median |\n|---|--:|--:|--:|--:|--:|--:|--:|\n" +
          lines;
 }
 
@@ -85,11 +80,12 @@ constexpr std::string_view page_head =
     "# What the explanations are worth\n\n"
     "Made by `post-campaign --explain`, from the output of the runs of a campaign; the fault of each run is known.\n";
 constexpr std::string_view page_legend =
-    "\nListed: the true fault is among the candidates. A headline leaves it out if none of the places that it names "
-    "has the fault; that counts as wrong. A place is a line, a pair of lines, the cell that reads wrong, an operation "
-    "of a chip or a byte: something that a person can measure or replace. A list that contains the true fault does "
-    "not prove it: with several places, the output is not enough to decide, and the program says so. For the flash it "
-    "names kinds of places only.\n";
+    "\nListed: the true fault is among the candidates. A headline that names places leaves it out if the fault is at "
+    "none of them; that counts as wrong. A headline names no place if it says that the log does not show it and the "
+    "fault is at no place that it names. A place is a line, a pair of lines, the cell that reads wrong, an operation "
+    "of a chip or a byte: something that a person can measure or replace. Where there are many, a headline names their "
+    "kind, such as cells or data lines; for the flash a kind counts as one place. A list that contains the true fault "
+    "does not prove it: with several places, the output is not enough to decide, and the program says so.\n";
 
 }  // namespace
 
@@ -102,7 +98,7 @@ run_explanation explain_result(const run_item &run, const run_log *log, std::spa
   const auto fault = parse_fault_text(run.fault);
   for (const auto &found : what.findings) {
     if (!found.lists(fault)) continue;
-    result.named |= found.headline_names(fault);
+    result.headline = std::max(result.headline, found.headline_on(fault));
     if (!result.listed) result.places = count_places(found.faults.empty() ? found.now_and_then : found.faults);
     result.listed = true;
   }
@@ -112,7 +108,8 @@ run_explanation explain_result(const run_item &run, const run_log *log, std::spa
 std::vector<std::string> left_out_faults(const matrix &all) {
   std::vector<std::string> faults;
   for (const auto &run : all.runs)
-    if (kind_of(run) == run_kind::detected && !(run.explained->listed && run.explained->named))
+    if (kind_of(run) == run_kind::detected &&
+        (!run.explained->listed || run.explained->headline == headline_says::leaves_out))
       faults.push_back(run.what.key());
   return faults;
 }
@@ -127,13 +124,18 @@ std::string matrix_to_score(const matrix &all) {
     if (kind == run_kind::detected) count(run, &kinds[parse_fault_text(run.what.fault).name]);
   }
   const auto &total = sums[run_kind::detected];
+  const auto &printed = sums[run_kind::printed];
+  const auto headlines = [&](headline_says what) {
+    return share(total.headlines.at(static_cast<size_t>(what)), total.runs);
+  };
   std::string page(page_head);
   page += "Origin: " + all.origin.text(false) + ".\n\nFault space \"" + all.space + "\": " + all.description +
           ".\n\nOf the detected faults, " + share(total.listed, total.runs) +
-          " are among the candidates, and the headlines leave out " + share(total.left_out, total.runs) + "; " +
-          only_one(total) + " are the only place named. Of the faults that " +
-          "were printed although no device failed, " +
-          share(sums[run_kind::printed].listed, sums[run_kind::printed].runs) + " are listed. " +
+          " are among the candidates. The headlines name " + headlines(headline_says::names) + ", leave out " +
+          headlines(headline_says::leaves_out) + ", and name no place for " + headlines(headline_says::no_place) +
+          ". In " + only_one(total) +
+          " explanations the fault's place is the only candidate. Of the faults that were " +
+          "printed although no device failed, " + share(printed.listed, printed.runs) + " are listed. " +
           std::to_string(sums[run_kind::silent].runs) + " runs printed nothing about their fault.\n";
   page += page_legend;
   for (const auto &one : sections)

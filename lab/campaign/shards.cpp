@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <map>
 #include <numeric>
 #include <queue>
 
@@ -75,65 +76,69 @@ std::string conflict(const matrix &a, const matrix &b) {
   return a.part->plan == b.part->plan ? "" : "made with other programs, or of other runs";
 }
 
-// "3, 7..9"
-std::string ranges_text(const std::vector<size_t> &numbers) {
+// The numbers from 1 to `all` that are not in the sorted list, as "3, 7..9".
+std::string gaps_text(const std::vector<size_t> &numbers, size_t all) {
   std::string text;
-  for (size_t i = 0; i < numbers.size(); ++i) {
-    size_t last = i;
-    while (last + 1 < numbers.size() && numbers[last + 1] == numbers[last] + 1)
-      ++last;
-    text += (text.empty() ? "" : ", ") + std::to_string(numbers[i]);
-    if (last > i) text += (last > i + 1 ? ".." : ", ") + std::to_string(numbers[last]);
-    i = last;
-  }
+  size_t next = 1;
+  const auto add_gap = [&](size_t end) {
+    if (next < end) text += (text.empty() ? "" : ", ") + std::to_string(next);
+    if (next + 1 < end) text += (next + 2 < end ? ".." : ", ") + std::to_string(end - 1);
+    next = end + 1;
+  };
+  for (const auto number : numbers)
+    if (number >= next) add_gap(number);
+  add_gap(all + 1);
   return text;
 }
 
+// When and where the parts ran is not known: how many runs there were at a time has no answer.
 void add_times(const campaign_times &times, campaign_times *sum) {
   sum->elapsed = std::max(sum->elapsed, times.elapsed);
   sum->run_cpu += times.run_cpu;
   sum->other_cpu += times.other_cpu;
-  sum->jobs += times.jobs;
 }
 
-// The runs at their positions in the whole plan.
+// The runs of the parts by their positions in the whole plan. A part may name any numbers of runs and shards: only
+// what it has takes memory.
 class whole_plan {
  public:
-  explicit whole_plan(const shard &first) : m_runs(first.all_runs), m_from(first.all_runs), m_shards(first.of) {}
+  explicit whole_plan(const shard &first) : m_all_runs(first.all_runs), m_all_shards(first.of) {}
 
   // Returns "" or what is covered twice.
   std::string add(const std::string &name, const matrix &part) {
-    m_shards.at(part.part->number - 1) = true;
+    m_shards.push_back(part.part->number);
     for (size_t i = 0; i < part.runs.size(); ++i) {
-      const auto at = part.part->positions[i];
-      if (m_from[at] != nullptr) return part.runs[i].what.key() + " is in " + *m_from[at] + " and in " + name;
-      m_from[at] = &name;
-      m_runs[at] = part.runs[i];
+      const auto [before, is_new] = m_runs.try_emplace(part.part->positions[i], name, part.runs[i]);
+      if (!is_new) return part.runs[i].what.key() + " is in " + before->second.first + " and in " + name;
     }
     return "";
   }
 
   // Returns "" or what is in no part.
-  [[nodiscard]] std::string missing() const {
-    std::vector<size_t> lost;
+  [[nodiscard]] std::string missing() {
     std::vector<size_t> runs;
-    for (size_t i = 0; i < m_shards.size(); ++i)
-      if (!m_shards[i]) lost.push_back(i + 1);
-    for (size_t i = 0; i < m_from.size(); ++i)
-      if (m_from[i] == nullptr) runs.push_back(i + 1);
-    if (runs.empty()) return "";
-    auto text = "missing of " + std::to_string(m_runs.size()) + " runs, by their line in --list: " + ranges_text(runs);
-    if (!lost.empty())
-      text += "; no matrix was given of shard " + ranges_text(lost) + " of " + std::to_string(m_shards.size());
-    return text;
+    for (const auto &[position, run] : m_runs)
+      runs.push_back(position + 1);
+    const auto lost_runs = gaps_text(runs, m_all_runs);
+    if (lost_runs.empty()) return "";
+    std::ranges::sort(m_shards);
+    const auto lost = gaps_text(m_shards, m_all_shards);
+    return "missing of " + std::to_string(m_all_runs) + " runs, by their line in --list: " + lost_runs +
+           (lost.empty() ? "" : "; no matrix was given of shard " + lost + " of " + std::to_string(m_all_shards));
   }
 
-  [[nodiscard]] std::vector<run_result> take_runs() { return std::move(m_runs); }
+  [[nodiscard]] std::vector<run_result> take_runs() {
+    std::vector<run_result> runs;
+    for (auto &[position, run] : m_runs)
+      runs.push_back(std::move(run.second));
+    return runs;
+  }
 
  private:
-  std::vector<run_result> m_runs;
-  std::vector<const std::string *> m_from;  // the part that a run is in
-  std::vector<bool> m_shards;
+  size_t m_all_runs;
+  size_t m_all_shards;
+  std::map<size_t, std::pair<std::string, run_result>> m_runs;  // with the part's name
+  std::vector<size_t> m_shards;
 };
 
 }  // namespace
@@ -169,11 +174,11 @@ std::vector<std::vector<size_t>> split(const std::vector<run_item> &runs, size_t
   return parts;
 }
 
-std::string plan_identity(const std::vector<run_item> &runs, const std::vector<std::string> &programs) {
+std::string plan_identity(const std::vector<run_item> &runs, const std::vector<std::string> &deciding) {
   uint64_t hash = 0xCBF29CE484222325;
   for (const auto &run : runs)
     add_to_hash(run.key(), &hash);
-  for (const auto &bytes : programs)
+  for (const auto &bytes : deciding)
     add_to_hash(bytes, &hash);
   char text[24];
   (void)std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
@@ -199,6 +204,7 @@ std::optional<matrix> merge(std::vector<std::pair<std::string, matrix>> parts, s
   }
   *error = plan.missing();
   if (!error->empty()) return std::nullopt;
+  if (parts.size() == 1) times.jobs = first.times ? first.times->jobs : 0;
   auto whole = std::move(first);
   whole.part.reset();
   whole.runs = plan.take_runs();

@@ -26,12 +26,12 @@ struct shard_number {
 // same shards.
 [[nodiscard]] std::vector<std::vector<size_t>> split(const std::vector<run_item> &runs, size_t shards);
 
-// A text that is the same only for the same runs by the same programs.
-//   programs  the bytes of each
-[[nodiscard]] std::string plan_identity(const std::vector<run_item> &runs, const std::vector<std::string> &programs);
+// A text that is the same only for the same runs where the same decides their results.
+//   deciding  the bytes of each program, and the limits
+[[nodiscard]] std::string plan_identity(const std::vector<run_item> &runs, const std::vector<std::string> &deciding);
 
-// The whole matrix. On failure returns nothing and says why in *error: parts of other campaigns, parts that cover a run
-// twice, runs that are in none.
+// The whole matrix, with the date and the command of the first part. On failure returns nothing and says why in *error:
+// parts of other campaigns, parts that cover a run twice, runs that are in none.
 //   parts  each with the name that it has in *error
 [[nodiscard]] std::optional<matrix> merge(std::vector<std::pair<std::string, matrix>> parts, std::string *error);
 

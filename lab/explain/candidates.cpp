@@ -284,10 +284,13 @@ std::vector<fault_group> in_few_groups(std::span<const fault_group> groups) {
 }
 
 size_t count_places(std::span<const fault_group> groups) {
-  std::set<std::string_view> places;
+  std::map<std::string_view, size_t> places;
   for (const auto &group : groups)
-    places.insert(group.where);
-  return places.size();
+    places[group.where] = std::max(places[group.where], group.places);
+  size_t sum = 0;
+  for (const auto &[where, count] : places)
+    sum += count;
+  return sum;
 }
 
 std::string number_list(std::span<const uint32_t> numbers, bool hexadecimal) {

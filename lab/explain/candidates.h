@@ -27,6 +27,7 @@ struct fault_group {
   std::string where = {};   // what is bad, for people: "data line D3"
   std::string how = {};     // "stuck at 0"
   bool may_differ = false;  // what the run prints also depends on something else, such as former contents
+  size_t places = 1;        // that `where` stands for
 
   [[nodiscard]] std::string text() const;
   // Whether a fault, as board-sim takes it, is in the group. When an intermittent fault acts does not matter, nor which
@@ -47,7 +48,7 @@ struct fault_group {
 // Groups that differ only in one list are one. A list of lines names all of them in `where`.
 [[nodiscard]] std::vector<fault_group> in_few_groups(std::span<const fault_group> groups);
 
-// How many places the groups name: lines, pairs of lines, cells, operations.
+// How many places the groups name: lines, pairs of lines, cells, bytes, operations.
 [[nodiscard]] size_t count_places(std::span<const fault_group> groups);
 
 // Numbers that go up as a list.

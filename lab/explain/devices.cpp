@@ -1,4 +1,4 @@
-// device_readers.cpp: lines of the SEEPROM, GigE and PCIe rows.
+// devices.cpp: lines of the SEEPROM, GigE and PCIe rows.
 #include <algorithm>
 #include <array>
 #include <cctype>
@@ -100,6 +100,7 @@ void add_byte(const image_row &image, std::string_view key, const sprom_block_t 
     group.where = byte->where;
     group.how = "differs";
     group.may_differ = byte->may_differ;
+    group.places = byte->offsets.size();
     found->faults.push_back(std::move(group));
   }
 }
@@ -241,6 +242,16 @@ std::vector<pci_dev_tbl_entry> only_with(const dorvan_card_t &card, uint64_t cha
   return functions;
 }
 
+void join(const std::vector<finding *> &missing, finding *cause, std::vector<finding> *findings) {
+  cause->what += "; so functions of another revision are reported missing:";
+  for (auto *const one : missing) {
+    cause->what += one->part.substr(one->part.rfind(' '));
+    cause->evidence.insert(cause->evidence.end(), one->evidence.begin(), one->evidence.end());
+    one->part.clear();
+  }
+  std::erase_if(*findings, [](const finding &one) { return one.part.empty(); });
+}
+
 }  // namespace
 
 std::vector<finding> explain_seeprom(row_lines *lines) {
@@ -301,7 +312,7 @@ std::vector<finding> explain_pcie(row_lines *lines) {
   return findings;
 }
 
-void join_misread_revision(uint64_t change_bits, std::vector<finding> *findings) {
+void join_misread_revision(uint64_t change_bits, bool all_seen, std::vector<finding> *findings) {
   const auto cause = std::ranges::find_if(
       *findings, [](const finding &one) { return one.part == "identity EEPROM" || one.part == "supervisor SPROM"; });
   if (cause == findings->end()) return;
@@ -315,15 +326,13 @@ void join_misread_revision(uint64_t change_bits, std::vector<finding> *findings)
       });
       if (found != findings->end()) missing.push_back(&*found);
     }
-    if (missing.empty() || missing.size() < functions.size()) continue;
-    cause->what += "; so functions of another revision are reported missing:";
+    if (missing.empty() || (all_seen && missing.size() < functions.size())) continue;
+    if (all_seen) return join(missing, &*cause, findings);
     for (auto *const one : missing) {
-      cause->what += one->part.substr(one->part.rfind(' '));
-      cause->evidence.insert(cause->evidence.end(), one->evidence.begin(), one->evidence.end());
-      one->part.clear();
+      if (!one->faults.front().may_differ) one->what += "; or another revision has it";
+      for (auto &group : one->faults)
+        group.may_differ = true;
     }
-    std::erase_if(*findings, [](const finding &one) { return one.part.empty(); });
-    return;
   }
 }
 

@@ -18,6 +18,7 @@ namespace {
 constexpr size_t evidence_kept = 12;
 constexpr size_t advice_kept = 4;
 constexpr std::string_view ended_run = "the run";
+constexpr int32_t pcie_test = 12;
 constexpr std::string_view unread_text = "err: could not read sup sprom";
 
 // ---- texts
@@ -26,7 +27,8 @@ constexpr std::string_view unread_text = "err: could not read sup sprom";
 struct scope {
   row_lines lines;
   const run_log *log;
-  bool stopped = false;  // the run ended here
+  bool stopped = false;         // the run ended here
+  bool ending_unknown = false;  // a line shows what ended it, and no row explains that line
 };
 
 bool has_line(const std::vector<message> &lines, std::string_view pattern) {
@@ -43,11 +45,18 @@ std::array<size_t, 2> ports_by_verdict(const run_log &log) {
   return count;
 }
 
-// As far as the log shows: no SPROM passed.
-bool nothing_was_read(const run_log &log) {
-  const auto first = first_place(*row_of_test(seeprom_test));
+// Whether no SPROM was read, as far as the log shows. `whole`: both were tried.
+bool nothing_was_read(const run_log &log, bool whole) {
+  const auto sproms = std::span(log.devices).subspan(first_place(*row_of_test(seeprom_test)), 2);
   const auto passed = [](const device_log &one) { return one.ended && !one.failed; };
-  return has_line(log.startup.kept, unread_text) && !passed(log.devices[first]) && !passed(log.devices[first + 1]);
+  return has_line(log.startup.kept, unread_text) && std::ranges::none_of(sproms, passed) &&
+         std::ranges::all_of(sproms, &device_log::ended) == whole;
+}
+
+// A line that shows what ended the program.
+bool is_ending(std::string_view line) {
+  constexpr std::string_view texts[] = {"was ended by signal {n}", ": Assertion `", "## Assert:"};
+  return std::ranges::any_of(texts, [line](auto text) { return find_text(text, line).has_value(); });
 }
 
 bool holds(const text_row &row, const scope &where) {
@@ -61,9 +70,11 @@ bool holds(const text_row &row, const scope &where) {
     case text_condition::all_ports:
       return ports_by_verdict(*where.log)[0] == 2;
     case text_condition::unread:
-      return nothing_was_read(*where.log);
+      return nothing_was_read(*where.log, true);
+    case text_condition::perhaps_unread:
+      return nothing_was_read(*where.log, false);
     case text_condition::stopped:
-      return where.stopped;
+      return where.stopped && !where.ending_unknown;
   }
   return false;
 }
@@ -93,6 +104,9 @@ finding finding_of(const text_row &row, text_fields fields, const scope &where) 
   fields.try_emplace("nth", std::to_string(mapped + 1));
   fields.try_emplace("bar", mapped_bars[std::min(mapped, mapped_bars.size() - 1)]);
   fields.try_emplace("bar_before", bars_before[std::min(mapped, bars_before.size() - 1)]);
+  // The upper half of a 64-bit register can itself look like the lower half of one.
+  if (const auto number = number_of(fields, "n", 10); number && *number > 0)
+    fields.try_emplace("n_before", std::to_string(*number - 1));
   finding found;
   found.part = fill_text(row.part, fields);
   found.what = fill_text(row.what, fields);
@@ -150,7 +164,7 @@ std::vector<finding> explain_row(row_lines *lines) {
 // How post-locate is asked about the device of a finding; "" where there is nothing to decide between.
 std::string locate_command(const finding &found) {
   constexpr std::pair<std::string_view, std::string_view> parts[] = {
-      {"nvram.", "nvram"}, {"obfl.", "flash"}, {"seeprom.", "sproms"}, {"gige.", "ethernet"}, {"pcie.", "pci"}};
+      {"nvram.", "nvram"}, {"obfl.", "flash"}, {"gige.", "ethernet"}, {"pcie.", "pci"}};
   const auto is_cell = [](const fault_group &one) { return one.name.starts_with("nvram-cell-"); };
   const auto *const row =
       std::ranges::find_if(parts, [&](const auto &part) { return found.device.starts_with(part.first); });
@@ -165,10 +179,11 @@ void add_advice(finding *found) {
     if (list->size() < advice_kept && std::ranges::find(*list, text) == list->end()) list->emplace_back(text);
   };
   const auto count = [&](std::string_view pattern) {
-    const auto fits = [&](const fault_group &one) {
-      return fnmatch(std::string(pattern).c_str(), one.name.c_str(), 0) == 0;
-    };
-    return std::ranges::count_if(found->faults, fits) + std::ranges::count_if(found->now_and_then, fits);
+    size_t places = 0;
+    for (const auto *const groups : {&found->faults, &found->now_and_then})
+      for (const auto &one : *groups)
+        if (fnmatch(std::string(pattern).c_str(), one.name.c_str(), 0) == 0) places += one.places;
+    return places;
   };
   if (const auto command = locate_command(*found); !command.empty())
     found->measures.push_back("Run " + command + " on the board: it measures which place it is.");
@@ -195,7 +210,8 @@ class run_explainer {
   [[nodiscard]] bool named_before(std::string_view row) const;
 
   const run_log &m_log;
-  std::string m_stopped_in;  // device within which the run ended
+  std::string m_stopped_in;                 // device within which the run ended
+  std::optional<message> m_unknown_ending;  // a line that shows what ended it, of no known text
   explanation m_all;
 };
 
@@ -229,11 +245,16 @@ bool run_explainer::named_before(std::string_view row) const {
 
 void run_explainer::scan(scope where) {
   auto &lines = where.lines;
+  const auto cut = std::ranges::find(lines.lines, false, &message::whole);
+  if (cut != lines.lines.end() && is_ending(cut->text)) m_unknown_ending = *cut;
   std::erase_if(lines.lines, [](const message &one) { return !one.whole; });
   lines.used.assign(lines.count(), false);
   auto findings = explain_row(&lines);
   auto texts = explain_texts(&where);
   findings.insert(findings.end(), texts.begin(), texts.end());
+  for (size_t line = 0; line < lines.count(); ++line)
+    if (!lines.used[line] && is_ending(lines.text(line)) && !m_unknown_ending) m_unknown_ending = lines.lines[line];
+  where.ending_unknown = m_unknown_ending.has_value();
   const bool explained =
       std::ranges::any_of(findings, [](const finding &one) { return one.part != "/post" || !one.faults.empty(); });
   if (!explained && !named_before(lines.row)) {
@@ -268,31 +289,26 @@ void run_explainer::scan_outside(const message_list &messages, std::string_view 
   scan(std::move(where));
 }
 
-// A line that shows what ended the program.
-const message *ending_line(std::span<const message> lines) {
-  constexpr std::string_view texts[] = {"was ended by signal {n}", ": Assertion `", "## Assert:"};
-  for (const auto text : texts)
-    for (const auto &line : lines)
-      if (find_text(text, line.text)) return &line;
-  return nullptr;
-}
-
 // A run that was not completed, unless a known line shows what ended it.
 void run_explainer::add_end() {
   if (m_log.completed) return;
-  const auto at = m_log.stopped_at();
-  const bool before_rows = std::ranges::none_of(m_log.rows, &row_log::started);
   const auto explains = [&](const finding &one) {
-    return one.part == ended_run || (m_log.asserted && one.known && one.device == m_stopped_in);
+    const bool by_assertion = m_log.asserted && !m_unknown_ending && one.known && one.device == m_stopped_in;
+    return one.part == ended_run || by_assertion;
   };
   if (std::ranges::any_of(m_all.findings, explains)) return;
+  const bool before_rows = std::ranges::none_of(m_log.rows, &row_log::started);
+  const bool by_signal = m_unknown_ending && find_text("was ended by signal", m_unknown_ending->text);
   finding found;
   found.part = ended_run;
   found.device = m_stopped_in;
-  found.what = m_log.asserted ? "an assertion ended it" : "it did not come to its end";
-  found.what += at ? ", in " + m_stopped_in : before_rows ? ", before the first test" : ", between two tests";
-  const auto &lines = at ? m_log.devices[*at].messages : before_rows ? m_log.startup : m_log.between;
-  if (const auto *const line = ending_line(lines.kept)) found.evidence.push_back(*line);
+  found.what = m_log.asserted ? "an assertion ended it"
+               : by_signal    ? "a signal ended it"
+                              : "it did not come to its end";
+  found.what += m_log.stopped_at() ? ", in " + m_stopped_in
+                : before_rows      ? ", before the first test"
+                                   : ", between two tests";
+  if (m_unknown_ending) found.evidence.push_back(*m_unknown_ending);
   found.next.emplace_back(
       "If the log was cut, explain the whole one; otherwise look for a kill, a reset or a power cut.");
   m_all.findings.push_back(std::move(found));
@@ -304,7 +320,8 @@ explanation run_explainer::explain() {
     for (size_t device = 0; device < rows[row].parts.size(); ++device)
       scan_device(row, device);
   scan_outside(m_log.between, "between");
-  join_misread_revision(m_log.change_bits.value_or(0), &m_all.findings);
+  const bool all_seen = m_log.devices[first_place(*row_of_test(pcie_test))].ended;
+  join_misread_revision(m_log.change_bits.value_or(0), all_seen, &m_all.findings);
   add_end();
   for (auto &found : m_all.findings)
     add_advice(&found);
@@ -341,8 +358,15 @@ std::string kind_of_place(const fault_group &group) {
   return group.where;
 }
 
+// One of the lists of a headline.
+struct headline_list {
+  std::vector<fault_group> groups;
+  bool open = false;  // it says that the log does not show the place
+  std::string text;
+};
+
 // The places, or their kinds where there are many; those in `named` are left out and the others are added to it.
-std::string list_of_places(std::span<const fault_group> groups, std::vector<std::string> *named) {
+headline_list list_of_places(std::vector<fault_group> groups, std::vector<std::string> *named) {
   const auto is_named = [named](const std::string &one) { return std::ranges::find(*named, one) != named->end(); };
   auto few = in_few_groups(groups);
   std::erase_if(few, [&](const fault_group &one) { return is_named(one.where); });
@@ -352,13 +376,13 @@ std::string list_of_places(std::span<const fault_group> groups, std::vector<std:
     auto place = many ? kind_of_place(group) : group.where;
     if (!is_named(place) && std::ranges::find(places, place) == places.end()) places.push_back(std::move(place));
   }
-  if (places.size() > most_named) places = {"another part (the log does not show which; post-locate measures it)"};
-  std::string text;
+  headline_list list{std::move(groups), places.size() > most_named, ""};
+  if (list.open) places = {"another part (the log does not show which; post-locate measures it)"};
   for (auto &place : places) {
-    text += (text.empty() ? "" : ", or ") + place;
+    list.text += (list.text.empty() ? "" : ", or ") + place;
     named->push_back(std::move(place));
   }
-  return text;
+  return list;
 }
 
 std::vector<fault_group> groups_that(std::span<const fault_group> groups, bool may_differ) {
@@ -382,6 +406,17 @@ std::vector<fault_group> named_at_times(const finding &found) {
   return groups;
 }
 
+// What is broken for certain, perhaps, and if it comes and goes.
+std::array<headline_list, 3> lists_of(const finding &found) {
+  std::vector<std::string> named{found.part};
+  auto sure = list_of_places(groups_that(found.faults, false), &named);
+  auto unsure = list_of_places(groups_that(found.faults, true), &named);
+  auto at_times = list_of_places(named_at_times(found), &named);
+  return {std::move(sure), std::move(unsure), std::move(at_times)};
+}
+
+constexpr std::string_view headline_names[] = {"leaves it out", "names no place", "names it"};
+
 }  // namespace
 
 void take_line(row_lines *lines, size_t line, finding *found) {
@@ -391,23 +426,33 @@ void take_line(row_lines *lines, size_t line, finding *found) {
     found->evidence.push_back(lines->lines[line]);
 }
 
+std::string_view name_of(headline_says what) {
+  return headline_names[static_cast<size_t>(what)];
+}
+
+std::optional<headline_says> headline_named(std::string_view name) {
+  const auto *const found = std::ranges::find(headline_names, name);
+  if (found == std::end(headline_names)) return std::nullopt;
+  return static_cast<headline_says>(found - headline_names);
+}
+
 std::string finding::headline() const {
   if (!known) return part + ": not known: " + what;
-  std::vector<std::string> named{part};
-  const auto sure = list_of_places(groups_that(faults, false), &named);
-  const auto unsure = list_of_places(groups_that(faults, true), &named);
-  const auto at_times = list_of_places(named_at_times(*this), &named);
+  const auto [sure, unsure, at_times] = lists_of(*this);
   auto text = part + ": " + what;
-  if (!sure.empty()) text += ": " + sure;
-  if (!unsure.empty()) text += (sure.empty() ? ": " : ", or perhaps ") + unsure;
-  if (!at_times.empty())
-    text += (faults.empty() ? ": if it comes and goes, " : "; if it comes and goes, also ") + at_times;
+  if (!sure.text.empty()) text += ": " + sure.text;
+  if (!unsure.text.empty()) text += (sure.text.empty() ? ": " : ", or perhaps ") + unsure.text;
+  if (!at_times.text.empty())
+    text += (faults.empty() ? ": if it comes and goes, " : "; if it comes and goes, also ") + at_times.text;
   return text;
 }
 
-bool finding::headline_names(const fault_text &fault) const {
-  const auto holds = [&](const fault_group &group) { return group.holds(fault); };
-  return std::ranges::any_of(faults, holds) || std::ranges::any_of(named_at_times(*this), holds);
+headline_says finding::headline_on(const fault_text &fault) const {
+  auto says = headline_says::leaves_out;
+  for (const auto &list : lists_of(*this))
+    if (std::ranges::any_of(list.groups, [&](const fault_group &group) { return group.holds(fault); }))
+      says = std::max(says, list.open ? headline_says::no_place : headline_says::names);
+  return says;
 }
 
 bool finding::lists(const fault_text &fault) const {

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -13,6 +14,16 @@
 #include "lab/run/run_log.h"
 
 namespace lab {
+
+// What a headline says of a fault.
+enum class headline_says : uint8_t {
+  leaves_out,  // that it is something else
+  no_place,    // that the log does not show the place, which may be this fault's
+  names,       // its place, or its kind of place
+};
+// "leaves it out", "names no place", "names it"
+[[nodiscard]] std::string_view name_of(headline_says what);
+[[nodiscard]] std::optional<headline_says> headline_named(std::string_view name);
 
 // One thing that is wrong.
 struct finding {
@@ -29,8 +40,7 @@ struct finding {
 
   // "NVRAM 1: data line D3 (...)", or what is seen with every place that it can come from.
   [[nodiscard]] std::string headline() const;
-  // Whether the headline names the place of the fault.
-  [[nodiscard]] bool headline_names(const fault_text &fault) const;
+  [[nodiscard]] headline_says headline_on(const fault_text &fault) const;
   // Whether the fault is among the candidates.
   [[nodiscard]] bool lists(const fault_text &fault) const;
 };

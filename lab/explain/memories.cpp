@@ -1,8 +1,8 @@
 // memories.cpp: lines of the NVRAM and the flash test.
 #include <algorithm>
 #include <array>
-#include <cstdio>
 
+#include "lab/base/text.h"
 #include "lab/explain/nvram_faults.h"
 #include "lab/explain/row_lines.h"
 #include "lab/explain/texts.h"
@@ -120,12 +120,6 @@ constexpr flash_row flash_rows[] = {
 
 constexpr uint32_t sector_bytes = 0x20000;
 constexpr uint32_t walk_sector = 6;
-
-std::string hex(uint32_t value, int digits = 0) {
-  char text[24];
-  (void)std::snprintf(text, sizeof text, "0x%0*x", digits, value);
-  return text;
-}
 
 // What the first failure of the flash test shows.
 struct flash_failure {

@@ -4,6 +4,8 @@
 #include <nlohmann/json.hpp>
 #include <span>
 
+#include "lab/base/text.h"
+
 namespace lab {
 namespace {
 
@@ -84,8 +86,7 @@ std::string candidates_text(std::string_view title, std::vector<fault_group> gro
   std::string text = "  " + std::string(title) + ":\n";
   for (size_t i = 0; i < shown; ++i)
     text += "    " + places[i].where + hows_text(places[i]) + "\n" + groups_text(places[i], all);
-  if (shown < places.size())
-    text += "    and " + std::to_string(places.size() - shown) + " entries more (--all shows them)\n";
+  if (shown < places.size()) text += "    and " + std::to_string(places.size() - shown) + " more (--all shows them)\n";
   return text;
 }
 
@@ -131,7 +132,7 @@ std::string run_text(const explained_file &file, const explained_run &run, bool 
   for (const auto &found : run.what.findings)
     text += "\n" + finding_text(found, all);
   if (run.what.unknown_count > 0) {
-    text += "\nNot known: " + std::to_string(run.what.unknown_count) + " lines\n";
+    text += "\nNot known: " + counted(run.what.unknown_count, "line") + "\n";
     text += evidence_text(run.what.unknown);
   }
   return text;
@@ -147,7 +148,7 @@ std::string notes_text(const explained_file &file) {
     text += "Note: lines " + std::to_string(notes[i].first) + " to " + std::to_string(notes[i].last) + ": " +
             notes[i].text + "\n";
   if (file.log->note_count > notes_shown)
-    text += "Note: " + std::to_string(file.log->note_count - notes_shown) + " notes more\n";
+    text += "Note: and " + std::to_string(file.log->note_count - notes_shown) + " more\n";
   return text;
 }
 

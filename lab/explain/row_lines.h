@@ -36,7 +36,7 @@ struct row_lines {
 void take_line(row_lines *lines, size_t line, finding *found);
 
 // The PCI functions that are reported missing only because the program took one revision of a card for another become a
-// consequence of the finding that shows why.
-void join_misread_revision(uint64_t change_bits, std::vector<finding> *findings);
+// consequence of the finding that shows why. Where not all that are missing is seen, they can be that or faults.
+void join_misread_revision(uint64_t change_bits, bool all_seen, std::vector<finding> *findings);
 
 }  // namespace lab

@@ -16,6 +16,10 @@ constexpr std::string_view bridge_ids =
 constexpr std::string_view eeprom_unreadable =
     "i2c-bus-absent bus=1; i2c-absent bus=1 addr=0x52; i2c-fail bus=1 addr=0x52 errno=* times=0";
 constexpr std::string_view eeprom_unread_at_times = "~i2c-absent bus=1 addr=0x52; ~i2c-fail bus=1 addr=0x52 errno=*";
+constexpr std::string_view eeprom_perhaps_unreadable =
+    "?i2c-bus-absent bus=1; ?i2c-absent bus=1 addr=0x52; ?i2c-fail bus=1 addr=0x52 errno=*; ~i2c-absent bus=1 "
+    "addr=0x52; "
+    "~i2c-fail bus=1 addr=0x52 errno=*";
 constexpr std::string_view look_at_bus =
     "Look whether bus 1 has its device file and whether the EEPROM acknowledges at 0x52 (i2cdetect -y 1).";
 constexpr std::string_view look_at_bridge = "Look at the bridge's base address registers (lspci -vv, setpci).";
@@ -39,7 +43,7 @@ constexpr std::array table{std::to_array<text_row>({
     {"",        "_init_ptu: Assertion `mhz != 0.0' failed",         none,      "",
                 "/proc/cpuinfo", "names a clock rate of 0",
                 "cpuinfo-rate khz=0", "See what the kernel prints there."},
-    {"",        "_init_ptu: Assertion `0' failed",                  none,      "", "", "", "", ""},
+    {"",        "_init_ptu: Assertion `0' failed",                  also,      "/proc/cpuinfo", "", "", "", ""},
     {"",        "The device could not be found for vendorID: {v} deviceID: {d} instance", none, "",
                 "local-bus bridge", "not in the PCI list (vendor {v}, device {d}, decimal); NVRAM and flash lie behind it",
                 bridge_ids, "See lspci -n: is the bridge there, and with its own identity?"},
@@ -51,7 +55,7 @@ constexpr std::array table{std::to_array<text_row>({
                 "bar-missing bar={reg:bar}", look_at_bridge},
     {"",        "ERROR: PCI BAR {n} is a 64-bit memory space",      none,      "",
                 "local-bus bridge", "base address register {n} is the lower half of a 64-bit one, which the driver does not take",
-                "bar-64bit bar={n} high=*", look_at_bridge},
+                "?bar-64bit bar={n} high=*; ?bar-64bit bar={n_before} high=*", look_at_bridge},
     {"",        "failed to open /dev/mem. Errno {n}:",              none,      "",
                 "/dev/mem", "cannot be opened (errno {n})",
                 "mem-absent errno={n}", "Run as root; see whether the kernel has /dev/mem and allows it."},
@@ -83,12 +87,15 @@ constexpr std::array table{std::to_array<text_row>({
     {"startup", "err: could not read sup sprom",                    unread,    "",
                 "identity EEPROM", "cannot be read; revision P1 is taken",
                 eeprom_unreadable, look_at_bus},
+    {"startup", "err: could not read sup sprom",                    perhaps_unread, "",
+                "identity EEPROM", "could not be read at the start; the log does not show whether it could later; revision P1 is taken",
+                eeprom_perhaps_unreadable, look_at_bus},
     {"startup", "err: could not read sup sprom",                    none,      "",
                 "identity EEPROM", "could not be read at the start and could later; revision P1 is taken",
                 eeprom_unread_at_times, look_at_bus},
     {"",        "err: could not read sup sprom",                    none,      "", "", "", "", ""},
     {"",        "Could not open file post_results.txt",             none,      "",
-                "/post", "results cannot be recorded: the directory is missing or cannot be written",
+                "/post", "the directory is missing or cannot be written: nothing is recorded, and no port can be tested",
                 "post-missing", "Make the directory, or mount the file system that it belongs to."},
     {"",        "ERROR: Failed to open {path} (0)",                 none,      "", "", "", "", ""},
 
@@ -97,6 +104,9 @@ constexpr std::array table{std::to_array<text_row>({
                 "the program", "a SPROM's descriptor is of another kind than the test expects", "", "This is a fault of the program: keep the whole log."},
     {"seeprom", "",                                                 unread,    "",
                 "identity EEPROM", "cannot be read; revision P1 is taken",
+                "", ""},
+    {"seeprom", "",                                                 perhaps_unread, "",
+                "identity EEPROM", "could not be read at the start; the log does not show whether it could later; revision P1 is taken",
                 "", ""},
     {"seeprom", "",                                                 none,      "",
                 "{part}", "could not be read: no block was compared",
@@ -117,7 +127,7 @@ constexpr std::array table{std::to_array<text_row>({
                 "{part}", "ethtool printed no verdict",
                 "ethtool-silent; ethtool-silent port={part}; ?ethtool-missing", "Run ethtool -t {part} by hand: is the port there?"},
     {"gige",    "Fail to open /post/ethtool.log",                   none,      "",
-                "/post", "ethtool's report cannot be kept: the directory is missing or cannot be written; no port was tested",
+                "/post", "the directory is missing or cannot be written: nothing is recorded, and no port can be tested",
                 "post-missing", "Make the directory, or mount the file system that it belongs to."},
     {"gige",    "cannot create {path}ethtool.log",                  none,      "", "", "", "", ""},
     {"gige",    "rm: cannot remove",                                none,      "", "", "", "", ""},
@@ -146,13 +156,16 @@ constexpr std::array table{std::to_array<text_row>({
     // What follows from another line.
     {"",        "## Error : Failed ",                               none,      "", "", "", "", ""},
     {"",        "with rc {n} (",                                    none,      "", "", "", "", ""},
-    {"",        "## Assert:{location}",                             none,      "", "", "", "", ""},
-    {"",        "\" is false",                                      none,      "", "", "", "", ""},
+    {"",        "## Assert:obfl_libinit():",                        also,      "Failed obfl_sw_init()", "", "", "", ""},
+    {"",        ":\"rc == HW_SUCCESS\" is false",                   also,      "Failed obfl_sw_init()", "", "", "", ""},
     {"",        "## BT: ",                                          none,      "", "", "", "", ""},
-    {"",        "_libinit: Assertion `rc == HW_SUCCESS' failed",    none,      "", "", "", "", ""},
-    {"",        "mmap_acc_init: Assertion `len' failed",            none,      "", "", "", "", ""},
-    {"",        "_lk_acq: Assertion `(0)' failed",                  none,      "", "", "", "", ""},
-    {"",        "board-sim: {program} was ended by signal",         none,      "", "", "", "", ""},
+    {"",        "nvram_libinit: Assertion `rc == HW_SUCCESS' failed", also,    "Failed nvram_sw_init()", "", "", "", ""},
+    {"",        "mmap_acc_init: Assertion `len' failed",            also,      "no size in base address register", "", "", "", ""},
+    {"",        "_lk_acq: Assertion `(0)' failed",                  also,      "lock_", "", "", "", ""},
+    {"",        " lock_{op}: Assertion `0' failed",                 also,      "Fatal error", "", "", "", ""},
+    {"",        "(): Fatal error.  Exitting...",                    none,      "", "", "", "", ""},
+    {"",        "board-sim: {program} was ended by signal 6 ",      also,      "Assert", "", "", "", ""},
+    {"",        "board-sim: {program} was ended by signal 9 ",      none,      "", "", "", "", ""},
     {"",        "Warning: Unsupported flag",                        none,      "", "", "", "", ""},
 })};
 
@@ -184,7 +197,7 @@ constexpr std::array measure_table{std::to_array<measure_row>({
     {"pci-missing",         "pci-wrong-id",           "See lspci -n: a function with a wrong identity is in the list at that place, a missing one is not."},
     {"mem-mmap-refused",    "bar-64bit",              "See lspci -vv: a 64-bit register shifts the next one."},
     {"lock-dir-missing",    "lock-dir-read-only",     "Look whether the directory is there."},
-    {"eeprom-corrupt",      "eeprom-corrupt",         "Compare the image with the one that was written (sprom dump): the differing byte is the one."},
+    {"eeprom-corrupt",      "eeprom-corrupt",         "Compare the image with the one that was written (sprom dump): the byte that differs is the bad one."},
 })};
 
 constexpr std::array advice_table{std::to_array<advice_row>({
@@ -206,8 +219,8 @@ constexpr std::array advice_table{std::to_array<advice_row>({
 })};
 
 constexpr std::pair<std::string_view, std::string_view> unseen_table[] = {
-    {"seeprom", "Blocks are checked by signature, length and sum: which byte is wrong is not seen."},
-    {"gige",    "The first sub-tests that fail are shown; a failing link test alone passes."},
+    {"seeprom", "A wrong sum shows that its block has a wrong byte, not which."},
+    {"gige",    "A sub-test with the digit 0 in its result passes; so does a failing link sub-test."},
     {"nvram",   "The first failing check ends the instance's test: whatever else is wrong with it is not seen. The upper half is not tested."},
     {"obfl",    "The first failure ends the flash test: sectors after it were not tested."},
     {"pcie",    "Only the first six functions of the card's list decide the verdict: others that are missing are only printed."},

@@ -28,11 +28,12 @@ using text_fields = std::map<std::string, std::string, std::less<>>;
 // What must hold beside the text.
 enum class text_condition : uint8_t {
   none,
-  also,       // another line of the same device holds `also`
-  one_port,   // of the ports that every card tests only one printed the text,
-  all_ports,  // or all did
-  unread,     // neither SPROM was read, nor their EEPROM at the start
-  stopped,    // the run stopped there
+  also,            // another line of the same device holds `also`
+  one_port,        // of the ports that every card tests only one printed the text,
+  all_ports,       // or all did
+  unread,          // neither SPROM was read, nor their EEPROM at the start
+  perhaps_unread,  // the same as far as the log shows, which stops before both were tried
+  stopped,         // the run stopped there, and no line shows what ended it
 };
 
 struct text_row {

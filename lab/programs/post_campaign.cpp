@@ -63,7 +63,7 @@ struct options {
   std::string work;
   bool keep = false;
   unsigned jobs = std::max(1U, std::thread::hardware_concurrency());
-  double limit = 120;
+  uint64_t limit = 120;
   double wall_limit = 0;
   std::string board_sim;
   std::string program;
@@ -184,8 +184,9 @@ std::string begin(const options &opts, campaign *all) {
   const auto own = std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path().string();
   all->plan.board_sim = opts.board_sim.empty() ? own + "/board-sim" : lab::absolute_path(opts.board_sim);
   all->plan.program = lab::absolute_path(opts.program);
-  all->plan.limit_ms = static_cast<uint64_t>(opts.limit * 1000);
-  all->plan.wall_limit_ms = static_cast<uint64_t>((opts.wall_limit > 0 ? opts.wall_limit : 10 * opts.limit) * 1000);
+  all->plan.limit_ms = opts.limit * 1000;
+  all->plan.wall_limit_ms =
+      opts.wall_limit > 0 ? static_cast<uint64_t>(opts.wall_limit * 1000) : 10 * all->plan.limit_ms;
   all->plan.repeats = opts.repeats;
   all->plan.locate = opts.locate;
   if (!opts.shard.empty()) {
@@ -273,6 +274,20 @@ lab::provenance origin_of(const lab::campaign_plan &plan, const std::string &pro
           command_line()};
 }
 
+// What decides the results beside the runs: the programs, this one among them, and the limits.
+std::vector<std::string> deciding(const lab::campaign_plan &plan, const std::string &program_bytes) {
+  std::error_code ignored;
+  const auto board = std::filesystem::weakly_canonical(plan.board_sim, ignored);
+  const auto libraries = board.parent_path().parent_path() / "lib";
+  std::vector<std::string> all{program_bytes, plan.fault_list, std::to_string(plan.limit_ms),
+                               std::to_string(plan.wall_limit_ms)};
+  for (const auto &file :
+       {std::string("/proc/self/exe"), plan.board_sim, (libraries / "libboard_sim.so").string(),
+        (libraries / "libutils.so").string(), plan.locate ? lab::post_locate_beside(plan.board_sim) : ""})
+    all.push_back(lab::read_whole(file).value_or(""));
+  return all;
+}
+
 lab::matrix matrix_of(campaign *all) {
   const auto program_bytes = lab::read_whole(tested_program(all->plan)).value_or("");
   lab::matrix matrix;
@@ -283,14 +298,10 @@ lab::matrix matrix_of(campaign *all) {
   if (matrix.space == "standard")
     for (const auto &kind : lab::left_out_kinds())
       matrix.left_out.emplace_back(kind.name, kind.reason);
-  if (const auto &shard = all->plan.shard) {
-    const auto board_bytes = lab::read_whole(all->plan.board_sim).value_or("");
-    std::vector programs{program_bytes, board_bytes, all->plan.fault_list};
-    if (all->plan.locate)
-      programs.push_back(lab::read_whole(lab::post_locate_beside(all->plan.board_sim)).value_or(""));
-    matrix.part = {shard->number, shard->of, lab::plan_identity(all->plan.space.runs, programs),
+  if (const auto &shard = all->plan.shard)
+    matrix.part = {shard->number, shard->of,
+                   lab::plan_identity(all->plan.space.runs, deciding(all->plan, program_bytes)),
                    all->plan.space.runs.size(), own_positions(*all)};
-  }
   for (const auto i : own_positions(*all))
     matrix.runs.push_back(std::move(all->done.at(i)));
   return matrix;
@@ -404,7 +415,12 @@ std::optional<lab::matrix> merge_matrices(const std::vector<std::string> &paths,
     if (!part) return std::nullopt;
     parts.emplace_back(path, std::move(*part));
   }
-  return lab::merge(std::move(parts), error);
+  auto whole = lab::merge(std::move(parts), error);
+  if (whole && !whole->origin.date.empty()) {
+    whole->origin.date = now_text();
+    whole->origin.command = command_line();
+  }
+  return whole;
 }
 
 std::string write_files(const options &opts, const lab::matrix &matrix, const std::vector<std::string> &changes) {
@@ -521,8 +537,8 @@ void add_run_options(CLI::App *app, options *opts) {
   app->add_flag("--keep", opts->keep, "keep the work directory, with the output and files of each run");
   app->add_option("-j,--jobs", opts->jobs, "runs at a time; default one for each processor")
       ->check(CLI::Range(1U, 1024U));
-  app->add_option("--limit", opts->limit, "processor seconds after which a run counts as hung; default 120")
-      ->check(CLI::Range(0.1, 86400.0));
+  app->add_option("--limit", opts->limit, "whole processor seconds after which a run counts as hung; default 120")
+      ->check(CLI::Range(uint64_t{1}, uint64_t{86400}));
   app->add_option("--wall-limit", opts->wall_limit, "the same in seconds of the clock; default ten times as many")
       ->check(CLI::Range(0.1, 864000.0));
   app->add_option("--board-sim", opts->board_sim,

@@ -1,6 +1,7 @@
 #include "lab/report/html.h"
 
 #include "lab/base/markup.h"
+#include "lab/base/text.h"
 #include "lab/campaign/fault_facts.h"
 #include "lab/report/drawing.h"
 #include "lab/report/parts.h"
@@ -41,7 +42,7 @@ svg path { stroke: var(--paper); stroke-width: .7; } svg path.o-found { opacity:
 .o-missed, .o-false-alarm { color: var(--missed); fill: var(--missed); }
 .o-ended { color: var(--ended); fill: var(--ended); } .o-hung { color: var(--hung); fill: var(--hung); }
 .o-damaged { color: var(--damaged); fill: var(--damaged); }
-.o-not-fired, .o-refused { color: var(--other); fill: var(--other); }
+.o-not-fired, .o-refused, .o-harmless { color: var(--other); fill: var(--other); }
 .o-none { fill: none; } .o-none rect, path.o-none { fill: var(--paper); stroke: var(--line); stroke-width: 1; }
 #filters { display: flex; flex-wrap: wrap; gap: .5rem; margin: .5rem 0; align-items: center; }
 #filters input, #filters select { font: inherit; padding: .25rem .4rem; max-width: 100%; color: inherit;
@@ -158,7 +159,7 @@ markup list_of(const char *title, const std::vector<std::string> &items) {
 markup legend() {
   markup html;
   for (const auto end : {outcome::found, outcome::blamed, outcome::missed, outcome::ended, outcome::hung,
-                         outcome::damaged, outcome::not_fired})
+                         outcome::damaged, outcome::not_fired, outcome::harmless, outcome::refused})
     html += tag_of(end);
   return element("p", {{"class", "legend"}}, html);
 }

@@ -76,12 +76,6 @@ std::string fired_text(const run_result &run) {
   return run.fired ? std::to_string(*run.fired) + (run.fired_more ? "+" : "") : "-";
 }
 
-std::string percent(double rate) {
-  char text[32];
-  (void)std::snprintf(text, sizeof text, "%.1f %%", 100 * rate);
-  return text;
-}
-
 std::string range_text(size_t count, size_t of) {
   const auto range = interval_of(count, of);
   return percent(range.low) + " to " + percent(range.high);
@@ -91,11 +85,6 @@ std::string seconds_text(double seconds) {
   char text[32];
   (void)std::snprintf(text, sizeof text, "%.1f s", seconds);
   return text;
-}
-
-std::string share(size_t count, size_t of) {
-  const auto text = std::to_string(count) + " of " + std::to_string(of);
-  return of == 0 ? text : text + " (" + percent(static_cast<double>(count) / static_cast<double>(of)) + ")";
 }
 
 std::string sentence_counts(const matrix &all) {
@@ -115,10 +104,11 @@ std::string located_sentence(const matrix &all) {
 std::string times_text(const matrix &all) {
   if (!all.times) return "";
   const double cpu = all.times->run_cpu + all.times->other_cpu;
-  return std::to_string(all.runs.size()) + " runs in " + seconds_text(all.times->elapsed) + ", " +
-         std::to_string(all.times->jobs) + " at a time; " + seconds_text(cpu) + " of processor time, of which " +
-         seconds_text(all.times->other_cpu) + " (" + percent(cpu > 0 ? all.times->other_cpu / cpu : 0) +
-         ") besides the runs.";
+  const auto jobs = all.times->jobs;
+  return counted(all.runs.size(), "run") + (jobs == 0 ? " in parts, the longest in " : " in ") +
+         seconds_text(all.times->elapsed) + (jobs == 0 ? "" : ", " + std::to_string(jobs) + " at a time") + "; " +
+         seconds_text(cpu) + " of processor time, of which " + seconds_text(all.times->other_cpu) + " (" +
+         percent(cpu > 0 ? all.times->other_cpu / cpu : 0) + ") besides the runs.";
 }
 
 std::string matrix_table(const matrix &all, size_t width, bool wide) {

@@ -36,12 +36,9 @@ struct reason_group {
 
 // "12", "1+" for at least once, "-" if it is not known.
 [[nodiscard]] std::string fired_text(const run_result &run);
-// "12 of 34 (35.3 %)"
-[[nodiscard]] std::string share(size_t count, size_t of);
 // "0.0 % to 3.6 %" of the 95 % interval.
 [[nodiscard]] std::string range_text(size_t count, size_t of);
-// "35.3 %" of a rate from 0 to 1, "1.5 s".
-[[nodiscard]] std::string percent(double rate);
+// "1.5 s"
 [[nodiscard]] std::string seconds_text(double seconds);
 // How many faults the right device reported and how many went unnoticed, in two sentences; "" without faults.
 [[nodiscard]] std::string sentence_counts(const matrix &all);

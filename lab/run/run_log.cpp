@@ -103,7 +103,7 @@ constexpr std::string_view startup_texts[]  = {
     "The device could not be found for vendorID: ",
     ": no size in base address register 0x",
     " is a 64-bit memory space for ",
-    "mmap_map_addr(): ",
+    "mmap_map_addr():",
 };
 // clang-format on
 

@@ -163,6 +163,7 @@ TEST(reasons, need_what_the_run_left) {
   const auto no_lock =
       until(full_log, "  Executing Mod 1 1 OBFL") +
       "ERROR lock_create(): error creating lock: /var/lock/a\npost: a.cpp:1: f: Assertion `(0)' failed.\n";
+  const auto no_flash = edited(full_log, {{"  Executing Mod 1 1 OBFL Test: \n.done (61 seconds)\n", ""}});
   const std::string at_start = "## Error : Failed nvram_sw_init()\npost: a.cpp:1: f: Assertion `0' failed.\n";
   const lab::memory_change sector{"flash", 9, 0xC0000, 0xDFFFF, 9, 0xC0000};
   const lab::memory_change two_sectors{"flash", 9, 0xBFFFF, 0xDFFFF, 9, 0xBFFFF};
@@ -180,9 +181,11 @@ TEST(reasons, need_what_the_run_left) {
       {"ethtool-fail port=eth0 test=eeprom code=30",      11062, full_log,  {},          0,   "a sub-test passes if"},
       {"ethtool-fail port=eth0 test=eeprom",              11062, full_log,  {},          0,   ""},
       {"nvram-addr-short instance=1 line=3 other=14 wins=1", 11062, full_log, {},        0,   "POST saves the upper half"},
-      {"nvram-addr-stuck instance=1 line=3 level=1",      11062, full_log,  {},          0,   ""},
+      {"nvram-addr-short instance=1 line=3 other=14 wins=0", 11062, full_log, {},        0,   ""},
       {"nvram-data-stuck instance=1 line=3 level=1 nth=7 times=1", 11062, full_log, {bytes}, 0, "it acted while the contents were saved"},
       {"nvram-data-stuck instance=0 line=3 level=1 nth=7 times=1", 11062, full_log, {bytes}, 0, ""},
+      {"nvram-data-stuck instance=1 line=3 level=1",      11062, full_log,  {bytes},     0,   ""},
+      {"nvram-cell-write-disturb instance=1 offset=16 bit=0", 11062, full_log, {bytes}, 0, "it acted while"},
       {"nvram-cell-read-deceptive instance=1 offset=0x12 bit=0", 11062, full_log, {},    0,   "POST never reads this cell twice"},
       {"nvram-cell-read-deceptive instance=1 offset=0x10 bit=0", 11062, full_log, {},    0,   ""},
       {"flash-addr-short line=17 other=20",               11062, full_log,  {},          0,   "the test of a sector accesses"},
@@ -195,6 +198,9 @@ TEST(reasons, need_what_the_run_left) {
       {"flash-cell-read-disturb offset=0x1FFF6 bit=3",    11062, full_log,  {},          0,   "POST compares a few words"},
       {"flash-cell-read-disturb offset=0x1FFF6 bit=4",    11062, full_log,  {},          0,   ""},
       {"flash-cell-read-disturb offset=0x10 bit=0",       11062, full_log,  {},          0,   ""},
+      {"flash-slow",                                      11062, full_log,  {},          0,   "the chip was slow"},
+      {"flash-slow",                                      11062, no_flash,  {},          0,   ""},
+      {"flash-cfi word=0x20 value=1",                     11062, no_flash,  {},          0,   ""},
       {"flash-erase-hangs",                               11062, gave_up,   {sector},    0,   "once the chip has given up"},
       {"flash-erase-hangs",                               11062, gave_up,   {two_sectors}, 0, ""},
       {"flash-erase-hangs",                               11062, full_log,  {sector},    0,   ""},
@@ -498,7 +504,7 @@ TEST(forms, show_where_they_come_from_and_how_to_repeat_each_run) {
                                              "'flash-erase-hangs sector=6'</code>"),
                                    HasSubstr("<td>NVRAM lines</td><td>1 of 2 (50.0 %)</td>")));
   EXPECT_THAT(lab::matrix_to_junit(example()),
-              testing::AllOf(HasSubstr("timestamp=\"2026-01-02T03:04:05Z\" hostname=\"bench x86_64\""),
+              testing::AllOf(HasSubstr("timestamp=\"2026-01-02T03:04:05Z\" hostname=\"bench\""),
                              HasSubstr("<property name=\"command\" value=\"post-campaign --from &lt;a&gt;\">")));
   auto right = run_of("flash-silent", lab::outcome::damaged, {"obfl.0"});
   right.right = true;
@@ -585,6 +591,14 @@ TEST(shards, that_do_not_belong_together_are_refused) {
   EXPECT_THAT(
       error_of([](auto *p) { p->erase(p->begin() + 1); }),
       testing::MatchesRegex("missing of 9 runs, by their line in --list: .*; no matrix was given of shard 2 of 3"));
+  // What a file claims takes no memory.
+  EXPECT_THAT(error_of([](auto *p) {
+                p->resize(1);
+                p->front().second.part->of = 1'000'000;
+                p->front().second.part->all_runs = 10'000'000;
+              }),
+              testing::MatchesRegex("missing of 10000000 runs, .*\\.\\.10000000; no matrix was given of shard "
+                                    "2\\.\\.1000000 of 1000000"));
   EXPECT_EQ(error_of([](auto *p) { p->at(2).second.part.reset(); }), "3: no shard, but a whole matrix");
   EXPECT_THAT(error_of([](auto *p) { p->at(2) = {"again", p->at(1).second}; }), HasSubstr(" is in 2 and in again"));
   EXPECT_EQ(error_of([](auto *p) { p->at(1).second.part->plan = "x"; }),

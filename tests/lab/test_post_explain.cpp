@@ -108,7 +108,8 @@ TEST_F(post_explain, guesses_nothing_from_damaged_and_foreign_logs) {
       {"kernel's lines in it", with(mismatch + "[ 12.3] eth0: link up\n" + failure), "failed\n" + cell + "unknown: 1\n"},
       {"two runs",           with(mismatch + failure) + "login:\n" + full_log, "failed\n" + cell + "passed\n"},
       {"cut after the mismatch", through(with(mismatch + failure), mismatch),
-       "did not come to its end\n" + edited(cell, {{"NVRAM 0: count", "NVRAM"}}) +
+       "did not come to its end\nNVRAM: wrote 0x091c at 0x1236, read 0x0918: cell 0x1236 bit 2; if it comes and goes, also data "
+       "line D2, or shorted data lines, or one of the address lines A1..A14, or shorted address lines\n"
        "the run: it did not come to its end, in nvram.0\n"},
       {"cut in a number",    until(with(mismatch + failure), "8\nFailed"),
        "did not come to its end\nthe run: ended within the NVRAM test without a line: the log was cut, or power, reset or "
@@ -117,6 +118,12 @@ TEST_F(post_explain, guesses_nothing_from_damaged_and_foreign_logs) {
        "did not come to its end\nthe run: it did not come to its end, before the first test\n"},
       {"an unknown assertion", "devmemfd:0x3\npost: a.cpp:1: f: Assertion `g' failed.\n",
        "ended early, by an assertion\nthe run: an assertion ended it, before the first test\nunknown: 1\n"},
+      {"an unknown assertion after a failure", until(with(mismatch + failure), "\n ERROR") + "\npost: a.cpp:1: f: Assertion `g' failed.\n",
+       "ended early, by an assertion\n" + cell + "the run: an assertion ended it, in nvram.0\nunknown: 1\n"},
+      {"an unknown assertion in a silent row", until(full_log, "done (1 ") + "post: a.cpp:1: f: Assertion `g' failed.\n",
+       "ended early, by an assertion\nthe run: an assertion ended it, in nvram.0\nunknown: 1\n"},
+      {"a signal",           until(full_log, "done (1 ") + "board-sim: post was ended by signal 11 (Segmentation fault)\n",
+       "did not come to its end\nthe run: a signal ended it, in nvram.0\nunknown: 1\n"},
       {"of no fault that lasts", with("0x00003c1c: Expected 0x1e0f Actual 0xe1f4\n" + failure),
        "failed\nNVRAM 0: count: wrote 0x1e0f at 0x3c1c, read 0xe1f4: if it comes and goes, address line A3, or shorted "
        "address lines\n"},
