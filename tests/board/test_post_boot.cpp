@@ -34,12 +34,12 @@ outcome boot(const fs::path &dir, const std::string &options, const std::string 
 TEST(post_boot, ends_and_reports_as_the_board_does) {
   // clang-format off
   const std::tuple<const char *, const char *, std::string, int, size_t, const char *, const char *> cases[] = {
-      {"a sound board",                "",                                     "true",           0, 13, "1",  "PASS"},
-      {"a device fails",               "--fault 'i2c-absent bus=1 addr=0x52'", "true",           1, 13, "0",  "FAIL"},
-      {"an unknown card",              "--card 1",                             "true",           0, 11, "-1", "ERROR"},
-      {"POST ends before its verdict", "--fault pci-list-unreadable",          "true",           1, 0,  "-1", "ERROR"},
-      {"the unit is stopped",          "",                                     ends_by("0"),     1, 6,  "-1", "ERROR"},
-      {"only the script is stopped",   "",                                     ends_by("\\$PPID"), 1, 6, "-1", "ERROR"},
+      {"a sound board",                "",                                     "true",             0, 13, "1",  "PASS"},
+      {"a device fails",               "--fault 'i2c-absent bus=1 addr=0x52'", "true",             1, 13, "0",  "FAIL"},
+      {"an unknown card",              "--card 1",                             "true",             0, 11, "-1", "ERROR"},
+      {"POST ends before its verdict", "--fault pci-list-unreadable",          "true",             1, 0,  "-1", "ERROR"},
+      {"the unit is stopped",          "",                                     ends_by("0"),       1, 6,  "-1", "ERROR"},
+      {"only the script is stopped",   "",                                     ends_by("\\$PPID"), 1, 6,  "-1", "ERROR"},
   };
   // clang-format on
   for (const auto &[what, options, before, status, count, verdict, word] : cases) {
