@@ -125,7 +125,7 @@ constexpr std::array table{std::to_array<text_row>({
                 "ethtool-silent port={part}", "Run ethtool -t {part} by hand: is the port there?"},
     {"gige",    "Fail to parse /post/ethtool.log PASS/FAIL result", none,      "",
                 "{part}", "ethtool printed no verdict",
-                "ethtool-silent; ethtool-silent port={part}; ?ethtool-missing", "Run ethtool -t {part} by hand: is the port there?"},
+                "?ethtool-silent; ?ethtool-silent port={part}; ?ethtool-missing", "Run ethtool -t {part} by hand: is the port there?"},
     {"gige",    "Fail to open /post/ethtool.log",                   none,      "",
                 "/post", "the directory is missing or cannot be written: nothing is recorded, and no port can be tested",
                 "post-missing", "Make the directory, or mount the file system that it belongs to."},
