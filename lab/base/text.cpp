@@ -56,9 +56,9 @@ std::string counted(size_t count, std::string_view what) {
   return std::to_string(count) + " " + std::string(what) + (count == 1 ? "" : "s");
 }
 
-std::string hex(uint32_t value, int digits) {
-  char text[24];
-  (void)std::snprintf(text, sizeof text, "0x%0*x", digits, value);
+std::string hex(uint64_t value, int digits) {
+  char text[32];
+  (void)std::snprintf(text, sizeof text, "0x%0*llx", digits, static_cast<unsigned long long>(value));
   return text;
 }
 
@@ -167,10 +167,20 @@ std::ifstream open_file(const std::string &path, std::string *error) {
   return file;
 }
 
-void feed_stream(std::istream &in, const std::function<void(std::string_view)> &feed) {
+size_t each_line(std::string_view text, const line_splitter::line_sink &sink) {
+  line_splitter lines(sink);
+  lines.feed(text);
+  lines.finish();
+  return lines.lines();
+}
+
+size_t each_line(std::istream &in, const line_splitter::line_sink &sink) {
+  line_splitter lines(sink);
   std::array<char, 65536> piece;
   while (in.read(piece.data(), piece.size()) || in.gcount() > 0)
-    feed({piece.data(), static_cast<size_t>(in.gcount())});
+    lines.feed({piece.data(), static_cast<size_t>(in.gcount())});
+  lines.finish();
+  return lines.lines();
 }
 
 bool take(std::string_view *text, std::string_view literal) {

@@ -28,7 +28,7 @@ using field_value = std::function<std::string(std::string_view name, std::string
 // "1 line", "2 lines"
 [[nodiscard]] std::string counted(size_t count, std::string_view what);
 // "0x0012": hexadecimal, with at least so many digits.
-[[nodiscard]] std::string hex(uint32_t value, int digits = 0);
+[[nodiscard]] std::string hex(uint64_t value, int digits = 0);
 
 // The cells in columns two blanks apart, without blanks at line ends.
 //   width  that lines are cut to, 0 for no limit
@@ -71,13 +71,14 @@ class line_splitter {
   size_t m_lines = 0;
 };
 
+// Hands out the lines of a text, or of a stream. Returns how many there are.
+size_t each_line(std::string_view text, const line_splitter::line_sink &sink);
+size_t each_line(std::istream &in, const line_splitter::line_sink &sink);
+
 // A stream of a file that can be read, or what keeps it from that in *error, with errno set.
 [[nodiscard]] std::ifstream open_file(const std::string &path, std::string *error);
 
-// Reads a stream to its end, piece by piece.
-void feed_stream(std::istream &in, const std::function<void(std::string_view)> &feed);
-
-// Takes a literal off the front. Returns whether it stood there.
+// Takes a literal off the front. Returns whether it was there.
 bool take(std::string_view *text, std::string_view literal);
 
 // Takes an integer of the type's range off the front; "-" belongs to it, "+" and blanks do not.

@@ -379,7 +379,7 @@ void add_coupled(const bit_place &victim, const good_run &good, const nvram_fail
   }
 }
 
-// Whether a cell that is bad at times can read like this: it is told what it should hold.
+// Whether a cell that is bad at times can read like this: `expected` is what it should hold.
 bool can_lose(const models::cell_variant &kind, bool expected) {
   const bool level = kind.id == models::fault_id::nvram_cell_stuck ? !expected : expected;
   return kind.level == models::either_level || kind.level == static_cast<uint8_t>(level);
@@ -402,7 +402,7 @@ void add_cells(const nvram_failure &failure, const good_run &good, nvram_verdict
       verdict->now_and_then.push_back(std::move(group));
   }
   add_coupled(cell, good, failure, verdict);
-  // Pairs that act at times are not told apart.
+  // Pairs that act at times are one group.
   for (const auto &kind : models::cell_variants(models::memory_kind::nvram)) {
     if (!kind.two_cells || (!verdict->now_and_then.empty() && verdict->now_and_then.back().name == kind.name()))
       continue;

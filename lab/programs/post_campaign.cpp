@@ -395,7 +395,7 @@ std::optional<lab::matrix> run_campaign(const options &opts, std::string *error)
   return matrix;
 }
 
-// ---- what came of it
+// ---- its results
 
 std::optional<lab::matrix> read_matrix(const std::string &path, std::string *error) {
   const auto text = lab::read_whole(path);

@@ -33,7 +33,7 @@ constexpr std::array memories{std::to_array<memory>({
 // clang-format on
 constexpr unsigned data_lines = 16;
 
-// A line, or a pair of lines, and a level: what came of that fault.
+// A line, or a pair of lines, and a level.
 struct line_fault {
   char bus;  // 'A' or 'D'
   unsigned line;

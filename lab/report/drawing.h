@@ -1,4 +1,4 @@
-// drawing.h: each memory with its lines, and what came of a fault in each of them, as pictures for a page.
+// drawing.h: each memory with its lines, and the outcome of a fault in each of them, as pictures for a page.
 #pragma once
 
 #include "lab/base/markup.h"

@@ -1,19 +1,11 @@
 #include "lab/results/sheet.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 
 #include "lab/base/text.h"
 
 namespace lab {
 namespace {
-
-std::string hex(uint64_t number) {
-  std::array<char, 24> text;
-  (void)snprintf(text.data(), text.size(), "0x%llx", static_cast<unsigned long long>(number));
-  return text.data();
-}
 
 // The run counts as a case where it has findings of its own.
 std::string counts(const report &run) {

@@ -1,4 +1,4 @@
-// cases.h: what came of each device, from the records of a run and from what it printed.
+// cases.h: the result of each device, from the records of a run and from what it printed.
 #pragma once
 
 #include <array>

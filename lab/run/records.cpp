@@ -70,17 +70,13 @@ class record_parser {
 
 record_list parse_records(std::string_view text) {
   record_parser parser;
-  line_splitter lines([&parser](const line_splitter::line &line) { parser.line(line); });
-  lines.feed(text);
-  lines.finish();
+  (void)each_line(text, [&parser](const line_splitter::line &line) { parser.line(line); });
   return parser.take_list();
 }
 
 record_list parse_records(std::istream &in) {
   record_parser parser;
-  line_splitter lines([&parser](const line_splitter::line &line) { parser.line(line); });
-  feed_stream(in, [&lines](std::string_view piece) { lines.feed(piece); });
-  lines.finish();
+  (void)each_line(in, [&parser](const line_splitter::line &line) { parser.line(line); });
   return parser.take_list();
 }
 

@@ -419,18 +419,12 @@ std::optional<size_t> run_log::stopped_at() const {
 
 log_file parse_run_log(std::string_view text) {
   log_parser parser;
-  line_splitter lines([&parser](const line_splitter::line &line) { parser.line(line); });
-  lines.feed(text);
-  lines.finish();
-  return parser.finish(lines.lines());
+  return parser.finish(each_line(text, [&parser](const line_splitter::line &line) { parser.line(line); }));
 }
 
 log_file parse_run_log(std::istream &in) {
   log_parser parser;
-  line_splitter lines([&parser](const line_splitter::line &line) { parser.line(line); });
-  feed_stream(in, [&lines](std::string_view piece) { lines.feed(piece); });
-  lines.finish();
-  return parser.finish(lines.lines());
+  return parser.finish(each_line(in, [&parser](const line_splitter::line &line) { parser.line(line); }));
 }
 
 }  // namespace lab

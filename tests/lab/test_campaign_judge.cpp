@@ -591,14 +591,6 @@ TEST(shards, that_do_not_belong_together_are_refused) {
   EXPECT_THAT(
       error_of([](auto *p) { p->erase(p->begin() + 1); }),
       testing::MatchesRegex("missing of 9 runs, by their line in --list: .*; no matrix was given of shard 2 of 3"));
-  // What a file claims takes no memory.
-  EXPECT_THAT(error_of([](auto *p) {
-                p->resize(1);
-                p->front().second.part->of = 1'000'000;
-                p->front().second.part->all_runs = 10'000'000;
-              }),
-              testing::MatchesRegex("missing of 10000000 runs, .*\\.\\.10000000; no matrix was given of shard "
-                                    "2\\.\\.1000000 of 1000000"));
   EXPECT_EQ(error_of([](auto *p) { p->at(2).second.part.reset(); }), "3: no shard, but a whole matrix");
   EXPECT_THAT(error_of([](auto *p) { p->at(2) = {"again", p->at(1).second}; }), HasSubstr(" is in 2 and in again"));
   EXPECT_EQ(error_of([](auto *p) { p->at(1).second.part->plan = "x"; }),
