@@ -21,9 +21,6 @@
 namespace locate {
 namespace {
 
-// Low bits of a base address register (PCI Local Bus Specification 3.0, section 6.2.5.1).
-enum : uint32_t { bar_is_io = 0x1, bar_is_64bit = 0x4, bar_flags = 0xF };
-
 constexpr uint32_t word_bytes = 2;
 
 uint32_t bridge_id() {
@@ -43,7 +40,7 @@ int64_t now_ms() {
   return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1'000'000;
 }
 
-// Takes a lock within the time. Waits no longer, as the driver would.
+// Takes a lock within the time. The driver would wait for ever.
 bool take_in_time(int32_t lock, uint32_t limit_ms) {
   constexpr timespec pause{0, 5'000'000};
   const auto until = now_ms() + limit_ms;

@@ -9,9 +9,11 @@
 
 #include "locate/finding.h"
 #include "locate/settings.h"
+#include "models/nor_flash.h"
 #include "platform/mfgd/cmn_lib/hw_acc/hw_acc.h"
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_acc.h"
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_pci_velto_or.h"
+#include "platform/mfgd/cmn_lib/hw_acc/obfl/obfl_acc.h"
 
 namespace locate {
 
@@ -23,6 +25,11 @@ struct memory_row {
   unsigned bar;         // 0 to 5
   uint32_t max_length;  // bytes; of a longer region only these are used
 };
+
+inline constexpr memory_row flash_row{"flash", OBFL_FLASH_DEV_NAME, 0, 5, models::flash_bytes};
+
+// Low bits of a base address register (PCI Local Bus Specification 3.0, section 6.2.5.1).
+enum : uint32_t { bar_is_io = 0x1, bar_is_64bit = 0x4, bar_flags = 0xF };
 
 // Words on a bus; what is measured goes through these two cycles.
 class word_bus {

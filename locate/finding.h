@@ -1,8 +1,10 @@
 // finding.h: what a probe of a part reports, as plain records.
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -14,6 +16,11 @@ namespace locate {
   char text[16];
   (void)std::snprintf(text, sizeof text, "0x%0*X", digits, value);
   return text;
+}
+
+// What the system says of the call that failed last, after what it failed on.
+[[nodiscard]] inline std::string os_error(const std::string &what) {
+  return what + ": " + std::strerror(errno);
 }
 
 struct finding {
@@ -30,7 +37,7 @@ enum class part_state : uint8_t { good, faulty, not_tested };
 struct part_result {
   std::string_view part = {};  // filled in by the frame
   part_state state = part_state::good;
-  std::string reason = {};  // why it was not tested
+  std::string reason = {};  // why it, or what an option asks for, was not tested
   uint64_t accesses = 0;    // of the device: bus cycles, transactions or calls
   std::vector<finding> findings = {};
   // For people, where nothing is found: "every address and data line".
@@ -42,6 +49,12 @@ struct part_result {
 inline void add_finding(finding what, part_result *result) {
   result->state = part_state::faulty;
   result->findings.push_back(std::move(what));
+}
+
+// Something that was asked for could not be tested, and why, as a sentence.
+inline void add_omission(std::string why, part_result *result) {
+  if (result->state == part_state::good) result->state = part_state::not_tested;
+  result->reason = std::move(why);
 }
 
 // The part could not be tested, and why: the first sentence of its finding.

@@ -21,6 +21,12 @@ enum : uint32_t { flash_unlock_1 = 0xAAA, flash_unlock_2 = 0x554, flash_query_en
 
 class flash_bus {
  public:
+  // Polls of an operation: the first at once, the others a millisecond apart. The longest erase of such chips takes
+  // 3.5 s, the longest program of a buffer 4 ms.
+  static constexpr unsigned polls_at_once = 1'000;
+  static constexpr unsigned most_program_polls = polls_at_once + 50;
+  static constexpr unsigned most_erase_polls = polls_at_once + 5'000;
+
   // One cycle of 16 bits at an even byte offset.
   [[nodiscard]] uint16_t read(uint32_t offset) {
     ++m_accesses;
@@ -44,9 +50,9 @@ class flash_bus {
  private:
   virtual uint16_t read_cycle(uint32_t offset) = 0;
   virtual void write_cycle(uint32_t offset, uint16_t data) = 0;
-  // Whether an operation that began so many polls ago may still run.
+  // Whether an operation that began so many polls ago may still run. Pauses between polls.
   [[nodiscard]] virtual bool may_run(unsigned polls) = 0;
-  [[nodiscard]] bool wait(uint32_t offset, uint16_t running);
+  [[nodiscard]] bool wait(uint32_t offset, uint16_t running, unsigned most_polls);
 
   unsigned m_accesses = 0;
 };

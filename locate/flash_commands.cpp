@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <span>
 
+#include "platform/mfgd/cmn_lib/diag_util/signal_hold.h"
+
 namespace locate {
 namespace {
 
@@ -134,6 +136,7 @@ void dialogue::pages() {
 }  // namespace
 
 flash_answers ask_commands(flash_bus *bus) {
+  const signal_hold::scope until_array_reads;
   dialogue with(bus);
   bus->write(0, cmd_reset);
   for (const uint32_t high : {0U, free_lines})

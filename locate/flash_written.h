@@ -21,9 +21,14 @@ struct written_step {
 
 [[nodiscard]] std::span<const written_step> written_steps();
 
+struct restoring {
+  size_t lost = 0;    // words that do not read back as they were, after several tries
+  size_t failed = 0;  // erases and programs
+};
+
 // Saves the sector, erases it, writes the words, reads them and what has an address that differs from the first in one
 // line, and restores the sector. An answer without an array is that of an operation, 1 if it succeeded.
-//   keep  whether the contents are worth saving
-[[nodiscard]] flash_answers ask_written(flash_bus *bus, const written_step &step, bool keep);
+//   how  receives how that went; null: the contents are not worth saving
+[[nodiscard]] flash_answers ask_written(flash_bus *bus, const written_step &step, restoring *how);
 
 }  // namespace locate

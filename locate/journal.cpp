@@ -9,16 +9,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include "locate/finding.h"
 #include "platform/mfgd/cmn_lib/diag_util/owner.h"
 
 namespace locate {
 namespace {
 
 constexpr size_t line_bytes = sizeof "1FFE ABCD";
-
-std::string os_error(const std::string &path) {
-  return path + ": " + std::strerror(errno);
-}
 
 // A file that is new, or gone, stays so.
 void sync_directory(const std::string &path) {
@@ -35,16 +32,21 @@ journal::~journal() {
   if (m_fd >= 0) (void)close(m_fd);
 }
 
-std::string journal::start() {
-  finish();
-  if (mkdir(m_directory.c_str(), 0700) != 0 && errno != EEXIST) return os_error(m_directory);
-  m_fd = open(m_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_NOFOLLOW | O_CLOEXEC, 0600);
-  if (m_fd < 0) return os_error(m_path);
+void journal::start() {
+  const bool is_new = mkdir(m_directory.c_str(), 0700) == 0;
+  if (!is_new && errno != EEXIST) {
+    m_error = os_error(m_directory);
+    return;
+  }
+  if (is_new) sync_directory(m_directory + "/..");
+  m_fd = open(m_path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, 0600);
+  m_length = 0;
+  if (m_fd < 0) m_error = os_error(m_path);
   sync_directory(m_directory);
-  return "";
 }
 
 bool journal::keep(const std::vector<kept_word> &words) {
+  if (m_fd < 0) return false;
   std::string text;
   text.reserve(words.size() * line_bytes);
   for (const auto &one : words) {
@@ -52,8 +54,15 @@ bool journal::keep(const std::vector<kept_word> &words) {
     (void)std::snprintf(line.data(), line.size(), "%04X %04X\n", one.offset, unsigned{one.word});
     text += line.data();
   }
-  return m_fd >= 0 && write(m_fd, text.data(), text.size()) == static_cast<ssize_t>(text.size()) &&
-         fdatasync(m_fd) == 0;
+  const auto length = static_cast<ssize_t>(text.size());
+  errno = ENOSPC;  // of a write that is cut short
+  if (write(m_fd, text.data(), text.size()) == length && fdatasync(m_fd) == 0) {
+    m_length += length;
+    return true;
+  }
+  if (m_error.empty()) m_error = os_error(m_path);
+  if (ftruncate(m_fd, m_length) != 0) m_error = os_error(m_path);
+  return false;
 }
 
 void journal::finish() {
@@ -62,18 +71,27 @@ void journal::finish() {
   if (unlink(m_path.c_str()) == 0) sync_directory(m_directory);
 }
 
-std::vector<kept_word> journal::left() const {
+std::optional<std::vector<kept_word>> journal::left() const {
   std::vector<kept_word> words;
+  errno = 0;
   const file_ptr file(fopen(m_path.c_str(), "re"));
+  if (!file) return errno == ENOENT || errno == ENOTDIR ? std::optional(words) : std::nullopt;
   std::array<char, line_bytes + 1> line{};
-  // The last line may be torn; what it describes was not done then.
-  while (file && fgets(line.data(), line.size(), file.get()) != nullptr && std::strlen(line.data()) == line_bytes) {
+  while (fgets(line.data(), line.size(), file.get()) != nullptr) {
+    const std::string_view text = line.data();
+    const bool whole = text.ends_with('\n');
+    // The last line may be torn; what it describes was not done then.
+    if (!whole && text.size() < line_bytes) break;
     unsigned offset = 0;
     unsigned word = 0;
-    if (std::sscanf(line.data(), "%4X %4X", &offset, &word) != 2) break;
+    const int found = std::sscanf(line.data(), "%4X %4X", &offset, &word);
+    if (!whole || text.size() != line_bytes || found != 2) {
+      errno = EBADMSG;
+      return std::nullopt;
+    }
     words.push_back({offset, static_cast<uint16_t>(word)});
   }
-  return words;
+  return std::ferror(file.get()) == 0 ? std::optional(words) : std::nullopt;
 }
 
 }  // namespace locate

@@ -7,10 +7,8 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstring>
 #include <fstream>
 #include <iostream>
-#include <sstream>
 
 #include "faults/arguments.h"
 #include "locate/parts.h"
@@ -22,7 +20,8 @@ namespace {
 constexpr char program[] = "post-locate";
 constexpr char about[] = "Measures which line, pair of lines or cell of the board is broken, and keeps the contents.";
 constexpr char footer[] = R"(Parts: nvram0 nvram1 nvram2 flash sproms ethernet pci system. All by default.
-Exit status: 0 nothing found, 1 something found, 2 trouble.
+Exit status: 0 nothing found; 1 something found; 2 a wrong command line, a file that cannot be read or written, words
+of an earlier run that could not be restored, or nothing found and not all tested that was asked for.
 
 Examples:
   post-locate
@@ -41,10 +40,6 @@ struct options {
 int complain(const std::string &what) {
   std::cerr << program << ": " << what << "\n";
   return EXIT_TROUBLE;
-}
-
-std::string os_error(const std::string &path) {
-  return path + ": " + std::strerror(errno);
 }
 
 void add_options(CLI::App *app, options *chosen) {
@@ -81,10 +76,12 @@ std::string read_names(const std::string &path, board_names *names) {
   if (path.empty()) return "";
   errno = 0;
   std::ifstream file(path);
-  std::ostringstream text;
-  if (!file || !(text << file.rdbuf())) return os_error(path);
+  std::string text;
+  for (std::string line; std::getline(file, line);)
+    text += line + "\n";
+  if (!file.eof()) return os_error(path);
   std::string error;
-  auto parsed = parse_names(text.str(), &error);
+  auto parsed = parse_names(text, &error);
   if (!parsed) return path + ": " + error;
   *names = std::move(*parsed);
   return "";
@@ -103,7 +100,9 @@ int run(options chosen) {
   if (const auto wrong = read_names(chosen.names, &names); !wrong.empty()) return complain(wrong);
   chosen.how.wait_ms = chosen.wait * 1000;
   chosen.how.progress = isatty(STDERR_FILENO) != 0;
-  std::cerr << restore_interrupted(chosen.how);
+  std::string did;
+  const bool restored = restore_interrupted(chosen.how, &did);
+  std::cerr << did;
   std::vector<part_result> results;
   results.reserve(all_parts.size());
   for (const auto &part : all_parts) {
@@ -112,9 +111,11 @@ int run(options chosen) {
     results.back().part = part.name;
   }
   const auto json = report_json(results);
-  if (const auto wrong = write_json(chosen.json, json); !wrong.empty()) return complain(wrong);
   std::cout << (chosen.json == "-" ? json : report_text(results, names)) << std::flush;
-  return std::cout ? exit_code_of(results) : complain(os_error("standard output"));
+  const auto unprinted = std::cout ? "" : os_error("standard output");
+  for (const auto &wrong : {unprinted, write_json(chosen.json, json)})
+    if (!wrong.empty()) return complain(wrong);
+  return restored ? exit_code_of(results) : EXIT_TROUBLE;
 }
 
 // Devices must not get the numbers of standard streams that are closed.

@@ -1,4 +1,6 @@
 // nvram.cpp: the probes of the battery-backed RAM.
+#include <algorithm>
+
 #include "locate/device.h"
 #include "locate/journal.h"
 #include "locate/nvram_cells.h"
@@ -21,57 +23,90 @@ constexpr std::array nvrams{std::to_array<memory_row>({
 // clang-format on
 
 // Restores what an interrupted run has left, in reverse order: of words at one place the first one's contents are its
-// own. Returns how many words it had.
-size_t restore_left(word_bus *ram, journal *kept) {
+// own. Each is written until it reads back. The journal goes only when all words do. Returns what it did, "" for
+// nothing.
+std::string restore_left(word_bus *ram, journal *kept, bool *done) {
+  constexpr int tries = 8;
   const auto words = kept->left();
-  const signal_hold::scope until_restored;
-  for (auto one = words.rbegin(); one != words.rend(); ++one)
-    if (one->offset < ram->length()) ram->write(one->offset, one->word);
+  *done = words.has_value();
+  if (!*done) return "the journal cannot be read: " + os_error(kept->path());
+  size_t lost = 0;
+  for (auto one = words->rbegin(); one != words->rend(); ++one) {
+    bool good = false;
+    for (int i = 0; i < tries && !good && one->offset < ram->length(); ++i) {
+      ram->write(one->offset, one->word);
+      good = ram->read(one->offset) == one->word;
+    }
+    lost += good ? 0U : 1U;
+  }
+  *done = lost == 0;
+  if (!*done)
+    return std::to_string(lost) + " of " + std::to_string(words->size()) + " words in the journal " + kept->path() +
+           " do not read back; remove it to give them up";
   kept->finish();
-  return words.size();
+  return words->empty() ? "" : std::to_string(words->size()) + " words restored after a run that ended early";
+}
+
+void measure(device *ram, unsigned instance, const settings &how, journal *kept, part_result *result) {
+  kept->start();
+  // A march writes much through lines that are bad at times.
+  constexpr uint32_t rounds_before_march = 64;
+  const auto rounds = how.cells ? std::max(how.rounds, rounds_before_march) : how.rounds;
+  const bool lines_good = locate_lines(ram, instance, rounds, kept, result);
+  result->looked_at.push_back("every address and data line" +
+                              (rounds == 1 ? "" : ", " + std::to_string(rounds) + " times"));
+  if (lines_good && how.cells)
+    locate_cells(ram, instance, how, kept, result);
+  else if (how.cells)
+    add_omission("The cells were not tested: lines are bad.", result);
+  else
+    result->not_looked_at.emplace_back("cells (--cells)");
+  if (!kept->error().empty())
+    result->not_looked_at.push_back("what a power cut would leave, as there is no whole journal: " + kept->error());
+  kept->finish();
 }
 
 part_result probe(unsigned instance, const settings &how) {
   part_result result;
   device ram;
   if (!ram.open(nvrams[instance], how, &result)) return result;
+  // A signal may end the process only when neither words nor a journal are left.
+  const signal_hold::scope until_restored;
   journal kept(how.state, nvrams[instance].part);
-  if (const auto restored = restore_left(&ram, &kept); restored != 0)
-    result.looked_at.push_back("the contents of " + std::to_string(restored) +
-                               " words, restored after a run that ended early");
-  if (const auto wrong = kept.start(); !wrong.empty())
-    result.not_looked_at.push_back("what a power cut would leave, as there is no journal: " + wrong);
-  const bool lines_good = locate_lines(&ram, instance, how.rounds, &kept, &result);
-  result.looked_at.push_back("every address and data line" +
-                             (how.rounds == 1 ? "" : ", " + std::to_string(how.rounds) + " times"));
-  if (lines_good && how.cells) {
-    (void)kept.start();
-    locate_cells(&ram, instance, how, &kept, &result);
+  bool restored = true;
+  auto text = restore_left(&ram, &kept, &restored);
+  if (restored) {
+    if (!text.empty()) result.looked_at.push_back(std::move(text));
+    measure(&ram, instance, how, &kept, &result);
   } else {
-    result.not_looked_at.emplace_back(how.cells ? "cells, as lines are bad" : "cells (--cells)");
+    add_omission("Its contents come first: " + text + ".", &result);
   }
-  kept.finish();
   result.accesses = ram.accesses();
   return result;
 }
 
 }  // namespace
 
-std::string restore_interrupted(const settings &how) {
-  std::string text;
+bool restore_interrupted(const settings &how, std::string *text) {
+  bool all = true;
   for (unsigned instance = 0; instance < nvrams.size(); ++instance) {
     const std::string part = nvrams[instance].part;
     journal kept(how.state, part);
-    if (kept.left().empty()) continue;
+    if (const auto words = kept.left(); words && words->empty()) continue;
     part_result result;
     device ram;
-    text += part + ": ";
-    if (!ram.open(nvrams[instance], how, &result))
-      text += "words of a run that ended early are not restored yet. " + result.reason + "\n";
-    else
-      text += std::to_string(restore_left(&ram, &kept)) + " words restored after a run that ended early\n";
+    bool restored = false;
+    std::string did;
+    if (ram.open(nvrams[instance], how, &result)) {
+      const signal_hold::scope until_restored;
+      did = restore_left(&ram, &kept, &restored);
+    } else {
+      did = "words in its journal may not be restored yet: " + result.reason;
+    }
+    all &= restored;
+    if (!did.empty()) *text += part + ": " + did + "\n";
   }
-  return text;
+  return all;
 }
 
 part_result probe_nvram0(const settings &how) {

@@ -1,7 +1,5 @@
 #include "locate/nvram_cells.h"
 
-#include <csignal>
-
 #include <algorithm>
 #include <cstdio>
 #include <map>
@@ -10,14 +8,14 @@
 
 #include "models/cells.h"
 #include "models/nvram_answers.h"
-#include "platform/mfgd/cmn_lib/diag_util/signal_hold.h"
 
 namespace locate {
 namespace {
 
 using models::nvram_access;
 
-constexpr size_t most_cells = 8;  // that are looked at more closely
+constexpr size_t most_cells = 8;         // that are looked at more closely
+constexpr unsigned words_of_march = 11;  // that are done, for each word of the memory: ten elements and the tour
 
 struct cell {
   uint32_t word;  // its number
@@ -36,6 +34,14 @@ class words {
       m_own.push_back(read(word));
   }
 
+  // Reads all once more. Returns the words that are not as before.
+  [[nodiscard]] std::vector<uint32_t> unsteady() {
+    std::vector<uint32_t> found;
+    for (uint32_t word = 0; word < count(); ++word)
+      if (read(word) != own(word)) found.push_back(word);
+    return found;
+  }
+
   [[nodiscard]] uint32_t count() const { return m_ram->length() / 2; }
   [[nodiscard]] uint16_t own(uint32_t word) const { return m_own[word]; }
   [[nodiscard]] uint16_t inverse(uint32_t word) const { return static_cast<uint16_t>(~m_own[word]); }
@@ -44,13 +50,9 @@ class words {
 
   // Counts a word that is done. Returns false if the user wants to stop.
   bool advance() {
-    if (++m_done % 512 != 0) return true;
-    if (m_how.progress)
-      (void)std::fprintf(stderr, "\r%s: cells, %u %%", m_part.c_str(),
-                         static_cast<unsigned>(m_done * 100 / (11 * count())));
-    sigset_t waiting;
-    (void)sigpending(&waiting);
-    m_stopped |= sigismember(&waiting, SIGINT) == 1 || sigismember(&waiting, SIGTERM) == 1;
+    if (++m_done % 512 != 0) return !m_stopped;
+    if (m_how.progress) show_progress();
+    m_stopped |= stop_is_wanted();
     return !m_stopped;
   }
   [[nodiscard]] bool stopped() const { return m_stopped; }
@@ -59,6 +61,14 @@ class words {
   }
 
  private:
+  void show_progress() const {
+    const auto percent = m_done * 100 / (words_of_march * count());
+    if (percent < 100)
+      (void)std::fprintf(stderr, "\r%s: cells, %u %%", m_part.c_str(), static_cast<unsigned>(percent));
+    else
+      (void)std::fprintf(stderr, "\r%s: cells, what disturbs them\x1b[K", m_part.c_str());
+  }
+
   word_bus *m_ram;
   const settings &m_how;
   std::string m_part;
@@ -158,7 +168,7 @@ class search {
   std::optional<uint32_t> halve(disturbance disturb, bool level) {
     word_range range{0, m_all->count()};
     if (!(this->*disturb)(range, level) || (this->*disturb)({0, 0}, level)) return std::nullopt;
-    while (range.last - range.first > 1) {
+    while (range.last - range.first > 1 && !m_all->stopped()) {
       const auto middle = range.first + (range.last - range.first) / 2;
       ((this->*disturb)({range.first, middle}, level) ? range.last : range.first) = middle;
     }
@@ -168,7 +178,7 @@ class search {
 
   template <typename Do>
   void for_each(word_range range, Do work) {
-    for (uint32_t word = range.first; word < range.last; ++word)
+    for (uint32_t word = range.first; word < range.last && m_all->advance(); ++word)
       if (word != m_victim.word) work(word);
   }
 
@@ -332,7 +342,8 @@ finding cell_finding(words *all, const cell &victim, unsigned instance) {
   finding what{
       .sentence = "Cell " + victim.text() + " of NVRAM " + std::to_string(instance),
       .evidence = {"the march found its bit wrong; then " + std::to_string(log.size()) + " accesses to the words at " +
-                   hex(2 * victim.word, 4) + (disturbing ? " and " + hex(2 * other, 4) : "")},
+                       hex(2 * victim.word, 4) + (disturbing ? " and " + hex(2 * other, 4) : ""),
+                   "the first of these words may have changed in this bit"},
       .next = "replace the chip",
       .places = {"nvram" + std::to_string(instance)}};
   for (const auto &fault : fits)
@@ -340,6 +351,7 @@ finding cell_finding(words *all, const cell &victim, unsigned instance) {
   if (fits.empty()) {
     what.intermittent = trial(all, victim.word, other).run() != log;
     what.sentence += what.intermittent ? " fails at times." : " fails as no single fault does.";
+    what.next = "measure the lines often, --repeat 1000, then replace the chip";
     return what;
   }
   what.sentence += " is bad: " + std::string(what_of(fits[0]));
@@ -350,51 +362,98 @@ finding cell_finding(words *all, const cell &victim, unsigned instance) {
 
 // ---- the contents
 
-// Writes every word until it reads back. Those with bad cells come last. A read may invert such a cell, which the
-// second read shows; a write of what it holds may do so, too.
-void restore(words *all, const failing_bits &failing) {
-  constexpr int tries = 3;
-  for (uint32_t word = 0; word < all->count(); ++word)
-    all->write(word, all->own(word));
-  for (uint32_t word = 0; word < all->count(); ++word)
-    for (int i = 0; i < tries && !failing.contains(word) && all->read(word) != all->own(word); ++i)
-      all->write(word, all->own(word));
-  for (const auto &[word, bits] : failing) {
-    bool wrong = all->read(word) != all->own(word);
-    wrong |= all->read(word) != all->own(word);
-    if (wrong) all->write(word, all->own(word));
-  }
+// Whether a word reads wrong twice: once may be a line that is bad at times.
+bool is_wrong(words *all, uint32_t word) {
+  return all->read(word) != all->own(word) && all->read(word) != all->own(word);
 }
 
-std::string keep_all(const words &all, journal *kept) {
+// Writes every word until all read back. Few words that failed have bad cells and come last: a read may invert such a
+// cell, which the second read shows; a write of what it holds may do so, too. Returns how many of the others do not
+// read back.
+size_t restore(words *all, const failing_bits &failing) {
+  constexpr int tries = 8;
+  const bool bad_cells = failing.size() <= most_cells;
+  for (uint32_t word = 0; word < all->count(); ++word)
+    all->write(word, all->own(word));
+  size_t wrong = 1;
+  for (int i = 0; i < tries && wrong != 0; ++i) {
+    wrong = 0;
+    for (uint32_t word = 0; word < all->count(); ++word) {
+      if ((bad_cells && failing.contains(word)) || !is_wrong(all, word)) continue;
+      all->write(word, all->own(word));
+      ++wrong;
+    }
+  }
+  for (const auto &[word, bits] : failing) {
+    if (!bad_cells) break;
+    bool differs = all->read(word) != all->own(word);
+    differs |= all->read(word) != all->own(word);
+    if (differs) all->write(word, all->own(word));
+  }
+  return wrong;
+}
+
+bool keep_all(const words &all, journal *kept) {
   std::vector<kept_word> list;
   list.reserve(all.count());
   for (uint32_t word = 0; word < all.count(); ++word)
     list.push_back({2 * word, all.own(word)});
-  if (kept->is_open() && kept->keep(list)) return "";
-  return "the cells: their contents cannot be written down first";
+  return kept->keep(list);
+}
+
+// What is read wrong at first would be restored wrong.
+void report_unsteady(std::span<const uint32_t> list, unsigned instance, part_result *result) {
+  const auto number = std::to_string(instance);
+  std::string few;
+  for (const auto word : list.first(std::min(list.size(), most_cells)))
+    few += " " + hex(2 * word);
+  add_finding({.sentence = "Words of NVRAM " + number + " change from read to read.",
+               .evidence = {std::to_string(list.size()) + " words differ when read again:" + few +
+                            (list.size() > most_cells ? " and others" : ", which may have changed")},
+               .intermittent = true,
+               .next = "measure the lines often: --repeat 1000; check supply and contacts",
+               .places = {"nvram" + number}},
+              result);
+}
+
+void report_lost(size_t count, unsigned instance, part_result *result) {
+  const auto number = std::to_string(instance);
+  add_finding({.sentence = "NVRAM " + number + " does not hold its contents: " + std::to_string(count) +
+                           (count == 1 ? " word." : " words."),
+               .evidence = {"restored and read back several times"},
+               .next = "measure the lines often: --repeat 1000",
+               .places = {"nvram" + number}},
+              result);
 }
 
 }  // namespace
 
 void locate_cells(word_bus *ram, unsigned instance, const settings &how, journal *kept, part_result *result) {
-  const signal_hold::scope until_restored;
   words all(ram, how, "nvram" + std::to_string(instance));
-  if (auto wrong = keep_all(all, kept); !wrong.empty()) {
-    result->not_looked_at.push_back(std::move(wrong));
-    return;
+  // Reads may invert a bad cell.
+  auto unsteady = all.unsteady();
+  if (unsteady.size() > most_cells) {
+    report_unsteady(unsteady, instance, result);
+    return add_omission("The cells were not tested: words change from read to read.", result);
   }
+  if (!keep_all(all, kept))
+    return add_omission(
+        "The cells were not tested: their contents cannot be written down first, " + kept->error() + ".", result);
   const auto failing = march(&all).run();
   size_t count = 0;
   for (const auto &[word, bits] : failing)
     for (unsigned bit = 0; bit < 16; ++bit)
       if ((bits >> bit & 1U) != 0 && ++count <= most_cells && !all.stopped())
         add_finding(cell_finding(&all, {word, bit}, instance), result);
-  restore(&all, failing);
+  const auto lost = restore(&all, failing);
   all.end_progress();
+  if (lost != 0) report_lost(lost, instance, result);
+  std::erase_if(unsteady, [&](uint32_t word) { return failing.contains(word) && failing.size() <= most_cells; });
+  if (!unsteady.empty()) report_unsteady(unsteady, instance, result);
+  if (all.stopped()) return add_omission("The cells were not tested to the end: a signal came.", result);
   if (count > most_cells)
     result->findings.back().evidence.push_back(std::to_string(count - most_cells) + " more cells fail");
-  (all.stopped() ? result->not_looked_at : result->looked_at).emplace_back("every cell");
+  result->looked_at.emplace_back("every cell");
 }
 
 }  // namespace locate

@@ -5,10 +5,10 @@
 #include <bit>
 #include <cmath>
 #include <span>
+#include <utility>
 
 #include "locate/line_finding.h"
 #include "models/nvram_answers.h"
-#include "platform/mfgd/cmn_lib/diag_util/signal_hold.h"
 
 namespace locate {
 namespace {
@@ -43,9 +43,10 @@ struct round_answers {
   std::vector<nvram_access> log;
   std::vector<wrong_answer> wrong;
   bool differed = false;  // two reads of a word, one after the other
+  bool changed = false;   // a word since the first round
   std::array<uint16_t, tags.size()> saved{};
 
-  [[nodiscard]] bool is_bad() const { return differed || !wrong.empty(); }
+  [[nodiscard]] bool is_bad() const { return differed || changed || !wrong.empty(); }
 };
 
 // One round over the words. A word is saved just before it gets its tag, and read just before it is restored if a data
@@ -82,14 +83,17 @@ class star_round {
     saved = read(k);
     const auto tagged = std::span(tags).first(k);
     // An earlier word's tag: either its address leads here, or this one read was wrong, or the word happens to hold it.
+    // One fault does the first to two words at most.
     m_read_again[k] = std::ranges::find(tagged, saved) != tagged.end();
-    if (m_read_again[k]) {
+    if (m_read_again[k] && ++m_repeated <= 2) {
       const auto again = read(k);
       m_answers.differed |= again != saved;
       saved = again;
     }
-    if (m_known != nullptr) saved = m_known->saved[k];
-    if (m_kept->is_open()) (void)m_kept->keep({{place(k), saved}});
+    if (m_known == nullptr)
+      (void)m_kept->keep({{place(k), saved}});
+    else
+      m_answers.changed |= std::exchange(saved, m_known->saved[k]) != m_known->saved[k];
     write(k, tags[k]);
   }
 
@@ -111,7 +115,7 @@ class star_round {
   // read again is not checked: if it has another's address, that one is.
   void check_then_restore() {
     for (size_t k = 1; k < m_words; ++k)
-      if (!m_read_again[k]) (void)check(k);
+      if (m_repeated > 2 || !m_read_again[k]) (void)check(k);
     for (size_t k = m_words; k-- > 0;)
       write(k, m_answers.saved[k]);
   }
@@ -122,10 +126,13 @@ class star_round {
   const round_answers *m_known;
   round_answers m_answers;
   std::array<bool, tags.size()> m_read_again{};
+  size_t m_repeated = 0;  // of them
 };
 
+// Of rounds of which one at least is bad.
 bool are_alike(std::span<const round_answers> rounds) {
-  return std::ranges::all_of(rounds, [&](const auto &one) { return one.wrong == rounds[0].wrong && !one.differed; });
+  return !rounds[0].wrong.empty() &&
+         std::ranges::all_of(rounds, [&](const auto &one) { return one.wrong == rounds[0].wrong && !one.differed; });
 }
 
 class line_probe {
@@ -141,8 +148,8 @@ class line_probe {
   // Returns whether the lines are good.
   bool run(unsigned count) {
     std::vector<round_answers> rounds{round(nullptr)};
-    while (rounds.size() < count)
-      rounds.push_back(round(rounds.data()));
+    measure(count, &rounds);
+    if (count > 1) restore_at_last(&rounds);
     const auto bad = std::ranges::find_if(rounds, &round_answers::is_bad);
     if (bad == rounds.end()) return true;
     const auto fits = are_alike(rounds) ? fitting(bad->log) : fault_list{};
@@ -154,9 +161,10 @@ class line_probe {
   }
 
  private:
-  round_answers round(const round_answers *saved) {
-    const signal_hold::scope until_restored;
-    return star_round(m_ram, m_kept, m_lines + 1, saved).run();
+  round_answers round(const round_answers *saved) { return star_round(m_ram, m_kept, m_lines + 1, saved).run(); }
+  void measure(size_t count, std::vector<round_answers> *rounds) {
+    while (rounds->size() < count && !stop_is_wanted())
+      rounds->push_back(round(rounds->data()));
   }
 
   [[nodiscard]] fault_list fitting(std::span<const nvram_access> log) const {
@@ -169,10 +177,10 @@ class line_probe {
   void report_permanent(const fault_list &fits, const round_answers &seen) {
     auto what = line_finding(m_of, fits);
     add_evidence(seen, &what);
-    const auto &fault = *fits[0];
     // What goes through bad data lines twice has what they let through; an open line is restored by the chip's own
     // level.
-    if (!fault.address && fault.bad.kind != models::line_kind::floating) add_changed({}, &what);
+    const auto alters = [](const auto *f) { return !f->address && f->bad.kind != models::line_kind::floating; };
+    if (std::ranges::any_of(fits, alters)) add_changed({}, &what);
     add_finding(std::move(what), m_result);
   }
 
@@ -191,7 +199,7 @@ class line_probe {
   [[nodiscard]] fault_list possible(std::span<const round_answers> rounds) const;
   void report_intermittent(const fault_list &fits, std::span<const round_answers> rounds);
   void report_unknown(std::span<const round_answers> rounds);
-  void restore_at_last(const round_answers &first);
+  void restore_at_last(std::vector<round_answers> *rounds);
 
   word_bus *m_ram;
   journal *m_kept;
@@ -201,10 +209,21 @@ class line_probe {
   std::vector<single_line_fault> m_faults;
 };
 
+const round_answers &worst(std::span<const round_answers> rounds) {
+  return *std::ranges::max_element(rounds, {}, [](const auto &one) { return one.wrong.size(); });
+}
+
+std::vector<nvram_access> joined_log(std::span<const round_answers> rounds) {
+  std::vector<nvram_access> log;
+  for (const auto &one : rounds)
+    log.insert(log.end(), one.log.begin(), one.log.end());
+  return log;
+}
+
 size_t count_wrong(std::span<const round_answers> rounds) {
   size_t count = 0;
   for (const auto &one : rounds)
-    count += one.wrong.size();
+    count += one.wrong.size() + (one.differed ? 1U : 0U);
   return count;
 }
 
@@ -223,21 +242,35 @@ size_t count_spoilable(const single_line_fault &fault, size_t words) {
 // How often the fault acts in an access that it can spoil, in millionths: one of two accesses, the write and the read,
 // makes an answer wrong.
 uint32_t rate_of(const single_line_fault &fault, std::span<const round_answers> rounds, size_t words) {
-  const auto spoilable = count_spoilable(fault, words);
+  constexpr double least = 1.0 / sim::fault_trigger::certain;
+  const auto spoilable = std::max<size_t>(count_spoilable(fault, words), 1);
   const auto share = static_cast<double>(count_wrong(rounds)) / static_cast<double>(spoilable * rounds.size());
-  const double rate = 1 - std::sqrt(1 - std::min(share, 1.0));
+  const double rate = std::max(1 - std::sqrt(1 - std::min(share, 1.0)), least);
   // One digit is more than it is good for.
   const double digit = std::pow(10, std::floor(std::log10(rate)));
   return static_cast<uint32_t>(std::lround(std::round(rate / digit) * digit * sim::fault_trigger::certain));
 }
 
+// Whether all wrong answers are of one bit of one word. A bad data line would spoil others as well: of seven or so, the
+// same one four times.
+bool is_one_cell(std::span<const round_answers> rounds) {
+  constexpr size_t enough = 4;
+  std::vector<wrong_answer> wrong;
+  for (const auto &one : rounds)
+    wrong.insert(wrong.end(), one.wrong.begin(), one.wrong.end());
+  return wrong.size() >= enough && std::has_single_bit(unsigned{wrong[0].read} ^ wrong[0].written) &&
+         std::ranges::all_of(wrong, [&](const auto &one) { return one == wrong[0]; });
+}
+
 void line_probe::repeat(std::vector<round_answers> rounds) {
-  while (rounds.size() < rounds_of_intermittent)
-    rounds.push_back(round(rounds.data()));
-  restore_at_last(rounds[0]);
-  const auto fits = are_alike(rounds) ? fault_list{} : possible(rounds);
+  measure(rounds_of_intermittent, &rounds);
+  restore_at_last(&rounds);
+  const bool alike = are_alike(rounds);
+  const auto fits = alike ? fitting(joined_log(rounds)) : is_one_cell(rounds) ? fault_list{} : possible(rounds);
   if (fits.empty())
     report_unknown(rounds);
+  else if (alike)
+    report_permanent(fits, rounds[0]);
   else
     report_intermittent(fits, rounds);
 }
@@ -253,9 +286,7 @@ double likelihood(const single_line_fault &fault, std::span<const round_answers>
 
 // The line faults that may act in some accesses only and would give these answers, without unlikely ones.
 fault_list line_probe::possible(std::span<const round_answers> rounds) const {
-  std::vector<nvram_access> log;
-  for (const auto &one : rounds)
-    log.insert(log.end(), one.log.begin(), one.log.end());
+  const auto log = joined_log(rounds);
   // An answer that must be former contents could have been anything else.
   const double by_chance = std::log(0x1p-16);
   std::vector<std::pair<double, const single_line_fault *>> likely;
@@ -277,7 +308,7 @@ void line_probe::report_intermittent(const fault_list &fits, std::span<const rou
   what.sentence += ", but only at times: in " +
                    (rate < 10'000 ? "less than 1" : "about " + std::to_string((rate + 5000) / 10'000)) +
                    " % of the accesses.";
-  add_evidence(*std::ranges::find_if(rounds, &round_answers::is_bad), &what);
+  add_evidence(worst(rounds), &what);
   what.evidence.push_back("wrong answers in " + std::to_string(bad) + " of " + std::to_string(rounds.size()) +
                           " rounds");
   for (auto &text : what.candidates)
@@ -288,21 +319,22 @@ void line_probe::report_intermittent(const fault_list &fits, std::span<const rou
 }
 
 void line_probe::report_unknown(std::span<const round_answers> rounds) {
-  const auto &seen = *std::ranges::find_if(rounds, &round_answers::is_bad);
-  const bool one_word =
-      seen.wrong.size() == 1 && std::has_single_bit(unsigned{seen.wrong[0].read} ^ seen.wrong[0].written);
+  const auto &seen = worst(rounds);
+  const bool alike = are_alike(rounds);
   const bool silent = std::ranges::all_of(seen.log, [](const auto &one) { return one.write || one.word == 0xFFFF; });
   finding what{
       .sentence = m_of.sentence + " gives answers that no single line fault gives.",
-      .intermittent = !are_alike(rounds),
+      .intermittent = !alike,
       .next = "look for several bad lines, a missing supply or select signal, or bad cells: --cells names them"};
   if (silent) what.sentence = m_of.sentence + " does not answer: every word reads 0xFFFF.";
   if (silent) what.next = "check the chip's supply, its select signal and the bridge's local address space";
-  if (one_word)
-    what.sentence = "A cell of " + m_of.sentence + " is bad: bit " +
-                    std::to_string(std::countr_zero(unsigned{seen.wrong[0].read} ^ seen.wrong[0].written)) +
-                    " of the word at " + hex(seen.wrong[0].offset) + ".";
-  if (one_word) what.next = "--cells names the kind of fault";
+  if (is_one_cell(rounds)) {
+    const auto &wrong = seen.wrong[0];
+    what.sentence = "A cell of " + m_of.sentence + (alike ? " is bad: bit " : " is bad at times: bit ") +
+                    std::to_string(std::countr_zero(unsigned{wrong.read} ^ wrong.written)) + " of the word at " +
+                    hex(wrong.offset) + ".";
+    what.next = "--cells names the kind of fault";
+  }
   add_evidence(seen, &what);
   add_changed({}, &what);
   add_finding(std::move(what), m_result);
@@ -324,21 +356,23 @@ void line_probe::add_changed(const fault_list &fits, finding *what) const {
   what->evidence.push_back("these words may have changed: " + list);
 }
 
-// Writes each word until it reads back.
-void line_probe::restore_at_last(const round_answers &first) {
+// Writes each word until it reads back, backwards as after each round. A word that does not is an answer of the last
+// round, too.
+void line_probe::restore_at_last(std::vector<round_answers> *rounds) {
   constexpr int tries = 8;
-  const signal_hold::scope until_restored;
-  for (size_t k = m_lines + 1; k-- > 0;)
-    for (int i = 0; i < tries && m_ram->read(place(k)) != first.saved[k]; ++i)
-      m_ram->write(place(k), first.saved[k]);
+  const auto &saved = rounds->front().saved;
+  for (size_t k = m_lines + 1; k-- > 0;) {
+    for (int i = 0; i < tries && m_ram->read(place(k)) != saved[k]; ++i) {
+      m_ram->write(place(k), saved[k]);
+      rounds->back().changed = true;
+    }
+  }
 }
 
 }  // namespace
 
 bool locate_lines(word_bus *ram, unsigned instance, unsigned rounds, journal *kept, part_result *result) {
-  line_probe probe(ram, instance, kept, result);
-  const bool good = probe.run(rounds);
-  return good;
+  return line_probe(ram, instance, kept, result).run(rounds);
 }
 
 }  // namespace locate

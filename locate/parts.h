@@ -20,8 +20,9 @@ namespace locate {
 [[nodiscard]] part_result probe_pci(const settings &how);
 [[nodiscard]] part_result probe_system(const settings &how);
 
-// Restores what earlier runs that ended early have left in their journals. Returns what it did, a line each.
-[[nodiscard]] std::string restore_interrupted(const settings &how);
+// Restores what earlier runs that ended early have left in their journals. Returns whether all words have their
+// contents again; *text says what it did, a line for each memory.
+[[nodiscard]] bool restore_interrupted(const settings &how, std::string *text);
 
 struct part_row {
   std::string_view name;

@@ -68,6 +68,14 @@ std::string position_text(uint32_t position) {
   return text;
 }
 
+// As lspci writes it: a name without blanks.
+std::string place_text(uint32_t position) {
+  char text[40];
+  (void)std::snprintf(text, sizeof text, "pci.%02x:%02x.%u", position >> 8U & 0xFFU, position >> 3U & 31U,
+                      position & 7U);
+  return text;
+}
+
 std::string ids_text(uint32_t ids) {
   return hex(ids >> 16U, 4) + ":" + hex(ids & 0xFFFFU, 4);
 }
@@ -75,7 +83,7 @@ std::string ids_text(uint32_t ids) {
 void check_function(const function_row &row, std::span<const pci_dev_line_t> lines, part_result *result) {
   const auto found = std::ranges::find(lines, row.position(), &pci_dev_line_t::m_busdevfn);
   const auto at = position_text(row.position());
-  finding what{.places = {"pci." + at}};
+  finding what{.places = {place_text(row.position())}};
   if (found == lines.end()) {
     what.sentence = std::string("PCI function missing: ") + row.what + ", " + at + ".";
     what.evidence = {"no function is listed there, ids " + ids_text(row.ids()) + " are expected"};
@@ -128,7 +136,7 @@ part_result probe_pci(const settings & /*how*/) {
     add_finding({.sentence = "PCI function that this card does not have: " + position_text(line.m_busdevfn) + ".",
                  .evidence = {"ids " + ids_text(line.m_vendor_device)},
                  .next = "check the card index in the SPROM, and what is plugged in",
-                 .places = {"pci." + position_text(line.m_busdevfn)}},
+                 .places = {place_text(line.m_busdevfn)}},
                 &result);
   }
   return result;

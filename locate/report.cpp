@@ -50,7 +50,7 @@ void add_part_text(const part_result &part, const board_names &names, std::strin
   out->append("\n");
   for (const auto &what : part.findings)
     add_finding_text(what, names, out);
-  if (part.findings.empty()) add_line("  ", part.reason, out);
+  if (part.findings.empty() || part.findings[0].sentence != part.reason) add_line("  ", part.reason, out);
   add_line("  looked at: ", joined(part.looked_at), out);
   add_line("  not looked at: ", joined(part.not_looked_at), out);
 }
@@ -92,7 +92,10 @@ std::string report_text(std::span<const part_result> parts, const board_names &n
   for (const auto &part : parts)
     add_part_text(part, names, &out);
   const auto count = count_findings(parts);
-  out += count == 0 ? "Nothing found.\n" : std::to_string(count) + (count == 1 ? " finding.\n" : " findings.\n");
+  const auto untested = std::ranges::count(parts, part_state::not_tested, &part_result::state);
+  out += count == 0 ? "Nothing found" : std::to_string(count) + (count == 1 ? " finding" : " findings");
+  if (untested != 0) out += "; " + std::to_string(untested) + (untested == 1 ? " part" : " parts") + " not tested";
+  out += ".\n";
   return out;
 }
 

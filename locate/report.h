@@ -27,7 +27,7 @@ using board_names = std::map<std::string, std::string, std::less<>>;
 enum exit_code : int {
   EXIT_NOTHING = 0,
   EXIT_FINDINGS = 1,
-  EXIT_TROUBLE = 2,  // also a part that could not be tested
+  EXIT_TROUBLE = 2,  // also where nothing is found, but not all could be tested that was asked for
 };
 
 [[nodiscard]] exit_code exit_code_of(std::span<const part_result> parts);

@@ -1,6 +1,7 @@
 // settings.h: what the command line asks of the probes.
 #pragma once
 
+#include <csignal>
 #include <cstdint>
 #include <string>
 
@@ -14,5 +15,17 @@ struct settings {
   uint32_t wait_ms = 10'000;                   // for a lock of another process
   std::string state = "/var/lib/post-locate";  // the directory of the journals
 };
+
+// Whether a signal that would end the process waits for its end, which a signal_hold puts off.
+[[nodiscard]] inline bool stop_is_wanted() {
+  sigset_t waiting;
+  (void)sigpending(&waiting);
+  for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
+    struct sigaction action {};
+    const bool ignored = sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+    if (sigismember(&waiting, number) == 1 && !ignored) return true;
+  }
+  return false;
+}
 
 }  // namespace locate

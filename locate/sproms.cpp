@@ -4,6 +4,7 @@
 #include <linux/i2c.h>
 #include <sys/ioctl.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -42,18 +43,22 @@ class chip {
     return transfer(I2C_SMBUS_READ, 0, I2C_SMBUS_BYTE, &byte);
   }
   [[nodiscard]] uint64_t transactions() const { return m_count; }
+  [[nodiscard]] uint64_t last_good() const { return m_last_good; }  // its number, from 1
 
  private:
   int transfer(uint8_t direction, uint8_t command, uint32_t size, i2c_smbus_data *data) {
     if (m_error != 0) return m_error;
     ++m_count;
     i2c_smbus_ioctl_data request{direction, command, size, data};
-    return ioctl(m_bus, I2C_SMBUS, &request) < 0 ? errno : 0;
+    if (ioctl(m_bus, I2C_SMBUS, &request) < 0) return errno;
+    m_last_good = m_count;
+    return 0;
   }
 
   int m_bus;
   int m_error;
   uint64_t m_count = 0;
+  uint64_t m_last_good = 0;
 };
 
 // Whether it is the chip that does not acknowledge, and not the bus that does nothing at all.
@@ -72,66 +77,105 @@ std::string other_chips(int bus, uint32_t own) {
 struct failure {
   std::string what;  // which transaction
   int error;
-  bool lasting;
+  uint64_t number;  // of the transaction, from 1
 };
 
-// Sets the place, again if that fails. Returns the last error, 0 for none.
-int set_place(chip *eeprom, uint32_t offset, const char *name, std::vector<failure> *failures) {
-  int error = 0;
-  for (int i = 0; i < tries; ++i) {
-    error = eeprom->set_place(offset);
-    if (error == 0) return 0;
-    failures->push_back(
-        {"address write of the " + std::string(name) + " image, offset " + hex(offset, 4), error, false});
-  }
-  failures->back().lasting = true;
-  return error;
-}
+// The reading of the images, and what failed in it.
+class reading {
+ public:
+  explicit reading(int bus) : m_eeprom(bus, dorvan_sup_dev.addr) {}
 
-// Reads the image byte by byte.
-void read_image(chip *eeprom, const image_row &image, std::vector<failure> *failures) {
-  if (set_place(eeprom, image.at.base, image.name, failures) != 0) return;
-  int failed_in_a_row = 0;
-  for (uint32_t i = 0; i < image.length;) {
-    const int error = eeprom->read_next();
-    if (error == 0) {
-      ++i;
-      failed_in_a_row = 0;
-      continue;
+  [[nodiscard]] const chip &eeprom() const { return m_eeprom; }
+  [[nodiscard]] const std::vector<failure> &failures() const { return m_failures; }
+
+  // Reads an image byte by byte. Returns whether it came to the end.
+  [[nodiscard]] bool read(const image_row &image) {
+    const auto of_image = std::string(" of the ") + image.name + " image";
+    uint32_t at = image.at.base;
+    const auto set_place = [&] {
+      return try_often([&] { return m_eeprom.set_place(at); }, "address write" + of_image + ", offset " + hex(at, 4));
+    };
+    if (!set_place()) return false;
+    for (int failed_in_a_row = 0; at < image.at.base + image.length;) {
+      if (try_once([&] { return m_eeprom.read_next(); }, "read of byte " + hex(at, 4) + of_image)) {
+        ++at;
+        failed_in_a_row = 0;
+      } else if (++failed_in_a_row == tries || !set_place()) {
+        return false;
+      }
     }
-    failures->push_back(
-        {"read of byte " + hex(image.at.base + i, 4) + " of the " + image.name + " image", error, false});
-    if (++failed_in_a_row == tries) failures->back().lasting = true;
-    if (failed_in_a_row == tries || set_place(eeprom, image.at.base + i, image.name, failures) != 0) return;
+    return true;
   }
-}
 
-void report(const std::vector<failure> &failures, int bus, part_result *result) {
-  const auto &first = failures.front();
-  const bool lasting = failures.back().lasting;
+  // Whether it does not answer any more, and not by chance only.
+  [[nodiscard]] bool is_silent() {
+    constexpr int more = 16;
+    for (int i = 0; i < more; ++i)
+      if (try_once([&] { return m_eeprom.read_next(); }, "read of a byte")) return false;
+    return true;
+  }
+
+ private:
+  template <class Do>
+  [[nodiscard]] bool try_once(Do transaction, const std::string &what) {
+    const int error = transaction();
+    if (error != 0) m_failures.push_back({what, error, m_eeprom.transactions()});
+    return error == 0;
+  }
+  template <class Do>
+  [[nodiscard]] bool try_often(Do transaction, const std::string &what) {
+    for (int i = 0; i < tries; ++i)
+      if (try_once(transaction, what)) return true;
+    return false;
+  }
+
+  chip m_eeprom;
+  std::vector<failure> m_failures;
+};
+
+// What is wrong with an EEPROM that does not answer any more; with the last error, as earlier ones may have been
+// others.
+void add_silence(const reading &of, int bus, finding *what) {
+  const auto &failures = of.failures();
+  const auto last_good = of.eeprom().last_good();
+  const int error = failures.back().error;
   const auto address = dorvan_sup_dev.addr;
   const auto place = "bus=" + std::to_string(bus_number) + " addr=" + hex(address, 2);
-  finding what{.evidence = {"first: " + first.what + ": " + std::strerror(first.error),
-                            std::to_string(failures.size()) + " of " + std::to_string(result->accesses) +
-                                " transactions failed"},
-               .intermittent = !lasting,
-               .places = {"eeprom"}};
-  if (!lasting) {
-    what.sentence = "The EEPROM at " + hex(address) + " sometimes fails.";
-    what.candidates = {"i2c-fail " + place + " errno=" + std::to_string(first.error)};
-    what.next = "check pull-ups, contacts and the levels of SCL and SDA";
-  } else if (is_of_the_chip(first.error)) {
+  const bool of_the_chip = is_of_the_chip(error);
+  what->next = of_the_chip ? "check whether it is fitted, its supply and address pins"
+                           : "check whether SCL or SDA is held low, and by which chip";
+  if (last_good != 0) {
+    const auto stop = std::ranges::find(failures, last_good + 1, &failure::number);
+    what->sentence = "The EEPROM at " + hex(address) + " stopped answering at the " + stop->what + ".";
+    what->candidates = {"i2c-fail " + place + " nth=" + std::to_string(stop->number) +
+                        " times=0 errno=" + std::to_string(error)};
+  } else if (of_the_chip) {
     const auto others = other_chips(bus, address);
-    what.sentence = "The EEPROM at " + hex(address) + " does not acknowledge.";
-    what.evidence.push_back(others.empty() ? "no chip of its kind answers at another address"
-                                           : "chips answer at " + others);
-    what.candidates = {"i2c-absent " + place};
-    what.next = "check whether it is fitted, its supply and address pins";
+    what->sentence = "The EEPROM at " + hex(address) + " does not acknowledge.";
+    what->evidence.push_back(others.empty() ? "no chip of its kind answers at another address"
+                                            : "chips answer at " + others);
+    what->candidates = {"i2c-absent " + place};
   } else {
-    what.sentence = "The bus with the EEPROM does not answer.";
-    what.candidates = {"i2c-fail " + place + " times=0 errno=" + std::to_string(first.error)};
-    what.next = "check whether SCL or SDA is held low, and by which chip";
-    what.places = {"i2c-" + std::to_string(bus_number)};
+    what->sentence = "The bus with the EEPROM does not answer.";
+    what->candidates = {"i2c-fail " + place + " times=0 errno=" + std::to_string(error)};
+    what->places = {"i2c-" + std::to_string(bus_number)};
+  }
+}
+
+void report(const reading &of, bool silent, int bus, part_result *result) {
+  const auto &first = of.failures().front();
+  finding what{.evidence = {"first: " + first.what + ": " + std::strerror(first.error),
+                            std::to_string(of.failures().size()) + " of " + std::to_string(of.eeprom().transactions()) +
+                                " transactions failed"},
+               .intermittent = !silent,
+               .places = {"eeprom"}};
+  if (silent) {
+    add_silence(of, bus, &what);
+  } else {
+    what.sentence = "The EEPROM at " + hex(dorvan_sup_dev.addr) + " sometimes fails.";
+    what.candidates = {"i2c-fail bus=" + std::to_string(bus_number) + " addr=" + hex(dorvan_sup_dev.addr, 2) +
+                       " errno=" + std::to_string(first.error)};
+    what.next = "check pull-ups, contacts and the levels of SCL and SDA";
   }
   add_finding(std::move(what), result);
 }
@@ -161,14 +205,14 @@ part_result probe_sproms(const settings & /*how*/) {
     return result;
   }
   check_adapter(bus.get(), &result);
-  chip eeprom(bus.get(), dorvan_sup_dev.addr);
-  std::vector<failure> failures;
+  reading of(bus.get());
+  bool silent = false;
   for (const auto &image : images)
-    if (failures.empty() || !failures.back().lasting) read_image(&eeprom, image, &failures);
-  result.accesses = eeprom.transactions();
+    silent = silent || (!of.read(image) && of.is_silent());
+  result.accesses = of.eeprom().transactions();
   result.looked_at = {"both images in the EEPROM, byte by byte"};
   result.not_looked_at = {"what they say (sprom verify)"};
-  if (!failures.empty()) report(failures, bus.get(), &result);
+  if (!of.failures().empty()) report(of, silent, bus.get(), &result);
   return result;
 }
 

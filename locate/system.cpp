@@ -16,6 +16,7 @@
 #include "locate/flash_bus.h"
 #include "locate/parts.h"
 #include "platform/mfgd/cmn_lib/diag_util/owner.h"
+#include "platform/mfgd/cmn_lib/diag_util/signal_hold.h"
 #include "platform/mfgd/cmn_lib/hw_acc/nvram/nvram_acc_velto.h"
 #include "platform/mfgd/cmn_lib/hw_acc/obfl/obfl_acc.h"
 #include "post/dorvan/cards.h"
@@ -28,9 +29,10 @@ namespace {
 
 void check_record_directory(part_result *result) {
   struct stat status {};
-  if (stat("/post", &status) == 0 && S_ISDIR(status.st_mode)) return;
+  const bool exists = stat("/post", &status) == 0;
+  if (exists && S_ISDIR(status.st_mode)) return;
   add_finding({.sentence = "There is no directory /post: POST cannot leave its records.",
-               .evidence = {std::strerror(errno)},
+               .evidence = {exists ? "it is a file" : os_error("/post")},
                .candidates = {"post-missing"},
                .next = "mkdir /post"},
               result);
@@ -146,7 +148,6 @@ struct bar_row {
 // The bridge's own registers, twice, the NVRAM and the flash (PLX PCI 9030 data book, "PCI Configuration Registers").
 constexpr std::array<bar_row, 6> bars{
     {{0x80, false}, {0x80, true}, {0x8000, false}, {0x8000, false}, {0x8000, false}, {models::flash_bytes, false}}};
-enum : uint32_t { bar_is_io = 0x1, bar_is_64bit = 0x4, bar_flags = 0xF };
 
 void check_bar(const pci_dev_line_t &bridge, unsigned number, part_result *result) {
   const uint32_t value = bridge.m_base[number];
@@ -189,12 +190,25 @@ constexpr std::array query_rows{std::to_array<query_row>({
 })};
 // clang-format on
 
+// Whether a finding with its fault is there already.
+bool is_known(const finding &what, const part_result &result) {
+  return std::ranges::find(result.findings, what.candidates, &finding::candidates) != result.findings.end();
+}
+
 void check_query(const settings &how, part_result *result) {
   part_result of_flash;
   device flash;
   settings at_once = how;
   at_once.wait_ms = 0;
-  if (!flash.open({"flash", OBFL_FLASH_DEV_NAME, 0, 5, models::flash_bytes}, at_once, &of_flash)) return;
+  if (!flash.open(flash_row, at_once, &of_flash)) {
+    result->not_looked_at.push_back("query of the flash: " + of_flash.reason);
+    for (auto &why : of_flash.findings)
+      if (!is_known(why, *result)) add_finding(std::move(why), result);
+    return;
+  }
+  result->looked_at.emplace_back("query of the flash");
+  const signal_hold::scope until_array_reads;
+  flash.write(0, cmd_reset);
   flash.write(flash_query_entry, cmd_query);
   std::vector<std::string> evidence;
   std::vector<std::string> candidates;
@@ -227,15 +241,18 @@ part_result probe_system(const settings &how) {
   check_driver(&result);
   check_clock(&result);
   check_locks(&result);
+  result.looked_at = {"/post", "SPROM driver", "clock rate", "locks"};
   pci_dev_line_t bridge{};
-  if (part_result unused; find_bridge(&bridge, &unused)) {
+  part_result of_bridge;
+  if (find_bridge(&bridge, &of_bridge)) {
+    result.looked_at.emplace_back("base address registers");
     for (unsigned bar = 0; bar < bars.size(); ++bar)
       check_bar(bridge, bar, &result);
     check_query(how, &result);
   } else {
-    result.not_looked_at = {"the bridge's registers and the flash's query: the bridge is not listed"};
+    result.not_looked_at = {"base address registers", "query of the flash"};
+    add_finding(std::move(of_bridge.findings[0]), &result);
   }
-  result.looked_at = {"/post", "SPROM driver", "clock rate", "locks", "base address registers", "query of the flash"};
   return result;
 }
 

@@ -15,8 +15,10 @@ class model_ram : public locate::word_bus {
   //   fault  as it is asked for; "" for none
   //   bytes  of the memory, a power of two
   model_ram(const std::string &fault, unsigned seed, uint32_t bytes = 0x8000)
-      : m_bytes(bytes, seed % 8 == 1 ? 0 : 0xFF) {
+      : m_tags(seed % 8 == 2), m_bytes(bytes, seed % 8 == 1 ? 0 : 0xFF) {
     std::mt19937 random(seed);
+    for (uint32_t i = 0; m_tags && i < bytes; ++i)
+      m_bytes[i] = i % 2 == 0 ? 0x21 : 0x9A;
     if (seed % 8 > 2) std::ranges::generate(m_bytes, [&] { return static_cast<uint8_t>(random()); });
     m_before = m_bytes;
     std::string error;
@@ -37,6 +39,7 @@ class model_ram : public locate::word_bus {
   }
   [[nodiscard]] uint32_t length() const override { return static_cast<uint32_t>(m_bytes.size()); }
   [[nodiscard]] uint64_t accesses() const { return m_accesses; }
+  [[nodiscard]] bool holds_tags() const { return m_tags; }
 
   // The words that differ now from what they were, by their offsets, with the bits in which they do.
   [[nodiscard]] std::map<uint32_t, unsigned> changed() const {
@@ -48,6 +51,7 @@ class model_ram : public locate::word_bus {
   }
 
  private:
+  bool m_tags;  // every word is the first tag of the lines' probe
   std::vector<uint8_t> m_bytes;
   std::vector<uint8_t> m_before;
   std::optional<sim::fault> m_asked;

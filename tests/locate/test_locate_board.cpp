@@ -38,6 +38,8 @@ constexpr std::array fault_rows{std::to_array<fault_row>({
     {"system",   "bar-missing bar=0",                                    nullptr},
     {"system",   "bar-64bit bar=5",                                      nullptr},
     {"system",   "bar-io bar=4",                                         nullptr},
+    {"system",   "mem-absent errno=2",                                   nullptr},
+    {"system",   "pci-list-unreadable errno=13",                         nullptr},
     {"system",   "flash-cfi word=0x20 value=0",                          "\"flash-cfi word=0x20 value=0x0\""},
     {"system",   "flash-cfi word=0x21 value=0xFF",                       nullptr},
     {"system",   "flash-cfi word=0x25 value=0",                          "\"flash-cfi word=0x25 value=0x0\""},
@@ -47,7 +49,9 @@ constexpr std::array fault_rows{std::to_array<fault_row>({
     {"sproms",   "i2c-fail bus=1 addr=0x52 nth=1",                       "address write of the supervisor's image"},
     {"sproms",   "i2c-fail bus=1 addr=0x52 nth=335",                     "byte 0x014D of the supervisor's image"},
     {"sproms",   "i2c-fail bus=1 addr=0x52 nth=336",                     "address write of the backplane's image"},
-    {"sproms",   "i2c-fail bus=1 addr=0x52 nth=600 times=0 errno=110",   "The bus with the EEPROM does not answer."},
+    {"sproms",   "i2c-fail bus=1 addr=0x52 nth=600 times=0 errno=110",   nullptr},
+    {"sproms",   "i2c-fail bus=1 addr=0x52 times=0 errno=110",           "The bus with the EEPROM does not answer."},
+    {"sproms",   "i2c-fail bus=1 addr=0x52 times=0 p=500000 seed=3",     "sometimes fails"},
     {"ethernet", "ethtool-missing",                                      nullptr},
     {"ethernet", "ethtool-silent port=eth5",                             nullptr},
     {"ethernet", "ethtool-fail port=eth0 test=link code=1",              nullptr},
@@ -59,6 +63,7 @@ constexpr std::array fault_rows{std::to_array<fault_row>({
     {"pci",      "pci-missing bus=0x01 dev=0 func=0",                    nullptr, "11061"},
     {"pci",      "pci-missing bus=0x0F dev=0 func=0",                    nullptr, "11096"},
     {"pci",      "pci-wrong-id bus=0x2E dev=0 func=0 vendor=0x10B5 device=0xFFFE", nullptr},
+    {"nvram0",   "nvram-addr-stuck instance=0 line=9 level=0 p=3000 seed=160", "line=9 level=0 p=20000\""},
     {"flash",    "flash-addr-stuck line=20 level=1",                     nullptr},
     {"flash",    "flash-addr-short line=17 other=25 wins=0",             nullptr},
     {"flash",    "flash-addr-short line=12 other=16 wins=1 commands=1",  nullptr},
@@ -132,9 +137,22 @@ TEST(locate_board, writes_and_restores_two_sectors_of_the_flash) {
   const auto before = read_file(state.path() / "flash");
   EXPECT_EQ(run_board(state.path(), {"--", locate, "--write", "flash"}).status, 0);
   EXPECT_TRUE(read_file(state.path() / "flash") == before);
-  const auto ignored =
-      run_board(state.path(), {"--fault", "flash-program-ignored sector=511", "--", locate, "--write", "flash"});
-  EXPECT_EQ(ignored.status, 1) << ignored.out;
+  struct bad_case {
+    const char *fault;
+    bool keeps;
+    const char *says;
+  };
+  for (const auto &c : {
+           bad_case{"flash-data-stuck line=3 level=0 p=300000", true, "Nothing was written: reads are not steady."},
+           bad_case{"flash-program-hangs sector=0 nth=5 times=1 dq5=1", true, "sector at 0x0000000 fail at times"},
+           bad_case{"flash-program-ignored sector=511", false, "no single fault of its lines"},
+           bad_case{"flash-program-ignored sector=0 nth=3", false, "does not hold its contents: "},
+       }) {
+    const auto bad = run_board(state.path(), {"--fault", c.fault, "--", locate, "--write", "flash"});
+    EXPECT_EQ(bad.status, 1) << c.fault << bad.out;
+    EXPECT_NE(bad.out.find(c.says), std::string::npos) << c.fault << bad.out;
+    EXPECT_TRUE(!c.keeps || read_file(state.path() / "flash") == before) << c.fault;
+  }
 }
 
 }  // namespace

@@ -106,7 +106,7 @@ const std::array contents_rows{std::to_array<contents_row>({
     {"even text",          [] { return text(40, true); },           false, false, nothing, nothing, 4500},
     {"one sector, pins",   [] { return text(1, false); },           true,  false, found,   nothing, 4500},
     {"blank, pins",        blank,                                   true,  false, found,   nothing, 3500},
-    {"blank, written",     blank,                                   false, true,  named,   found,   250'000},
+    {"blank, written",     blank,                                   false, true,  named,   found,   700'000},
 })};
 // clang-format on
 

@@ -1,6 +1,8 @@
 // The program post-locate on the simulated board: its report, its exit status, and what a power cut leaves.
 #include <gmock/gmock.h>
 
+#include <fstream>
+
 #include "tests/support/run.h"
 
 namespace {
@@ -21,7 +23,6 @@ class post_locate : public testing::Test {
   [[nodiscard]] std::string contents(const std::string &name) const { return read_file(m_dir.path() / name); }
   [[nodiscard]] std::filesystem::path journals() const { return m_dir.path() / "var/lib/post-locate"; }
 
- private:
   temp_dir m_dir;
 };
 
@@ -56,6 +57,12 @@ TEST_F(post_locate, reports_each_kind_of_result) {
        {"--wait", "0", "nvram1"},
        1,
        "nvram1: not tested\n  The lock RTC_NVRAM1-write is held by process "},
+      {"", {"--names", "/dev/null", "nvram2"}, 0, "nvram2: good, 60 accesses\n"},
+      {"",
+       {"--cells", "--state", "/dev/null/x", "nvram1"},
+       2,
+       "nvram1: not tested, 36623 accesses\n  The cells were not tested: their contents cannot be written down first, "
+       "/dev/null/x: Not a directory.\n"},
       {"", {"--names", "/missing"}, 2, ""},
       {"", {"nvram3"}, 2, ""},
   };
@@ -64,7 +71,51 @@ TEST_F(post_locate, reports_each_kind_of_result) {
     const auto ran = run(c.fault, c.arguments);
     EXPECT_EQ(ran.status, c.status) << ran.err;
     EXPECT_THAT(ran.out, StartsWith(c.out));
-    EXPECT_EQ(ran.err.empty(), c.status != 2) << ran.err;
+    EXPECT_EQ(ran.err.empty(), !ran.out.empty()) << ran.err;
+  }
+}
+
+// What a journal of nvram1 makes of a start that looks at another part.
+TEST_F(post_locate, keeps_a_journal_until_its_words_read_back) {
+  struct journal_case {
+    const char *journal;
+    const char *fault;
+    int status;
+    const char *err;  // has this
+  };
+  for (const auto &c : {
+           journal_case{"0002 0008\n", "", 0, "nvram1: 1 words restored after a run that ended early\n"},
+           journal_case{"0002 0008\n0004 00", "", 0, "nvram1: 1 words restored"},  // the second is torn
+           journal_case{"0002 0008\n", "nvram-data-stuck instance=1 line=3 level=0", 2, "nvram1: 1 of 1 words in the"},
+           journal_case{"0002 0008\n8000 0001\n", "", 2, "nvram1: 1 of 2 words in the"},
+           journal_case{"0002 0008\nx\n0004 0001\n", "", 2, "nvram1: the journal cannot be read: /var/lib/post"},
+           journal_case{"0002 00080\n", "", 2, "nvram1: the journal cannot be read: "},
+           journal_case{"0002 0008\n", "lock-held lock=nvram1 kind=write ms=60000", 2,
+                        "nvram1: words in its journal may not be restored yet: The lock RTC_NVRAM1-write is held by p"},
+       }) {
+    SCOPED_TRACE(std::string(c.journal) + c.fault);
+    std::filesystem::create_directories(journals());
+    std::ofstream(journals() / "nvram1.journal") << c.journal;
+    const auto ran = run(c.fault, {"--wait", "0", "sproms"});
+    EXPECT_EQ(ran.status, c.status) << ran.out;
+    EXPECT_THAT(ran.err, HasSubstr(c.err));
+    EXPECT_EQ(std::filesystem::exists(journals() / "nvram1.journal"), c.status != 0);
+    EXPECT_TRUE(c.status != 0 || contents("nvram1").substr(2, 2) == std::string("\x08\0", 2));
+  }
+}
+
+// Signals come at any time and end the program, but leave neither a journal nor other contents.
+TEST_F(post_locate, restores_before_a_signal_ends_it) {
+  (void)run("", {"nvram1"});
+  const auto before = contents("nvram1");
+  for (const char *const wait : {"0.01", "0.03", "0.06", "0.1"}) {
+    SCOPED_TRACE(wait);
+    const auto script = std::string(POST_BIN_DIR "/post-locate --repeat 1000 --cells nvram1 nvram2 & sleep ") + wait +
+                        "; kill $!; wait $!; echo $?";
+    const auto ran = run_board(m_dir.path(), {"--", "bash", "-c", script});
+    EXPECT_TRUE(ran.out.ends_with("143\n")) << ran.out;
+    EXPECT_TRUE(!std::filesystem::exists(journals()) || std::filesystem::is_empty(journals()));
+    EXPECT_EQ(contents("nvram1"), before);
   }
 }
 
