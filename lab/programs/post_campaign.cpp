@@ -483,8 +483,7 @@ void add_space_options(CLI::App *app, options *opts) {
       app->add_option("--set", opts->set, "the fault space: standard (default), lines, cells, drawn or transients")
           ->check(CLI::IsMember({"standard", "lines", "cells", "drawn", "transients"}));
   app->add_option("--samples", opts->samples,
-                  "number of random faults in the sets cells and drawn, and in each stratum of transients, where 9604 "
-                  "give rates within 1 %, 385 within 5 %; default 100")
+                  "number of random faults, for transients in each stratum; default 100")
       ->check(CLI::Range(uint64_t{1}, uint64_t{1'000'000}));
   app->add_option("--seed", opts->seed, "seed of these; default 1");
   auto *const fault = app->add_option("--fault", opts->faults, "your own faults, as a pattern; may be repeated")
