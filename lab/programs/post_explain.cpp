@@ -1,8 +1,6 @@
 // post_explain.cpp: the program post-explain, which says what a failed run means.
 #include <csignal>
 #include <deque>
-#include <fstream>
-#include <iostream>
 #include <optional>
 
 #include "lab/base/command_line.h"
@@ -55,17 +53,6 @@ struct inputs {
   bool have_records = false;
 };
 
-bool read_log(const std::string &path, inputs *in, std::string *error) {
-  if (path == "-") {
-    in->logs.push_back(lab::parse_run_log(std::cin));
-    return true;
-  }
-  auto file = lab::open_file(path, error);
-  if (!error->empty()) return false;
-  in->logs.push_back(lab::parse_run_log(file));
-  return true;
-}
-
 bool read_records(const std::string &path, inputs *in, std::string *error) {
   if (path.empty()) return true;
   auto file = lab::open_file(path, error);
@@ -77,10 +64,9 @@ bool read_records(const std::string &path, inputs *in, std::string *error) {
 
 lab::explained_file explain(const std::string &name, const lab::log_file &log, const inputs &in) {
   lab::explained_file file{lab::printable(name), {}, &log, {}};
-  if (in.records.bad_count > 0)
-    file.notes.push_back("records: " + std::to_string(in.records.bad_count) + " lines are no records");
+  if (in.records.bad_count > 0) file.notes.push_back("records: " + lab::counted(in.records.bad_count, "bad line"));
   if (log.run_count > log.runs.size())
-    file.notes.push_back(std::to_string(log.run_count - log.runs.size()) + " earlier runs are left out");
+    file.notes.push_back(lab::counted(log.run_count - log.runs.size(), "earlier run") + " left out");
   size_t number = log.run_count - log.runs.size();
   // Records that are older than the log's runs are not asked for.
   for (const auto &pair : lab::pair_runs(in.records.records, log.runs))
@@ -96,8 +82,10 @@ int explain_all(const options &chosen) {
   if (names.empty() && chosen.records.empty()) names.emplace_back("-");
   if (names.size() > 1 && !chosen.records.empty()) return complain("records belong to one file of runs");
   if (!read_records(chosen.records, &in, &error)) return complain(error);
-  for (const auto &name : names)
-    if (!read_log(name, &in, &error)) return complain(error);
+  for (const auto &name : names) {
+    in.logs.push_back(lab::read_run_log(name, &error));
+    if (!error.empty()) return complain(error);
+  }
   if (names.empty()) {
     names.push_back(chosen.records);
     in.logs.emplace_back();

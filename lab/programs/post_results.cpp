@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <fstream>
 #include <functional>
-#include <iostream>
 #include <iterator>
 #include <optional>
 #include <string>
@@ -108,13 +107,7 @@ void read_records(const options &chosen, inputs *in, std::string *error) {
 }
 
 void read_log(const options &chosen, inputs *in, std::string *error) {
-  if (chosen.log.empty()) return;
-  if (chosen.log == "-") {
-    in->log = lab::parse_run_log(std::cin);
-    return;
-  }
-  std::ifstream file = lab::open_file(chosen.log, error);
-  in->log = lab::parse_run_log(file);
+  if (!chosen.log.empty()) in->log = lab::read_run_log(chosen.log, error);
 }
 
 void read_identity(const options &chosen, inputs *in, std::string *error) {
@@ -144,9 +137,9 @@ void note_log(const log_file &log, std::vector<std::string> *notes) {
   for (const lab::line_note &one : log.notes)
     notes->push_back("log, " + lines_text(one.first, one.last) + ": " + one.text);
   if (log.note_count > log.notes.size())
-    notes->push_back("log: " + std::to_string(log.note_count - log.notes.size()) + " more notes");
+    notes->push_back("log: " + lab::counted(log.note_count - log.notes.size(), "more note"));
   if (log.run_count > log.runs.size())
-    notes->push_back("log: " + std::to_string(log.run_count - log.runs.size()) + " earlier runs are left out");
+    notes->push_back("log: " + lab::counted(log.run_count - log.runs.size(), "earlier run") + " left out");
 }
 
 // The lines of the records among which a bad one may have been one of this run.
@@ -175,8 +168,7 @@ void add_bad_lines(const record_list &list, const std::vector<lab::record> &run,
     own |= bad.last > range.after && bad.first < range.before;
     results->notes.push_back(text_of(bad));
   }
-  if (list.bad_unlisted > 0)
-    results->notes.push_back("records: " + std::to_string(list.bad_unlisted) + " more lines that are no records");
+  if (list.bad_unlisted > 0) results->notes.push_back("records: " + lab::counted(list.bad_unlisted, "more bad line"));
   if (own) results->run.warnings.emplace_back("lines among its records are no records");
 }
 

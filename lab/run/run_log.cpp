@@ -1,6 +1,7 @@
 #include "lab/run/run_log.h"
 
 #include <algorithm>
+#include <iostream>
 #include <span>
 
 #include "lab/base/text.h"
@@ -425,6 +426,12 @@ log_file parse_run_log(std::string_view text) {
 log_file parse_run_log(std::istream &in) {
   log_parser parser;
   return parser.finish(each_line(in, [&parser](const line_splitter::line &line) { parser.line(line); }));
+}
+
+log_file read_run_log(const std::string &path, std::string *error) {
+  if (path == "-") return parse_run_log(std::cin);
+  auto file = open_file(path, error);
+  return parse_run_log(file);
 }
 
 }  // namespace lab

@@ -90,5 +90,7 @@ struct log_file {
 
 [[nodiscard]] log_file parse_run_log(std::string_view text);
 [[nodiscard]] log_file parse_run_log(std::istream &in);
+// Of a file, - for standard input; what keeps it from being read is in *error.
+[[nodiscard]] log_file read_run_log(const std::string &path, std::string *error);
 
 }  // namespace lab
