@@ -38,7 +38,7 @@ class drawer {
     std::vector<const sim::fault_row *> kinds;
     for (const auto &row : sim::fault_table())
       if (std::ranges::find(parts, row.part) != parts.end() && can_meet(row, lasts)) kinds.push_back(&row);
-    const auto &kind = *kinds[pick(0, kinds.size() - 1)];
+    const auto &kind = *kinds[static_cast<size_t>(pick(0, kinds.size() - 1))];
     std::string text = kind.name;
     for (const auto &row : kind.parms())
       if (row.given == sim::parm_row::given::always || pick(0, 1) == 1) text += value_text(kind, row);
@@ -58,7 +58,7 @@ class drawer {
 
   std::string value_text(const sim::fault_row &kind, const sim::parm_row &row) {
     const bool pci = kind.find(parm::func) != nullptr;
-    const auto &at = m_card.pci_p1[m_function % m_card.pci_p1.size()];
+    const auto &at = m_card.pci_p1[static_cast<size_t>(m_function % m_card.pci_p1.size())];
     auto value = pick(row.low, row.highest());
     if (row.key == parm::bus) value = pci ? at.bus : 1;
     if (row.key == parm::dev) value = at.dev;
@@ -153,7 +153,7 @@ std::optional<std::string> draw_candidate(const lab::explanation &what, uint64_t
     for (const auto &group : found.faults)
       if (!group.may_differ) sure.push_back(group.one(seed % 2 == 0));
   if (sure.empty()) return std::nullopt;
-  return sure[seed % sure.size()];
+  return sure[static_cast<size_t>(seed % sure.size())];
 }
 
 TEST(explain_models, list_a_drawn_fault_and_name_what_prints_the_same) {

@@ -42,7 +42,7 @@ inline bytes text(uint32_t sectors, bool even) {
       line.resize(even ? 64 : line.size(), ' ');
       lines += line + (even ? "" : "\n");
     }
-    std::ranges::copy(lines, all.begin() + sector * models::flash_sector_bytes);
+    std::ranges::copy(lines, &all[size_t{sector} * models::flash_sector_bytes]);
   }
   return all;
 }

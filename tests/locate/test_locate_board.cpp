@@ -86,8 +86,9 @@ std::vector<std::string> healthy_run(uint64_t dice) {
   constexpr std::array cards{"11061", "11062", "11079", "11080", "11096", "11099", "11111"};
   constexpr std::array parts{"system", "nvram0", "nvram1", "nvram2", "flash", "sproms", "ethernet", "pci"};
   const auto bit = [dice](unsigned number) { return (dice >> number & 1) != 0; };
-  std::vector<std::string> words{"--card", cards[dice % cards.size()], "--revision", bit(20) ? "P0" : "P1",
-                                 "--",     POST_BIN_DIR "/post-locate"};
+  std::vector<std::string> words{"--card",     cards[static_cast<size_t>(dice % cards.size())],
+                                 "--revision", bit(20) ? "P0" : "P1",
+                                 "--",         POST_BIN_DIR "/post-locate"};
   if (bit(21)) words.emplace_back("--cells");
   if (bit(22)) words.emplace_back("--write");
   // Half of them look at all parts.

@@ -40,7 +40,7 @@ bytes twins() {
 bytes all_alike() {
   auto all = noise(1, sector_bytes);
   for (uint32_t sector = 1; sector < models::flash_sectors; ++sector)
-    std::ranges::copy_n(all.begin(), sector_bytes, all.begin() + sector * sector_bytes);
+    std::ranges::copy_n(all.begin(), sector_bytes, &all[size_t{sector} * sector_bytes]);
   return all;
 }
 
