@@ -52,7 +52,7 @@ void measure(device *ram, unsigned instance, const settings &how, journal *kept,
   // A march writes much through lines that are bad at times.
   constexpr uint32_t rounds_before_march = 64;
   const auto rounds = how.cells ? std::max(how.rounds, rounds_before_march) : how.rounds;
-  const bool lines_good = locate_lines(ram, instance, rounds, kept, result);
+  const bool lines_good = locate_lines(ram, instance, rounds, how.cells, kept, result);
   result->looked_at.push_back("every address and data line" +
                               (rounds == 1 ? "" : ", " + std::to_string(rounds) + " times"));
   if (lines_good && how.cells)

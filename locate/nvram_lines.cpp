@@ -42,11 +42,12 @@ struct wrong_answer {
 struct round_answers {
   std::vector<nvram_access> log;
   std::vector<wrong_answer> wrong;
-  bool differed = false;  // two reads of a word, one after the other
-  bool changed = false;   // a word since the first round
+  bool differed = false;              // two reads of a word, one after the other
+  std::vector<wrong_answer> changed;  // words since the first round
   std::array<uint16_t, tags.size()> saved{};
 
-  [[nodiscard]] bool is_bad() const { return differed || changed || !wrong.empty(); }
+  [[nodiscard]] bool is_wrong() const { return differed || !wrong.empty(); }
+  [[nodiscard]] bool is_bad() const { return is_wrong() || !changed.empty(); }
 };
 
 // One round over the words. A word is saved just before it gets its tag, and read just before it is restored if a data
@@ -92,8 +93,9 @@ class star_round {
     }
     if (m_known == nullptr)
       (void)m_kept->keep({{place(k), saved}});
-    else
-      m_answers.changed |= std::exchange(saved, m_known->saved[k]) != m_known->saved[k];
+    else if (saved != m_known->saved[k])
+      m_answers.changed.push_back({place(k), m_known->saved[k], saved});
+    if (m_known != nullptr) saved = m_known->saved[k];
     write(k, tags[k]);
   }
 
@@ -135,6 +137,20 @@ bool are_alike(std::span<const round_answers> rounds) {
          std::ranges::all_of(rounds, [&](const auto &one) { return one.wrong == rounds[0].wrong && !one.differed; });
 }
 
+// Every answer was right, and one bit of one word changed meanwhile: another cell disturbs it, as far as anything
+// shows.
+bool only_one_cell_changed(std::span<const round_answers> rounds) {
+  std::vector<wrong_answer> changed;
+  for (const auto &one : rounds) {
+    if (one.is_wrong()) return false;
+    changed.insert(changed.end(), one.changed.begin(), one.changed.end());
+  }
+  const auto bits = [](const auto &one) { return static_cast<uint16_t>(one.written ^ one.read); };
+  return std::ranges::all_of(changed, [&](const auto &one) {
+    return one.offset == changed[0].offset && bits(one) == bits(changed[0]) && std::has_single_bit(bits(one));
+  });
+}
+
 class line_probe {
  public:
   line_probe(word_bus *ram, unsigned instance, journal *kept, part_result *result)
@@ -145,13 +161,13 @@ class line_probe {
         m_of{"NVRAM " + std::to_string(instance), "nvram" + std::to_string(instance), instance},
         m_faults(models::line_faults(models::memory_kind::nvram, 1, m_lines)) {}
 
-  // Returns whether the lines are good.
-  bool run(unsigned count) {
+  // Returns whether the lines are good, or show less than the cells will.
+  bool run(unsigned count, bool cells_follow) {
     std::vector<round_answers> rounds{round(nullptr)};
     measure(count, &rounds);
     if (count > 1) restore_at_last(&rounds);
     const auto bad = std::ranges::find_if(rounds, &round_answers::is_bad);
-    if (bad == rounds.end()) return true;
+    if (bad == rounds.end() || (cells_follow && only_one_cell_changed(rounds))) return true;
     const auto fits = are_alike(rounds) ? fitting(bad->log) : fault_list{};
     if (!fits.empty() && is_one_place(fits))
       report_permanent(fits, *bad);
@@ -199,6 +215,7 @@ class line_probe {
   [[nodiscard]] fault_list possible(std::span<const round_answers> rounds) const;
   void report_intermittent(const fault_list &fits, std::span<const round_answers> rounds);
   void report_unknown(std::span<const round_answers> rounds);
+  void report_changed(std::span<const round_answers> rounds);
   void restore_at_last(std::vector<round_answers> *rounds);
 
   word_bus *m_ram;
@@ -265,6 +282,7 @@ bool is_one_cell(std::span<const round_answers> rounds) {
 void line_probe::repeat(std::vector<round_answers> rounds) {
   measure(rounds_of_intermittent, &rounds);
   restore_at_last(&rounds);
+  if (std::ranges::none_of(rounds, &round_answers::is_wrong)) return report_changed(rounds);
   const bool alike = are_alike(rounds);
   const auto fits = alike ? fitting(joined_log(rounds)) : is_one_cell(rounds) ? fault_list{} : possible(rounds);
   if (fits.empty())
@@ -340,6 +358,21 @@ void line_probe::report_unknown(std::span<const round_answers> rounds) {
   add_finding(std::move(what), m_result);
 }
 
+// Every answer was right: a line or a cell that is bad at times, and no access shows which.
+void line_probe::report_changed(std::span<const round_answers> rounds) {
+  finding what{.sentence = "Words of " + m_of.sentence + " change that are not written.",
+               .intermittent = true,
+               .next = "--cells names cells that disturb others; --repeat 1000 shows a line that is bad at times",
+               .places = {m_of.part}};
+  for (const auto &one : rounds)
+    for (const auto &word : one.changed)
+      if (what.evidence.size() < most_evidence)
+        what.evidence.push_back("the word at " + hex(word.offset) + " was " + hex(word.written, 4) + ", and later " +
+                                hex(word.read, 4));
+  add_changed({}, &what);
+  add_finding(std::move(what), m_result);
+}
+
 // Which words the accesses may have reached, and so changed.
 void line_probe::add_changed(const fault_list &fits, finding *what) const {
   std::vector<uint32_t> places;
@@ -362,17 +395,20 @@ void line_probe::restore_at_last(std::vector<round_answers> *rounds) {
   constexpr int tries = 8;
   const auto &saved = rounds->front().saved;
   for (size_t k = m_lines + 1; k-- > 0;) {
-    for (int i = 0; i < tries && m_ram->read(place(k)) != saved[k]; ++i) {
+    for (int i = 0; i < tries; ++i) {
+      const auto word = m_ram->read(place(k));
+      if (word == saved[k]) break;
       m_ram->write(place(k), saved[k]);
-      rounds->back().changed = true;
+      rounds->back().changed.push_back({place(k), saved[k], word});
     }
   }
 }
 
 }  // namespace
 
-bool locate_lines(word_bus *ram, unsigned instance, unsigned rounds, journal *kept, part_result *result) {
-  return line_probe(ram, instance, kept, result).run(rounds);
+bool locate_lines(word_bus *ram, unsigned instance, unsigned rounds, bool cells_follow, journal *kept,
+                  part_result *result) {
+  return line_probe(ram, instance, kept, result).run(rounds, cells_follow);
 }
 
 }  // namespace locate

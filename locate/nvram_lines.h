@@ -14,9 +14,11 @@ namespace locate {
 // Measures the lines of an open memory and adds what is found to *result. Restores the words, as far as the fault lets
 // them through, and names those that it may have changed.
 // Signals must be held; one that waits ends the rounds.
-//   rounds  how often at least to measure, from 1; more where answers differ or no line explains them
-//   kept    where the words are written down meanwhile
+//   rounds        how often at least to measure, from 1; more where answers differ or no line explains them
+//   cells_follow  one bit of one word that changes, while all answers are right, is left to the cells' test
+//   kept          where the words are written down meanwhile
 // Returns whether the lines are good.
-bool locate_lines(word_bus *ram, unsigned instance, unsigned rounds, journal *kept, part_result *result);
+bool locate_lines(word_bus *ram, unsigned instance, unsigned rounds, bool cells_follow, journal *kept,
+                  part_result *result);
 
 }  // namespace locate

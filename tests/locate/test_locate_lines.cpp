@@ -16,7 +16,7 @@ using testing::StartsWith;
 locate::part_result measure(model_ram *ram, unsigned instance, unsigned rounds = 1) {
   locate::journal none("", "");
   locate::part_result result;
-  const bool good = locate::locate_lines(ram, instance, rounds, &none, &result);
+  const bool good = locate::locate_lines(ram, instance, rounds, false, &none, &result);
   EXPECT_EQ(good, result.state == part_state::good);
   return result;
 }
@@ -76,6 +76,7 @@ TEST(locate_lines, names_faults_that_come_and_go_with_their_rate) {
       const auto found = measure(&ram, 0, static_cast<unsigned>(rounds));
       if (found.findings.empty()) continue;
       const auto &what = found.findings[0];
+      if (what.sentence == "Words of NVRAM 0 change that are not written.") continue;  // and names none
       ++found_by;
       EXPECT_THAT(what.candidates, Contains(StartsWith(text))) << what.sentence;
       EXPECT_EQ(what.intermittent, testing::Value(what.evidence, Contains(HasSubstr(" rounds"))));

@@ -63,6 +63,17 @@ TEST_F(post_locate, reports_each_kind_of_result) {
        2,
        "nvram1: not tested, 36623 accesses\n  The cells were not tested: their contents cannot be written down first, "
        "/dev/null/x: Not a directory.\n"},
+      // Every line answers rightly; a word changes all the same.
+      {"nvram-cell-coupled-write instance=0 offset=0x10 bit=0 victim=0x4000 vbit=1",
+       {"--repeat", "5", "nvram0"},
+       1,
+       "nvram0: faulty, 994 accesses\n  Words of NVRAM 0 change that are not written.\n    seen: the word at 0x4000 "
+       "was "},
+      {"nvram-cell-coupled-write instance=0 offset=0x10 bit=0 victim=0x4000 vbit=1",
+       {"--cells", "nvram0"},
+       1,
+       "nvram0: faulty, 3019771 accesses\n  Cell 0x4000 bit 1 of NVRAM 0 is bad: changed by a write to another cell, "
+       "in "},
       {"", {"--names", "/missing"}, 2, ""},
       {"", {"nvram3"}, 2, ""},
   };
@@ -108,15 +119,18 @@ TEST_F(post_locate, keeps_a_journal_until_its_words_read_back) {
 TEST_F(post_locate, restores_before_a_signal_ends_it) {
   (void)run("", {"nvram1"});
   const auto before = contents("nvram1");
+  int ended = 0;
   for (const char *const wait : {"0.01", "0.03", "0.06", "0.1"}) {
     SCOPED_TRACE(wait);
     const auto script = std::string(POST_BIN_DIR "/post-locate --repeat 1000 --cells nvram1 nvram2 & sleep ") + wait +
                         "; kill $!; wait $!; echo $?";
     const auto ran = run_board(m_dir.path(), {"--", "bash", "-c", script});
-    EXPECT_TRUE(ran.out.ends_with("143\n")) << ran.out;
+    EXPECT_TRUE(ran.out.ends_with("143\n") || ran.out.ends_with("\n0\n")) << ran.out;
+    ended += ran.out.ends_with("143\n") ? 1 : 0;
     EXPECT_TRUE(!std::filesystem::exists(journals()) || std::filesystem::is_empty(journals()));
     EXPECT_EQ(contents("nvram1"), before);
   }
+  EXPECT_GT(ended, 0) << "every run was too fast";
 }
 
 // Writes at which the power fails: in the star, in the march, in the tours and in the last restoring. LOCATE_CUTS=N
