@@ -12,6 +12,7 @@
 #include <set>
 #include <thread>
 
+#include "lab/base/fault_list.h"
 #include "lab/base/files.h"
 #include "lab/base/process.h"
 #include "lab/campaign/judge.h"
@@ -168,7 +169,9 @@ std::optional<run_result> runner::run_one(const run_item &what, const std::strin
   evidence.records = read_whole(state + std::string(post_directory)).value_or("");
   if (!what.fault.empty()) evidence.fired = first_count(read_whole(place + "/fired").value_or(""));
   auto result = judge(what, evidence);
-  if (m_options.locate && result.end != outcome::refused) {
+  // Without power nothing answers post-locate either.
+  const bool has_power = !parse_fault_text(what.fault).name.ends_with("-power-cut");
+  if (m_options.locate && result.end != outcome::refused && has_power) {
     result.located = locate(what, place, slot, error);
     if (!result.located) return std::nullopt;
   }
