@@ -482,8 +482,7 @@ void add_space_options(CLI::App *app, options *opts) {
   auto *const set =
       app->add_option("--set", opts->set, "the fault space: standard (default), lines, cells, drawn or transients")
           ->check(CLI::IsMember({"standard", "lines", "cells", "drawn", "transients"}));
-  app->add_option("--samples", opts->samples,
-                  "number of random faults, for transients in each stratum; default 100")
+  app->add_option("--samples", opts->samples, "number of random faults, for transients in each stratum; default 100")
       ->check(CLI::Range(uint64_t{1}, uint64_t{1'000'000}));
   app->add_option("--seed", opts->seed, "seed of these; default 1");
   auto *const fault = app->add_option("--fault", opts->faults, "your own faults, as a pattern; may be repeated")
