@@ -95,6 +95,17 @@ answer read_report(const nlohmann::json &report, const std::optional<place> &tru
   return read;
 }
 
+// A process has another number in every run.
+std::string without_process_numbers(std::string text) {
+  constexpr std::string_view word = "process ";
+  for (auto at = text.find(word); at != std::string::npos; at = text.find(word, at + 1)) {
+    const auto number = at + word.size();
+    const auto end = text.find_first_not_of("0123456789", number);
+    if (end != number && end != std::string::npos && text[end] == ' ') text.erase(number, end + 1 - number);
+  }
+  return text;
+}
+
 located judge_answer(const answer &read, bool healthy) {
   if (read.sentences.empty()) return healthy ? located::clean : located::missed;
   if (healthy) return located::wrong;
@@ -124,7 +135,8 @@ location judge_location(const run_item &run, std::string_view report) try {
   const bool healthy = run.fault.empty();
   const auto read =
       read_report(nlohmann::json::parse(report), healthy ? std::nullopt : std::optional(place_of(run.fault)));
-  return {judge_answer(read, healthy), read.places.size(), read.sentences.empty() ? "" : read.sentences.front(), ""};
+  const auto text = read.sentences.empty() ? "" : without_process_numbers(read.sentences.front());
+  return {judge_answer(read, healthy), read.places.size(), text, ""};
 } catch (const nlohmann::json::exception &) {
   return {};
 }

@@ -225,7 +225,7 @@ TEST(reasons, need_what_the_run_left) {
 
 TEST(campaign_location, compares_the_places_of_a_report_with_the_fault) {
   const auto report = [](const std::string &candidates) {
-    return R"({"parts":[{"findings":[{"sentence":"S","candidates":[)" + candidates + "]}]}]}";
+    return R"({"parts":[{"findings":[{"sentence":"Held by process 12 (x).","candidates":[)" + candidates + "]}]}]}";
   };
   const std::string nothing = R"({"parts":[{"findings":[]}]})";
   // clang-format off
@@ -253,6 +253,8 @@ TEST(campaign_location, compares_the_places_of_a_report_with_the_fault) {
     const lab::run_item run{fault, {}, lab::run_mode::full, 0};
     EXPECT_EQ(lab::judge_location(run, told.starts_with('{') ? told : report(told)).title(), title) << fault << told;
   }
+  const lab::run_item silent{"flash-silent", {}, lab::run_mode::full, 0};
+  EXPECT_EQ(lab::judge_location(silent, report("")).text, "Held by process (x).") << "the same in every run";
 }
 
 // ---- contents
