@@ -203,7 +203,7 @@ install_packages() {
 }
 run_apt_get() {
   [ -n "${lists_are_new:-}" ] || "${as_root[@]}" apt-get update || true
-  "${as_root[@]}" apt-get -o DPkg::Lock::Timeout=600 install -y --no-install-recommends "$@"
+  "${as_root[@]}" apt-get -o DPkg::Lock::Timeout=600 install -y --no-remove --no-install-recommends "$@"
 }
 
 # step TITLE LOG COMMAND...: runs a command, its output in the file LOG. Announces it, says how far it is (on a terminal

@@ -103,6 +103,7 @@ package_manager_fails() {
   expect 1 'E: words of its own' "$checkout/tools/run-post"
   expect 1 'Type, as root: apt-get install g++' "$checkout/tools/run-post"
   grep -q '^apt-get update' "$dir/calls"
+  grep -q '^apt-get .* install -y --no-remove ' "$dir/calls" # nobody's package goes for one of ours
 }
 
 sudo_declined() {
