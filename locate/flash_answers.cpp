@@ -6,8 +6,8 @@
 namespace locate {
 namespace {
 
-// Contents that differ from place to place, and from everything that a chip says about itself, whatever two data lines
-// do to either.
+// Contents that differ from place to place and from everything that a chip says about itself, with any two data lines
+// bad.
 uint16_t unlike_any_answer(const void * /*with*/, uint32_t offset) {
   return static_cast<uint16_t>((offset * 0x9E3779B1U >> 16U) | 0xD001U);
 }

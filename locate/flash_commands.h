@@ -1,7 +1,7 @@
 // flash_commands.h: what the chip's command decoder sees of the lines, with the contents untouched.
 //
-// Three questions. The query and the autoselect codes are words that the sheet knows, whatever the array holds. The
-// write buffer takes words of one page only, and aborts ("Write Buffer Programming"): so the chip compares two
+// Three questions. The query and the autoselect codes are words that the sheet gives, for any contents of the array.
+// The write buffer takes words of one page only, and aborts ("Write Buffer Programming"): so the chip compares two
 // addresses. Words of all ones are loaded, and no confirmation is ever sent: nothing can be programmed.
 #pragma once
 

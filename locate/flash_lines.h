@@ -1,5 +1,5 @@
 // flash_lines.h: which line of the flash, or pair of lines, is broken: by reads, by commands, and with consent by words
-// that are written. A fault of the models is named if it alone gives exactly these answers.
+// that are written. A fault of the models is named if only it gives exactly these answers.
 #pragma once
 
 #include "locate/finding.h"

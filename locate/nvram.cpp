@@ -58,7 +58,7 @@ void measure(device *ram, unsigned instance, const settings &how, journal *kept,
   if (lines_good && how.cells)
     locate_cells(ram, instance, how, kept, result);
   else if (how.cells)
-    add_omission("The cells were not tested: lines are bad.", result);
+    add_omission("The cells were not tested: the lines gave wrong answers.", result);
   else
     result->not_looked_at.emplace_back("cells (--cells)");
   if (!kept->error().empty())

@@ -131,7 +131,7 @@ class star_round {
   size_t m_repeated = 0;  // of them
 };
 
-// Of rounds of which one at least is bad.
+// Whether all rounds gave the same wrong answers. At least one of them must be bad.
 bool are_alike(std::span<const round_answers> rounds) {
   return !rounds[0].wrong.empty() &&
          std::ranges::all_of(rounds, [&](const auto &one) { return one.wrong == rounds[0].wrong && !one.differed; });

@@ -304,7 +304,7 @@ uint16_t nor_flash::query_word(uint32_t word) const {
 
 namespace {
 
-// Faults that leave array reads alone. With any other, every read is a cycle.
+// Faults that do not change array reads. With any other, every read is a cycle.
 constexpr std::array not_of_reads{
     fault_id::flash_cfi,           fault_id::flash_slow,           fault_id::flash_erase_hangs,
     fault_id::flash_program_hangs, fault_id::flash_erase_ignored,  fault_id::flash_program_ignored,

@@ -1,7 +1,7 @@
 #!/bin/sh
 # A campaign as an array of Slurm jobs: sbatch --array=1-7 slurm.sh [OPTIONS OF post-campaign]
 # Each job writes its part to the directory parts/, which all nodes must see. The jobs do not depend on each other; one
-# that failed is started again alone: sbatch --array=3 ... with the same number of jobs in SHARDS.
+# that failed is started again by itself: sbatch --array=3 ... with the same number of jobs in SHARDS.
 #SBATCH --job-name=post-campaign
 #SBATCH --cpus-per-task=1
 #SBATCH --output=part-%a.log

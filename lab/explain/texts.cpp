@@ -221,7 +221,7 @@ constexpr std::array advice_table{std::to_array<advice_row>({
 constexpr std::pair<std::string_view, std::string_view> unseen_table[] = {
     {"seeprom", "A wrong sum shows that its block has a wrong byte, not which."},
     {"gige",    "A sub-test with the digit 0 in its result passes; so does a failing link sub-test."},
-    {"nvram",   "The first failing check ends the instance's test: whatever else is wrong with it is not seen. The upper half is not tested."},
+    {"nvram",   "The first failing check ends the instance's test: its further faults do not show. The upper half is not tested."},
     {"obfl",    "The first failure ends the flash test: sectors after it were not tested."},
     {"pcie",    "Only the first six functions of the card's list decide the verdict: others that are missing are only printed."},
 };

@@ -191,7 +191,7 @@ TEST_F(campaign, adds_the_places_that_post_locate_names) {
        "--mode=short flash-addr-stuck line=20 level=1\n--mode=short flash-silent\n"
        "--mode=short flash-cell-read-disturb offset=0xC0002 bit=0\n");
   const std::string locate = "post-campaign --from some --locate --no-times ";
-  // As one, and in two parts of which one was interrupted.
+  // As a whole, and in two parts; one part was interrupted.
   const outcome whole = sh(locate + "--json whole.json >/dev/null; post-campaign --read whole.json --coverage page");
   EXPECT_THAT(whole.out, AllOf(HasSubstr("  POST-LOCATE "), ContainsRegex("line=20 level=1 +named uniquely"),
                                HasSubstr("boards: 1 named uniquely, 1 among several places, 1 missed.")));

@@ -174,7 +174,7 @@ TEST(explain_models, list_a_drawn_fault_and_name_what_prints_the_same) {
     ++found;
     const auto what = explain(text);
     EXPECT_FALSE(what.findings.empty()) << text;
-    // Of two, one alone may have acted.
+    // Only one of two may have acted.
     for (const auto &fault : faults)
       EXPECT_TRUE(lists(what, fault, true) || (faults.size() > 1 && !has_failed(text, {fault[0] == 'n' ? 8 : 5})))
           << fault << "\n"
@@ -253,7 +253,7 @@ TEST(explain_models, never_name_less_from_a_log_that_was_cut) {
       const auto part = lab::explain_run(&log.runs[0]);
       ASSERT_TRUE(log.runs[0].completed || !part.findings.empty()) << text.substr(0, length);
       if (std::exchange(before, part.in_short()) == part.in_short()) continue;
-      std::set<std::string> named;  // devices of which the answer names something
+      std::set<std::string> named;  // devices that the answer names
       for (const auto &one : part.findings)
         if (one.part != "the run" && !(one.faults.empty() && one.now_and_then.empty())) named.insert(one.device);
       for (const auto &[device, fault] : examples_of(all))

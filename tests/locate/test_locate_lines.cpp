@@ -58,8 +58,7 @@ TEST(locate_lines, finds_nothing_on_good_lines_with_any_contents) {
   }
 }
 
-// Whatever it does to the answers, the true fault is among the candidates, and never another one alone. LOCATE_SEED
-// draws others.
+// Where places are named, the true one is among them, however often the fault acts. LOCATE_SEED draws others.
 TEST(locate_lines, names_faults_that_come_and_go_with_their_rate) {
   const char *const asked = std::getenv("LOCATE_SEED");
   std::mt19937 random(asked == nullptr ? 1 : static_cast<unsigned>(std::stoul(asked)));

@@ -155,7 +155,7 @@ TEST_F(post_locate, loses_no_word_in_a_power_cut) {
     const auto cut = run(fault, {"--cells", "nvram1"});
     EXPECT_EQ(cut.status, 128 + 9);
     EXPECT_FALSE(std::filesystem::is_empty(journals()));
-    // Any next start restores, whatever it is asked for.
+    // The next start restores, for any part.
     const auto next = run("", {"nvram0"});
     EXPECT_THAT(next.err, HasSubstr("restored after a run that ended early"));
     EXPECT_EQ(next.status, 0);

@@ -102,7 +102,7 @@ const sequence sequences[] = {
      .failed = {"8:0", "12:0"}, .unrecorded = {{"4:2", ""}, {"8:0", ""}}},
     {.name = "each record tries the file again",
      .answers = {{"4:1", {.from = "post", .to = "elsewhere"}}, {"5:0", {.from = "elsewhere", .to = "post"}}}, .unrecorded = {{"4:1", no_file}, {"4:2", no_file}}},
-    {.name = "the first argument alone counts", .flag = "s"},
+    {.name = "only the first argument counts", .flag = "s"},
     {.name = "nothing but a dash", .flag = "-", .warning = std::string("Warning: Unsupported flag \"-\0\"! Ignoring it\n", 44)},
     {.name = "another flag", .flag = "-xs", .warning = "Warning: Unsupported flag \"-x\"! Ignoring it\n"},
     {.name = "a flag by its first letter", .flag = "-Sx", .is_short = true},

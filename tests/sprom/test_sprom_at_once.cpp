@@ -46,7 +46,7 @@ TEST_F(sprom_board, never_ends_well_with_wrong_bytes_beside_another) {
     const bytes bp = image_in(chip, 0x1000, SPROM_TYPE_BP), c = named(bp, SPROM_TYPE_BP, 54, "CCCC");
     const auto run = run_on(board, "at_once " + std::to_string(round) + commands, service);
     EXPECT_THAT(run.out, EndsWith("\n0 0 0 0 0 0 \n")) << run.err;
-    // Whatever was read or kept as a backup meanwhile is an image that was there.
+    // What was read, or kept as a backup, meanwhile is an image that was there.
     EXPECT_THAT(load("sup"), AnyOf(sup, a, b, both));
     EXPECT_THAT(load("bp"), AnyOf(bp, c));
     for (const auto &file : std::filesystem::directory_iterator(path(".old"))) {

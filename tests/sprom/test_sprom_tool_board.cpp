@@ -570,7 +570,7 @@ static std::string result_of(bool is_good, const std::string &verdict, int plann
          ",\"reads_back\":" + reads_back + ",\"backup\":" + backup + ",\"changes\":[";
 }
 
-// One object for each command, whatever becomes of it.
+// One object for each command, with any result.
 TEST_F(sprom_board, reports_changes_as_json) {
   const std::string ps1 = R"({"name":"PS1","slot":0,"index":1,"kind":"ps","size":196,"bus":"/dev/i2c-6","address":82)";
   const std::string file =
