@@ -38,6 +38,15 @@ bool is_telling(const message &line) {
   return std::ranges::none_of(usual, begins_line) && line.text.find_first_not_of(" \t") != std::string::npos;
 }
 
+// An assertion begins with its place in the sources, which differs by how they were compiled and moves with every edit.
+std::string without_place(const std::string &text) {
+  const auto assertion = text.find(": Assertion `");
+  if (assertion == std::string::npos || assertion == 0) return text;
+  const auto place_end = text.rfind(": ", assertion - 1);
+  return place_end == std::string::npos ? text : text.substr(place_end + 2);
+}
+
+// The first line that tells of a failure.
 std::string first_line(const run_item &run, const report &told) {
   const message *first = nullptr;
   const auto look = [&](const message_list &list) {
@@ -47,7 +56,7 @@ std::string first_line(const run_item &run, const report &told) {
   look(told.messages);
   for (const auto &one : told.cases)
     if (counts(run, one)) look(one.messages);
-  return first == nullptr ? "" : first->text;
+  return first == nullptr ? "" : without_place(first->text);
 }
 
 // Whether one of the right devices reported the fault, no other did, and the output names it.

@@ -93,7 +93,7 @@ TEST(judge, gives_each_run_its_one_outcome) {
       {"damaged, told",            nvram1, run_mode::full, bad,      {"8:0"},         0,     7,            1,     false, outcome::damaged,     "failed", {"nvram.0"}, true,  expected},
       {"damaged, untold",          nvram1, run_mode::full, good,     {},              0,     7,            1,     false, outcome::damaged,     "passed", {},          false, ""},
       {"a signal",                 nvram1, run_mode::full, endless + "board-sim: post was ended by signal 11 (Segmentation fault)\n", {}, 139, 7, 0, false, outcome::ended, "none", {}, false, ""},
-      {"an assertion at start",    nvram1, run_mode::full, "devmemfd:0x3\npost: a.cpp:1: f: Assertion `0' failed.\n", {}, 134, 1, 0, false, outcome::ended, "none", {}, false, "post: a.cpp:1: f: Assertion `0' failed."},
+      {"an assertion at start",    nvram1, run_mode::full, "devmemfd:0x3\npost: /a: b/c.cpp:1: f: Assertion `0' failed.\n", {}, 134, 1, 0, false, outcome::ended, "none", {}, false, "f: Assertion `0' failed."},
       {"no verdict, status 0",     nvram1, run_mode::full, endless, {}, 0,     7,            0,     false, outcome::ended,       "none",   {},          false, ""},
       {"late",                     nvram1, run_mode::full, endless, {}, 137,   std::nullopt, 9,     true,  outcome::hung,        "none",   {},          false, ""},
       {"refused",                  nvram1, run_mode::full, "board-sim: the board has no such device\n", {}, 2, std::nullopt, 0, false, outcome::refused, "none", {}, false, "board-sim: the board has no such device"},
