@@ -5,6 +5,7 @@
 #include <bit>
 #include <map>
 #include <mutex>
+#include <span>
 #include <unordered_map>
 
 #include "lab/base/text.h"
@@ -60,10 +61,23 @@ struct word_read {
   size_t changes_at = 0;  // or accesses from here on differ
 };
 
+using good_record = std::vector<nvram_access>;
+
+// The same for every failure.
+std::span<const good_record, 2> good_records() {
+  static const auto records = [] {
+    std::array<good_record, 2> made;
+    (void)run_nvram_test({}, {.fill = 0}, made.data());
+    (void)run_nvram_test({}, {.fill = 0xFFFF}, &made[1]);
+    return made;
+  }();
+  return records;
+}
+
 // What the test does with a good memory, and what it makes of the value that was read instead. Up to a first wrong read
 // every run is like this one.
 struct good_run {
-  std::array<std::vector<nvram_access>, 2> records;  // with former contents of zeros, of ones
+  std::span<const good_record, 2> records;  // with former contents of zeros, of ones
   std::vector<word_read> reads;
   size_t end = 0;  // after the last read that can have failed; 0: the test cannot print this
 
@@ -77,9 +91,9 @@ struct good_run {
   }
 };
 
-void try_read(const nvram_failure &failure, const std::vector<nvram_access> &record, word_read *read) {
+void try_read(const nvram_failure &failure, const good_record &record, word_read *read) {
   const auto differs = static_cast<uint16_t>(*failure.expected ^ *failure.actual);
-  std::vector<nvram_access> now;
+  good_record now;
   const auto printed = failure_in(run_nvram_test({.bad_read = read->number, .inverted = differs}, {}, &now));
   read->prints = printed.offset.has_value();
   read->fails = read->prints && failure.fits(printed);
@@ -91,9 +105,7 @@ void try_read(const nvram_failure &failure, const std::vector<nvram_access> &rec
 }
 
 good_run run_good(const nvram_failure &failure) {
-  good_run good;
-  (void)run_nvram_test({}, {.fill = 0}, &good.records[0]);
-  (void)run_nvram_test({}, {.fill = 0xFFFF}, &good.records[1]);
+  good_run good{.records = good_records(), .reads = {}};
   size_t number = 0;
   for (size_t at = 0; at < good.records[0].size(); ++at) {
     const auto &one = good.records[0][at];
@@ -142,10 +154,34 @@ match acts_now_and_then(const models::single_line_fault &line, const nvram_failu
   return found;
 }
 
-match acts_always(const models::chip_fault &fault, const nvram_failure &failure) {
+constexpr std::array<uint16_t, 3> fills{0, 0xFFFF, 0x5AC3};
+
+// A line, and how the test fails with it, for each fill. That is the same for every failure, so it is found once, by
+// the first that asks.
+struct line_run {
+  models::single_line_fault line;
+  std::optional<std::array<nvram_failure, fills.size()>> failures;
+};
+
+std::vector<line_run> &line_runs() {
+  static std::vector<line_run> runs = [] {
+    std::vector<line_run> made;
+    for (const auto &line : models::line_faults(models::memory_kind::nvram, first_line, last_line))
+      made.push_back({line, {}});
+    return made;
+  }();
+  return runs;
+}
+
+match acts_always(line_run *run, const nvram_failure &failure) {
+  if (!run->failures) {
+    auto &failures = run->failures.emplace();
+    for (size_t i = 0; i < fills.size(); ++i)
+      failures[i] = failure_with({.fault = &run->line.fault}, {.fill = fills[i]});
+  }
   match found;
-  for (const uint16_t fill : {uint16_t{0}, uint16_t{0xFFFF}, uint16_t{0x5AC3}})
-    found.add(failure.fits(failure_with({.fault = &fault}, {.fill = fill})));
+  for (const auto &one : *run->failures)
+    found.add(failure.fits(one));
   return found;
 }
 
@@ -157,11 +193,11 @@ void set_instance(const nvram_failure &failure, fault_group *group) {
 }
 
 void add_lines(const nvram_failure &failure, const good_run &good, nvram_verdict *verdict) {
-  for (const auto &line : models::line_faults(models::memory_kind::nvram, first_line, last_line)) {
-    const auto at_times = acts_now_and_then(line, failure, good);
+  for (auto &run : line_runs()) {
+    const auto at_times = acts_now_and_then(run.line, failure, good);
     if (!at_times.some) continue;
-    const auto always = acts_always(line.fault, failure);
-    auto group = line_group(line.fault);
+    const auto always = acts_always(&run, failure);
+    auto group = line_group(run.line.fault);
     set_instance(failure, &group);
     group.may_differ = !always.all;
     if (always.some) verdict->faults.push_back(group);
@@ -469,7 +505,7 @@ nvram_line read_nvram_line(std::string_view line, nvram_failure *failure) {
   return nvram_line::other;
 }
 
-// Many runs fail alike: a campaign asks for each failure once.
+// Many runs fail alike: a campaign asks for each failure once. The lock also guards what is found only once.
 nvram_verdict explain_nvram(const nvram_failure &failure) {
   const auto is_word = [](const std::optional<uint32_t> &value) { return value && *value <= 0xFFFF; };
   if (!failure.offset || !is_word(failure.expected) || !is_word(failure.actual) || failure.expected == failure.actual)
