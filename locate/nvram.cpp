@@ -52,15 +52,22 @@ void measure(device *ram, unsigned instance, const settings &how, journal *kept,
   // A march writes much through lines that are bad at times.
   constexpr uint32_t rounds_before_march = 64;
   const auto rounds = how.cells ? std::max(how.rounds, rounds_before_march) : how.rounds;
-  const bool lines_good = locate_lines(ram, instance, rounds, how.cells, kept, result);
+  std::optional<seen_cell> cell;
+  const bool lines_good = locate_lines(ram, instance, rounds, kept, result, how.cells ? &cell : nullptr);
   result->looked_at.push_back("every address and data line" +
                               (rounds == 1 ? "" : ", " + std::to_string(rounds) + " times"));
+  std::vector<uint32_t> failed;
   if (lines_good && how.cells)
-    locate_cells(ram, instance, how, kept, result);
+    failed = locate_cells(ram, instance, how, kept, result);
   else if (how.cells)
     add_omission("The cells were not tested: the lines gave wrong answers.", result);
   else
     result->not_looked_at.emplace_back("cells (--cells)");
+  // What the march does not see again was seen nevertheless.
+  if (cell && std::ranges::find(failed, cell->offset) == failed.end()) {
+    cell->what.next = "repeat it: no later access showed this again";
+    add_finding(std::move(cell->what), result);
+  }
   if (!kept->error().empty())
     result->not_looked_at.push_back("what a power cut would leave, as there is no whole journal: " + kept->error());
   kept->finish();

@@ -349,8 +349,11 @@ finding cell_finding(words *all, const cell &victim, unsigned instance) {
   for (const auto &fault : fits)
     what.candidates.push_back(models::notation(fault, instance));
   if (fits.empty()) {
-    what.intermittent = trial(all, victim.word, other).run() != log;
-    what.sentence += what.intermittent ? " fails at times." : " fails as no single fault does.";
+    const bool alone = models::gives(nullptr, log);
+    what.intermittent = alone || trial(all, victim.word, other).run() != log;
+    what.sentence += alone ? " failed, but not when it was tried alone: it fails at times, or several cells disturb it."
+                     : what.intermittent ? " fails at times."
+                                         : " fails as no single fault does.";
     what.next = "measure the lines often, --repeat 1000, then replace the chip";
     return what;
   }
@@ -428,17 +431,21 @@ void report_lost(size_t count, unsigned instance, part_result *result) {
 
 }  // namespace
 
-void locate_cells(word_bus *ram, unsigned instance, const settings &how, journal *kept, part_result *result) {
+std::vector<uint32_t> locate_cells(word_bus *ram, unsigned instance, const settings &how, journal *kept,
+                                   part_result *result) {
   words all(ram, how, "nvram" + std::to_string(instance));
   // Reads may invert a bad cell.
   auto unsteady = all.unsteady();
   if (unsteady.size() > most_cells) {
     report_unsteady(unsteady, instance, result);
-    return add_omission("The cells were not tested: words change from read to read.", result);
+    add_omission("The cells were not tested: words change from read to read.", result);
+    return {};
   }
-  if (!keep_all(all, kept))
-    return add_omission(
-        "The cells were not tested: their contents cannot be written down first, " + kept->error() + ".", result);
+  if (!keep_all(all, kept)) {
+    add_omission("The cells were not tested: their contents cannot be written down first, " + kept->error() + ".",
+                 result);
+    return {};
+  }
   const auto failing = march(&all).run();
   size_t count = 0;
   for (const auto &[word, bits] : failing)
@@ -450,10 +457,17 @@ void locate_cells(word_bus *ram, unsigned instance, const settings &how, journal
   if (lost != 0) report_lost(lost, instance, result);
   std::erase_if(unsteady, [&](uint32_t word) { return failing.contains(word) && failing.size() <= most_cells; });
   if (!unsteady.empty()) report_unsteady(unsteady, instance, result);
-  if (all.stopped()) return add_omission("The cells were not tested to the end: a signal came.", result);
-  if (count > most_cells)
-    result->findings.back().evidence.push_back(std::to_string(count - most_cells) + " more cells fail");
-  result->looked_at.emplace_back("every cell");
+  if (all.stopped()) {
+    add_omission("The cells were not tested to the end: a signal came.", result);
+  } else {
+    result->looked_at.emplace_back("every cell");
+    if (count > most_cells)
+      result->findings.back().evidence.push_back(std::to_string(count - most_cells) + " more cells fail");
+  }
+  std::vector<uint32_t> failed;
+  for (const auto &[word, bits] : failing)
+    failed.push_back(2 * word);
+  return failed;
 }
 
 }  // namespace locate

@@ -15,6 +15,8 @@ namespace locate {
 
 // Measures the cells of an open memory with good lines and adds what is found to *result. The contents are in the
 // journal meanwhile, which must be open, and in their places afterwards. Signals must be held; one that waits ends it.
-void locate_cells(word_bus *ram, unsigned instance, const settings &how, journal *kept, part_result *result);
+// Returns the offsets of the words that failed.
+std::vector<uint32_t> locate_cells(word_bus *ram, unsigned instance, const settings &how, journal *kept,
+                                   part_result *result);
 
 }  // namespace locate

@@ -137,43 +137,52 @@ bool are_alike(std::span<const round_answers> rounds) {
          std::ranges::all_of(rounds, [&](const auto &one) { return one.wrong == rounds[0].wrong && !one.differed; });
 }
 
-// Every answer was right, and one bit of one word changed meanwhile: another cell disturbs it, as far as anything
-// shows.
-bool only_one_cell_changed(std::span<const round_answers> rounds) {
-  std::vector<wrong_answer> changed;
-  for (const auto &one : rounds) {
-    if (one.is_wrong()) return false;
-    changed.insert(changed.end(), one.changed.begin(), one.changed.end());
-  }
-  const auto bits = [](const auto &one) { return static_cast<uint16_t>(one.written ^ one.read); };
-  return std::ranges::all_of(changed, [&](const auto &one) {
-    return one.offset == changed[0].offset && bits(one) == bits(changed[0]) && std::has_single_bit(bits(one));
+uint16_t bits_of(const wrong_answer &one) {
+  return static_cast<uint16_t>(one.written ^ one.read);
+}
+
+// Whether one bit of one word differs, and nothing else: a cell can do that.
+bool is_one_bit(std::span<const wrong_answer> answers) {
+  return !answers.empty() && std::ranges::all_of(answers, [&](const auto &one) {
+    return one.offset == answers[0].offset && bits_of(one) == bits_of(answers[0]) && std::has_single_bit(bits_of(one));
   });
+}
+
+std::string bit_text(const wrong_answer &one) {
+  return "bit " + std::to_string(std::countr_zero(bits_of(one))) + " of the word at " + hex(one.offset);
+}
+
+// All of the rounds: the wrong answers, or the changes.
+std::vector<wrong_answer> all_of(std::span<const round_answers> rounds,
+                                 std::vector<wrong_answer> round_answers::*list) {
+  std::vector<wrong_answer> all;
+  for (const auto &one : rounds)
+    all.insert(all.end(), (one.*list).begin(), (one.*list).end());
+  return all;
 }
 
 class line_probe {
  public:
-  line_probe(word_bus *ram, unsigned instance, journal *kept, part_result *result)
+  line_probe(word_bus *ram, unsigned instance, journal *kept, part_result *result, std::optional<seen_cell> *cell)
       : m_ram(ram),
         m_kept(kept),
         m_result(result),
+        m_cell(cell),
         m_lines(static_cast<unsigned>(std::countr_zero(ram->length())) - 1),
         m_of{"NVRAM " + std::to_string(instance), "nvram" + std::to_string(instance), instance},
         m_faults(models::line_faults(models::memory_kind::nvram, 1, m_lines)) {}
 
-  // Returns whether the lines are good, or show less than the cells will.
-  bool run(unsigned count, bool cells_follow) {
+  void run(unsigned count) {
     std::vector<round_answers> rounds{round(nullptr)};
     measure(count, &rounds);
     if (count > 1) restore_at_last(&rounds);
     const auto bad = std::ranges::find_if(rounds, &round_answers::is_bad);
-    if (bad == rounds.end() || (cells_follow && only_one_cell_changed(rounds))) return true;
+    if (bad == rounds.end()) return;
     const auto fits = are_alike(rounds) ? fitting(bad->log) : fault_list{};
     if (!fits.empty() && is_one_place(fits))
       report_permanent(fits, *bad);
     else
       repeat(std::move(rounds));
-    return false;
   }
 
  private:
@@ -214,13 +223,16 @@ class line_probe {
   void repeat(std::vector<round_answers> rounds);
   [[nodiscard]] fault_list possible(std::span<const round_answers> rounds) const;
   void report_intermittent(const fault_list &fits, std::span<const round_answers> rounds);
+  void add_cell(const wrong_answer &wrong, finding *what) const;
   void report_unknown(std::span<const round_answers> rounds);
   void report_changed(std::span<const round_answers> rounds);
+  void report_cell(uint32_t offset, finding what);
   void restore_at_last(std::vector<round_answers> *rounds);
 
   word_bus *m_ram;
   journal *m_kept;
   part_result *m_result;
+  std::optional<seen_cell> *m_cell;
   unsigned m_lines;
   memory_name m_of;
   std::vector<single_line_fault> m_faults;
@@ -268,20 +280,18 @@ uint32_t rate_of(const single_line_fault &fault, std::span<const round_answers> 
   return static_cast<uint32_t>(std::lround(std::round(rate / digit) * digit * sim::fault_trigger::certain));
 }
 
-// Whether all wrong answers are of one bit of one word. A bad data line would spoil others as well: of seven or so, the
-// same one four times.
+// Whether a cell is bad and no line: a line would spoil other words as well, of seven or so the same one four times.
 bool is_one_cell(std::span<const round_answers> rounds) {
   constexpr size_t enough = 4;
-  std::vector<wrong_answer> wrong;
-  for (const auto &one : rounds)
-    wrong.insert(wrong.end(), one.wrong.begin(), one.wrong.end());
-  return wrong.size() >= enough && std::has_single_bit(unsigned{wrong[0].read} ^ wrong[0].written) &&
-         std::ranges::all_of(wrong, [&](const auto &one) { return one == wrong[0]; });
+  const auto wrong = all_of(rounds, &round_answers::wrong);
+  return wrong.size() >= enough && is_one_bit(wrong);
 }
 
 void line_probe::repeat(std::vector<round_answers> rounds) {
-  measure(rounds_of_intermittent, &rounds);
-  restore_at_last(&rounds);
+  if (rounds.size() < rounds_of_intermittent) {
+    measure(rounds_of_intermittent, &rounds);
+    restore_at_last(&rounds);
+  }
   if (std::ranges::none_of(rounds, &round_answers::is_wrong)) return report_changed(rounds);
   const bool alike = are_alike(rounds);
   const auto fits = alike ? fitting(joined_log(rounds)) : is_one_cell(rounds) ? fault_list{} : possible(rounds);
@@ -321,8 +331,11 @@ void line_probe::report_intermittent(const fault_list &fits, std::span<const rou
   auto what = line_finding(m_of, fits);
   const auto bad = static_cast<size_t>(std::ranges::count_if(rounds, &round_answers::is_bad));
   const auto rate = rate_of(*fits[0], rounds, m_lines + 1);
+  const auto wrong = all_of(rounds, &round_answers::wrong);
   what.intermittent = true;
   what.sentence.pop_back();
+  // Too few answers to tell a line from a cell.
+  if (is_one_bit(wrong)) add_cell(wrong[0], &what);
   what.sentence += ", but only at times: in " +
                    (rate < 10'000 ? "less than 1" : "about " + std::to_string((rate + 5000) / 10'000)) +
                    " % of the accesses.";
@@ -336,6 +349,20 @@ void line_probe::report_intermittent(const fault_list &fits, std::span<const rou
   add_finding(std::move(what), m_result);
 }
 
+void line_probe::add_cell(const wrong_answer &wrong, finding *what) const {
+  auto &first = what->sentence[0];
+  if (first == 'O' || first == 'D' || first == 'A') first = static_cast<char>(first - 'A' + 'a');
+  what->sentence = "Either " + what->sentence + ", or the cell of " + bit_text(wrong) + " is bad";
+  const auto bit = static_cast<unsigned>(std::countr_zero(bits_of(wrong)));
+  what->candidates.push_back(models::notation({.id = models::fault_id::nvram_cell_stuck,
+                                               .level = static_cast<uint8_t>(wrong.read >> bit & 1),
+                                               .bit = static_cast<uint8_t>(bit % 8),
+                                               .offset = wrong.offset + bit / 8},
+                                              m_of.instance));
+  what->places.push_back(m_of.part);
+  what->next = "--repeat 1000 tells a line from a cell; " + what->next;
+}
+
 void line_probe::report_unknown(std::span<const round_answers> rounds) {
   const auto &seen = worst(rounds);
   const bool alike = are_alike(rounds);
@@ -346,16 +373,18 @@ void line_probe::report_unknown(std::span<const round_answers> rounds) {
       .next = "look for several bad lines, a missing supply or select signal, or bad cells: --cells names them"};
   if (silent) what.sentence = m_of.sentence + " does not answer: every word reads 0xFFFF.";
   if (silent) what.next = "check the chip's supply, its select signal and the bridge's local address space";
-  if (is_one_cell(rounds)) {
+  const bool one_cell = is_one_cell(rounds);
+  if (one_cell) {
     const auto &wrong = seen.wrong[0];
-    what.sentence = "A cell of " + m_of.sentence + (alike ? " is bad: bit " : " is bad at times: bit ") +
-                    std::to_string(std::countr_zero(unsigned{wrong.read} ^ wrong.written)) + " of the word at " +
-                    hex(wrong.offset) + ".";
+    what.sentence = "A cell of " + m_of.sentence + (alike ? " is bad: " : " is bad at times: ") + bit_text(wrong) + ".";
     what.next = "--cells names the kind of fault";
   }
   add_evidence(seen, &what);
   add_changed({}, &what);
-  add_finding(std::move(what), m_result);
+  if (one_cell)
+    report_cell(seen.wrong[0].offset, std::move(what));
+  else
+    add_finding(std::move(what), m_result);
 }
 
 // Every answer was right: a line or a cell that is bad at times, and no access shows which.
@@ -364,13 +393,20 @@ void line_probe::report_changed(std::span<const round_answers> rounds) {
                .intermittent = true,
                .next = "--cells names cells that disturb others; --repeat 1000 shows a line that is bad at times",
                .places = {m_of.part}};
-  for (const auto &one : rounds)
-    for (const auto &word : one.changed)
-      if (what.evidence.size() < most_evidence)
-        what.evidence.push_back("the word at " + hex(word.offset) + " was " + hex(word.written, 4) + ", and later " +
-                                hex(word.read, 4));
+  const auto changed = all_of(rounds, &round_answers::changed);
+  for (const auto &word : std::span(changed).first(std::min(changed.size(), most_evidence)))
+    what.evidence.push_back("the word at " + hex(word.offset) + " was " + hex(word.written, 4) + ", and later " +
+                            hex(word.read, 4));
   add_changed({}, &what);
-  add_finding(std::move(what), m_result);
+  if (is_one_bit(changed))
+    report_cell(changed[0].offset, std::move(what));
+  else
+    add_finding(std::move(what), m_result);
+}
+
+void line_probe::report_cell(uint32_t offset, finding what) {
+  if (m_cell == nullptr) return add_finding(std::move(what), m_result);
+  *m_cell = {offset, std::move(what)};
 }
 
 // Which words the accesses may have reached, and so changed.
@@ -406,9 +442,11 @@ void line_probe::restore_at_last(std::vector<round_answers> *rounds) {
 
 }  // namespace
 
-bool locate_lines(word_bus *ram, unsigned instance, unsigned rounds, bool cells_follow, journal *kept,
-                  part_result *result) {
-  return line_probe(ram, instance, kept, result).run(rounds, cells_follow);
+bool locate_lines(word_bus *ram, unsigned instance, unsigned rounds, journal *kept, part_result *result,
+                  std::optional<seen_cell> *cell) {
+  const auto before = result->findings.size();
+  line_probe(ram, instance, kept, result, cell).run(rounds);
+  return result->findings.size() == before;
 }
 
 }  // namespace locate

@@ -5,20 +5,28 @@
 // fault answers comes from the models; the faults that answer exactly so are named.
 #pragma once
 
+#include <optional>
+
 #include "locate/device.h"
 #include "locate/finding.h"
 #include "locate/journal.h"
 
 namespace locate {
 
+// One bit of one word is bad, as far as the lines' test shows.
+struct seen_cell {
+  uint32_t offset;  // of its word
+  finding what;
+};
+
 // Measures the lines of an open memory and adds what is found to *result. Restores the words, as far as the fault lets
 // them through, and names those that it may have changed.
 // Signals must be held; one that waits ends the rounds.
 //   rounds        how often at least to measure, from 1; more where answers differ or no line explains them
-//   cells_follow  one bit of one word that changes, while all answers are right, is left to the cells' test
 //   kept          where the words are written down meanwhile
+//   cell          null, or receives a bad cell instead of *result: for the cells' test, which tells more
 // Returns whether the lines are good.
-bool locate_lines(word_bus *ram, unsigned instance, unsigned rounds, bool cells_follow, journal *kept,
-                  part_result *result);
+bool locate_lines(word_bus *ram, unsigned instance, unsigned rounds, journal *kept, part_result *result,
+                  std::optional<seen_cell> *cell);
 
 }  // namespace locate

@@ -74,6 +74,15 @@ TEST_F(post_locate, reports_each_kind_of_result) {
        1,
        "nvram0: faulty, 3019771 accesses\n  Cell 0x4000 bit 1 of NVRAM 0 is bad: changed by a write to another cell, "
        "in "},
+      // The lines' test meets the cell already.
+      {"nvram-cell-stuck instance=1 offset=8 bit=5 level=1",
+       {"--cells", "nvram1"},
+       1,
+       "nvram1: faulty, 3084536 accesses\n  Cell 0x0008 bit 5 of NVRAM 1 is bad: stuck.\n"},
+      {"nvram-cell-coupled instance=1 offset=0x4000 bit=1 victim=0x801 vbit=0 p=100000 seed=506",
+       {"--cells", "nvram1"},
+       1,
+       "nvram1: faulty, 2854671 accesses\n  A cell of NVRAM 1 is bad at times: bit 8 of the word at 0x800.\n"},
       {"", {"--names", "/missing"}, 2, ""},
       {"", {"nvram3"}, 2, ""},
   };
