@@ -1,4 +1,6 @@
 // The board families and the queries on boards in this process, compared with what went over their buses.
+#include <sys/io.h>
+
 #include "platform/mfgd/uspace/utils/sprom/at24c512.h"
 #include "platform/mfgd/uspace/utils/sprom/pca9539.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_api.h"
@@ -234,6 +236,7 @@ TEST(sprom_write_protection, is_lifted_for_each_write_and_restored) {
         EXPECT_EQ(log_of(board), joined({joined(we), writes + std::to_string(size), joined(c.expected.wd)}));
         image = host_image(image, c.sprom->type);
       }
+      EXPECT_EQ(run_child([] { (void)inl(0x50C); }).status, 128 + SIGSEGV) << "the privilege is dropped";
     });
   }
 }
