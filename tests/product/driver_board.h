@@ -16,6 +16,7 @@
 
 inline std::function<void(hw_acc_cb_t *)> change_acc;  // changes what mmap_acc_init filled
 inline int failing_malloc = 0;                         // how many calls on, from 1; 0 for none
+inline int blocks = 0;                                 // allocated and not released
 inline void *info = nullptr;                           // the record that mmap_acc_init filled last
 
 inline test_board &board() {
@@ -87,10 +88,13 @@ int __wrap_fcntl(int fd, int cmd, ...) {
 }
 
 void *__wrap_malloc(size_t size) {
-  return failing_malloc != 0 && --failing_malloc == 0 ? nullptr : __real_malloc(size);
+  if (failing_malloc != 0 && --failing_malloc == 0) return nullptr;
+  ++blocks;
+  return __real_malloc(size);
 }
 
 void __wrap_free(void *block) {
+  if (block != nullptr) --blocks;
   if (block != nullptr && block == info) {
     info = nullptr;
     note("release");

@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 #include <sys/syscall.h>
 
+#include "platform/mfgd/cmn_lib/diag_util/signal_hold.h"
 #include "platform/mfgd/cmn_lib/hw_acc/hw_err.h"
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_acc.h"
 #include "platform/mfgd/cmn_lib/hw_acc/nvram/nvram_acc_velto.h"
@@ -168,6 +169,20 @@ TEST(interrupted, keeps_all_contents_at_any_moment) {
   }
   EXPECT_EQ(run_struck(board, "", mem_test_nvram, 20000, 0).status, 128 + SIGABRT)
       << "a failed assertion does not wait";
+}
+
+TEST(interrupted, by_what_was_blocked_before_only_when_the_owner_lets_it) {
+  isolated([] {
+    constexpr uint64_t own = set_of({SIGUSR1, SIGSEGV});
+    uint64_t blocked = 0;
+    (void)syscall(SYS_rt_sigprocmask, SIG_BLOCK, &own, nullptr, sizeof own);
+    signal_hold hold;
+    hold.take();
+    hold.take();
+    hold.release();
+    (void)syscall(SYS_rt_sigprocmask, SIG_BLOCK, nullptr, &blocked, sizeof blocked);
+    EXPECT_EQ(blocked, own);
+  });
 }
 
 // Whole runs. Commands that follow a pipe read so many lines; a full file has room for one byte below the limit of file

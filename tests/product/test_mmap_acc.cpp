@@ -45,7 +45,7 @@ class mmap_acc : public testing::Test {
 TEST_F(mmap_acc, describes_a_device_and_leaves_what_belongs_to_the_mapping) {
   EXPECT_EQ(mmap_acc_init(m_info, (std::string(31, 'n') + "tail").c_str(), 3, phys, len, 2, &m_cb), HW_SUCCESS);
   EXPECT_EQ(m_cb.m_name, std::string(31, 'n'));
-  EXPECT_EQ(m_info->m_hw_name, m_cb.m_name);
+  EXPECT_TRUE(m_info->m_hw_name == m_cb.m_name && m_info->m_width == 2);
   EXPECT_EQ(memcmp(&m_info->m_inst_info[2].m_virt_addr, &m_storage[128 - 16], 8 + sizeof(void *)), 0);
   EXPECT_EQ(mmap_acc_sizeof(3), sizeof(void *) == 4 ? 76U : 96U);
   EXPECT_EQ(mmap_acc_init(m_info, "n", 1, phys, len, 1, &m_cb), HW_SUCCESS);
@@ -182,7 +182,8 @@ TEST_F(mmap_acc, creates_each_lock_at_its_first_use_and_closes_it_at_the_end) {
     EXPECT_EQ(acquire(), HW_SUCCESS);
     EXPECT_EQ(others(lock_get_rd_lock), reads);
     EXPECT_FALSE(others(lock_get_wr_lock));
-    EXPECT_EQ(release(), HW_SUCCESS);
+    EXPECT_THAT(hooks_of([&] { EXPECT_EQ(release(), HW_SUCCESS); }, true)[0].text,
+                testing::StartsWith(reads ? "dropping rd_lock: " : "dropping wr_lock: "));
     EXPECT_TRUE(others(lock_get_wr_lock));
     const int32_t used = handle;
     EXPECT_EQ(acquire(), HW_SUCCESS);
@@ -193,6 +194,14 @@ TEST_F(mmap_acc, creates_each_lock_at_its_first_use_and_closes_it_at_the_end) {
   EXPECT_EQ(inst[1].m_rd_lock | inst[1].m_wr_lock, 0);
   EXPECT_EQ(open_descriptors(), open) << "the locks are closed";
   EXPECT_NE(fcntl(devmemfd, F_GETFD), -1);
+}
+
+TEST_F(mmap_acc, writes_instance_numbers_in_full) {
+  std::vector<mmap_info_t> many(11);  // room enough
+  const uint32_t bases[11] = {};
+  EXPECT_EQ(mmap_acc_init(many.data(), "many", 11, bases, len, 2, &m_cb), HW_SUCCESS);
+  EXPECT_EQ(m_cb.m_wr_lk_acq(10, many.data()) + m_cb.m_wr_lk_rel(10, many.data()), HW_SUCCESS);
+  EXPECT_TRUE(std::filesystem::exists(m_board.file("var/lock/many10-write.lock")));
 }
 
 TEST_F(mmap_acc, unmaps_up_to_the_first_failure) {
@@ -224,6 +233,9 @@ TEST(driver_template, asks_for_a_started_driver_and_calls_the_slots_that_are_the
   for (const auto &[name, call] : steps_of_drivers)
     expect_assertion(call, file, name, "_hw_acc_init");
   const auto init = [&] { (void)hw_acc_init(&cb); };
+  cb.m_init = [](void *) { return HW_ERR_INV_PARAM + 0; };
+  EXPECT_EQ(hw_acc_init(&cb), HW_ERR_INV_PARAM) << "before it looks for the other slots";
+  cb.m_init = nullptr;
   expect_assertion(init, file, "hw_acc_init", "cb->m_rd");
   cb.m_rd = _mmap_rd8;
   expect_assertion(init, file, "hw_acc_init", "cb->m_wr");
@@ -235,17 +247,20 @@ TEST(driver_template, asks_for_a_started_driver_and_calls_the_slots_that_are_the
   cb.m_parm = &cb;
   cb.m_init =
       cb.m_fini = [](void *parm) { return cli_printf("%s", parm != nullptr ? "called" : ""), HW_ERR_INV_PARAM + 0; };
-  hw_acc_fini(&cb);
+  cb.m_rd_lk_acq = cb.m_rd_lk_rel = cb.m_wr_lk_acq = cb.m_wr_lk_rel = [](uint32_t inst, void *parm) {
+    return cli_printf("lock %u%s", inst, parm != nullptr ? "" : " lost"), HW_ERR_INV_PARAM + 0;
+  };
   const std::string text = "cb->m_init( cb->m_parm)\n",
                     report = "## Error : Failed " + text + "           with rc 411 (HW_ERR_INV_PARAM)\n";
-  EXPECT_EQ(
-      hooks_of(
-          [&] {
-            hw_acc_fini(&cb);
-            EXPECT_EQ(hw_acc_init(&cb), HW_ERR_INV_PARAM);
-          },
-          true),
-      (std::vector<hook_line>{{0, "called"}, {7, "hw_acc_init(): " + text}, {0, "called"}, {0, report}, {3, report}}));
+  std::vector<hook_line> expected(4, {0, "lock 0"});
+  expected.insert(expected.end(),
+                  {{0, "called"}, {7, "hw_acc_init(): " + text}, {0, "called"}, {0, report}, {3, report}});
+  const auto all = [&] {
+    for (size_t i = 2; i < std::size(steps_of_drivers); ++i)
+      steps_of_drivers[i].second();
+    EXPECT_EQ(hw_acc_init(&cb), HW_ERR_INV_PARAM);
+  };
+  EXPECT_EQ(hooks_of(all, true), expected);
 }
 
 }  // namespace

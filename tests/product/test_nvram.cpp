@@ -14,6 +14,15 @@ void set_lengths(uint32_t length0, uint32_t length1, uint32_t length2) {
   std::ofstream(board().file("proc/bus/pci/devices")) << format(line, length0, length1, length2);
 }
 
+TEST(nvram_driver, is_not_started_by_a_mapping_that_fails) {
+  on_board("--fault=mem-mmap-refused", [] {
+    for (int times = 0; times < 2; ++times) {
+      EXPECT_EQ(nvram_sw_init(), MMAP_ERR_MMAP);
+      EXPECT_THAT(events(), HasSubstr("map RTC_NVRAM"));
+    }
+  });
+}
+
 TEST(nvram_driver, maps_all_regions_with_the_largest_length) {
   on_board("--card=11062", [] {
     expect_assertion([] { (void)nvram_wr(0, 0, 0); }, "hw_acc/hw_acc_p.h", "hw_acc_wr_lk_acq", "_hw_acc_init");
@@ -73,7 +82,9 @@ TEST(nvram_driver, traces_and_reports_its_calls) {
 std::string run(uint32_t expected_status) {
   (void)events();
   uint32_t result = 99;
+  const int before = blocks;
   const std::string said = stdout_of([&] { EXPECT_EQ(dorvan_nvram_test(0, &result, 0, nullptr), expected_status); });
+  EXPECT_EQ(blocks, before);
   EXPECT_EQ(result, expected_status == 0 ? POST_RESULT_PASS : POST_RESULT_FAIL);
   return events("+-ms") + said;
 }
@@ -156,8 +167,25 @@ TEST(nvram_test, goes_on_as_far_as_it_can) {
   });
   on_board("--fault=nvram-data-stuck instance=0 line=0 level=0", [] {
     failing_malloc = 1 + 2;
-    EXPECT_THAT(run(16, 6), HasSubstr("\npci 1c\n0x00000000: Expected 0x1 Actual 0x0\nFailed"));
+    words_t saved = first_words(8);
+    for (word_t &word : saved)
+      word.data &= 0xFFFE;
+    EXPECT_THAT(run(16, 6), HasSubstr(writes({{0, 1}}) + reads({{0, 0}}) + writes(saved) +
+                                      "pci 1c\n0x00000000: Expected 0x1 Actual 0x0\nFailed"));
   });
+  // A write to an address line's word that changes word 0, too.
+  change_acc = [](hw_acc_cb_t *cb) {
+    cb->m_wr = [](uint32_t inst, uint32_t offset, uint32_t data, void *parm) {
+      if (offset == 4 && data == 0x5555) (void)_mmap_wr16(inst, 0, data, parm);
+      return _mmap_wr16(inst, offset, data, parm);
+    };
+  };
+  on_board("--card=11061", [] {
+    EXPECT_THAT(run(16, 0xFFFFFFFF), testing::EndsWith(reads({{0, 0x5555}}) + writes(first_words(8)) +
+                                                       "0x00000000: Expected 0xaaaa Actual 0x5555\nWriting 0x085555 at "
+                                                       "addr 0x084 -> 0x080 addr alias failure for NVRAM 0\n"));
+  });
+  change_acc = nullptr;
   // Without its card it does not look for the regions.
   on_board("--fault=sprom-absent",
            [] { EXPECT_EQ(run(16, 1), "Error in opening /dev/sprom for reading. Default card_index to 65535\n"); });

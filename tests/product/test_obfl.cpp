@@ -23,11 +23,18 @@ uint32_t answer(uint32_t /*inst*/, uint32_t offset, uint32_t *data, void * /*par
   return HW_ERR_INV_PARAM;
 }
 
-// Runs `body` with the driver started and the log empty; reads are answered if there are words for them.
+// Runs `body` with the driver started and the log empty; reads are answered if there are words for them. No status of
+// a write or a lock matters.
 void with_driver(const std::vector<uint16_t> &words, const std::function<void()> &body) {
   on_board("--card=11062", [&] {
     answers = words;
-    change_acc = [](hw_acc_cb_t *cb) { cb->m_rd = answers.empty() ? cb->m_rd : answer; };
+    change_acc = [](hw_acc_cb_t *cb) {
+      cb->m_rd = answers.empty() ? cb->m_rd : answer;
+      cb->m_wr = [](uint32_t inst, uint32_t offset, uint32_t data, void *parm) {
+        return _mmap_wr16(inst, offset, data, parm) + HW_ERR_INV_PARAM;
+      };
+      cb->m_wr_lk_acq = [](uint32_t inst, void *parm) { return _mmap_wr_lk_acq(inst, parm) + HW_ERR_INV_PARAM; };
+    };
     EXPECT_EQ(obfl_sw_init(), HW_SUCCESS);
     (void)events();
     body();
@@ -68,6 +75,12 @@ uint32_t wr(const std::vector<obfl_addr_t> &addr) {
 }
 
 TEST(obfl_driver, starts_and_reads_its_times) {
+  on_board("--fault=mem-mmap-refused", [] {
+    for (int times = 0; times < 2; ++times) {
+      EXPECT_EQ(obfl_sw_init(), MMAP_ERR_MMAP);
+      EXPECT_THAT(events(), testing::HasSubstr("map OBFL_Flash"));
+    }
+  });
   on_board("--card=11062", [] {
     expect_assertion([] { (void)get_timeout_val(0); }, "hw_acc/hw_acc_p.h", "hw_acc_wr", "_hw_acc_init");
     failing_malloc = 1;
@@ -143,6 +156,8 @@ TEST(obfl_driver, gathers_neighbours_of_a_page) {
     (void)obfl_sector_erase(0, at(0), quick);
     (void)events();
     uint16_t word = 0;
+    EXPECT_EQ(_obfl_wr(0, 0xAAA, 0xF0), HW_ERR_INV_PARAM);
+    (void)events();
     EXPECT_EQ(obfl_wr_word(0, at(0x100), 7, quick), HW_SUCCESS);
     obfl_rd_word(0, at(0x100), &word);
     EXPECT_EQ(word, 7);
@@ -334,6 +349,11 @@ TEST(obfl_test, writes_reads_and_compares) {
     EXPECT_EQ(run(addressline_low_test), set_pages + read(set) + clear_pages + read(clear));
     EXPECT_EQ(run(addressline_high_test), program({{0xACAFE, 0x605}}) + read({{0xACAFE, 0x605}}));
   });
+  with_driver({0x40, 0}, [] {
+    const std::string said = stdout_of([] { EXPECT_EQ(addressline_high_test(0, 1, quick), 436U); });
+    EXPECT_THAT(said, testing::EndsWith("\n## Error:obfl_wr_array failed\n"));
+    EXPECT_EQ(events(), polled({{0x2CAFE, 1}}, 4, 0x40)) << "nothing is read back";
+  });
 }
 
 // The sector operations as the test calls them: the erase alone does its work, and the nth erase or write fails.
@@ -349,8 +369,12 @@ TEST(obfl_test, saves_tests_and_restores_sector_by_sector) {
   const auto run = [](int failing) {
     failing_call = failing;
     uint32_t result = 99, status = 99;
+    const int before = blocks;
     const std::string said = stdout_of([&] { status = dorvan_obfl_test(0, &result, 0, nullptr); });
     EXPECT_EQ(result, status == 0 ? POST_RESULT_PASS : POST_RESULT_FAIL);
+    EXPECT_EQ(blocks, before);
+    sigset_t held;
+    EXPECT_TRUE(sigprocmask(SIG_BLOCK, nullptr, &held) == 0 && sigismember(&held, SIGTERM) == 0) << failing;
     const std::string log = events("+-w");
     // The times are read once, by two queries.
     const std::string query = cycles("flash w", {{0xAA, 0x98}});

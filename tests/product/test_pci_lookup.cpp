@@ -91,6 +91,17 @@ TEST(pci_lookup, searches_from_a_position_on) {
   }
 }
 
+TEST(pci_lookup, scans_until_a_line_is_found_whatever_the_statuses) {
+  const test_board board;
+  std::ofstream(board.file(list_path)) << "1 0\n2 0\n3 0\n";
+  const auto stop_at = [](pci_dev_line_t *line, void *ctx) {
+    line->m_not_found = line->m_busdevfn != *static_cast<uint32_t *>(ctx) ? 1 : 0;
+    return 500 + line->m_busdevfn;
+  };
+  for (auto [at, rc] : {std::pair{1U, 501U}, {2U, 502U}, {3U, 503U}, {4U, 3901U}})
+    EXPECT_EQ(_pci_scan_devices_file(stop_at, &at), rc);
+}
+
 TEST(pci_lookup, asserts_its_arguments) {
   EXPECT_EQ(mmap_is_cat1(), 0U);
   uint32_t out = 0;

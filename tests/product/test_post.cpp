@@ -15,13 +15,26 @@
 #include "tests/support/board.h"
 #include "tests/support/opened.h"
 
-// The linker hands malloc to this file. The allocations of one size can be refused.
-static size_t refused_size = 0;
+// The linker hands malloc, free and sprom_init_dorvan to this file.
+static size_t refused_size = 0;  // of allocations
+static int blocks = 0;           // allocated and not released
+static bool no_descriptor = false;
 extern "C" {
 void *__real_malloc(size_t size), *__wrap_malloc(size_t size);
+void __real_free(void *block), __wrap_free(void *block);
+decltype(sprom_init_dorvan) __real_sprom_init_dorvan, __wrap_sprom_init_dorvan;
 
 void *__wrap_malloc(size_t size) {
-  return size == refused_size ? nullptr : __real_malloc(size);
+  if (size == refused_size) return nullptr;
+  ++blocks;
+  return __real_malloc(size);
+}
+void __wrap_free(void *block) {
+  if (block != nullptr) --blocks;
+  __real_free(block);
+}
+sprom_t *__wrap_sprom_init_dorvan(uint32_t type, uint32_t slot, uint32_t index) {
+  return no_descriptor ? nullptr : __real_sprom_init_dorvan(type, slot, index);
 }
 }
 
@@ -75,8 +88,8 @@ const report_case report_cases[] = {
     {"case counts",                  "FAIL\nregister test 0\n", 1, dumped},
     {"a word of over 127 letters is cut", "PASS" + std::string(200, 'P') + "\nFAIL\nEeprom test 0", 0},
     {"and may leave PASS behind",    std::string(127, 'x') + "PASS", 0},
-    {"each piece of a long line is a line", long_line, 1, "ethtool -t eth0\nFAIL\n\n" + long_line.substr(5, 127) + "\n" + long_line.substr(132) + "\n"},
-    {"a NUL byte hides the rest of its line", std::string("FAIL\nEeprom test \0 0\n", 21), 1, "ethtool -t eth0\nFAIL\n\nEeprom test \n"},
+    {"each piece of a long line is a line", long_line, 1, "ethtool -t eth5\nFAIL\n\n" + long_line.substr(5, 127) + "\n" + long_line.substr(132) + "\n"},
+    {"a NUL byte hides the rest of its line", std::string("FAIL\nEeprom test \0 0\n", 21), 1, "ethtool -t eth5\nFAIL\n\nEeprom test \n"},
     {"nothing",                      "", 1, no_verdict},
     {"other words",                  "pass fail\n", 1, no_verdict},
 };
@@ -87,13 +100,15 @@ TEST(gige, judges_the_report) {
     SCOPED_TRACE(c.name);
     const test_board board({}, 11079);
     set_report(board, c.report);
-    const std::string out = printed([&] { EXPECT_EQ(gige_test(0), c.status); });
-    EXPECT_EQ(out, c.printed == dumped ? "ethtool -t eth0\n" + doubled(c.report) : c.printed);
+    short_test = 1;
+    const std::string out = printed([&] { EXPECT_EQ(gige_test(5), c.status); });
+    short_test = 0;
+    EXPECT_EQ(out, c.printed == dumped ? "ethtool -t eth5\n" + doubled(c.report) : c.printed);
     EXPECT_FALSE(std::filesystem::exists(board.file("post/ethtool.log")));
   }
 }
 
-TEST(gige, runs_the_command_of_the_device) {
+TEST(gige, runs_the_command_of_the_device_and_removes_its_own_log_alone) {
   // Card, whether the test is a short one, and the calls of devices 0 to 3.
   constexpr std::tuple<uint32_t, int32_t, const char *> cases[] = {
       {11079, 0, "-t eth0\n-t eth1\n-t eth2\n-t eth5\n"},
@@ -108,12 +123,19 @@ TEST(gige, runs_the_command_of_the_device) {
     short_test = short_form;
     for (uint32_t device = 0; device < 4; ++device) {
       uint32_t result = POST_RESULT_NONE;
+      const std::ofstream former(board.file("post/ethtool.log"));
       EXPECT_EQ(dorvan_nic_lpback_test(0, &result, device, nullptr), 0U);
       EXPECT_EQ(result, POST_RESULT_PASS);
+      const bool untested = strstr(calls, "eth1") == nullptr && (device == 1 || device == 2);
+      EXPECT_EQ(std::filesystem::exists(board.file("post/ethtool.log")), untested);
     }
     EXPECT_EQ(read_file(board.file("calls")), calls);
   }
   short_test = 0;
+  const test_board board({"sprom-absent"});
+  const std::ofstream former(board.file("post/ethtool.log"));
+  EXPECT_NE(printed([] { EXPECT_EQ(gige_test(0), 1); }), "");
+  EXPECT_TRUE(std::filesystem::exists(board.file("post/ethtool.log")));
   EXPECT_EQ(signal(SIGPIPE, before.first), SIG_IGN);
   EXPECT_EQ(signal(SIGXFSZ, before.second), SIG_IGN);
 }
@@ -243,6 +265,7 @@ TEST(card_identity, keeps_the_preset_when_the_driver_gives_none) {
     const test_board board({"sprom-absent"});
     EXPECT_EQ(printed([&] { EXPECT_EQ(pfm_get_hw_changes_bits(&value), 1U); }),
               "Error in opening /dev/sprom for reading. Default hw_changes_bits to 1234\n");
+    EXPECT_EQ(value, 1234);
   }
   const test_board board({}, 11099);
   EXPECT_EQ(pfm_get_card_index(&value), 0U);
@@ -252,8 +275,8 @@ TEST(card_identity, keeps_the_preset_when_the_driver_gives_none) {
   EXPECT_EQ(opened_with()["/dev/sprom"] & O_ACCMODE, O_RDWR);
 }
 
-// What is opened for one use is closed after it.
-TEST(descriptors, are_free_again) {
+// What is opened or allocated for one use is closed and released after it.
+TEST(resources, are_free_again) {
   isolated([] {
     const test_board board;
     uint32_t word = 0;
@@ -264,13 +287,20 @@ TEST(descriptors, are_free_again) {
         [] { (void)pci_scan_devices(); },
         [&] { (void)mmap_get_map_pci(92, 0, 0x24, &word, &word); },
         [] { post_result_write(0, 4, 0, 1); },
+        post_read_hw_change_bits,
         [&] { (void)dorvan_brd_seeprom_test(0, &word, 1, nullptr); },
     };
-    (void)printed(uses[5]);  // the I2C service keeps its bus open
-    const size_t before = open_descriptors();
-    for (const auto &use : uses) {
-      (void)printed(use);
-      EXPECT_EQ(open_descriptors(), before) << &use - uses;
+    size_t before = 0;
+    for (const char *const fault : {"i2c-absent bus=1 addr=0x52", "sprom-refuse after=1000"}) {
+      board.start({fault});
+      (void)printed(uses[6]);  // the I2C service keeps its bus open
+      before = open_descriptors();
+      const int blocks_before = blocks;
+      for (const auto &use : uses) {
+        (void)printed(use);
+        EXPECT_EQ(open_descriptors(), before) << &use - uses;
+        EXPECT_EQ(blocks, blocks_before) << &use - uses;
+      }
     }
     for (const std::string report : {"PASS", "FAIL\nEeprom test 0\n", "FAIL\nEeprom test 1\n", ""}) {
       set_report(board, report);
@@ -317,7 +347,7 @@ TEST(seeprom, fails_without_memory) {
   refused_size = 0;
 }
 
-TEST(hw_change_bits, stay_0_without_a_card_or_memory) {
+TEST(hw_change_bits, are_1_without_a_descriptor_and_0_without_a_card_or_memory) {
   for (const uint32_t card : {4711U, 11062U}) {
     const test_board board({}, card);
     refused_size = SPROM_SIZE_SUP;
@@ -325,6 +355,20 @@ TEST(hw_change_bits, stay_0_without_a_card_or_memory) {
     EXPECT_EQ(dorvan_post_hw_change_bits_get(), 0U);
   }
   refused_size = 0;
+  const test_board board;
+  no_descriptor = true;
+  EXPECT_EQ(printed([] { post_read_hw_change_bits(); }), "err: could not init sup sprom, defaulting to KVR P1\n");
+  EXPECT_EQ(dorvan_post_hw_change_bits_get(), 1U);
+  no_descriptor = false;
+}
+
+TEST(output_hooks, suppress_level_7_alone) {
+  EXPECT_EQ(printed([] {
+              EXPECT_EQ(cli_printf("%s %d\n", "text", 10), 8);
+              for (const int32_t level : {DIAG_LVL_DEBUG + 1, DIAG_LVL_DEBUG + 0, DIAG_LVL_INFO + 0, 5, 0, -7})
+                diag_dbg_print(level, "%d\n", level);
+            }),
+            "text 10\n8\n6\n5\n0\n-7\n");
 }
 
 }  // namespace

@@ -24,7 +24,8 @@ struct answer {
 };
 std::map<std::string, answer> answers;
 std::vector<timeval> clock_readings;
-std::vector<std::string> calls;  // of entries, and of the change bits
+std::vector<size_t> calls_at_readings;  // so many before each
+std::vector<std::string> calls;         // of entries, and of the change bits
 uint32_t *scratch_word = nullptr;
 const test_board *board = nullptr;
 
@@ -50,6 +51,7 @@ decltype(dorvan_post_hw_change_bits_get) __wrap_dorvan_post_hw_change_bits_get;
 
 int __wrap_gettimeofday(timeval *now, void *) noexcept {
   *now = clock_readings.at(0);
+  calls_at_readings.push_back(calls.size());
   clock_readings.erase(clock_readings.begin());
   return 0;
 }
@@ -145,6 +147,8 @@ TEST(sequencer, judges_by_the_status_and_records_the_result) {
       char *args[] = {words[0].data(), words[1].data(), words[2].data(), nullptr};
       const std::string out = printed([&] { EXPECT_EQ(post_main(s.flag != nullptr ? 3 : 1, args), 0); });
       EXPECT_EQ(out, expected_output(s));
+      const std::vector<size_t> around_rows{1, 4, 4, 8, 8, 9, 9, 10, 10, 17};
+      EXPECT_TRUE(s.is_short || calls_at_readings == around_rows);
       EXPECT_EQ(std::pair(calls, own_board.contents("post/result")), expected_calls(s));
     });
   }

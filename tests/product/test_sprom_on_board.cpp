@@ -1,4 +1,6 @@
 // The board families and the queries on boards in this process, compared with what went over their buses.
+#include <sys/io.h>
+
 #include "platform/mfgd/uspace/utils/sprom/at24c512.h"
 #include "platform/mfgd/uspace/utils/sprom/pca9539.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_api.h"
@@ -6,6 +8,7 @@
 #include "platform/mfgd/uspace/utils/sprom/sprom_family.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_pellin.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_tosk.h"
+#include "post/dorvan/sprom_dorvan.h"
 #include "tests/support/new_board.h"
 #include "tests/support/sprom_image.h"
 
@@ -48,14 +51,22 @@ std::vector<uint8_t> eeprom(const test_board &board, const std::string &name) {
 
 TEST(sprom_families, have_a_cache_for_each_image_but_a_modules_and_one_for_all_dimms) {
   std::set<const uint8_t *> caches{nullptr};
-  for (const sprom_t *sprom :
-       {&pellin_sprom_bp, &pellin_sprom_sup, &pellin_sprom_ps[0], &pellin_sprom_ps[1], &pellin_sprom_dimm[0],
-        &tosk_sprom_bp, &tosk_sprom_sup, &tosk_sprom_ps[0], &tosk_sprom_ps[1], &tosk_sprom_dimm[0]})
+  for (const sprom_t *sprom : {&pellin_sprom_bp, &pellin_sprom_sup, &pellin_sprom_ps[0], &pellin_sprom_ps[1],
+                               &pellin_sprom_dimm[0], &tosk_sprom_bp, &tosk_sprom_sup, &tosk_sprom_ps[0],
+                               &tosk_sprom_ps[1], &tosk_sprom_dimm[0], &dorvan_sprom_sup, &dorvan_sprom_bp})
     EXPECT_TRUE(caches.insert(sprom->buf).second && sprom->valid == 0) << sprom->name;
   for (const sprom_t &module : {pellin_sprom_lc[0], pellin_sprom_lc[1], pellin_sprom_lc[2], tosk_sprom_lc[0]})
     EXPECT_EQ(module.buf, nullptr);
   EXPECT_EQ(pellin_sprom_dimm[0].buf, pellin_sprom_dimm[1].buf);
   EXPECT_EQ(tosk_sprom_dimm[0].buf, tosk_sprom_dimm[1].buf);
+}
+
+TEST(sprom_families, reach_supervisor_and_backplane_alike) {
+  for (const auto &[one, other] :
+       {std::pair{&dorvan_sprom_sup, &pellin_sprom_sup}, {&dorvan_sprom_bp, &pellin_sprom_bp}}) {
+    EXPECT_EQ(memcmp(one->smb_acc->dev, other->smb_acc->dev, sizeof(smb_dev_t)), 0);
+    EXPECT_TRUE(one->we != nullptr && one->wd != nullptr && one->we != one->wd);
+  }
 }
 
 TEST(sprom_families, answer_to_sprom_addresses) {
@@ -223,6 +234,7 @@ TEST(sprom_write_protection, is_lifted_for_each_write_and_restored) {
         EXPECT_EQ(log_of(board), joined({joined(we), writes + std::to_string(size), joined(c.expected.wd)}));
         image = host_image(image, c.sprom->type);
       }
+      EXPECT_EQ(run_child([] { (void)inl(0x50C); }).status, 128 + SIGSEGV) << "the privilege is dropped";
     });
   }
 }

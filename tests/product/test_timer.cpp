@@ -128,6 +128,7 @@ TEST(timer, what_is_out_of_step_does_no_harm) {
   queue_t other[8]{};
   timer_set_timer_tbl(other);
   EXPECT_EQ(timer_get_timer_tbl(), other);
+  EXPECT_EQ(blocks.size(), 3U) << "the former wheel and both timers are the caller's";
 }
 
 // Ticks count in 64 bits; beyond them begins the other epoch, whose entries go before those of this one.
