@@ -1,8 +1,5 @@
 // The POST tests of the short run, entry by entry, on a board in this process.
-
 #include "platform/mfgd/cmn_lib/diag_util/diag_dbg.h"
-#include "platform/mfgd/cmn_lib/diag_util/libinit.h"
-#include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_pci_velto_or.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_layout.h"
 #include "post/dorvan/pfm_card.h"
 #include "post/dorvan/sprom_dorvan.h"
@@ -259,14 +256,12 @@ TEST(descriptors, are_free_again) {
     uint32_t word = 0;
     uint16_t card = 0;
     const std::function<void()> uses[] = {
-        libinit,
         [&] { (void)pfm_get_card_index(&card); },
         [] { (void)pci_scan_devices(); },
-        [&] { (void)mmap_get_map_pci(92, 0, 0x24, &word, &word); },
         [] { post_result_write(0, 4, 0, 1); },
         [&] { (void)dorvan_brd_seeprom_test(0, &word, 1, nullptr); },
     };
-    (void)printed(uses[5]);  // the I2C service keeps its bus open
+    (void)printed(uses[3]);  // the I2C service keeps its bus open
     const size_t before = open_descriptors();
     for (const auto &use : uses) {
       (void)printed(use);
