@@ -1,9 +1,7 @@
 // Everything that the objects of post define stands in its dynamic symbol table under its plain name: backtraces name
 // functions from it, and programs that load post look functions and tables up in it.
-#include <iterator>
-#include <memory>
-
 #include "tests/support/run.h"
+#include "tests/support/text.h"
 
 namespace {
 
@@ -27,9 +25,7 @@ struct symbol_t {
 
 std::map<std::string, symbol_t> symbols_of(const std::string &arguments) {
   std::map<std::string, symbol_t> symbols;
-  const std::unique_ptr<FILE, int (*)(FILE *)> nm(popen(("nm -S --defined-only " + arguments).c_str(), "r"), pclose);
-  char line[4096];
-  while (nm && fgets(line, sizeof line, nm.get()) != nullptr) {
+  for (const std::string &line : lines_of(run_shell("/", "nm -S --defined-only " + arguments).out)) {
     std::istringstream words(line);
     const std::vector<std::string> column{std::istream_iterator<std::string>(words), {}};
     if (column.size() < 3) continue;
@@ -52,8 +48,7 @@ TEST(exports, hold_all_that_the_objects_define) {
     ++defined;
   }
   EXPECT_GT(defined, 230U);
-  std::istringstream words(unused);
-  for (std::string name; words >> name;)
+  for (const std::string &name : lines_of(unused, ' '))
     EXPECT_TRUE(exported.contains(name)) << name;
 }
 

@@ -1,13 +1,11 @@
 // What runs POST at boot, on the simulated board: its verdict, what it keeps and what it reports.
-#include <unistd.h>
-
 #include "tests/support/run.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-const std::string script = POST_SOURCE_DIR "/post/boot/post-boot";
+const std::string script = shell_word(POST_SOURCE_DIR "/post/boot/post-boot");
 
 // stand_in NAME: a command of the tests' own, its text on standard input. The journal is a file here.
 const std::string set_up = R"(
@@ -24,14 +22,16 @@ std::string ends_by(const std::string &who) {
          "; } >/dev/null &\nexec '$POST'\nEND\n";
 }
 
-// Runs it with options of board-sim and arguments of its own; `before` is a command that comes first.
-outcome boot(const fs::path &dir, const std::string &options, const std::string &before = "true",
-             const std::string &args = "-s") {
-  return run_shell(dir, set_up + before + "\nboard-sim --state board " + options + " -- setsid -w " +
-                            shell_word(script) + " " + args);
-}
+class post_boot : public in_directory {
+ protected:
+  // Runs it with options of board-sim and arguments of its own; `before` is a command that comes first.
+  [[nodiscard]] outcome boot(const std::string &options, const std::string &before = "true",
+                             const std::string &args = "-s") const {
+    return sh(set_up + before + "\nboard-sim --state board " + options + " -- setsid -w " + script + " " + args);
+  }
+};
 
-TEST(post_boot, ends_and_reports_as_the_board_does) {
+TEST_F(post_boot, ends_and_reports_as_the_board_does) {
   // clang-format off
   const std::tuple<const char *, const char *, std::string, int, size_t, const char *, const char *> cases[] = {
       {"a sound board",                "",                                     "true",             0, 13, "1",  "PASS"},
@@ -44,31 +44,30 @@ TEST(post_boot, ends_and_reports_as_the_board_does) {
   // clang-format on
   for (const auto &[what, options, before, status, count, verdict, word] : cases) {
     SCOPED_TRACE(what);
-    const temp_dir dir;
-    const auto run = boot(dir.path(), options, "mkdir -p logs/earlier && ln -s earlier logs/last\n" + before);
+    (void)sh("rm -rf ./*");
+    const auto run = boot(options, "mkdir -p logs/earlier && ln -s earlier logs/last\n" + before);
     EXPECT_EQ(run.status, status) << run.err;
     EXPECT_FALSE(run.out.empty());
     EXPECT_EQ(run.err.find("a signal ended the test") != std::string::npos, before != "true") << run.err;
-    EXPECT_EQ(read_file(dir.path() / "run/last/output"), run.out);
-    EXPECT_EQ(read_file(dir.path() / "logs/last/output"), run.out);
-    const auto records = read_file(dir.path() / "logs/last/result");
+    EXPECT_EQ(load("run/last/output"), run.out);
+    EXPECT_EQ(load("logs/last/output"), run.out);
+    const auto records = load("logs/last/result");
     EXPECT_EQ(static_cast<size_t>(std::ranges::count(records, '\n')), count);
-    EXPECT_EQ(run_shell(dir.path(), "sed -n 's/^post_verdict{.*} //p' metrics/*").out, verdict + std::string("\n"));
-    EXPECT_EQ(run_shell(dir.path(),
-                        "grep -c '^MESSAGE_ID=' journal; grep -c '^OBJECT_PID=[1-9]' journal\n"
-                        "grep -x -B 9 'POST_RUN='$PWD/logs/$(readlink logs/last) journal | tail -n 9 |"
-                        " sed -n 's/^POST_RESULT=//p'")
+    EXPECT_EQ(sh("sed -n 's/^post_verdict{.*} //p' metrics/*").out, verdict + std::string("\n"));
+    EXPECT_EQ(sh("grep -c '^MESSAGE_ID=' journal; grep -c '^OBJECT_PID=[1-9]' journal\n"
+                 "grep -x -B 9 'POST_RUN='$PWD/logs/$(readlink logs/last) journal | tail -n 9 |"
+                 " sed -n 's/^POST_RESULT=//p'")
                   .out,
               "17\n17\n" + std::string(word) + "\n");
   }
 }
 
 // What it ran is "-s", or nothing for the full test; a request for one is gone before it begins.
-TEST(post_boot, runs_the_test_that_the_administrator_chose) {
+TEST_F(post_boot, runs_the_test_that_the_administrator_chose) {
   const std::string echo =
       "stand_in post <<'END'\necho \"test $*\"; grep '^post_verdict' metrics/post.prom; ls state\n"
       "echo '  Mod 1 1 Post Completed Successfully'; echo 'POST is completed'\nEND\n";
-  const std::string ask = shell_word(script) + " --full-next\n";
+  const std::string ask = script + " --full-next\n";
   // clang-format off
   const std::tuple<std::string, const char *, const char *> cases[] = {
       {"",                                        "test -s\n", ""},
@@ -82,61 +81,52 @@ TEST(post_boot, runs_the_test_that_the_administrator_chose) {
   const std::string unknown = R"(post_verdict{card="",part="",serial="",change_bits=""} -1)";
   for (const auto &[before, first, said] : cases) {
     SCOPED_TRACE(before);
-    const temp_dir dir;
-    const auto run = boot(dir.path(), "", "mkdir -p state\n" + echo + before, "");
-    EXPECT_EQ(run.status, 0);
-    EXPECT_TRUE(run.out.starts_with(first + unknown + "\n")) << run.out;
-    EXPECT_NE(run.err.find(said), std::string::npos) << run.err;
+    (void)sh("rm -rf ./*");
+    const auto run = boot("", "mkdir -p state\n" + echo + before, "");
+    expect_run(run, 0, StartsWith(first + unknown + "\n"), HasSubstr(said));
     if (before == ask) {
       EXPECT_EQ(run.out.find("full-next"), std::string::npos) << run.out;
-      EXPECT_TRUE(boot(dir.path(), "", "true", "").out.starts_with("test -s\n"));
+      EXPECT_TRUE(boot("", "true", "").out.starts_with("test -s\n"));
     }
   }
 }
 
-TEST(post_boot, refuses_other_arguments_than_its_own) {
+TEST_F(post_boot, refuses_other_arguments_than_its_own) {
   for (const std::string &args : std::vector<std::string>{"-x", "-sS", "-s -s", "--full-next -s", "s", "''"}) {
     SCOPED_TRACE(args);
-    const temp_dir dir;
-    const auto run = boot(dir.path(), "", "true", args);
-    EXPECT_EQ(run.status, 2);
-    EXPECT_EQ(run.out, "");
-    EXPECT_TRUE(run.err.starts_with("post-boot: wrong arguments: ")) << run.err;
-    EXPECT_FALSE(fs::exists(dir.path() / "logs"));
+    (void)sh("rm -rf ./*");
+    expect_run(boot("", "true", args), 2, "", StartsWith("post-boot: wrong arguments: "));
+    EXPECT_FALSE(fs::exists(path("logs")));
   }
 }
 
 // A pass of an earlier run is no answer, and a journal that took nothing has none.
-TEST(post_boot, says_what_it_could_not_deliver) {
-  const temp_dir dir;
+TEST_F(post_boot, says_what_it_could_not_deliver) {
   const auto run =
-      boot(dir.path(), "",
+      boot("",
            "stand_in logger <<'END'\nexit 1\nEND\n"
            "stand_in post-results <<'END'\n[ $1 != --prometheus ] && exec board-results \"$@\"; exit 2\nEND\n"
            "ln -s \"${POST%/*}/post-results\" bin/board-results; echo 'post_verdict 1' >metrics/post.prom");
   EXPECT_EQ(run.status, 0);
-  EXPECT_FALSE(fs::exists(dir.path() / "metrics/post.prom"));
-  const std::string none = "post-boot: cannot write " + (dir.path() / "metrics/post.prom").string() + "\n";
+  EXPECT_FALSE(fs::exists(path("metrics/post.prom")));
+  const std::string none = "post-boot: cannot write " + path("metrics/post.prom").string() + "\n";
   EXPECT_EQ(run.err, none + none + "post-boot: 17 entries could not be sent to the journal\n");
 }
 
 // A mkdir that puts a full disk in the place of what a run is to keep.
-TEST(post_boot, tells_the_verdict_though_the_disk_is_full) {
+TEST_F(post_boot, tells_the_verdict_though_the_disk_is_full) {
   const std::string full_disk =
       "stand_in mkdir <<'END'\n/bin/mkdir \"$@\" || exit\n"
       "case $1 in */logs/*) ln -s /dev/full \"$1/output\" && ln -s /dev/full \"$1/result\" ;; esac\nEND\n";
   for (const std::string fault : {"", "i2c-absent bus=1 addr=0x52"}) {
-    const temp_dir dir;
-    const auto run = boot(dir.path(), fault.empty() ? "" : "--fault '" + fault + "'", full_disk);
-    EXPECT_EQ(run.status, fault.empty() ? 0 : 1) << run.err;
-    EXPECT_TRUE(run.out.ends_with("POST is completed\n")) << run.out;
-    EXPECT_NE(run.err.find("No space left on device"), std::string::npos) << run.err;
+    (void)sh("rm -rf ./*");
+    expect_run(boot(fault.empty() ? "" : "--fault '" + fault + "'", full_disk), fault.empty() ? 0 : 1,
+               EndsWith("POST is completed\n"), HasSubstr("No space left on device"));
   }
 }
 
 // Others had put links where the test writes, and could go on doing so.
-TEST(post_boot, makes_the_folders_of_the_test_its_own) {
-  const temp_dir dir;
+TEST_F(post_boot, makes_the_folders_of_the_test_its_own) {
   const bool is_root = geteuid() == 0;
   const std::string others =
       "mkdir -p board/post board/var/lock logs; echo kept >victim; chmod 1777 board/post board/var/lock logs\n"
@@ -146,42 +136,39 @@ TEST(post_boot, makes_the_folders_of_the_test_its_own) {
   const std::string foreign =
       "chown 12345 board/post board/var/lock logs; echo x >board/var/lock/RTC_NVRAM1-read.lock; "
       "chown 12345 board/var/lock/RTC_NVRAM1-read.lock\n";
-  const auto run = boot(dir.path(), "", others + (is_root ? foreign : "") + "stat -c %a,%u /var/lock/. >before");
-  EXPECT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(run.err, "");
+  const auto run = boot("", others + (is_root ? foreign : "") + "stat -c %a,%u /var/lock/. >before");
+  expect_run(run, 0, testing::_);
   const std::string own = "755," + std::to_string(geteuid()) + "\n", old = "1" + own;
-  const auto now = run_shell(dir.path(),
-                             "cat victim board/var/lock/other.lock; ls none 2>&1 | wc -l\n"
-                             "stat -c %a,%u board/post board/var/lock logs logs/last/\n"
-                             "find board/var/lock board/post -type f -user $(id -u) | wc -l\n"
-                             "find board/var/lock board/post ! -type f ! -type d | wc -l\n"
-                             "stat -c %a,%u /var/lock/. | cmp - before && echo the same");
+  const auto now =
+      sh("cat victim board/var/lock/other.lock; ls none 2>&1 | wc -l\n"
+         "stat -c %a,%u board/post board/var/lock logs logs/last/\n"
+         "find board/var/lock board/post -type f -user $(id -u) | wc -l\n"
+         "find board/var/lock board/post ! -type f ! -type d | wc -l\n"
+         "stat -c %a,%u /var/lock/. | cmp - before && echo the same");
   // What is left is the records, the lock of the EEPROM, and what the test has no name for.
   EXPECT_EQ(now.out, "kept\nother\n1\n" + old + old + old + own + "3\n0\nthe same\n");
 }
 
-TEST(post_boot, keeps_each_run_apart) {
-  const temp_dir dir;
-  ASSERT_EQ(boot(dir.path(), "", "mkdir -p board/post && echo earlier >board/post/result").status, 0);
-  EXPECT_EQ(read_file(dir.path() / "logs/last/result-before"), "earlier\n");
-  const auto first = fs::read_symlink(dir.path() / "logs/last").string();
+TEST_F(post_boot, keeps_each_run_apart) {
+  ASSERT_EQ(boot("", "mkdir -p board/post && echo earlier >board/post/result").status, 0);
+  EXPECT_EQ(load("logs/last/result-before"), "earlier\n");
+  const auto first = fs::read_symlink(path("logs/last")).string();
   EXPECT_EQ(first + "\n", read_file("/proc/sys/kernel/random/boot_id"));
-  ASSERT_EQ(boot(dir.path(), "--fault sprom-absent").status, 1);
-  EXPECT_EQ(fs::read_symlink(dir.path() / "logs/last").string(), first + ".2");
-  EXPECT_EQ(read_file(dir.path() / "logs" / first / "result"), read_file(dir.path() / "logs/last/result-before"));
+  ASSERT_EQ(boot("--fault sprom-absent").status, 1);
+  EXPECT_EQ(fs::read_symlink(path("logs/last")).string(), first + ".2");
+  EXPECT_EQ(read_file(path("logs") / first / "result"), load("logs/last/result-before"));
 }
 
-TEST(post_boot, forgets_the_oldest_of_more_than_a_hundred_runs_and_nothing_else) {
-  const temp_dir dir;
-  const auto run = boot(dir.path(), "",
+TEST_F(post_boot, forgets_the_oldest_of_more_than_a_hundred_runs_and_nothing_else) {
+  const auto run = boot("",
                         "mkdir -p logs/other\n"
                         "for n in $(seq 100 200); do mkdir -p logs/01234567-89ab-cdef-0123-000000000$n; done\n"
                         "touch -d 2120-01-01 logs/*; touch -d 2110-01-01 logs/*-*150\ntouch -d 2111-01-01 logs/*-*160");
   ASSERT_EQ(run.status, 0) << run.err;
-  EXPECT_EQ(std::distance(fs::directory_iterator(dir.path() / "logs"), {}), 100 + 2);
-  EXPECT_EQ(read_file(dir.path() / "logs/last/output"), run.out);
-  EXPECT_FALSE(fs::exists(dir.path() / "logs/01234567-89ab-cdef-0123-000000000150"));
-  EXPECT_FALSE(fs::exists(dir.path() / "logs/01234567-89ab-cdef-0123-000000000160"));
+  EXPECT_EQ(std::distance(fs::directory_iterator(path("logs")), {}), 100 + 2);
+  EXPECT_EQ(load("logs/last/output"), run.out);
+  EXPECT_FALSE(fs::exists(path("logs/01234567-89ab-cdef-0123-000000000150")));
+  EXPECT_FALSE(fs::exists(path("logs/01234567-89ab-cdef-0123-000000000160")));
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 // Whole short runs: each fault of the identity reads, the SEEPROM, GigE and PCIe rows, with exact output and records.
 #include "post/dorvan/cards.h"
 #include "tests/board/post_output.h"
-#include "tests/support/run.h"
 
 namespace {
 
@@ -95,7 +94,7 @@ TEST(cards, are_known_everywhere) {
   for (const dorvan_card_t &row : dorvan_cards) {
     const std::string card = std::to_string(row.card_index);
     SCOPED_TRACE(card);
-    EXPECT_THAT(manual, testing::HasSubstr(card));
+    EXPECT_THAT(manual, HasSubstr(card));
     const temp_dir state;
     std::string records;
     for (const std::string revision : {"0", "1", "2"}) {
@@ -105,13 +104,13 @@ TEST(cards, are_known_everywhere) {
       EXPECT_EQ(run.records, records += records_of({}, true));
     }
     EXPECT_THAT(run_board(state.path(), {"--card", card, "--", POST_BIN_DIR "/sprom", "list"}).out,
-                testing::HasSubstr("SUPERVISOR"));
+                HasSubstr("SUPERVISOR"));
 #ifdef POST_HAS_LAB
     const outcome judged = run_shell(state.path(), "post-campaign --card " + card + " --mode short --fault '" +
                                                        missing_function(row.pci_p1[0]) + "' --fault '" +
                                                        missing_function(row.pci_p1[5]) + "'");
     EXPECT_EQ(judged.status, 0) << judged.out;
-    EXPECT_THAT(judged.out, testing::AllOf(testing::HasSubstr("found"), testing::Not(testing::HasSubstr("blamed"))));
+    EXPECT_THAT(judged.out, AllOf(HasSubstr("found"), Not(HasSubstr("blamed"))));
 #endif
   }
 }
@@ -125,18 +124,17 @@ std::string run_in_shell(const std::string &args, const std::string &redirection
 // A device in a closed standard descriptor's place would get the messages written there.
 TEST(short_post, opens_no_device_as_a_standard_descriptor) {
   const std::string out = run_in_shell("", "<&- 2>&-");
-  EXPECT_THAT(out, testing::StartsWith("devmemfd:0x"));
+  EXPECT_THAT(out, StartsWith("devmemfd:0x"));
   EXPECT_GT(strtoul(out.c_str() + strlen("devmemfd:"), nullptr, 16), 2U);
 }
 
 // Each dot and line is out before a command writes to the same pipe.
 TEST(short_post, keeps_its_order_with_the_commands) {
-  EXPECT_THAT(run_in_shell("--fault post-missing", "2>&1 | cat"),
-              testing::ContainsRegex("GigE Port Test: \n"
-                                     "\\.[^\n]*ethtool\\.log[^\n]*\n"
-                                     "Fail to open /post/ethtool\\.log\n"
-                                     "rm: [^\n]*\n"
-                                     "\n ERROR: Executing 5 on dev 0\n"));
+  EXPECT_THAT(run_in_shell("--fault post-missing", "2>&1 | cat"), ContainsRegex("GigE Port Test: \n"
+                                                                                "\\.[^\n]*ethtool\\.log[^\n]*\n"
+                                                                                "Fail to open /post/ethtool\\.log\n"
+                                                                                "rm: [^\n]*\n"
+                                                                                "\n ERROR: Executing 5 on dev 0\n"));
 }
 
 }  // namespace

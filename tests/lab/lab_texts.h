@@ -1,14 +1,12 @@
 // lab_texts.h: the output and the records of healthy runs, and short forms of what is made of them.
 #pragma once
 
-#include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
 #include "lab/run/cases.h"
 #include "lab/run/records.h"
 #include "lab/run/run_log.h"
+#include "tests/support/text.h"
 
 inline constexpr char full_log[] = R"(devmemfd:0x3
 phys->virt: 0xf8000000-->0x7f6786400000

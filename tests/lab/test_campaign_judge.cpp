@@ -1,24 +1,12 @@
 // From what a run leaves behind to its outcome, and from many outcomes to the matrix in all its forms.
-#include <gmock/gmock.h>
-
-#include <fstream>
-#include <span>
-
 #include "lab/campaign/fault_facts.h"
 #include "lab/campaign/judge.h"
 #include "lab/campaign/shards.h"
-#include "lab/report/coverage.h"
 #include "lab/report/html.h"
 #include "lab/report/junit_matrix.h"
 #include "lab/report/table.h"
 #include "tests/lab/lab_texts.h"
 #include "tests/support/run.h"
-
-using testing::ElementsAre;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::Not;
-using testing::SizeIs;
 
 namespace {
 
@@ -31,11 +19,23 @@ std::string saying(const std::string &row, const std::string &said, const std::s
   return edited(text, {{row + " Test: \n.", row + " Test: \n." + said}});
 }
 
-std::string records(const std::vector<std::string> &failed) {
+using strings = std::vector<std::string>;
+
+std::string records(const strings &failed) {
   std::string text = full_records;
   for (const std::string &device : failed)
     text = edited(text, {{device + ":1", device + ":2"}});
   return text;
+}
+
+// What a run left in which the fault fired once.
+lab::run_evidence evidence_of(std::string output, std::string records = "", int status = 0) {
+  lab::run_evidence evidence;
+  evidence.process.output = std::move(output);
+  evidence.process.status = status;
+  evidence.records = std::move(records);
+  evidence.fired = 1;
+  return evidence;
 }
 
 constexpr const char *bad_nvram =
@@ -47,24 +47,6 @@ constexpr const char *bad_flash =
 constexpr const char *bad_pcie =
     "\n## Failed: PCI device - Bridge\n           (bus:2E, dev:00, func:00, vendId:10B5, devId:9030)\n"
     "## Info : Based on P0 board detection.\n";
-
-struct judge_case {
-  const char *name;
-  const char *fault;
-  lab::run_mode mode;
-  std::string output;
-  std::vector<std::string> failed;  // records
-  int status;
-  std::optional<uint64_t> fired;
-  uint64_t beyond;  // bytes that differ beyond the fault
-  bool timed_out;
-  // What is expected.
-  lab::outcome end;
-  const char *verdict;
-  std::vector<std::string> reported;
-  bool right;
-  const char *line;
-};
 
 TEST(judge, gives_each_run_its_one_outcome) {
   using lab::outcome;
@@ -78,8 +60,9 @@ TEST(judge, gives_each_run_its_one_outcome) {
   const auto cut_good = saying("OBFL", bad_flash, failed_log);
   const auto endless = until(full_log, "  Mod 1 1 Post");
   // clang-format off
-  const judge_case cases[] = {
-      // name                      fault   mode            output    failed           status fired         beyond late    outcome              verdict   reported    right  line
+  const std::tuple<const char *, const char *, run_mode, std::string, strings, int, std::optional<uint64_t>, uint64_t,
+                   bool, outcome, const char *, strings, bool, const char *> cases[] = {
+      // name                      fault   mode            output    failed records   status fired         bytes beyond the fault, late, outcome      verdict   reported    right  line
       {"found",                    nvram1, run_mode::full, bad,      {"8:0"},         0,     7,            0,     false, outcome::found,       "failed", {"nvram.0"}, true,  expected},
       {"another instance named",   nvram2, run_mode::full, bad,      {"8:0"},         0,     7,            0,     false, outcome::blamed,      "failed", {"nvram.0"}, false, expected},
       {"another device",           "flash-silent", run_mode::full, bad, {"8:0"},      0,     7,            0,     false, outcome::blamed,      "failed", {"nvram.0"}, false, expected},
@@ -104,27 +87,24 @@ TEST(judge, gives_each_run_its_one_outcome) {
       {"healthy, but damaged",     "",     run_mode::full, good,     {},              0,     std::nullopt, 1,     false, outcome::damaged,     "passed", {},          false, ""},
   };
   // clang-format on
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.name);
-    lab::run_evidence evidence;
-    evidence.process.output = c.output;
-    evidence.process.status = c.status;
-    evidence.process.timed_out = c.timed_out;
-    evidence.fired = c.fired;
-    evidence.records = c.status == 0 ? records(c.failed) : "";
-    evidence.changes.push_back({"flash", 2, 16, 17, c.beyond, 16});
-    const auto result = lab::judge({c.fault, {}, c.mode}, evidence);
-    EXPECT_EQ(lab::text_of(result.end).name, lab::text_of(c.end).name);
-    EXPECT_EQ(result.verdict, c.verdict);
-    EXPECT_EQ(result.reported, c.reported);
-    EXPECT_EQ(result.right, c.right);
-    EXPECT_EQ(result.line, c.line);
+  for (const auto &[name, fault, mode, output, failed, status, fired, beyond, late, end, verdict, reported, right,
+                    line] : cases) {
+    SCOPED_TRACE(name);
+    auto evidence = evidence_of(output, status == 0 ? records(failed) : "", status);
+    evidence.process.timed_out = late;
+    evidence.fired = fired;
+    evidence.changes.push_back({"flash", 2, 16, 17, beyond, 16});
+    const auto result = lab::judge({fault, {}, mode}, evidence);
+    EXPECT_EQ(lab::text_of(result.end).name, lab::text_of(end).name);
+    EXPECT_EQ(result.verdict, verdict);
+    EXPECT_EQ(result.reported, reported);
+    EXPECT_EQ(result.right, right);
+    EXPECT_EQ(result.line, line);
   }
 }
 
 TEST(judge, keeps_no_number_that_depends_on_time) {
-  lab::run_evidence evidence;
-  evidence.process.output = full_log;
+  auto evidence = evidence_of(full_log);
   const auto told = [&](const char *fault, uint64_t fired) {
     evidence.fired = fired;
     return lab::fired_text(lab::judge({fault, {}, lab::run_mode::short_test}, evidence));
@@ -135,9 +115,7 @@ TEST(judge, keeps_no_number_that_depends_on_time) {
 }
 
 TEST(judge, wants_a_pci_function_named_by_its_place) {
-  lab::run_evidence evidence;
-  evidence.fired = 1;
-  evidence.records = records({"12:0"});
+  auto evidence = evidence_of("", records({"12:0"}));
   for (const auto &[card, right] : {std::pair{11062U, true}, {11096U, true}, {0U, false}}) {
     const lab::run_item run{"pci-missing bus=2 dev=0 func=0", {card, "P1"}, {}};
     evidence.process.output = saying("PCIE", edited(bad_pcie, {{"bus:2E", "bus:02"}}), failed_log);
@@ -147,16 +125,8 @@ TEST(judge, wants_a_pci_function_named_by_its_place) {
   }
 }
 
-struct reason_case {
-  const char *fault;
-  unsigned card;
-  std::string output;
-  std::vector<lab::memory_change> changes;
-  int status;
-  const char *reason;  // how it begins, "" for none
-};
-
-// The first of each pair has the evidence of the reason, the second lacks it and stays unexplained.
+// The first of each pair has the evidence of the reason, the second lacks it and stays unexplained. Fault, card,
+// output, changes, status, and how the reason begins, "" for none.
 TEST(reasons, need_what_the_run_left) {
   const auto missing = saying("PCIE", edited(bad_pcie, {{"bus:2E", "bus:17"}}));
   const auto gave_up = saying("OBFL", edited(bad_flash, {{"but DQ5 bit not", "and DQ5 bit is"}}), failed_log);
@@ -169,7 +139,7 @@ TEST(reasons, need_what_the_run_left) {
   const lab::memory_change two_sectors{"flash", 9, 0xBFFFF, 0xDFFFF, 9, 0xBFFFF};
   const lab::memory_change bytes{"nvram1", 2, 16, 17, 0, 0};
   // clang-format off
-  const reason_case cases[] = {
+  const std::tuple<std::string, unsigned, std::string, std::vector<lab::memory_change>, int, std::string> cases[] = {
       {"pci-missing bus=0x17 dev=0 func=0",               11062, missing,   {},          0,   "POST prints that the function"},
       {"pci-missing bus=0x17 dev=0 func=0",               11062, full_log,  {},          0,   ""},
       {"pci-missing bus=1 dev=0 func=0",                  11061, full_log,  {},          0,   "the function is not in the list"},
@@ -209,15 +179,11 @@ TEST(reasons, need_what_the_run_left) {
       {"flash-addr-stuck line=15 level=0",                11062, full_log,  {two_sectors}, 0, ""},
   };
   // clang-format on
-  for (const auto &c : cases) {
-    lab::run_evidence evidence;
-    evidence.process.output = c.output;
-    evidence.process.status = c.status;
-    evidence.fired = 1;
-    evidence.changes = c.changes;
-    evidence.records = c.output == gave_up ? records({"10:0"}) : full_records;
-    const auto reason = lab::judge({c.fault, {c.card, "P1"}, lab::run_mode::full}, evidence).reason;
-    EXPECT_TRUE(reason.starts_with(c.reason) && reason.empty() == (*c.reason == '\0')) << c.fault << ": " << reason;
+  for (const auto &[fault, card, output, changes, status, expected] : cases) {
+    auto evidence = evidence_of(output, output == gave_up ? records({"10:0"}) : full_records, status);
+    evidence.changes = changes;
+    const auto reason = lab::judge({fault, {card, "P1"}, lab::run_mode::full}, evidence).reason;
+    EXPECT_TRUE(reason.starts_with(expected) && reason.empty() == expected.empty()) << fault << ": " << reason;
   }
 }
 
@@ -272,11 +238,9 @@ std::string changes_of(const char *fault, const char *memory, std::span<const ui
 }
 
 TEST(contents, tell_what_a_fault_destroys_from_what_else_is_lost) {
-  const struct {
-    const char *fault, *memory;
-    std::vector<std::pair<size_t, uint8_t>> flipped;  // offset and bits
-    const char *text;
-  } cases[] = {
+  // Fault, memory, the offsets and bits that are flipped, and the text.
+  using flips = std::vector<std::pair<size_t, uint8_t>>;
+  const std::tuple<const char *, const char *, flips, const char *> cases[] = {
       // clang-format off
       {"nvram-addr-stuck instance=0 line=3 level=0",    "nvram0", {},                           ""},
       {"nvram-addr-stuck instance=0 line=3 level=0",    "nvram0", {{5, 1}},                     "nvram0: 1 byte, 0x5 to 0x5, 1 beyond the fault from 0x5"},
@@ -299,11 +263,11 @@ TEST(contents, tell_what_a_fault_destroys_from_what_else_is_lost) {
       // clang-format on
   };
   const std::vector<uint8_t> before(0x40000, 0x5A);
-  for (const auto &c : cases) {
+  for (const auto &[fault, memory, flipped, text] : cases) {
     auto after = before;
-    for (const auto &[offset, bits] : c.flipped)
+    for (const auto &[offset, bits] : flipped)
       after[offset] ^= bits;
-    EXPECT_EQ(changes_of(c.fault, c.memory, before, after), c.text) << c.fault;
+    EXPECT_EQ(changes_of(fault, memory, before, after), text) << fault;
   }
   // All that a memory held which is gone is lost.
   EXPECT_EQ(changes_of("", "nvram2", std::span(before).first(16), {}),
@@ -312,7 +276,7 @@ TEST(contents, tell_what_a_fault_destroys_from_what_else_is_lost) {
 
 // ---- the matrix
 
-lab::run_result run_of(const std::string &fault, lab::outcome end, std::vector<std::string> reported = {},
+lab::run_result run_of(const std::string &fault, lab::outcome end, strings reported = {},
                        const std::string &reason = "") {
   lab::run_result run;
   run.what = {fault, {}, lab::run_mode::no_flash};
@@ -354,7 +318,7 @@ TEST(matrix, is_the_same_after_being_stored) {
   EXPECT_EQ(lab::matrix_to_html(*again), lab::matrix_to_html(example()));
   auto timeless = example();
   timeless.forget_times();
-  EXPECT_THAT(lab::matrix_to_json(timeless), Not(testing::ContainsRegex("seconds|bench|2026|abc|--from")));
+  EXPECT_THAT(lab::matrix_to_json(timeless), Not(ContainsRegex("seconds|bench|2026|abc|--from")));
 }
 
 TEST(matrix, is_refused_when_it_is_none) {
@@ -453,8 +417,8 @@ TEST(matrix, rates_repeated_faults_by_the_runs_in_which_they_fired) {
   ASSERT_THAT(rates, SizeIs(2));
   EXPECT_DOUBLE_EQ(rates[0].seconds_to_found.value_or(0), 0.75);
   EXPECT_THAT(lab::matrix_summary(all, false),
-              testing::AllOf(HasSubstr("a p=1: fired in 3 of 4 "), HasSubstr("b p=1: fired in 0 of 4 (0.0 %)\n"),
-                             HasSubstr("found in 2 of 3 (66.7 %), 20.8 % to 93.9 %, first in run 3")));
+              AllOf(HasSubstr("a p=1: fired in 3 of 4 "), HasSubstr("b p=1: fired in 0 of 4 (0.0 %)\n"),
+                    HasSubstr("found in 2 of 3 (66.7 %), 20.8 % to 93.9 %, first in run 3")));
 }
 
 // ---- its forms
@@ -468,10 +432,15 @@ std::string read_by(const std::string &reader, const std::string &text) {
   return read.out;
 }
 
-TEST(forms, junit_counts_its_cases) {
-  EXPECT_EQ(read_by("python3 " + shell_word(LAB_TESTS_DIR "/read_junit.py"), lab::matrix_to_junit(example())),
+const std::string read_junit = "python3 " + shell_word(LAB_TESTS_DIR "/read_junit.py");
+const std::string read_page = "python3 " + shell_word(LAB_TESTS_DIR "/read_page.py");
+
+// Elements of the page nest, nothing is fetched, and the matrix has a row for each run.
+TEST(forms, have_a_case_or_a_row_for_each_run) {
+  EXPECT_EQ(read_by(read_junit, lab::matrix_to_junit(example())),
             "nvram-data-stuck PASS\nnvram-data-stuck SKIP\nflash-addr-stuck SKIP\nflash-addr-stuck FAIL\n"
             "pci-missing ERROR\npci-missing ERROR\n--card=11062 PASS\n");
+  EXPECT_EQ(read_by(read_page, lab::matrix_to_html(example())), "7 runs, 2 memories, 142 levels\n");
 }
 
 TEST(forms, junit_fits_its_schema_with_times_and_without) {
@@ -488,26 +457,26 @@ TEST(forms, escape_every_text) {
   all.runs[0].line = "\x1b<script>\xEF\xBF\xBF\n&";
   all.runs[1].verdict = all.runs[1].reason = all.description = all.origin.command = "</td><script>";
   const auto junit = lab::matrix_to_junit(all);
-  (void)read_by("python3 " + shell_word(LAB_TESTS_DIR "/read_junit.py"), junit);
+  (void)read_by(read_junit, junit);
   const auto page = lab::matrix_to_html(all, {"<script>"});
-  (void)read_by("python3 " + shell_word(LAB_TESTS_DIR "/read_page.py"), page);
+  (void)read_by(read_page, page);
   for (const auto &form : {junit, page}) {
     EXPECT_THAT(form, HasSubstr("\\x1b&lt;script&gt;\\xef\\xbf\\xbf\n&amp;"));
-    EXPECT_THAT(form, Not(testing::AnyOf(HasSubstr("\x1b"), HasSubstr("&lt;/td><"))));
+    EXPECT_THAT(form, Not(AnyOf(HasSubstr("\x1b"), HasSubstr("&lt;/td><"))));
   }
   EXPECT_EQ(page.find("<script>"), page.rfind("<script>"));
 }
 
 TEST(forms, show_where_they_come_from_and_how_to_repeat_each_run) {
   const auto page = lab::matrix_to_html(example());
-  EXPECT_THAT(page, testing::AllOf(HasSubstr("commit: abc"), HasSubstr("word size: 32 bits"),
-                                   HasSubstr("board-sim --card 11062 --revision P1 --waits short --fault "
-                                             "'nvram-data-stuck instance=0 line=3 level=0' --fault "
-                                             "'flash-erase-hangs sector=6'</code>"),
-                                   HasSubstr("<td>NVRAM lines</td><td>1 of 2 (50.0 %)</td>")));
+  EXPECT_THAT(page, AllOf(HasSubstr("commit: abc"), HasSubstr("word size: 32 bits"),
+                          HasSubstr("board-sim --card 11062 --revision P1 --waits short --fault "
+                                    "'nvram-data-stuck instance=0 line=3 level=0' --fault "
+                                    "'flash-erase-hangs sector=6'</code>"),
+                          HasSubstr("<td>NVRAM lines</td><td>1 of 2 (50.0 %)</td>")));
   EXPECT_THAT(lab::matrix_to_junit(example()),
-              testing::AllOf(HasSubstr("timestamp=\"2026-01-02T03:04:05Z\" hostname=\"bench\""),
-                             HasSubstr("<property name=\"command\" value=\"post-campaign --from &lt;a&gt;\">")));
+              AllOf(HasSubstr("timestamp=\"2026-01-02T03:04:05Z\" hostname=\"bench\""),
+                    HasSubstr("<property name=\"command\" value=\"post-campaign --from &lt;a&gt;\">")));
   auto right = run_of("flash-silent", lab::outcome::damaged, {"obfl.0"});
   right.right = true;
   EXPECT_EQ(lab::mark_of(right), "\u2713!");
@@ -517,9 +486,8 @@ TEST(forms, fit_a_terminal_of_80_columns) {
   const auto table = lab::matrix_table(example(), 40, false);
   EXPECT_THAT(table, HasSubstr("\n\u2713  nvram-data-stuck instance=0 line=3 le\n"));
   EXPECT_THAT(lab::matrix_table(example(), 0, true), HasSubstr("no-flash  3 "));
-  EXPECT_THAT(
-      lab::matrix_summary(example(), false),
-      testing::AllOf(HasSubstr("1 missed: because\n1 other"), HasSubstr("1 hung: unexplained\n  pci-missing bus=2")));
+  EXPECT_THAT(lab::matrix_summary(example(), false),
+              AllOf(HasSubstr("1 missed: because\n1 other"), HasSubstr("1 hung: unexplained\n  pci-missing bus=2")));
 }
 
 // ---- shards
@@ -590,9 +558,8 @@ TEST(shards, that_do_not_belong_together_are_refused) {
     EXPECT_FALSE(lab::merge(std::move(changed), &error));
     return error;
   };
-  EXPECT_THAT(
-      error_of([](auto *p) { p->erase(p->begin() + 1); }),
-      testing::MatchesRegex("missing of 9 runs, by their line in --list: .*; no matrix was given of shard 2 of 3"));
+  EXPECT_THAT(error_of([](auto *p) { p->erase(p->begin() + 1); }),
+              MatchesRegex("missing of 9 runs, by their line in --list: .*; no matrix was given of shard 2 of 3"));
   EXPECT_EQ(error_of([](auto *p) { p->at(2).second.part.reset(); }), "3: no shard, but a whole matrix");
   EXPECT_THAT(error_of([](auto *p) { p->at(2) = {"again", p->at(1).second}; }), HasSubstr(" is in 2 and in again"));
   EXPECT_EQ(error_of([](auto *p) { p->at(1).second.part->plan = "x"; }),
@@ -603,14 +570,11 @@ TEST(shards, that_do_not_belong_together_are_refused) {
 }
 
 TEST(shards, are_numbered_by_the_user_or_the_environment) {
-  const struct {
-    const char *text;
-    std::vector<std::pair<const char *, const char *>> environment;
-    const char *shard;
-  } cases[] = {
+  // The option's value, the environment, and the shard, "" for none.
+  using variables = std::vector<std::pair<const char *, const char *>>;
+  const std::tuple<const char *, variables, const char *> cases[] = {
       {"2/7", {}, "2/7"},
       {"0/7", {}, ""},
-      {"8/7", {}, ""},
       {"2", {}, ""},
       {"auto", {}, ""},
       {"auto", {{"TEST_SHARD_INDEX", "0"}, {"TEST_TOTAL_SHARDS", "4"}}, "1/4"},
@@ -621,37 +585,16 @@ TEST(shards, are_numbered_by_the_user_or_the_environment) {
       {"auto", {{"CI_NODE_INDEX", "2"}, {"CI_NODE_TOTAL", "3"}}, "2/3"},
       {"auto", {{"CI_NODE_INDEX", "x"}, {"CI_NODE_TOTAL", "3"}}, ""},
   };
-  for (const auto &c : cases) {
-    for (const auto &[name, value] : c.environment)
+  for (const auto &[text, environment, expected] : cases) {
+    for (const auto &[name, value] : environment)
       setenv(name, value, 1);
     std::string error;
-    const auto shard = lab::parse_shard(c.text, &error);
-    EXPECT_EQ(shard ? std::to_string(shard->number) + "/" + std::to_string(shard->of) : "", c.shard) << c.text;
+    const auto shard = lab::parse_shard(text, &error);
+    EXPECT_EQ(shard ? std::to_string(shard->number) + "/" + std::to_string(shard->of) : "", expected) << text;
     EXPECT_EQ(error.empty(), shard.has_value());
-    for (const auto &[name, value] : c.environment)
+    for (const auto &[name, value] : environment)
       unsetenv(name);
   }
-}
-
-// ---- pages
-
-// Elements nest, nothing is fetched, and the matrix has a row for each run.
-TEST(forms, the_page_needs_nothing_but_itself) {
-  EXPECT_EQ(read_by("python3 " + shell_word(LAB_TESTS_DIR "/read_page.py"), lab::matrix_to_html(example())),
-            "7 runs, 2 memories, 142 levels\n");
-}
-
-TEST(forms, tell_misses_apart_from_what_is_told) {
-  const auto coverage = lab::matrix_to_coverage(example());
-  const auto unnoticed = coverage.find("## What a PASS does not cover");
-  const auto other = coverage.find("## What fails, but does not name only the broken part");
-  EXPECT_THAT(
-      coverage.substr(unnoticed, other - unnoticed),
-      testing::AllOf(HasSubstr("1 missed**: because.\n  `nvram-data-stuck instance=0 line=3 level=1`"),
-                     HasSubstr("1 other contents damaged, unnoticed**: half.\n  `flash-addr-stuck line=16 level=1`"),
-                     HasSubstr("`left-out` is not run: nobody <has> it.")));
-  EXPECT_THAT(coverage.substr(other), HasSubstr("1 found, but blamed elsewhere**: unexplained."));
-  EXPECT_THAT(coverage, HasSubstr("| `nvram-data-stuck` | 1 of 2 (50.0 %) | | | 1 | |"));
 }
 
 // A log gets a line once the time between two is over, never the terminal's control characters.
@@ -664,9 +607,7 @@ TEST(campaign_table, says_in_a_log_how_far_it_is) {
     testing::internal::CaptureStderr();
     lab::live_line live(left, 1, std::chrono::seconds(between));
     for (const auto end : {lab::outcome::found, lab::outcome::missed}) {
-      auto run =
-          run_of("sprom-absent", end,
-                 end == lab::outcome::found ? std::vector<std::string>{"seeprom.0"} : std::vector<std::string>{});
+      auto run = run_of("sprom-absent", end, end == lab::outcome::found ? strings{"seeprom.0"} : strings{});
       run.what.mode = lab::run_mode::full;
       run.seconds = 4;
       live.add(run);

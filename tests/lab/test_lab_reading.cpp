@@ -1,13 +1,5 @@
 // Records and output as files hold them: whole, cut off, mixed with lines of others.
-#include <gmock/gmock.h>
-
-#include <sstream>
-
-#include "lab/base/text.h"
 #include "tests/lab/lab_texts.h"
-
-using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace {
 
@@ -24,21 +16,14 @@ std::string shown(const lab::record_list &list) {
 }
 
 TEST(records, take_only_lines_that_a_run_can_have_written) {
-  constexpr char no_fields[] = "\n1-1 not four integers with colons between them";
   // clang-format off
   const std::pair<std::string, std::string_view> cases[] = {
       {"",                         ""},
       {"0:4:0:1\n0:12:6:2\n",      "0=1 15=2 "},
       {"0:4:0:1\r\n",              "0=1 "},
       {"0:5:3:1",                  "6=1 \n1-1 a whole record, but its line end is missing"},
-      {"0:12:6:",                  no_fields},
-      {"0:12:6:1:\n",              no_fields},
-      {"0:12:6:1 \n",              no_fields},
-      {" 0:12:6:1\n",              no_fields},
-      {"0:12:6\n",                 no_fields},
-      {"0:12:6:+1\n",              no_fields},
-      {"0:12:6:99999999999\n",     no_fields},
-      {"\n",                       no_fields},
+      {"0:12:6:\n0:12:6:1:\n0:12:6:1 \n 0:12:6:1\n0:12:6\n0:12:6:+1\n0:12:6:99999999999\n\n0:12:6:",
+                                   "\n1-9 not four integers with colons between them"},
       {"1:4:0:1\n",                "\n1-1 the first field is not 0"},
       {"0:6:0:1\n",                "\n1-1 no test has this id"},
       {"0:4:3:1\n0:5:-1:1\n",      "\n1-2 the test has no such device"},
@@ -66,26 +51,6 @@ TEST(records, of_huge_files_keep_the_last_runs_and_count_the_rest) {
   EXPECT_EQ(list.records.back().line, 3000U * 17);
   EXPECT_EQ(list.bad_count, 3000U);
   EXPECT_EQ(list.bad.size() + list.bad_unlisted, 3000U);
-}
-
-// ---- lines
-
-TEST(lines, are_the_same_in_pieces_of_any_size) {
-  const std::string text = "one\r\n\ntwo\rtwo\n" + std::string(lab::line_splitter::limit + 5, 'x') + "\nlast";
-  const auto split = [&](size_t piece) {
-    std::vector<std::string> lines;
-    lab::line_splitter splitter([&](const lab::line_splitter::line &line) {
-      lines.push_back(std::to_string(line.number) + ":" + std::to_string(line.text.size()) + "+" +
-                      std::to_string(line.cut) + (line.ended ? "" : " open"));
-    });
-    for (size_t at = 0; at < text.size(); at += piece)
-      splitter.feed(std::string_view(text).substr(at, piece));
-    splitter.finish();
-    return lines;
-  };
-  EXPECT_THAT(split(text.size()), ElementsAre("1:3+0", "2:0+0", "3:7+0", "4:4096+5", "5:4+0 open"));
-  for (const size_t piece : {1U, 2U, 3U, 5U, 4095U, 4096U, 4097U})
-    EXPECT_EQ(split(piece), split(text.size())) << piece;
 }
 
 // ---- logs
@@ -124,8 +89,7 @@ constexpr char healthy[] =
 // A healthy run's log, with this before and behind each of its lines.
 std::string each_line(const std::string &before, const std::string &behind) {
   std::string out;
-  std::istringstream lines(full_log);
-  for (std::string line; std::getline(lines, line);)
+  for (const std::string &line : lines_of(full_log))
     out += before + line + behind;
   return out;
 }
@@ -258,8 +222,9 @@ TEST(notes, name_the_lines_of_no_run_and_those_that_are_not_whole) {
 // The same bytes through a stream, whose pieces end anywhere, and more runs than are kept.
 TEST(huge_logs, are_read_as_streams_in_bounded_memory) {
   std::string text;
+  const std::string log = each_line("", "\r\n");
   for (size_t i = 0; i < 500; ++i)
-    text += std::string(i % 97, '.') + "noise \xff\n" + until(full_log, i % 2 == 0 ? "POST is" : "done (61");
+    text += std::string(i % 97, '.') + "noise \xff\n" + until(log, i % 2 == 0 ? "POST is" : "done (61");
   text += full_log;
   std::istringstream stream(text);
   const auto streamed = lab::parse_run_log(stream);

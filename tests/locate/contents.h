@@ -1,14 +1,9 @@
 // contents.h: what the memories of a board may hold.
 #pragma once
 
-#include <algorithm>
-#include <cstdint>
-#include <cstring>
-#include <string>
-#include <vector>
-
 #include "faults/random.h"
 #include "models/nor_flash.h"
+#include "tests/support/test.h"
 
 using bytes = std::vector<uint8_t>;
 

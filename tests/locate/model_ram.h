@@ -1,13 +1,10 @@
 // model_ram.h: an NVRAM of the models on a bus, with its contents as they were and are.
 #pragma once
 
-#include <random>
-#include <string>
-#include <vector>
-
 #include "faults/fault.h"
 #include "locate/device.h"
 #include "models/nvram.h"
+#include "tests/support/test.h"
 
 class model_ram : public locate::word_bus {
  public:

@@ -1,6 +1,4 @@
 // post-locate on the simulated board: what is wrong with SPROMs, Ethernet, PCI and the system, and what POST misses.
-#include <fstream>
-
 #include "tests/locate/contents.h"
 #include "tests/support/run.h"
 
@@ -31,7 +29,6 @@ constexpr std::array fault_rows{std::to_array<fault_row>({
     {"system",   "cpuinfo-missing",                                      nullptr},
     {"system",   "cpuinfo-no-rate",                                      nullptr},
     {"system",   "cpuinfo-rate khz=1",                                   nullptr},
-    {"system",   "cpuinfo-rate khz=100000",                              nullptr},
     {"system",   "cpuinfo-rate khz=10000000",                            nullptr},
     {"system",   "lock-held lock=nvram1 kind=read",                      nullptr},
     {"system",   "lock-held lock=flash kind=write",                      nullptr},
@@ -42,7 +39,6 @@ constexpr std::array fault_rows{std::to_array<fault_row>({
     {"system",   "pci-list-unreadable errno=13",                         nullptr},
     {"system",   "flash-cfi word=0x20 value=0",                          "\"flash-cfi word=0x20 value=0x0\""},
     {"system",   "flash-cfi word=0x21 value=0xFF",                       nullptr},
-    {"system",   "flash-cfi word=0x25 value=0",                          "\"flash-cfi word=0x25 value=0x0\""},
     {"sproms",   "i2c-bus-absent bus=1",                                 nullptr},
     {"sproms",   "i2c-smbus-only",                                       "\"i2c-smbus-only bus=1\""},
     {"sproms",   "i2c-absent bus=1 addr=0x52",                           nullptr},
@@ -55,11 +51,9 @@ constexpr std::array fault_rows{std::to_array<fault_row>({
     {"ethernet", "ethtool-missing",                                      nullptr},
     {"ethernet", "ethtool-silent port=eth5",                             nullptr},
     {"ethernet", "ethtool-fail port=eth0 test=link code=1",              nullptr},
-    {"ethernet", "ethtool-fail port=eth5 test=loopback code=10",         nullptr},
     {"ethernet", "ethtool-fail port=eth2 test=eeprom code=10",          nullptr, "11079"},
     {"pci",      "pci-list-unreadable",                                  nullptr},
     {"pci",      "pci-missing bus=0x00 dev=31 func=3",                   nullptr},
-    {"pci",      "pci-missing bus=0x52 dev=1 func=0",                    nullptr},
     {"pci",      "pci-missing bus=0x01 dev=0 func=0",                    nullptr, "11061"},
     {"pci",      "pci-missing bus=0x0F dev=0 func=0",                    nullptr, "11096"},
     {"pci",      "pci-wrong-id bus=0x2E dev=0 func=0 vendor=0x10B5 device=0xFFFE", nullptr},
@@ -107,8 +101,7 @@ TEST(locate_board, finds_nothing_on_healthy_boards_and_keeps_their_contents) {
       {"text", [] { return text(200, false); }},
       {"blank", blank},
   };
-  const char *const asked = std::getenv("LOCATE_HEALTHY");
-  const int draws = asked == nullptr ? 16 : std::atoi(asked);
+  const uint64_t draws = number_from("LOCATE_HEALTHY", 16);
   uint64_t random = 1;
   for (const auto &[name, make] : fillings) {
     const temp_dir state;
@@ -117,7 +110,7 @@ TEST(locate_board, finds_nothing_on_healthy_boards_and_keeps_their_contents) {
     const auto nvram = flash.substr(0, nvram_bytes);
     for (const std::string memory : {"flash", "nvram0", "nvram1", "nvram2"})
       std::ofstream(state.path() / memory, std::ios::binary) << (memory == "flash" ? flash : nvram);
-    for (int i = 0; i < draws; i += static_cast<int>(std::size(fillings))) {
+    for (uint64_t i = 0; i < draws; i += std::size(fillings)) {
       const auto words = healthy_run(sim::random_next(&random));
       std::filesystem::remove(state.path() / "eeprom-1-52");  // of another card
       const auto got = run_board(state.path(), words);
@@ -138,21 +131,18 @@ TEST(locate_board, writes_and_restores_two_sectors_of_the_flash) {
   const auto before = read_file(state.path() / "flash");
   EXPECT_EQ(run_board(state.path(), {"--", locate, "--write", "flash"}).status, 0);
   EXPECT_TRUE(read_file(state.path() / "flash") == before);
-  struct bad_case {
-    const char *fault;
-    bool keeps;
-    const char *says;
+  // Fault, whether the contents are kept, and a part of the report.
+  const std::tuple<const char *, bool, const char *> cases[] = {
+      {"flash-data-stuck line=3 level=0 p=300000", true, "Nothing was written: reads are not steady."},
+      {"flash-program-hangs sector=0 nth=5 times=1 dq5=1", true, "sector at 0x0000000 fail at times"},
+      {"flash-program-ignored sector=511", false, "no single fault of its lines"},
+      {"flash-program-ignored sector=0 nth=3", false, "does not hold its contents: "},
   };
-  for (const auto &c : {
-           bad_case{"flash-data-stuck line=3 level=0 p=300000", true, "Nothing was written: reads are not steady."},
-           bad_case{"flash-program-hangs sector=0 nth=5 times=1 dq5=1", true, "sector at 0x0000000 fail at times"},
-           bad_case{"flash-program-ignored sector=511", false, "no single fault of its lines"},
-           bad_case{"flash-program-ignored sector=0 nth=3", false, "does not hold its contents: "},
-       }) {
-    const auto bad = run_board(state.path(), {"--fault", c.fault, "--", locate, "--write", "flash"});
-    EXPECT_EQ(bad.status, 1) << c.fault << bad.out;
-    EXPECT_NE(bad.out.find(c.says), std::string::npos) << c.fault << bad.out;
-    EXPECT_TRUE(!c.keeps || read_file(state.path() / "flash") == before) << c.fault;
+  for (const auto &[fault, keeps, says] : cases) {
+    const auto bad = run_board(state.path(), {"--fault", fault, "--", locate, "--write", "flash"});
+    EXPECT_EQ(bad.status, 1) << fault << bad.out;
+    EXPECT_THAT(bad.out, HasSubstr(says)) << fault;
+    EXPECT_TRUE(!keeps || read_file(state.path() / "flash") == before) << fault;
   }
 }
 

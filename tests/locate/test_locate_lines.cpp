@@ -1,6 +1,4 @@
 // The lines of the NVRAM, on the models: every single fault is named, in 60 accesses, and the contents are kept.
-#include <gmock/gmock.h>
-
 #include "locate/nvram_lines.h"
 #include "models/single_faults.h"
 #include "tests/locate/model_ram.h"
@@ -9,9 +7,6 @@
 namespace {
 
 using locate::part_state;
-using testing::Contains;
-using testing::HasSubstr;
-using testing::StartsWith;
 
 locate::part_result measure(model_ram *ram, unsigned instance, unsigned rounds = 1) {
   locate::journal none("", "");
@@ -60,8 +55,7 @@ TEST(locate_lines, finds_nothing_on_good_lines_with_any_contents) {
 
 // Where places are named, the true one is among them, however often the fault acts. LOCATE_SEED draws others.
 TEST(locate_lines, names_faults_that_come_and_go_with_their_rate) {
-  const char *const asked = std::getenv("LOCATE_SEED");
-  std::mt19937 random(asked == nullptr ? 1 : static_cast<unsigned>(std::stoul(asked)));
+  std::mt19937 random(static_cast<unsigned>(number_from("LOCATE_SEED", 1)));
   size_t runs = 0;
   for (const auto &[rate, rounds, least_found] :
        {std::tuple{700'000, 8, 71}, {300'000, 8, 70}, {30'000, 16, 35}, {3'000, 100, 20}}) {

@@ -10,8 +10,7 @@ uint16_t filling(const void * /*with*/, uint32_t offset) {
 }
 
 TEST(models, keep_in_a_sparse_memory_what_they_keep_in_bytes) {
-  constexpr uint32_t block = 0x100;
-  constexpr uint32_t size = 0x8000;
+  constexpr uint32_t block = 0x100, size = 0x8000;
   std::vector<uint8_t> bytes(size);
   models::sparse_memory words(size, block);
   const models::memory both[] = {models::memory(bytes), models::memory(&words)};
@@ -49,17 +48,13 @@ std::string checked_text(const models::chip_fault &fault, unsigned instance) {
 }
 
 TEST(models, write_every_single_fault_as_it_is_asked_for) {
-  struct lines_case {
-    memory_kind memory;
-    unsigned last_line;
-    size_t faults;
-  };
-  for (const auto &c : {lines_case{memory_kind::nvram, 14, 482 + 16}, lines_case{memory_kind::flash, 25, 922 + 16}}) {
+  for (const auto &[memory, last_line, faults] :
+       {std::tuple{memory_kind::nvram, 14U, 482U + 16}, {memory_kind::flash, 25U, 922U + 16}}) {
     std::set<std::string> texts;
-    for (const auto &one : models::line_faults(c.memory, 1, c.last_line))
+    for (const auto &one : models::line_faults(memory, 1, last_line))
       texts.insert(checked_text(one.fault, 2));
-    EXPECT_EQ(texts.size(), c.faults);
-    for (const auto &kind : models::cell_variants(c.memory))
+    EXPECT_EQ(texts.size(), faults);
+    for (const auto &kind : models::cell_variants(memory))
       texts.insert(checked_text({.id = kind.id,
                                  .level = kind.level,
                                  .vlevel = kind.vlevel,
@@ -69,7 +64,7 @@ TEST(models, write_every_single_fault_as_it_is_asked_for) {
                                  .victim = 9,
                                  .sector = 5},
                                 1));
-    EXPECT_EQ(texts.size(), c.faults + models::cell_variants(c.memory).size());
+    EXPECT_EQ(texts.size(), faults + models::cell_variants(memory).size());
   }
   EXPECT_EQ(checked_text({.id = sim::fault_id::nvram_addr_short, .line = 9, .other = 10}, 0),
             "nvram-addr-short instance=0 line=9 other=10 wins=0");

@@ -2,8 +2,6 @@
 // linker hands what drivers call besides the bus to this file.
 #pragma once
 
-#include <fcntl.h>
-
 #include <cstdarg>
 
 #include "platform/mfgd/cmn_lib/diag_util/diag_dbg.h"
@@ -12,7 +10,6 @@
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_acc.h"
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_pci_velto_or.h"
 #include "tests/support/board.h"
-#include "tests/support/host.h"
 
 inline std::function<void(hw_acc_cb_t *)> change_acc;  // changes what mmap_acc_init filled
 inline int failing_malloc = 0;                         // how many calls on, from 1; 0 for none

@@ -1,6 +1,5 @@
 // What ends a run from outside costs no contents of NVRAM and flash: signals that strike both tests at many of their
 // bus accesses, readers of the output who go away, and limits. The linker hands mmap_acc_init to this file.
-#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 
@@ -161,7 +160,7 @@ TEST(interrupted, keeps_all_contents_at_any_moment) {
       const outcome run = run_struck(board, c.fault, c.test, at, signal);
       EXPECT_EQ(run.status, 128 + signal) << run.out << run.err;
       EXPECT_TRUE(contents(board.file("")) == before);
-      EXPECT_THAT(run.out, testing::HasSubstr(c.said));
+      EXPECT_THAT(run.out, HasSubstr(c.said));
       // It takes effect at once before anything is destroyed, and else as soon as all is restored.
       EXPECT_TRUE(at <= c.read ? strike.accesses == at : strike.accesses <= std::max(at, c.end)) << strike.accesses;
       EXPECT_EQ(strike.held, at <= c.read || at > c.end ? 0 : can_wait);
@@ -195,12 +194,9 @@ TEST(interrupted, goes_on_whoever_reads_and_wherever_a_file_ends) {
   const std::string nvram_fault = bad_nvram_cell(state) + "' --fault 'flash-erase-hangs";
   const std::string limited = "ulimit -f 32; ";
   const std::string full(32 * 512 - 1, '.');
-  struct {
-    std::string fault;
-    const char *output;          // goes here
-    std::string records, last;   // of the NVRAM and OBFL tests, and at the end
-    std::string before, former;  // a command, and records that are there
-  } const cases[] = {
+  // Fault, where the output goes, records of the NVRAM and OBFL tests and at the end, a command before, and records
+  // that are there.
+  const std::tuple<std::string, std::string, std::string, std::string, std::string, std::string> cases[] = {
       // clang-format off
       {nvram_fault,           "| head -n 0",            "0:8:0:2\n0:10:0:2\n", "0:12:6:1\n", "",      ""},
       {nvram_fault,           "| head -n 15",           "0:8:0:2\n0:10:0:2\n", "0:12:6:1\n", "",      ""},  // all but the failure line
@@ -211,15 +207,14 @@ TEST(interrupted, goes_on_whoever_reads_and_wherever_a_file_ends) {
       // clang-format on
   };
   std::ofstream(dir.path() / "full") << full;
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.fault + c.output);
-    std::ofstream(state / "post/result") << c.former;
-    const std::string run = c.before + "board-sim --state state --fault '" + c.fault + "'; echo $? >status; ";
-    EXPECT_EQ(run_shell(dir.path(), "{ " + run + "} " + c.output).status, 0);
+  for (const auto &[fault, output, records, last, command, former] : cases) {
+    SCOPED_TRACE(fault + output);
+    std::ofstream(state / "post/result") << former;
+    const std::string run = command + "board-sim --state state --fault '" + fault + "'; echo $? >status; ";
+    EXPECT_EQ(run_shell(dir.path(), "{ " + run + "} " + output).status, 0);
     EXPECT_EQ(read_file(dir.path() / "status"), "0\n");
     EXPECT_TRUE(contents(state) == before);
-    EXPECT_THAT(read_file(state / "post/result"),
-                testing::AllOf(testing::HasSubstr(c.records), testing::EndsWith(c.last)));
+    EXPECT_THAT(read_file(state / "post/result"), AllOf(HasSubstr(records), EndsWith(last)));
   }
 }
 

@@ -1,12 +1,10 @@
 // Locks between processes, on the board's lock directory.
-#include <fcntl.h>
 
 #include <cstdarg>
 
 #include "platform/mfgd/cmn_lib/diag_util/diag_dbg.h"
 #include "platform/mfgd/cmn_lib/diag_util/lock.h"
 #include "tests/support/board.h"
-#include "tests/support/host.h"
 
 using request = std::array<long long, 7>;  // command, type, whence, start, length, process, errno before it
 static std::vector<request> requests;
@@ -81,7 +79,7 @@ TEST(lock, makes_one_request_and_tells_contention_from_failure) {
     failures.clear();
     EXPECT_EQ(without_handle(c.name, c.op), "<3>" + error + "Lock not initialized.  Fatal error, exitting.\n");
   }
-  EXPECT_THAT(without_handle("lock_destroy", lock_destroy), testing::StartsWith("<3>ERROR lock_destroy(): Lock not"));
+  EXPECT_THAT(without_handle("lock_destroy", lock_destroy), StartsWith("<3>ERROR lock_destroy(): Lock not"));
   EXPECT_EQ(lock_req(lock, 6, F_WRLCK), 0);  // F_SETLK of a caller with 32-bit file offsets
   EXPECT_EQ(requests.back(), (request{F_SETLK, F_WRLCK, SEEK_SET, 0, 1, 0, 0}));
 }

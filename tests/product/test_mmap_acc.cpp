@@ -1,6 +1,4 @@
 // Devices mapped through /dev/mem, and the template by which drivers use them, on the board's NVRAM.
-#include <fcntl.h>
-#include <sys/mman.h>
 #include <x86intrin.h>
 
 #include "platform/mfgd/cmn_lib/diag_util/lock.h"
@@ -8,7 +6,6 @@
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_acc.h"
 #include "sim/bus/trap.h"
 #include "tests/support/board.h"
-#include "tests/support/host.h"
 #include "tests/support/opened.h"
 
 namespace {
@@ -99,24 +96,22 @@ std::string steps_of(const std::function<void()> &body) {
 }
 
 TEST_F(mmap_acc, fences_each_access_after_it) {
-  const struct {
-    uint32_t width, low, high;  // of what is written
-    const char *reads, *writes;
-  } cases[] = {
+  // Width, what is written to the low and the high word, and the steps of a read and a write.
+  const std::tuple<uint32_t, uint32_t, uint32_t, std::string, std::string> cases[] = {
       {1, 0xFFFFFFEF, 0xFFFFFFFF, "r8+0 lfence ", "w8+0 sfence "},
       {2, 0xFFFFCDEF, 0xFFFFFFFF, "r16+0 lfence ", "w16+0 sfence "},
       {4, 0x89ABCDEF, 0xFFFFFFFF, "r32+0 lfence ", "w32+0 sfence "},
       {8, 0x89ABCDEF, 0, "r32+0 r32+4 lfence ", "w32+0 w32+4 sfence "},
   };
-  for (const auto &c : cases) {
-    EXPECT_EQ(mmap_acc_init(m_info, "n", 2, phys, len, c.width, &m_cb), HW_SUCCESS);
+  for (const auto &[width, low, high, reads, writes] : cases) {
+    EXPECT_EQ(mmap_acc_init(m_info, "n", 2, phys, len, width, &m_cb), HW_SUCCESS);
     m_info->m_inst_info[1].m_virt_addr = reinterpret_cast<unsigned char *>(cells) - 0xFF0;
     cells[0] = cells[1] = 0xFFFFFFFF;
-    EXPECT_EQ(steps_of([&] { EXPECT_EQ(m_cb.m_wr(1, 0xFF0, 0x89ABCDEF, m_info), HW_SUCCESS); }), c.writes);
-    EXPECT_TRUE(cells[0] == c.low && cells[1] == c.high);
+    EXPECT_EQ(steps_of([&] { EXPECT_EQ(m_cb.m_wr(1, 0xFF0, 0x89ABCDEF, m_info), HW_SUCCESS); }), writes);
+    EXPECT_TRUE(cells[0] == low && cells[1] == high);
     uint32_t read = 0xFFFFFFFF;
-    EXPECT_EQ(steps_of([&] { EXPECT_EQ(m_cb.m_rd(1, 0xFF0, &read, m_info), HW_SUCCESS); }), c.reads);
-    EXPECT_EQ(read, 0x89ABCDEF & (UINT64_C(0xFFFFFFFF) >> (32 - 8 * std::min(c.width, 4U))));
+    EXPECT_EQ(steps_of([&] { EXPECT_EQ(m_cb.m_rd(1, 0xFF0, &read, m_info), HW_SUCCESS); }), reads);
+    EXPECT_EQ(read, 0x89ABCDEF & (UINT64_C(0xFFFFFFFF) >> (32 - 8 * std::min(width, 4U))));
   }
 }
 
@@ -178,7 +173,7 @@ TEST_F(mmap_acc, creates_each_lock_at_its_first_use_and_closes_it_at_the_end) {
       (void)acquire();
     };
     EXPECT_THAT(expect_assertion(without_directory, source, op + "acq", "(0)").out,
-                testing::EndsWith("<3>lock_create(\"" + name + "\") failed\n"));
+                EndsWith("<3>lock_create(\"" + name + "\") failed\n"));
     EXPECT_EQ(acquire(), HW_SUCCESS);
     EXPECT_EQ(others(lock_get_rd_lock), reads);
     EXPECT_FALSE(others(lock_get_wr_lock));

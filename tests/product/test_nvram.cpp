@@ -3,10 +3,9 @@
 #include "post/nvram.h"
 #include "post/post_tbl.h"
 #include "tests/product/driver_board.h"
+#include "tests/support/signals.h"
 
 namespace {
-
-using testing::HasSubstr;
 
 // Puts these lengths of the regions into the PCI list.
 void set_lengths(uint32_t length0, uint32_t length1, uint32_t length2) {
@@ -29,7 +28,7 @@ TEST(nvram_driver, maps_all_regions_with_the_largest_length) {
     failing_malloc = 1;
     EXPECT_EQ(stdout_of([] { EXPECT_EQ(nvram_sw_init(), HW_ERR_MALLOC); }), "");
     const char map[] = "nvram_sw_init(): mmap_acc_init( mmap_info, RTC_NVRAM_DEV_NAME, Inst, addr, len, 2, dev)\n";
-    EXPECT_THAT(hooks_of([] { EXPECT_EQ(nvram_libinit(), HW_SUCCESS); }, true), testing::Contains(hook_line{7, map}));
+    EXPECT_THAT(hooks_of([] { EXPECT_EQ(nvram_libinit(), HW_SUCCESS); }, true), Contains(hook_line{7, map}));
   });
   on_board("--card=11062", [] {
     set_lengths(0x1000, 0x3000, 0x2000);
@@ -140,6 +139,7 @@ TEST(nvram_test, makes_these_bus_cycles) {
 TEST(nvram_test, covers_each_length_and_touches_nothing_outside) {
   on_board("--card=11061", [] {
     EXPECT_EQ(run(0, 0) + run(1, 0), "pci 18\npci 18\n");
+    count_signals();
     // Length, address lines, last offset of the pattern phase.
     const uint32_t cases[][3] = {{2, 0, 0}, {3, 0, 0},  {5, 0, 0},    {6, 1, 2},        {7, 1, 2},
                                  {8, 1, 2}, {12, 0, 4}, {31, 3, 0xE}, {0x102, 0, 0x80}, {0x8000, 13, 0x3FFE}};
@@ -153,6 +153,7 @@ TEST(nvram_test, covers_each_length_and_touches_nothing_outside) {
       EXPECT_EQ(aliases_looked_for, lines) << length;
       EXPECT_EQ(log.find(format(" 16 0x%x ", length & ~1U)), std::string::npos) << length;
     }
+    EXPECT_LE(signals, 10) << "the moves of the driver become the board's jumps";
   });
 }
 
@@ -191,7 +192,7 @@ TEST(nvram_test, goes_on_as_far_as_it_can) {
            [] { EXPECT_EQ(run(16, 1), "Error in opening /dev/sprom for reading. Default card_index to 65535\n"); });
   // A card that is not known may have all three.
   on_board("--fault=sprom-refuse",
-           [] { EXPECT_THAT(run(16, 0), testing::ContainsRegex("nvram0 .*pci 1c\nnvram1 .*pci 20\nnvram2 ")); });
+           [] { EXPECT_THAT(run(16, 0), ContainsRegex("nvram0 .*pci 1c\nnvram1 .*pci 20\nnvram2 ")); });
   // The kernel's list of functions is gone since the start.
   on_board("--card=11062", [] {
     (void)run(16, 0);

@@ -88,7 +88,7 @@ TEST(obfl_driver, starts_and_reads_its_times) {
     const char map[] =
         "obfl_sw_init(): mmap_acc_init( mmap_info, OBFL_FLASH_DEV_NAME, OBFL_INST_MAX, &addr, len, OBFL_WORD_SIZE, "
         "dev)\n";
-    EXPECT_THAT(hooks_of([] { EXPECT_EQ(obfl_libinit(), HW_SUCCESS); }, true), testing::Contains(hook_line{7, map}));
+    EXPECT_THAT(hooks_of([] { EXPECT_EQ(obfl_libinit(), HW_SUCCESS); }, true), Contains(hook_line{7, map}));
   });
   on_board("--card=11062", [] {
     EXPECT_EQ(obfl_libinit() + obfl_sw_init(), HW_SUCCESS);
@@ -310,8 +310,8 @@ TEST(obfl_driver, asserts_its_arguments) {
       EXPECT_EQ(child.status, 128 + SIGABRT);
       const std::string log = events(), text = std::string("         :\"") + c.condition + "\" is false\n";
       EXPECT_EQ(std::ranges::count(log, '\n'), c.before) << c.op << c.condition;
-      EXPECT_THAT(child.out, testing::StartsWith(std::string("## Assert:") + c.op + "():"));
-      EXPECT_THAT(child.out, testing::HasSubstr("\n" + text + "<6>" + text + "## BT: "));
+      EXPECT_THAT(child.out, StartsWith(std::string("## Assert:") + c.op + "():"));
+      EXPECT_THAT(child.out, HasSubstr("\n" + text + "<6>" + text + "## BT: "));
     });
   };
   for (const assert_case &c : assert_cases)

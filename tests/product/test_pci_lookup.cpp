@@ -1,7 +1,6 @@
 // Finding a hardware type's registers in the kernel's list of PCI functions.
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_pci_velto_or.h"
 #include "tests/support/board.h"
-#include "tests/support/host.h"
 
 static uint32_t opened;  // files by a stream
 

@@ -1,8 +1,5 @@
 // The POST tests of the short run, entry by entry, on a board in this process.
-
 #include "platform/mfgd/cmn_lib/diag_util/diag_dbg.h"
-#include "platform/mfgd/cmn_lib/diag_util/libinit.h"
-#include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_pci_velto_or.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_layout.h"
 #include "post/dorvan/pfm_card.h"
 #include "post/dorvan/sprom_dorvan.h"
@@ -282,10 +279,8 @@ TEST(resources, are_free_again) {
     uint32_t word = 0;
     uint16_t card = 0;
     const std::function<void()> uses[] = {
-        libinit,
         [&] { (void)pfm_get_card_index(&card); },
         [] { (void)pci_scan_devices(); },
-        [&] { (void)mmap_get_map_pci(92, 0, 0x24, &word, &word); },
         [] { post_result_write(0, 4, 0, 1); },
         post_read_hw_change_bits,
         [&] { (void)dorvan_brd_seeprom_test(0, &word, 1, nullptr); },
@@ -293,7 +288,7 @@ TEST(resources, are_free_again) {
     size_t before = 0;
     for (const char *const fault : {"i2c-absent bus=1 addr=0x52", "sprom-refuse after=1000"}) {
       board.start({fault});
-      (void)printed(uses[6]);  // the I2C service keeps its bus open
+      (void)printed(std::end(uses)[-1]);  // the I2C service keeps its bus open
       before = open_descriptors();
       const int blocks_before = blocks;
       for (const auto &use : uses) {

@@ -9,7 +9,6 @@
 #include "platform/mfgd/cmn_lib/diag_util/spin.h"
 #include "platform/mfgd/cmn_lib/diag_util/timer.h"
 #include "tests/support/board.h"
-#include "tests/support/host.h"
 
 static std::vector<uint32_t> sleeps;
 static std::vector<uint32_t> khz_at_mtrace;
@@ -68,7 +67,7 @@ TEST(clock_record, comes_from_the_first_matching_line) {
   }
   set_cpuinfo(board, "cpu MHz: 1000.0007\n");
   libinit();
-  EXPECT_THAT(khz_at_mtrace, testing::ElementsAre(1000000U)) << "tracing starts last";
+  EXPECT_THAT(khz_at_mtrace, ElementsAre(1000000U)) << "tracing starts last";
 }
 
 TEST(clock_record, a_missing_rate_ends_the_program) {
@@ -127,11 +126,11 @@ TEST(spin, holds_the_processor_up_to_ten_milliseconds_and_sleeps_beyond) {
   ptu_parms.cpu_hz = 0;  // has no part in it
   for (uint32_t usec : {0U, 1U, 100U, 9999U, 10000U})
     EXPECT_GE(static_cast<double>(cycles_of_spin(usec)), std::floor(usec * ptu_parms.cpu_mhz)) << usec;
-  EXPECT_THAT(sleeps, testing::IsEmpty());
+  EXPECT_THAT(sleeps, IsEmpty());
   const double mhz = std::exchange(ptu_parms.cpu_mhz, 200000);
   EXPECT_LT(cycles_of_spin(10001), 1000000000U);
   diag_spin_usec(UINT32_MAX);
-  EXPECT_THAT(sleeps, testing::ElementsAre(10001U, UINT32_MAX));
+  EXPECT_THAT(sleeps, ElementsAre(10001U, UINT32_MAX));
 
   // The counter's low half wraps in the middle of this one.
   ptu_parms.cpu_mhz = mhz;

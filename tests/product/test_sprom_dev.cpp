@@ -14,8 +14,6 @@
 
 namespace {
 
-using testing::ElementsAre;
-using bytes = std::vector<uint8_t>;
 using lines = std::vector<std::string>;
 
 // The service: notes each request and answers what is read from `input`, in a failing request as well.

@@ -14,15 +14,7 @@
 
 namespace {
 
-using testing::HasSubstr;
 using words = std::vector<std::string>;
-
-std::string joined(const words &parts) {
-  std::string all;
-  for (const std::string &part : parts)
-    if (!part.empty()) all += (all.empty() ? "" : "; ") + part;
-  return all;
-}
 
 // What went over the buses since the last call, as the board's log has it, "; " between the lines. An EEPROM's single
 // bytes are counted, as in "i2c-1:52 r 8 *334"; what it does not answer is left out, as it may be busy. Of the data
@@ -45,8 +37,8 @@ std::string log_of(test_board &board) {
 }
 
 std::vector<uint8_t> eeprom(const test_board &board, const std::string &name) {
-  const std::string bytes = board.contents(("eeprom-" + name).c_str());
-  return {bytes.begin(), bytes.end()};
+  const std::string chip = board.contents(("eeprom-" + name).c_str());
+  return {chip.begin(), chip.end()};
 }
 
 TEST(sprom_families, have_a_cache_for_each_image_but_a_modules_and_one_for_all_dimms) {
@@ -70,12 +62,8 @@ TEST(sprom_families, reach_supervisor_and_backplane_alike) {
 }
 
 TEST(sprom_families, answer_to_sprom_addresses) {
-  struct row {
-    uint32_t slot, index;
-    sprom_t *pellin, *tosk;
-  };
   // clang-format off
-  const row rows[]{
+  const std::tuple<uint32_t, uint32_t, sprom_t *, sprom_t *> rows[]{  // slot, index, and the SPROM on each family
       {0, 0, &pellin_sprom_bp,    &tosk_sprom_bp},    {0, 1, &pellin_sprom_ps[0], &tosk_sprom_ps[0]},
       {0, 2, &pellin_sprom_ps[1], &tosk_sprom_ps[1]}, {0, 3, nullptr, nullptr},   {0, UINT32_MAX, nullptr, nullptr},
       {1, 0, nullptr, nullptr},                       {1, 1, &pellin_sprom_sup,   &tosk_sprom_sup},
@@ -300,9 +288,9 @@ TEST(sprom_write_protection, of_the_mezzanine_follows_the_environment_at_each_ca
       SCOPED_TRACE(bits);
       EXPECT_EQ(setenv("DIAG_HW_CHANGE_BITS", bits, 1), 0);
       EXPECT_EQ(velto_mt_varnholm_sprom_we(), 0);
-      EXPECT_THAT(log_of(board), testing::EndsWith(low));
+      EXPECT_THAT(log_of(board), EndsWith(low));
       EXPECT_EQ(velto_mt_varnholm_sprom_wd(), 0);
-      EXPECT_THAT(log_of(board), testing::EndsWith("i2c-20:76 w 24 0x0 0x02ffff"));
+      EXPECT_THAT(log_of(board), EndsWith("i2c-20:76 w 24 0x0 0x02ffff"));
     }
   });
 }

@@ -8,10 +8,6 @@
 
 namespace {
 
-using testing::Each;
-using testing::ElementsAre;
-using testing::IsEmpty;
-using testing::StartsWith;
 using lines = std::vector<std::string>;
 
 int64_t now_us = 0;
@@ -47,16 +43,9 @@ int __wrap_clock_gettime(clockid_t clock, timespec *now) {
 namespace {
 
 TEST(sse_service, makes_one_transaction_of_the_kind_asked_for) {
-  struct row {
-    request asked;
-    const char *path;
-    uint32_t addr, addr_len;
-    int32_t result;
-    lines wire;
-    std::array<uint8_t, 2> data;
-  };
+  // Request, path, address and its length; result, what goes over the wire, and the data.
   // clang-format off
-  const row rows[]{
+  const std::tuple<request, const char *, uint32_t, uint32_t, int32_t, lines, std::array<uint8_t, 2>> rows[]{
       // EEPROMs with two address bytes and with one, whose high byte must be 0.
       {{WR,  7, 2, 0x00, {0x22}},       "/dev/i2c-1", 0x52, 2, 0,       {"i2c-1:52 w 16 0x0 0x0022"},   {0x22, 0}},
       {{RD,  7, 1, 0},                  "/dev/i2c-1", 0x52, 2, 0,       {"i2c-1:52 r 8 0x0 0x53"},      {0x53, 0xA2}},
@@ -79,18 +68,18 @@ TEST(sse_service, makes_one_transaction_of_the_kind_asked_for) {
   // On an adapter of either sort. The only SMBus form of a PCA8575's read would drive its pins low.
   for (const lines &with : {lines{"--family=pellin"}, {"--family=pellin", "i2c-smbus-only"}}) {
     on_new_board(with, [&](test_board &board) {
-      for (row r : rows) {
-        SCOPED_TRACE(testing::PrintToString(r.wire) + std::to_string(with.size()));
-        if (with.size() > 1 && r.asked.op == RD && r.asked.dev_type == SSE_DEV_PCA8575) {
-          r.result = -EOPNOTSUPP;
-          r.wire.clear();
-          r.data = r.asked.data;
+      for (auto [asked, path, addr, addr_len, result, wire, data] : rows) {
+        SCOPED_TRACE(testing::PrintToString(wire) + std::to_string(with.size()));
+        if (with.size() > 1 && asked.op == RD && asked.dev_type == SSE_DEV_PCA8575) {
+          result = -EOPNOTSUPP;
+          wire.clear();
+          data = asked.data;
         }
-        EXPECT_EQ(r.asked.make_at(r.path, r.addr, r.addr_len), r.result);
+        EXPECT_EQ(asked.make_at(path, addr, addr_len), result);
         lines log = board.log();
         std::erase_if(log, [](const std::string &line) { return line.find(" R ") + line.find(" W ") + 2 != 0; });
-        EXPECT_EQ(log, r.wire);
-        EXPECT_EQ(r.asked.data, r.data);
+        EXPECT_EQ(log, wire);
+        EXPECT_EQ(asked.data, data);
       }
     });
   }

@@ -1,7 +1,4 @@
 // Instructions that meet a device: decoded by table, and as compilers write them.
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include "sim/bus/decode.h"
 #include "tests/sim/access_forms.h"
 #include "tests/support/board.h"
@@ -11,19 +8,12 @@ namespace {
 constexpr auto w32 = sim::word_size::bits32;
 constexpr auto w64 = sim::word_size::bits64;
 
-struct decode_case {
-  const char *name;
-  sim::word_size size;
-  const char *code;
-  const char *access;  // "r", "w", "in " or "out " and the width; "" for an instruction that is refused
-  uint64_t address;
-  uint64_t data = 0;  // onto the bus; of a load, what its register then holds
-};
-
+// Name, word size and code; the access, "r", "w", "in " or "out " and the width, or "" for an instruction that is
+// refused; its address; and the data onto the bus or, of a load, what its register then holds.
 // Registers: ax 1021, cx 2000, dx 123456781234050C, bx 4000, sp 5000, bp 6000, si 7000, di 8000, r8 9000 ... r12 D000,
 // r13 E000. The bus delivers 8091A2B3C4D5E6F7.
 // clang-format off
-const decode_case decode_cases[] = {
+const std::tuple<const char *, sim::word_size, const char *, std::string, uint64_t, uint64_t> decode_cases[] = {
     {"mov [rbx], dh",               w64, "88 33",                      "w8",   0x4000, 5},
     {"mov [rbx], sil",              w64, "40 88 33",                   "w8",   0x4000, 0},
     {"mov r9, [r8]",                w64, "4D 8B 08",                   "r64",  0x9000, 0x8091A2B3C4D5E6F7},
@@ -57,17 +47,17 @@ const decode_case decode_cases[] = {
     {"in eax, 0x80",                w32, "E5 80",                      "in 32", 0x80, 0xC4D5E6F7},
     {"out 0x80, al",                w32, "E6 80",                      "out 8",  0x80, 0x21},
     {"15 bytes",                    w64, "66 66 66 66 66 66 66 66 66 66 66 8B 44 24 08", "r16", 0x5008, 0xE6F7},
-    {"16 bytes",                    w64, "66 66 66 66 66 66 66 66 66 66 66 66 8B 44 24 08", "", 0},
-    {"nothing but prefixes",        w64, "66 66 66 66 66 66 66 66 66 66 66 66 66 66 66 66", "", 0},
-    {"register form",               w64, "89 C8",                      "", 0},
-    {"mov with another field",      w64, "C7 0B 00 00 00 00",          "", 0},
-    {"cmp",                         w64, "39 03",                      "", 0},
-    {"lock mov",                    w64, "F0 89 03",                   "", 0},
-    {"xrelease mov",                w64, "F3 89 03",                   "", 0},
-    {"fs segment",                  w64, "64 8B 03",                   "", 0},
-    {"16-bit addressing",           w32, "67 8B 07",                   "", 0},
-    {"arpl in 32 bits",             w32, "63 07",                      "", 0},
-    {"movsxd of 16 bits",           w64, "66 63 03",                   "", 0},
+    {"16 bytes",                    w64, "66 66 66 66 66 66 66 66 66 66 66 66 8B 44 24 08", "", 0, 0},
+    {"nothing but prefixes",        w64, "66 66 66 66 66 66 66 66 66 66 66 66 66 66 66 66", "", 0, 0},
+    {"register form",               w64, "89 C8",                      "", 0, 0},
+    {"mov with another field",      w64, "C7 0B 00 00 00 00",          "", 0, 0},
+    {"cmp",                         w64, "39 03",                      "", 0, 0},
+    {"lock mov",                    w64, "F0 89 03",                   "", 0, 0},
+    {"xrelease mov",                w64, "F3 89 03",                   "", 0, 0},
+    {"fs segment",                  w64, "64 8B 03",                   "", 0, 0},
+    {"16-bit addressing",           w32, "67 8B 07",                   "", 0, 0},
+    {"arpl in 32 bits",             w32, "63 07",                      "", 0, 0},
+    {"movsxd of 16 bits",           w64, "66 63 03",                   "", 0, 0},
 };
 // clang-format on
 
@@ -78,25 +68,24 @@ TEST(sim_decode, tells_address_width_direction_and_data_or_refuses) {
   regs.gpr[0] = 0x1021;
   regs.gpr[2] = 0x123456781234050C;
   regs.ip = 0x400000;
-  for (const auto &c : decode_cases) {
-    SCOPED_TRACE(c.name);
+  for (const auto &[name, size, bytes, access, address, data] : decode_cases) {
+    SCOPED_TRACE(name);
     std::vector<uint8_t> code;
-    std::istringstream words(c.code);
-    for (unsigned byte; words >> std::hex >> byte;)
-      code.push_back(static_cast<uint8_t>(byte));
+    for (const std::string &byte : lines_of(bytes, ' '))
+      code.push_back(static_cast<uint8_t>(std::stoul(byte, nullptr, 16)));
     const size_t length = code.size();
     code.resize(16, 0xCC);
     sim::insn i;
-    const bool known = sim::decode(code.data(), c.size, regs, &i);
-    ASSERT_EQ(known, *c.access != '\0');
+    const bool known = sim::decode(code.data(), size, regs, &i);
+    ASSERT_EQ(known, !access.empty());
     if (!known) continue;
     EXPECT_EQ(i.length, length);
-    EXPECT_EQ(i.address, c.address);
+    EXPECT_EQ(i.address, address);
     const char *const kind = i.io ? (i.store ? "out " : "in ") : (i.store ? "w" : "r");
-    EXPECT_EQ(kind + std::to_string(i.width), c.access);
+    EXPECT_EQ(kind + std::to_string(i.width), access);
     auto after = regs;
     sim::fill_register(i, 0x8091A2B3C4D5E6F7, &after);
-    EXPECT_EQ(i.store ? i.data : after.gpr[i.reg], c.data);
+    EXPECT_EQ(i.store ? i.data : after.gpr[i.reg], data);
   }
 }
 

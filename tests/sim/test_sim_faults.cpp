@@ -3,17 +3,12 @@
 #include <linux/i2c-dev.h>
 #include <spawn.h>
 #include <sys/io.h>
-#include <sys/ioctl.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 
 #include "sim/board/lock_holder.h"
 #include "tests/sim/fault_cases.h"
 #include "tests/support/board.h"
 
 namespace {
-
-using options = std::vector<const char *>;
 
 std::string result_of(bool succeeded) {
   return succeeded ? "" : strerrorname_np(errno);
@@ -52,7 +47,9 @@ std::string spawned(const std::string &program) {
 }
 
 // Does one step of a script, "KIND ARGUMENT", and tells what it gives: "" or the name of the error.
-std::string act(const std::string &kind, const std::string &argument) {
+std::string act(const std::string &step) {
+  const auto blank = step.find(' ');
+  const auto argument = blank < step.size() ? step.substr(blank + 1) : "";
   struct stat st {};
   const std::map<std::string, std::function<std::string()>> kinds{
       // clang-format off
@@ -72,25 +69,8 @@ std::string act(const std::string &kind, const std::string &argument) {
       {"out",   [&] { return outl(static_cast<unsigned>(std::stoul(argument)) << 27, 0x50C), std::string(); }},
       // clang-format on
   };
-  return kinds.at(kind)();
+  return kinds.at(step.substr(0, blank))();
 }
-
-// A script is "KIND ARGUMENT = WHAT IT GIVES; ...".
-void run(const std::string &script) {
-  std::istringstream steps(script);
-  for (std::string step; std::getline(steps >> std::ws, step, ';');) {
-    const auto equals = step.find(" =");
-    const auto blank = step.find(' ');
-    const auto argument = blank < equals ? step.substr(blank + 1, equals - blank - 1) : "";
-    EXPECT_EQ(act(step.substr(0, blank), argument), equals + 3 < step.size() ? step.substr(equals + 3) : "") << step;
-  }
-}
-
-struct fault_case {
-  std::string fault;
-  const char *script;
-  uint64_t fired;
-};
 
 TEST(sim_faults, count_what_the_program_meets_of_them) {
   const fault_case cases[] = {
@@ -124,7 +104,7 @@ TEST(sim_faults, count_what_the_program_meets_of_them) {
   for (const auto &c : cases) {
     SCOPED_TRACE(c.fault);
     const test_board board({c.fault.c_str()});
-    run(c.script);
+    expect_steps(c.script, act);
     EXPECT_EQ(board.fired(), std::vector{c.fired});
   }
   expect_all(cases, {sim::fault_part::service, sim::fault_part::ethernet}, sim::fault_id::lock_held);
@@ -142,7 +122,7 @@ TEST(sim_faults, hold_a_lock_until_it_was_asked_for) {
     const test_board board({fault});
     std::string error;
     const auto holders = sim::lock_holders_start(*sim::board_options(), &error).value();
-    run(script);
+    expect_steps(script, act);
     EXPECT_EQ(board.fired(), std::vector<uint64_t>{1});
     (void)kill(holders[0], SIGKILL);
     (void)waitpid(holders[0], nullptr, 0);
@@ -155,8 +135,7 @@ TEST(sim_faults, hold_a_lock_until_it_was_asked_for) {
 void run_nvram(const std::string &script) {
   auto *const words = map_window<uint16_t>(nvram0);
   auto *const bytes = map_window<uint8_t>(nvram0);
-  std::istringstream steps(script);
-  for (std::string step; steps >> step;) {
+  for (const std::string &step : lines_of(script, ' ')) {
     const bool byte = step[0] == 'b';
     const auto kind = step.find_first_of("=:");
     const auto offset = std::stoul(step.substr(byte ? 1 : 0), nullptr, 16);

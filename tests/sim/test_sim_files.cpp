@@ -1,7 +1,5 @@
 // The files and services of the operating system as a program on the board meets them: through the C library.
 #include <dirent.h>
-#include <sys/ioctl.h>
-#include <sys/stat.h>
 
 #include "sim/board/cpuinfo.h"
 #include "sim/board/paths.h"
@@ -189,42 +187,34 @@ TEST(sim_shell, finds_the_boards_commands_alone) {
       "Interrupt test (offline)\t 0\nLoopback test  (offline)\t 0\nLink test   (on/offline)\t 0\n\n";
   auto fail = pass;
   fail.replace(19, 4, "FAIL").replace(fail.find("Loopback") + 26, 1, "13");
-  const struct {
-    std::vector<const char *> with;
-    const char *command;
-    int status;
-    std::string output = {};
-  } cases[] = {
+  // Options, command, status and output.
+  const std::tuple<std::vector<const char *>, std::string, int, std::string> cases[] = {
       // clang-format off
       {{}, "ethtool -t eth5 online", 0, pass},
       {{"ethtool-fail port=eth5 test=loopback code=13"}, "ethtool -t eth5", 1, fail},
-      {{}, "ethtool -t eth3", 71},
+      {{}, "ethtool -t eth3", 71, ""},
       {{}, "echo \"[$LD_PRELOAD]\"; exit 7", 7, "[]\n"},
       {{}, "echo a >/post/b && cp /post/b /post/c && cat /post/c", 0, "a\n"},
       // clang-format on
   };
   (void)setenv("LD_PRELOAD", "libc.so.6", 1);
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.command);
-    const test_board board(c.with);
-    EXPECT_EQ(WEXITSTATUS(system(("(" + std::string(c.command) + ") >/post/out 2>/dev/null").c_str())), c.status);
-    EXPECT_EQ(board.contents("post/out"), c.output);
+  for (const auto &[with, command, status, output] : cases) {
+    SCOPED_TRACE(command);
+    const test_board board(with);
+    EXPECT_EQ(WEXITSTATUS(system(("(" + command + ") >/post/out 2>/dev/null").c_str())), status);
+    EXPECT_EQ(board.contents("post/out"), output);
   }
   (void)unsetenv("LD_PRELOAD");
 }
 
 // The board's own code may not call what it stands in for, or it would meet itself.
 TEST(sim_logic, calls_no_interposed_function) {
-  const auto count = [](const std::string &lines) {
-    const std::unique_ptr<FILE, int (*)(FILE *)> out(popen((lines + " | wc -l").c_str(), "r"), pclose);
-    int number = -1;
-    return fscanf(out.get(), "%d", &number) == 1 ? number : -1;
-  };
+  const auto count = [](const std::string &command) { return lines_of(run_shell("/", command).out).size(); };
   const std::string interposed = "nm -jg --defined-only '" SIM_INTERPOSE "' | sort -u";
   const std::string used = "nm -ju '" SIM_LOGIC "' | sort -u";
-  EXPECT_GT(count(interposed), 30);
-  EXPECT_GT(count(used), 100);
-  EXPECT_EQ(count("{ " + interposed + "; " + used + "; } | sort | uniq -d"), 0);
+  EXPECT_GT(count(interposed), 30U);
+  EXPECT_GT(count(used), 100U);
+  EXPECT_EQ(count("{ " + interposed + "; " + used + "; } | sort | uniq -d"), 0U);
 }
 
 }  // namespace

@@ -1,15 +1,14 @@
 // The I2C buses of the simulated boards, driven through the bus device files as a program drives them.
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
-#include <sys/ioctl.h>
 
 #include <chrono>
 
+#include "tests/sim/fault_cases.h"
 #include "tests/support/board.h"
 
 namespace {
 
-using options = std::vector<const char *>;
 using strings = std::vector<std::string>;
 
 int open_bus(unsigned number) {
@@ -43,24 +42,9 @@ std::string transfer(const std::string &text) {
   return in;
 }
 
-// Carries out transactions "TRANSACTION = WHAT IT GIVES; ...".
-void run(const std::string &steps) {
-  std::istringstream parts(steps);
-  for (std::string step; std::getline(parts >> std::ws, step, ';');) {
-    const auto equals = step.find(" =");
-    EXPECT_EQ(transfer(step.substr(0, equals)), equals + 3 < step.size() ? step.substr(equals + 3) : "") << step;
-  }
-}
-
-struct step_case {
-  const char *name;
-  options with;
-  std::string steps;
-  std::vector<uint64_t> fired = {};  // for each fault
-};
-
 TEST(sim_i2c, devices_answer_as_their_data_sheets_say) {
-  const step_case cases[] = {
+  // With the firings of each fault.
+  const script_case cases[] = {
       // clang-format off
       // AT24C512: two address bytes, then its own counter.
       {"reads carry on", {}, "1:52 w0022 r4 = 5355502D; r1 = 44; w1000 =; r1 = AB; r2 = AB03; w10 =; r1 = A0"},
@@ -77,8 +61,6 @@ TEST(sim_i2c, devices_answer_as_their_data_sheets_say) {
       {"protected", {"eeprom-protected bus=1 addr=0x52"}, "1:52 w00001234 =; w0000 r2 = ABAB", {1}},
       {"corrupt", {"eeprom-corrupt bus=1 addr=0x52 offset=1 xor=0x0F", "sprom-corrupt image=bp block=license offset=15 xor=1"},
        "1:52 w0000 r3 = ABA403; w11D5 r2 = 2931", {1, 1}},
-      {"identity", {"--card=11096", "--change-bits=0x0102030405060708"},
-       "1:52 w00AE r10 = 01020304050607082B58; w10AE r8 = 0102030405060708"},
 
       // AT24C02: one address byte. A second one is data: what would set a large chip's address writes a byte.
       {"one address byte", {"--family=tosk"}, "6:52 w22 r3 = 505752; wFF r2 = FFAB; w0022 =; r1 = ENXIO; r1 = ENXIO; w00 r2 = 22AB"},
@@ -100,24 +82,6 @@ TEST(sim_i2c, devices_answer_as_their_data_sheets_say) {
       {"no registers", {"--family=pellin", "straps value=2"},
        "8:26 r3 = FFBFFF; wF0 =; r2 = F0BF; wFF7F =; r2 = FF3F; wFFFFFE =; r2 = FEBF", {3}},
 
-      {"straps by fault", {"--family=tosk", "straps value=1"}, "8:76 w00 r2 = 7FFF; 8:26 r2 = FF7F", {2}},
-
-      {"devices of dorvan", {}, "1:52 w0000 r2 = ABAB; 1:53 r1 = ENXIO; 1:20 w01 = ENXIO; 0:5E r1 = EBADF; 8:76 r1 = EBADF"},
-      {"devices of pellin", {"--family=pellin"},
-       "1:52 w0000 r2 = ABAB; 6:52 wA0 r2 = AB01; 6:53 w00 r2 = ABAB; 6:54 wA0 r2 = AB04; "
-       "0:5E w00 r3 = 800808; 0:55 w00 r3 = 800808; 17:52 w00A0 r2 = 6003; 20:76 w06 r2 = FFFF"},
-      {"devices of tosk", {"--family=tosk"},
-       "1:52 w0000 r2 = ABAB; 6:53 wA0 r2 = AB01; 0:55 w00 r3 = 800808; 17:52 r1 = EBADF; 23:75 r1 = EBADF"},
-
-      // A module's EEPROM is protected by a pin that is pulled up, so until it is an output and low; no other pin matters.
-      {"pin of lc2 on tosk", {"--family=tosk"}, "7:75 w06F7FF =; w02F7FF =; 7:52 w200003 =; w = ENXIO; w = ENXIO; w2000 r1 = 03"},
-      {"pin of dc1", {"--family=pellin"},
-       "20:76 w06FFFD =; w02FFFD =; 17:52 w200003 =; w = ENXIO; w = ENXIO; w2000 r1 = 03; 20:76 w020002 =; w060000 =; "
-       "17:52 w200004 =; w2000 r1 = 03"},
-      {"early pin of dc1", {"--family=pellin", "--revision=P0"},
-       "20:76 w067FFF =; w027FFF =; 17:52 w200003 =; w = ENXIO; w = ENXIO; w2000 r1 = 03; 20:76 w028000 =; w060000 =; "
-       "17:52 w200004 =; w2000 r1 = 03"},
-
       {"absent", {"i2c-absent bus=1 addr=0x52"}, "1:52 w0000 = ENXIO; r1 = ENXIO", {2}},
       // Busy time lets no transaction through and does not count; a failed one does not change the chip.
       {"third fails", {"i2c-fail bus=1 addr=0x52 nth=3 errno=110"},
@@ -127,27 +91,27 @@ TEST(sim_i2c, devices_answer_as_their_data_sheets_say) {
   for (const auto &c : cases) {
     SCOPED_TRACE(c.name);
     const test_board board(c.with);
-    run(c.steps);
-    EXPECT_EQ(board.fired(), c.fired);
+    expect_steps(c.script, transfer);
+    EXPECT_EQ(board.fired(), c.expected);
   }
 }
 
 TEST(sim_i2c, eeproms_keep_their_contents_and_place_and_take_their_time) {
   const test_board board({"--busy=time"});
   const auto start = std::chrono::steady_clock::now();
-  run("1:52 w00225A =");
+  EXPECT_EQ(transfer("1:52 w00225A"), "");
   while (transfer("1:52 w") == "ENXIO") {
   }
   EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(10));
   board.start({"--card=11096"});
-  run("1:52 w0022 r1 = 5A; w00B6 r2 = 2B36; w0020 r2 = 0000");
+  expect_steps("1:52 w0022 r1 = 5A; w00B6 r2 = 2B36; w0020 r2 = 0000", transfer);
   board.start();  // for the next program
-  run("1:52 r1 = 5A");
+  EXPECT_EQ(transfer("1:52 r1"), "5A");
   EXPECT_EQ(board.contents("eeprom-1-52").substr(0x21, 3), std::string("\0ZU", 3));
 }
 
 TEST(sim_i2c, faults_are_refused_for_what_the_board_lacks_and_where_they_do_nothing) {
-  const std::pair<options, const char *> cases[] = {
+  const std::pair<std::vector<const char *>, const char *> cases[] = {
       {{"i2c-absent bus=1 addr=0x53"}, "the board has no such I2C device"},
       {{"i2c-bus-absent bus=7"}, "the board has no such I2C bus"},
       {{"straps value=1"}, "the board has no straps"},
@@ -182,7 +146,6 @@ TEST(sim_i2c_dev, puts_smbus_transfers_on_the_wire_as_messages) {
   // Kind, command, size; the word before, the error, the word after; a block's length is the low byte. What is logged.
   const std::tuple<uint8_t, uint8_t, uint32_t, uint16_t, int, int, strings> cases[] = {
       // clang-format off
-      {I2C_SMBUS_WRITE, 0x20, I2C_SMBUS_BYTE_DATA,      0x0000, 0, 0x0000,  {"i2c-1:52 w 16 0x0 0x2000"}},
       {I2C_SMBUS_WRITE, 0x20, I2C_SMBUS_WORD_DATA,      0x5A07, 0, 0x5A07,  {"i2c-1:52 w 24 0x0 0x20075a"}},
       {I2C_SMBUS_READ,  0,    I2C_SMBUS_BYTE,           0x0000, ENXIO, 0,   {"i2c-1:52 R 0 0x0 0x0"}},
       {I2C_SMBUS_WRITE, 0,    I2C_SMBUS_QUICK,          0x0000, ENXIO, 0,   {"i2c-1:52 W 0 0x0 0x0"}},
@@ -199,24 +162,6 @@ TEST(sim_i2c_dev, puts_smbus_transfers_on_the_wire_as_messages) {
     EXPECT_EQ(data.word, after);
     EXPECT_EQ(board.log(), log);
   }
-  (void)close(fd);
-}
-
-TEST(sim_i2c_dev, refuses_what_the_kernel_refuses) {
-  const test_board board;
-  const int fd = open_bus(1);
-  uint8_t byte = 0;
-  i2c_msg good{0x52, I2C_M_RD, 1, &byte}, ten_bits{0x52, I2C_M_TEN, 1, &byte}, no_buffer{0x52, I2C_M_RD, 1, nullptr},
-      long_one{0x52, I2C_M_RD, 8193, &byte}, reserved{0x80, I2C_M_RD, 1, &byte};
-  const std::pair<i2c_rdwr_ioctl_data, int> cases[] = {
-      {{&good, 0}, EINVAL},      {{&good, 43}, EINVAL},    {{nullptr, 1}, EINVAL},   {{&ten_bits, 1}, EINVAL},
-      {{&no_buffer, 1}, EFAULT}, {{&long_one, 1}, EINVAL}, {{&reserved, 1}, EINVAL}, {{&good, 1}, 0},
-  };
-  for (auto [data, error] : cases)
-    EXPECT_EQ(ioctl(fd, I2C_RDWR, &data) < 0 ? errno : 0, error);
-  for (const auto &[request, arg] : {std::pair{I2C_RDWR, 0L}, {I2C_SLAVE, 0x80L}, {I2C_TENBIT, 1L}, {0x5401, 0L}})
-    EXPECT_EQ(ioctl(fd, static_cast<unsigned long>(request), arg), -1) << request;
-  EXPECT_EQ(errno, ENOTTY);
   (void)close(fd);
 }
 

@@ -1,15 +1,9 @@
 // board-sim as a program: what it runs, what it says, what it leaves behind. The program on the board is this one, so
 // that both word sizes are the same.
-#include <fcntl.h>
 #include <link.h>
 #include <linux/i2c-dev.h>
-#include <signal.h>
 #include <spawn.h>
-#include <stdlib.h>
 #include <sys/file.h>
-#include <sys/ioctl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include "platform/mfgd/cmn_lib/diag_util/owner.h"
 #include "tests/support/run.h"
@@ -18,9 +12,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using strings = std::vector<std::string>;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::MatchesRegex;
 
 const std::string &own_path() {
   static const auto path = fs::read_symlink("/proc/self/exe").string();
@@ -210,10 +201,7 @@ TEST_F(launcher, tells_wrong_arguments_and_unusable_boards_and_ends_with_2) {
       {{"--state", path("odd")}, path("odd/nvram0") + ": Is a directory\n"},
   };
   for (const auto &[args, error] : cases) {
-    const auto r = run(args, {"system", "echo it runs"});
-    EXPECT_EQ(r.status, 2) << error;
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(r.err, "board-sim: " + error);
+    expect_run(run(args, {"system", "echo it runs"}), 2, "", "board-sim: " + error);
   }
   EXPECT_EQ(in_shell("TMPDIR=/a:b board-sim").err, "board-sim: " + colon + "/a:b'\n");
 }
@@ -241,9 +229,7 @@ TEST_F(launcher, reports_programs_that_cannot_run) {
       {path("text"), 126, path("text: Exec format error\n")},
   };
   for (const auto &[program, status, error] : cases) {
-    const auto r = run({"--", program});
-    EXPECT_EQ(r.status, status) << program;
-    EXPECT_EQ(r.err, "board-sim: " + error);
+    expect_run(run({"--", program}), status, "", "board-sim: " + error);
   }
 }
 
@@ -269,14 +255,10 @@ TEST_F(launcher, refuses_programs_that_the_library_does_not_get_into) {
   }
   for (const auto &[name, error] : cases) {
     const auto r = run({"--", path(name), "--part", "system", "echo it runs"});
-    EXPECT_EQ(r.status, 2) << name;
-    EXPECT_EQ(r.out, "");
-    EXPECT_THAT(r.err, MatchesRegex("board-sim: " + path(name) + ": " + error + "\n"));
+    expect_run(r, 2, "", MatchesRegex("board-sim: " + path(name) + ": " + error + "\n"));
     // Nor does a program on the board start it.
     const auto child = run({}, {"start", "posix_spawnp", path(name), "--part", "system", "echo it runs"});
-    EXPECT_EQ(child.status, EACCES);
-    EXPECT_EQ(child.out, "");
-    EXPECT_EQ(child.err, r.err);
+    expect_run(child, EACCES, "", r.err);
   }
 }
 
@@ -293,11 +275,8 @@ TEST_F(launcher, is_on_the_board_wherever_it_is_installed) {
     EXPECT_THAT(in_shell(command + "show /proc/cpuinfo").out, HasSubstr("\ncpu family\t: 6\nmodel\t\t: 23\n")) << name;
     EXPECT_THAT(in_shell(command + "system 'ethtool -t eth0'").out, HasSubstr("The test result is PASS"));
     std::ofstream(path(name + "/lib/libboard_sim.so")) << "no library\n";
-    const auto without = in_shell(command + "show /proc/cpuinfo");
-    EXPECT_EQ(without.status, 2);
-    EXPECT_EQ(without.out, "");
-    EXPECT_THAT(without.err, MatchesRegex("board-sim: " + own_path() +
-                                          ": the loader does not load [^ ]*/libboard_sim.so into it\n"));
+    expect_run(in_shell(command + "show /proc/cpuinfo"), 2, "",
+               MatchesRegex("board-sim: " + own_path() + ": the loader does not load [^ ]*/libboard_sim.so into it\n"));
     EXPECT_THAT(entries(path("t p")), IsEmpty());
   }
 }
@@ -334,9 +313,8 @@ TEST_F(launcher, gives_a_device_to_every_copy_of_its_descriptor) {
 
 TEST_F(launcher, gives_the_status_of_the_program_and_names_its_signal) {
   EXPECT_EQ(run({}, {"system", "exit 17"}).status, 17);
-  const auto killed = run({}, {"system", "kill -9 $PPID"});
-  EXPECT_EQ(killed.status, 128 + SIGKILL);
-  EXPECT_EQ(killed.err, "board-sim: " + own_path() + " was ended by signal 9 (Killed)\n");
+  expect_run(run({}, {"system", "kill -9 $PPID"}), 128 + SIGKILL, "",
+             "board-sim: " + own_path() + " was ended by signal 9 (Killed)\n");
   for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGALRM, SIGUSR1, SIGXCPU, SIGRTMAX})
     EXPECT_EQ(run({}, {"stay", std::to_string(signal)}).status, 128 + signal) << "handed on";
   EXPECT_EQ(in_shell("part signals").out, "ddddd");
@@ -363,7 +341,7 @@ TEST_F(launcher, keeps_a_state_directory_and_writes_nowhere_else) {
   EXPECT_EQ(run(args, {"system", command}).out, "0:4:0:1\n0:4:0:1\n");
   EXPECT_EQ(run({"--show-result"}, {"system", command}).out, "0:4:0:1\n");
   fs::current_path("/");
-  EXPECT_THAT(entries(dir.path()), testing::ElementsAre("new"));
+  EXPECT_THAT(entries(dir.path()), ElementsAre("new"));
   EXPECT_EQ(read_file(path("new/state/var/lock/a.lock")), "x\n");
   EXPECT_EQ(outside(), before);
 }

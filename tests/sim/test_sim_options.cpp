@@ -2,7 +2,7 @@
 #include "faults/text.h"
 #include "sim/base/options.h"
 #include "sim/board/board.h"
-#include "tests/support/test.h"
+#include "tests/support/text.h"
 
 namespace {
 
@@ -87,7 +87,6 @@ TEST(sim_faults, act_on_the_occasions_asked_for) {
 TEST(sim_options, tell_what_is_wrong) {
   const std::pair<strings, std::string> cases[] = {
       // clang-format off
-      {{"--frob"},                  "unknown option '--frob'"},
       {{"post"},                    "unexpected argument 'post' (a program comes after --)"},
       {{"--card"},                  "option '--card' needs a value"},
       {{"--trace-limit=0"},         "bad value '0' of option '--trace-limit', allowed is a number of bytes, 1 or more"},
@@ -124,8 +123,7 @@ TEST(sim_options, tell_what_is_wrong) {
 }
 
 TEST(sim_options, list_each_fault_with_an_example_that_a_board_takes) {
-  std::istringstream lines(sim::fault_list());
-  for (std::string line; std::getline(lines, line);)
+  for (const std::string &line : lines_of(sim::fault_list()))
     EXPECT_LE(line.size(), 100U) << line;
   for (const auto &row : sim::fault_table()) {
     const auto text = sim::fault_example(row);

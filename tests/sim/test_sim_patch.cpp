@@ -2,16 +2,11 @@
 #include <linux/filter.h>
 #include <linux/seccomp.h>
 #include <setjmp.h>
-#include <signal.h>
-#include <sys/mman.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
-#include <sys/wait.h>
 
-#include <atomic>
-#include <iterator>
 #include <thread>
 
 #include "sim/bus/patch.h"
@@ -97,10 +92,6 @@ void limit_descriptors(bool none) {
   (void)setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-void take_descriptors() {
-  limit_descriptors(true);
-}
-
 // As kernels do that protect /proc/PID/mem.
 void refuse_writing() {
   sock_filter program[] = {
@@ -114,10 +105,6 @@ void refuse_writing() {
   ASSERT_EQ(prctl(PR_SET_SECCOMP, SECCOMP_MODE_FILTER, &filter), 0);
 }
 
-void start_thread() {
-  std::thread(pause).detach();
-}
-
 TEST(sim_patch, leaves_to_signals_what_cannot_be_a_jump) {
   constexpr int calls = 200;
   // clang-format off
@@ -128,9 +115,9 @@ TEST(sim_patch, leaves_to_signals_what_cannot_be_a_jump) {
       {"to the stack pointer",     &to_stack_pointer, -1},
       {"code that may be written", &plain,            -1, code_prot | PROT_WRITE},
       {"at the end of the code",   &shortest,         -1, code_prot, true},
-      {"no descriptor left",       &plain,            -1, code_prot, false, by_jump, take_descriptors},
+      {"no descriptor left",       &plain,            -1, code_prot, false, by_jump, [] { limit_descriptors(true); }},
       {"writing is refused",       &plain,            -1, code_prot, false, by_jump, refuse_writing},
-      {"another thread",           &plain,            -1, code_prot, false, by_jump, start_thread},
+      {"another thread",           &plain,            -1, code_prot, false, by_jump, [] { std::thread(pause).detach(); }},
       {"within another's jump",    &near_another,     -1},  // only the first move becomes one
   };
   // clang-format on
@@ -151,21 +138,6 @@ TEST(sim_patch, leaves_to_signals_what_cannot_be_a_jump) {
     });
   }
 }
-
-#ifdef COUNT_SIGNALS
-TEST(sim_patch, takes_few_signals_in_a_full_run) {
-  const temp_dir dir;
-  // A name, because a path in LD_PRELOAD ends at a blank.
-  const std::filesystem::path library(COUNT_SIGNALS);
-  const outcome run =
-      run_shell(dir.path(), "LD_LIBRARY_PATH=" + shell_word(library.parent_path().string()) +
-                                " LD_PRELOAD=" + library.filename().string() + " board-sim --waits short");
-  EXPECT_EQ(run.status, 0);
-  int count = 0;
-  ASSERT_EQ(sscanf(run.err.c_str(), "%d signals", &count), 1) << run.err;
-  EXPECT_LE(count, 10);
-}
-#endif
 
 TEST(sim_patch, patches_again_once_its_thread_is_the_only_one) {
   on_board([](auto *window) {
@@ -347,13 +319,8 @@ constexpr sim::processor fake_processor{
 
 TEST(sim_patch, saves_what_the_processor_has) {
   constexpr uint32_t fxsr = 1U << 24, osxsave = 1U << 27, xsavec = 2;
-  const struct {
-    const char *name;
-    uint32_t features, state_features;
-    uint64_t xcr0;
-    bool found;
-    sim::vector_state expected;
-  } cases[] = {
+  // Name, features of the processor and of its state, XCR0, whether there is a way, and which.
+  const std::tuple<const char *, uint32_t, uint32_t, uint64_t, bool, sim::vector_state> cases[] = {
       // clang-format off
       {"SSE only",                   0,       0,      0,       true,  {sim::save_way::fxsave, 3, 512}},
       {"XSAVE is hidden, AVX there", 0,       xsavec, 7,       true,  {sim::save_way::fxsave, 3, 512}},
@@ -371,17 +338,17 @@ TEST(sim_patch, saves_what_the_processor_has) {
   fake[2 + 6] = {512, 1152, 2, 0};
   fake[2 + 7] = {1024, 1664, 0, 0};
   fake[2 + 19] = {128, 960, 0, 0};
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.name);
-    fake[0] = {0, 0, c.features, fxsr};
-    fake[1] = {c.state_features, 0, 0, 0};
-    fake_xcr0 = c.xcr0;
+  for (const auto &[name, features, state_features, xcr0, found, expected] : cases) {
+    SCOPED_TRACE(name);
+    fake[0] = {0, 0, features, fxsr};
+    fake[1] = {state_features, 0, 0, 0};
+    fake_xcr0 = xcr0;
     sim::vector_state state{};
-    ASSERT_EQ(find_vector_state(fake_processor, &state), c.found);
-    if (!c.found) continue;
-    EXPECT_EQ(state.way, c.expected.way);
-    EXPECT_EQ(state.mask, c.expected.mask);
-    EXPECT_EQ(state.bytes, c.expected.bytes);
+    ASSERT_EQ(find_vector_state(fake_processor, &state), found);
+    if (!found) continue;
+    EXPECT_EQ(state.way, expected.way);
+    EXPECT_EQ(state.mask, expected.mask);
+    EXPECT_EQ(state.bytes, expected.bytes);
   }
   fake[2 + 2] = {};
   sim::vector_state state{};

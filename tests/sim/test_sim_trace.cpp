@@ -1,6 +1,4 @@
 // The log of the board's buses: its lines, its limit, and the files that it goes to.
-#include <sys/stat.h>
-
 #include "tests/support/board.h"
 
 namespace {
@@ -31,9 +29,8 @@ TEST(sim_trace, ends_at_its_limit_with_a_whole_line) {
 std::map<std::string, char> levels_of(const std::string &vcd) {
   std::map<std::string, std::string> names;
   std::map<std::string, char> levels;
-  std::istringstream lines(vcd);
   uint64_t time = 0;
-  for (std::string line; std::getline(lines, line);) {
+  for (const std::string &line : lines_of(vcd)) {
     std::istringstream words(line);
     std::string var, type, width, id, name;
     words >> var >> type >> width >> id >> name;

@@ -1,14 +1,9 @@
 // Several programs at one EEPROM: `sprom` beside itself, and beside others that hold its locks.
-#include <fcntl.h>
 
 #include <thread>
 
 #include "platform/mfgd/cmn_lib/diag_util/owner.h"
 #include "tests/support/sprom_board.h"
-
-using testing::AnyOf;
-using testing::EndsWith;
-using testing::HasSubstr;
 
 namespace {
 
@@ -72,8 +67,6 @@ TEST_F(sprom_board, waits_for_a_chip_and_names_who_has_it) {
       {"pellin", "protect 1,1",                    0, ""},  // asks no EEPROM
       {"pellin", "show 1,1",                       4, supervisor + busy},
       {"pellin", "get 1,1 num_6 --wait=1",         4, supervisor + busy + " (waited 1 s for it)"},
-      {"pellin", "dump 1,1 copy",                  4, busy},
-      {"pellin", "diff copy 1,1",                  4, busy},
       {"pellin", "get PS1 num_6",                  0, ""},
       {"pellin", "protect dc1",                    4, pin + supervisor + busy},
       {"pellin", "edit -y --force dc1 --num_6=7",  4, "not written: " + pin + supervisor + busy},
@@ -82,7 +75,6 @@ TEST_F(sprom_board, waits_for_a_chip_and_names_who_has_it) {
       {"tosk",   "get PS1 num_6",                  0, ""},  // its straps say enough
   };
   // clang-format on
-  save("copy", device_image(SPROM_TYPE_SUP));
   for (const std::string family : {"dorvan", "pellin", "tosk"}) {
     (void)fresh("--family " + family, "1-52");
     const held_lock lock(path("st/var/lock/sprom-i2c-1-52.lock"));

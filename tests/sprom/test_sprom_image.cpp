@@ -9,8 +9,6 @@
 
 namespace {
 
-using bytes = std::vector<uint8_t>;
-
 constexpr uint32_t image_kinds[]{SPROM_TYPE_SUP, SPROM_TYPE_BP, SPROM_TYPE_LC, SPROM_TYPE_PS, SPROM_TYPE_FAN};
 constexpr uint32_t no_kinds[]{0, SPROM_TYPE_DIMM, 7, 0x80000001, 0xFFFFFFFF};
 
@@ -115,7 +113,7 @@ TEST(sprom_verify_DeathTest, asserts_an_image_and_has_no_verdict_on_kinds_withou
   for (const uint32_t type : image_kinds) {
     const std::string name = names[type];
     EXPECT_DEATH((void)verify(nullptr, type),
-                 testing::HasSubstr("sprom_verify_" + name + ": Assertion `" + name + "_sprom' failed"));
+                 HasSubstr("sprom_verify_" + name + ": Assertion `" + name + "_sprom' failed"));
   }
   for (const uint32_t type : no_kinds)
     EXPECT_EQ(verify(nullptr, type), "-19");

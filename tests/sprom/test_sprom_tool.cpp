@@ -1,10 +1,6 @@
 // The `sprom` program on image files.
 #include "tests/support/sprom_tool.h"
 
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::StartsWith;
-
 namespace {
 
 struct tool_kind {
@@ -33,6 +29,7 @@ bytes zero_image(const tool_kind &kind) {
 
 // Compares the status, and how what went to both streams ends; "" stands for nothing.
 void expect(const outcome &run, int status, const std::string &said) {
+  SCOPED_TRACE(run.command);
   const std::string text = run.out + run.err;
   EXPECT_EQ(run.status, status) << text;
   EXPECT_THAT(text, EndsWith(said));
@@ -247,10 +244,8 @@ TEST_F(sprom_tool, finds_the_images_in_the_dump_of_an_eeprom) {
       {"edit -y -f large sup --num_6=7",      0, "large (supervisor image): written\n"},
   };
   // clang-format on
-  for (const auto &[command, status, said] : rows) {
-    SCOPED_TRACE(command);
+  for (const auto &[command, status, said] : rows)
     expect(sh("sprom " + command), status, said);
-  }
   EXPECT_EQ(load("copy"), sup);
   const bytes edited = patched(sup, SPROM_TYPE_SUP, 6, {0, 7});
   std::copy(edited.begin(), edited.end(), large.begin());
@@ -276,7 +271,6 @@ TEST_F(sprom_tool, overlooks_nothing_in_the_dump_of_an_eeprom) {
       {bad_sup, bp,         "verify -f dump sup",              1, "Supervisor Main block signature mismatch. Found 0x7002, expected 0x6002.\n"
                                                                   "Supervisor Main block checksum mismatch.  Found 0x331b, expected 0x332b.\n"},
       {bad_sup, bp,         "verify -f dump bp",               0, ""},
-      {bad_sup, bp,         "verify -f dump ps",               1, "sprom: dump: no power supply image in this dump of an EEPROM\n"},
       {bad_sup, bp,         "list -f dump",                    1, "dump             -      -  bp      471  -                 -\nsprom: dump (offset 0x0000): " + at_0},
       {bad_sup, bp,         "show -f dump | head -1",          0, "dump (backplane image): backplane image, 471 bytes\nsprom: dump (offset 0x0000): " + at_0},
       {bad_sup, bp,         "write -y -f dump sup >/dev/null && sprom verify -f dump", 0, "dump (supervisor image): good\ndump (backplane image): good\n"},
@@ -284,7 +278,6 @@ TEST_F(sprom_tool, overlooks_nothing_in_the_dump_of_an_eeprom) {
   // clang-format on
   save("sup", sup);
   for (const auto &[first, second, command, status, said] : rows) {
-    SCOPED_TRACE(command);
     bytes dump(0x10000, 0xFF);
     std::copy(first.begin(), first.end(), dump.begin());
     std::copy(second.begin(), second.end(), dump.begin() + 0x1000);
@@ -332,7 +325,6 @@ TEST_F(sprom_tool, takes_of_a_json_text_what_it_can_use_and_tells_the_rest) {
       {R"([{"fields":{"serial_number":"\u0100"}}])",           "serial_number: has characters above U+00FF", old},
       {R"([{"fields":{"main_length":"0x25"}}])",               "main_length: is 0x25, but belongs to the format, which has 0x24", old},
       {R"([{"fields":{"card_index":1}}])",                     "card_index: a power supply image has no such field", old},
-      {R"([{"field":{}}])",                                    "a block without \"fields\"", old},
       {R"([7])",                                               "a block without \"fields\"", old},
       {R"({})",                                                "this is not what 'sprom show --json' prints", old},
       {R"([],"kind":"fan")",                                   "this is no power supply image", old},
@@ -392,7 +384,6 @@ TEST_F(sprom_tool, asks_before_it_writes) {
 
 TEST_F(sprom_tool, refuses_what_is_wrong_and_leaves_files_whole) {
   const std::string edit = "sprom edit -y -f sup --serial_number=S ";
-  const std::string no_terminal = "to: not written: there is no terminal to ask on; --yes writes without asking";
   // clang-format off
   const std::tuple<int, std::string, std::string> rows[]{
       {1, "sprom verify -f /dev/null",                                     "/dev/null: 0 bytes: no kind of image has this size"},
@@ -402,15 +393,12 @@ TEST_F(sprom_tool, refuses_what_is_wrong_and_leaves_files_whole) {
       {1, "head -c 65536 /dev/zero | sprom verify -f -",                   "standard input: no image in this dump of an EEPROM"},
       {1, "sprom make fan bad; sprom write -y --force -f to bp bad",       "bad: 192 bytes: this is a fan image, not a backplane image"},
       {1, "sprom show -f 'no\33[7m\\'",                                    "no\\x1b[7m\\\\: cannot read: No such file or directory (errno 2)"},
-      {1, "sprom write -y -f to none",                                     "none: cannot read: No such file or directory (errno 2)"},
       {1, "sprom write -y -f to .",                                        ".: cannot read: Is a directory (errno 21)"},
       {1, "ln -s bad bad; sprom dump -f to bad",                           "bad: cannot write: Too many levels of symbolic links (errno 40)"},
       {1, "sprom dump -f to /dev/full",                                    "/dev/full: cannot write: No space left on device (errno 28)"},
       {1, "sprom show -f to >/dev/full",                                   "cannot write the output: No space left on device"},
-      {1, "prlimit --fsize=300 sprom dump -f from to",                     "to: cannot write: File too large (errno 27)"},
       {1, "prlimit --fsize=300 sprom edit -y -f to --num_6=1",             "to: cannot write: File too large (errno 27)"},
       {1, "sprom write -y -f to --backup=none/x from",                     "to: not written: no backup of the old image: none/x: No such file or directory (errno 2); --backup names another file"},
-      {1, "echo y | sprom write -f to from",                               no_terminal},
       {2, edit + "--card_index=0xg1",                    "card_index: '0xg1' is no number"},
       {2, edit + "--card_index=0X10000",                 "card_index: '0X10000' does not fit in 16 bits"},
       {2, edit + "--num_166=18446744073709551616",       "num_166: '18446744073709551616' does not fit in 64 bits"},
@@ -427,7 +415,6 @@ TEST_F(sprom_tool, refuses_what_is_wrong_and_leaves_files_whole) {
       {2, "sprom list -F else",                          "else: no such family (dorvan, pellin, tosk)"},
       {2, "sprom list -F tosk -f sup",                   "--family does not go with --file"},
       {2, "sprom list --famly=tosk",                     "unrecognized option '--famly=tosk'\nsprom: --famly (did you mean '--family'?)"},
-      {2, "sprom list x",                                "usage: sprom list"},
       {2, "sprom list --yes",                            "list takes no --yes"},
       {2, "sprom show",                                  "a SPROM or --file is missing"},
       {2, "sprom verify PS1 -f sup",                     "PS1: with --file, a SPROM is named by its kind (sup, bp, lc, ps, fan)"},
@@ -462,8 +449,7 @@ TEST_F(sprom_tool, refuses_what_is_wrong_and_leaves_files_whole) {
   save("sup", sup);
   for (const auto &[status, command, err] : rows) {
     SCOPED_TRACE(command);
-    expect_run(sh(command), status,
-               status == 2 ? testing::Matcher<std::string>("") : testing::Not(HasSubstr("written")),
+    expect_run(sh(command), status, status == 2 ? testing::Matcher<std::string>("") : Not(HasSubstr("written")),
                "sprom: " + err + (status == 2 ? "\nTry 'sprom --help' for more information.\n" : "\n"));
     EXPECT_EQ(load("to"), to);
     EXPECT_EQ(load("sup"), sup);
@@ -472,9 +458,8 @@ TEST_F(sprom_tool, refuses_what_is_wrong_and_leaves_files_whole) {
 }
 
 TEST_F(sprom_tool, helps) {
-  expect_run(
-      sh("sprom show --help && sprom --version && sprom fields fan"), 0,
-      testing::ContainsRegex("^Usage: sprom COMMAND .*\nsprom 1.*\nmain_checksum  +164 +2  number   computed\n"));
+  expect_run(sh("sprom show --help && sprom --version && sprom fields fan"), 0,
+             ContainsRegex("^Usage: sprom COMMAND .*\nsprom 1.*\nmain_checksum  +164 +2  number   computed\n"));
   EXPECT_THAT(sh("sprom fields fan --json").out,
               StartsWith(R"({"kind":"fan","size":192,"fields":[{"name":"common_signature","offset":0,"width":2,)"
                          R"("type":"number","source":"format"},)"));
@@ -497,7 +482,6 @@ TEST_F(sprom_tool, keeps_the_old_image_where_nothing_was_before) {
       {"",                          write + "from",              1, not_written + "from is the file with the new image, and no backup" + numbers, ""},
       {"",                          "sprom write -y -f to - --backup=from <from", 1, not_written + "from is the file with the new image, and no backup" + numbers, ""},
       {"ln -s none kept",           write + "kept --force",      1, not_written + "kept is no plain file, as a backup has to be\n", ""},
-      {"mkdir kept",                write + "kept",              1, not_written + "kept is no plain file, as a backup has to be\n", ""},
       {"",                          write + "/dev/null --force", 1, not_written + "/dev/null is no plain file, as a backup has to be\n", ""},
       {"",                          write + "-",                 2, "sprom: --backup takes the name of a file, not '-'" + usage, ""},
       {"",                          write + "kept >/dev/full",   1, "sprom: to: the old image is in kept\nsprom: cannot write the output: No space left on device\n", "kept"},

@@ -1,16 +1,12 @@
 // board.h: the simulated board in the test's own process.
 #pragma once
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <unistd.h>
-
 #include "platform/mfgd/cmn_lib/diag_util/owner.h"
 #include "sim/base/fault_counts.h"
 #include "sim/board/board.h"
 #include "sim/bus/layout.h"
-#include "tests/support/bus.h"
 #include "tests/support/host.h"
+#include "tests/support/text.h"
 
 // The options of a board on a state directory. Each of `more` is one of board-sim's if it begins with "--", else a
 // fault. "--trace" alone logs to "trace" in the state directory.
@@ -30,16 +26,16 @@ inline sim::options board_options(const std::filesystem::path &state, const std:
 // A running board on a state directory of its own; options as above.
 class test_board {
  public:
-  explicit test_board(const std::vector<const char *> &options = {}, std::optional<uint32_t> card = {}) {
-    start(options, card);
+  explicit test_board(const std::vector<const char *> &more = {}, std::optional<uint32_t> card = {}) {
+    start(more, card);
   }
   test_board(const test_board &) = delete;
   test_board &operator=(const test_board &) = delete;
   ~test_board() { sim::board_stop(); }
 
   // Power-on again, perhaps with other options, on the same state.
-  void start(const std::vector<const char *> &options = {}, std::optional<uint32_t> card = {}) const {
-    auto parsed = board_options(m_dir.path(), options);
+  void start(const std::vector<const char *> &more = {}, std::optional<uint32_t> card = {}) const {
+    auto parsed = board_options(m_dir.path(), more);
     if (card) parsed.card = *card;
     std::string error;
     sim::fault_counts::forget(parsed);
@@ -63,11 +59,7 @@ class test_board {
   std::vector<std::string> log() {
     const auto text = contents("trace").substr(m_log_read);
     m_log_read += text.size();
-    std::istringstream cycles(bus_cycles(text));
-    std::vector<std::string> lines;
-    for (std::string line; std::getline(cycles, line);)
-      lines.push_back(line);
-    return lines;
+    return lines_of(bus_cycles(text));
   }
 
  private:

@@ -1,10 +1,5 @@
 #include "tests/support/host.h"
 
-#include <signal.h>
-#include <sys/mman.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include "platform/mfgd/cmn_lib/diag_util/owner.h"
 
 namespace {
@@ -80,7 +75,7 @@ outcome run_child(const std::function<void()> &body) {
   }
   int status = 0;
   EXPECT_EQ(waitpid(child, &status, 0), child);
-  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), out.contents(), err.contents(), ""};
+  return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), out.contents(), err.contents(), "", ""};
 }
 
 void isolated(const std::function<void()> &body) {

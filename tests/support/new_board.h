@@ -2,7 +2,6 @@
 #pragma once
 
 #include "tests/support/board.h"
-#include "tests/support/host.h"
 
 // Runs `body` with a board in a process of its own, where descriptors and static state are as at the start. The
 // options are test_board's; those that are empty are none, and the log is on.

@@ -3,8 +3,6 @@
 //   -Wl,--wrap=open,--wrap=open64,--defsym=__wrap_open64=__wrap_open
 #pragma once
 
-#include <fcntl.h>
-
 #include "tests/support/test.h"
 
 inline std::map<std::string, int> &opened_with() {  // by path; constructors of other files open some, too

@@ -1,4 +1,3 @@
-#include <unistd.h>
 
 #include <cstdarg>
 
@@ -42,7 +41,9 @@ outcome run_program(const std::string &program, const std::vector<std::string> &
 
 outcome run_shell(const std::filesystem::path &dir, const std::string &command) {
   const std::string script = "cd \"$0\" && PATH=\"$1:$PATH\" && exec </dev/null\n" + command;
-  return run({"/bin/sh", "-c", script, dir.string(), POST_BIN_DIR});
+  outcome result = run({"/bin/sh", "-c", script, dir.string(), POST_BIN_DIR});
+  result.command = command;
+  return result;
 }
 
 outcome run_board(const std::filesystem::path &state, const std::vector<std::string> &args) {
@@ -51,6 +52,44 @@ outcome run_board(const std::filesystem::path &state, const std::vector<std::str
   outcome result = run_program("board-sim", all);
   result.records = read_file(state / "post" / "result");
   return result;
+}
+
+void expect_run(const outcome &run, int status, const testing::Matcher<std::string> &out,
+                const testing::Matcher<std::string> &err) {
+  SCOPED_TRACE(run.command);
+  EXPECT_EQ(run.status, status) << run.out << run.err;
+  EXPECT_THAT(run.out, out);
+  EXPECT_THAT(run.err, err);
+}
+
+std::string in_directory::load(const std::string &name) const {
+  return read_file(path(name));
+}
+
+void in_directory::save(const std::string &name, const std::string &text) const {
+  EXPECT_TRUE((std::ofstream(path(name), std::ios::binary) << text).flush()) << name;
+}
+
+void in_directory::expect_endings(const std::string &program,
+                                  std::initializer_list<std::tuple<std::string, int, std::string>> endings) const {
+  for (const auto &[args, status, err] : endings) {
+    using text = testing::Matcher<std::string>;
+    expect_run(sh(program + " " + args), status, status == 2 ? text("") : text(Not("")),
+               status == 2 ? text(HasSubstr(err)) : text(""));
+  }
+}
+
+size_t number_from(const char *variable, size_t otherwise) {
+  const char *const text = std::getenv(variable);
+  return text == nullptr ? otherwise : std::strtoul(text, nullptr, 0);
+}
+
+std::string memory_limit([[maybe_unused]] unsigned kib) {
+#ifdef __SANITIZE_ADDRESS__
+  return "";
+#else
+  return "ulimit -v " + std::to_string(kib) + "; ";
+#endif
 }
 
 std::string shell_word(const std::string &word) {

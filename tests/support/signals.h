@@ -1,8 +1,6 @@
 // signals.h: the signals that device accesses raise, counted.
 #pragma once
 
-#include <signal.h>
-
 #include "tests/support/test.h"
 
 inline struct sigaction board_action {};
@@ -13,9 +11,9 @@ inline void count_signals(const sigset_t &blocked = {}) {
   struct sigaction own {};
   own.sa_flags = SA_SIGINFO | SA_NODEFER;
   own.sa_mask = blocked;
-  own.sa_sigaction = [](int number, siginfo_t *info, void *context) {
+  own.sa_sigaction = [](int number, siginfo_t *cause, void *context) {
     signals = signals + 1;
-    board_action.sa_sigaction(number, info, context);
+    board_action.sa_sigaction(number, cause, context);
   };
   (void)sigaction(SIGSEGV, nullptr, &board_action);
   ASSERT_EQ(sigaction(SIGSEGV, &own, nullptr), 0);

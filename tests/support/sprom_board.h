@@ -11,8 +11,7 @@ class sprom_board : public sprom_tool {
   }
   [[nodiscard]] outcome run_on(const std::string &board, const std::string &command,
                                const std::string &before = "") const {
-    return sh("export BOARD_SIM_TSC_KHZ=1000000\n" + before + "board-sim --state st --trace log " + board + " -- " +
-              command);
+    return sh(before + "board-sim --state st --trace log " + board + " -- " + command);
   }
   // A new board; returns what an EEPROM of it holds.
   [[nodiscard]] bytes fresh(const std::string &board, const std::string &eeprom) const {
@@ -37,14 +36,14 @@ class sprom_board : public sprom_tool {
     const auto chips = eeproms();
     const auto result = on(board, args, before);
     EXPECT_EQ(result.status, status) << result.out;
-    EXPECT_THAT(result.err, testing::EndsWith(err));
+    EXPECT_THAT(result.err, EndsWith(err));
     EXPECT_EQ(result.err.empty(), err.empty());
     EXPECT_EQ(eeproms() != chips, is_written);
   }
   // A write that a fault cuts at its nth cycle claims nothing.
   void expect_cut(const std::string &board, const std::string &fault, size_t nth, const std::string &args) const {
     expect_run(on(board + " --fault '" + fault + " nth=" + std::to_string(nth) + "'", args),
-               fault.starts_with("eeprom-dies") ? 1 : 137, testing::Not(testing::HasSubstr("reads back")), testing::_);
+               fault.starts_with("eeprom-dies") ? 1 : 137, Not(HasSubstr("reads back")), testing::_);
   }
   // How many bytes the last run wrote to an EEPROM.
   [[nodiscard]] size_t cycles(const std::string &eeprom, bool one_byte) const {

@@ -1,11 +1,9 @@
 // sprom_image.h: valid SPROM images made from nothing.
 #pragma once
 
-#include <algorithm>
-#include <array>
-#include <cstdint>
-#include <initializer_list>
-#include <vector>
+#include "tests/support/test.h"
+
+using bytes = std::vector<uint8_t>;
 
 // Block starts, signatures and lengths of an image kind, kept apart from the library's own tables.
 struct test_block {
@@ -29,7 +27,7 @@ inline const std::array<std::vector<test_block>, 7> test_blocks{{
 // clang-format on
 
 // Puts the checksums right, in an image in device order.
-inline void seal_image(std::vector<uint8_t> *image, uint32_t type) {
+inline void seal_image(bytes *image, uint32_t type) {
   for (const test_block &block : test_blocks.at(type)) {
     uint8_t *start = image->data() + block.offset;
     uint32_t sum = 0;
@@ -41,7 +39,7 @@ inline void seal_image(std::vector<uint8_t> *image, uint32_t type) {
 }
 
 // Puts signatures, lengths and checksums right.
-inline void make_valid(std::vector<uint8_t> *image, uint32_t type) {
+inline void make_valid(bytes *image, uint32_t type) {
   for (const test_block &block : test_blocks.at(type)) {
     uint8_t *start = image->data() + block.offset;
     start[0] = static_cast<uint8_t>(block.signature >> 8);
@@ -52,7 +50,7 @@ inline void make_valid(std::vector<uint8_t> *image, uint32_t type) {
 }
 
 // Blocks that are the same in two images, as bits.
-inline unsigned same_blocks(const std::vector<uint8_t> &one, const std::vector<uint8_t> &other, uint32_t type) {
+inline unsigned same_blocks(const bytes &one, const bytes &other, uint32_t type) {
   unsigned bits = 0;
   unsigned bit = 1;
   for (const test_block &block : test_blocks.at(type)) {
@@ -63,27 +61,26 @@ inline unsigned same_blocks(const std::vector<uint8_t> &one, const std::vector<u
 }
 
 // Blocks of a device image that verification accepts, by its own rules, as bits; all of them, or a whole image.
-inline unsigned accepted_blocks(const std::vector<uint8_t> &image, uint32_t type) {
-  std::vector<uint8_t> right = image;
+inline unsigned accepted_blocks(const bytes &image, uint32_t type) {
+  bytes right = image;
   make_valid(&right, type);
   return same_blocks(right, image, type);
 }
-inline bool is_accepted(const std::vector<uint8_t> &image, uint32_t type) {
+inline bool is_accepted(const bytes &image, uint32_t type) {
   return accepted_blocks(image, type) + 1 == 1U << test_blocks.at(type).size();
 }
 
 // Whether a block, or the image as a whole, verifies and is neither that of `old` nor that of `wanted`.
-inline bool is_false(const std::vector<uint8_t> &image, const std::vector<uint8_t> &old,
-                     const std::vector<uint8_t> &wanted, uint32_t type) {
+inline bool is_false(const bytes &image, const bytes &old, const bytes &wanted, uint32_t type) {
   const unsigned known = same_blocks(image, old, type) | same_blocks(image, wanted, type);
   return (accepted_blocks(image, type) & ~known) != 0 || (is_accepted(image, type) && image != old && image != wanted);
 }
 
 // A valid image in device order, every byte of it different from its neighbours; a supervisor or line card has the
 // card index given.
-inline std::vector<uint8_t> device_image(uint32_t type, uint16_t card_index = 0x2AFB) {
+inline bytes device_image(uint32_t type, uint16_t card_index = 0x2AFB) {
   const test_block &last = test_blocks.at(type).back();
-  std::vector<uint8_t> image(last.offset + last.length);
+  bytes image(last.offset + last.length);
   for (size_t i = 0; i < image.size(); ++i)
     image[i] = static_cast<uint8_t>(i * 7 + 3);
   image[182] = static_cast<uint8_t>(card_index >> 8);
@@ -93,7 +90,7 @@ inline std::vector<uint8_t> device_image(uint32_t type, uint16_t card_index = 0x
 }
 
 // Exchanges the bytes of each number, from flat lists of where they stand.
-inline std::vector<uint8_t> host_image(std::vector<uint8_t> image, uint32_t type) {
+inline bytes host_image(bytes image, uint32_t type) {
   static const std::vector<uint32_t> common{0,   4,   6,   8,   10,  12,  114, 116, 118, 120, 122,
                                             124, 126, 128, 130, 132, 134, 136, 138, 160, 164};
   static const std::array<std::vector<uint32_t>, 7> halves{{{},
@@ -114,6 +111,6 @@ inline std::vector<uint8_t> host_image(std::vector<uint8_t> image, uint32_t type
   return image;
 }
 
-inline std::vector<uint8_t> host_image(uint32_t type) {
+inline bytes host_image(uint32_t type) {
   return host_image(device_image(type), type);
 }

@@ -5,8 +5,6 @@
 #include "tests/support/run.h"
 #include "tests/support/sprom_image.h"
 
-using bytes = std::vector<uint8_t>;
-
 // An image with other bytes at an offset, its checksums right.
 inline bytes patched(bytes image, uint32_t type, size_t offset, const bytes &patch) {
   std::copy(patch.begin(), patch.end(), image.begin() + static_cast<std::ptrdiff_t>(offset));
@@ -19,32 +17,14 @@ inline bytes with_byte(bytes image, size_t offset, uint8_t byte) {
   return image;
 }
 
-// Compares what a run ended with. Each text may be a matcher.
-inline void expect_run(const outcome &run, int status, const testing::Matcher<std::string> &out,
-                       const testing::Matcher<std::string> &err = "") {
-  EXPECT_EQ(run.status, status) << run.out << run.err;
-  EXPECT_THAT(run.out, out);
-  EXPECT_THAT(run.err, err);
-}
-
-class sprom_tool : public testing::Test {
+class sprom_tool : public in_directory {
  protected:
-  [[nodiscard]] std::filesystem::path path(const std::string &name) const { return m_dir.path() / name; }
   // Old images are kept in the directory .old, which is made for it.
-  [[nodiscard]] outcome sh(const std::string &command) const {
-    return run_shell(m_dir.path(), "mkdir -p .old; export SPROM_BACKUP_DIR=.old\n" + command);
-  }
+  sprom_tool() : in_directory("mkdir -p .old; export SPROM_BACKUP_DIR=.old BOARD_SIM_TSC_KHZ=1000000\n") {}
 
-  void save(const std::string &name, const bytes &data) const {
-    std::ofstream file{path(name), std::ios::binary};
-    file.write(reinterpret_cast<const char *>(data.data()), static_cast<std::streamsize>(data.size()));
-    ASSERT_TRUE(file.flush().good()) << name;
-  }
+  void save(const std::string &name, const bytes &data) const { in_directory::save(name, {data.begin(), data.end()}); }
   [[nodiscard]] bytes load(const std::string &name) const {
-    const std::string text = read_file(path(name));
+    const std::string text = in_directory::load(name);
     return {text.begin(), text.end()};
   }
-
- private:
-  temp_dir m_dir;
 };

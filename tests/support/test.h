@@ -1,13 +1,20 @@
-// test.h: the headers of the language and of GoogleTest that tests share. They are compiled once, ahead of all tests.
+// test.h: the headers of language, system and GoogleTest that tests share, and the short names of matchers. They are
+// compiled once, ahead of all tests.
 #pragma once
 
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -24,3 +31,17 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+using testing::AllOf;
+using testing::AnyOf;
+using testing::Contains;
+using testing::ContainsRegex;
+using testing::Each;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::Not;
+using testing::SizeIs;
+using testing::StartsWith;
