@@ -60,9 +60,22 @@ TEST(judge, gives_each_run_its_one_outcome) {
   const auto cut_good = saying("OBFL", bad_flash, failed_log);
   const auto endless = until(full_log, "  Mod 1 1 Post");
   // clang-format off
-  const std::tuple<const char *, const char *, run_mode, std::string, strings, int, std::optional<uint64_t>, uint64_t,
-                   bool, outcome, const char *, strings, bool, const char *> cases[] = {
-      // name                      fault   mode            output    failed records   status fired         bytes beyond the fault, late, outcome      verdict   reported    right  line
+  const struct {
+    const char *name, *fault;
+    run_mode mode;
+    std::string output;
+    strings failed;  // records
+    int status;
+    std::optional<uint64_t> fired;
+    uint64_t beyond;  // bytes that differ beyond the fault
+    bool late;
+    outcome end;
+    const char *verdict;
+    strings reported;
+    bool right;
+    const char *line;
+  } cases[] = {
+      // name                      fault   mode            output    failed           status fired         beyond late    outcome              verdict   reported    right  line
       {"found",                    nvram1, run_mode::full, bad,      {"8:0"},         0,     7,            0,     false, outcome::found,       "failed", {"nvram.0"}, true,  expected},
       {"another instance named",   nvram2, run_mode::full, bad,      {"8:0"},         0,     7,            0,     false, outcome::blamed,      "failed", {"nvram.0"}, false, expected},
       {"another device",           "flash-silent", run_mode::full, bad, {"8:0"},      0,     7,            0,     false, outcome::blamed,      "failed", {"nvram.0"}, false, expected},

@@ -194,9 +194,11 @@ TEST(interrupted, goes_on_whoever_reads_and_wherever_a_file_ends) {
   const std::string nvram_fault = bad_nvram_cell(state) + "' --fault 'flash-erase-hangs";
   const std::string limited = "ulimit -f 32; ";
   const std::string full(32 * 512 - 1, '.');
-  // Fault, where the output goes, records of the NVRAM and OBFL tests and at the end, a command before, and records
-  // that are there.
-  const std::tuple<std::string, std::string, std::string, std::string, std::string, std::string> cases[] = {
+  const struct {
+    std::string fault, output;    // which goes there
+    std::string records, last;    // of the NVRAM and OBFL tests, and at the end
+    std::string command, former;  // before it, and records that are there
+  } cases[] = {
       // clang-format off
       {nvram_fault,           "| head -n 0",            "0:8:0:2\n0:10:0:2\n", "0:12:6:1\n", "",      ""},
       {nvram_fault,           "| head -n 15",           "0:8:0:2\n0:10:0:2\n", "0:12:6:1\n", "",      ""},  // all but the failure line

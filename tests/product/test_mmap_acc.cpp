@@ -96,8 +96,10 @@ std::string steps_of(const std::function<void()> &body) {
 }
 
 TEST_F(mmap_acc, fences_each_access_after_it) {
-  // Width, what is written to the low and the high word, and the steps of a read and a write.
-  const std::tuple<uint32_t, uint32_t, uint32_t, std::string, std::string> cases[] = {
+  const struct {
+    uint32_t width, low, high;  // of what is written
+    std::string reads, writes;  // the steps
+  } cases[] = {
       {1, 0xFFFFFFEF, 0xFFFFFFFF, "r8+0 lfence ", "w8+0 sfence "},
       {2, 0xFFFFCDEF, 0xFFFFFFFF, "r16+0 lfence ", "w16+0 sfence "},
       {4, 0x89ABCDEF, 0xFFFFFFFF, "r32+0 lfence ", "w32+0 sfence "},

@@ -43,9 +43,15 @@ int __wrap_clock_gettime(clockid_t clock, timespec *now) {
 namespace {
 
 TEST(sse_service, makes_one_transaction_of_the_kind_asked_for) {
-  // Request, path, address and its length; result, what goes over the wire, and the data.
   // clang-format off
-  const std::tuple<request, const char *, uint32_t, uint32_t, int32_t, lines, std::array<uint8_t, 2>> rows[]{
+  const struct {
+    request asked;
+    const char *path;
+    uint32_t addr, addr_len;
+    int32_t result;
+    lines wire;
+    std::array<uint8_t, 2> data;
+  } rows[]{
       // EEPROMs with two address bytes and with one, whose high byte must be 0.
       {{WR,  7, 2, 0x00, {0x22}},       "/dev/i2c-1", 0x52, 2, 0,       {"i2c-1:52 w 16 0x0 0x0022"},   {0x22, 0}},
       {{RD,  7, 1, 0},                  "/dev/i2c-1", 0x52, 2, 0,       {"i2c-1:52 r 8 0x0 0x53"},      {0x53, 0xA2}},

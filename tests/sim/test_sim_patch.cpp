@@ -319,8 +319,13 @@ constexpr sim::processor fake_processor{
 
 TEST(sim_patch, saves_what_the_processor_has) {
   constexpr uint32_t fxsr = 1U << 24, osxsave = 1U << 27, xsavec = 2;
-  // Name, features of the processor and of its state, XCR0, whether there is a way, and which.
-  const std::tuple<const char *, uint32_t, uint32_t, uint64_t, bool, sim::vector_state> cases[] = {
+  const struct {
+    const char *name;
+    uint32_t features, state_features;  // of the processor, of its state
+    uint64_t xcr0;
+    bool found;  // there is a way
+    sim::vector_state expected;
+  } cases[] = {
       // clang-format off
       {"SSE only",                   0,       0,      0,       true,  {sim::save_way::fxsave, 3, 512}},
       {"XSAVE is hidden, AVX there", 0,       xsavec, 7,       true,  {sim::save_way::fxsave, 3, 512}},

@@ -1,4 +1,3 @@
-
 #include <cstdarg>
 
 #include "tests/support/host.h"
