@@ -58,6 +58,7 @@ thing benchmark  'benchmarks'                                           libbench
 thing peers      'the timers that ours are measured against'            'libevent-dev libuv1-dev'
 thing packaging  'Debian packages, and clean roots to build and try them' \
   'debootstrap dpkg-dev lintian blhc'
+thing machine    'a machine that boots them'                            'qemu-system-x86 e2fsprogs'
 thing benchmark_32 'benchmarks in 32 bits'                              libbenchmark-dev:i386
 thing peers_32   'the timers that ours are measured against, in 32 bits' \
   'libuv1-dev:i386 libevent-core-2.1-7:i386'
@@ -92,6 +93,7 @@ have() {
     promtool) commands promtool ;;
     benchmark) includes benchmark/benchmark.h ;;
     packaging) commands debootstrap dpkg-deb lintian blhc ;;
+    machine) commands qemu-system-x86_64 mke2fs debugfs ;;
     peers) includes event2/event.h && includes uv.h ;;
     qemu_arm) commands qemu-system-arm ;;
     objdump) commands objdump ;;
