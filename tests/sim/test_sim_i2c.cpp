@@ -165,4 +165,22 @@ TEST(sim_i2c_dev, puts_smbus_transfers_on_the_wire_as_messages) {
   (void)close(fd);
 }
 
+TEST(sim_i2c_dev, refuses_what_the_kernel_refuses) {
+  const test_board board;
+  const int fd = open_bus(1);
+  uint8_t byte = 0;
+  i2c_msg good{0x52, I2C_M_RD, 1, &byte}, ten_bits{0x52, I2C_M_TEN, 1, &byte}, no_buffer{0x52, I2C_M_RD, 1, nullptr},
+      long_one{0x52, I2C_M_RD, 8193, &byte}, reserved{0x80, I2C_M_RD, 1, &byte};
+  const std::pair<i2c_rdwr_ioctl_data, int> cases[] = {
+      {{&good, 0}, EINVAL},      {{&good, 43}, EINVAL},    {{nullptr, 1}, EINVAL},   {{&ten_bits, 1}, EINVAL},
+      {{&no_buffer, 1}, EFAULT}, {{&long_one, 1}, EINVAL}, {{&reserved, 1}, EINVAL}, {{&good, 1}, 0},
+  };
+  for (auto [data, error] : cases)
+    EXPECT_EQ(ioctl(fd, I2C_RDWR, &data) < 0 ? errno : 0, error);
+  for (const auto &[request, arg] : {std::pair{I2C_RDWR, 0L}, {I2C_SLAVE, 0x80L}, {I2C_TENBIT, 1L}, {0x5401, 0L}})
+    EXPECT_EQ(ioctl(fd, static_cast<unsigned long>(request), arg), -1) << request;
+  EXPECT_EQ(errno, ENOTTY);
+  (void)close(fd);
+}
+
 }  // namespace
