@@ -65,7 +65,7 @@ void measure(device *ram, unsigned instance, const settings &how, journal *kept,
     result->not_looked_at.emplace_back("cells (--cells)");
   // What the march does not see again was seen nevertheless.
   if (cell && std::ranges::find(failed, cell->offset) == failed.end()) {
-    cell->what.next = "repeat it: no later access showed this again";
+    if (result->reason.empty()) cell->what.next = "repeat the test: in the test of the cells this word did not fail";
     add_finding(std::move(cell->what), result);
   }
   if (!kept->error().empty())

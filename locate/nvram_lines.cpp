@@ -334,7 +334,7 @@ void line_probe::report_intermittent(const fault_list &fits, std::span<const rou
   const auto wrong = all_of(rounds, &round_answers::wrong);
   what.intermittent = true;
   what.sentence.pop_back();
-  // Too few answers to tell a line from a cell.
+  // Too few answers to distinguish a line from a cell.
   if (is_one_bit(wrong)) add_cell(wrong[0], &what);
   what.sentence += ", but only at times: in " +
                    (rate < 10'000 ? "less than 1" : "about " + std::to_string((rate + 5000) / 10'000)) +
@@ -351,7 +351,7 @@ void line_probe::report_intermittent(const fault_list &fits, std::span<const rou
 
 void line_probe::add_cell(const wrong_answer &wrong, finding *what) const {
   auto &first = what->sentence[0];
-  if (first == 'O' || first == 'D' || first == 'A') first = static_cast<char>(first - 'A' + 'a');
+  first = static_cast<char>(first - 'A' + 'a');
   what->sentence = "Either " + what->sentence + ", or the cell of " + bit_text(wrong) + " is bad";
   const auto bit = static_cast<unsigned>(std::countr_zero(bits_of(wrong)));
   what->candidates.push_back(models::notation({.id = models::fault_id::nvram_cell_stuck,
@@ -360,7 +360,7 @@ void line_probe::add_cell(const wrong_answer &wrong, finding *what) const {
                                                .offset = wrong.offset + bit / 8},
                                               m_of.instance));
   what->places.push_back(m_of.part);
-  what->next = "--repeat 1000 tells a line from a cell; " + what->next;
+  what->next = "--repeat 1000 distinguishes a line from a cell; " + what->next;
 }
 
 void line_probe::report_unknown(std::span<const round_answers> rounds) {

@@ -24,7 +24,7 @@ struct seen_cell {
 // Signals must be held; one that waits ends the rounds.
 //   rounds        how often at least to measure, from 1; more where answers differ or no line explains them
 //   kept          where the words are written down meanwhile
-//   cell          null, or receives a bad cell instead of *result: for the cells' test, which tells more
+//   cell          null, or receives a bad cell that *result then does not get: the cells' test shows its kind
 // Returns whether the lines are good.
 bool locate_lines(word_bus *ram, unsigned instance, unsigned rounds, journal *kept, part_result *result,
                   std::optional<seen_cell> *cell);

@@ -46,7 +46,7 @@ std::string without_place(const std::string &text) {
   return place_end == std::string::npos ? text : text.substr(place_end + 2);
 }
 
-// The first line that tells of a failure.
+// The first line that reports a failure.
 std::string first_line(const run_item &run, const report &told) {
   const message *first = nullptr;
   const auto look = [&](const message_list &list) {

@@ -89,7 +89,7 @@ TEST(locate_lines, names_what_no_line_does) {
                         "A cell of NVRAM 0 is bad: bit 8 of the word at 0x4.", false},
            unknown_case{"nvram-cell-read-wrong instance=0 offset=5 bit=0 p=300000 seed=2",
                         "A cell of NVRAM 0 is bad at times: bit 8 of the word at 0x4.", true},
-           // Too few answers to tell a cell from a line.
+           // Too few answers to distinguish a cell from a line.
            unknown_case{
                "nvram-cell-read-wrong instance=0 offset=0x1000 bit=2 p=30000 seed=9",
                "Either one of 3 places of NVRAM 0 is bad: data line D2; data lines D2 and D14; data lines D2 and "
