@@ -1,6 +1,7 @@
 #include "locate/nvram_cells.h"
 
 #include <algorithm>
+#include <bit>
 #include <cstdio>
 #include <map>
 #include <optional>
@@ -351,9 +352,10 @@ finding cell_finding(words *all, const cell &victim, unsigned instance) {
   if (fits.empty()) {
     const bool alone = models::gives(nullptr, log);
     what.intermittent = alone || trial(all, victim.word, other).run() != log;
-    what.sentence += alone ? " failed, but not when it was tried alone: it fails at times, or several cells disturb it."
-                     : what.intermittent ? " fails at times."
-                                         : " fails as no single fault does.";
+    what.sentence +=
+        alone ? " failed, but not when it was tried alone: it or a line is bad at times, or several cells disturb it."
+        : what.intermittent ? " fails at times."
+                            : " fails as no single fault does.";
     what.next = "measure the lines often, --repeat 1000, then replace the chip";
     return what;
   }
@@ -419,6 +421,26 @@ void report_unsteady(std::span<const uint32_t> list, unsigned instance, part_res
               result);
 }
 
+// More than a few cells: a line that is bad at times does that, too, and no access shows which it is.
+void report_many(size_t count, const failing_bits &failing, unsigned instance, part_result *result) {
+  const auto number = std::to_string(instance);
+  unsigned bits = 0;
+  std::string few;
+  for (const auto &[word, wrong] : failing) {
+    if (static_cast<size_t>(std::ranges::count(few, ' ')) < most_cells) few += " " + hex(2 * word);
+    bits |= wrong;
+  }
+  finding what{.sentence = std::to_string(count) + " cells of NVRAM " + number + " fail",
+               .evidence = {"words with wrong bits:" + few + (failing.size() > most_cells ? " and others" : "")},
+               .intermittent = true,
+               .next = "measure the lines often: --repeat 1000; then replace the chip",
+               .places = {"nvram" + number}};
+  if (std::has_single_bit(bits))
+    what.sentence += ", all in bit " + std::to_string(std::countr_zero(bits)) + " of their words";
+  what.sentence += ": a line is bad at times, or the chip is.";
+  add_finding(std::move(what), result);
+}
+
 void report_lost(size_t count, unsigned instance, part_result *result) {
   const auto number = std::to_string(instance);
   add_finding({.sentence = "NVRAM " + number + " does not hold its contents: " + std::to_string(count) +
@@ -447,23 +469,25 @@ std::vector<uint32_t> locate_cells(word_bus *ram, unsigned instance, const setti
     return {};
   }
   const auto failing = march(&all).run();
-  size_t count = 0;
+  std::vector<cell> cells;
   for (const auto &[word, bits] : failing)
     for (unsigned bit = 0; bit < 16; ++bit)
-      if ((bits >> bit & 1U) != 0 && ++count <= most_cells && !all.stopped())
-        add_finding(cell_finding(&all, {word, bit}, instance), result);
+      if ((bits >> bit & 1U) != 0) cells.push_back({word, bit});
+  if (cells.size() > most_cells) {
+    report_many(cells.size(), failing, instance, result);
+  } else {
+    for (const auto &one : cells)
+      if (!all.stopped()) add_finding(cell_finding(&all, one, instance), result);
+  }
   const auto lost = restore(&all, failing);
   all.end_progress();
   if (lost != 0) report_lost(lost, instance, result);
   std::erase_if(unsteady, [&](uint32_t word) { return failing.contains(word) && failing.size() <= most_cells; });
   if (!unsteady.empty()) report_unsteady(unsteady, instance, result);
-  if (all.stopped()) {
+  if (all.stopped())
     add_omission("The cells were not tested to the end: a signal came.", result);
-  } else {
+  else
     result->looked_at.emplace_back("every cell");
-    if (count > most_cells)
-      result->findings.back().evidence.push_back(std::to_string(count - most_cells) + " more cells fail");
-  }
   std::vector<uint32_t> failed;
   for (const auto &[word, bits] : failing)
     failed.push_back(2 * word);

@@ -47,6 +47,10 @@ TEST_F(post_locate, reports_each_kind_of_result) {
        "nvram1: faulty, 3084536 accesses\n  Cell 0x0008 bit 5 of NVRAM 1 is bad: stuck.\n"},
       {"nvram-cell-coupled instance=1 offset=0x4000 bit=1 victim=0x801 vbit=0 p=100000 seed=506", "--cells nvram1", 1,
        "nvram1: faulty, 2854671 accesses\n  A cell of NVRAM 1 is bad at times: bit 8 of the word at 0x800.\n"},
+      // A line that is bad so rarely that 64 rounds do not show it.
+      {"nvram-data-stuck instance=2 line=3 level=1 p=500 seed=416", "--cells nvram2", 1,
+       "nvram2: faulty, 2871079 accesses\n  693 cells of NVRAM 2 fail, all in bit 3 of their words: a line is bad at "
+       "times, or the chip is.\n"},
       {"", "--names /missing", 2, ""},
       {"", "nvram3", 2, ""},
   };
