@@ -165,13 +165,14 @@ uint32_t test_instance(uint32_t inst) {
   }
   const uint32_t words = length / 2;
   if (words == 0) return 0;
-  const auto saved = malloc_array<uint16_t>(words);
+  const uint32_t to_save = words + length % 2;  // every word that begins in the region
+  const auto saved = malloc_array<uint16_t>(to_save);
   if (!saved) return status_no_memory;
-  for (uint32_t i = 0; i < words; ++i)
+  for (uint32_t i = 0; i < to_save; ++i)
     saved[i] = rd(inst, 2 * i);
   const signal_hold::scope until_restored;
   const bool passed = data_phase(inst) && address_phase(inst, words) && pattern_phase(inst, words);
-  for (uint32_t i = 0; i < words; ++i)
+  for (uint32_t i = 0; i < to_save; ++i)
     wr(inst, 2 * i, saved[i]);
   return passed ? 0 : status_failed;
 }

@@ -18,7 +18,8 @@ extern "C" {
 uint32_t dorvan_nvram_test(uint32_t reserved, uint32_t *result, uint32_t device, uint32_t *scratch);
 
 // Tests the NVRAM instances that the card's row in cards.h gives. Each is saved first and written back after any
-// outcome; its first failure ends its test, with lines on standard output. Nothing outside a region is touched. Returns
+// outcome; its first failure ends its test, with lines on standard output. Only words that begin in a region are
+// touched. Returns
 // 0           all passed
 //          0xFFFFFFFF  one or more failed
 //          6           no memory to save an instance; it and the ones after it were not tested

@@ -1,11 +1,11 @@
 #include "post/obfl.h"
 
+#include <alloca.h>
 #include <stdio.h>
 
 #include <array>
 #include <bit>
 
-#include "platform/mfgd/cmn_lib/diag_util/diag_assert.h"
 #include "platform/mfgd/cmn_lib/diag_util/owner.h"
 #include "platform/mfgd/cmn_lib/diag_util/signal_hold.h"
 #include "post/post_tbl.h"
@@ -157,12 +157,11 @@ uint32_t addressline_high_test(uint32_t inst, uint16_t sector, obfl_timeout_t ti
 
 uint32_t obfl_test(const char * /*label*/, uint32_t inst, uint32_t n, const obfl_addr_t *addr, const uint16_t *data,
                    obfl_timeout_t timeout) {
-  assert(n <= words_max);
   if (obfl_wr_array(inst, n, addr, data, timeout) != 0) {
     puts("## Error:obfl_wr_array failed");
     return OBFL_TEST_WRITE_FAILED;
   }
-  uint16_t read[words_max] = {};
+  auto *const read = static_cast<uint16_t *>(alloca(n * sizeof(uint16_t)));
   obfl_rd_array(inst, n, addr, read);
   for (uint32_t i = 0; i < n; ++i) {
     if (read[i] == data[i]) continue;

@@ -58,7 +58,7 @@ uint32_t dorvan_obfl_test(uint32_t reserved, uint32_t *result, uint32_t device, 
 // Writes data[i] at addr[i] for i below n, reads all of them back and compares in order up to the first difference,
 // which two lines on standard output show.
 //   label  names the sub-test; not printed
-//   n      1 to 16
+//   n      at least 1; the words that are read back are on the stack
 // Returns 0, OBFL_TEST_READ_FAILED or OBFL_TEST_WRITE_FAILED.
 [[nodiscard]] uint32_t obfl_test(const char *label, uint32_t inst, uint32_t n, const obfl_addr_t *addr,
                                  const uint16_t *data, obfl_timeout_t timeout);

@@ -70,8 +70,8 @@ constexpr uint64_t set_of(std::initializer_list<int> numbers) {
   return set;
 }
 
-// Those of the process's own faults cannot wait, and the kernel never lets the last two.
-constexpr uint64_t can_wait = ~set_of({SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGKILL, SIGSTOP});
+// Those that an instruction raises cannot wait, and the kernel never lets the last two.
+constexpr uint64_t can_wait = ~set_of({SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS, SIGKILL, SIGSTOP});
 constexpr uint64_t ends_nothing = set_of({SIGCHLD, SIGCONT, SIGURG, SIGWINCH, SIGTSTP, SIGTTIN, SIGTTOU});
 
 // The signals that can wait and would end the process, in turn. The C library reserves two of the real-time signals,

@@ -339,7 +339,7 @@ TEST(obfl_test, writes_reads_and_compares) {
       set_pages += program({set[i]});
       if (i > 4) clear_pages += program({clear[i]});
     }
-    const auto run = [](obfl_subtest_t subtest) {
+    const auto run = [](const auto &subtest) {
       (void)obfl_sector_erase(0, at(0xA0000), quick);
       (void)events();
       EXPECT_EQ(subtest(0, 0x605, quick), 0U);
@@ -348,6 +348,19 @@ TEST(obfl_test, writes_reads_and_compares) {
     EXPECT_EQ(run(dataline_test), program(one) + read(one) + program(zero) + read(zero));
     EXPECT_EQ(run(addressline_low_test), set_pages + read(set) + clear_pages + read(clear));
     EXPECT_EQ(run(addressline_high_test), program({{0xACAFE, 0x605}}) + read({{0xACAFE, 0x605}}));
+    // A list longer than a page.
+    words_t longer = one;
+    longer.push_back(zero[0]);
+    const auto test_longer = [&longer](uint32_t inst, uint16_t, obfl_timeout_t timeout) {
+      std::vector<obfl_addr_t> addr;
+      std::vector<uint16_t> data;
+      for (const auto &[offset, word] : longer) {
+        addr.push_back(at(offset));
+        data.push_back(static_cast<uint16_t>(word));
+      }
+      return obfl_test("", inst, static_cast<uint32_t>(longer.size()), addr.data(), data.data(), timeout);
+    };
+    EXPECT_EQ(run(test_longer), program(one) + program({zero[0]}) + read(longer));
   });
   with_driver({0x40, 0}, [] {
     const std::string said = stdout_of([] { EXPECT_EQ(addressline_high_test(0, 1, quick), 436U); });

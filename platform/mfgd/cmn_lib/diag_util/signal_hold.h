@@ -10,7 +10,8 @@
 // From take() to release(), every signal that can wait does, and takes effect at the release. It blocks by the mask of
 // the calling thread, without a handler. What still ends the process:
 //   SIGKILL                           the way out of a wait that does not end
-//   SIGSEGV, SIGBUS, SIGILL, SIGFPE   what follows is undefined where the process's own fault raises a blocked one
+//   SIGSEGV, SIGBUS, SIGILL, SIGFPE   faults of an instruction: the kernel ends the process at once where it raises a
+//   SIGTRAP, SIGSYS                   blocked one. Whoever watches accesses or system calls by these has handlers.
 //   abort()                           unblocks SIGABRT itself; one from outside waits
 class signal_hold {
  public:
@@ -19,7 +20,7 @@ class signal_hold {
     if (m_taken) return;
     set_t held;
     held.fill(~0UL);
-    for (const int own : {SIGSEGV, SIGBUS, SIGILL, SIGFPE})
+    for (const int own : {SIGSEGV, SIGBUS, SIGILL, SIGFPE, SIGTRAP, SIGSYS})
       held[static_cast<size_t>(own - 1) / word_bits] &= ~(1UL << static_cast<size_t>(own - 1) % word_bits);
     change(SIG_BLOCK, &held, &m_before);
     m_taken = true;
