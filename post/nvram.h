@@ -19,8 +19,8 @@ uint32_t dorvan_nvram_test(uint32_t reserved, uint32_t *result, uint32_t device,
 
 // Tests the NVRAM instances that the card's row in cards.h gives. Each is saved first and written back after any
 // outcome; its first failure ends its test, with lines on standard output. Only words that begin in a region are
-// touched. Returns
-// 0           all passed
+// touched.
+// Returns  0           all passed
 //          0xFFFFFFFF  one or more failed
 //          6           no memory to save an instance; it and the ones after it were not tested
 //          others      the card index cannot be read; nothing was tested

@@ -161,6 +161,7 @@ uint32_t obfl_test(const char * /*label*/, uint32_t inst, uint32_t n, const obfl
     puts("## Error:obfl_wr_array failed");
     return OBFL_TEST_WRITE_FAILED;
   }
+  // On the stack: once the words are in the flash, no lack of memory may keep them from being compared.
   auto *const read = static_cast<uint16_t *>(alloca(n * sizeof(uint16_t)));
   obfl_rd_array(inst, n, addr, read);
   for (uint32_t i = 0; i < n; ++i) {
