@@ -1,6 +1,7 @@
 // From what a run leaves behind to its outcome, and from many outcomes to the matrix in all its forms.
 #include "lab/campaign/fault_facts.h"
 #include "lab/campaign/judge.h"
+#include "lab/campaign/matrix_file.h"
 #include "lab/campaign/shards.h"
 #include "lab/report/html.h"
 #include "lab/report/junit_matrix.h"
