@@ -22,7 +22,7 @@ struct run_explanation {
   std::string text;     // in short, "" if there is nothing to explain
   bool listed = false;  // the fault is among the candidates
   headline_says headline = headline_says::leaves_out;
-  uint64_t places = 0;  // of the finding that lists it
+  uint64_t places = 0;  // of that finding: those that always print it, or all if the fault does only now and then
 };
 
 struct run_result {
