@@ -3,6 +3,7 @@
 #include <string>
 
 #include "fuzz/fuzz.h"
+#include "lab/campaign/matrix_file.h"
 #include "lab/campaign/shards.h"
 #include "lab/report/coverage.h"
 #include "lab/report/html.h"

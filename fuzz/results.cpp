@@ -6,7 +6,7 @@
 #include <string>
 
 #include "fuzz/fuzz.h"
-#include "lab/results/sheet.h"
+#include "lab/results/device_results.h"
 #include "lab/run/cases.h"
 #include "lab/run/records.h"
 #include "lab/run/run_log.h"
@@ -27,7 +27,7 @@ lab::record_list read_records(const std::string &text) {
   MUST_HOLD(list.record_count + list.bad_count <= lines_of(text) + 1);
   size_t line = 0;
   for (const lab::record &one : list.records) {
-    MUST_HOLD(one.line > line && one.place < lab::case_count);
+    MUST_HOLD(one.line > line && one.index < lab::case_count);
     MUST_HOLD(one.result == lab::RECORD_PASS || one.result == lab::RECORD_FAIL);
     line = one.line;
   }
@@ -52,7 +52,7 @@ lab::log_file read_log(const std::string &text) {
 }
 
 void report(const lab::run_pair &pair, size_t form) {
-  lab::sheet results;
+  lab::device_results results;
   results.run = lab::make_report(pair.records, pair.log);
   size_t cases = 0;
   for (const auto value : {lab::verdict::pass, lab::verdict::fail, lab::verdict::skip, lab::verdict::error})

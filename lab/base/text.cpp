@@ -77,15 +77,15 @@ std::string cut_to(std::string text, size_t width) {
 
 // The last blank outside of code from `first` on that leaves at most this many columns before it, else the next one.
 size_t place_to_fold(std::string_view line, size_t first, size_t columns) {
-  size_t place = line.npos;
+  size_t end = line.npos;
   bool code = false;
   for (size_t i = 0; i < line.size(); ++i) {
     code ^= line[i] == '`';
     if (line[i] != ' ' || code || i < first) continue;
-    if (place != line.npos && width_of(line.substr(0, i)) > columns) break;
-    place = i;
+    if (end != line.npos && width_of(line.substr(0, i)) > columns) break;
+    end = i;
   }
-  return place;
+  return end;
 }
 
 }  // namespace

@@ -62,7 +62,7 @@ bool no_row_began(const aftermath &at) {
 
 bool is_flash_tested(const aftermath &at) {
   const auto row = *row_of_test(flash_test);
-  return at.log != nullptr && at.log->rows[row].ended && !at.log->devices[first_place(row)].failed;
+  return at.log != nullptr && at.log->rows[row].ended && !at.log->devices[first_case(row)].failed;
 }
 
 bool is_asserted_at_start(const aftermath &at) {

@@ -9,6 +9,7 @@
 #include "lab/base/fault_list.h"
 #include "lab/base/files.h"
 #include "lab/base/json_defect.h"
+#include "lab/campaign/matrix_file.h"
 
 namespace lab {
 namespace {

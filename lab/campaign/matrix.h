@@ -1,4 +1,4 @@
-// matrix.h: what a campaign found: its runs with their outcomes, counted, stored, and compared with a former one.
+// matrix.h: what a campaign found: its runs with their outcomes, counted, and compared with a former one.
 #pragma once
 
 #include <array>
@@ -11,6 +11,7 @@
 
 #include "lab/campaign/location.h"
 #include "lab/campaign/outcome.h"
+#include "lab/campaign/provenance.h"
 #include "lab/campaign/space.h"
 #include "lab/explain/explain.h"
 
@@ -21,7 +22,7 @@ struct run_explanation {
   std::string text;     // in short, "" if there is nothing to explain
   bool listed = false;  // the fault is among the candidates
   headline_says headline = headline_says::leaves_out;
-  uint64_t places = 0;  // of the finding that lists it
+  uint64_t places = 0;  // of that finding: those that always print it, or all if the fault does only now and then
 };
 
 struct run_result {
@@ -48,22 +49,6 @@ struct campaign_times {
   double run_cpu = 0;    // processor seconds of the runs
   double other_cpu = 0;  // of everything else
   unsigned jobs = 0;     // runs at a time; 0 for the longest of several parts
-};
-
-// Where a matrix comes from. The first three are the same for equal campaigns.
-struct provenance {
-  std::string tool;        // "post-campaign 1.0"
-  std::string program;     // that was tested: its file name
-  unsigned word_bits = 0;  // of the program, 0 if it is not known
-  std::string commit;
-  std::string machine;
-  std::string date;  // when it was made, UTC as in RFC 3339
-  std::string command;
-
-  // Names and values, "" for what is not known.
-  [[nodiscard]] std::vector<std::pair<std::string, std::string>> properties() const;
-  // What is known, as "name: value, name: value", with the machine or without; "not known" if nothing is.
-  [[nodiscard]] std::string text(bool with_machine) const;
 };
 
 // Which part of a campaign a matrix is.
@@ -141,13 +126,6 @@ struct repeated_fault {
   std::optional<double> seconds_to_found = {};  // of all runs up to that one
 };
 [[nodiscard]] std::vector<repeated_fault> rates(const matrix &all);
-
-// As JSON, a run on a line. Without times two campaigns of one state are equal byte for byte.
-[[nodiscard]] std::string matrix_to_json(const matrix &all);
-[[nodiscard]] std::string run_to_json(const run_result &run, bool times);
-// On failure both return nothing and say why in *error.
-[[nodiscard]] std::optional<matrix> matrix_from_json(std::string_view text, std::string *error);
-[[nodiscard]] std::optional<run_result> run_from_json(std::string_view text, std::string *error);
 
 // What is not as in a former campaign: one line each, empty if nothing changed. A run that only one of them has counts
 // if both took the same space.

@@ -50,9 +50,9 @@ std::string without(std::string text, const std::string &part) {
 std::vector<pci_position> parse_pci_list(const std::string &text) {
   std::vector<pci_position> functions;
   for (const auto line : pieces_of(text, '\n')) {
-    unsigned place = 0;
-    const auto [end, wrong] = std::from_chars(line.data(), line.data() + line.size(), place, 16);
-    if (wrong == std::errc{}) functions.push_back({place >> 8, place >> 3 & 0x1F, place & 7});
+    unsigned devfn = 0;
+    const auto [end, wrong] = std::from_chars(line.data(), line.data() + line.size(), devfn, 16);
+    if (wrong == std::errc{}) functions.push_back({devfn >> 8, devfn >> 3 & 0x1F, devfn & 7});
   }
   return functions;
 }
@@ -111,23 +111,23 @@ std::string runner::prepare_board(const board_setting &board) {
 // All faults in one run, with the contents that every run begins with.
 std::vector<occasion_range> runner::count_occasions(const std::vector<std::string> &faults) {
   const run_item healthy{"", {}, run_mode::full};
-  const auto place = directory("occasions");
+  const auto home = directory("occasions");
   const auto flash = directory("flash-0");
   std::error_code ignored;
-  std::filesystem::create_directories(place, ignored);
+  std::filesystem::create_directories(home, ignored);
   if (!m_contents.make().empty() || !prepare_board(healthy.board).empty() ||
-      !m_contents.fill(healthy, place + "/state", flash).empty())
+      !m_contents.fill(healthy, home + "/state", flash).empty())
     return {};
   constexpr std::string_view never = " nth=1000000000";
-  auto words = command(healthy, place);
+  auto words = command(healthy, home);
   const auto end = std::ranges::find(words, "--");
-  std::vector<std::string> probes{"--occasions", place + "/report"};
+  std::vector<std::string> probes{"--occasions", home + "/report"};
   for (const auto &fault : faults)
     probes.insert(probes.end(), {"--fault", fault + std::string(never)});
   words.insert(end, probes.begin(), probes.end());
   const auto ran = run_process(words, m_options.limits, m_stop_fd);
-  const auto report = read_whole(place + "/report").value_or("");
-  std::filesystem::remove_all(place, ignored);
+  const auto report = read_whole(home + "/report").value_or("");
+  std::filesystem::remove_all(home, ignored);
   std::filesystem::remove(flash, ignored);
   return ran.error != 0 || ran.status != 0 ? std::vector<occasion_range>{} : parse_occasions(report, never);
 }
@@ -152,41 +152,41 @@ std::vector<std::string> runner::command(const run_item &what, const std::string
 
 std::optional<run_result> runner::run_one(const run_item &what, const std::string &name, unsigned slot,
                                           std::string *error) const {
-  const auto place = directory(name);
-  const auto state = place + "/state";
+  const auto home = directory(name);
+  const auto state = home + "/state";
   const auto flash = may_reach_flash(what) ? directory("flash-" + std::to_string(slot)) : "";
   std::error_code ignored;
-  std::filesystem::remove_all(place, ignored);
-  std::filesystem::create_directories(place, ignored);
+  std::filesystem::remove_all(home, ignored);
+  std::filesystem::create_directories(home, ignored);
   *error = m_contents.fill(what, state, flash);
   if (!error->empty()) return std::nullopt;
 
   run_evidence evidence;
-  evidence.process = run_process(command(what, place), m_options.limits, m_stop_fd);
+  evidence.process = run_process(command(what, home), m_options.limits, m_stop_fd);
   evidence.changes = m_contents.compare(what, state, flash, m_options.keep);
   if (evidence.process.stopped) return std::nullopt;
   evidence.process.output = without(std::move(evidence.process.output), state);
   evidence.records = read_whole(state + std::string(post_directory)).value_or("");
-  if (!what.fault.empty()) evidence.fired = first_count(read_whole(place + "/fired").value_or(""));
+  if (!what.fault.empty()) evidence.fired = first_count(read_whole(home + "/fired").value_or(""));
   auto result = judge(what, evidence);
   // Without power nothing answers post-locate either.
   const bool has_power = !parse_fault_text(what.fault).name.ends_with("-power-cut");
   if (m_options.locate && result.end != outcome::refused && has_power) {
-    result.located = locate(what, place, slot, error);
+    result.located = locate(what, home, slot, error);
     if (!result.located) return std::nullopt;
   }
   if (m_options.keep)
-    *error = write_whole(place + "/output", evidence.process.output);
+    *error = write_whole(home + "/output", evidence.process.output);
   else
-    std::filesystem::remove_all(place, ignored);
+    std::filesystem::remove_all(home, ignored);
   return result;
 }
 
-std::optional<location> runner::locate(const run_item &what, const std::string &place, unsigned slot,
+std::optional<location> runner::locate(const run_item &what, const std::string &home, unsigned slot,
                                        std::string *error) const {
   auto whole = what;
   whole.mode = run_mode::full;
-  const auto state = place + "/located";
+  const auto state = home + "/located";
   const auto flash = directory("flash-" + std::to_string(slot));
   *error = m_contents.fill(whole, state, flash);
   if (!error->empty()) return std::nullopt;
@@ -194,13 +194,13 @@ std::optional<location> runner::locate(const run_item &what, const std::string &
   const auto options = board_options(whole, true);
   words.insert(words.end(), options.begin(), options.end());
   words.insert(words.end(), {"--", post_locate_beside(m_options.board_sim), "--cells", "--write", "--wait", "1",
-                             "--json", place + "/located.json"});
+                             "--json", home + "/located.json"});
   const auto process = run_process(words, m_options.limits, m_stop_fd);
   const auto changes = m_contents.compare(whole, state, flash, m_options.keep);
   if (process.stopped) return std::nullopt;
-  auto found = judge_location(what, read_whole(place + "/located.json").value_or(""));
+  auto found = judge_location(what, read_whole(home + "/located.json").value_or(""));
   found.contents = contents_text(changes);
-  if (m_options.keep) *error = write_whole(place + "/located.txt", process.output);
+  if (m_options.keep) *error = write_whole(home + "/located.txt", process.output);
   return found;
 }
 

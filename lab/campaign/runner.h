@@ -47,7 +47,7 @@ class runner {
   [[nodiscard]] std::optional<run_result> run_one(const run_item &what, const std::string &name, unsigned slot,
                                                   std::string *error) const;
   // What post-locate beside the board makes of the same board; nothing if it was stopped or the board refused.
-  [[nodiscard]] std::optional<location> locate(const run_item &what, const std::string &place, unsigned slot,
+  [[nodiscard]] std::optional<location> locate(const run_item &what, const std::string &home, unsigned slot,
                                                std::string *error) const;
   [[nodiscard]] bool may_reach_flash(const run_item &what) const;
   [[nodiscard]] std::vector<std::string> command(const run_item &what, const std::string &directory) const;

@@ -85,7 +85,19 @@ constexpr std::string_view page_legend =
     "fault is at no place that it names. A place is a line, a pair of lines, the cell that reads wrong, an operation "
     "of a chip or a byte: something that a person can measure or replace. Where there are many, a headline names their "
     "kind, such as cells or data lines; for the flash a kind counts as one place. A list that contains the true fault "
-    "does not prove it: with several places, the output is not enough to decide, and the program says so.\n";
+    "does not prove it: with several places, the output is not enough to decide, and the program says so. Places are "
+    "those "
+    "of the faults that print the lines each time; where the true one does only if it comes and goes, of all "
+    "candidates.\n";
+
+// How many places are candidates as well as the fault's: those of the faults that always print the lines if it is one
+// of them, else all.
+size_t places_beside(const finding &found, const fault_text &fault) {
+  auto groups = found.faults;
+  if (std::ranges::none_of(groups, [&](const fault_group &group) { return group.holds(fault); }))
+    groups.insert(groups.end(), found.now_and_then.begin(), found.now_and_then.end());
+  return count_places(groups);
+}
 
 }  // namespace
 
@@ -99,7 +111,7 @@ run_explanation explain_result(const run_item &run, const run_log *log, std::spa
   for (const auto &found : what.findings) {
     if (!found.lists(fault)) continue;
     result.headline = std::max(result.headline, found.headline_on(fault));
-    if (!result.listed) result.places = count_places(found.faults.empty() ? found.now_and_then : found.faults);
+    if (!result.listed) result.places = places_beside(found, fault);
     result.listed = true;
   }
   return result;
@@ -134,9 +146,10 @@ std::string matrix_to_score(const matrix &all) {
           " are among the candidates. The headlines name " + headlines(headline_says::names) + ", leave out " +
           headlines(headline_says::leaves_out) + ", and name no place for " + headlines(headline_says::no_place) +
           ". In " + only_one(total) +
-          " explanations the fault's place is the only candidate. Of the faults that were " +
-          "printed although no device failed, " + share(printed.listed, printed.runs) + " are listed. " +
-          std::to_string(sums[run_kind::silent].runs) + " runs printed nothing about their fault.\n";
+          " explanations no other place prints the lines each time; some can if they come and go. Of the faults that "
+          "were printed although no device failed, " +
+          share(printed.listed, printed.runs) + " are listed. " + std::to_string(sums[run_kind::silent].runs) +
+          " runs printed nothing about their fault.\n";
   page += page_legend;
   for (const auto &one : sections)
     page += section_text(one, kinds);

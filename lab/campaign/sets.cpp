@@ -319,8 +319,7 @@ std::optional<fault_space> standard_space(const space_source &source, std::strin
   if (!expand_all(standard_patterns, source, &space, error)) return std::nullopt;
   space.description =
       "every kind of fault that POST can meet, with parameters worth having, every data and address line of each "
-      "memory "
-      "stuck at both levels; one fault a run";
+      "memory stuck at both levels; one fault a run";
   return space;
 }
 

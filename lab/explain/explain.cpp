@@ -39,7 +39,7 @@ bool has_line(const std::vector<message> &lines, std::string_view pattern) {
 std::array<size_t, 2> ports_by_verdict(const run_log &log) {
   std::array<size_t, 2> count{};
   for (const size_t port : {size_t{0}, size_t{3}}) {
-    const auto &device = log.devices[first_place(*row_of_test(5)) + port];
+    const auto &device = log.devices[first_case(*row_of_test(5)) + port];
     if (device.ended) ++count[device.messages.contain("Fail to parse /post/ethtool.log") ? 0 : 1];
   }
   return count;
@@ -47,7 +47,7 @@ std::array<size_t, 2> ports_by_verdict(const run_log &log) {
 
 // Whether no SPROM was read, as far as the log shows. `whole`: both were tried.
 bool nothing_was_read(const run_log &log, bool whole) {
-  const auto sproms = std::span(log.devices).subspan(first_place(*row_of_test(seeprom_test)), 2);
+  const auto sproms = std::span(log.devices).subspan(first_case(*row_of_test(seeprom_test)), 2);
   const auto passed = [](const device_log &one) { return one.ended && !one.failed; };
   return has_line(log.startup.kept, unread_text) && std::ranges::none_of(sproms, passed) &&
          std::ranges::all_of(sproms, &device_log::ended) == whole;
@@ -267,10 +267,10 @@ void run_explainer::scan(scope where) {
 }
 
 void run_explainer::scan_device(size_t row, size_t device) {
-  const auto place = first_place(row) + device;
-  const auto &of = m_log.devices[place];
-  const auto row_devices = std::span(m_log.devices).subspan(first_place(row), rows[row].parts.size());
-  scope where{{}, &m_log, m_log.stopped_at() == place};
+  const auto index = first_case(row) + device;
+  const auto &of = m_log.devices[index];
+  const auto row_devices = std::span(m_log.devices).subspan(first_case(row), rows[row].parts.size());
+  scope where{{}, &m_log, m_log.stopped_at() == index};
   where.lines.row = rows[row].key;
   where.lines.part = rows[row].parts[device];
   where.lines.device = std::string(rows[row].key) + "." + std::to_string(device);
@@ -320,7 +320,7 @@ explanation run_explainer::explain() {
     for (size_t device = 0; device < rows[row].parts.size(); ++device)
       scan_device(row, device);
   scan_outside(m_log.between, "between");
-  const bool all_seen = m_log.devices[first_place(*row_of_test(pcie_test))].ended;
+  const bool all_seen = m_log.devices[first_case(*row_of_test(pcie_test))].ended;
   join_misread_revision(m_log.change_bits.value_or(0), all_seen, &m_all.findings);
   add_end();
   for (auto &found : m_all.findings)
@@ -334,7 +334,7 @@ void add_recorded(const run_log *log, std::span<const record> records, explanati
   for (const auto &one : report.cases) {
     const auto has_device = [&](const finding &found) { return found.device == one.name(); };
     if (one.result != verdict::fail || std::ranges::any_of(all->findings, has_device)) continue;
-    if (log != nullptr && log->devices[first_place(one.row) + static_cast<size_t>(one.device)].failed) continue;
+    if (log != nullptr && log->devices[first_case(one.row) + static_cast<size_t>(one.device)].failed) continue;
     finding found;
     found.device = one.name();
     found.part = one.part();

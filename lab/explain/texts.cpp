@@ -17,9 +17,8 @@ constexpr std::string_view eeprom_unreadable =
     "i2c-bus-absent bus=1; i2c-absent bus=1 addr=0x52; i2c-fail bus=1 addr=0x52 errno=* times=0";
 constexpr std::string_view eeprom_unread_at_times = "~i2c-absent bus=1 addr=0x52; ~i2c-fail bus=1 addr=0x52 errno=*";
 constexpr std::string_view eeprom_perhaps_unreadable =
-    "?i2c-bus-absent bus=1; ?i2c-absent bus=1 addr=0x52; ?i2c-fail bus=1 addr=0x52 errno=*; ~i2c-absent bus=1 "
-    "addr=0x52; "
-    "~i2c-fail bus=1 addr=0x52 errno=*";
+    "?i2c-bus-absent bus=1; ?i2c-absent bus=1 addr=0x52; ?i2c-fail bus=1 addr=0x52 errno=*; "
+    "~i2c-absent bus=1 addr=0x52; ~i2c-fail bus=1 addr=0x52 errno=*";
 constexpr std::string_view look_at_bus =
     "Look whether bus 1 has its device file and whether the EEPROM acknowledges at 0x52 (i2cdetect -y 1).";
 constexpr std::string_view look_at_bridge = "Look at the bridge's base address registers (lspci -vv, setpci).";

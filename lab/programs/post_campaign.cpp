@@ -2,24 +2,19 @@
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
-#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
 #include <csignal>
 #include <cstdio>
-#include <ctime>
 #include <filesystem>
-#include <numeric>
-#include <thread>
 
 #include "lab/base/command_line.h"
 #include "lab/base/files.h"
 #include "lab/base/text.h"
-#include "lab/campaign/journal.h"
-#include "lab/campaign/matrix.h"
-#include "lab/campaign/runner.h"
+#include "lab/campaign/campaign.h"
+#include "lab/campaign/matrix_file.h"
 #include "lab/campaign/score.h"
 #include "lab/campaign/shards.h"
 #include "lab/campaign/work_directory.h"
@@ -34,15 +29,7 @@ extern const char lab_commit[];
 namespace {
 
 struct options {
-  std::string set = "standard";
-  uint64_t samples = 100;
-  uint64_t seed = 1;
-  std::vector<std::string> faults;
-  std::string from;
-  uint64_t healthy = 0;
-  uint32_t repeats = 1;
-  lab::board_setting board;
-  std::string mode;
+  lab::campaign_request campaign;
 
   std::string json;
   std::string junit;
@@ -50,23 +37,13 @@ struct options {
   std::string coverage;
   std::string explain;
   std::string expect;
-  bool locate = false;
   bool no_times = false;
   bool summary = false;
   bool wide = false;
   bool list = false;
 
-  std::string shard;
   std::vector<std::string> merge;
   std::string read;
-  std::string resume;
-  std::string work;
-  bool keep = false;
-  unsigned jobs = std::max(1U, std::thread::hardware_concurrency());
-  uint64_t limit = 120;
-  double wall_limit = 0;
-  std::string board_sim;
-  std::string program;
 };
 
 constexpr char program[] = "post-campaign";
@@ -119,215 +96,7 @@ size_t terminal_width() {
   return size.ws_col;
 }
 
-// ---- what is to be run
-
-// Whether the faults are such that the board knows them, with good values.
-bool are_good(const std::vector<lab::run_item> &runs, std::string *error) {
-  return std::ranges::all_of(runs, [error](const auto &run) { return sim::fault_parse(run.fault, error).has_value(); });
-}
-
-std::optional<lab::fault_space> own_space(const options &opts, const lab::space_source &source, std::string *error) {
-  lab::fault_space space{"own", "faults as asked for; one fault a run", {}};
-  auto patterns = opts.faults;
-  if (!opts.from.empty()) {
-    const auto text = lab::read_whole(opts.from);
-    if (!text) {
-      *error = lab::os_error(opts.from);
-      return std::nullopt;
-    }
-    for (const auto line : lab::pieces_of(*text, '\n'))
-      if (!lab::words_of(line).empty() && !lab::words_of(line)[0].starts_with('#')) patterns.emplace_back(line);
-  }
-  for (const auto &pattern : patterns) {
-    const auto runs = lab::expand(pattern, {opts.board, lab::mode_named(opts.mode)}, source, error);
-    if (!runs || !are_good(*runs, error)) return std::nullopt;
-    space.runs.insert(space.runs.end(), runs->begin(), runs->end());
-  }
-  if (space.runs.empty()) {
-    *error = opts.from.empty() ? "no board has such a fault" : opts.from + ": no faults";
-    return std::nullopt;
-  }
-  return space;
-}
-
-std::optional<lab::fault_space> space_of(const options &opts, const lab::space_source &source, std::string *error) {
-  if (opts.healthy > 0) return lab::healthy_space(opts.healthy, lab::mode_named(opts.mode));
-  if (!opts.faults.empty() || !opts.from.empty()) return own_space(opts, source, error);
-  if (opts.set == "lines") return lab::lines_space(source, error);
-  if (opts.set == "cells") return lab::drawn_space(lab::drawn::cells, opts.samples, opts.seed, source, error);
-  if (opts.set == "drawn") return lab::drawn_space(lab::drawn::any, opts.samples, opts.seed, source, error);
-  if (opts.set == "transients") return lab::transients_space(opts.samples, opts.seed, source, error);
-  return lab::standard_space(source, error);
-}
-
 // ---- running it
-
-struct campaign {
-  lab::work_directory work;
-  lab::campaign_plan plan;
-  std::map<size_t, lab::run_result> done;
-};
-
-lab::runner make_runner(const options &opts, const campaign &all) {
-  return {{all.plan.board_sim,
-           all.work.path(),
-           all.plan.program,
-           {std::chrono::milliseconds(all.plan.limit_ms), std::chrono::milliseconds(all.plan.wall_limit_ms)},
-           opts.jobs,
-           opts.keep,
-           all.plan.locate},
-          stop_pipe[0]};
-}
-
-std::string begin(const options &opts, campaign *all) {
-  std::error_code ignored;
-  const auto own = std::filesystem::read_symlink("/proc/self/exe", ignored).parent_path().string();
-  all->plan.board_sim = opts.board_sim.empty() ? own + "/board-sim" : lab::absolute_path(opts.board_sim);
-  all->plan.program = lab::absolute_path(opts.program);
-  all->plan.limit_ms = opts.limit * 1000;
-  all->plan.wall_limit_ms =
-      opts.wall_limit > 0 ? static_cast<uint64_t>(opts.wall_limit * 1000) : 10 * all->plan.limit_ms;
-  all->plan.repeats = opts.repeats;
-  all->plan.locate = opts.locate;
-  if (!opts.shard.empty()) {
-    std::string error;
-    all->plan.shard = lab::parse_shard(opts.shard, &error);
-    if (!all->plan.shard) return error;
-  }
-  return all->work.make(opts.work);
-}
-
-std::string go_on(const options &opts, campaign *all) {
-  std::string error = all->work.take_over(opts.resume);
-  if (!error.empty()) return error;
-  auto plan = lab::read_plan(all->work.path(), &error);
-  if (!plan) return error;
-  all->plan = std::move(*plan);
-  all->done = lab::read_runs(all->work.path());
-  return "";
-}
-
-// The positions of the runs that are this campaign's part of the plan.
-std::vector<size_t> own_positions(const campaign &all) {
-  const auto shard = all.plan.shard.value_or(lab::shard_number{});
-  return lab::split(all.plan.space.runs, shard.of).at(shard.number - 1);
-}
-
-// Runs what is not done. Returns "" or what went wrong.
-std::string run_all(const options &opts, lab::runner *runner, campaign *all) {
-  const auto &runs = all->plan.space.runs;
-  std::vector<size_t> wanted;
-  std::vector<lab::run_item> left;
-  for (const auto i : own_positions(*all)) {
-    if (all->done.contains(i)) continue;
-    wanted.push_back(i);
-    left.push_back(runs[i]);
-  }
-  lab::live_line live(left, opts.jobs);
-  std::string wrong;
-  auto failed = runner->run(runs, wanted, [&](size_t index, lab::run_result result) {
-    if (wrong.empty()) wrong = lab::add_run(all->work.path(), index, result);
-    live.add(result);
-    all->done.insert_or_assign(index, std::move(result));
-  });
-  live.end();
-  return failed.empty() ? wrong : failed;
-}
-
-// The program under test: post lies beside the board.
-std::string tested_program(const lab::campaign_plan &plan) {
-  const auto beside = std::filesystem::path(plan.board_sim).parent_path() / "post";
-  return plan.program.empty() ? beside.string() : plan.program;
-}
-
-std::string command_line() {
-  auto words = lab::read_whole("/proc/self/cmdline").value_or("");
-  while (!words.empty() && words.back() == '\0')
-    words.pop_back();
-  std::ranges::replace(words, '\0', ' ');
-  return lab::printable(words);
-}
-
-std::string now_text() {
-  const std::time_t now = std::time(nullptr);
-  std::tm fields{};
-  char text[32] = "";
-  if (gmtime_r(&now, &fields) != nullptr) (void)std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &fields);
-  return text;
-}
-
-lab::provenance origin_of(const lab::campaign_plan &plan, const std::string &program_bytes) {
-  constexpr std::string_view elf(
-      "\x7F"
-      "ELF");
-  unsigned bits = 0;
-  if (program_bytes.starts_with(elf) && program_bytes.size() > elf.size())
-    bits = program_bytes[elf.size()] == 1 ? 32 : 64;
-  utsname machine{};
-  (void)uname(&machine);
-  return {"post-campaign " LAB_VERSION,
-          std::filesystem::path(tested_program(plan)).filename().string(),
-          bits,
-          lab_commit,
-          std::string(machine.nodename) + " " + machine.machine,
-          now_text(),
-          command_line()};
-}
-
-// What decides the results beside the runs: the programs, this one among them, and the limits.
-std::vector<std::string> deciding(const lab::campaign_plan &plan, const std::string &program_bytes) {
-  std::error_code ignored;
-  const auto board = std::filesystem::weakly_canonical(plan.board_sim, ignored);
-  const auto libraries = board.parent_path().parent_path() / "lib";
-  std::vector<std::string> all{program_bytes, plan.fault_list, std::to_string(plan.limit_ms),
-                               std::to_string(plan.wall_limit_ms)};
-  for (const auto &file :
-       {std::string("/proc/self/exe"), plan.board_sim, (libraries / "libboard_sim.so").string(),
-        (libraries / "libutils.so").string(), plan.locate ? lab::post_locate_beside(plan.board_sim) : ""})
-    all.push_back(lab::read_whole(file).value_or(""));
-  return all;
-}
-
-lab::matrix matrix_of(campaign *all) {
-  const auto program_bytes = lab::read_whole(tested_program(all->plan)).value_or("");
-  lab::matrix matrix;
-  matrix.origin = origin_of(all->plan, program_bytes);
-  matrix.space = all->plan.space.name;
-  matrix.description = all->plan.space.description;
-  matrix.repeats = all->plan.repeats;
-  if (matrix.space == "standard")
-    for (const auto &kind : lab::left_out_kinds())
-      matrix.left_out.emplace_back(kind.name, kind.reason);
-  if (const auto &shard = all->plan.shard)
-    matrix.part = {shard->number, shard->of,
-                   lab::plan_identity(all->plan.space.runs, deciding(all->plan, program_bytes)),
-                   all->plan.space.runs.size(), own_positions(*all)};
-  for (const auto i : own_positions(*all))
-    matrix.runs.push_back(std::move(all->done.at(i)));
-  return matrix;
-}
-
-// Plans the runs of a new campaign. Returns "" or what went wrong.
-std::string plan_runs(const options &opts, const lab::runner &runner, campaign *all) {
-  std::string error;
-  auto space = space_of(opts, runner.source(), &error);
-  if (!space) return error;
-  all->plan.space = std::move(*space);
-  lab::repeat_runs(&all->plan.space, opts.repeats);
-  all->plan.fault_list = runner.fault_list_text();
-  return lab::write_plan(all->work.path(), all->plan);
-}
-
-// Returns "" or why the campaign cannot go on.
-std::string check_plan(const lab::runner &runner, const campaign &all) {
-  if (all.plan.fault_list == runner.fault_list_text()) return "";
-  return "the board's faults are no longer those of the campaign in " + all.work.path();
-}
-
-void list_runs(const campaign &all) {
-  for (const auto i : own_positions(all))
-    (void)std::printf("%s\n", all.plan.space.runs[i].key().c_str());
-}
 
 const char *typed_command = program;
 std::vector<std::string> typed;  // the arguments
@@ -355,15 +124,6 @@ std::string resume_command(const std::string &work) {
   return line;
 }
 
-// Whether all runs are done. Where they are not, their directory stays, to go on with.
-bool is_whole(const options &opts, campaign *all) {
-  const auto own = own_positions(*all);
-  const bool whole = std::ranges::all_of(own, [&](size_t i) { return all->done.contains(i); });
-  if (opts.keep || !whole) all->work.keep();
-  if (!whole) (void)lab::complain(program, "interrupted; go on with: " + resume_command(all->work.path()));
-  return whole;
-}
-
 using steady = std::chrono::steady_clock;
 
 lab::campaign_times times_of(const lab::matrix &matrix, steady::time_point start, unsigned jobs) {
@@ -376,22 +136,24 @@ lab::campaign_times times_of(const lab::matrix &matrix, steady::time_point start
 
 // Returns nothing and says why in *error if there is no whole matrix.
 std::optional<lab::matrix> run_campaign(const options &opts, std::string *error) {
-  campaign all;
-  *error = opts.resume.empty() ? begin(opts, &all) : go_on(opts, &all);
-  if (!error->empty()) return std::nullopt;
-  auto runner = make_runner(opts, all);
-  *error = runner.prepare();
-  if (error->empty()) *error = opts.resume.empty() ? plan_runs(opts, runner, &all) : check_plan(runner, all);
+  lab::campaign all(opts.campaign, stop_pipe[0]);
+  *error = all.prepare();
   if (!error->empty()) return std::nullopt;
   if (opts.list) {
-    list_runs(all);
+    for (const auto &run : all.runs())
+      (void)std::printf("%s\n", run.key().c_str());
     return lab::matrix{};
   }
   const auto start = steady::now();
-  *error = run_all(opts, &runner, &all);
-  if (!is_whole(opts, &all) || !error->empty()) return std::nullopt;
-  auto matrix = matrix_of(&all);
-  matrix.times = times_of(matrix, start, opts.jobs);
+  lab::live_line live(all.left(), opts.campaign.jobs);
+  *error = all.run([&live](const lab::run_result &result) { live.add(result); });
+  live.end();
+  const bool whole = all.left().empty();
+  if (opts.campaign.keep || !whole) all.keep();
+  if (!whole) (void)fail("interrupted; go on with: " + resume_command(all.directory()));
+  if (!whole || !error->empty()) return std::nullopt;
+  auto matrix = all.take_matrix("post-campaign " LAB_VERSION, lab_commit);
+  matrix.times = times_of(matrix, start, opts.campaign.jobs);
   return matrix;
 }
 
@@ -417,8 +179,8 @@ std::optional<lab::matrix> merge_matrices(const std::vector<std::string> &paths,
   }
   auto whole = lab::merge(std::move(parts), error);
   if (whole && !whole->origin.date.empty()) {
-    whole->origin.date = now_text();
-    whole->origin.command = command_line();
+    whole->origin.date = lab::now_text();
+    whole->origin.command = lab::command_line();
   }
   return whole;
 }
@@ -479,26 +241,28 @@ constexpr const char *examples =
     "Exit status: 0 everything is accounted for, 1 something is not or has changed, 2 wrong usage or an error.\n";
 
 void add_space_options(CLI::App *app, options *opts) {
-  auto *const set =
-      app->add_option("--set", opts->set, "the fault space: standard (default), lines, cells, drawn or transients")
-          ->check(CLI::IsMember({"standard", "lines", "cells", "drawn", "transients"}));
-  app->add_option("--samples", opts->samples, "number of random faults, for transients in each stratum; default 100")
+  auto *const set = app->add_option("--set", opts->campaign.set,
+                                    "the fault space: standard (default), lines, cells, drawn or transients")
+                        ->check(CLI::IsMember({"standard", "lines", "cells", "drawn", "transients"}));
+  app->add_option("--samples", opts->campaign.samples,
+                  "number of random faults, for transients in each stratum; default 100")
       ->check(CLI::Range(uint64_t{1}, uint64_t{1'000'000}));
-  app->add_option("--seed", opts->seed, "seed of these; default 1");
-  auto *const fault = app->add_option("--fault", opts->faults, "your own faults, as a pattern; may be repeated")
-                          ->allow_extra_args(false);
-  auto *const from = app->add_option("--from", opts->from, "a file of patterns, one per line");
-  auto *const healthy = app->add_option("--healthy", opts->healthy, "number of runs of healthy boards")
+  app->add_option("--seed", opts->campaign.seed, "seed of these; default 1");
+  auto *const fault =
+      app->add_option("--fault", opts->campaign.faults, "your own faults, as a pattern; may be repeated")
+          ->allow_extra_args(false);
+  auto *const from = app->add_option("--from", opts->campaign.from, "a file of patterns, one per line");
+  auto *const healthy = app->add_option("--healthy", opts->campaign.healthy, "number of runs of healthy boards")
                             ->check(CLI::Range(uint64_t{1}, uint64_t{1'000'000}));
   set->excludes(fault)->excludes(from)->excludes(healthy);
   healthy->excludes(fault)->excludes(from);
-  app->add_option("--repeat", opts->repeats, "how many times to run each fault")
+  app->add_option("--repeat", opts->campaign.repeats, "how many times to run each fault")
       ->check(CLI::Range(uint32_t{1}, uint32_t{100'000}));
-  app->add_option("--card", opts->board.card, "card of patterns that name none; default 11062")
+  app->add_option("--card", opts->campaign.board.card, "card of patterns that name none; default 11062")
       ->check(CLI::Range(0U, 65535U));
-  app->add_option("--revision", opts->board.revision, "its revision: P0 or P1 (default)")
+  app->add_option("--revision", opts->campaign.board.revision, "its revision: P0 or P1 (default)")
       ->check(CLI::IsMember({"P0", "P1"}));
-  app->add_option("--mode", opts->mode, "short, no-flash or full, instead of each fault's own")
+  app->add_option("--mode", opts->campaign.mode, "short, no-flash or full, instead of each fault's own")
       ->check(CLI::IsMember({"short", "no-flash", "full"}));
 }
 
@@ -519,29 +283,33 @@ void add_output_options(CLI::App *app, options *opts) {
 
 void add_run_options(CLI::App *app, options *opts) {
   auto *const read = app->add_option("--read", opts->read, "read this matrix and run nothing");
-  auto *const resume =
-      app->add_option("--resume", opts->resume, "continue the campaign that was interrupted in this directory");
+  auto *const resume = app->add_option("--resume", opts->campaign.resume,
+                                       "continue the campaign that was interrupted in this directory");
   resume->excludes(read);
   auto *const merge = app->add_option("--merge", opts->merge, "put these matrices of shards together and run nothing");
   merge->excludes(read)->excludes(resume);
-  app->add_option("--shard", opts->shard, "run only part K of N that cost the same, as K/N; auto asks the environment")
+  app->add_option("--shard", opts->campaign.shard,
+                  "run only part K of N that cost the same, as K/N; auto asks the environment")
       ->excludes(read)
       ->excludes(resume)
       ->excludes(merge);
-  app->add_option("--work", opts->work, "work in this directory, new or empty; default a temporary one");
-  app->add_flag("--locate", opts->locate, "run post-locate with each fault, too, and judge the places that it names")
+  app->add_option("--work", opts->campaign.work, "work in this directory, new or empty; default a temporary one");
+  app->add_flag("--locate", opts->campaign.locate,
+                "run post-locate with each fault, too, and judge the places that it names")
       ->excludes(read)
       ->excludes(merge);
-  app->add_flag("--keep", opts->keep, "keep the work directory, with the output and files of each run");
-  app->add_option("-j,--jobs", opts->jobs, "runs at a time; default one for each processor")
+  app->add_flag("--keep", opts->campaign.keep, "keep the work directory, with the output and files of each run");
+  app->add_option("-j,--jobs", opts->campaign.jobs, "runs at a time; default one for each processor")
       ->check(CLI::Range(1U, 1024U));
-  app->add_option("--limit", opts->limit, "whole processor seconds after which a run counts as hung; default 120")
+  app->add_option("--limit", opts->campaign.limit,
+                  "whole processor seconds after which a run counts as hung; default 120")
       ->check(CLI::Range(uint64_t{1}, uint64_t{86400}));
-  app->add_option("--wall-limit", opts->wall_limit, "the same in seconds of the clock; default ten times as many")
+  app->add_option("--wall-limit", opts->campaign.wall_limit,
+                  "the same in seconds of the clock; default ten times as many")
       ->check(CLI::Range(0.1, 864000.0));
-  app->add_option("--board-sim", opts->board_sim,
+  app->add_option("--board-sim", opts->campaign.board_sim,
                   "the simulated board; default the one in the directory of this program");
-  app->add_option("--program", opts->program, "run this program instead of post");
+  app->add_option("--program", opts->campaign.program, "run this program instead of post");
 }
 
 // A campaign is long: files that cannot be written are reported before it. Returns "" or what is wrong.

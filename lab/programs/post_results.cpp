@@ -13,8 +13,8 @@
 #include "lab/base/command_line.h"
 #include "lab/base/files.h"
 #include "lab/base/text.h"
+#include "lab/results/device_results.h"
 #include "lab/results/identity.h"
-#include "lab/results/sheet.h"
 #include "lab/run/cases.h"
 #include "lab/run/records.h"
 #include "lab/run/run_log.h"
@@ -30,7 +30,7 @@ struct options {
   std::string sprom;
   std::optional<int64_t> run;  // instead of the last one
   size_t forms = 0;            // asked for
-  std::function<std::string(const lab::sheet &)> form = lab::table;
+  std::function<std::string(const lab::device_results &)> form = lab::table;
   std::string file = "-";  // that gets the form; - is standard output
 };
 
@@ -52,11 +52,11 @@ int complain(const std::string &what) {
 
 void add_options(CLI::App *app, options *chosen) {
   constexpr char group[] = "Formats (default: table)";
-  const auto choose = [chosen](std::string (*write)(const lab::sheet &)) {
+  const auto choose = [chosen](std::string (*write)(const lab::device_results &)) {
     if (++chosen->forms > 1) throw CLI::ValidationError("more than one format given");
     chosen->form = write;
   };
-  const auto form = [&](const char *name, const char *what, std::string (*write)(const lab::sheet &)) {
+  const auto form = [&](const char *name, const char *what, std::string (*write)(const lab::device_results &)) {
     app->add_flag_callback(
            name, [choose, write] { choose(write); }, what)
         ->group(group);
@@ -161,7 +161,7 @@ line_range lines_around(const std::deque<lab::record> &records, const std::vecto
 }
 
 // Bad lines are findings where they may be this run's.
-void add_bad_lines(const record_list &list, const std::vector<lab::record> &run, lab::sheet *results) {
+void add_bad_lines(const record_list &list, const std::vector<lab::record> &run, lab::device_results *results) {
   const line_range range = lines_around(list.records, run);
   bool own = list.bad_unlisted > 0;
   for (const lab::bad_lines &bad : list.bad) {
@@ -172,7 +172,7 @@ void add_bad_lines(const record_list &list, const std::vector<lab::record> &run,
   if (own) results->run.warnings.emplace_back("lines among its records are no records");
 }
 
-void add_notes(const options &chosen, const inputs &in, lab::sheet *results) {
+void add_notes(const options &chosen, const inputs &in, lab::device_results *results) {
   if (in.no_records) results->notes.push_back("there is no file " + lab::printable(chosen.records));
   if (in.log) note_log(*in.log, &results->notes);
   if (in.log && in.log->runs.empty()) results->run.warnings.emplace_back("the log shows no run");
@@ -202,7 +202,7 @@ int report(const options &chosen, const inputs &in) {
     return complain("there is no run " + std::to_string(run) + ", the last is " + std::to_string(runs));
   const lab::run_pair &pair = pairs[static_cast<size_t>(run - 1)];
 
-  lab::sheet results;
+  lab::device_results results;
   results.run = lab::make_report(pair.records, pair.log);
   results.board = in.board;
   results.ended = written_at(chosen.log.empty() ? chosen.records : chosen.log);

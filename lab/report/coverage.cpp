@@ -66,9 +66,9 @@ std::string groups_text(const matrix &all, bool (*belongs)(const run_result &run
 std::string matrix_to_coverage(const matrix &all) {
   const auto acted = std::ranges::count_if(all.runs, [](const auto &run) { return run.fired.value_or(0) > 0; });
   std::string text =
-      "# What a PASS is worth\n\nMade by `post-campaign --coverage`, from runs of the unmodified program on the "
-      "simulated "
-      "board.\nThe fault is proved to have acted in ";
+      "# What a PASS is worth\n\n"
+      "Made by `post-campaign --coverage`, from runs of the unmodified program on the simulated board.\n"
+      "The fault is proved to have acted in ";
   const auto located = located_sentence(all);
   text += share(static_cast<size_t>(acted), all.runs.size()) + " runs.\nOrigin: " + all.origin.text(false) +
           ".\n\nFault space \"" + all.space + "\": " + all.description + ".\n" + sentence_counts(all) +

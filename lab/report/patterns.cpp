@@ -38,26 +38,26 @@ pattern pattern_of(const run_item &run) {
 }
 
 // Whether both differ only in the values of one parameter.
-bool differ_in(const pattern &a, const pattern &b, size_t place) {
-  if (a.head != b.head || a.parameters.size() != b.parameters.size() || place >= a.parameters.size()) return false;
+bool differ_in(const pattern &a, const pattern &b, size_t at) {
+  if (a.head != b.head || a.parameters.size() != b.parameters.size() || at >= a.parameters.size()) return false;
   for (size_t i = 0; i < a.parameters.size(); ++i) {
-    const bool same = i == place ? a.parameters[i].key == b.parameters[i].key : a.parameters[i] == b.parameters[i];
+    const bool same = i == at ? a.parameters[i].key == b.parameters[i].key : a.parameters[i] == b.parameters[i];
     if (!same) return false;
   }
   return true;
 }
 
 // Joins the patterns that differ only in this parameter.
-void join(size_t place, std::vector<pattern> *patterns) {
+void join(size_t at, std::vector<pattern> *patterns) {
   std::vector<pattern> joined;
   for (auto &one : *patterns) {
-    const auto same = std::ranges::find_if(joined, [&](const pattern &other) { return differ_in(other, one, place); });
+    const auto same = std::ranges::find_if(joined, [&](const pattern &other) { return differ_in(other, one, at); });
     if (same == joined.end()) {
       joined.push_back(std::move(one));
       continue;
     }
-    auto &values = same->parameters[place].values;
-    values.insert(values.end(), one.parameters[place].values.begin(), one.parameters[place].values.end());
+    auto &values = same->parameters[at].values;
+    values.insert(values.end(), one.parameters[at].values.begin(), one.parameters[at].values.end());
   }
   *patterns = std::move(joined);
 }
@@ -87,13 +87,13 @@ std::string text_of_values(const std::vector<std::string> &values) {
 
 std::vector<std::string> patterns_of(const std::vector<run_item> &runs) {
   std::vector<pattern> patterns;
-  size_t places = 0;
+  size_t most = 0;
   for (const auto &run : runs) {
     patterns.push_back(pattern_of(run));
-    places = std::max(places, patterns.back().parameters.size());
+    most = std::max(most, patterns.back().parameters.size());
   }
-  for (size_t place = places; place-- > 0;)
-    join(place, &patterns);
+  for (size_t at = most; at-- > 0;)
+    join(at, &patterns);
   std::vector<std::string> texts;
   for (const auto &one : patterns) {
     auto text = one.head;

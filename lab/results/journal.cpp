@@ -1,4 +1,4 @@
-#include "lab/results/sheet.h"
+#include "lab/results/device_results.h"
 
 namespace lab {
 namespace {
@@ -18,7 +18,7 @@ std::string field(std::string_view name, std::string_view value) {
   return std::string(name) + "=" + std::string(value) + "\n";
 }
 
-std::string entry(const sheet &results, const char *id, verdict result, const std::string &subject,
+std::string entry(const device_results &results, const char *id, verdict result, const std::string &subject,
                   const std::string &why) {
   const std::string message = "POST: " + subject + ": " + std::string(verdict_name(result));
   return field("MESSAGE_ID", id) + field("PRIORITY", priority_of(result)) + field("SYSLOG_IDENTIFIER", "post") +
@@ -28,7 +28,7 @@ std::string entry(const sheet &results, const char *id, verdict result, const st
          field("POST_CHANGE_BITS", change_bits_text(results));
 }
 
-std::string device_entry(const sheet &results, const test_case &one) {
+std::string device_entry(const device_results &results, const test_case &one) {
   const std::string why = one.result == verdict::skip ? one.reason : explanation(one);
   return entry(results, device_message, one.result, one.name() + " (" + std::string(one.part()) + ")", why) +
          field("POST_TEST", rows[one.row].key) + field("POST_DEVICE", std::to_string(one.device)) +
@@ -40,7 +40,7 @@ std::string count_text(const report &run, verdict result, const char *what) {
   return count == 0 ? "" : std::string("devices ") + what + ": " + std::to_string(count);
 }
 
-std::string run_entry(const sheet &results) {
+std::string run_entry(const device_results &results) {
   const verdict result = run_verdict(results.run);
   // Which test a run was is known at its end.
   const std::string mode = result == verdict::error ? "" : std::string(test_kind(results.run));
@@ -55,7 +55,7 @@ std::string run_entry(const sheet &results) {
 
 }  // namespace
 
-std::string journal_entries(const sheet &results) {
+std::string journal_entries(const device_results &results) {
   std::string out;
   for (const test_case &one : results.run.cases)
     out += device_entry(results, one);

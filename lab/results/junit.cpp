@@ -1,6 +1,6 @@
 #include "lab/base/junit.h"
 
-#include "lab/results/sheet.h"
+#include "lab/results/device_results.h"
 
 namespace lab {
 namespace {
@@ -13,7 +13,7 @@ std::string text_of(const message_list &messages) {
 }
 
 // A row's seconds are those of its devices together: only the single device of a row has a time of its own.
-junit_case case_of(const sheet &results, const test_case &one) {
+junit_case case_of(const device_results &results, const test_case &one) {
   constexpr std::array endings{junit_case::ending::pass, junit_case::ending::failure, junit_case::ending::skipped,
                                junit_case::ending::error};
   junit_case made{"post." + std::string(rows[one.row].key),
@@ -27,7 +27,7 @@ junit_case case_of(const sheet &results, const test_case &one) {
   return made;
 }
 
-junit_suite suite_of(const sheet &results, size_t row) {
+junit_suite suite_of(const device_results &results, size_t row) {
   junit_suite suite;
   suite.name = rows[row].key;
   if (results.run.seconds[row]) suite.seconds = seconds_of(results.run, row);
@@ -37,12 +37,12 @@ junit_suite suite_of(const sheet &results, size_t row) {
                       {"change_bits", change_bits_text(results)},
                       {"test", std::string(test_kind(results.run))}};
   for (size_t i = 0; i < rows[row].parts.size(); ++i)
-    suite.cases.push_back(case_of(results, results.run.cases[first_place(row) + i]));
+    suite.cases.push_back(case_of(results, results.run.cases[first_case(row) + i]));
   return suite;
 }
 
 // The run as a whole.
-junit_suite run_suite(const sheet &results) {
+junit_suite run_suite(const device_results &results) {
   junit_suite suite;
   suite.name = "run";
   suite.output = text_of(results.run.messages);
@@ -55,7 +55,7 @@ junit_suite run_suite(const sheet &results) {
 
 }  // namespace
 
-std::string junit_text(const sheet &results) {
+std::string junit_text(const device_results &results) {
   std::vector<junit_suite> suites;
   for (size_t row = 0; row < row_count; ++row)
     suites.push_back(suite_of(results, row));

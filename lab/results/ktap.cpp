@@ -1,4 +1,4 @@
-#include "lab/results/sheet.h"
+#include "lab/results/device_results.h"
 
 namespace lab {
 namespace {
@@ -26,7 +26,7 @@ std::string directive(const test_case &one) {
 
 }  // namespace
 
-std::string ktap(const sheet &results) {
+std::string ktap(const device_results &results) {
   const bool finding = !results.run.warnings.empty();
   std::string out = "KTAP version 1\n1.." + std::to_string(case_count + (finding ? 1 : 0)) + "\n";
   out += comment("board: " + board_text(results));
@@ -34,12 +34,12 @@ std::string ktap(const sheet &results) {
     out += comment("note: " + note);
   for (const std::string &line : lines_of(results.run.messages))
     out += comment(line);
-  for (size_t place = 0; place < case_count; ++place) {
-    const test_case &one = results.run.cases[place];
+  for (size_t index = 0; index < case_count; ++index) {
+    const test_case &one = results.run.cases[index];
     for (const std::string &line : lines_of(one.messages))
       out += comment(line);
     const bool ok = one.result == verdict::pass || one.result == verdict::skip;
-    out += result_line(ok, place + 1, one.name() + " " + std::string(one.part())) + directive(one) + "\n";
+    out += result_line(ok, index + 1, one.name() + " " + std::string(one.part())) + directive(one) + "\n";
   }
   if (finding) out += result_line(false, case_count + 1, "run") + " # ERROR " + run_finding(results) + "\n";
   return out;

@@ -2,7 +2,7 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 
-#include "lab/results/sheet.h"
+#include "lab/results/device_results.h"
 
 namespace lab {
 namespace {
@@ -48,7 +48,7 @@ json log_line(const char *severity, const std::string &text) {
   return {{"severity", severity}, {"message", text}};
 }
 
-json hardware(const sheet &results) {
+json hardware(const device_results &results) {
   json info{{"hardwareInfoId", supervisor_id}, {"name", "supervisor"}, {"partType", "supervisor"}};
   if (results.board.card) info["version"] = "card " + std::to_string(*results.board.card);
   if (!results.board.part.empty()) info["partNumber"] = results.board.part;
@@ -58,7 +58,7 @@ json hardware(const sheet &results) {
   return info;
 }
 
-json run_start(const sheet &results) {
+json run_start(const device_results &results) {
   const json tool{{"softwareInfoId", tool_id},
                   {"name", tool_id},
                   {"version", results.tool_version},
@@ -112,9 +112,9 @@ const char *status_of(std::span<const test_case> cases) {
   return all_skipped ? "SKIP" : "COMPLETE";
 }
 
-void add_row(const sheet &results, size_t row, artifact_lines *lines) {
+void add_row(const device_results &results, size_t row, artifact_lines *lines) {
   const std::span<const test_case> cases =
-      std::span(results.run.cases).subspan(first_place(row), rows[row].parts.size());
+      std::span(results.run.cases).subspan(first_case(row), rows[row].parts.size());
   lines->step(rows[row].key, "testStepStart", json::object({{"name", rows[row].title}}));
   lines->pass_time(seconds_of(results.run, row));
   for (const test_case &one : cases)
@@ -141,7 +141,7 @@ int64_t seconds_of_all(const report &run) {
 
 }  // namespace
 
-std::string ocp_lines(const sheet &results) {
+std::string ocp_lines(const device_results &results) {
   artifact_lines lines(results.ended - seconds_of_all(results.run));
   lines.add("schemaVersion", {{"major", 2}, {"minor", 0}});
   lines.run("testRunStart", run_start(results));

@@ -1,6 +1,6 @@
 #include <array>
 
-#include "lab/results/sheet.h"
+#include "lab/results/device_results.h"
 
 namespace lab {
 namespace {
@@ -43,7 +43,7 @@ class metrics {
 };
 
 // An empty label is none.
-std::string identity(const sheet &results) {
+std::string identity(const device_results &results) {
   return label("card", results.board.card ? std::to_string(*results.board.card) : "") + "," +
          label("part", results.board.part) + "," + label("serial", results.board.serial) + "," +
          label("change_bits", change_bits_text(results));
@@ -56,7 +56,7 @@ std::string device_labels(const test_case &one) {
 
 }  // namespace
 
-std::string prometheus(const sheet &results) {
+std::string prometheus(const device_results &results) {
   metrics out(identity(results));
   out.begin("post_verdict", std::string("Result of the last power-on self-test") + meaning);
   out.sample("", value_of(run_verdict(results.run)));

@@ -10,24 +10,17 @@ struct decision {
   std::string reason;
 };
 
-using place_records = std::array<const record *, case_count>;
+using case_records = std::array<const record *, case_count>;
 
-place_records by_place(std::span<const record> records) {
-  place_records found{};
+case_records by_case(std::span<const record> records) {
+  case_records found{};
   for (const record &one : records)
-    found[one.place] = &one;
+    found[one.index] = &one;
   return found;
 }
 
-size_t row_of_place(size_t place) {
-  size_t row = row_count - 1;
-  while (first_place(row) > place)
-    --row;
-  return row;
-}
-
-bool is_nothing(size_t place) {
-  return place == place_of(seeprom_test, seeprom_nothing);
+bool is_nothing(size_t index) {
+  return index == case_index(seeprom_test, seeprom_nothing);
 }
 
 constexpr char nothing_there[] = "there is nothing to test";
@@ -36,53 +29,53 @@ constexpr char no_record[] = "its record is missing";
 
 // ---- from records only
 
-bool any_record(const place_records &found, size_t first, size_t end) {
+bool any_record(const case_records &found, size_t first, size_t end) {
   return std::any_of(found.begin() + static_cast<std::ptrdiff_t>(first),
                      found.begin() + static_cast<std::ptrdiff_t>(end),
                      [](const record *one) { return one != nullptr; });
 }
 
-bool short_by_records(const place_records &found) {
+bool short_by_records(const case_records &found) {
   size_t end = 0;
   for (size_t row = 0; row < rows.size(); ++row) {
     if (!rows[row].short_skips) continue;
-    end = first_place(row) + rows[row].parts.size();
-    if (any_record(found, first_place(row), end)) return false;
+    end = first_case(row) + rows[row].parts.size();
+    if (any_record(found, first_case(row), end)) return false;
   }
   return any_record(found, end, case_count);
 }
 
 // Whether the run has a trace of a row that the short test leaves out.
-bool has_long_row(const run_log *log, const place_records &found) {
+bool has_long_row(const run_log *log, const case_records &found) {
   for (size_t row = 0; row < row_count; ++row) {
-    const auto end = first_place(row) + rows[row].parts.size();
+    const auto end = first_case(row) + rows[row].parts.size();
     if (rows[row].short_skips &&
-        (any_record(found, first_place(row), end) || (log != nullptr && log->rows[row].started)))
+        (any_record(found, first_case(row), end) || (log != nullptr && log->rows[row].started)))
       return true;
   }
   return false;
 }
 
-decision decide_by_records(size_t place, const place_records &found) {
-  if (found[place] != nullptr) return {found[place]->result == RECORD_PASS ? verdict::pass : verdict::fail, ""};
-  if (!any_record(found, place, case_count)) return {verdict::error, "the run's records end before it"};
-  if (is_nothing(place)) return {verdict::skip, nothing_there};
-  if (rows[row_of_place(place)].short_skips && short_by_records(found)) return {verdict::skip, left_out};
-  if (row_of_place(place) == 0 && !any_record(found, 0, rows[0].parts.size()))
+decision decide_by_records(size_t index, const case_records &found) {
+  if (found[index] != nullptr) return {found[index]->result == RECORD_PASS ? verdict::pass : verdict::fail, ""};
+  if (!any_record(found, index, case_count)) return {verdict::error, "the run's records end before it"};
+  if (is_nothing(index)) return {verdict::skip, nothing_there};
+  if (rows[row_of_case(index)].short_skips && short_by_records(found)) return {verdict::skip, left_out};
+  if (row_of_case(index) == 0 && !any_record(found, 0, rows[0].parts.size()))
     return {verdict::skip, "no record, as on a card that is not known"};
   return {verdict::error, no_record};
 }
 
 // ---- from records and log
 
-std::string where(size_t place) {
-  return "the run ended in " + std::string(rows[row_of_place(place)].key) + "." +
-         std::to_string(place - first_place(row_of_place(place)));
+std::string where(size_t index) {
+  return "the run ended in " + std::string(rows[row_of_case(index)].key) + "." +
+         std::to_string(index - first_case(row_of_case(index)));
 }
 
 std::string where_stopped(const run_log &log) {
   if (log.completed) return {};
-  if (const auto place = log.stopped_at()) return where(*place);
+  if (const auto index = log.stopped_at()) return where(*index);
   for (size_t row = rows.size(); row-- > 0;) {
     if (log.rows[row].started) return "the log of the run ends after the row " + std::string(rows[row].key);
   }
@@ -92,7 +85,7 @@ std::string where_stopped(const run_log &log) {
 // Whether the SEEPROM test had no identity to work with, which leaves no record.
 bool card_unknown(const run_log &log, const device_log &device) {
   constexpr char no_driver[] = "Error in opening /dev/sprom for reading";
-  const device_log &first_pcie = log.devices[first_place(row_count - 1)];
+  const device_log &first_pcie = log.devices[first_case(row_count - 1)];
   return device.messages.contain(no_driver) || first_pcie.messages.contain("Invalid card detected");
 }
 
@@ -101,17 +94,17 @@ decision decide_failed(const record *found) {
   return {verdict::fail, found->result == RECORD_PASS ? "its record says pass" : ""};
 }
 
-decision decide_unrecorded(size_t place, const run_log &log) {
-  const device_log &device = log.devices[place];
-  if (is_nothing(place)) return {verdict::skip, nothing_there};
+decision decide_unrecorded(size_t index, const run_log &log) {
+  const device_log &device = log.devices[index];
+  if (is_nothing(index)) return {verdict::skip, nothing_there};
   if (device.record_lost) return {verdict::error, "its record could not be written"};
-  if (row_of_place(place) == 0 && card_unknown(log, device)) return {verdict::skip, "the card is not known"};
+  if (row_of_case(index) == 0 && card_unknown(log, device)) return {verdict::skip, "the card is not known"};
   return {verdict::error, no_record};
 }
 
-decision decide(size_t place, const record *found, const run_log &log) {
-  const device_log &device = log.devices[place];
-  const size_t row = row_of_place(place);
+decision decide(size_t index, const record *found, const run_log &log) {
+  const device_log &device = log.devices[index];
+  const size_t row = row_of_case(index);
   if (rows[row].short_skips && log.short_test()) {
     if (found == nullptr) return {verdict::skip, left_out};
     return {verdict::error, "a record, although the log shows a short test"};
@@ -119,9 +112,9 @@ decision decide(size_t place, const record *found, const run_log &log) {
   if (device.failed) return decide_failed(found);
   if (!device.started && !log.completed) return {verdict::error, where_stopped(log)};
   if (found != nullptr && found->result == RECORD_FAIL) return {verdict::fail, "the log has no ERROR line of it"};
-  if (device.started && !device.ended) return {verdict::error, where(place)};
+  if (device.started && !device.ended) return {verdict::error, where(index)};
   if (found != nullptr) return {verdict::pass, device.started ? "" : "the log does not show it"};
-  return decide_unrecorded(place, log);
+  return decide_unrecorded(index, log);
 }
 
 // ---- what is wrong beside the cases
@@ -152,8 +145,8 @@ bool is_usual(const run_log &log, std::string_view text) {
 }
 
 void add_log(const run_log &log, report *result) {
-  for (size_t place = 0; place < case_count; ++place)
-    result->cases[place].messages = log.devices[place].messages;
+  for (size_t index = 0; index < case_count; ++index)
+    result->cases[index].messages = log.devices[index].messages;
   for (size_t row = 0; row < row_count; ++row)
     result->seconds[row] = log.rows[row].seconds;
   for (const message_list *list : {&log.startup, &log.between}) {
@@ -168,9 +161,9 @@ void add_log(const run_log &log, report *result) {
 
 // Whether the log's run can have written a record of the device. One that ended early has none of devices that it does
 // not show: such a record is another run's.
-bool can_record(const run_log &log, size_t place) {
-  const device_log &device = log.devices[place];
-  const size_t row = row_of_place(place);
+bool can_record(const run_log &log, size_t index) {
+  const device_log &device = log.devices[index];
+  const size_t row = row_of_case(index);
   if (rows[row].short_skips && log.short_test()) return false;
   if (row == 0 && card_unknown(log, device)) return false;
   return !device.record_lost && (device.started || log.completed);
@@ -179,8 +172,8 @@ bool can_record(const run_log &log, size_t place) {
 // How many of the last records are those of a log's run.
 size_t records_of(const run_log &log, const std::deque<record> &records, size_t end) {
   size_t start = end;
-  const auto follows = [&](size_t i) { return i + 1 == end || records[i].place < records[i + 1].place; };
-  while (start > 0 && can_record(log, records[start - 1].place) && follows(start - 1))
+  const auto follows = [&](size_t i) { return i + 1 == end || records[i].index < records[i + 1].index; };
+  while (start > 0 && can_record(log, records[start - 1].index) && follows(start - 1))
     --start;
   return end - start;
 }
@@ -207,12 +200,12 @@ bool report::clean() const {
 
 report make_report(std::span<const record> records, const run_log *log) {
   report result;
-  const place_records found = by_place(records);
-  for (size_t place = 0; place < case_count; ++place) {
-    decision decided = log != nullptr ? decide(place, found[place], *log) : decide_by_records(place, found);
-    test_case &one = result.cases[place];
-    one.row = row_of_place(place);
-    one.device = static_cast<int32_t>(place - first_place(one.row));
+  const case_records found = by_case(records);
+  for (size_t index = 0; index < case_count; ++index) {
+    decision decided = log != nullptr ? decide(index, found[index], *log) : decide_by_records(index, found);
+    test_case &one = result.cases[index];
+    one.row = row_of_case(index);
+    one.device = static_cast<int32_t>(index - first_case(one.row));
     one.result = decided.result;
     one.reason = std::move(decided.reason);
   }

@@ -36,7 +36,7 @@ struct test_case {
 };
 
 struct report {
-  std::array<test_case, case_count> cases;  // by place, the order of a run
+  std::array<test_case, case_count> cases;  // in the order of a run
   std::array<std::optional<int32_t>, row_count> seconds;
   std::optional<uint64_t> change_bits;
   std::optional<bool> short_test;     // nothing where that was not seen

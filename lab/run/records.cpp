@@ -28,7 +28,7 @@ const char *complaint(const fields &values) {
   const auto [lead, test, device, result] = values;
   if (lead != 0) return "the first field is not 0";
   if (!row_of_test(test)) return "no test has this id";
-  if (!place_of(test, device)) return "the test has no such device";
+  if (!case_index(test, device)) return "the test has no such device";
   if (test == seeprom_test && device == seeprom_nothing) return "this device records nothing";
   if (result != RECORD_PASS && result != RECORD_FAIL) return "the result is neither 1 nor 2";
   return nullptr;
@@ -44,7 +44,7 @@ class record_parser {
       return;
     }
     if (!line.ended) bad(line, "a whole record, but its line end is missing");
-    m_list.records.push_back({*place_of((*values)[1], (*values)[2]), (*values)[3], line.number});
+    m_list.records.push_back({*case_index((*values)[1], (*values)[2]), (*values)[3], line.number});
     if (m_list.records.size() > record_list::records_kept) m_list.records.pop_front();
     ++m_list.record_count;
   }
@@ -83,7 +83,7 @@ record_list parse_records(std::istream &in) {
 size_t last_run_start(const std::deque<record> &records, size_t count) {
   if (count == 0) return 0;
   size_t start = count - 1;
-  while (start > 0 && records[start - 1].place < records[start].place)
+  while (start > 0 && records[start - 1].index < records[start].index)
     --start;
   return start;
 }

@@ -15,7 +15,7 @@ namespace lab {
 enum record_result : int32_t { RECORD_PASS = 1, RECORD_FAIL = 2 };
 
 struct record {
-  size_t place;    // of the device in a run, as of place_of()
+  size_t index;    // of the device, as of case_index()
   int32_t result;  // RECORD_PASS or RECORD_FAIL
   size_t line;     // in the file, from 1
 };
@@ -44,7 +44,7 @@ struct record_list {
 [[nodiscard]] record_list parse_records(std::string_view text);
 [[nodiscard]] record_list parse_records(std::istream &in);
 
-// Where the last run of `count` records begins: a run's records go up in place, so one that does not begins a run.
+// Where the last run of `count` records begins: a run's records go up in index, so one that does not begins a run.
 // If the second of two runs begins beyond the end of the first, this cannot distinguish them.
 [[nodiscard]] size_t last_run_start(const std::deque<record> &records, size_t count);
 

@@ -45,17 +45,24 @@ std::optional<size_t> row_of_test(int64_t test_id) {
   return static_cast<size_t>(found - rows.begin());
 }
 
-std::optional<size_t> place_of(int64_t test_id, int64_t device) {
+std::optional<size_t> case_index(int64_t test_id, int64_t device) {
   const auto row = row_of_test(test_id);
   if (!row || device < 0 || device >= static_cast<int64_t>(rows[*row].parts.size())) return std::nullopt;
-  return first_place(*row) + static_cast<size_t>(device);
+  return first_case(*row) + static_cast<size_t>(device);
 }
 
-size_t first_place(size_t row) {
-  size_t place = 0;
+size_t first_case(size_t row) {
+  size_t index = 0;
   for (size_t i = 0; i < row; ++i)
-    place += rows[i].parts.size();
-  return place;
+    index += rows[i].parts.size();
+  return index;
+}
+
+size_t row_of_case(size_t index) {
+  size_t row = row_count - 1;
+  while (first_case(row) > index)
+    --row;
+  return row;
 }
 
 }  // namespace lab

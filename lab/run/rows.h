@@ -32,10 +32,14 @@ extern const std::array<row_info, row_count> rows;
 // Index of a row in `rows`, by test id.
 [[nodiscard]] std::optional<size_t> row_of_test(int64_t test_id);
 
-// Place of a device in the order of a run, 0 to case_count - 1. Nothing if there is no such device.
-[[nodiscard]] std::optional<size_t> place_of(int64_t test_id, int64_t device);
+// Index of a device among those of all rows, in the order of a run, 0 to case_count - 1. Nothing if there is no such
+// device.
+[[nodiscard]] std::optional<size_t> case_index(int64_t test_id, int64_t device);
 
-// Place of the first device of a row.
-[[nodiscard]] size_t first_place(size_t row);
+// The same of the first device of a row.
+[[nodiscard]] size_t first_case(size_t row);
+
+// Index of the row that a device belongs to, by the device's index.
+[[nodiscard]] size_t row_of_case(size_t index);
 
 }  // namespace lab

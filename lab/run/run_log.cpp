@@ -25,7 +25,7 @@ struct frame {
   size_t begin;
   size_t end;
   uint64_t bits = 0;
-  size_t index = 0;  // of a row; a device's place
+  size_t index = 0;  // of a row, or of a device
   int32_t seconds = 0;
   bool passed = false;
 };
@@ -57,9 +57,9 @@ bool read_error(std::string_view *rest, frame *found) {
   const auto test = take_number<int32_t>(rest);
   if (!test || !take(rest, " on dev ")) return false;
   const auto device = take_number<int32_t>(rest);
-  const auto place = device ? place_of(*test, *device) : std::nullopt;
-  found->index = place.value_or(0);
-  return place.has_value();
+  const auto index = device ? case_index(*test, *device) : std::nullopt;
+  found->index = index.value_or(0);
+  return index.has_value();
 }
 
 bool read_done(std::string_view *rest, frame *found) {
@@ -166,7 +166,7 @@ class log_parser {
   void start();
   void board(uint64_t bits);
   void begin_row(size_t row);
-  void error(size_t place);
+  void error(size_t index);
   void done(int32_t seconds);
   void verdict(bool passed);
   void end();
@@ -259,28 +259,26 @@ void log_parser::begin_row(size_t row) {
     close_run();
   need_run();
   end_row();
-  const size_t first = first_place(row);
+  const size_t first = first_case(row);
   m_row =
       row_progress{.row = row, .next = first, .end = first + rows[row].parts.size(), .current = first, .unclaimed = 0};
   run().rows[row].started = true;
 }
 
-void log_parser::error(size_t place) {
+void log_parser::error(size_t index) {
   need_run();
-  size_t row = row_count - 1;
-  while (first_place(row) > place)
-    --row;
+  const size_t row = row_of_case(index);
   if (!run().rows[row].started) begin_row(row);
-  device_log &device = run().devices[place];
+  device_log &device = run().devices[index];
   device.failed = true;
-  if (!m_row || m_row->row != row || place < m_row->current) return;
-  if (place > m_row->current) {
+  if (!m_row || m_row->row != row || index < m_row->current) return;
+  if (index > m_row->current) {
     // Its dot is missing; what came since the last one is its own.
     run().devices[m_row->current].messages.move_to(&device.messages, m_row->unclaimed);
-    start_next_devices(place + 1 - m_row->next);
+    start_next_devices(index + 1 - m_row->next);
   }
   device.started = device.ended = true;
-  m_row->next = std::max(m_row->next, place + 1);
+  m_row->next = std::max(m_row->next, index + 1);
   m_row->unclaimed = device.messages.kept.size();
 }
 
@@ -330,19 +328,19 @@ void log_parser::need_run() {
 void log_parser::end_row() {
   if (!m_row) return;
   run().rows[m_row->row].ended = true;
-  for (size_t place = first_place(m_row->row); place < m_row->end; ++place)
-    run().devices[place].started = run().devices[place].ended = true;
+  for (size_t index = first_case(m_row->row); index < m_row->end; ++index)
+    run().devices[index].started = run().devices[index].ended = true;
   m_row.reset();
 }
 
 // Starts devices of the row, as many as it has; each ends the one before.
 void log_parser::start_next_devices(size_t count) {
   for (; count > 0; --count) {
-    const size_t place = m_row->next++;
-    if (place > first_place(m_row->row)) run().devices[place - 1].ended = true;
-    run().devices[place].started = true;
-    m_row->current = place;
-    m_row->unclaimed = run().devices[place].messages.kept.size();
+    const size_t index = m_row->next++;
+    if (index > first_case(m_row->row)) run().devices[index - 1].ended = true;
+    run().devices[index].started = true;
+    m_row->current = index;
+    m_row->unclaimed = run().devices[index].messages.kept.size();
   }
 }
 
@@ -412,8 +410,8 @@ bool run_log::short_test() const {
 
 std::optional<size_t> run_log::stopped_at() const {
   if (completed) return std::nullopt;
-  for (size_t place = 0; place < devices.size(); ++place) {
-    if (devices[place].started && !devices[place].ended) return place;
+  for (size_t index = 0; index < devices.size(); ++index) {
+    if (devices[index].started && !devices[index].ended) return index;
   }
   return std::nullopt;
 }

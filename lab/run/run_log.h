@@ -58,7 +58,7 @@ struct run_log {
   bool started = false;                 // "Starting system POST.....": the libraries have started
   std::optional<uint64_t> change_bits;  // the board revision line
   std::array<row_log, row_count> rows;
-  std::array<device_log, case_count> devices;  // by place
+  std::array<device_log, case_count> devices;  // in the order of a run
   message_list startup;                        // before the first row
   message_list between;                        // after a row, in no device
   std::optional<bool> passed;                  // the verdict line

@@ -1,6 +1,8 @@
 // From what a run leaves behind to its outcome, and from many outcomes to the matrix in all its forms.
 #include "lab/campaign/fault_facts.h"
 #include "lab/campaign/judge.h"
+#include "lab/campaign/matrix_file.h"
+#include "lab/campaign/score.h"
 #include "lab/campaign/shards.h"
 #include "lab/report/html.h"
 #include "lab/report/junit_matrix.h"
@@ -198,6 +200,16 @@ TEST(reasons, need_what_the_run_left) {
     const auto reason = lab::judge({fault, {card, "P1"}, lab::run_mode::full}, evidence).reason;
     EXPECT_TRUE(reason.starts_with(expected) && reason.empty() == expected.empty()) << fault << ": " << reason;
   }
+}
+
+// A cell that always fails there; a line that would have failed earlier if it were always bad.
+TEST(score, counts_all_places_where_the_fault_prints_its_lines_only_at_times) {
+  const auto log = lab::parse_run_log(
+      "Executing Mod 1 1 NVRAM Test: .\n0x00000012: Expected 0xa Actual 0x2\n"
+      "Failed above increment data pattern test for NVRAM 0\nERROR: Executing 8 on dev 0\n");
+  const auto places = [&](const char *fault) { return lab::explain_result({fault, {}}, &log.runs.back(), {}).places; };
+  EXPECT_EQ(places("nvram-cell-stuck instance=0 offset=0x12 bit=3 level=0"), 1U);
+  EXPECT_GT(places("nvram-data-stuck instance=0 line=3 level=0 p=100"), 20U);
 }
 
 // ---- what post-locate names

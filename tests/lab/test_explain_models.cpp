@@ -97,7 +97,7 @@ bool has_failed(const std::string &text, std::initializer_list<int64_t> tests = 
   if (log.runs.empty() || !log.runs.back().completed) return true;
   return std::ranges::any_of(tests, [&](int64_t test) {
     const auto row = *lab::row_of_test(test);
-    const auto devices = std::span(log.runs.back().devices).subspan(lab::first_place(row), lab::rows[row].parts.size());
+    const auto devices = std::span(log.runs.back().devices).subspan(lab::first_case(row), lab::rows[row].parts.size());
     return std::ranges::any_of(devices, &lab::device_log::failed);
   });
 }

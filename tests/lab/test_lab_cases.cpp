@@ -17,7 +17,7 @@ struct merge_case {
   std::string expected;
   std::string warning = {};
   // The reason of one case's result.
-  size_t place = 0;
+  size_t index = 0;
   const char *reason = nullptr;
 };
 
@@ -36,7 +36,7 @@ void check(std::span<const merge_case> cases) {
     EXPECT_EQ(joined(report.warnings), one.warning);
     EXPECT_EQ(report.clean(), one.expected.find_first_of("FE") == std::string::npos && one.warning.empty());
     if (one.reason != nullptr) {
-      EXPECT_STREQ(report.cases[one.place].reason.c_str(), one.reason);
+      EXPECT_STREQ(report.cases[one.index].reason.c_str(), one.reason);
     }
     for (const lab::test_case &device : report.cases) {
       const bool needs_reason = device.result == lab::verdict::skip || device.result == lab::verdict::error;
@@ -138,7 +138,7 @@ TEST(records_and_log, of_a_log_cut_anywhere_pass_no_device_that_it_does_not_show
       EXPECT_FALSE(report.clean()) << cut;
       const auto shown = [&](const lab::test_case &one) {
         return one.result != lab::verdict::pass ||
-               read.runs[0].devices[*lab::place_of(lab::rows[one.row].test_id, one.device)].ended;
+               read.runs[0].devices[*lab::case_index(lab::rows[one.row].test_id, one.device)].ended;
       };
       EXPECT_TRUE(std::ranges::all_of(report.cases, shown)) << letters(report) << "\n" << cut;
     }

@@ -9,7 +9,7 @@ namespace {
 std::string shown(const lab::record_list &list) {
   std::string out;
   for (const lab::record &one : list.records)
-    out += std::to_string(one.place) + "=" + std::to_string(one.result) + " ";
+    out += std::to_string(one.index) + "=" + std::to_string(one.result) + " ";
   for (const lab::bad_lines &bad : list.bad)
     out += "\n" + std::to_string(bad.first) + "-" + std::to_string(bad.last) + " " + bad.reason;
   return out;
@@ -64,7 +64,7 @@ std::string shown(const lab::run_log &run) {
     if (!run.rows[row].started) continue;
     out += "; " + std::string(lab::rows[row].key) + " ";
     for (size_t i = 0; i < lab::rows[row].parts.size(); ++i) {
-      const auto &device = run.devices[lab::first_place(row) + i];
+      const auto &device = run.devices[lab::first_case(row) + i];
       if (device.started) out += device.ended ? "." : ",";
       if (device.failed) out += "!";
     }
@@ -182,8 +182,8 @@ TEST(messages, belong_to_the_device_that_was_tested) {
 std::vector<std::vector<std::string>> messages_of_ports(std::string_view row) {
   const auto log = lab::parse_run_log(edited(full_log, {{"....done", row}}));
   std::vector<std::vector<std::string>> out;
-  for (size_t place = 3; place < 7; ++place)
-    out.push_back(texts(log.runs.at(0).devices[place].messages));
+  for (size_t index = 3; index < 7; ++index)
+    out.push_back(texts(log.runs.at(0).devices[index].messages));
   return out;
 }
 

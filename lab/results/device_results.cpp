@@ -1,4 +1,4 @@
-#include "lab/results/sheet.h"
+#include "lab/results/device_results.h"
 
 #include <algorithm>
 
@@ -40,7 +40,7 @@ std::string run_text(const report &run) {
 
 }  // namespace
 
-std::string run_finding(const sheet &results) {
+std::string run_finding(const device_results &results) {
   std::string out;
   for (const std::string &warning : results.run.warnings)
     out += (out.empty() ? "" : "; ") + warning;
@@ -59,12 +59,12 @@ std::string explanation(const test_case &one) {
   return one.reason.empty() ? said : said + "; " + one.reason;
 }
 
-std::string change_bits_text(const sheet &results) {
+std::string change_bits_text(const device_results &results) {
   const auto bits = results.run.change_bits ? results.run.change_bits : results.board.change_bits;
   return bits ? hex(*bits) : "";
 }
 
-std::string board_text(const sheet &results) {
+std::string board_text(const device_results &results) {
   std::string out;
   const auto add = [&out](const std::string &name, const std::string &value) {
     if (!value.empty()) out += (out.empty() ? "" : ", ") + name + " " + value;
@@ -93,7 +93,7 @@ int32_t seconds_of(const report &run, size_t row) {
   return std::max(run.seconds[row].value_or(0), 0);
 }
 
-std::string table(const sheet &results) {
+std::string table(const device_results &results) {
   std::string out = "Board: " + board_text(results) + "\nRun:   " + run_text(results.run) + "\n\n";
   std::vector<std::vector<std::string>> cells = {{"CASE", "DEVICE", "RESULT", "REASON"}};
   for (const test_case &one : results.run.cases)
