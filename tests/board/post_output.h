@@ -14,17 +14,12 @@ struct expected_run {
   std::string after_record = {};                 // where each record cannot be written
 };
 
-struct post_row {
-  int id;
-  const char *name;
-  int devices;
-  bool is_short;
-};
-
+// clang-format off
+struct post_row { int id; const char *name; int devices; bool is_short; };
 inline constexpr post_row post_rows[] = {
-    {4, "SEEPROM", 3, true}, {5, "GigE Port", 4, true}, {8, "NVRAM", 1, false},
-    {10, "OBFL", 1, false},  {12, "PCIE", 7, true},
+    {4, "SEEPROM", 3, true}, {5, "GigE Port", 4, true}, {8, "NVRAM", 1, false}, {10, "OBFL", 1, false}, {12, "PCIE", 7, true},
 };
+// clang-format on
 
 // What the drivers say while they map their devices, before the POST starts.
 inline std::string mapping_lines() {

@@ -73,8 +73,7 @@ TEST(exports, hold_the_build_stamps) {
     EXPECT_EQ(symbols[name].size, stamp_size);
     const size_t at = image.find(prefix);
     ASSERT_NE(at, std::string::npos);
-    const std::string stamp = image.substr(at, stamp_size);
-    const std::string text = stamp.substr(0, stamp.find('\0'));
+    const std::string stamp = image.substr(at, stamp_size), text = stamp.substr(0, stamp.find('\0'));
     EXPECT_GT(text.size(), strlen(prefix));
     EXPECT_EQ(stamp, text + std::string(stamp_size - text.size(), '\0'));
   }

@@ -6,11 +6,7 @@
 
 namespace {
 
-using testing::ResultOf;
-
-constexpr size_t flash_size = 0x4000000;
-constexpr size_t sector_size = 0x20000;
-constexpr size_t nvram_size = 0x8000;
+constexpr size_t flash_size = 0x4000000, sector_size = 0x20000, nvram_size = 0x8000;
 const std::string nvrams[] = {"nvram0", "nvram1", "nvram2"};
 
 std::string noise(size_t size, unsigned seed) {
@@ -98,14 +94,10 @@ std::string data_line(size_t instance, const char *expected, const char *actual)
          "\nFailed above Data Bus Walking 1 Test for NVRAM " + std::to_string(instance) + " address 0x0\n";
 }
 
-struct nvram_case {
-  const char *name;
-  std::vector<std::string> faults;
-  std::string said;  // nothing for a pass
-  lost_bits lost;    // what the line or cell cannot carry
-  uint16_t card = 11062;
-};
+// What is said, nothing for a pass; the bits that the line or cell cannot carry.
 // clang-format off
+struct nvram_case { const char *name; std::vector<std::string> faults; std::string said; lost_bits lost;
+                    uint16_t card = 11062; };
 const nvram_case nvram_cases[] = {
     {"data line stuck high", {"data-stuck instance=0 line=15 level=1"}, data_line(0, "0x1", "0x8001"), {0, 0x80}},
     {"address line stuck low", {"addr-stuck instance=0 line=3 level=0"},
@@ -156,9 +148,9 @@ std::string compare_error(uint32_t addr, unsigned written, unsigned read) {
 
 constexpr lost_bits all_bits{0xFF, 0xFF};
 
-// Name, fault, what is said; the sector that may be another one than before, in these bits.
+// The sector may be another one than before, in these bits.
 // clang-format off
-const std::tuple<const char *, std::string, std::string, size_t, lost_bits> obfl_cases[] = {
+const struct { const char *name; std::string fault, said; size_t sector; lost_bits lost; } obfl_cases[] = {
     {"data line stuck low",              "data-stuck line=3 level=0",           compare_error(0xC0006, 0x8, 0),      6, {0x08, 0}},
     {"a cell that cannot hold a one",    "cell-stuck offset=0xC0022 bit=0 level=0", given_up + no_erase,             6, all_bits},
     {"a cell that cannot be programmed", "cell-stuck offset=4 bit=1 level=1",   given_up + no_write + given_up + no_restore, 0, all_bits},
@@ -221,9 +213,9 @@ std::string map_failed(const char *driver) {
   return text;
 }
 
-// Fault, output, and the errors of post, after the source's path and line.
+// The errors come after the source's path and line.
 // clang-format off
-const std::tuple<const char *, std::string, const char *> start_cases[] = {
+const struct { const char *fault; std::string out; const char *err; } start_cases[] = {
     {"cpuinfo-missing", "Unable to open /proc/cpuinfo for reading....\n", "_init_ptu: Assertion `0' failed.\n"},
     {"pci-missing bus=0x2e dev=0 func=0",
      "mmap_get_map_pci(): The device could not be found for vendorID: 4277 deviceID: 36912 instance: 0.\n" +
@@ -249,18 +241,6 @@ TEST(start_up, ends_when_a_device_cannot_be_reached) {
     // The call stack names functions.
     EXPECT_EQ(run.out.find("/post(obfl_libinit+0x") != std::string::npos, out.ends_with(obfl_assert));
   }
-}
-
-// What was printed before the abort is in the file, in order.
-TEST(locks, end_the_process_when_they_cannot_be_created) {
-  const full_board board;
-  const outcome run = board.run({"--fault", "lock-dir-read-only"});
-  expect_run(run, 128 + SIGABRT,
-             EndsWith("  Executing Mod 1 1 NVRAM Test: \n."
-                      "ERROR lock_create(): error creating lock: /var/lock/RTC_NVRAM0-read.lock\n"
-                      ": OS Error: errno: 30, Read-only file system \nlock_create(\"RTC_NVRAM0-read\") failed\n"),
-             HasSubstr("_mmap_rd_lk_acq: Assertion `(0)' failed.\n"));
-  EXPECT_THAT(board.changed(), IsEmpty());
 }
 
 // Power cuts: real ones against the audit of a whole run.
@@ -330,8 +310,7 @@ TEST(power_cut, loses_what_the_audit_says_and_hinders_no_run_after_it) {
     EXPECT_THAT(read_file(audit), HasSubstr("\n" + line + "\n"));
   const auto all = cuts_in(read_file(audit));
   ASSERT_GT(all.size(), 200U);
-  const size_t asked = number_from("POST_CUTS", 0);
-  const size_t count = asked != 0 ? asked : POST_POWER_CUTS;
+  const size_t asked = number_from("POST_CUTS", 0), count = asked != 0 ? asked : POST_POWER_CUTS;
   for (size_t i = 0; i < count; ++i) {
     const double part = static_cast<double>(i) / static_cast<double>(count);
     const cut &c = all[static_cast<size_t>(static_cast<double>(all.size()) * (asked != 0 ? part : part * part * part))];

@@ -33,7 +33,8 @@ class post_boot : public in_directory {
 
 TEST_F(post_boot, ends_and_reports_as_the_board_does) {
   // clang-format off
-  const std::tuple<const char *, const char *, std::string, int, size_t, const char *, const char *> cases[] = {
+  const struct { const char *name, *options; std::string before;
+                 int status, records; std::string verdict, result; } cases[] = {
       {"a sound board",                "",                                     "true",             0, 13, "1",  "PASS"},
       {"a device fails",               "--fault 'i2c-absent bus=1 addr=0x52'", "true",             1, 13, "0",  "FAIL"},
       {"an unknown card",              "--card 1",                             "true",             0, 11, "-1", "ERROR"},
@@ -42,23 +43,20 @@ TEST_F(post_boot, ends_and_reports_as_the_board_does) {
       {"only the script is stopped",   "",                                     ends_by("\\$PPID"), 1, 6,  "-1", "ERROR"},
   };
   // clang-format on
-  for (const auto &[what, options, before, status, count, verdict, word] : cases) {
-    SCOPED_TRACE(what);
+  const std::string journal =
+      "grep -c '^MESSAGE_ID=' journal; grep -c '^OBJECT_PID=[1-9]' journal\n"
+      "grep -x -B 9 'POST_RUN='$PWD/logs/$(readlink logs/last) journal | tail -n 9 | sed -n 's/^POST_RESULT=//p'";
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.name);
     (void)sh("rm -rf ./*");
-    const auto run = boot(options, "mkdir -p logs/earlier && ln -s earlier logs/last\n" + before);
-    EXPECT_EQ(run.status, status) << run.err;
-    EXPECT_FALSE(run.out.empty());
-    EXPECT_EQ(run.err.find("a signal ended the test") != std::string::npos, before != "true") << run.err;
+    const auto run = boot(c.options, "mkdir -p logs/earlier && ln -s earlier logs/last\n" + c.before);
+    expect_run(run, c.status, Not(""), _);
+    EXPECT_EQ(run.err.find("a signal ended the test") != std::string::npos, c.before != "true") << run.err;
     EXPECT_EQ(load("run/last/output"), run.out);
     EXPECT_EQ(load("logs/last/output"), run.out);
-    const auto records = load("logs/last/result");
-    EXPECT_EQ(static_cast<size_t>(std::ranges::count(records, '\n')), count);
-    EXPECT_EQ(sh("sed -n 's/^post_verdict{.*} //p' metrics/*").out, verdict + std::string("\n"));
-    EXPECT_EQ(sh("grep -c '^MESSAGE_ID=' journal; grep -c '^OBJECT_PID=[1-9]' journal\n"
-                 "grep -x -B 9 'POST_RUN='$PWD/logs/$(readlink logs/last) journal | tail -n 9 |"
-                 " sed -n 's/^POST_RESULT=//p'")
-                  .out,
-              "17\n17\n" + std::string(word) + "\n");
+    EXPECT_EQ(std::ranges::count(load("logs/last/result"), '\n'), c.records);
+    EXPECT_EQ(sh("sed -n 's/^post_verdict{.*} //p' metrics/*").out, c.verdict + "\n");
+    EXPECT_EQ(sh(journal).out, "17\n17\n" + c.result + "\n");
   }
 }
 
@@ -69,7 +67,7 @@ TEST_F(post_boot, runs_the_test_that_the_administrator_chose) {
       "echo '  Mod 1 1 Post Completed Successfully'; echo 'POST is completed'\nEND\n";
   const std::string ask = script + " --full-next\n";
   // clang-format off
-  const std::tuple<std::string, const char *, const char *> cases[] = {
+  const struct { std::string before, first; const char *said; } cases[] = {
       {"",                                        "test -s\n", ""},
       {"export TEST=short",                       "test -s\n", ""},
       {"export TEST=full",                        "test \n",   ""},
@@ -137,7 +135,7 @@ TEST_F(post_boot, makes_the_folders_of_the_test_its_own) {
       "chown 12345 board/post board/var/lock logs; echo x >board/var/lock/RTC_NVRAM1-read.lock; "
       "chown 12345 board/var/lock/RTC_NVRAM1-read.lock\n";
   const auto run = boot("", others + (is_root ? foreign : "") + "stat -c %a,%u /var/lock/. >before");
-  expect_run(run, 0, testing::_);
+  expect_run(run, 0, _);
   const std::string own = "755," + std::to_string(geteuid()) + "\n", old = "1" + own;
   const auto now =
       sh("cat victim board/var/lock/other.lock; ls none 2>&1 | wc -l\n"

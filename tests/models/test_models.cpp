@@ -54,16 +54,11 @@ TEST(models, write_every_single_fault_as_it_is_asked_for) {
     for (const auto &one : models::line_faults(memory, 1, last_line))
       texts.insert(checked_text(one.fault, 2));
     EXPECT_EQ(texts.size(), faults);
-    for (const auto &kind : models::cell_variants(memory))
-      texts.insert(checked_text({.id = kind.id,
-                                 .level = kind.level,
-                                 .vlevel = kind.vlevel,
-                                 .bit = 3,
-                                 .vbit = 7,
-                                 .offset = 6,
-                                 .victim = 9,
-                                 .sector = 5},
-                                1));
+    for (const auto &kind : models::cell_variants(memory)) {
+      models::chip_fault cell{.id = kind.id, .level = kind.level, .vlevel = kind.vlevel, .bit = 3, .vbit = 7};
+      cell.offset = 6, cell.victim = 9, cell.sector = 5;
+      texts.insert(checked_text(cell, 1));
+    }
     EXPECT_EQ(texts.size(), faults + models::cell_variants(memory).size());
   }
   EXPECT_EQ(checked_text({.id = sim::fault_id::nvram_addr_short, .line = 9, .other = 10}, 0),

@@ -2,8 +2,6 @@
 // linker hands what drivers call besides the bus to this file.
 #pragma once
 
-#include <cstdarg>
-
 #include "platform/mfgd/cmn_lib/diag_util/diag_dbg.h"
 #include "platform/mfgd/cmn_lib/diag_util/spin.h"
 #include "platform/mfgd/cmn_lib/hw_acc/hw_err.h"
@@ -60,6 +58,25 @@ inline void on_board(const std::string &option, const std::function<void()> &bod
     std::ofstream(board().file("trace")).close();
     board().start({option.c_str(), "--trace"});
     body();
+  });
+}
+
+// A driver is not started by a mapping that fails, nor without memory, and names its mapping.
+//   op, use  what needs a started driver, and a call of it
+//   map      the call by which it maps its device
+inline void expect_start(uint32_t (*init)(), uint32_t (*libinit)(), const char *op, const std::function<void()> &use,
+                         const std::string &map) {
+  on_board("--fault=mem-mmap-refused", [&] {
+    for (int times = 0; times < 2; ++times) {
+      EXPECT_EQ(init(), MMAP_ERR_MMAP);
+      EXPECT_THAT(events(), HasSubstr("\nmap "));
+    }
+  });
+  on_board("--card=11062", [&] {
+    expect_assertion(use, "hw_acc/hw_acc_p.h", op, "_hw_acc_init");
+    failing_malloc = 1;
+    EXPECT_EQ(stdout_of([&] { EXPECT_EQ(init(), HW_ERR_MALLOC); }), "");
+    EXPECT_THAT(hooks_of([&] { EXPECT_EQ(libinit(), HW_SUCCESS); }, true), Contains(hook_line{7, map}));
   });
 }
 

@@ -13,42 +13,40 @@ using lookup = const char *(*)(uint32_t);
 
 // Every value below `end` that has a name.
 std::string names(lookup name, lookup desc, uint32_t end) {
-  std::ostringstream text;
+  std::string text;
   for (uint32_t value = 0; value < end; ++value)
-    if (*name(value) != '\0') text << value << " " << name(value) << ": " << desc(value) << "\n";
-  return text.str();
+    if (*name(value) != '\0') text += format("%u %s: %s\n", value, name(value), desc(value));
+  return text;
 }
 
 std::string functions(std::span<const pci_dev_tbl_entry> table) {
-  std::ostringstream text;
+  std::string text;
   for (const auto &row : table)
-    text << int{row.bus} << ":" << int{row.dev} << "." << int{row.func} << " " << std::hex << row.vendor << ":"
-         << row.device << std::dec << " " << row.description << "\n";
-  return text.str();
+    text += format("%d:%d.%d %x:%x %s\n", row.bus, row.dev, row.func, row.vendor, row.device, row.description);
+  return text;
 }
 
 std::string instances(std::span<const mmap_pci_map_t> map) {
-  std::ostringstream text;
+  std::string text;
   for (const auto &row : map)
-    text << row.m_hwtype << " " << std::hex << row.m_vendor_id << ":" << row.m_device_id << std::dec << " * "
-         << row.m_num_inst << "\n";
-  return text.str();
+    text += format("%u %x:%x * %u\n", row.m_hwtype, row.m_vendor_id, row.m_device_id, row.m_num_inst);
+  return text;
 }
 
 // With how many functions are compared by hardware change bits, and the first of them.
 std::string cards() {
-  std::ostringstream text;
+  std::string text;
   for (const auto &card : dorvan_cards) {
-    text << card.card_index << " " << pfm_get_sprom_platform_type(card.card_index) << " " << card.nvram_instances;
+    text += format("%u %u %u", card.card_index, pfm_get_sprom_platform_type(card.card_index), card.nvram_instances);
     for (const int port : card.untested_ports)
-      text << " eth" << port;
+      text += format(" eth%d", port);
     for (const uint64_t bits : {0U, 2U, 3U}) {
       const auto compared = dorvan_pci_functions(card, bits);
-      text << ", " << compared.size() << " " << (compared.empty() ? "" : compared.front().description);
+      text += format(", %zu %s", compared.size(), compared.empty() ? "" : compared.front().description);
     }
-    text << "\n";
+    text += "\n";
   }
-  return text.str();
+  return text;
 }
 
 // FNV-1a, 32 bits.

@@ -1,6 +1,5 @@
 // What ends a run from outside costs no contents of NVRAM and flash: signals that strike both tests at many of their
 // bus accesses, readers of the output who go away, and limits. The linker hands mmap_acc_init to this file.
-#include <sys/resource.h>
 #include <sys/syscall.h>
 
 #include "platform/mfgd/cmn_lib/diag_util/signal_hold.h"
@@ -85,10 +84,8 @@ int next_signal() {
 }
 
 // Accesses of the tests. An NVRAM instance or a flash sector is read, destroyed and restored.
-constexpr uint64_t nvram_read = 0x4000;
-constexpr uint64_t nvram_all = 65834;
-constexpr uint64_t flash_query = 8;
-constexpr uint64_t sector_read = 0x10000;
+constexpr uint64_t nvram_read = 0x4000, nvram_all = 65834;
+constexpr uint64_t flash_query = 8, sector_read = 0x10000;
 constexpr uint64_t sector_all = sector_read + 23 * 0x1000 + 200;  // a few less, by the polls that it takes
 
 // The contents that the first accesses concern: all of NVRAM, the flash's first sectors.
@@ -131,18 +128,12 @@ outcome run_struck(const test_board &board, const std::string &fault, uint32_t (
 TEST(interrupted, keeps_all_contents_at_any_moment) {
   const test_board board;
   (void)run_struck(board, "", obfl_post_test, 2, SIGKILL);  // the first access makes the contents
-  const std::string before = contents(board.file(""));
-  const std::string nvram_fault = bad_nvram_cell(board.file(""));
+  const std::string before = contents(board.file("")), nvram_fault = bad_nvram_cell(board.file(""));
   const std::string flash_fault = bad_flash_cell(board.file(""));
-  struct {
-    const char *name;
-    std::string fault;
-    uint32_t (*test)();
-    uint64_t from, to, step;  // where signals strike
-    uint64_t read, end;       // what ends the reading, and the unit
-    const char *said;         // of the failure, before the end
-  } const cases[] = {
-      // clang-format off
+  // Where signals strike, what ends the reading and the unit, and what is said of the failure before the end.
+  // clang-format off
+  const struct { const char *name; std::string fault; uint32_t (*test)();
+                 uint64_t from, to, step, read, end; const char *said; } cases[] = {
       {"NVRAM 0",              "",          mem_test_nvram, 1,      65834,  4300,  nvram_read,                nvram_all,     ""},
       {"NVRAM 0, first write", "",          mem_test_nvram, 16383,  16388,  1,     nvram_read,                nvram_all,     ""},
       {"NVRAM 0, last writes", "",          mem_test_nvram, 65832,  65836,  1,     nvram_read,                nvram_all,     ""},
@@ -151,8 +142,8 @@ TEST(interrupted, keeps_all_contents_at_any_moment) {
       {"sector 6",             "",          obfl_post_test, 1,      159800, 24989, flash_query + sector_read, sector_all,    ""},
       {"sector 6, its erase",  "",          obfl_post_test, 65543,  65560,  3,     flash_query + sector_read, sector_all,    ""},
       {"a failing sector",     flash_fault, obfl_post_test, 65550,  155000, 24989, flash_query + sector_read, sector_all,    "Addr 0x000c0002"},
-      // clang-format on
   };
+  // clang-format on
   for (const auto &c : cases) {
     for (uint64_t at = c.from; at < c.to; at += c.step) {
       const int signal = next_signal();
@@ -194,20 +185,18 @@ TEST(interrupted, goes_on_whoever_reads_and_wherever_a_file_ends) {
   const std::string nvram_fault = bad_nvram_cell(state) + "' --fault 'flash-erase-hangs";
   const std::string limited = "ulimit -f 32; ";
   const std::string full(32 * 512 - 1, '.');
-  const struct {
-    std::string fault, output;    // which goes there
-    std::string records, last;    // of the NVRAM and OBFL tests, and at the end
-    std::string command, former;  // before it, and records that are there
-  } cases[] = {
-      // clang-format off
+  // Where the output goes, the records of the NVRAM and OBFL tests and at the end, a command before, and former
+  // records.
+  // clang-format off
+  const struct { std::string fault, output, records, last, command, former; } cases[] = {
       {nvram_fault,           "| head -n 0",            "0:8:0:2\n0:10:0:2\n", "0:12:6:1\n", "",      ""},
       {nvram_fault,           "| head -n 15",           "0:8:0:2\n0:10:0:2\n", "0:12:6:1\n", "",      ""},  // all but the failure line
       {bad_flash_cell(state), "| head -n 17",           "0:8:0:1\n0:10:0:2\n", "0:12:6:1\n", "",      ""},
       {bad_flash_cell(state), ">/dev/full",             "0:8:0:1\n0:10:0:2\n", "0:12:6:1\n", "",      ""},
       {nvram_fault,           ">>full",                 "0:8:0:2\n0:10:0:2\n", "0:12:6:1\n", limited, ""},
       {nvram_fault,           "| grep 'Post Failed'",   ".0",                  ".0",         limited, full},
-      // clang-format on
   };
+  // clang-format on
   std::ofstream(dir.path() / "full") << full;
   for (const auto &[fault, output, records, last, command, former] : cases) {
     SCOPED_TRACE(fault + output);

@@ -1,7 +1,4 @@
 // Locks between processes, on the board's lock directory.
-
-#include <cstdarg>
-
 #include "platform/mfgd/cmn_lib/diag_util/diag_dbg.h"
 #include "platform/mfgd/cmn_lib/diag_util/lock.h"
 #include "tests/support/board.h"
@@ -11,8 +8,7 @@ static std::vector<request> requests;
 static std::vector<int> failures;  // of the next requests
 
 extern "C" {
-int __real_fcntl(int fd, int cmd, ...);
-int __wrap_fcntl(int fd, int cmd, ...);
+int __real_fcntl(int fd, int cmd, ...), __wrap_fcntl(int fd, int cmd, ...);
 }
 
 int __wrap_fcntl(int fd, int cmd, ...) {
@@ -32,14 +28,8 @@ namespace {
 
 constexpr char source[] = "cmn_lib/diag_util/lock.cpp";
 
-struct lock_case {
-  const char *name;
-  uint32_t (*op)(int32_t);
-  int cmd, type;
-  const char *request, *trace;
-};
-
 // clang-format off
+struct lock_case { const char *name; uint32_t (*op)(int32_t); int cmd, type; const char *request, *trace; };
 const lock_case cases[] = {
     {"lock_get_rd_lock",  lock_get_rd_lock,  F_SETLK,  F_RDLCK, "F_SETLK, F_RDLCK",  "taking rd_lock: "},
     {"lock_get_rd_lockw", lock_get_rd_lockw, F_SETLKW, F_RDLCK, "F_SETLKW, F_RDLCK", "taking rd_lockw: "},

@@ -96,15 +96,15 @@ std::string steps_of(const std::function<void()> &body) {
 }
 
 TEST_F(mmap_acc, fences_each_access_after_it) {
-  const struct {
-    uint32_t width, low, high;  // of what is written
-    std::string reads, writes;  // the steps
-  } cases[] = {
-      {1, 0xFFFFFFEF, 0xFFFFFFFF, "r8+0 lfence ", "w8+0 sfence "},
-      {2, 0xFFFFCDEF, 0xFFFFFFFF, "r16+0 lfence ", "w16+0 sfence "},
-      {4, 0x89ABCDEF, 0xFFFFFFFF, "r32+0 lfence ", "w32+0 sfence "},
-      {8, 0x89ABCDEF, 0, "r32+0 r32+4 lfence ", "w32+0 w32+4 sfence "},
+  // The words after a write, and the steps.
+  // clang-format off
+  const struct { uint32_t width, low, high; std::string reads, writes; } cases[] = {
+      {1, 0xFFFFFFEF, 0xFFFFFFFF, "r8+0 lfence ",        "w8+0 sfence "},
+      {2, 0xFFFFCDEF, 0xFFFFFFFF, "r16+0 lfence ",       "w16+0 sfence "},
+      {4, 0x89ABCDEF, 0xFFFFFFFF, "r32+0 lfence ",       "w32+0 sfence "},
+      {8, 0x89ABCDEF, 0,          "r32+0 r32+4 lfence ", "w32+0 w32+4 sfence "},
   };
+  // clang-format on
   for (const auto &[width, low, high, reads, writes] : cases) {
     EXPECT_EQ(mmap_acc_init(m_info, "n", 2, phys, len, width, &m_cb), HW_SUCCESS);
     m_info->m_inst_info[1].m_virt_addr = reinterpret_cast<unsigned char *>(cells) - 0xFF0;
@@ -163,13 +163,12 @@ TEST_F(mmap_acc, creates_each_lock_at_its_first_use_and_closes_it_at_the_end) {
     const int32_t &handle = reads ? inst[1].m_rd_lock : inst[1].m_wr_lock;
     const auto acquire = [&] { return (reads ? m_cb.m_rd_lk_acq : m_cb.m_wr_lk_acq)(1, m_info); };
     const auto release = [&] { return (reads ? m_cb.m_rd_lk_rel : m_cb.m_wr_lk_rel)(1, m_info); };
-    const std::string name = reads ? "RTC_NVRAM1-read" : "RTC_NVRAM1-write",
-                      op = reads ? "_mmap_rd_lk_" : "_mmap_wr_lk_";
+    const std::string rd = reads ? "rd" : "wr", op = "_mmap_" + rd + "_lk_";
+    const std::string name = reads ? "RTC_NVRAM1-read" : "RTC_NVRAM1-write";
     const auto others = [&](auto ask) {
       return run_child([&] { _exit(ask(lock_create(name.c_str())) == 0 ? 0 : 1); }).status == 0;
     };
-    expect_assertion([&] { (void)release(); }, source, op + "rel",
-                     std::string("info->m_inst_info[inst].m_") + (reads ? "rd_lock" : "wr_lock"));
+    expect_assertion([&] { (void)release(); }, source, op + "rel", "info->m_inst_info[inst].m_" + rd + "_lock");
     const auto without_directory = [&] {
       m_board.start({"lock-dir-missing"});
       (void)acquire();
@@ -179,8 +178,8 @@ TEST_F(mmap_acc, creates_each_lock_at_its_first_use_and_closes_it_at_the_end) {
     EXPECT_EQ(acquire(), HW_SUCCESS);
     EXPECT_EQ(others(lock_get_rd_lock), reads);
     EXPECT_FALSE(others(lock_get_wr_lock));
-    EXPECT_THAT(hooks_of([&] { EXPECT_EQ(release(), HW_SUCCESS); }, true)[0].text,
-                testing::StartsWith(reads ? "dropping rd_lock: " : "dropping wr_lock: "));
+    const auto released = hooks_of([&] { EXPECT_EQ(release(), HW_SUCCESS); }, true);
+    EXPECT_THAT(released[0].text, StartsWith("dropping " + rd + "_lock: "));
     EXPECT_TRUE(others(lock_get_wr_lock));
     const int32_t used = handle;
     EXPECT_EQ(acquire(), HW_SUCCESS);
@@ -217,30 +216,32 @@ TEST_F(mmap_acc, unmaps_up_to_the_first_failure) {
 TEST(driver_template, asks_for_a_started_driver_and_calls_the_slots_that_are_there) {
   hw_acc_cb_t cb = {};
   uint32_t data = 0;
+  // clang-format off
   const std::pair<const char *, std::function<void()>> steps_of_drivers[] = {
-      {"hw_acc_rd", [&] { (void)hw_acc_rd(&cb, 0, 0, &data); }},
-      {"hw_acc_wr", [&] { (void)hw_acc_wr(&cb, 0, 0, data); }},
-      {"hw_acc_rd_lk_acq", [&] { hw_acc_rd_lk_acq(&cb, 0); }},
-      {"hw_acc_rd_lk_rel", [&] { hw_acc_rd_lk_rel(&cb, 0); }},
-      {"hw_acc_wr_lk_acq", [&] { hw_acc_wr_lk_acq(&cb, 0); }},
-      {"hw_acc_wr_lk_rel", [&] { hw_acc_wr_lk_rel(&cb, 0); }},
-      {"hw_acc_fini", [&] { hw_acc_fini(&cb); }},
+      {"hw_acc_rd",        [&] { (void)hw_acc_rd(&cb, 0, 0, &data); }}, {"hw_acc_wr", [&] { (void)hw_acc_wr(&cb, 0, 0, data); }},
+      {"hw_acc_rd_lk_acq", [&] { hw_acc_rd_lk_acq(&cb, 0); }},   {"hw_acc_rd_lk_rel", [&] { hw_acc_rd_lk_rel(&cb, 0); }},
+      {"hw_acc_wr_lk_acq", [&] { hw_acc_wr_lk_acq(&cb, 0); }},   {"hw_acc_wr_lk_rel", [&] { hw_acc_wr_lk_rel(&cb, 0); }},
+      {"hw_acc_fini",      [&] { hw_acc_fini(&cb); }},
   };
+  // clang-format on
   constexpr char file[] = "hw_acc/hw_acc_p.h";
   for (const auto &[name, call] : steps_of_drivers)
     expect_assertion(call, file, name, "_hw_acc_init");
-  const auto init = [&] { (void)hw_acc_init(&cb); };
+  const auto init = [&] { return hw_acc_init(&cb); };
   cb.m_init = [](void *) { return HW_ERR_INV_PARAM + 0; };
-  EXPECT_EQ(hw_acc_init(&cb), HW_ERR_INV_PARAM) << "before it looks for the other slots";
+  EXPECT_EQ(init(), HW_ERR_INV_PARAM) << "before it looks for the other slots";
   cb.m_init = nullptr;
   expect_assertion(init, file, "hw_acc_init", "cb->m_rd");
   cb.m_rd = _mmap_rd8;
   expect_assertion(init, file, "hw_acc_init", "cb->m_wr");
   cb.m_wr = _mmap_wr8;
-  EXPECT_EQ(hw_acc_init(&cb), HW_SUCCESS) << "no slot to call";
   _hw_acc_init = 1;
-  for (size_t i = 2; i < std::size(steps_of_drivers); ++i)
-    steps_of_drivers[i].second();
+  const auto all_others = [&](uint32_t rc) {
+    for (size_t i = 2; i < std::size(steps_of_drivers); ++i)
+      steps_of_drivers[i].second();
+    EXPECT_EQ(init(), rc);
+  };
+  EXPECT_THAT(hooks_of([&] { all_others(HW_SUCCESS); }), IsEmpty()) << "no slot to call";
   cb.m_parm = &cb;
   cb.m_init =
       cb.m_fini = [](void *parm) { return cli_printf("%s", parm != nullptr ? "called" : ""), HW_ERR_INV_PARAM + 0; };
@@ -252,12 +253,7 @@ TEST(driver_template, asks_for_a_started_driver_and_calls_the_slots_that_are_the
   std::vector<hook_line> expected(4, {0, "lock 0"});
   expected.insert(expected.end(),
                   {{0, "called"}, {7, "hw_acc_init(): " + text}, {0, "called"}, {0, report}, {3, report}});
-  const auto all = [&] {
-    for (size_t i = 2; i < std::size(steps_of_drivers); ++i)
-      steps_of_drivers[i].second();
-    EXPECT_EQ(hw_acc_init(&cb), HW_ERR_INV_PARAM);
-  };
-  EXPECT_EQ(hooks_of(all, true), expected);
+  EXPECT_EQ(hooks_of([&] { all_others(HW_ERR_INV_PARAM); }, true), expected);
 }
 
 }  // namespace

@@ -13,23 +13,10 @@ void set_lengths(uint32_t length0, uint32_t length1, uint32_t length2) {
   std::ofstream(board().file("proc/bus/pci/devices")) << format(line, length0, length1, length2);
 }
 
-TEST(nvram_driver, is_not_started_by_a_mapping_that_fails) {
-  on_board("--fault=mem-mmap-refused", [] {
-    for (int times = 0; times < 2; ++times) {
-      EXPECT_EQ(nvram_sw_init(), MMAP_ERR_MMAP);
-      EXPECT_THAT(events(), HasSubstr("map RTC_NVRAM"));
-    }
-  });
-}
-
 TEST(nvram_driver, maps_all_regions_with_the_largest_length) {
-  on_board("--card=11062", [] {
-    expect_assertion([] { (void)nvram_wr(0, 0, 0); }, "hw_acc/hw_acc_p.h", "hw_acc_wr_lk_acq", "_hw_acc_init");
-    failing_malloc = 1;
-    EXPECT_EQ(stdout_of([] { EXPECT_EQ(nvram_sw_init(), HW_ERR_MALLOC); }), "");
-    const char map[] = "nvram_sw_init(): mmap_acc_init( mmap_info, RTC_NVRAM_DEV_NAME, Inst, addr, len, 2, dev)\n";
-    EXPECT_THAT(hooks_of([] { EXPECT_EQ(nvram_libinit(), HW_SUCCESS); }, true), Contains(hook_line{7, map}));
-  });
+  expect_start(
+      nvram_sw_init, nvram_libinit, "hw_acc_wr_lk_acq", [] { (void)nvram_wr(0, 0, 0); },
+      "nvram_sw_init(): mmap_acc_init( mmap_info, RTC_NVRAM_DEV_NAME, Inst, addr, len, 2, dev)\n");
   on_board("--card=11062", [] {
     set_lengths(0x1000, 0x3000, 0x2000);
     EXPECT_EQ(nvram_libinit(), HW_SUCCESS);
@@ -95,20 +82,16 @@ std::string run(uint32_t length, uint32_t expected_status) {
   return run(expected_status);
 }
 
-std::string writes(const words_t &words) {
-  return cycles("nvram0 w", words);
-}
-std::string reads(const words_t &words) {
-  return cycles("nvram0 r", words);
-}
+const auto writes = [](const words_t &words) { return cycles("nvram0 w", words); };
+const auto reads = [](const words_t &words) { return cycles("nvram0 r", words); };
 
 // So many words of NVRAM 0, as they are saved and written back.
 words_t first_words(uint32_t count) {
-  const std::string bytes = board().contents("nvram0");
+  std::vector<uint16_t> contents(0x4000);
+  std::memcpy(contents.data(), board().contents("nvram0").data(), 0x8000);
   words_t words;
-  for (uint32_t i = 0; i < 2 * count; i += 2)
-    words.push_back(
-        {i, static_cast<uint8_t>(bytes[i]) | static_cast<uint32_t>(static_cast<uint8_t>(bytes[i + 1])) << 8});
+  for (uint32_t i = 0; i < count; ++i)
+    words.push_back({2 * i, contents[i]});
   return words;
 }
 
@@ -182,9 +165,9 @@ TEST(nvram_test, goes_on_as_far_as_it_can) {
     };
   };
   on_board("--card=11061", [] {
-    EXPECT_THAT(run(16, 0xFFFFFFFF), testing::EndsWith(reads({{0, 0x5555}}) + writes(first_words(8)) +
-                                                       "0x00000000: Expected 0xaaaa Actual 0x5555\nWriting 0x085555 at "
-                                                       "addr 0x084 -> 0x080 addr alias failure for NVRAM 0\n"));
+    EXPECT_THAT(run(16, 0xFFFFFFFF), EndsWith(reads({{0, 0x5555}}) + writes(first_words(8)) +
+                                              "0x00000000: Expected 0xaaaa Actual 0x5555\nWriting 0x085555 at "
+                                              "addr 0x084 -> 0x080 addr alias failure for NVRAM 0\n"));
   });
   change_acc = nullptr;
   // Without its card it does not look for the regions.

@@ -75,21 +75,10 @@ uint32_t wr(const std::vector<obfl_addr_t> &addr) {
 }
 
 TEST(obfl_driver, starts_and_reads_its_times) {
-  on_board("--fault=mem-mmap-refused", [] {
-    for (int times = 0; times < 2; ++times) {
-      EXPECT_EQ(obfl_sw_init(), MMAP_ERR_MMAP);
-      EXPECT_THAT(events(), testing::HasSubstr("map OBFL_Flash"));
-    }
-  });
-  on_board("--card=11062", [] {
-    expect_assertion([] { (void)get_timeout_val(0); }, "hw_acc/hw_acc_p.h", "hw_acc_wr", "_hw_acc_init");
-    failing_malloc = 1;
-    EXPECT_EQ(stdout_of([] { EXPECT_EQ(obfl_sw_init(), HW_ERR_MALLOC); }), "");
-    const char map[] =
-        "obfl_sw_init(): mmap_acc_init( mmap_info, OBFL_FLASH_DEV_NAME, OBFL_INST_MAX, &addr, len, OBFL_WORD_SIZE, "
-        "dev)\n";
-    EXPECT_THAT(hooks_of([] { EXPECT_EQ(obfl_libinit(), HW_SUCCESS); }, true), Contains(hook_line{7, map}));
-  });
+  expect_start(
+      obfl_sw_init, obfl_libinit, "hw_acc_wr", [] { (void)get_timeout_val(0); },
+      "obfl_sw_init(): mmap_acc_init( mmap_info, OBFL_FLASH_DEV_NAME, OBFL_INST_MAX, &addr, len, "
+      "OBFL_WORD_SIZE, dev)\n");
   on_board("--card=11062", [] {
     EXPECT_EQ(obfl_libinit() + obfl_sw_init(), HW_SUCCESS);
     EXPECT_EQ(get_timeout_val(0).max_wr_us, 32U);
@@ -204,22 +193,16 @@ TEST(obfl_driver, stops_at_the_first_failure_and_sends_no_reset) {
   std::string erasing = write_lock + erase_command(0x20000);
   for (int i = 0; i < 8; ++i)
     erasing += "wait 512000\n" + cycles("flash r", {{0x20000, 0x44}, {0x20000, 0}});
-  const struct {
-    std::vector<uint16_t> status;
-    uint32_t (*call)();
-    std::string events;
-  } cases[] = {
-      {{0x44, 0}, [] { return obfl_sector_erase(0, at(0x20000), quick); }, erasing + write_unlock},
-      {{0, 0, 0, 0, 0x40, 0},
-       [] { return obfl_sector_wr(0, at(0x20000), sector_words, quick); },
-       polled(page[0], 1, 0) + polled(page[1], 1, 0) + polled(page[2], 4, 0x40)},
-      {{0, 0, 0x40, 0},
-       [] {
-         return wr({at(0), at(2), at(0x20), at(0x40)});
-       },
-       polled({{0, 0}, {2, 1}}, 1, 0) + polled({{0x20, 2}}, 4, 0x40)},
-      {{0x40, 0}, [] { return wr({at(0x20)}); }, polled({{0x20, 0}}, 4, 0x40)},
+  // clang-format off
+  const struct { std::vector<uint16_t> status; uint32_t (*call)(); std::string events; } cases[] = {
+      {{0x44, 0},       [] { return obfl_sector_erase(0, at(0x20000), quick); }, erasing + write_unlock},
+      {{0, 0, 0, 0, 0x40, 0}, [] { return obfl_sector_wr(0, at(0x20000), sector_words, quick); },
+                        polled(page[0], 1, 0) + polled(page[1], 1, 0) + polled(page[2], 4, 0x40)},
+      {{0, 0, 0x40, 0}, [] { return wr({at(0), at(2), at(0x20), at(0x40)}); },
+                        polled({{0, 0}, {2, 1}}, 1, 0) + polled({{0x20, 2}}, 4, 0x40)},
+      {{0x40, 0},       [] { return wr({at(0x20)}); },                         polled({{0x20, 0}}, 4, 0x40)},
   };
+  // clang-format on
   for (const auto &c : cases) {
     with_driver(c.status, [&] {
       EXPECT_EQ(stdout_of([&] { EXPECT_EQ(c.call(), HW_ERR_TIMEOUT); }),
@@ -273,14 +256,9 @@ void rd(const std::vector<obfl_addr_t> &addr) {
   obfl_rd_array(0, static_cast<uint32_t>(addr.size()), addr.data(), sector_words);
 }
 
-struct assert_case {
-  const char *op;
-  const char *condition;
-  int before;  // so many events come before the report: arguments are checked just before their use
-  std::function<void()> call;
-};
-
+// So many events come before the report: arguments are checked just before their use.
 // clang-format off
+struct assert_case { const char *op, *condition; int before; std::function<void()> call; };
 const assert_case assert_cases[] = {
     {"obfl_get_sector_addr", "addr.so.mbz == 0",            0,  [] { (void)obfl_get_sector_addr(at(0x04000001)); }},
     {"obfl_get_sector_addr", "addr.pw.wr.mbz == 0",         0,  [] { (void)obfl_get_sector_addr(at(0x0003CAFF)); }},
@@ -364,7 +342,7 @@ TEST(obfl_test, writes_reads_and_compares) {
   });
   with_driver({0x40, 0}, [] {
     const std::string said = stdout_of([] { EXPECT_EQ(addressline_high_test(0, 1, quick), 436U); });
-    EXPECT_THAT(said, testing::EndsWith("\n## Error:obfl_wr_array failed\n"));
+    EXPECT_THAT(said, EndsWith("\n## Error:obfl_wr_array failed\n"));
     EXPECT_EQ(events(), polled({{0x2CAFE, 1}}, 4, 0x40)) << "nothing is read back";
   });
 }

@@ -23,13 +23,9 @@ TEST(pci_lookup, takes_base_and_length_of_the_bar) {
   const std::string b = "0010 80861234 10 0 0 0 0 0 0 0 0 0 7000\n2eff 10b59030 0 ";  // the bridge, after a function
   const std::string all = b + "9000007f a003 f4000008 f4010004 f4020004 f80000fc 0 80 100 8000 4000 2000 4000000 0 x";
   const std::string macs = "0008 8086105e 0 1000\n0009 8086105e 0 2000\n000a 80861521 0 3000\n0200 8086105e 0 4000\n";
-  struct {
-    const char *name;
-    std::string list;
-    uint32_t hwtype, inst, bar, rc, base, len;
-    const char *message;
-  } const cases[] = {
-      // clang-format off
+  // clang-format off
+  const struct { const char *name; std::string list;
+                 uint32_t hwtype, inst, bar, rc, base, len; const char *message; } cases[] = {
       {"I/O space",         all,                  92, 0, 0x10, 0,    0x9000007C, 0x80,      ""},
       {"odd bar, 64-bit",   all,                  92, 0, 0x1C, 0,    0xF4010000, 0x4000,    ""},
       {"64-bit and used",   all,                  92, 0, 0x20, 3903, old,        0x2000,    "<3>_pci_find_cb_base_len(): ERROR: PCI BAR 4 is a 64-bit memory space for 0x2e:0x1f:0x7\n"},
@@ -45,8 +41,8 @@ TEST(pci_lookup, takes_base_and_length_of_the_bar) {
       {"fourth of three",   macs,                 40, 3, 0x10, 3901, old,        old,       "<3>mmap_get_map_pci(): The device could not be found for vendorID: 32902 deviceID: 4190 instance: 3.\n"},
       {"instance too high", "",                   92, 1, 0x10, 3902, old,        old,       "<3>_pci_get_vendor_device_id(): ERROR: Unable to find memory map for hardware type 92(HWTYPE_PLX_PCI         - PLX Technology PCI Bridge), inst: 1\n"},
       {"no PCI type",       macs,                 32, 0, 0x10, 3904, old,        old,       ""},
-      // clang-format on
   };
+  // clang-format on
   const test_board board;
   for (const auto &c : cases) {
     SCOPED_TRACE(c.name);
@@ -67,8 +63,8 @@ TEST(pci_lookup, searches_from_a_position_on) {
   // A piece of a long line has 1022 characters: the line behind the blanks stays whole, or begins with 2e and 00.
   const std::string whole = std::string(1022, ' ') + "2e00 8086105e\n";
   const std::string apart = std::string(1020, ' ') + "2e00 8086105e\n";
-  const std::tuple<std::string, position, uint32_t, position> cases[] = {
-      // clang-format off
+  // clang-format off
+  const struct { std::string list; position from; uint32_t rc; position to; } cases[] = {
       {list,  {7, 1,   2,  3}, 0,    {0, 1,    2, 3}},
       {list,  {7, 1,   2,  4}, 0,    {0, 3,    0, 1}},
       {list,  {7, 1,   1,  7}, 0,    {0, 1,    2, 3}},
@@ -78,8 +74,8 @@ TEST(pci_lookup, searches_from_a_position_on) {
       {list,  {7, 255, 31, 8}, 3901, {7, 256,  0, 0}},
       {whole, {7, 0,   0,  0}, 0,    {0, 0x2E, 0, 0}},
       {apart, {7, 0,   0,  0}, 0,    {0, 0,    0, 0}},
-      // clang-format on
   };
+  // clang-format on
   const test_board board;
   for (auto [text, at, rc, to] : cases) {
     std::ofstream(board.file(list_path)) << text;
@@ -104,21 +100,23 @@ TEST(pci_lookup, scans_until_a_line_is_found_whatever_the_statuses) {
 TEST(pci_lookup, asserts_its_arguments) {
   EXPECT_EQ(mmap_is_cat1(), 0U);
   uint32_t out = 0;
-  const std::tuple<uint32_t, uint32_t, uint32_t *, const char *> cases[] = {
+  constexpr char source[] = "mmap/mmap_pci_velto_or.cpp";
+  // clang-format off
+  const struct { uint32_t hwtype, bar; uint32_t *len; const char *text; } cases[] = {
       {153, 0x0C, nullptr, "(id >= HWTYPE_NULL) && (id < HWTYPE_MAX)"},
       {152, 0x0C, nullptr, "base && len"},
-      {152, 0x0F, &out, "(bar >= 0x10) && (bar <= 0x24)"},
-      {152, 0x28, &out, "(bar >= 0x10) && (bar <= 0x24)"},
+      {152, 0x0F, &out,    "(bar >= 0x10) && (bar <= 0x24)"},
+      {152, 0x28, &out,    "(bar >= 0x10) && (bar <= 0x24)"},
   };
-  for (const auto &[hwtype, bar, len, text] : cases)
-    expect_assertion([&, a = hwtype, b = bar, c = len] { (void)mmap_get_map_pci(a, 0, b, &out, c); },
-                     "mmap/mmap_pci_velto_or.cpp", "mmap_get_map_pci", text);
+  // clang-format on
+  for (const auto &c : cases)
+    expect_assertion([&] { (void)mmap_get_map_pci(c.hwtype, 0, c.bar, &out, c.len); }, source, "mmap_get_map_pci",
+                     c.text);
   for (const size_t missing : {0U, 1U, 2U, 3U}) {
     uint32_t *p[] = {&out, &out, &out, &out};
     p[missing] = nullptr;
-    expect_assertion([&] { (void)pci_find_by_vendor_device(0, 0, p[0], p[1], p[2], p[3]); },
-                     "mmap/mmap_pci_velto_or.cpp", "pci_find_by_vendor_device",
-                     "pci_if && pci_bus && pci_dev && pci_func");
+    expect_assertion([&] { (void)pci_find_by_vendor_device(0, 0, p[0], p[1], p[2], p[3]); }, source,
+                     "pci_find_by_vendor_device", "pci_if && pci_bus && pci_dev && pci_func");
   }
 }
 

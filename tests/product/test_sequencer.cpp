@@ -18,8 +18,7 @@ namespace {
 
 // What an entry does for a device, by "ID:DEVICE".
 struct answer {
-  uint32_t status = 0;
-  uint32_t result = POST_RESULT_PASS;
+  uint32_t status = 0, result = POST_RESULT_PASS;
   const char *from = nullptr, *to = nullptr;  // renames this file of the board first
 };
 std::map<std::string, answer> answers;
@@ -85,17 +84,11 @@ constexpr int seconds[] = {1, 0, -3, INT32_MAX, 3600};
 
 const std::string no_file = "Could not open file post_results.txt\nERROR: Failed to open /post/result (0)\n";
 
-struct sequence {
-  const char *name;
-  std::map<std::string, answer> answers = {};
-  std::set<std::string> failed = {};
-  std::map<std::string, std::string> unrecorded = {};  // devices, and what is said of it
-  const char *flag = nullptr;
-  std::string warning = {};
-  bool is_short = false;
-};
-
+// With the devices that are not recorded, and what is said of it.
 // clang-format off
+struct sequence { const char *name; std::map<std::string, answer> answers = {}; std::set<std::string> failed = {};
+                  std::map<std::string, std::string> unrecorded = {};
+                  const char *flag = nullptr; std::string warning = {}; bool is_short = false; };
 const sequence sequences[] = {
     {.name = "all pass"},
     {.name = "results alone fail nothing", .answers = {{"4:0", {0, POST_RESULT_FAIL}}, {"12:6", {0, POST_RESULT_FAIL}}, {"10:0", {0, 7}}}},

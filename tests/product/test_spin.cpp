@@ -10,8 +10,7 @@
 #include "platform/mfgd/cmn_lib/diag_util/timer.h"
 #include "tests/support/board.h"
 
-static std::vector<uint32_t> sleeps;
-static std::vector<uint32_t> khz_at_mtrace;
+static std::vector<uint32_t> sleeps, khz_at_mtrace;
 
 extern "C" {
 int __wrap_usleep(useconds_t usec);
@@ -109,8 +108,7 @@ TEST(cycles, differences_are_divided_by_the_rate) {
     EXPECT_EQ(timer_diff_cycle_in_msec(c.later, c.earlier), c.msec);
     EXPECT_EQ(timer_diff_cycle_in_usec(c.later, c.earlier), c.usec);
   }
-  const uint64_t before = __rdtsc();
-  const uint64_t cycles = timer_get_cycles();
+  const uint64_t before = __rdtsc(), cycles = timer_get_cycles();
   EXPECT_TRUE(before <= cycles && cycles <= __rdtsc());
 }
 

@@ -1,6 +1,4 @@
 // The EEPROM and expander drivers and the whole-image operations, by their exact requests to the I2C service.
-#include <numeric>
-
 #include "platform/libutils/sse.h"
 #include "platform/mfgd/uspace/utils/sprom/at24c512.h"
 #include "platform/mfgd/uspace/utils/sprom/pca8575.h"
@@ -22,8 +20,7 @@ struct service {
   lines log;
   std::string route;  // what the last request was told
   bytes input;
-  size_t taken = 0;
-  size_t calls = 0;
+  size_t taken = 0, calls = 0;
   size_t fail_at = SIZE_MAX;  // number of the request that fails, from 0
   int32_t result = 0;         // of the others
 };
@@ -31,10 +28,6 @@ service sse;
 
 std::string hex(unsigned number) {
   return format(" %02x", number);
-}
-
-std::string route_to(const smb_dev_t &dev) {
-  return std::string(dev.path, strnlen(dev.path, sizeof dev.path)) + hex(dev.addr);
 }
 
 }  // namespace
@@ -61,12 +54,8 @@ int32_t sse_call(uint32_t op, sse_req_t *req) {
 
 namespace {
 
-int32_t we_hook() {
-  sse.log.emplace_back("we");
-  return -5;
-}
-int32_t wd_hook() {
-  sse.log.emplace_back("wd");
+int32_t noted(const char *hook) {
+  sse.log.emplace_back(hook);
   return -5;
 }
 
@@ -77,7 +66,9 @@ constexpr smb_dev_t gem{"/dev/i2c-7", 0x75, 0, 1, 2, 0};
 struct sprom_dev : testing::Test {
   sprom_dev() { begin({}); }
   std::array<uint8_t, 512> cache{};
-  sprom_t sup{&acc, we_hook, wd_hook, "SUPERVISOR", SPROM_TYPE_SUP, 0, cache.data()};
+  static int32_t we() { return noted("we"); }
+  static int32_t wd() { return noted("wd"); }
+  sprom_t sup{&acc, we, wd, "SUPERVISOR", SPROM_TYPE_SUP, 0, cache.data()};
 
   static void begin(const bytes &input, size_t fail_at = SIZE_MAX, int32_t result = 0) {
     sse = {.log = {}, .route = "", .input = input, .fail_at = fail_at, .result = result};
@@ -97,56 +88,52 @@ TEST_F(sprom_dev, addresses_an_eeprom_by_16_bits_and_each_byte_that_it_writes) {
                                    "w 7:0.0 ff ff a2", "w 7:0.0 00 00 55", "we", "w 7:0.0 10 36 a1", "wd"));
 }
 
+// The unit and instance by which the service knows a device, by its path, and an expander's by its address, too.
+// clang-format off
+struct identity_t { const char *path, *eeprom; std::map<uint32_t, const char *> pca9539, pca8575; };
+const identity_t identities[]{
+    {"/dev/i2c-1",  "0.0", {{0x74, "0.4"}, {0x75, "0.5"}, {0x76, "0.6"}}, {{0x26, "0.3"}, {0x27, "0.5"}}},
+    {"/dev/i2c-17", "0.1", {{0x74, "0.4"}, {0x75, "0.5"}, {0x76, "0.6"}}, {{0x26, "0.3"}, {0x27, "0.5"}}},
+    {"/dev/i2c-23", "1.0", {{0x74, "0.4"}, {0x75, "0.5"}, {0x76, "0.6"}}, {{0x26, "0.3"}, {0x27, "0.5"}}},
+    {"/dev/i2c-4",  "2.0", {{0x74, "0.0"}, {0x75, "0.1"}, {0x76, "0.2"}}, {{0x26, "0.0"}, {0x27, "0.5"}}},
+    {"/dev/i2c-8",  "2.0", {{0x74, "0.4"}, {0x75, "0.3"}, {0x76, "0.8"}}, {{0x26, "0.1"}, {0x27, "0.2"}}},
+    {"/dev/i2c-24", "2.0", {{0x74, "0.4"}, {0x75, "0.7"}, {0x76, "0.9"}}, {{0x26, "0.4"}, {0x27, "0.5"}}},
+    {"/dev/i2c-2",  "2.0", {{0x74, "0.4"}, {0x75, "0.5"}, {0x76, "0.6"}}, {{0x26, "0.3"}, {0x27, "0.5"}}},
+    {"/dev/i2c-10", "2.0", {{0x74, "0.4"}, {0x75, "0.5"}, {0x76, "0.6"}}, {{0x26, "0.3"}, {0x27, "0.5"}}},
+    {"/dev/i2c-40", "2.0", {{0x74, "0.4"}, {0x75, "0.5"}, {0x76, "0.6"}}, {{0x26, "0.3"}, {0x27, "0.5"}}},
+    {"",            "2.0", {{0x74, "0.4"}, {0x75, "0.5"}, {0x76, "0.6"}}, {{0x26, "0.3"}, {0x27, "0.5"}}},
+    {"/dev/i2c-1/dev/i2c-1/dev/i2c-1/dev/i",  // not terminated
+                    "2.0", {{0x74, "0.4"}, {0x75, "0.5"}, {0x76, "0.6"}}, {{0x26, "0.3"}, {0x27, "0.5"}}},
+};
+// clang-format on
+
 TEST_F(sprom_dev, knows_devices_by_address_and_whole_path) {
-  constexpr const char *unterminated = "/dev/i2c-1/dev/i2c-1/dev/i2c-1/dev/i";
-  // clang-format off
-  const std::array<const char *, 7> rows[]{
-      // path         EEPROM 0x74   0x75   0x76   0x26   0x27
-      {"/dev/i2c-1",  "0.0", "0.4", "0.5", "0.6", "0.3", "0.5"},
-      {"/dev/i2c-17", "0.1", "0.4", "0.5", "0.6", "0.3", "0.5"},
-      {"/dev/i2c-23", "1.0", "0.4", "0.5", "0.6", "0.3", "0.5"},
-      {"/dev/i2c-4",  "2.0", "0.0", "0.1", "0.2", "0.0", "0.5"},
-      {"/dev/i2c-8",  "2.0", "0.4", "0.3", "0.8", "0.1", "0.2"},
-      {"/dev/i2c-24", "2.0", "0.4", "0.7", "0.9", "0.4", "0.5"},
-      {"/dev/i2c-2",  "2.0", "0.4", "0.5", "0.6", "0.3", "0.5"},
-      {"/dev/i2c-10", "2.0", "0.4", "0.5", "0.6", "0.3", "0.5"},
-      {"/dev/i2c-40", "2.0", "0.4", "0.5", "0.6", "0.3", "0.5"},
-      {unterminated,  "2.0", "0.4", "0.5", "0.6", "0.3", "0.5"},
-      {"",            "2.0", "0.4", "0.5", "0.6", "0.3", "0.5"}};
-  // clang-format on
   uint16_t pair = 0xBEEF;
   uint8_t buf[2];
-  for (const auto &[path, eeprom, at_74, at_75, at_76, at_26, at_27] : rows) {
-    SCOPED_TRACE(path);
+  for (const identity_t &of : identities) {
     smb_dev_t any{"", 0, 0, 1, 1, 0};
-    std::memcpy(any.path, path, std::strlen(path));
+    std::memcpy(any.path, of.path, std::strlen(of.path));
     const auto check = [&](int32_t result, const std::string &type, const char *id, const std::string &request) {
+      SCOPED_TRACE(of.path + hex(any.addr));
       EXPECT_EQ(result, id == nullptr ? -1 : -6);
-      const std::string line = request.substr(0, 2) + type + (id != nullptr ? id : "") + request.substr(1);
-      EXPECT_EQ(sse.log, id == nullptr ? lines{} : lines{line});
-      EXPECT_EQ(sse.route, id == nullptr ? "" : route_to(any));
+      EXPECT_EQ(sse.log, id == nullptr ? lines{} : lines{request.substr(0, 2) + type + id + request.substr(1)});
+      EXPECT_EQ(sse.route, id == nullptr ? "" : of.path + hex(any.addr));
       begin({}, 0);
     };
     begin({}, 0);
     for (any.addr = 0x50; any.addr < 0x58; ++any.addr)
-      check(at24c512_rd(&any, 0x102, 0, nullptr), "7:", eeprom, "w 01 02");
-    using addressed = std::pair<uint32_t, const char *>;
-    // clang-format off
-    for (const auto &[addr, id] : {addressed{0x74, at_74}, {0x75, at_75}, {0x76, at_76},
-                                   {0x73, nullptr}, {0x77, nullptr}, {0x174, nullptr}, {0x26, nullptr}}) {
-      // clang-format on
+      check(at24c512_rd(&any, 0x102, 0, nullptr), "7:", of.eeprom, "w 01 02");
+    for (const uint32_t addr : {0x25U, 0x26U, 0x27U, 0x28U, 0x73U, 0x74U, 0x75U, 0x76U, 0x77U, 0x174U}) {
       any.addr = addr;
-      check(pca9539_wr(&any, 2, 0, &pair), "15:", id, "w 02 ef be");
-      check(pca9539_write_reg(&any, 3, 0x12345678), "15:", id, "w 03 78 56");
-      check(pca9539_reg_rd(&any, 0), "15:", id, "r 00");
-      check(pca9539_init(&any, 0, 0, 0), "15:", id, "r 02");
-      check(pca9539_rd(&any, 7, 2, buf), "15:", id, "r 07");
-    }
-    for (const auto &[addr, id] :
-         {addressed{0x26, at_26}, {0x27, at_27}, {0x25, nullptr}, {0x28, nullptr}, {0x76, nullptr}}) {
-      any.addr = addr;
-      check(pca8575_wr(&any, 9, 0, &pair), "16:", id, "w ef be");
-      check(pca8575_rd(&any, 9, 0, buf), "16:", id, "r 00");
+      const auto id_among = [&](const auto &known) { return known.contains(addr) ? known.at(addr) : nullptr; };
+      const char *const pca9539 = id_among(of.pca9539), *const pca8575 = id_among(of.pca8575);
+      check(pca9539_wr(&any, 2, 0, &pair), "15:", pca9539, "w 02 ef be");
+      check(pca9539_write_reg(&any, 3, 0x12345678), "15:", pca9539, "w 03 78 56");
+      check(pca9539_reg_rd(&any, 0), "15:", pca9539, "r 00");
+      check(pca9539_init(&any, 0, 0, 0), "15:", pca9539, "r 02");
+      check(pca9539_rd(&any, 7, 2, buf), "15:", pca9539, "r 07");
+      check(pca8575_wr(&any, 9, 0, &pair), "16:", pca8575, "w ef be");
+      check(pca8575_rd(&any, 9, 0, buf), "16:", pca8575, "r 00");
     }
   }
 }
@@ -230,15 +217,15 @@ TEST_F(sprom_dev, moves_no_kind_without_a_size) {
                                              {5, -22}, {6, -22}, {7, -22}, {UINT32_MAX, -22}};
   for (const auto &[type, size] : cases) {
     SCOPED_TRACE(type);
-    sprom_t sprom{&acc, we_hook, wd_hook, "LC 2", type, 0, cache.data()};
-    EXPECT_EQ(sprom_get_size(&sprom), size);
-    EXPECT_STREQ(sprom_get_name(&sprom), "LC 2");
+    sup.type = type;
+    EXPECT_EQ(sprom_get_size(&sup), size);
+    EXPECT_STREQ(sprom_get_name(&sup), "SUPERVISOR");
     if (size > 0) continue;
     bytes image = device_image(SPROM_TYPE_SUP);
-    EXPECT_EQ(sprom_write(&sprom, image.data()), size);
-    EXPECT_EQ(sprom_read(&sprom, image.data()), size);
+    EXPECT_EQ(sprom_write(&sup, image.data()), size);
+    EXPECT_EQ(sprom_read(&sup, image.data()), size);
     EXPECT_EQ(image, device_image(SPROM_TYPE_SUP));
-    EXPECT_EQ(sse.calls, 0U);
+    EXPECT_THAT(sse.log, IsEmpty());
   }
 }
 

@@ -1,6 +1,4 @@
 // The board families and the queries on boards in this process, compared with what went over their buses.
-#include <sys/io.h>
-
 #include "platform/mfgd/uspace/utils/sprom/at24c512.h"
 #include "platform/mfgd/uspace/utils/sprom/pca9539.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_api.h"
@@ -51,19 +49,13 @@ TEST(sprom_families, have_a_cache_for_each_image_but_a_modules_and_one_for_all_d
     EXPECT_EQ(module.buf, nullptr);
   EXPECT_EQ(pellin_sprom_dimm[0].buf, pellin_sprom_dimm[1].buf);
   EXPECT_EQ(tosk_sprom_dimm[0].buf, tosk_sprom_dimm[1].buf);
-}
-
-TEST(sprom_families, reach_supervisor_and_backplane_alike) {
-  for (const auto &[one, other] :
-       {std::pair{&dorvan_sprom_sup, &pellin_sprom_sup}, {&dorvan_sprom_bp, &pellin_sprom_bp}}) {
-    EXPECT_EQ(memcmp(one->smb_acc->dev, other->smb_acc->dev, sizeof(smb_dev_t)), 0);
-    EXPECT_TRUE(one->we != nullptr && one->wd != nullptr && one->we != one->wd);
-  }
+  for (const sprom_t *sprom : {&dorvan_sprom_sup, &dorvan_sprom_bp})  // which whole runs read, but do not write
+    EXPECT_TRUE(sprom->we != nullptr && sprom->wd != nullptr && sprom->we != sprom->wd) << sprom->name;
 }
 
 TEST(sprom_families, answer_to_sprom_addresses) {
   // clang-format off
-  const std::tuple<uint32_t, uint32_t, sprom_t *, sprom_t *> rows[]{  // slot, index, and the SPROM on each family
+  const struct { uint32_t slot, index; sprom_t *pellin, *tosk; } rows[]{
       {0, 0, &pellin_sprom_bp,    &tosk_sprom_bp},    {0, 1, &pellin_sprom_ps[0], &tosk_sprom_ps[0]},
       {0, 2, &pellin_sprom_ps[1], &tosk_sprom_ps[1]}, {0, 3, nullptr, nullptr},   {0, UINT32_MAX, nullptr, nullptr},
       {1, 0, nullptr, nullptr},                       {1, 1, &pellin_sprom_sup,   &tosk_sprom_sup},
@@ -102,14 +94,10 @@ constexpr const char *no_eeprom = "i2c-fail bus=1 addr=0x52 times=0 errno=110";
 constexpr const char *bad_image = "sprom-corrupt image=sup block=main offset=8 xor=3";
 constexpr const char *bad_image_line = "Supervisor Main block checksum mismatch.  Found 0x01f5, expected 0x01f8.\n";
 
-struct board_case {
-  uint32_t card;
-  unsigned straps;
-  const char *fault;
-  const char *pellin_reads, *tosk_reads;  // after the straps
-  int32_t pellin, tosk, platform;         // results
-};
+// What is read after the straps, and the results.
 // clang-format off
+struct board_case { uint32_t card; unsigned straps; const char *fault, *pellin_reads, *tosk_reads;
+                    int32_t pellin, tosk, platform; };
 const board_case boards[]{
     // card  fault       reads                    results
     {11004, 0, "",        "",         image_read, 0,    2,    0},
@@ -182,15 +170,9 @@ const words port_off{"port r 32 0x50c 0x6b5a3c41", "port w 32 0x50c 0x635a3c41"}
 const words port_on{"port r 32 0x50c 0x635a3c41", "port w 32 0x50c 0x6b5a3c41"};
 const hooks port_hooks{port_off, port_off, port_on};
 
-struct hook_case {
-  const char *family;
-  sprom_t *sprom;
-  const char *eeprom;
-  hooks expected;
-  const char *expander;
-};
 // An SPROM for each of the hooks, and for none; test_sprom_tool_board writes all the others, too.
 // clang-format off
+struct hook_case { const char *family; sprom_t *sprom; const char *eeprom; hooks expected; const char *expander; };
 const hook_case hook_cases[]{
     {"--family=pellin", &pellin_sprom_sup,   "1-52",  port_hooks,                    nullptr},
     {"--family=pellin", &pellin_sprom_lc[0], "17-52", pin_hooks("i2c-20:76", "fffd"), "bus=20 addr=0x76"},
@@ -253,25 +235,26 @@ TEST(sprom_write_protection, ends_a_hook_at_any_failing_transaction) {
 
 TEST(sprom_write_protection, is_restored_after_a_write_that_stops_or_changes_nothing) {
   const std::string off = joined(port_off), on = joined(port_on), all = "i2c-1:52 w 24 *334";
-  // Fault, result, bytes that arrive, transactions.
-  const std::tuple<const char *, int32_t, size_t, std::string> cases[]{
-      {"i2c-fail bus=1 addr=0x52 nth=1", -5, 0, joined({off, on})},
-      {"i2c-fail bus=1 addr=0x52 nth=2", -5, 1, joined({off, "i2c-1:52 w 24 *1", on})},
+  // clang-format off
+  const struct { const char *fault; int32_t result; size_t arrived; std::string log; } cases[]{
+      {"i2c-fail bus=1 addr=0x52 nth=1",   -5, 0,   joined({off, on})},
+      {"i2c-fail bus=1 addr=0x52 nth=2",   -5, 1,   joined({off, "i2c-1:52 w 24 *1", on})},
       {"i2c-fail bus=1 addr=0x52 nth=200", -5, 199, joined({off, "i2c-1:52 w 24 *199", on})},
       {"i2c-fail bus=1 addr=0x52 nth=334", -5, 333, joined({off, "i2c-1:52 w 24 *333", on})},
-      {"eeprom-protected bus=1 addr=0x52", 0, 0, joined({off, all, on})},
-      {"port-stuck bit=27 level=1", 0, 0, joined({off, all, port_off[0], port_on[1]})},
-      {"iopl-refused", 0, 0, all},
+      {"eeprom-protected bus=1 addr=0x52", 0,  0,   joined({off, all, on})},
+      {"port-stuck bit=27 level=1",        0,  0,   joined({off, all, port_off[0], port_on[1]})},
+      {"iopl-refused",                     0,  0,   all},
   };
-  for (const auto &[fault, result, arrived, log] : cases) {
-    SCOPED_TRACE(fault);
-    on_new_board({"--family=tosk", fault}, [result = result, arrived = arrived, log = log](test_board &board) {
+  // clang-format on
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.fault);
+    on_new_board({"--family=tosk", c.fault}, [&](test_board &board) {
       auto chip = eeprom(board, "1-52");
       auto image = host_image(SPROM_TYPE_SUP);
-      EXPECT_EQ(sprom_write(&tosk_sprom_sup, image.data()), result);
-      std::copy_n(image.begin(), arrived, chip.begin());
+      EXPECT_EQ(sprom_write(&tosk_sprom_sup, image.data()), c.result);
+      std::copy_n(image.begin(), c.arrived, chip.begin());
       EXPECT_EQ(eeprom(board, "1-52"), chip);
-      EXPECT_EQ(log_of(board), log);
+      EXPECT_EQ(log_of(board), c.log);
     });
   }
 }
@@ -336,21 +319,19 @@ TEST(sprom_queries, read_fields_from_the_device_past_base_and_cache) {
   });
 }
 
-struct query {
-  const char *name;
-  int32_t (*get)(const sprom_t *sprom, void *output);
-  const char *asserted;  // the output that may not be null
-};
 template <auto get, typename T>
 int32_t ask(const sprom_t *sprom, void *output) {
   return get(sprom, static_cast<T *>(output));
 }
-const query queries[]{
-    {"sprom_get_pid", ask<sprom_get_pid, char>, "pid"},
-    {"sprom_get_sn", ask<sprom_get_sn, char>, "sn"},
-    {"sprom_get_hw_change", ask<sprom_get_hw_change, uint64_t>, nullptr},
+// With the output that may not be null.
+// clang-format off
+const struct query { const char *name; int32_t (*get)(const sprom_t *, void *); const char *asserted; } queries[]{
+    {"sprom_get_pid",        ask<sprom_get_pid, char>,            "pid"},
+    {"sprom_get_sn",         ask<sprom_get_sn, char>,             "sn"},
+    {"sprom_get_hw_change",  ask<sprom_get_hw_change, uint64_t>,  nullptr},
     {"sprom_get_card_index", ask<sprom_get_card_index, uint16_t>, nullptr},
 };
+// clang-format on
 
 TEST(sprom_queries, hand_on_a_failure) {
   on_new_board({"--family=tosk", "i2c-fail bus=1 addr=0x52 times=0 nth=3"}, [](test_board &) {

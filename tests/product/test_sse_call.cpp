@@ -44,14 +44,8 @@ namespace {
 
 TEST(sse_service, makes_one_transaction_of_the_kind_asked_for) {
   // clang-format off
-  const struct {
-    request asked;
-    const char *path;
-    uint32_t addr, addr_len;
-    int32_t result;
-    lines wire;
-    std::array<uint8_t, 2> data;
-  } rows[]{
+  const struct { request asked; const char *path; uint32_t addr, addr_len;
+                 int32_t result; lines wire; std::array<uint8_t, 2> data; } rows[]{
       // EEPROMs with two address bytes and with one, whose high byte must be 0.
       {{WR,  7, 2, 0x00, {0x22}},       "/dev/i2c-1", 0x52, 2, 0,       {"i2c-1:52 w 16 0x0 0x0022"},   {0x22, 0}},
       {{RD,  7, 1, 0},                  "/dev/i2c-1", 0x52, 2, 0,       {"i2c-1:52 r 8 0x0 0x53"},      {0x53, 0xA2}},
@@ -131,7 +125,7 @@ TEST(sse_service, finds_devices_by_identity_unless_told_the_bus_once) {
 TEST(sse_service, refuses_bad_requests_without_touching_a_bus) {
   const std::string too_long(36, '1');
   // clang-format off
-  const std::tuple<request, const char *, uint32_t, int32_t> rows[]{
+  const struct { request asked; const char *path; uint32_t addr; int32_t result; } rows[]{
       {{0,    7, 2, 0},     "/dev/i2c-1",     0x52, -EINVAL}, {{1074, 7, 2, 0},     "/dev/i2c-1", 0x52, -EINVAL},
       {{1077, 7, 2, 0},     "/dev/i2c-1",     0x52, -EINVAL}, {{RD,   7, 0, 0},     "/dev/i2c-1", 0x52, -EINVAL},
       {{RD,   7, 4, 0},     "/dev/i2c-1",     0x52, -EINVAL}, {{RD,   7, 0x103, 0}, "/dev/i2c-1", 0x52, -EINVAL},
@@ -153,9 +147,9 @@ TEST(sse_service, refuses_bad_requests_without_touching_a_bus) {
 
 TEST(sse_service, asks_a_busy_eeprom_again_for_its_write_cycle) {
   constexpr request again{RD, 7, 1, 0}, expander{WR, 15, 2, 0};
-  // Fault, request, µs between looks at the clock, result, how often the device is asked.
+  // `step` is the time between looks at the clock in µs; `asks` is how often the device is asked.
   // clang-format off
-  const std::tuple<const char *, request, int64_t, int32_t, size_t> rows[]{
+  const struct { const char *fault; request asked; int64_t step; int32_t result; size_t asks; } rows[]{
       {"eeprom-busy bus=6 addr=0x52 polls=3",              again,    100,    0,          4},
       {"eeprom-busy bus=6 addr=0x52",                      again,    100,    -ENXIO,     51},  // from 0 to 10 ms
       // Held up for long at each transfer, the device still gets its chances.
@@ -170,16 +164,16 @@ TEST(sse_service, asks_a_busy_eeprom_again_for_its_write_cycle) {
   };
   // clang-format on
   for (const auto &row : rows) {
-    SCOPED_TRACE(std::get<0>(row));
-    on_new_board({"--family=pellin", std::get<0>(row)}, [&](test_board &board) {
-      auto [fault, asked, step, result, asks] = row;
+    SCOPED_TRACE(row.fault);
+    on_new_board({"--family=pellin", row.fault}, [&](test_board &board) {
+      request asked = row.asked;
       now_us = 5'999'995'000;  // the second turns meanwhile
-      step_us = step;
+      step_us = row.step;
       EXPECT_EQ((request{WR, 7, 3, 0}.make_at("/dev/i2c-6", 0x52, 1)), 0);
       (void)board.log();
       const bool is_eeprom = asked.dev_type == SSE_DEV_AT24C512;
-      EXPECT_EQ(asked.make_at(is_eeprom ? "/dev/i2c-6" : "/dev/i2c-7", is_eeprom ? 0x52 : 0x75), result);
-      EXPECT_EQ(board.log().size(), asks);
+      EXPECT_EQ(asked.make_at(is_eeprom ? "/dev/i2c-6" : "/dev/i2c-7", is_eeprom ? 0x52 : 0x75), row.result);
+      EXPECT_EQ(board.log().size(), row.asks);
     });
   }
 }

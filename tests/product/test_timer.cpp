@@ -8,10 +8,8 @@ static std::set<void *> &blocks = *new std::set<void *>;  // allocated and not r
 static uint32_t freed_state;                              // of the last block, if it was a timer
 
 extern "C" {
-void *__real_calloc(size_t count, size_t size);
-void *__wrap_calloc(size_t count, size_t size);
-void __real_free(void *block);
-void __wrap_free(void *block);
+void *__real_calloc(size_t count, size_t size), *__wrap_calloc(size_t count, size_t size);
+void __real_free(void *block), __wrap_free(void *block);
 
 void *__wrap_calloc(size_t count, size_t size) {
   return allocator_fails ? nullptr : *blocks.insert(__real_calloc(count, size)).first;
@@ -192,8 +190,7 @@ TEST(timer, misuse_ends_the_process) {
   init(4);
   diag_timer_t *const t = make('t', 1);
   uint64_t exp = 0;
-  const char gone[] = "timer->state != TIMER_DELETED";
-  const char late[] = "time_diff != GTIME_IS_LATER_IN_TIME";
+  const char gone[] = "timer->state != TIMER_DELETED", late[] = "time_diff != GTIME_IS_LATER_IN_TIME";
   // clang-format off
   const struct { const char *op, *text; uint32_t state; std::function<void()> body; } cases[] = {
       {"timer_start",             gone,                      2, [&] { (void)timer_start(t); }},
@@ -269,8 +266,7 @@ struct pair_t {
     allocator_fails = random(8) == 0;
     const auto name = static_cast<char>('a' + random(12));
     timer_t &timer = by_name[name];
-    const uint32_t period = 1 + random(random(2) != 0 ? set.max_period : 4);
-    const uint32_t what = random(8);
+    const uint32_t period = 1 + random(random(2) != 0 ? set.max_period : 4), what = random(8);
     if (timer.real == nullptr) {
       timer = {make(name, period, what % 3), period, what % 3};
       EXPECT_EQ(timer.real == nullptr, allocator_fails);

@@ -10,15 +10,11 @@ constexpr auto w64 = sim::word_size::bits64;
 
 // Registers: ax 1021, cx 2000, dx 123456781234050C, bx 4000, sp 5000, bp 6000, si 7000, di 8000, r8 9000 ... r12 D000,
 // r13 E000. The bus delivers 8091A2B3C4D5E6F7.
+// The access is "r", "w", "in " or "out " and the width, "" for an instruction that is refused; the data are those onto
+// the bus, or what the register of a load then holds.
 // clang-format off
-const struct {
-  const char *name;
-  sim::word_size size;
-  const char *code;
-  std::string access;  // "r", "w", "in " or "out " and the width; "" for an instruction that is refused
-  uint64_t address;
-  uint64_t data;  // onto the bus; of a load what its register then holds
-} decode_cases[] = {
+const struct { const char *name; sim::word_size size; const char *code;
+               std::string access; uint64_t address, data; } decode_cases[] = {
     {"mov [rbx], dh",               w64, "88 33",                      "w8",   0x4000, 5},
     {"mov [rbx], sil",              w64, "40 88 33",                   "w8",   0x4000, 0},
     {"mov r9, [r8]",                w64, "4D 8B 08",                   "r64",  0x9000, 0x8091A2B3C4D5E6F7},

@@ -1,8 +1,6 @@
 // What each fault does to a program, and that it counts just that. The flash's and the I2C devices' faults stand with
 // the tests of their models.
 #include <linux/i2c-dev.h>
-#include <spawn.h>
-#include <sys/io.h>
 
 #include "sim/board/lock_holder.h"
 #include "tests/sim/fault_cases.h"
@@ -150,51 +148,52 @@ void run_nvram(const std::string &script) {
   }
 }
 
+const std::string cell = " instance=0 offset=0x20 bit=0 ";
+const std::string pair = cell + "victim=0x31 vbit=0 ";
+// clang-format off
+const fault_case nvram_faults[] = {
+    // With 0020=0 0030=0 before.
+    {"nvram-data-stuck instance=0 line=3 level=1",      "20:8 20=8 20=0 20:8", 2},
+    {"nvram-data-stuck instance=0 line=3 level=0",      "20=8 20:0 20=F0", 1},
+    {"nvram-data-short instance=0 line=3 other=9",      "20=8 20:0 20=208 20:208", 1},
+    {"nvram-data-short instance=0 line=3 other=9 wins=1", "20=8 20:208", 1},
+    {"nvram-data-floating instance=0 line=3",           "20=8 20:8 30:8 20=0 20:0 30:0", 3},
+    {"nvram-addr-stuck instance=0 line=4 level=1",      "20:0 20=5 30:5 20:5", 2},
+    {"nvram-addr-stuck instance=0 line=5 level=1",      "20:0 20=5", 0},
+    {"nvram-addr-stuck instance=0 line=14 level=1",     "20=5 20:5 4020:5", 2},
+    {"nvram-addr-short instance=0 line=4 other=5",      "20=5 0:5 20:5", 2},
+    {"nvram-addr-short instance=0 line=5 other=1 wins=1", "20=5 22:5 20:5", 2},
+    {"nvram-cell-stuck" + cell + "level=1",             "20:1 20=FFFF 20=2 20:3", 2},
+    {"nvram-cell-transition" + cell + "level=1",        "20=3 20:2 20=FFFF 20:FFFE", 2},
+    {"nvram-cell-transition" + cell + "level=0",        "20=3 20:3 20=0 20:1 b21=7 20:701", 1},
+    {"nvram-cell-read-disturb" + cell,                  "20:1 20:0 20:1 20=0", 3},
+    {"nvram-cell-read-disturb" + cell + "level=0",      "20:1 20:1 20=0 20:1", 2},
+    {"nvram-cell-read-deceptive" + cell,                "20:0 20:1 20:0", 3},
+    {"nvram-cell-read-deceptive" + cell + "level=1",    "20:0 20=1 20:1 20:0 20:0", 1},
+    {"nvram-cell-read-wrong" + cell,                    "20:1 20:1 20=1 20:0", 3},
+    {"nvram-cell-read-wrong" + cell,                    "b21:0 b20:1", 1},
+    {"nvram-data-stuck instance=0 line=3 level=1",      "b21:0 b21=0 b20:8", 1},
+    {"nvram-cell-read-wrong" + cell + "level=1",        "20:0 20=1 20:0 20:0", 2},
+    {"nvram-cell-write-disturb" + cell,                 "20=0 20:1 20=1 20:0 20=1 20:1 b21=0 20:1", 2},
+    {"nvram-cell-write-disturb" + cell + "level=1",     "20=0 20:0 20=1 20:1 20=1 20:0", 1},
+    {"nvram-cell-coupled" + pair,                       "20=1 30:100 20=1 30:100 20=2 30:0", 2},
+    {"nvram-cell-coupled" + pair + "level=1",           "20=1 30:100 20=0 30:100 20=1 30:0", 2},
+    {"nvram-cell-coupled" + pair + "level=0 vlevel=1",  "20=1 30:0 20=0 30:100 20=1 20=0 30:100", 1},
+    {"nvram-cell-coupled-read" + pair,                  "30:0 20:0 30:100 20:0 30:0", 2},
+    {"nvram-cell-coupled-read" + pair + "vlevel=1",     "20:0 20:0 30:100", 1},
+    {"nvram-cell-coupled-write" + pair,                 "20=0 30:100 b21=0 30:100 20=0 30:0", 2},
+    {"nvram-cell-coupled-write" + pair + "vlevel=0",    "20=0 30=100 20=0 30:0", 1},
+    {"nvram-cell-coupled-state" + pair + "level=1 vlevel=1", "30:0 20=1 30:100 30=0 30:100 20=0 30:100 30=0 30:0", 2},
+    {"nvram-cell-coupled-state" + pair + "level=0 vlevel=1", "30:100", 1},
+    {"nvram-cell-coupled-transition" + pair + "level=1 vlevel=1", "30=100 30:100 30=0 20=1 30=101 30:1 20=0 30=100 30:100", 1},
+    // Now and then.
+    {"nvram-cell-read-wrong" + cell + "nth=2 times=2",  "20:0 20:1 20:1 20:0", 2},
+};
+// clang-format on
+
 TEST(sim_faults, show_in_the_nvram_as_the_literature_has_them_and_count_what_they_change) {
-  const std::string cell = " instance=0 offset=0x20 bit=0 ";
-  const std::string pair = cell + "victim=0x31 vbit=0 ";
-  const fault_case cases[] = {
-      // clang-format off
-      // With 0020=0 0030=0 before.
-      {"nvram-data-stuck instance=0 line=3 level=1",      "20:8 20=8 20=0 20:8", 2},
-      {"nvram-data-stuck instance=0 line=3 level=0",      "20=8 20:0 20=F0", 1},
-      {"nvram-data-short instance=0 line=3 other=9",      "20=8 20:0 20=208 20:208", 1},
-      {"nvram-data-short instance=0 line=3 other=9 wins=1", "20=8 20:208", 1},
-      {"nvram-data-floating instance=0 line=3",           "20=8 20:8 30:8 20=0 20:0 30:0", 3},
-      {"nvram-addr-stuck instance=0 line=4 level=1",      "20:0 20=5 30:5 20:5", 2},
-      {"nvram-addr-stuck instance=0 line=5 level=1",      "20:0 20=5", 0},
-      {"nvram-addr-stuck instance=0 line=14 level=1",     "20=5 20:5 4020:5", 2},
-      {"nvram-addr-short instance=0 line=4 other=5",      "20=5 0:5 20:5", 2},
-      {"nvram-addr-short instance=0 line=5 other=1 wins=1", "20=5 22:5 20:5", 2},
-      {"nvram-cell-stuck" + cell + "level=1",             "20:1 20=FFFF 20=2 20:3", 2},
-      {"nvram-cell-transition" + cell + "level=1",        "20=3 20:2 20=FFFF 20:FFFE", 2},
-      {"nvram-cell-transition" + cell + "level=0",        "20=3 20:3 20=0 20:1 b21=7 20:701", 1},
-      {"nvram-cell-read-disturb" + cell,                  "20:1 20:0 20:1 20=0", 3},
-      {"nvram-cell-read-disturb" + cell + "level=0",      "20:1 20:1 20=0 20:1", 2},
-      {"nvram-cell-read-deceptive" + cell,                "20:0 20:1 20:0", 3},
-      {"nvram-cell-read-deceptive" + cell + "level=1",    "20:0 20=1 20:1 20:0 20:0", 1},
-      {"nvram-cell-read-wrong" + cell,                    "20:1 20:1 20=1 20:0", 3},
-      {"nvram-cell-read-wrong" + cell,                    "b21:0 b20:1", 1},
-      {"nvram-data-stuck instance=0 line=3 level=1",      "b21:0 b21=0 b20:8", 1},
-      {"nvram-cell-read-wrong" + cell + "level=1",        "20:0 20=1 20:0 20:0", 2},
-      {"nvram-cell-write-disturb" + cell,                 "20=0 20:1 20=1 20:0 20=1 20:1 b21=0 20:1", 2},
-      {"nvram-cell-write-disturb" + cell + "level=1",     "20=0 20:0 20=1 20:1 20=1 20:0", 1},
-      {"nvram-cell-coupled" + pair,                       "20=1 30:100 20=1 30:100 20=2 30:0", 2},
-      {"nvram-cell-coupled" + pair + "level=1",           "20=1 30:100 20=0 30:100 20=1 30:0", 2},
-      {"nvram-cell-coupled" + pair + "level=0 vlevel=1",  "20=1 30:0 20=0 30:100 20=1 20=0 30:100", 1},
-      {"nvram-cell-coupled-read" + pair,                  "30:0 20:0 30:100 20:0 30:0", 2},
-      {"nvram-cell-coupled-read" + pair + "vlevel=1",     "20:0 20:0 30:100", 1},
-      {"nvram-cell-coupled-write" + pair,                 "20=0 30:100 b21=0 30:100 20=0 30:0", 2},
-      {"nvram-cell-coupled-write" + pair + "vlevel=0",    "20=0 30=100 20=0 30:0", 1},
-      {"nvram-cell-coupled-state" + pair + "level=1 vlevel=1", "30:0 20=1 30:100 30=0 30:100 20=0 30:100 30=0 30:0", 2},
-      {"nvram-cell-coupled-state" + pair + "level=0 vlevel=1", "30:100", 1},
-      {"nvram-cell-coupled-transition" + pair + "level=1 vlevel=1", "30=100 30:100 30=0 20=1 30=101 30:1 20=0 30=100 30:100", 1},
-      // Now and then.
-      {"nvram-cell-read-wrong" + cell + "nth=2 times=2",  "20:0 20:1 20:1 20:0", 2},
-      // clang-format on
-  };
   const test_board board;
-  for (const auto &c : cases) {
+  for (const auto &c : nvram_faults) {
     SCOPED_TRACE(c.fault);
     board.start();
     run_nvram("20=0 30=0 0=0");
@@ -207,7 +206,7 @@ TEST(sim_faults, show_in_the_nvram_as_the_literature_has_them_and_count_what_the
     EXPECT_EQ(board.fired(), std::vector{c.fired});
     EXPECT_EQ(others(), before);
   }
-  expect_all(cases, {sim::fault_part::nvram}, sim::fault_id::nvram_power_cut);
+  expect_all(nvram_faults, {sim::fault_part::nvram}, sim::fault_id::nvram_power_cut);
 }
 
 // --- The report -----------------------------------------------------------------------------------------------------

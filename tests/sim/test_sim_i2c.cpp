@@ -2,8 +2,6 @@
 #include <linux/i2c-dev.h>
 #include <linux/i2c.h>
 
-#include <chrono>
-
 #include "tests/sim/fault_cases.h"
 #include "tests/support/board.h"
 
@@ -143,17 +141,17 @@ TEST(sim_i2c_dev, puts_smbus_transfers_on_the_wire_as_messages) {
   EXPECT_EQ(functions & (I2C_FUNC_I2C | I2C_FUNC_SMBUS_WORD_DATA), unsigned{I2C_FUNC_SMBUS_WORD_DATA});
   EXPECT_EQ(transfer("1:52 r1"), "EOPNOTSUPP");
   EXPECT_EQ(ioctl(fd, I2C_SLAVE, 0x52), 0);
-  // Kind, command, size; the word before, the error, the word after; a block's length is the low byte. What is logged.
-  const std::tuple<uint8_t, uint8_t, uint32_t, uint16_t, int, int, strings> cases[] = {
-      // clang-format off
+  // A block's length is the low byte of its word.
+  // clang-format off
+  const struct { uint8_t kind, command; uint32_t size; uint16_t before; int error, after; strings log; } cases[] = {
       {I2C_SMBUS_WRITE, 0x20, I2C_SMBUS_WORD_DATA,      0x5A07, 0, 0x5A07,  {"i2c-1:52 w 24 0x0 0x20075a"}},
       {I2C_SMBUS_READ,  0,    I2C_SMBUS_BYTE,           0x0000, ENXIO, 0,   {"i2c-1:52 R 0 0x0 0x0"}},
       {I2C_SMBUS_WRITE, 0,    I2C_SMBUS_QUICK,          0x0000, ENXIO, 0,   {"i2c-1:52 W 0 0x0 0x0"}},
       {I2C_SMBUS_READ,  0x08, I2C_SMBUS_I2C_BLOCK_DATA, 0x0001, 0, 0xFF01,  {"i2c-1:52 w 8 0x0 0x08", "i2c-1:52 r 8 0x1 0xff"}},
       {I2C_SMBUS_WRITE, 0x10, I2C_SMBUS_I2C_BLOCK_DATA, 0x7701, 0, 0x7701,  {"i2c-1:52 w 16 0x0 0x1077"}},
       {I2C_SMBUS_READ,  0x07, I2C_SMBUS_BLOCK_DATA,     0x0000, EOPNOTSUPP, 0, {}},
-      // clang-format on
   };
+  // clang-format on
   (void)board.log();
   for (const auto &[kind, command, size, before, error, after, log] : cases) {
     i2c_smbus_data data{.word = before};

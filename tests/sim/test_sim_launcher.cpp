@@ -2,7 +2,6 @@
 // that both word sizes are the same.
 #include <link.h>
 #include <linux/i2c-dev.h>
-#include <spawn.h>
 #include <sys/file.h>
 
 #include "platform/mfgd/cmn_lib/diag_util/owner.h"
@@ -149,23 +148,20 @@ strings entries(const fs::path &path) {
   return names;
 }
 
-class launcher : public testing::Test {
+// Its shell has a function "part", which runs "$SIM" on a part of this program.
+class launcher : public in_directory {
  protected:
-  launcher() { (void)setenv("TMPDIR", dir.path().c_str(), 1); }
+  launcher() : in_directory("SIM=board-sim; part() { \"$SIM\" -- " + shell_word(own_path()) + " --part \"$@\"; }\n") {
+    (void)setenv("TMPDIR", path("").c_str(), 1);
+  }
   ~launcher() override {
     (void)unsetenv("TMPDIR");
     fs::current_path(from);
   }
-  [[nodiscard]] std::string path(const std::string &name) const { return (dir.path() / name).string(); }
-
-  // A command with board-sim in its path and a function "part", which runs "$SIM" on a part of this program.
-  [[nodiscard]] outcome in_shell(const std::string &command) const {
-    return run_shell(dir.path(), "SIM=board-sim; part() { \"$SIM\" $OPT -- " + shell_word(own_path()) +
-                                     " --part \"$@\"; }\n" + command);
-  }
+  [[nodiscard]] std::string path(const std::string &name) const { return in_directory::path(name).string(); }
 
   void write_program(const std::string &name, const std::string &bytes) const {
-    std::ofstream(path(name), std::ios::binary) << bytes;
+    save(name, bytes);
     fs::permissions(path(name), fs::perms::owner_all);
   }
 
@@ -178,7 +174,6 @@ class launcher : public testing::Test {
     write_program(name, bytes);
   }
 
-  temp_dir dir;
   const fs::path from = fs::current_path();
 };
 
@@ -200,10 +195,9 @@ TEST_F(launcher, tells_wrong_arguments_and_unusable_boards_and_ends_with_2) {
       {{"--state", path("cut")}, path("cut/eeprom-1-52") + ": size is not 65536 bytes\n"},
       {{"--state", path("odd")}, path("odd/nvram0") + ": Is a directory\n"},
   };
-  for (const auto &[args, error] : cases) {
+  for (const auto &[args, error] : cases)
     expect_run(run(args, {"system", "echo it runs"}), 2, "", "board-sim: " + error);
-  }
-  EXPECT_EQ(in_shell("TMPDIR=/a:b board-sim").err, "board-sim: " + colon + "/a:b'\n");
+  EXPECT_EQ(sh("TMPDIR=/a:b board-sim").err, "board-sim: " + colon + "/a:b'\n");
 }
 
 TEST_F(launcher, helps) {
@@ -218,19 +212,20 @@ TEST_F(launcher, helps) {
 }
 
 TEST_F(launcher, reports_programs_that_cannot_run) {
-  fs::current_path(dir.path());  // its own path can have a blank, which ends an interpreter's name
+  fs::current_path(path(""));  // its own path can have a blank, which ends an interpreter's name
   write_program("loop", "#!./loop\n");
   write_program("text", "echo it runs\n");
-  const std::tuple<std::string, int, std::string> cases[] = {
-      {"/no/such", 127, "/no/such: No such file or directory\n"},
+  // clang-format off
+  const struct { std::string program; int status; std::string error; } cases[] = {
+      {"/no/such",        127, "/no/such: No such file or directory\n"},
       {"no-such-command", 127, "no-such-command: not found in PATH\n"},
-      {"/etc/passwd", 126, "/etc/passwd: Permission denied\n"},
-      {path("loop"), 126, path("loop: Too many levels of symbolic links\n")},
-      {path("text"), 126, path("text: Exec format error\n")},
+      {"/etc/passwd",     126, "/etc/passwd: Permission denied\n"},
+      {path("loop"),      126, path("loop: Too many levels of symbolic links\n")},
+      {path("text"),      126, path("text: Exec format error\n")},
   };
-  for (const auto &[program, status, error] : cases) {
+  // clang-format on
+  for (const auto &[program, status, error] : cases)
     expect_run(run({"--", program}), status, "", "board-sim: " + error);
-  }
 }
 
 TEST_F(launcher, refuses_programs_that_the_library_does_not_get_into) {
@@ -238,7 +233,7 @@ TEST_F(launcher, refuses_programs_that_the_library_does_not_get_into) {
   make_program("arm", [](auto *header, auto *) { header->e_machine = EM_ARM; });
   make_program("static", [](auto *, auto *loader) { loader->p_type = PT_NULL; });
   make_program("loader", [](auto *, auto *loader) { loader->p_filesz -= 2; });
-  fs::current_path(dir.path());
+  fs::current_path(path(""));
   write_program("script", "#! ./static -x\n");
   std::map<std::string, std::string> cases{
       {"short", "this board runs (64|32)-bit x86 programs only"},
@@ -267,15 +262,15 @@ TEST_F(launcher, is_on_the_board_wherever_it_is_installed) {
   const fs::path build = fs::path(POST_BIN_DIR).parent_path();
   for (const std::string name : {"plain", "a b", "a:b", "a$LIB"}) {
     for (const auto *const part : {"bin/board-sim", "lib/libboard_sim.so"}) {
-      fs::create_directories(dir.path() / name / part);
-      fs::remove(dir.path() / name / part);
-      fs::copy_file(build / part, dir.path() / name / part);
+      fs::create_directories(path(name + "/" + part));
+      fs::remove(path(name + "/" + part));
+      fs::copy_file(build / part, path(name + "/" + part));
     }
     const std::string command = "mkdir -p 't p'; export TMPDIR='t p'; SIM='" + name + "/bin/board-sim'; part ";
-    EXPECT_THAT(in_shell(command + "show /proc/cpuinfo").out, HasSubstr("\ncpu family\t: 6\nmodel\t\t: 23\n")) << name;
-    EXPECT_THAT(in_shell(command + "system 'ethtool -t eth0'").out, HasSubstr("The test result is PASS"));
+    EXPECT_THAT(sh(command + "show /proc/cpuinfo").out, HasSubstr("\ncpu family\t: 6\nmodel\t\t: 23\n")) << name;
+    EXPECT_THAT(sh(command + "system 'ethtool -t eth0'").out, HasSubstr("The test result is PASS"));
     std::ofstream(path(name + "/lib/libboard_sim.so")) << "no library\n";
-    expect_run(in_shell(command + "show /proc/cpuinfo"), 2, "",
+    expect_run(sh(command + "show /proc/cpuinfo"), 2, "",
                MatchesRegex("board-sim: " + own_path() + ": the loader does not load [^ ]*/libboard_sim.so into it\n"));
     EXPECT_THAT(entries(path("t p")), IsEmpty());
   }
@@ -317,9 +312,9 @@ TEST_F(launcher, gives_the_status_of_the_program_and_names_its_signal) {
              "board-sim: " + own_path() + " was ended by signal 9 (Killed)\n");
   for (const int signal : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGALRM, SIGUSR1, SIGXCPU, SIGRTMAX})
     EXPECT_EQ(run({}, {"stay", std::to_string(signal)}).status, 128 + signal) << "handed on";
-  EXPECT_EQ(in_shell("part signals").out, "ddddd");
-  EXPECT_EQ(in_shell("trap '' HUP INT PIPE; part signals").out, "iiddi") << "as they were";
-  EXPECT_THAT(entries(dir.path()), IsEmpty()) << "the state directories were temporary";
+  EXPECT_EQ(sh("part signals").out, "ddddd");
+  EXPECT_EQ(sh("trap '' HUP INT PIPE; part signals").out, "iiddi") << "as they were";
+  EXPECT_THAT(entries(path("")), IsEmpty()) << "the state directories were temporary";
 }
 
 TEST_F(launcher, takes_the_programs_along_when_it_ends) {
@@ -332,16 +327,16 @@ TEST_F(launcher, takes_the_programs_along_when_it_ends) {
 }
 
 TEST_F(launcher, keeps_a_state_directory_and_writes_nowhere_else) {
-  const auto outside = [] { return std::pair{fs::exists("/post"), entries("/var/lock")}; };
+  const auto outside = [] { return std::pair{fs::exists("/post"), fs::exists("/var/lock/a.lock")}; };
   const auto before = outside();
-  fs::current_path(dir.path());
+  fs::current_path(path(""));
   const strings args{"--state", "new/state", "--show-result"};
   const std::string command = "echo 0:4:0:1 >>/post/result; echo x >/var/lock/a.lock";
   EXPECT_EQ(run(args, {"system", command}).out, "0:4:0:1\n");
   EXPECT_EQ(run(args, {"system", command}).out, "0:4:0:1\n0:4:0:1\n");
   EXPECT_EQ(run({"--show-result"}, {"system", command}).out, "0:4:0:1\n");
   fs::current_path("/");
-  EXPECT_THAT(entries(dir.path()), ElementsAre("new"));
+  EXPECT_THAT(entries(path("")), ElementsAre("new"));
   EXPECT_EQ(read_file(path("new/state/var/lock/a.lock")), "x\n");
   EXPECT_EQ(outside(), before);
 }
@@ -371,9 +366,6 @@ TEST_F(launcher, clears_away_what_a_killed_run_left_half_made) {
 int main(int argc, char **argv) {
   const strings args(argv + 1, argv + argc);
   if (args.size() > 1 && args[0] == "--part") return parts.at(args[1])({args.begin() + 2, args.end()});
-  // However this program was started.
-  for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGPIPE})
-    (void)signal(number, SIG_DFL);
   testing::InitGoogleTest(&argc, argv);
   return RUN_ALL_TESTS();
 }

@@ -1,7 +1,4 @@
 // The memory side of the board: windows behind /dev/mem, contents that outlive the run, the I/O port.
-#include <sys/io.h>
-#include <sys/resource.h>
-
 #include <cinttypes>
 
 #include "sim/devices/flash.h"
@@ -33,9 +30,8 @@ std::string rights(const volatile void *address) {
 // --- Mappings -------------------------------------------------------------------------------------------------------
 
 TEST(sim_devmem, maps_what_lies_in_a_window_and_nothing_else) {
-  // Name, physical address, length, flags, and the error, 0 for success.
-  const std::tuple<const char *, uint64_t, size_t, int, int> cases[] = {
-      // clang-format off
+  // clang-format off
+  const struct { const char *name; uint64_t phys; size_t length; int flags, error; } cases[] = {
       {"nvram0",           0xF4000000,  0x8000,    MAP_SHARED, 0},
       {"part of a page",   0xF4020000,  12,        MAP_SHARED, 0},
       {"the flash",        0xF8000000,  0x4000000, MAP_SHARED, 0},
@@ -47,8 +43,8 @@ TEST(sim_devmem, maps_what_lies_in_a_window_and_nothing_else) {
       {"nothing",          0xF4000000,  0,         MAP_SHARED, EINVAL},
       {"private",          0xF4000000,  0x1000,    MAP_PRIVATE, EINVAL},
       {"far too much",     0xF4000000,  SIZE_MAX,  MAP_SHARED, ENOMEM},
-      // clang-format on
   };
+  // clang-format on
   const test_board board;
   for (const auto &[name, phys, length, flags, error] : cases) {
     SCOPED_TRACE(name);

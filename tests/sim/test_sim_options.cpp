@@ -12,37 +12,33 @@ TEST(sim_faults, accept_what_the_table_prints_and_nothing_beyond) {
   using given = decltype(sim::parm_row::given);
   for (const auto &row : sim::fault_table()) {
     SCOPED_TRACE(row.name);
-    std::string error, least = row.name, lowest = row.name, highest = row.name;
     std::vector<sim::parm_row> parms;
     for (const auto list : {row.parms(), row.trigger_parms()})
       parms.insert(parms.end(), list.begin(), list.end());
-    const auto word = [](const sim::parm_row &p, uint64_t value) {
-      return " " + std::string(sim::parm_name(p.key)) + "=" + p.print(value);
+    // The fault with these parameters, each as "value" writes it.
+    const auto parsed = [&](auto is_there, auto value) {
+      std::string error, text = row.name;
+      for (const auto &p : parms)
+        if (is_there(p)) text += " " + std::string(sim::parm_name(p.key)) + "=" + value(p);
+      return sim::fault_parse(text, &error);
     };
+    const auto is_needed = [](const auto &p) { return p.given == given::always || p.key == sim::parm::vendor; };
+    const auto all = [](const auto &) { return true; };
     // Nothing is coupled with itself.
-    const auto low = [](const auto &p) {
-      return p.key == sim::parm::other || p.key == sim::parm::victim ? p.highest() : p.low;
-    };
+    const auto is_second = [](const auto &p) { return p.key == sim::parm::other || p.key == sim::parm::victim; };
+    const auto low = [&](const auto &p) { return p.print(is_second(p) ? p.highest() : p.low); };
+    const auto f = parsed(is_needed, low);
+    ASSERT_TRUE(f);
+    EXPECT_TRUE(parsed(all, low));
+    EXPECT_TRUE(parsed(all, [&](const auto &p) { return p.print(is_second(p) ? p.low : p.highest()); }));
     for (const auto &p : parms) {
-      if (p.given == given::always || p.key == sim::parm::vendor) least += word(p, low(p));
-      lowest += word(p, low(p));
-      highest += word(p, p.highest() - low(p) + p.low);
-    }
-    const auto f = sim::fault_parse(least, &error);
-    ASSERT_TRUE(f) << error;
-    EXPECT_TRUE(sim::fault_parse(lowest, &error)) << error;
-    EXPECT_TRUE(sim::fault_parse(highest, &error)) << error;
-    for (const auto &p : parms) {
-      const auto name = sim::parm_name(p.key);
-      EXPECT_EQ(f->has(p.key), p.given != given::may || p.key == sim::parm::vendor) << name;
-      if (p.given == given::or_default) {
-        EXPECT_EQ(f->get(p.key), p.otherwise) << name;
-      }
-      auto without = lowest;
-      without.erase(without.find(word(p, low(p))), word(p, low(p)).size());
-      const bool can_go = p.given != given::always && p.key != sim::parm::p;  // the seed stays
-      EXPECT_EQ(sim::fault_parse(without, &error).has_value(), can_go) << name;
-      EXPECT_FALSE(sim::fault_parse(without + " " + std::string(name) + "=999999999999999", &error)) << name;
+      SCOPED_TRACE(sim::parm_name(p.key));
+      const auto is_other = [&](const auto &other) { return other.key != p.key; };
+      EXPECT_EQ(f->has(p.key), p.given != given::may || is_needed(p));
+      EXPECT_TRUE(p.given != given::or_default || f->get(p.key) == p.otherwise);
+      // The seed stays where the chance is left out.
+      EXPECT_EQ(parsed(is_other, low).has_value(), p.given != given::always && p.key != sim::parm::p);
+      EXPECT_FALSE(parsed(all, [&](const auto &q) { return is_other(q) ? low(q) : "999999999999999"; }));
     }
   }
 }
@@ -140,13 +136,15 @@ TEST(sim_options, list_each_fault_with_an_example_that_a_board_takes) {
 }
 
 TEST(sim_options, choose_card_program_and_arguments) {
-  const std::tuple<strings, uint32_t, const char *, strings> cases[] = {
-      {{}, 11062, "", {}},
-      {{"--family", "pellin"}, 11003, "", {}},
-      {{"--family", "tosk", "--"}, 11004, "", {}},
-      {{"--card", "0x2B35", "--family", "tosk", "--", "-s"}, 0x2B35, "", {"-s"}},
-      {{"--", "cat", "--help", "--", "-s"}, 11062, "cat", {"--help", "--", "-s"}},
+  // clang-format off
+  const struct { strings args; uint32_t card; const char *program; strings arguments; } cases[] = {
+      {{},                                                   11062,  "",    {}},
+      {{"--family", "pellin"},                               11003,  "",    {}},
+      {{"--family", "tosk", "--"},                           11004,  "",    {}},
+      {{"--card", "0x2B35", "--family", "tosk", "--", "-s"}, 0x2B35, "",    {"-s"}},
+      {{"--", "cat", "--help", "--", "-s"},                  11062,  "cat", {"--help", "--", "-s"}},
   };
+  // clang-format on
   for (const auto &[args, card, program, arguments] : cases) {
     std::string error;
     const auto cmd = sim::command_parse(args, &error).value();

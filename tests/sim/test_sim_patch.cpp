@@ -3,11 +3,8 @@
 #include <linux/seccomp.h>
 #include <setjmp.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
-
-#include <thread>
 
 #include "sim/bus/patch.h"
 #include "sim/bus/vector_state.h"
@@ -75,16 +72,6 @@ void on_board(Body body) {
   });
 }
 
-struct left_case {
-  const char *name;
-  const code *what;
-  int expected;  // signals of 200 calls, -1 for one each
-  int prot = code_prot;
-  bool ends = false;
-  const char *way = by_jump;
-  void (*prepare)() = [] {};
-};
-
 void limit_descriptors(bool none) {
   rlimit limit{};
   (void)getrlimit(RLIMIT_NOFILE, &limit);
@@ -107,8 +94,10 @@ void refuse_writing() {
 
 TEST(sim_patch, leaves_to_signals_what_cannot_be_a_jump) {
   constexpr int calls = 200;
+  // How many signals 200 calls take, -1 for one each.
   // clang-format off
-  const left_case cases[] = {
+  const struct { const char *name; const code *what; int expected; int prot = code_prot; bool ends = false;
+                 const char *way = by_jump; void (*prepare)() = [] {}; } cases[] = {
       {"a short move",             &plain,            1},
       {"a long move",              &seven_bytes,      1},
       {"with --no-patch",          &plain,            -1, code_prot, false, by_signal},
@@ -319,47 +308,40 @@ constexpr sim::processor fake_processor{
 
 TEST(sim_patch, saves_what_the_processor_has) {
   constexpr uint32_t fxsr = 1U << 24, osxsave = 1U << 27, xsavec = 2;
-  const struct {
-    const char *name;
-    uint32_t features, state_features;  // of the processor, of its state
-    uint64_t xcr0;
-    bool found;  // there is a way
-    sim::vector_state expected;
-  } cases[] = {
-      // clang-format off
-      {"SSE only",                   0,       0,      0,       true,  {sim::save_way::fxsave, 3, 512}},
-      {"XSAVE is hidden, AVX there", 0,       xsavec, 7,       true,  {sim::save_way::fxsave, 3, 512}},
-      {"AVX, no XSAVEC",             osxsave, 0,      7,       true,  {sim::save_way::xsave,  7, 832}},
-      {"AVX",                        osxsave, xsavec, 7,       true,  {sim::save_way::xsavec, 7, 832}},
-      {"AVX-512, keys and tiles",    osxsave, xsavec, 0x602E7, true,  {sim::save_way::xsavec, 0xE7, 2432}},
-      {"AVX-512, no XSAVEC",         osxsave, 0,      0x602E7, true,  {sim::save_way::xsave,  0xE7, 2688}},
-      {"APX",                        osxsave, xsavec, 0x80007, true,  {sim::save_way::xsavec, 0x80007, 960}},
-      {"bounds registers are left",  osxsave, xsavec, 0x1F,    true,  {sim::save_way::xsavec, 7, 832}},
-      {"nothing enabled",            osxsave, xsavec, 0,       false, {}},
-      // clang-format on
+  // The features of the processor and of its state, and the way that is found, if there is one.
+  using found_t = std::optional<sim::vector_state>;
+  // clang-format off
+  const struct { const char *name; uint32_t features, state_features; uint64_t xcr0;
+                 found_t expected; uint32_t avx_bytes = 256; } cases[] = {
+      {"SSE only",                   0,       0,      0,       {{sim::save_way::fxsave, 3, 512}}},
+      {"XSAVE is hidden, AVX there", 0,       xsavec, 7,       {{sim::save_way::fxsave, 3, 512}}},
+      {"AVX, no XSAVEC",             osxsave, 0,      7,       {{sim::save_way::xsave,  7, 832}}},
+      {"AVX",                        osxsave, xsavec, 7,       {{sim::save_way::xsavec, 7, 832}}},
+      {"AVX-512, keys and tiles",    osxsave, xsavec, 0x602E7, {{sim::save_way::xsavec, 0xE7, 2432}}},
+      {"AVX-512, no XSAVEC",         osxsave, 0,      0x602E7, {{sim::save_way::xsave,  0xE7, 2688}}},
+      {"APX",                        osxsave, xsavec, 0x80007, {{sim::save_way::xsavec, 0x80007, 960}}},
+      {"bounds registers are left",  osxsave, xsavec, 0x1F,    {{sim::save_way::xsavec, 7, 832}}},
+      {"nothing enabled",            osxsave, xsavec, 0,       {}},
+      {"AVX of no size",             osxsave, 0,      7,       {}, 0},
   };
-  fake[2 + 2] = {256, 576, 0, 0};
+  // clang-format on
   fake[2 + 5] = {64, 1088, 0, 0};
   fake[2 + 6] = {512, 1152, 2, 0};
   fake[2 + 7] = {1024, 1664, 0, 0};
   fake[2 + 19] = {128, 960, 0, 0};
-  for (const auto &[name, features, state_features, xcr0, found, expected] : cases) {
+  for (const auto &[name, features, state_features, xcr0, expected, avx_bytes] : cases) {
     SCOPED_TRACE(name);
+    fake[2 + 2] = {avx_bytes, 576, 0, 0};
     fake[0] = {0, 0, features, fxsr};
     fake[1] = {state_features, 0, 0, 0};
     fake_xcr0 = xcr0;
     sim::vector_state state{};
-    ASSERT_EQ(find_vector_state(fake_processor, &state), found);
-    if (!found) continue;
-    EXPECT_EQ(state.way, expected.way);
-    EXPECT_EQ(state.mask, expected.mask);
-    EXPECT_EQ(state.bytes, expected.bytes);
+    ASSERT_EQ(find_vector_state(fake_processor, &state), expected.has_value());
+    if (!expected) continue;
+    EXPECT_EQ(state.way, expected->way);
+    EXPECT_EQ(state.mask, expected->mask);
+    EXPECT_EQ(state.bytes, expected->bytes);
   }
-  fake[2 + 2] = {};
-  sim::vector_state state{};
-  fake_xcr0 = 7;
-  fake[0] = {0, 0, osxsave, fxsr};
-  EXPECT_FALSE(find_vector_state(fake_processor, &state)) << "AVX of no size";
 }
 
 }  // namespace

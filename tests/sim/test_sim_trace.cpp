@@ -92,8 +92,7 @@ TEST(sim_trace, goes_to_files_of_every_kind) {
     EXPECT_EQ(run.status, 0) << check;
     return run.out;
   };
-  const std::string first = "head -n 1 log | cut -d ' ' -f 2-";
-  const std::string expected = "sprom r 16 0x80044314 0x2b36\n";
+  const std::string first = "head -n 1 log | cut -d ' ' -f 2-", expected = "sprom r 16 0x80044314 0x2b36\n";
   EXPECT_EQ(script("echo old >log; chmod 600 log; ln log same", first + "; [ log -ef same ]"), expected);
   EXPECT_EQ(script("echo old >aim; ln -sf aim log", first + "; [ -L log ] && [ ! -L aim ]"), expected);
   EXPECT_EQ(script("ln -sf /dev/null log", "[ -c log ] && cat log"), "");

@@ -12,16 +12,14 @@
 namespace {
 
 // How accesses reach the device: with a signal each time, or by a jump that saves the vector state in one of the ways.
-constexpr struct way {
-  const char *name;
-  const char *option;
-  std::optional<sim::save_way> saves;
-} ways[] = {
-    {"by signal", "--no-patch", {}},
+// clang-format off
+constexpr struct way { const char *name, *option; std::optional<sim::save_way> saves; } ways[] = {
+    {"by signal",       "--no-patch",   {}},
     {"by jump, FXSAVE", "--waits=true", sim::save_way::fxsave},
-    {"by jump, XSAVE", "--waits=true", sim::save_way::xsave},
+    {"by jump, XSAVE",  "--waits=true", sim::save_way::xsave},
     {"by jump, XSAVEC", "--waits=true", sim::save_way::xsavec},
 };
+// clang-format on
 
 // Does `body` in each way that the processor has, each time in a process in which no move is patched yet. A first
 // access by jump runs again as one.
@@ -151,12 +149,14 @@ TEST(sim_trap, works_by_signal_on_every_stack) {
   auto *const window = map_window<uint16_t>(nvram0);
   const uint16_t expected = window[0];
   uint8_t *const alternate = lone_stack();
-  // Name, flags of the handler's stack, and the stack pointer of the access, null for the ordinary one.
-  const std::tuple<const char *, int, const void *> cases[] = {
-      {"frame at the end of its stack", 0, nullptr},
+  // Flags of the handler's stack, and the stack pointer of the access, null for the ordinary one.
+  // clang-format off
+  const struct { const char *name; int flags; const void *from; } cases[] = {
+      {"frame at the end of its stack", 0,          nullptr},
       {"stack that the kernel disarms", autodisarm, nullptr},
-      {"stack pointer at the end", 0, lone_stack()},
+      {"stack pointer at the end",      0,          lone_stack()},
   };
+  // clang-format on
   for (const auto &[name, flags, from] : cases) {
     SCOPED_TRACE(name);
     const stack_t stack{alternate, flags, stack_bytes};

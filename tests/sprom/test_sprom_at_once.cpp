@@ -1,7 +1,5 @@
 // Several programs at one EEPROM: `sprom` beside itself, and beside others that hold its locks.
 
-#include <thread>
-
 #include "platform/mfgd/cmn_lib/diag_util/owner.h"
 #include "tests/support/sprom_board.h"
 
@@ -28,7 +26,7 @@ TEST_F(sprom_board, never_ends_well_with_wrong_bytes_beside_another) {
       " sprom edit -y 0,0 --serial_number=CCCC --wait 600 -- sprom dump 1,1 sup --wait 600 --"
       " sprom dump 0,0 bp --wait 600 -- sprom verify --wait 600";
   for (unsigned round = 0; round < 12; ++round) {
-    const std::string board = std::array{"--family dorvan", "--family pellin", "--family tosk"}.at(round % 3);
+    const std::string board = std::array{"dorvan", "pellin", "tosk"}.at(round % 3);
     SCOPED_TRACE(board + ", round " + std::to_string(round));
     const bytes chip = fresh(board, "1-52");
     const auto named = [](const bytes &image, uint32_t type, size_t offset, const char *name) {
@@ -56,46 +54,44 @@ TEST_F(sprom_board, never_ends_well_with_wrong_bytes_beside_another) {
 TEST_F(sprom_board, waits_for_a_chip_and_names_who_has_it) {
   const std::string busy = "in use by process " + std::to_string(getpid());
   const std::string pin = "its protect pin is not known, since the hardware change bits cannot be read: ";
-  const std::string supervisor = "SUPERVISOR (slot 1, index 1, /dev/i2c-1:0x52): ";
-  // Board, arguments, status, and how the errors end.
+  const std::string sup = supervisor + ": ";
   // clang-format off
-  const std::tuple<std::string, std::string, int, std::string> rows[]{
-      {"pellin", "edit -y --force 1,1 --num_6=7",  4, supervisor + "not written: " + busy},
+  const struct { std::string board, args; int status; std::string err; } rows[]{
+      {"pellin", "edit -y --force 1,1 --num_6=7",  4, sup + "not written: " + busy},
       {"dorvan", "edit -y 0,0 --num_6=7",          4, "not written: " + busy},
       {"pellin", "edit -n 0,0 --num_6=7",          4, "BACKPLANE (slot 0, index 0, /dev/i2c-1:0x52): " + busy},
-      {"pellin", "protect --on --force 1,1",       4, supervisor + "not switched on: " + busy},
+      {"pellin", "protect --on --force 1,1",       4, sup + "not switched on: " + busy},
       {"pellin", "protect 1,1",                    0, ""},  // asks no EEPROM
-      {"pellin", "show 1,1",                       4, supervisor + busy},
-      {"pellin", "get 1,1 num_6 --wait=1",         4, supervisor + busy + " (waited 1 s for it)"},
+      {"pellin", "show 1,1",                       4, sup + busy},
+      {"pellin", "get 1,1 num_6 --wait=1",         4, sup + busy + " (waited 1 s for it)"},
       {"pellin", "get PS1 num_6",                  0, ""},
-      {"pellin", "protect dc1",                    4, pin + supervisor + busy},
-      {"pellin", "edit -y --force dc1 --num_6=7",  4, "not written: " + pin + supervisor + busy},
+      {"pellin", "protect dc1",                    4, pin + sup + busy},
+      {"pellin", "edit -y --force dc1 --num_6=7",  4, "not written: " + pin + sup + busy},
       {"tosk --fault 'straps value=3'", "get PS1 num_6",         4, "/dev/i2c-1:0x52: " + busy + "; --family names the board's family without asking it"},
       {"tosk --fault 'straps value=3'", "get PS1 num_6 -F tosk", 0, ""},
       {"tosk",   "get PS1 num_6",                  0, ""},  // its straps say enough
   };
   // clang-format on
   for (const std::string family : {"dorvan", "pellin", "tosk"}) {
-    (void)fresh("--family " + family, "1-52");
+    (void)fresh(family, "1-52");
     const held_lock lock(path("st/var/lock/sprom-i2c-1-52.lock"));
     for (const auto &[of, args, status, err] : rows) {
       if (!of.starts_with(family)) continue;
       const std::string wait = args.find("--wait") == std::string::npos ? " --wait 0" : "";
-      expect_on("--family " + of, args + wait, status, err.empty() ? "" : err + "\n");
+      expect_on(of, args + wait, status, err.empty() ? "" : err + "\n");
     }
-    expect_run(on("--family " + family, "verify -F " + family + " --wait 0"), 4,
-               HasSubstr("\n" + supervisor + "busy\n  " + busy + "\n"), testing::_);
+    expect_run(on(family, "verify -F " + family + " --wait 0"), 4, HasSubstr("\n" + sup + "busy\n  " + busy + "\n"), _);
   }
   // A service that goes by identities takes this EEPROM for one with others.
   const held_lock shared(path("st/var/lock/sprom-unit-2-0.lock"));
   const std::string service = "export LD_LIBRARY_PATH='" POST_LIB_DIR "/by-identity'\n";
-  EXPECT_THAT(on("--family tosk", "get -F tosk --wait 0 lc2 num_6", service).err,
+  EXPECT_THAT(on("tosk", "get -F tosk --wait 0 lc2 num_6", service).err,
               EndsWith("(slot 2, /dev/i2c-7:0x52): " + busy + "\n"));
   std::thread holder([lock = std::make_unique<held_lock>(path("st/var/lock/sprom-i2c-1-52.lock"))]() mutable {
     std::this_thread::sleep_for(std::chrono::milliseconds(600));
     lock.reset();
   });
-  expect_on("--family tosk --fault 'straps value=3'", "edit -y 1,1 --num_6=7", 0, "", true);
+  expect_on("tosk --fault 'straps value=3'", "edit -y 1,1 --num_6=7", 0, "", true);
   holder.join();
 }
 
@@ -103,9 +99,9 @@ TEST_F(sprom_board, waits_for_a_chip_and_names_who_has_it) {
 TEST_F(sprom_board, takes_no_other_file_for_a_lock) {
   const bool is_root = geteuid() == 0;
   const std::string lock = "st/var/lock/sprom-i2c-1-52.lock";
-  // How the file gets there, a fault, and why it is none; "" where it is a lock.
+  // How the file gets there, and why it is no lock; "" where it is one.
   // clang-format off
-  const std::tuple<std::string, std::string, std::string> rows[]{
+  const struct { std::string made, fault, defect; } rows[]{
       {"ln -s \"$PWD/victim\" " + lock,                         "", "it is a symbolic link"},
       {"ln victim " + lock,                                     "", "it has another name, too"},
       {"mkfifo " + lock,                                        "", "it is no plain file"},
@@ -120,10 +116,9 @@ TEST_F(sprom_board, takes_no_other_file_for_a_lock) {
   for (const auto &[made, fault, defect] : rows) {
     SCOPED_TRACE(made);
     if (made.find("chown") != std::string::npos && !is_root) continue;
-    (void)fresh("--family dorvan", "1-52");
+    (void)fresh("dorvan", "1-52");
     (void)sh("rm -f none; echo kept >victim; rm -f " + lock + "; " + made);
-    const std::string why = "cannot lock /var/lock/sprom-i2c-1-52.lock: " + defect;
-    const std::string board = "--family dorvan " + fault;
+    const std::string why = "cannot lock /var/lock/sprom-i2c-1-52.lock: " + defect, board = "dorvan " + fault;
     expect_on(board, "verify", 0, defect.empty() ? "" : "sprom: " + why + "; reading without the lock\n");
     const std::string refused = why + "; --force does it without the lock\n";
     expect_on(board, "edit -y 0,0 --num_6=7", defect.empty() ? 0 : 1, defect.empty() ? "" : "not written: " + refused,
@@ -131,16 +126,16 @@ TEST_F(sprom_board, takes_no_other_file_for_a_lock) {
     expect_on(board, "edit -y --force 0,0 --num_6=8", 0, defect.empty() ? "" : why + "\n", true);
     EXPECT_EQ(sh("cat victim; ls none").out, "kept\n");
   }
-  EXPECT_EQ(on("--family pellin --fault lock-dir-missing", "protect --on 1,1").status, 1);
+  EXPECT_EQ(on("pellin --fault lock-dir-missing", "protect --on 1,1").status, 1);
 }
 
 // Those who may use the bus may lock its chips, and nobody else may.
 TEST_F(sprom_board, gives_a_lock_to_the_users_of_its_bus) {
   for (const std::string mode : {"600", "660", "666", "644"}) {
-    (void)fresh("--family dorvan", "1-52");
+    (void)fresh("dorvan", "1-52");
     const std::string group = geteuid() == 0 ? "chgrp 54321 st/dev/i2c-1; " : "";
     (void)sh(group + "rm st/var/lock/*; chmod " + mode + " st/dev/i2c-1");
-    EXPECT_EQ(on("--family dorvan", "verify", "umask 077\n").status, 0);
+    EXPECT_EQ(on("dorvan", "verify", "umask 077\n").status, 0);
     const std::string expected = mode == "644" ? "600" : mode;
     EXPECT_EQ(sh("stat -c %a st/var/lock/*.lock").out, expected + "\n");
     const bool is_groups = geteuid() == 0 && expected != "600";
@@ -150,7 +145,7 @@ TEST_F(sprom_board, gives_a_lock_to_the_users_of_its_bus) {
 
 TEST_F(sprom_board, keeps_nobody_waiting_for_an_answer) {
   for (const bool is_changed : {false, true}) {
-    const bytes before = fresh("--family dorvan", "1-52");
+    const bytes before = fresh("dorvan", "1-52");
     outcome run;
     std::thread asked([&] {
       run =
@@ -165,8 +160,7 @@ TEST_F(sprom_board, keeps_nobody_waiting_for_an_answer) {
     save("go", {});
     asked.join();
     expect_run(run, is_changed ? 1 : 0,
-               HasSubstr(is_changed ? ": not written: it is no longer what was shown\r\n" : " bytes written"),
-               testing::_);
+               HasSubstr(is_changed ? ": not written: it is no longer what was shown\r\n" : " bytes written"), _);
     EXPECT_EQ(load("st/eeprom-1-52") == other, is_changed);
   }
 }

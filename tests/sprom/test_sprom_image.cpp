@@ -1,6 +1,4 @@
 // Byte order and checks of SPROM images.
-#include <numeric>
-
 #include "platform/mfgd/uspace/utils/sprom/sprom_conv.h"
 #include "platform/mfgd/uspace/utils/sprom/sprom_verify.h"
 #include "sprom/image/plan.h"

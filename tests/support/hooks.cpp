@@ -1,5 +1,4 @@
 // hooks.cpp: the output hooks of a test program, which keep a record on request.
-#include <cstdarg>
 #include <ostream>
 
 #include "platform/mfgd/cmn_lib/diag_util/diag_dbg.h"

@@ -61,8 +61,7 @@ bool is_of_coverage(int fd) {
 }
 
 outcome run_child(const std::function<void()> &body) {
-  const scratch_file out;
-  const scratch_file err;
+  const scratch_file out, err;
   (void)fflush(nullptr);
   const pid_t child = fork();
   if (child == 0) {

@@ -1,5 +1,3 @@
-#include <cstdarg>
-
 #include "tests/support/host.h"
 
 temp_dir::temp_dir() {
@@ -61,10 +59,6 @@ void expect_run(const outcome &run, int status, const testing::Matcher<std::stri
   EXPECT_THAT(run.err, err);
 }
 
-std::string in_directory::load(const std::string &name) const {
-  return read_file(path(name));
-}
-
 void in_directory::save(const std::string &name, const std::string &text) const {
   EXPECT_TRUE((std::ofstream(path(name), std::ios::binary) << text).flush()) << name;
 }
@@ -92,10 +86,7 @@ std::string memory_limit([[maybe_unused]] unsigned kib) {
 }
 
 std::string shell_word(const std::string &word) {
-  std::string out = "'";
-  for (const char c : word)
-    out += c == '\'' ? R"('\'')" : std::string(1, c);
-  return out + "'";
+  return "'" + std::regex_replace(word, std::regex("'"), R"('\'')") + "'";
 }
 
 std::string read_file(const std::filesystem::path &file) {

@@ -37,6 +37,8 @@ outcome run_shell(const std::filesystem::path &dir, const std::string &command);
 // Runs board-sim with `args` on a state directory; "--state" is added in front.
 outcome run_board(const std::filesystem::path &state, const std::vector<std::string> &args);
 
+std::string read_file(const std::filesystem::path &file);
+
 // A test with a directory of its own and a shell in it.
 class in_directory : public testing::Test {
  protected:
@@ -44,7 +46,7 @@ class in_directory : public testing::Test {
   explicit in_directory(std::string before = "") : m_before(std::move(before)) {}
 
   [[nodiscard]] std::filesystem::path path(const std::string &name) const { return m_dir.path() / name; }
-  [[nodiscard]] std::string load(const std::string &name) const;
+  [[nodiscard]] std::string load(const std::string &name) const { return read_file(path(name)); }
   void save(const std::string &name, const std::string &text) const;
   [[nodiscard]] outcome sh(const std::string &command) const { return run_shell(m_dir.path(), m_before + command); }
   // Runs a program with each arguments. It ends with this status and, if that is 2, prints an error with this in it
@@ -68,8 +70,6 @@ std::string shell_word(const std::string &word);
 
 // The text that printf would print.
 __attribute__((format(printf, 1, 2))) std::string format(const char *fmt, ...);
-
-std::string read_file(const std::filesystem::path &file);
 
 // The text with what differs from run to run taken out: seconds, mapped addresses, descriptors.
 std::string steady(std::string text);

@@ -3,6 +3,13 @@
 
 #include "tests/support/sprom_tool.h"
 
+const std::string supervisor = "SUPERVISOR (slot 1, index 1, /dev/i2c-1:0x52)";
+
+// A board, as "FAMILY" and further options of board-sim, with a fault, if it has one.
+inline std::string faulty(const std::string &board, const std::string &fault) {
+  return fault.empty() ? board : board + " --fault '" + fault + "'";
+}
+
 class sprom_board : public sprom_tool {
  protected:
   // A run on the board of the state directory; `before` is what the shell reads before it.
@@ -11,11 +18,11 @@ class sprom_board : public sprom_tool {
   }
   [[nodiscard]] outcome run_on(const std::string &board, const std::string &command,
                                const std::string &before = "") const {
-    return sh(before + "board-sim --state st --trace log " + board + " -- " + command);
+    return sh(before + "board-sim --state st --trace log --family " + board + " -- " + command);
   }
   // A new board; returns what an EEPROM of it holds.
   [[nodiscard]] bytes fresh(const std::string &board, const std::string &eeprom) const {
-    EXPECT_EQ(sh("rm -rf st; board-sim --state st " + board + " -- sprom list").status, 0);
+    EXPECT_EQ(sh("rm -rf st; board-sim --state st --family " + board + " -- sprom list").status, 0);
     return load("st/eeprom-" + eeprom);
   }
   // What all its EEPROMs hold.
@@ -40,10 +47,27 @@ class sprom_board : public sprom_tool {
     EXPECT_EQ(result.err.empty(), err.empty());
     EXPECT_EQ(eeproms() != chips, is_written);
   }
-  // A write that a fault cuts at its nth cycle claims nothing.
-  void expect_cut(const std::string &board, const std::string &fault, size_t nth, const std::string &args) const {
-    expect_run(on(board + " --fault '" + fault + " nth=" + std::to_string(nth) + "'", args),
-               fault.starts_with("eeprom-dies") ? 1 : 137, Not(HasSubstr("reads back")), testing::_);
+  // Cuts a write at each of its bytes, with these bits of the cell torn: the run is killed, or the EEPROM dies. It
+  // claims nothing, and asked again, the board gets its contents.
+  void cut_everywhere(const std::string &board, const std::string &eeprom, const std::string &write, size_t needed,
+                      const std::vector<std::string> &torn, const bytes &wanted,
+                      const std::function<void(const bytes &left)> &look) const {
+    const std::string file = "st/eeprom-" + eeprom, at = std::string{eeprom}.replace(eeprom.find('-'), 1, " addr=0x");
+    const bytes before = load(file);
+    for (size_t nth = 1; nth <= needed; ++nth) {
+      for (const std::string how : {"eeprom-power-cut bus=", "eeprom-dies bus="}) {
+        for (const std::string &bits : torn) {
+          save(file, before);
+          const auto fault = how + at + " torn=" + bits + " nth=" + std::to_string(nth);
+          SCOPED_TRACE(fault);
+          const auto run = on(faulty(board, fault), write, "rm -f old\n");
+          expect_run(run, how[7] == 'd' ? 1 : 137, Not(HasSubstr("reads back")), _);
+          look(load(file));
+        }
+      }
+      expect_run(on(board, write, "rm -f old\n"), 0, _);
+      EXPECT_TRUE(load(file) == wanted);
+    }
   }
   // How many bytes the last run wrote to an EEPROM.
   [[nodiscard]] size_t cycles(const std::string &eeprom, bool one_byte) const {
@@ -52,11 +76,6 @@ class sprom_board : public sprom_tool {
     return std::stoul(sh("grep -cE '" + device + " w " + (one_byte ? "16" : "24") + "' log").out);
   }
 };
-
-inline bytes overlaid(bytes eeprom, size_t base, const bytes &image) {
-  std::copy(image.begin(), image.end(), eeprom.begin() + static_cast<std::ptrdiff_t>(base));
-  return eeprom;
-}
 
 inline bytes image_in(const bytes &eeprom, size_t base, uint32_t type) {
   const auto start = eeprom.begin() + static_cast<std::ptrdiff_t>(base);

@@ -6,13 +6,8 @@
 using bytes = std::vector<uint8_t>;
 
 // Block starts, signatures and lengths of an image kind, kept apart from the library's own tables.
-struct test_block {
-  uint32_t offset;
-  uint16_t signature;
-  uint32_t length;
-  const char *label;
-};
 // clang-format off
+struct test_block { uint32_t offset; uint16_t signature; uint32_t length; const char *label; };
 inline const std::array<std::vector<test_block>, 7> test_blocks{{
     {},
     {{0, 0xABAB, 160, "Supervisor Common Header"},   {160, 0x6002, 103, "Supervisor Main"},
@@ -26,6 +21,11 @@ inline const std::array<std::vector<test_block>, 7> test_blocks{{
 }};
 // clang-format on
 
+inline void put_half(uint8_t *at, uint32_t value) {
+  at[0] = static_cast<uint8_t>(value >> 8);
+  at[1] = static_cast<uint8_t>(value);
+}
+
 // Puts the checksums right, in an image in device order.
 inline void seal_image(bytes *image, uint32_t type) {
   for (const test_block &block : test_blocks.at(type)) {
@@ -33,8 +33,7 @@ inline void seal_image(bytes *image, uint32_t type) {
     uint32_t sum = 0;
     for (uint32_t i = 0; i < block.length; ++i)
       sum += i == 4 || i == 5 ? 0U : start[i];
-    start[4] = static_cast<uint8_t>(sum >> 8);
-    start[5] = static_cast<uint8_t>(sum);
+    put_half(start + 4, sum);
   }
 }
 
@@ -42,8 +41,7 @@ inline void seal_image(bytes *image, uint32_t type) {
 inline void make_valid(bytes *image, uint32_t type) {
   for (const test_block &block : test_blocks.at(type)) {
     uint8_t *start = image->data() + block.offset;
-    start[0] = static_cast<uint8_t>(block.signature >> 8);
-    start[1] = static_cast<uint8_t>(block.signature);
+    put_half(start, block.signature);
     start[3] = static_cast<uint8_t>(block.length);
   }
   seal_image(image, type);
@@ -51,8 +49,7 @@ inline void make_valid(bytes *image, uint32_t type) {
 
 // Blocks that are the same in two images, as bits.
 inline unsigned same_blocks(const bytes &one, const bytes &other, uint32_t type) {
-  unsigned bits = 0;
-  unsigned bit = 1;
+  unsigned bits = 0, bit = 1;
   for (const test_block &block : test_blocks.at(type)) {
     if (std::equal(&one[block.offset], &one[block.offset] + block.length, &other[block.offset])) bits |= bit;
     bit *= 2;
@@ -76,6 +73,12 @@ inline bool is_false(const bytes &image, const bytes &old, const bytes &wanted, 
   return (accepted_blocks(image, type) & ~known) != 0 || (is_accepted(image, type) && image != old && image != wanted);
 }
 
+// The bytes with others from an offset on.
+inline bytes overlaid(bytes all, size_t offset, const bytes &part) {
+  std::copy(part.begin(), part.end(), all.begin() + static_cast<std::ptrdiff_t>(offset));
+  return all;
+}
+
 // A valid image in device order, every byte of it different from its neighbours; a supervisor or line card has the
 // card index given.
 inline bytes device_image(uint32_t type, uint16_t card_index = 0x2AFB) {
@@ -83,30 +86,32 @@ inline bytes device_image(uint32_t type, uint16_t card_index = 0x2AFB) {
   bytes image(last.offset + last.length);
   for (size_t i = 0; i < image.size(); ++i)
     image[i] = static_cast<uint8_t>(i * 7 + 3);
-  image[182] = static_cast<uint8_t>(card_index >> 8);
-  image[183] = static_cast<uint8_t>(card_index);
+  put_half(&image[182], card_index);
   make_valid(&image, type);
   return image;
 }
 
-// Exchanges the bytes of each number, from flat lists of where they stand.
+// Where an image has numbers of two bytes and of eight, apart from those of the common header.
+// clang-format off
+struct test_numbers { std::vector<uint32_t> halves, wides; };
+inline const std::vector<uint32_t> common_halves{
+    0, 4, 6, 8, 10, 12, 114, 116, 118, 120, 122, 124, 126, 128, 130, 132, 134, 136, 138, 160, 164};
+inline const std::array<test_numbers, 7> test_numbers_of{{
+    {},
+    {{182, 190, 240, 258, 260, 263, 267}, {166, 174}}, {{182, 190, 192, 194, 196, 199, 203, 455, 459}, {166, 174}},
+    {{182, 190, 240, 258, 260},           {166, 174}}, {{174, 176, 178}, {166}},
+    {},
+    {{182, 184}, {166, 174}},
+}};
+// clang-format on
+
+// Exchanges the bytes of each number.
 inline bytes host_image(bytes image, uint32_t type) {
-  static const std::vector<uint32_t> common{0,   4,   6,   8,   10,  12,  114, 116, 118, 120, 122,
-                                            124, 126, 128, 130, 132, 134, 136, 138, 160, 164};
-  static const std::array<std::vector<uint32_t>, 7> halves{{{},
-                                                            {182, 190, 240, 258, 260, 263, 267},
-                                                            {182, 190, 192, 194, 196, 199, 203, 455, 459},
-                                                            {182, 190, 240, 258, 260},
-                                                            {174, 176, 178},
-                                                            {},
-                                                            {182, 184}}};
-  static const std::array<std::vector<uint32_t>, 7> wides{
-      {{}, {166, 174}, {166, 174}, {166, 174}, {166}, {}, {166, 174}}};
-  for (const uint32_t at : common)
-    std::swap(image[at], image[at + 1]);
-  for (const uint32_t at : halves.at(type))
-    std::swap(image[at], image[at + 1]);
-  for (const uint32_t at : wides.at(type))
+  const auto &[halves, wides] = test_numbers_of.at(type);
+  for (const auto *const list : {&common_halves, &halves})
+    for (const uint32_t at : *list)
+      std::swap(image[at], image[at + 1]);
+  for (const uint32_t at : wides)
     std::reverse(&image[at], &image[at] + 8);
   return image;
 }

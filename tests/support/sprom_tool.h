@@ -6,8 +6,8 @@
 #include "tests/support/sprom_image.h"
 
 // An image with other bytes at an offset, its checksums right.
-inline bytes patched(bytes image, uint32_t type, size_t offset, const bytes &patch) {
-  std::copy(patch.begin(), patch.end(), image.begin() + static_cast<std::ptrdiff_t>(offset));
+inline bytes patched(const bytes &old, uint32_t type, size_t offset, const bytes &patch) {
+  bytes image = overlaid(old, offset, patch);
   seal_image(&image, type);
   return image;
 }
@@ -15,6 +15,11 @@ inline bytes patched(bytes image, uint32_t type, size_t offset, const bytes &pat
 inline bytes with_byte(bytes image, size_t offset, uint8_t byte) {
   image.at(offset) = byte;
   return image;
+}
+
+// A whole EEPROM with these at the places where the boards have images.
+inline bytes eeprom_with(const bytes &supervisor, const bytes &backplane = {}) {
+  return overlaid(overlaid(bytes(0x10000, 0xFF), 0, supervisor), 0x1000, backplane);
 }
 
 class sprom_tool : public in_directory {

@@ -6,8 +6,11 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <spawn.h>
+#include <sys/io.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -15,6 +18,8 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,6 +27,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <numeric>
 #include <optional>
 #include <random>
 #include <regex>
@@ -29,19 +35,10 @@
 #include <span>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
-using testing::AllOf;
-using testing::AnyOf;
-using testing::Contains;
-using testing::ContainsRegex;
-using testing::Each;
-using testing::ElementsAre;
-using testing::EndsWith;
-using testing::HasSubstr;
-using testing::IsEmpty;
-using testing::MatchesRegex;
-using testing::Not;
-using testing::SizeIs;
-using testing::StartsWith;
+using testing::_, testing::AllOf, testing::AnyOf, testing::Contains, testing::ContainsRegex, testing::Each;
+using testing::ElementsAre, testing::EndsWith, testing::HasSubstr, testing::IsEmpty, testing::MatchesRegex;
+using testing::Not, testing::ResultOf, testing::SizeIs, testing::StartsWith;
