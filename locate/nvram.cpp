@@ -42,7 +42,7 @@ std::string restore_left(word_bus *ram, journal *kept, bool *done) {
 void measure(device *ram, unsigned instance, const settings &how, journal *kept, part_result *result) {
   kept->start();
   // A march writes much through lines that are bad at times.
-  constexpr uint32_t rounds_before_march = 64;
+  constexpr uint32_t rounds_before_march = 512;
   const auto rounds = how.cells ? std::max(how.rounds, rounds_before_march) : how.rounds;
   std::optional<seen_cell> cell;
   const bool lines_good = locate_lines(ram, instance, rounds, kept, result, how.cells ? &cell : nullptr);
