@@ -83,10 +83,10 @@ TEST(locate_lines, names_faults_that_come_and_go_with_their_rate) {
 }
 
 // So that no march is written through them: a line that acts in 0.05 to 5 % of the accesses is never left to the test
-// of the cells, a steady cell always is. LOCATE_DRAWS=N draws N lines.
+// of the cells, a steady cell always is. LOCATE_DRAWS=N draws N lines, LOCATE_SEED others.
 TEST(locate_lines, leaves_only_cells_to_the_test_of_cells) {
   const auto lines = models::line_faults(models::memory_kind::nvram, 1, 14);
-  std::mt19937 random(1);
+  std::mt19937 random(static_cast<unsigned>(number_from("LOCATE_SEED", 1)));
   size_t found = 0;
   const size_t draws = number_from("LOCATE_DRAWS", 150);
   for (unsigned i = 0; i < draws; ++i) {
