@@ -28,9 +28,8 @@ uint32_t bridge_id() {
   return uint32_t{row->m_vendor_id} << 16 | row->m_device_id;
 }
 
-uint32_t take_bridge(pci_dev_line_t *line, void *found) {
-  line->m_not_found = line->m_vendor_device == bridge_id() ? 0 : 1;
-  if (line->m_not_found == 0) *static_cast<pci_dev_line_t *>(found) = *line;
+uint32_t take_line(pci_dev_line_t *line, void *list) {
+  static_cast<std::vector<pci_dev_line_t> *>(list)->push_back(*line);
   return HW_SUCCESS;
 }
 
@@ -53,26 +52,36 @@ bool take_in_time(int32_t lock, uint32_t limit_ms) {
 
 }  // namespace
 
-bool find_bridge(pci_dev_line_t *bridge, part_result *result) {
+bool list_functions(std::vector<pci_dev_line_t> *lines, part_result *result) {
   errno = 0;
-  const uint32_t rc = _pci_scan_devices_file(take_bridge, bridge);
-  if (rc == HW_SUCCESS) return true;
-  if (rc == HW_ERR_FILE_IO) {
-    const int error = errno;
-    add_obstacle({.sentence = std::string("The list of PCI functions cannot be read: ") + std::strerror(error) + ".",
-                  .evidence = {"/proc/bus/pci/devices, errno " + std::to_string(error)},
-                  .candidates = {"pci-list-unreadable errno=" + std::to_string(error)},
-                  .next = "run as root, on a kernel with /proc/bus/pci"},
-                 result);
-    return false;
-  }
+  if (_pci_scan_devices_file(take_line, lines) != HW_ERR_FILE_IO) return true;
+  const int error = errno;
+  return add_obstacle(
+      {.sentence = std::string("The list of PCI functions cannot be read: ") + std::strerror(error) + ".",
+       .evidence = {"/proc/bus/pci/devices, errno " + std::to_string(error)},
+       .candidates = {"pci-list-unreadable errno=" + std::to_string(error)},
+       .next = "run as root, on a kernel with /proc/bus/pci"},
+      result);
+}
+
+bool find_bridge(pci_dev_line_t *bridge, part_result *result) {
+  std::vector<pci_dev_line_t> lines;
+  if (!list_functions(&lines, result)) return false;
   const auto id = bridge_id();
-  add_obstacle({.sentence = "The local-bus bridge is not in the list of PCI functions.",
-                .evidence = {"no function has vendor " + hex(id >> 16, 4) + " and device " + hex(id & 0xFFFF, 4)},
-                .next = "see the part pci; check the bridge's supply, reset, clock and configuration EEPROM",
-                .places = {"bridge"}},
-               result);
-  return false;
+  const auto found = std::ranges::find(lines, id, &pci_dev_line_t::m_vendor_device);
+  if (found == lines.end())
+    return add_obstacle(
+        {.sentence = "The local-bus bridge is not in the list of PCI functions.",
+         .evidence = {"no function has vendor " + hex(id >> 16, 4) + " and device " + hex(id & 0xFFFF, 4)},
+         .next = "see the part pci; check the bridge's supply, reset, clock and configuration EEPROM",
+         .places = {"bridge"}},
+        result);
+  *bridge = *found;
+  return true;
+}
+
+std::string lock_name(const memory_row &row, const char *kind) {
+  return row.driver + std::to_string(row.instance) + "-" + kind;
 }
 
 std::string lock_holder(int fd) {
@@ -105,8 +114,7 @@ bool device::find(const memory_row &row, uint32_t *base, part_result *result) {
   const auto refuse = [&](const char *kind, const std::string &sentence) {
     wrong.sentence = sentence;
     wrong.candidates = {kind + (" bar=" + bar)};
-    add_obstacle(std::move(wrong), result);
-    return false;
+    return add_obstacle(std::move(wrong), result);
   };
   m_length = std::bit_floor(std::min(bridge.m_size[row.bar], row.max_length));
   *base = value & ~bar_flags;
@@ -122,27 +130,25 @@ bool device::find(const memory_row &row, uint32_t *base, part_result *result) {
 bool device::claim(const memory_row &row, const settings &how, part_result *result) {
   constexpr std::array kinds{"read", "write"};
   for (size_t i = 0; i < kinds.size(); ++i) {
-    const auto name = row.driver + std::to_string(row.instance) + "-" + kinds[i];
+    const auto name = lock_name(row, kinds[i]);
     m_locks[i] = lock_create(name.c_str());
     if (m_locks[i] < 0) {
       const int error = errno;
       (void)take_report();
-      add_obstacle({.sentence = "The lock " + name + " cannot be made: " + std::strerror(error) + ".",
-                    .evidence = {"/var/lock/" + name + ".lock, errno " + std::to_string(error)},
-                    .candidates = {error == ENOENT ? "lock-dir-missing" : "lock-dir-read-only"},
-                    .next = "run as root, with a directory /var/lock that can be written"},
-                   result);
-      return false;
+      return add_obstacle({.sentence = "The lock " + name + " cannot be made: " + std::strerror(error) + ".",
+                           .evidence = {"/var/lock/" + name + ".lock, errno " + std::to_string(error)},
+                           .candidates = {error == ENOENT ? "lock-dir-missing" : "lock-dir-read-only"},
+                           .next = "run as root, with a directory /var/lock that can be written"},
+                          result);
     }
     if (take_in_time(m_locks[i], how.wait_ms)) continue;
     auto holder = lock_holder(m_locks[i]);
     if (holder.empty()) holder = "a process that has ended since";
-    add_obstacle({.sentence = "The lock " + name + " is held by " + holder + ".",
-                  .evidence = {"waited " + std::to_string(how.wait_ms) + " ms for it"},
-                  .candidates = {std::string("lock-held lock=") + row.part + " kind=" + kinds[i]},
-                  .next = "let " + holder + " end, or end it, and repeat"},
-                 result);
-    return false;
+    return add_obstacle({.sentence = "The lock " + name + " is held by " + holder + ".",
+                         .evidence = {"waited " + std::to_string(how.wait_ms) + " ms for it"},
+                         .candidates = {std::string("lock-held lock=") + row.part + " kind=" + kinds[i]},
+                         .next = "let " + holder + " end, or end it, and repeat"},
+                        result);
   }
   return true;
 }
@@ -157,8 +163,7 @@ bool device::map(const memory_row &row, uint32_t base, part_result *result) {
       const int error = errno;
       wrong.sentence = std::string("/dev/mem cannot be opened: ") + std::strerror(error) + ".";
       wrong.candidates = {"mem-absent errno=" + std::to_string(error)};
-      add_obstacle(std::move(wrong), result);
-      return false;
+      return add_obstacle(std::move(wrong), result);
     }
   }
   uint32_t rc = mmap_acc_init(&m_info, row.driver, 1, &base, m_length, word_bytes, &m_access);
@@ -168,8 +173,7 @@ bool device::map(const memory_row &row, uint32_t base, part_result *result) {
   wrong.sentence = std::string("The memory cannot be mapped: ") + hw_err_to_str(rc) + ".";
   wrong.evidence.push_back(take_report());
   wrong.candidates = {"mem-mmap-refused"};
-  add_obstacle(std::move(wrong), result);
-  return false;
+  return add_obstacle(std::move(wrong), result);
 }
 
 device::~device() {

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "locate/finding.h"
 #include "locate/settings.h"
@@ -13,6 +14,7 @@
 #include "platform/mfgd/cmn_lib/hw_acc/hw_acc.h"
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_acc.h"
 #include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_pci_velto_or.h"
+#include "platform/mfgd/cmn_lib/hw_acc/nvram/nvram_acc_velto.h"
 #include "platform/mfgd/cmn_lib/hw_acc/obfl/obfl_acc.h"
 
 namespace locate {
@@ -26,7 +28,16 @@ struct memory_row {
   uint32_t max_length;  // bytes; of a longer region only these are used
 };
 
-inline constexpr memory_row flash_row{"flash", OBFL_FLASH_DEV_NAME, 0, 5, models::flash_bytes};
+// clang-format off
+inline constexpr std::array<memory_row, 4> memories{{
+    // part     driver               instance bar longest
+    {"nvram0", RTC_NVRAM_DEV_NAME,  0, 2, 0x8000},
+    {"nvram1", RTC_NVRAM_DEV_NAME,  1, 3, 0x8000},
+    {"nvram2", RTC_NVRAM_DEV_NAME,  2, 4, 0x8000},
+    {"flash",  OBFL_FLASH_DEV_NAME, 0, 5, models::flash_bytes},
+}};
+// clang-format on
+inline constexpr const memory_row &flash_row = memories.back();
 
 // Low bits of a base address register (PCI Local Bus Specification 3.0, section 6.2.5.1).
 enum : uint32_t { bar_is_io = 0x1, bar_is_64bit = 0x4, bar_flags = 0xF };
@@ -46,8 +57,13 @@ class word_bus {
   [[nodiscard]] virtual uint32_t length() const = 0;  // bytes, a power of two
 };
 
-// The bridge's line of the kernel's list. Returns whether it is there; if not, *result has why.
+// The kernel's list of PCI functions. Returns whether it can be read; if not, *result has why.
+[[nodiscard]] bool list_functions(std::vector<pci_dev_line_t> *lines, part_result *result);
+// The bridge's line of it. Returns whether it is there; if not, *result has why.
 [[nodiscard]] bool find_bridge(pci_dev_line_t *bridge, part_result *result);
+// The driver's locks: one for readers and one for writers.
+//   kind  "read" or "write"
+[[nodiscard]] std::string lock_name(const memory_row &row, const char *kind);
 // The process that has the lock of a file, as "process 42 (post)"; "" for none.
 [[nodiscard]] std::string lock_holder(int fd);
 

@@ -97,12 +97,8 @@ void check_port(const std::string &port, part_result *result) {
 
 part_result probe_ethernet(const settings & /*how*/) {
   part_result result;
-  const auto *const card = this_card();
-  if (card == nullptr) {
-    result.state = part_state::not_tested;
-    result.reason = "Which card this is cannot be read, or it is not of this family.";
-    return result;
-  }
+  const auto *const card = this_card(&result);
+  if (card == nullptr) return result;
   for (const int number : ports) {
     const auto port = "eth" + std::to_string(number);
     const bool untested = std::ranges::find(card->untested_ports, number) != card->untested_ports.end();

@@ -57,11 +57,12 @@ inline void add_omission(std::string why, part_result *result) {
   result->reason = std::move(why);
 }
 
-// The part could not be tested, and why: the first sentence of its finding.
-inline void add_obstacle(finding why, part_result *result) {
+// The part could not be tested, and why: the first sentence of its finding. Returns false, as its callers do then.
+inline bool add_obstacle(finding why, part_result *result) {
   result->state = part_state::not_tested;
   result->reason = why.sentence;
   result->findings.push_back(std::move(why));
+  return false;
 }
 
 }  // namespace locate

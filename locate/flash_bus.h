@@ -57,19 +57,4 @@ class flash_bus {
   unsigned m_accesses = 0;
 };
 
-// The model of a chip with a fault: what a probe would see.
-class model_flash_bus final : public flash_bus {
- public:
-  model_flash_bus(models::memory words, std::span<const models::chip_fault> faults) : m_chip(words, faults) {}
-
-  [[nodiscard]] const models::nor_flash &chip() const { return m_chip; }
-
- private:
-  uint16_t read_cycle(uint32_t offset) override { return m_chip.read(offset); }
-  void write_cycle(uint32_t offset, uint16_t data) override { m_chip.write(offset, data); }
-  [[nodiscard]] bool may_run(unsigned polls) override { return polls < 16; }
-
-  models::nor_flash m_chip;
-};
-
 }  // namespace locate

@@ -10,9 +10,11 @@
 
 namespace locate {
 
-const dorvan_card_t *this_card() {
+const dorvan_card_t *this_card(part_result *result) {
   uint16_t index = PFM_CARD_UNKNOWN;
-  return pfm_ask_driver(SPROM_IOC_GET_CARD_INDEX, &index) ? dorvan_card(index) : nullptr;
+  const auto *const card = pfm_ask_driver(SPROM_IOC_GET_CARD_INDEX, &index) ? dorvan_card(index) : nullptr;
+  if (card == nullptr) add_omission("Which card this is cannot be read, or it is not of this family.", result);
+  return card;
 }
 
 std::optional<uint64_t> change_bits() {

@@ -1,5 +1,6 @@
 // nvram.cpp: the probes of the battery-backed RAM.
 #include <algorithm>
+#include <span>
 
 #include "locate/device.h"
 #include "locate/journal.h"
@@ -7,20 +8,11 @@
 #include "locate/nvram_lines.h"
 #include "locate/parts.h"
 #include "platform/mfgd/cmn_lib/diag_util/signal_hold.h"
-#include "platform/mfgd/cmn_lib/hw_acc/nvram/nvram_acc_velto.h"
 
 namespace locate {
 namespace {
 
-constexpr uint32_t region_bytes = 0x8000;
-
-// clang-format off
-constexpr std::array nvrams{std::to_array<memory_row>({
-    {"nvram0", RTC_NVRAM_DEV_NAME, 0, 2, region_bytes},
-    {"nvram1", RTC_NVRAM_DEV_NAME, 1, 3, region_bytes},
-    {"nvram2", RTC_NVRAM_DEV_NAME, 2, 4, region_bytes},
-})};
-// clang-format on
+constexpr auto nvrams = std::span(memories).first<3>();
 
 // Restores what an interrupted run has left, in reverse order: of words at one place the first one's contents are its
 // own. Each is written until it reads back. The journal goes only when all words do. Returns what it did, "" for
@@ -50,7 +42,7 @@ std::string restore_left(word_bus *ram, journal *kept, bool *done) {
 void measure(device *ram, unsigned instance, const settings &how, journal *kept, part_result *result) {
   kept->start();
   // A march writes much through lines that are bad at times.
-  constexpr uint32_t rounds_before_march = 64;
+  constexpr uint32_t rounds_before_march = 512;
   const auto rounds = how.cells ? std::max(how.rounds, rounds_before_march) : how.rounds;
   std::optional<seen_cell> cell;
   const bool lines_good = locate_lines(ram, instance, rounds, kept, result, how.cells ? &cell : nullptr);
@@ -64,7 +56,7 @@ void measure(device *ram, unsigned instance, const settings &how, journal *kept,
   else
     result->not_looked_at.emplace_back("cells (--cells)");
   // What the march does not see again was seen nevertheless.
-  if (cell && std::ranges::find(failed, cell->offset) == failed.end()) {
+  if (cell && std::ranges::find(failed, cell->offset / 2) == failed.end()) {
     if (result->reason.empty()) cell->what.next = "repeat the test: in the test of the cells this word did not fail";
     add_finding(std::move(cell->what), result);
   }
@@ -73,7 +65,9 @@ void measure(device *ram, unsigned instance, const settings &how, journal *kept,
   kept->finish();
 }
 
-part_result probe(unsigned instance, const settings &how) {
+}  // namespace
+
+part_result probe_nvram(unsigned instance, const settings &how) {
   part_result result;
   device ram;
   if (!ram.open(nvrams[instance], how, &result)) return result;
@@ -91,8 +85,6 @@ part_result probe(unsigned instance, const settings &how) {
   result.accesses = ram.accesses();
   return result;
 }
-
-}  // namespace
 
 bool restore_interrupted(const settings &how, std::string *text) {
   bool all = true;
@@ -114,16 +106,6 @@ bool restore_interrupted(const settings &how, std::string *text) {
     if (!did.empty()) *text += part + ": " + did + "\n";
   }
   return all;
-}
-
-part_result probe_nvram0(const settings &how) {
-  return probe(0, how);
-}
-part_result probe_nvram1(const settings &how) {
-  return probe(1, how);
-}
-part_result probe_nvram2(const settings &how) {
-  return probe(2, how);
 }
 
 }  // namespace locate

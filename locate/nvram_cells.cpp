@@ -296,25 +296,19 @@ class trial {
 // The faults that give these answers.
 std::vector<models::chip_fault> kinds_of(std::span<const nvram_access> log, const cell &victim, uint32_t other) {
   std::vector<models::chip_fault> fits;
-  const auto try_fault = [&](const models::chip_fault &fault) {
-    if (models::cell_gives(fault, log)) fits.push_back(fault);
-  };
   for (const auto &kind : models::cell_variants(models::memory_kind::nvram)) {
     models::chip_fault fault{.id = kind.id, .level = kind.level, .vlevel = kind.vlevel};
-    if (!kind.two_cells) {
-      fault.offset = victim.offset();
-      fault.bit = static_cast<uint8_t>(victim.bit % 8);
-      try_fault(fault);
-      continue;
+    if (kind.two_cells) {
+      fault.victim = victim.offset();
+      fault.vbit = static_cast<uint8_t>(victim.bit % 8);
     }
-    fault.victim = victim.offset();
-    fault.vbit = static_cast<uint8_t>(victim.bit % 8);
     for (unsigned bit = 0; bit < 16; ++bit) {
-      const cell disturbing{other, bit};
-      if (disturbing.word == victim.word && bit == victim.bit) continue;
-      fault.offset = disturbing.offset();
+      // A fault of one cell is the victim's own, one of two cells is of another.
+      const cell bad{kind.two_cells ? other : victim.word, bit};
+      if ((bad.word == victim.word && bit == victim.bit) == kind.two_cells) continue;
+      fault.offset = bad.offset();
       fault.bit = static_cast<uint8_t>(bit % 8);
-      try_fault(fault);
+      if (models::cell_gives(fault, log)) fits.push_back(fault);
     }
   }
   return fits;
@@ -406,15 +400,20 @@ bool keep_all(const words &all, journal *kept) {
   return kept->keep(list);
 }
 
+// "0x0 0x2 and others"
+std::string few_text(std::span<const uint32_t> list, const char *after_all) {
+  std::string few;
+  for (const auto word : list.first(std::min(list.size(), most_cells)))
+    few += (few.empty() ? "" : " ") + hex(2 * word);
+  return few + (list.size() > most_cells ? " and others" : after_all);
+}
+
 // What is read wrong at first would be restored wrong.
 void report_unsteady(std::span<const uint32_t> list, unsigned instance, part_result *result) {
   const auto number = std::to_string(instance);
-  std::string few;
-  for (const auto word : list.first(std::min(list.size(), most_cells)))
-    few += " " + hex(2 * word);
   add_finding({.sentence = "Words of NVRAM " + number + " change from read to read.",
-               .evidence = {std::to_string(list.size()) + " words differ when read again:" + few +
-                            (list.size() > most_cells ? " and others" : ", which may have changed")},
+               .evidence = {std::to_string(list.size()) +
+                            " words differ when read again: " + few_text(list, ", which may have changed")},
                .intermittent = true,
                .next = "measure the lines often: --repeat 1000; check supply and contacts",
                .places = {"nvram" + number}},
@@ -422,21 +421,17 @@ void report_unsteady(std::span<const uint32_t> list, unsigned instance, part_res
 }
 
 // More than a few cells: a line that is bad at times does that, too, and no access shows which it is.
-void report_many(size_t count, const failing_bits &failing, unsigned instance, part_result *result) {
+void report_many(std::span<const cell> cells, std::span<const uint32_t> failed, unsigned instance,
+                 part_result *result) {
   const auto number = std::to_string(instance);
-  unsigned bits = 0;
-  std::string few;
-  for (const auto &[word, wrong] : failing) {
-    if (static_cast<size_t>(std::ranges::count(few, ' ')) < most_cells) few += " " + hex(2 * word);
-    bits |= wrong;
-  }
-  finding what{.sentence = std::to_string(count) + " cells of NVRAM " + number + " fail",
-               .evidence = {"words with wrong bits:" + few + (failing.size() > most_cells ? " and others" : "")},
+  const auto bit = cells[0].bit;
+  finding what{.sentence = std::to_string(cells.size()) + " cells of NVRAM " + number + " fail",
+               .evidence = {"words with wrong bits: " + few_text(failed, "")},
                .intermittent = true,
                .next = "measure the lines often: --repeat 1000; then replace the chip",
                .places = {"nvram" + number}};
-  if (std::has_single_bit(bits))
-    what.sentence += ", all in bit " + std::to_string(std::countr_zero(bits)) + " of their words";
+  if (std::ranges::all_of(cells, [bit](const auto &one) { return one.bit == bit; }))
+    what.sentence += ", all in bit " + std::to_string(bit) + " of their words";
   what.sentence += ": a line is bad at times, or the chip is.";
   add_finding(std::move(what), result);
 }
@@ -469,12 +464,15 @@ std::vector<uint32_t> locate_cells(word_bus *ram, unsigned instance, const setti
     return {};
   }
   const auto failing = march(&all).run();
+  std::vector<uint32_t> failed;
   std::vector<cell> cells;
-  for (const auto &[word, bits] : failing)
+  for (const auto &[word, bits] : failing) {
+    failed.push_back(word);
     for (unsigned bit = 0; bit < 16; ++bit)
       if ((bits >> bit & 1U) != 0) cells.push_back({word, bit});
+  }
   if (cells.size() > most_cells) {
-    report_many(cells.size(), failing, instance, result);
+    report_many(cells, failed, instance, result);
   } else {
     for (const auto &one : cells)
       if (!all.stopped()) add_finding(cell_finding(&all, one, instance), result);
@@ -488,9 +486,6 @@ std::vector<uint32_t> locate_cells(word_bus *ram, unsigned instance, const setti
     add_omission("The cells were not tested to the end: a signal came.", result);
   else
     result->looked_at.emplace_back("every cell");
-  std::vector<uint32_t> failed;
-  for (const auto &[word, bits] : failing)
-    failed.push_back(2 * word);
   return failed;
 }
 

@@ -4,7 +4,7 @@
 // SS (Hamdioui, van de Goor, Rodgers: "March SS", MTDT 2002), 22 accesses a word and 4 more, for single cells and pairs
 // in two words; then a tour through four patterns and their inverses within each word, 144 accesses, for pairs in one.
 // What disturbs a failing cell is found by halves: half of the words do what may disturb, and the cell is looked at. A
-// list of accesses to the two words then tells the kinds of fault apart, by the models.
+// list of accesses to the two words then distinguishes the kinds of fault, by the models.
 #pragma once
 
 #include "locate/device.h"
@@ -15,7 +15,7 @@ namespace locate {
 
 // Measures the cells of an open memory with good lines and adds what is found to *result. The contents are in the
 // journal meanwhile, which must be open, and in their places afterwards. Signals must be held; one that waits ends it.
-// Returns the offsets of the words that failed.
+// Returns the numbers of the words that failed.
 std::vector<uint32_t> locate_cells(word_bus *ram, unsigned instance, const settings &how, journal *kept,
                                    part_result *result);
 

@@ -10,10 +10,8 @@
 
 namespace locate {
 
-// A probe takes what it needs to tell its part's faults apart, with few accesses, and leaves the part as it was.
-[[nodiscard]] part_result probe_nvram0(const settings &how);
-[[nodiscard]] part_result probe_nvram1(const settings &how);
-[[nodiscard]] part_result probe_nvram2(const settings &how);
+// A probe distinguishes the faults of its part with few accesses, and leaves the part as it was.
+[[nodiscard]] part_result probe_nvram(unsigned instance, const settings &how);
 [[nodiscard]] part_result probe_flash(const settings &how);
 [[nodiscard]] part_result probe_sproms(const settings &how);
 [[nodiscard]] part_result probe_ethernet(const settings &how);
@@ -21,7 +19,7 @@ namespace locate {
 [[nodiscard]] part_result probe_system(const settings &how);
 
 // Restores what earlier runs that ended early have left in their journals. Returns whether all words have their
-// contents again; *text says what it did, a line for each memory.
+// contents again; *text has what it did, a line for each memory.
 [[nodiscard]] bool restore_interrupted(const settings &how, std::string *text);
 
 struct part_row {
@@ -33,9 +31,9 @@ struct part_row {
 // clang-format off
 inline constexpr std::array all_parts{std::to_array<part_row>({
     {"system",   probe_system},
-    {"nvram0",   probe_nvram0},
-    {"nvram1",   probe_nvram1},
-    {"nvram2",   probe_nvram2},
+    {"nvram0",   [](const settings &how) { return probe_nvram(0, how); }},
+    {"nvram1",   [](const settings &how) { return probe_nvram(1, how); }},
+    {"nvram2",   [](const settings &how) { return probe_nvram(2, how); }},
     {"flash",    probe_flash},
     {"sproms",   probe_sproms},
     {"ethernet", probe_ethernet},

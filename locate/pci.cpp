@@ -3,10 +3,9 @@
 #include <array>
 #include <span>
 
+#include "locate/device.h"
 #include "locate/identity.h"
 #include "locate/parts.h"
-#include "platform/mfgd/cmn_lib/hw_acc/hw_err.h"
-#include "platform/mfgd/cmn_lib/hw_acc/mmap/mmap_pci_velto_or.h"
 
 namespace locate {
 namespace {
@@ -56,11 +55,6 @@ std::vector<function_row> functions_of(const dorvan_card_t &card, uint64_t bits)
   return all;
 }
 
-uint32_t collect(pci_dev_line_t *line, void *list) {
-  static_cast<std::vector<pci_dev_line_t> *>(list)->push_back(*line);
-  return HW_SUCCESS;
-}
-
 std::string position_text(uint32_t position) {
   char text[40];
   (void)std::snprintf(text, sizeof text, "bus=0x%02X dev=%u func=%u", position >> 8U & 0xFFU, position >> 3U & 31U,
@@ -106,21 +100,13 @@ void check_function(const function_row &row, std::span<const pci_dev_line_t> lin
 part_result probe_pci(const settings & /*how*/) {
   part_result result;
   std::vector<pci_dev_line_t> lines;
-  if (_pci_scan_devices_file(collect, &lines) == HW_ERR_FILE_IO) {
-    add_obstacle({.sentence = "The list of PCI functions cannot be read.",
-                  .evidence = {"/proc/bus/pci/devices"},
-                  .candidates = {"pci-list-unreadable"},
-                  .next = "run as root, on a kernel with /proc/bus/pci"},
-                 &result);
-    return result;
-  }
+  if (!list_functions(&lines, &result)) return result;
   result.accesses = lines.size();
-  const auto *const card = this_card();
-  const auto bits = card != nullptr ? change_bits() : std::nullopt;
-  if (card == nullptr || !bits) {
-    result.state = part_state::not_tested;
-    result.reason = card == nullptr ? "Which card this is cannot be read, or it is not of this family."
-                                    : "The hardware change bits cannot be read from the supervisor's SPROM.";
+  const auto *const card = this_card(&result);
+  if (card == nullptr) return result;
+  const auto bits = change_bits();
+  if (!bits) {
+    add_omission("The hardware change bits cannot be read from the supervisor's SPROM.", &result);
     return result;
   }
   const auto expected = functions_of(*card, *bits);

@@ -17,8 +17,6 @@
 #include "locate/parts.h"
 #include "platform/mfgd/cmn_lib/diag_util/owner.h"
 #include "platform/mfgd/cmn_lib/diag_util/signal_hold.h"
-#include "platform/mfgd/cmn_lib/hw_acc/nvram/nvram_acc_velto.h"
-#include "platform/mfgd/cmn_lib/hw_acc/obfl/obfl_acc.h"
 #include "post/dorvan/cards.h"
 #include "post/dorvan/pfm_card.h"
 
@@ -116,17 +114,10 @@ void check_clock(part_result *result) {
 
 // --- locks
 
-struct lock_row {
-  const char *part;
-  const char *driver;
-};
-constexpr std::array lock_rows{lock_row{"nvram0", RTC_NVRAM_DEV_NAME "0"}, lock_row{"nvram1", RTC_NVRAM_DEV_NAME "1"},
-                               lock_row{"nvram2", RTC_NVRAM_DEV_NAME "2"}, lock_row{"flash", OBFL_FLASH_DEV_NAME "0"}};
-
 void check_locks(part_result *result) {
-  for (const auto &row : lock_rows) {
-    for (const std::string kind : {"read", "write"}) {
-      const auto path = "/var/lock/" + std::string(row.driver) + "-" + kind + ".lock";
+  for (const auto &row : memories) {
+    for (const char *const kind : {"read", "write"}) {
+      const auto path = "/var/lock/" + lock_name(row, kind) + ".lock";
       const unique_fd file(open(path.c_str(), O_RDWR | O_CLOEXEC));
       const auto holder = file ? lock_holder(file.get()) : "";
       if (holder.empty()) continue;

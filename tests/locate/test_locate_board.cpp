@@ -52,7 +52,7 @@ constexpr std::array fault_rows{std::to_array<fault_row>({
     {"ethernet", "ethtool-silent port=eth5",                             nullptr},
     {"ethernet", "ethtool-fail port=eth0 test=link code=1",              nullptr},
     {"ethernet", "ethtool-fail port=eth2 test=eeprom code=10",          nullptr, "11079"},
-    {"pci",      "pci-list-unreadable",                                  nullptr},
+    {"pci",      "pci-list-unreadable errno=5",                          nullptr},
     {"pci",      "pci-missing bus=0x00 dev=31 func=3",                   nullptr},
     {"pci",      "pci-missing bus=0x01 dev=0 func=0",                    nullptr, "11061"},
     {"pci",      "pci-missing bus=0x0F dev=0 func=0",                    nullptr, "11096"},

@@ -19,7 +19,7 @@ TEST_F(post_locate, reports_each_kind_of_result) {
   const std::tuple<std::string, std::string, int, std::string> cases[] = {
       {"", "nvram2", 0, "nvram2: good, 60 accesses\n  looked at: every address and data line\n"},
       {"", "--names /dev/null nvram2", 0, "nvram2: good, 60 accesses\n"},
-      {"", "--cells nvram2", 0, "nvram2: good, 2854671 accesses\n"},
+      {"", "--cells nvram2", 0, "nvram2: good, 2881551 accesses\n"},
       {"nvram-addr-short instance=1 line=9 other=10", "nvram1", 1,
        "nvram1: faulty, 60 accesses\n  Address lines A9 and A10 of NVRAM 1 are shorted; 0 wins.\n    seen: "},
       {"bar-missing bar=3", "nvram1", 1, "nvram1" + bar + "3 has no address or no size.\n"},
@@ -33,23 +33,23 @@ TEST_F(post_locate, reports_each_kind_of_result) {
       {"lock-held lock=nvram1 kind=write ms=60000", "--wait 0 nvram1", 1,
        "nvram1" + untested + "The lock RTC_NVRAM1-write is held by process "},
       {"", "--cells --state /dev/null/x nvram1", 2,
-       "nvram1: not tested, 36623 accesses\n  The cells were not tested: their contents cannot be written down first, "
+       "nvram1: not tested, 63503 accesses\n  The cells were not tested: their contents cannot be written down first, "
        "/dev/null/x: Not a directory.\n"},
       // Every line answers rightly; a word changes all the same.
       {coupled, "--repeat 5 nvram0", 1,
-       "nvram0: faulty, 994 accesses\n  Words of NVRAM 0 change that are not written.\n    seen: the word at 0x4000 "
+       "nvram0: faulty, 1225 accesses\n  Words of NVRAM 0 change that are not written.\n    seen: the word at 0x4000 "
        "was "},
       {coupled, "--cells nvram0", 1,
-       "nvram0: faulty, 3019771 accesses\n  Cell 0x4000 bit 1 of NVRAM 0 is bad: changed by a write to another cell, "
+       "nvram0: faulty, 3046959 accesses\n  Cell 0x4000 bit 1 of NVRAM 0 is bad: changed by a write to another cell, "
        "in "},
       // The lines' test meets the cell already.
       {"nvram-cell-stuck instance=1 offset=8 bit=5 level=1", "--cells nvram1", 1,
-       "nvram1: faulty, 3084536 accesses\n  Cell 0x0008 bit 5 of NVRAM 1 is bad: stuck.\n"},
-      {"nvram-cell-coupled instance=1 offset=0x4000 bit=1 victim=0x801 vbit=0 p=100000 seed=506", "--cells nvram1", 1,
-       "nvram1: faulty, 2854671 accesses\n  A cell of NVRAM 1 is bad at times: bit 8 of the word at 0x800.\n"},
-      // A line that is bad so rarely that 64 rounds do not show it.
-      {"nvram-data-stuck instance=2 line=3 level=1 p=500 seed=416", "--cells nvram2", 1,
-       "nvram2: faulty, 2871079 accesses\n  693 cells of NVRAM 2 fail, all in bit 3 of their words: a line is bad at "
+       "nvram1: faulty, 3111416 accesses\n  Cell 0x0008 bit 5 of NVRAM 1 is bad: stuck.\n"},
+      {"nvram-cell-coupled instance=1 offset=0x4000 bit=1 victim=0x801 vbit=0 p=20000 seed=1", "--cells nvram1", 1,
+       "nvram1: faulty, 2881551 accesses\n  A cell of NVRAM 1 is bad at times: bit 8 of the word at 0x800.\n"},
+      // A line that is bad so rarely that 512 rounds do not show it.
+      {"nvram-data-stuck instance=2 line=3 level=1 p=30 seed=1", "--cells nvram2", 1,
+       "nvram2: faulty, 2881551 accesses\n  32 cells of NVRAM 2 fail, all in bit 3 of their words: a line is bad at "
        "times, or the chip is.\n"},
       {"", "--names /missing", 2, ""},
       {"", "nvram3", 2, ""},
@@ -110,9 +110,9 @@ TEST_F(post_locate, restores_before_a_signal_ends_it) {
 // takes N all over the run.
 std::vector<uint64_t> cuts() {
   std::vector<uint64_t> list(number_from("LOCATE_CUTS", 0));
-  if (list.empty()) return {3, 15, 16, 30, 31, 20'000, 130'000, 400'000, 900'000, 940'000};
+  if (list.empty()) return {3, 15, 16, 30, 31, 20'000, 143'000, 413'000, 913'000, 953'000};
   for (size_t i = 0; i < list.size(); ++i)
-    list[i] = 1 + i * 940'000 / list.size();
+    list[i] = 1 + i * 953'000 / list.size();
   return list;
 }
 
