@@ -84,6 +84,8 @@ arguments() {
     expect 2 "Try 'tools/$tool --help'." "$checkout/tools/$tool" --no-such-option
   done
   [ $count -ge 13 ]
+  expect 0 'Usage: .ci/run' "$tools/../.ci/run" --help
+  expect 2 "Try '.ci/run --help'." "$tools/../.ci/run" --no-such-option
   expect 0 'Usage: tools/run-post' "$checkout/tools/run-post" --card 1 --help
   expect 2 'no such preset or option: windows' "$checkout/tools/run-tests" host windows
   expect 2 'which program?' "$checkout/tools/run"
