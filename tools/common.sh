@@ -46,7 +46,7 @@ thing googletest 'tests'                                                googlete
 thing formats    'tests of the formats that programs write'             'jq libxml2-utils perl python3-jsonschema'
 thing sanitizers 'preset asan'                                          'libasan8 libubsan1'
 thing clang      'preset clang'                                         clang
-thing fuzzer     'preset fuzz'                                          'clang libclang-rt-14-dev'
+thing fuzzer     'preset fuzz'                                          'clang libclang-rt-dev'
 thing format     'the layout of sources'                                clang-format-14
 thing tidy       'faults that reading finds'                            clang-tidy-14
 thing gcovr      'coverage'                                             gcovr
@@ -171,7 +171,8 @@ want() {
 
 is_installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'ok installed'; }
 
-# need THING...: as want, but the command ends without them.
+# need THING...: as want, but the command ends without them. It also says what of $useful is missing.
+useful=()
 need() {
   want "$@" && return 0
   local thing needed=''
@@ -180,8 +181,12 @@ need() {
     needed+=" ${packages[$thing]}"
     other_version "$thing"
   done
-  fail "something is missing. Type, as root: apt-get install$needed" \
+  note "$me: something is missing. Type, as root: apt-get install$needed" \
     "(Debian's names; on another distribution, what these packages hold)"
+  for thing in "${useful[@]}"; do
+    have "$thing" || note "$me: for ${purpose[$thing]}, also: apt-get install ${packages[$thing]}"
+  done
+  exit 1
 }
 
 # install_packages REASON PACKAGE...: by apt-get, as root or by sudo. What they say is shown where they fail.
@@ -309,7 +314,7 @@ knows() {
 
 # build_programs: the product's programs, all that this machine has the libraries for; where they are is in $bin.
 build_programs() {
-  local targets=(programs)
+  local targets=(programs) useful=(multilib lab)
   need "${build_things[@]}"
   choose_product
   # One program of the lab, for build to see whether they are known.
