@@ -216,6 +216,9 @@ run_apt_get() {
   "${as_root[@]}" apt-get -o DPkg::Lock::Timeout=600 install -y --no-remove --no-install-recommends "$@"
 }
 
+# Succeeds if messages go to a terminal that can clear a line.
+shows_lines_again() { [ -t 2 ] && [ "${TERM:-dumb}" != dumb ]; }
+
 # step TITLE LOG COMMAND...: runs a command, its output in the file LOG. Announces it, says how far it is (on a terminal
 # as it goes, else every $progress_seconds), and how long it took. Says nothing where the command succeeds within
 # $quiet_seconds, such as a build of what is up to date. Returns the command's status.
@@ -234,7 +237,7 @@ step() {
 # show_progress TITLE QUIET: of a step's output, the last of ninja's "[12/345]" or ctest's "12/345 Test".
 show_progress() {
   local line='' part status at='' began=$SECONDS next=$2 terminal=''
-  [ ! -t 2 ] || terminal=1
+  ! shows_lines_again || terminal=1
   [ "$2" != 0 ] || next=${progress_seconds:-30}
   while true; do
     status=0
@@ -257,14 +260,14 @@ show_progress() {
 # say_how_far TEXT: for loops of many runs: the text on a terminal, else a line now and then.
 said_last=$SECONDS
 say_how_far() {
-  if [ -t 2 ]; then
+  if shows_lines_again; then
     printf '\r\033[K%s' "$1" >&2
   elif [ $((SECONDS - said_last)) -ge "${progress_seconds:-30}" ]; then
     note "$1"
     said_last=$SECONDS
   fi
 }
-clear_how_far() { [ ! -t 2 ] || printf '\r\033[K' >&2; }
+clear_how_far() { ! shows_lines_again || printf '\r\033[K' >&2; }
 
 # choose_product: sets $product to the product's preset, board where it can be built, else host with a notice.
 choose_product() {
