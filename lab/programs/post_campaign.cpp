@@ -324,9 +324,12 @@ std::string check_plan(const lab::runner &runner, const campaign &all) {
   return "the board's faults are no longer those of the campaign in " + all.work.path();
 }
 
-void list_runs(const campaign &all) {
+// Returns "" or why they cannot be listed.
+std::string list_runs(const campaign &all) {
+  std::string text;
   for (const auto i : own_positions(all))
-    (void)std::printf("%s\n", all.plan.space.runs[i].key().c_str());
+    text += all.plan.space.runs[i].key() + "\n";
+  return lab::write_whole("-", text);
 }
 
 const char *typed_command = program;
@@ -384,8 +387,8 @@ std::optional<lab::matrix> run_campaign(const options &opts, std::string *error)
   if (error->empty()) *error = opts.resume.empty() ? plan_runs(opts, runner, &all) : check_plan(runner, all);
   if (!error->empty()) return std::nullopt;
   if (opts.list) {
-    list_runs(all);
-    return lab::matrix{};
+    *error = list_runs(all);
+    return error->empty() ? std::optional(lab::matrix{}) : std::nullopt;
   }
   const auto start = steady::now();
   *error = run_all(opts, &runner, &all);
@@ -556,7 +559,7 @@ std::string check_files(const options &opts) {
 
 void add_options(CLI::App *app, options *opts) {
   app->footer(examples);
-  app->set_version_flag("--version", "post-campaign " LAB_VERSION);
+  app->set_version_flag("-V,--version", "post-campaign " LAB_VERSION);
   add_space_options(app, opts);
   add_output_options(app, opts);
   add_run_options(app, opts);
