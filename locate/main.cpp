@@ -48,7 +48,7 @@ void add_options(CLI::App *app, options *chosen) {
   for (const auto &part : all_parts)
     names.emplace_back(part.name);
   app->add_option("PART", chosen->parts, "parts to look at")->check(CLI::IsMember(names));
-  app->add_option("--repeat", chosen->how.rounds, "measure so often: for faults of lines that come and go")
+  app->add_option("--repeat", chosen->how.rounds, "measure the lines N times, for faults that come and go")
       ->type_name("N")
       ->check(CLI::Range(1, 1000))
       ->capture_default_str();

@@ -46,7 +46,7 @@ thing googletest 'tests'                                                googlete
 thing formats    'tests of the formats that programs write'             'jq libxml2-utils perl python3-jsonschema'
 thing sanitizers 'preset asan'                                          'libasan8 libubsan1'
 thing clang      'preset clang'                                         clang
-thing fuzzer     'preset fuzz'                                          'clang libclang-rt-14-dev'
+thing fuzzer     'preset fuzz'                                          'clang libclang-rt-dev'
 thing format     'the layout of sources'                                clang-format-14
 thing tidy       'faults that reading finds'                            clang-tidy-14
 thing gcovr      'coverage'                                             gcovr
@@ -171,7 +171,8 @@ want() {
 
 is_installed() { dpkg-query -W -f='${Status}' "$1" 2>/dev/null | grep -q 'ok installed'; }
 
-# need THING...: as want, but the command ends without them.
+# need THING...: as want, but the command ends without them. It also says what of $useful is missing.
+useful=()
 need() {
   want "$@" && return 0
   local thing needed=''
@@ -180,8 +181,12 @@ need() {
     needed+=" ${packages[$thing]}"
     other_version "$thing"
   done
-  fail "something is missing. Type, as root: apt-get install$needed" \
+  note "$me: something is missing. Type, as root: apt-get install$needed" \
     "(Debian's names; on another distribution, what these packages hold)"
+  for thing in "${useful[@]}"; do
+    have "$thing" || note "$me: for ${purpose[$thing]}, also: apt-get install ${packages[$thing]}"
+  done
+  exit 1
 }
 
 # install_packages REASON PACKAGE...: by apt-get, as root or by sudo. What they say is shown where they fail.
@@ -211,6 +216,9 @@ run_apt_get() {
   "${as_root[@]}" apt-get -o DPkg::Lock::Timeout=600 install -y --no-remove --no-install-recommends "$@"
 }
 
+# Succeeds if messages go to a terminal that can clear a line.
+shows_lines_again() { [ -t 2 ] && [ "${TERM:-dumb}" != dumb ]; }
+
 # step TITLE LOG COMMAND...: runs a command, its output in the file LOG. Announces it, says how far it is (on a terminal
 # as it goes, else every $progress_seconds), and how long it took. Says nothing where the command succeeds within
 # $quiet_seconds, such as a build of what is up to date. Returns the command's status.
@@ -229,7 +237,7 @@ step() {
 # show_progress TITLE QUIET: of a step's output, the last of ninja's "[12/345]" or ctest's "12/345 Test".
 show_progress() {
   local line='' part status at='' began=$SECONDS next=$2 terminal=''
-  [ ! -t 2 ] || terminal=1
+  ! shows_lines_again || terminal=1
   [ "$2" != 0 ] || next=${progress_seconds:-30}
   while true; do
     status=0
@@ -252,14 +260,14 @@ show_progress() {
 # say_how_far TEXT: for loops of many runs: the text on a terminal, else a line now and then.
 said_last=$SECONDS
 say_how_far() {
-  if [ -t 2 ]; then
+  if shows_lines_again; then
     printf '\r\033[K%s' "$1" >&2
   elif [ $((SECONDS - said_last)) -ge "${progress_seconds:-30}" ]; then
     note "$1"
     said_last=$SECONDS
   fi
 }
-clear_how_far() { [ ! -t 2 ] || printf '\r\033[K' >&2; }
+clear_how_far() { ! shows_lines_again || printf '\r\033[K' >&2; }
 
 # choose_product: sets $product to the product's preset, board where it can be built, else host with a notice.
 choose_product() {
@@ -309,7 +317,7 @@ knows() {
 
 # build_programs: the product's programs, all that this machine has the libraries for; where they are is in $bin.
 build_programs() {
-  local targets=(programs)
+  local targets=(programs) useful=(multilib lab)
   need "${build_things[@]}"
   choose_product
   # One program of the lab, for build to see whether they are known.

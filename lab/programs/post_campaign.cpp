@@ -134,15 +134,22 @@ lab::campaign_times times_of(const lab::matrix &matrix, steady::time_point start
   return times;
 }
 
+// Returns "" or why they cannot be listed.
+std::string list_runs(const lab::campaign &all) {
+  std::string text;
+  for (const auto &run : all.runs())
+    text += run.key() + "\n";
+  return lab::write_whole("-", text);
+}
+
 // Returns nothing and says why in *error if there is no whole matrix.
 std::optional<lab::matrix> run_campaign(const options &opts, std::string *error) {
   lab::campaign all(opts.campaign, stop_pipe[0]);
   *error = all.prepare();
   if (!error->empty()) return std::nullopt;
   if (opts.list) {
-    for (const auto &run : all.runs())
-      (void)std::printf("%s\n", run.key().c_str());
-    return lab::matrix{};
+    *error = list_runs(all);
+    return error->empty() ? std::optional(lab::matrix{}) : std::nullopt;
   }
   const auto start = steady::now();
   lab::live_line live(all.left(), opts.campaign.jobs);
@@ -324,7 +331,7 @@ std::string check_files(const options &opts) {
 
 void add_options(CLI::App *app, options *opts) {
   app->footer(examples);
-  app->set_version_flag("--version", "post-campaign " LAB_VERSION);
+  app->set_version_flag("-V,--version", "post-campaign " LAB_VERSION);
   add_space_options(app, opts);
   add_output_options(app, opts);
   add_run_options(app, opts);

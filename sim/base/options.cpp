@@ -132,12 +132,14 @@ constexpr std::array option_rows{std::to_array<option_row>({
     {"--estimate",    nullptr, "show how long the run takes, and during the run how much is left",
      [](command *cmd, std::string_view) { return cmd->estimate = true; }},
     {"--list-faults", nullptr, "list the faults and their parameters, and exit",                           take_action<action::list_faults>},
-    {"--help",        nullptr, "print this text, and exit",                                                take_action<action::help>},
-    {"--version",     nullptr, "print the version, and exit",                                              take_action<action::version>},
+    {"--help",        nullptr, "print this text, and exit; so does -h",                                    take_action<action::help>},
+    {"--version",     nullptr, "print the version, and exit; so does -V",                                  take_action<action::version>},
 })};
 // clang-format on
 
 const option_row *row_of(std::string_view name) {
+  if (name == "-h") name = "--help";
+  if (name == "-V") name = "--version";
   const auto *const found = std::ranges::find_if(option_rows, [&](const auto &row) { return name == row.name; });
   return found == option_rows.end() ? nullptr : found;
 }

@@ -178,6 +178,12 @@ int run_on_board(sim::command cmd) {
   return status;
 }
 
+// Returns the exit status.
+int print(const std::string &text) {
+  const bool printed = std::fputs(text.c_str(), stdout) != EOF && std::fflush(stdout) == 0;
+  return printed ? 0 : fail(sim::os_error("standard output"));
+}
+
 bool is_ethtool(const char *name) {
   const char *const slash = std::strrchr(name, '/');
   return std::strcmp(slash == nullptr ? name : slash + 1, "ethtool") == 0;
@@ -193,14 +199,11 @@ int main(int argc, char **argv) {
   if (!cmd) return fail(error + "\nTry 'board-sim --help' for more information.");
   switch (cmd->action) {
     case sim::action::help:
-      (void)std::printf("%s%s%s", usage_text, sim::options_help().c_str(), example_text);
-      return 0;
+      return print(usage_text + sim::options_help() + example_text);
     case sim::action::version:
-      (void)std::printf("board-sim %s\n", BOARD_SIM_VERSION);
-      return 0;
+      return print("board-sim " BOARD_SIM_VERSION "\n");
     case sim::action::list_faults:
-      (void)std::printf("%s", sim::fault_list().c_str());
-      return 0;
+      return print(sim::fault_list());
     case sim::action::run:
       break;
   }

@@ -189,6 +189,7 @@ TEST_F(campaign, ends_with_its_status_and_says_why) {
       {"--read bad.json",                       2, "bad.json: "},
       {"--read good.json --expect bad.json",    2, "bad.json: "},
       {"--read good.json --html no/such/file",  2, "no/such/file: No such file or directory"},
+      {"--list >/dev/full",                     2, "standard output: No space left on device"},
       {"--read good.json >/dev/full",           2, "standard output: No space left on device"},
       {"--read good.json --json - >/dev/full",  2, "standard output: No space left on device"},
       {"--from no-such-file",                   2, "no-such-file: No such file or directory"},

@@ -209,6 +209,11 @@ TEST_F(launcher, helps) {
   EXPECT_EQ(run({"--card", "11097"}, {"system", "true"}).err,
             "board-sim: card 11097 is not known (did you mean '11096'?)\n");
   EXPECT_THAT(run({"--version"}).out, MatchesRegex("board-sim [0-9.]+\n"));
+  EXPECT_EQ(run({"-h"}).out, run({"--help"}).out);
+  EXPECT_EQ(run({"-V"}).out, run({"--version"}).out);
+  for (const std::string option : {"--help", "--version", "--list-faults"})
+    expect_run(sh("board-sim " + option + " >/dev/full"), 2, "",
+               "board-sim: standard output: No space left on device\n");
 }
 
 TEST_F(launcher, reports_programs_that_cannot_run) {

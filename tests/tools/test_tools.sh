@@ -84,6 +84,8 @@ arguments() {
     expect 2 "Try 'tools/$tool --help'." "$checkout/tools/$tool" --no-such-option
   done
   [ $count -ge 13 ]
+  expect 0 'Usage: .ci/run' "$tools/../.ci/run" --help
+  expect 2 "Try '.ci/run --help'." "$tools/../.ci/run" --no-such-option
   expect 0 'Usage: tools/run-post' "$checkout/tools/run-post" --card 1 --help
   expect 2 'no such preset or option: windows' "$checkout/tools/run-tests" host windows
   expect 2 'which program?' "$checkout/tools/run"
@@ -91,7 +93,11 @@ arguments() {
 }
 
 machine_that_cannot() {
-  expect 1 'Type, as root: apt-get install g++ cmake ninja-build' "$checkout/tools/run-post"
+  expect 1 'Type, as root: apt-get install g++ cmake ninja-build (' "$checkout/tools/run-post"
+  expect 1 'for the 32-bit product, also: apt-get install g++-multilib' "$checkout/tools/run-post"
+  for tool in run-campaign tour; do
+    expect 1 'apt-get install g++ cmake ninja-build nlohmann-json3-dev libcli11-dev (' "$checkout/tools/$tool"
+  done
   expect 77 'nothing is checked' "$checkout/tools/check-packages"
   stand_in uname <<<'echo Linux aarch64'
   expect 1 'POST runs on x86 Linux only; this is Linux aarch64.' "$checkout/tools/run-post"
@@ -166,7 +172,7 @@ headers_come_later() {
   stand_in id <<<'echo 1000'
   expect 0 'nlohmann-json3-dev libcli11-dev): sprom and the lab programs are left out.' "$checkout/tools/run-post"
   expect 1 'Type, as root: apt-get install nlohmann-json3-dev libcli11-dev' "$checkout/tools/run-campaign"
-  expect 1 'post-results is not built: it needs what Debian calls nlohmann-json3-dev libcli11-dev' \
+  expect 1 'post-results is not built. For sprom, post-locate and the lab programs type, as root: apt-get install nlohmann' \
     "$checkout/tools/run" post-results
   : >"$dir/json"
   expect 0 'post-results in ' "$checkout/tools/run" post-results
