@@ -19,6 +19,8 @@ using sim::parm;
 using id = sim::fault_id;
 
 constexpr uint64_t sector_bytes = 0x20000;
+constexpr uint32_t nvram_count = 3;
+constexpr uint64_t first_nvram_bar = 2;
 constexpr uint64_t nvram_half = 0x4000;     // bytes from here on are not tested
 constexpr uint64_t nvram_top_line = 14;     // selects them
 constexpr uint64_t flash_half_line = 16;    // selects the half of a sector
@@ -86,7 +88,7 @@ bool is_not_expected(const aftermath &at) {
 }
 
 bool is_register_unused(const aftermath &at) {
-  return at.fault.get(parm::bar) < 2;
+  return at.fault.get(parm::bar) < first_nvram_bar;
 }
 
 bool is_last_register(const aftermath &at) {
@@ -110,7 +112,9 @@ bool is_untested_port(const aftermath &at) {
 
 bool is_untested_instance(const aftermath &at) {
   const auto *const card = dorvan_card(static_cast<uint16_t>(at.run.board.card));
-  return card != nullptr && at.fault.get(parm::instance) >= card->nvram_instances;
+  const auto instance =
+      at.fault.find(parm::bar) ? at.fault.get(parm::bar) - first_nvram_bar : at.fault.get(parm::instance);
+  return card != nullptr && instance >= card->nvram_instances && instance < nvram_count;
 }
 
 // The test drives the top line low: a short in which 0 wins pulls the other line low, too, which it must see.
@@ -231,6 +235,8 @@ constexpr reason function_not_expected{reason::missed, "", is_not_expected,
     "the function is not in the list that POST expects of this card"};
 constexpr reason register_unused{reason::missed, "", is_register_unused,
     "POST does not use what this register maps"};
+constexpr reason memory_untested{reason::missed, "", is_untested_instance,
+    "the test of this card leaves out the NVRAM that this register maps"};
 constexpr reason no_upper_half{reason::missed, "", is_last_register,
     "the last register has no upper half, and POST takes its address as it is"};
 constexpr reason card_unknown{reason::missed, "Invalid card detected", nullptr,
@@ -310,7 +316,7 @@ constexpr std::array fact_rows{std::to_array<fault_facts>({
     {id::pci_wrong_id,                  short_test, nothing,    see_code,   own_function,  {&no_device_for_function, &function_not_expected, &no_driver}},
     {id::bar_missing,                   short_test, nothing,    see_code,   "",            {&register_unused, &no_driver}},
     {id::bar_64bit,                     short_test, nothing,    see_code,   "",            {&register_unused, &no_upper_half, &no_driver}},
-    {id::bar_io,                        full,       nothing,    see_code,   "",            {&register_unused, &no_driver}},
+    {id::bar_io,                        full,       nothing,    see_code,   "",            {&register_unused, &memory_untested, &no_driver}},
     {id::sprom_absent,                  short_test, nothing,    "",         "",            {&no_identity}},
     {id::sprom_refuse,                  short_test, nothing,    "",         "",            {&card_unknown}},
     {id::cpuinfo_missing,               no_flash,   nothing,    "",         "",            {&no_clock}},
@@ -347,7 +353,7 @@ constexpr std::array fact_rows{std::to_array<fault_facts>({
     {id::nvram_addr_stuck,              no_flash,   nothing,    "nvram.0",  own_instance,  {&instance_untested, &upper_half, &written_back}},
     {id::nvram_addr_short,              no_flash,   nothing,    "nvram.0",  own_instance,  {&instance_untested, &upper_half, &written_back}},
     {id::nvram_cell_stuck,              no_flash,   cells,      "nvram.0",  own_instance,  {&instance_untested, &upper_half, &upper_half_kept, &written_back}},
-    {id::nvram_cell_transition,         no_flash,   cells,      "nvram.0",  own_instance,  {&instance_untested, &upper_half, &upper_half_kept, &written_back}},
+    {id::nvram_cell_transition,         no_flash,   cells,      "nvram.0",  own_instance,  {&instance_untested, &upper_half, &upper_half_kept, &disturbed}},
     {id::nvram_cell_read_disturb,       no_flash,   cells,      "nvram.0",  own_instance,  {&instance_untested, &upper_half, &upper_half_kept, &written_back}},
     {id::nvram_cell_read_deceptive,     no_flash,   cells,      "nvram.0",  own_instance,  {&instance_untested, &upper_half, &upper_half_kept, &read_once, &written_back}},
     {id::nvram_cell_read_wrong,         no_flash,   cells,      "nvram.0",  own_instance,  {&instance_untested, &upper_half, &upper_half_kept, &written_back}},
@@ -395,7 +401,6 @@ constexpr bool in_order() {
 }
 static_assert(in_order(), "a row for each fault, in the order of their enumeration");
 
-constexpr uint32_t nvram_count = 3;
 constexpr std::array limit_sentences{std::to_array<std::string_view>({
     "The short test (`-s`) leaves out NVRAM and flash, and of the Ethernet controllers all but the link sub-test.",
     "Of the 512 sectors of the flash 19 are tested: nothing is known of the cells of the others.",
@@ -441,7 +446,7 @@ std::string devices_of(const fault &f, const board_setting &board) {
   }
   if (f.id == id::eeprom_corrupt) return f.get(parm::offset) < 0x1000 ? "seeprom.0" : "seeprom.1";
   const auto bar = f.find(parm::bar).value_or(0);
-  return bar < 2 ? "" : bar == 5 ? "obfl.0" : "nvram.0";
+  return bar < first_nvram_bar ? "" : bar == 5 ? "obfl.0" : "nvram.0";
 }
 
 std::string untested_ports(const dorvan_card_t &card) {
@@ -520,8 +525,9 @@ expectation expectation_of(const fault &f, const board_setting &board) {
   const auto devices = facts.devices == see_code ? devices_of(f, board) : fill_in(facts.devices, f);
   const auto words = words_of(devices);
   const auto bar = f.id == id::bar_io || f.id == id::bar_missing || f.id == id::bar_64bit ? f.get(parm::bar) : 0;
-  const bool nvram = bar >= 2 && bar <= 4;
-  return {{words.begin(), words.end()}, nvram ? " NVRAM " + std::to_string(bar - 2) : fill_in(facts.text, f)};
+  const bool nvram = bar >= first_nvram_bar && bar < first_nvram_bar + nvram_count;
+  return {{words.begin(), words.end()},
+          nvram ? " NVRAM " + std::to_string(bar - first_nvram_bar) : fill_in(facts.text, f)};
 }
 
 std::string_view reason_of(const aftermath &at) {

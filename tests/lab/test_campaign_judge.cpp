@@ -140,8 +140,7 @@ TEST(judge, wants_a_pci_function_named_by_its_place) {
   }
 }
 
-// The first of each pair has the evidence of the reason, the second lacks it and stays unexplained. Fault, card,
-// output, changes, status, and how the reason begins, "" for none.
+// The first of each pair has the evidence of the reason, the second lacks it and stays unexplained.
 TEST(reasons, need_what_the_run_left) {
   const auto missing = saying("PCIE", edited(bad_pcie, {{"bus:2E", "bus:17"}}));
   const auto gave_up = saying("OBFL", edited(bad_flash, {{"but DQ5 bit not", "and DQ5 bit is"}}), failed_log);
@@ -154,10 +153,13 @@ TEST(reasons, need_what_the_run_left) {
   const lab::memory_change two_sectors{"flash", 9, 0xBFFFF, 0xDFFFF, 9, 0xBFFFF};
   const lab::memory_change bytes{"nvram1", 2, 16, 17, 0, 0};
   // clang-format off
-  const std::tuple<std::string, unsigned, std::string, std::vector<lab::memory_change>, int, std::string> cases[] = {
+  const struct { std::string fault; unsigned card; std::string output; std::vector<lab::memory_change> changes;
+                 int status; std::string reason; } cases[] = {
       {"pci-missing bus=0x17 dev=0 func=0",               11062, missing,   {},          0,   "POST prints that the function"},
       {"pci-missing bus=0x17 dev=0 func=0",               11062, full_log,  {},          0,   ""},
       {"pci-missing bus=1 dev=0 func=0",                  11061, full_log,  {},          0,   "the function is not in the list"},
+      {"bar-io bar=3",                                    11061, full_log,  {},          0,   "the test of this card leaves out the NVRAM"},
+      {"bar-io bar=3",                                    11062, full_log,  {},          0,   ""},
       {"lock-dir-missing",                                11062, no_lock,   {},          134, "the driver of a memory could not create its lock"},
       {"mem-absent",                                      11062, at_start,  {},          134, "a driver could not reach"},
       {"mem-absent",                                      11062, no_lock,   {},          134, ""},
@@ -171,6 +173,7 @@ TEST(reasons, need_what_the_run_left) {
       {"nvram-data-stuck instance=0 line=3 level=1 nth=7 times=1", 11062, full_log, {bytes}, 0, ""},
       {"nvram-data-stuck instance=1 line=3 level=1",      11062, full_log,  {bytes},     0,   ""},
       {"nvram-cell-write-disturb instance=1 offset=16 bit=0", 11062, full_log, {bytes}, 0, "it acted while"},
+      {"nvram-cell-transition instance=1 offset=16 bit=0 level=0", 11062, full_log, {bytes}, 0, "it acted while"},
       {"nvram-cell-read-deceptive instance=1 offset=0x12 bit=0", 11062, full_log, {},    0,   "POST never reads this cell twice"},
       {"nvram-cell-read-deceptive instance=1 offset=0x10 bit=0", 11062, full_log, {},    0,   ""},
       {"flash-addr-short line=17 other=20",               11062, full_log,  {},          0,   "the test of a sector accesses"},
