@@ -33,10 +33,10 @@ std::string restore_left(word_bus *ram, journal *kept, bool *done) {
   }
   *done = lost == 0;
   if (!*done)
-    return std::to_string(lost) + " of " + std::to_string(words->size()) + " words in the journal " + kept->path() +
-           " do not read back; remove it to give them up";
+    return "words of the journal " + kept->path() + " that do not read back: " + std::to_string(lost) + " of " +
+           std::to_string(words->size()) + "; remove the journal if they may be lost";
   kept->finish();
-  return words->empty() ? "" : std::to_string(words->size()) + " words restored after a run that ended early";
+  return words->empty() ? "" : "words restored after a run that ended early: " + std::to_string(words->size());
 }
 
 void measure(device *ram, unsigned instance, const settings &how, journal *kept, part_result *result) {

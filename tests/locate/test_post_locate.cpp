@@ -15,8 +15,11 @@ class post_locate : public in_directory {
 TEST_F(post_locate, reports_each_kind_of_result) {
   const std::string untested = ": not tested\n  ", bar = untested + "The bridge's base address register ";
   const std::string coupled = "nvram-cell-coupled-write instance=0 offset=0x10 bit=0 victim=0x4000 vbit=1";
-  // Fault, arguments, status, and how the output begins.
-  const std::tuple<std::string, std::string, int, std::string> cases[] = {
+  const struct {
+    std::string fault, arguments;
+    int status;
+    std::string begins;
+  } cases[] = {
       {"", "nvram2", 0, "nvram2: good, 60 accesses\n  looked at: every address and data line\n"},
       {"", "--names /dev/null nvram2", 0, "nvram2: good, 60 accesses\n"},
       {"", "--cells nvram2", 0, "nvram2: good, 2881551 accesses\n"},
@@ -65,12 +68,15 @@ TEST_F(post_locate, reports_each_kind_of_result) {
 
 // What a journal of nvram1 makes of a start that looks at another part.
 TEST_F(post_locate, keeps_a_journal_until_its_words_read_back) {
-  // Journal, fault, status, and a part of the errors.
-  const std::tuple<std::string, std::string, int, std::string> cases[] = {
-      {"0002 0008\n", "", 0, "nvram1: 1 words restored after a run that ended early\n"},
-      {"0002 0008\n0004 00", "", 0, "nvram1: 1 words restored"},  // the second is torn
-      {"0002 0008\n", "nvram-data-stuck instance=1 line=3 level=0", 2, "nvram1: 1 of 1 words in the"},
-      {"0002 0008\n8000 0001\n", "", 2, "nvram1: 1 of 2 words in the"},
+  const struct {
+    std::string journal, fault;
+    int status;
+    std::string err;
+  } cases[] = {
+      {"0002 0008\n", "", 0, "nvram1: words restored after a run that ended early: 1\n"},
+      {"0002 0008\n0004 00", "", 0, "nvram1: words restored after a run that ended early: 1\n"},  // the second is torn
+      {"0002 0008\n", "nvram-data-stuck instance=1 line=3 level=0", 2, " that do not read back: 1 of 1; "},
+      {"0002 0008\n8000 0001\n", "", 2, "/nvram1.journal that do not read back: 1 of 2; "},
       {"0002 0008\nx\n0004 0001\n", "", 2, "nvram1: the journal cannot be read: /var/lib/post"},
       {"0002 00080\n", "", 2, "nvram1: the journal cannot be read: "},
       {"0002 0008\n", "lock-held lock=nvram1 kind=write ms=60000", 2,
