@@ -218,12 +218,14 @@ TEST_F(campaign, ends_with_its_status_and_says_why) {
 
 TEST_F(campaign, has_the_stored_pages_of_the_stored_matrices) {
   const std::string docs = LAB_TESTS_DIR "/../../docs/";
-  const std::tuple<std::string, std::string, std::string, int> rows[]{
-      {"cat", "campaign-standard.json --coverage", "coverage.md", 0},
-      {"cat", "campaign-standard.json --explain", "explain.md", 0},
-      {"zcat", "campaign-lines.json.gz --coverage", "coverage-lines.md", 0},
-      {"zcat", "campaign-drawn.json.gz --explain", "explain-drawn.md", 1},
-      {"zcat", "campaign-transients.json.gz --coverage", "coverage-transients.md", 0}};
+  const struct {
+    std::string command, what, page;
+    int status;
+  } rows[]{{"cat", "campaign-standard.json --coverage", "coverage.md", 0},
+           {"cat", "campaign-standard.json --explain", "explain.md", 0},
+           {"zcat", "campaign-lines.json.gz --coverage", "coverage-lines.md", 0},
+           {"zcat", "campaign-drawn.json.gz --explain", "explain-drawn.md", 1},
+           {"zcat", "campaign-transients.json.gz --coverage", "coverage-transients.md", 0}};
   for (const auto &[command, what, page, status] : rows) {
     const auto blank = what.find(' ');
     const outcome made = sh(command + " " + shell_word(docs + what.substr(0, blank)) +

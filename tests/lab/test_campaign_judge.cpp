@@ -266,10 +266,9 @@ std::string changes_of(const char *fault, const char *memory, std::span<const ui
 }
 
 TEST(contents, tell_what_a_fault_destroys_from_what_else_is_lost) {
-  // Fault, memory, the offsets and bits that are flipped, and the text.
-  using flips = std::vector<std::pair<size_t, uint8_t>>;
-  const std::tuple<const char *, const char *, flips, const char *> cases[] = {
-      // clang-format off
+  using flips = std::vector<std::pair<size_t, uint8_t>>;  // offsets, and bits
+  // clang-format off
+  const struct { const char *fault, *memory; flips flipped; const char *text; } cases[] = {
       {"nvram-addr-stuck instance=0 line=3 level=0",    "nvram0", {},                           ""},
       {"nvram-addr-stuck instance=0 line=3 level=0",    "nvram0", {{5, 1}},                     "nvram0: 1 byte, 0x5 to 0x5, 1 beyond the fault from 0x5"},
       {"nvram-data-stuck instance=0 line=3 level=0",    "nvram0", {{4, 8}, {0x20000, 8}},       "nvram0: 2 bytes, 0x4 to 0x20000"},
@@ -288,8 +287,8 @@ TEST(contents, tell_what_a_fault_destroys_from_what_else_is_lost) {
       {"flash-program-hangs",                           "flash",  {{5, 1}, {0x20000, 1}},       "flash: 2 bytes, 0x5 to 0x20000, 1 beyond the fault from 0x20000"},
       {"sprom-corrupt image=sup block=main",            "eeprom-1-52", {{0, 1}},                "eeprom-1-52: 1 byte, 0x0 to 0x0, 1 beyond the fault from 0x0"},
       {"",                                              "flash",  {{0, 1}},                     "flash: 1 byte, 0x0 to 0x0, 1 beyond the fault from 0x0"},
-      // clang-format on
   };
+  // clang-format on
   const std::vector<uint8_t> before(0x40000, 0x5A);
   for (const auto &[fault, memory, flipped, text] : cases) {
     auto after = before;
@@ -409,7 +408,10 @@ TEST(matrix, accounts_for_what_is_found_or_has_a_reason) {
 }
 
 TEST(matrix, has_intervals_as_the_tables_give_them) {
-  const std::tuple<size_t, size_t, double, double> cases[] = {
+  const struct {
+    size_t count, of;
+    double low, high;
+  } cases[] = {
       {0, 10, 0, 0.3085},      {10, 10, 0.6915, 1},       {0, 100, 0, 0.0362},          {0, 9604, 0, 0.00038},
       {2, 3, 0.2077, 0.93850}, {10, 100, 0.0552, 0.1744}, {4802, 9604, 0.4900, 0.5100},
   };
@@ -598,9 +600,12 @@ TEST(shards, that_do_not_belong_together_are_refused) {
 }
 
 TEST(shards, are_numbered_by_the_user_or_the_environment) {
-  // The option's value, the environment, and the shard, "" for none.
   using variables = std::vector<std::pair<const char *, const char *>>;
-  const std::tuple<const char *, variables, const char *> cases[] = {
+  const struct {
+    const char *option;
+    variables environment;
+    const char *shard;
+  } cases[] = {
       {"2/7", {}, "2/7"},
       {"0/7", {}, ""},
       {"2", {}, ""},

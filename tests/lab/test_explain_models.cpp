@@ -243,9 +243,8 @@ TEST(explain_models, never_name_less_from_a_log_that_was_cut) {
 }
 
 TEST(candidates, hold_the_faults_that_they_name) {
-  // A group, a fault, and whether the group holds it.
-  const std::tuple<std::string, std::string, bool> cases[] = {
-      // clang-format off
+  // clang-format off
+  const struct { std::string group, fault; bool holds; } cases[] = {
       {"nvram-addr-short instance=0 line=9 other=10 wins=0",     "nvram-addr-short instance=0 line=10 other=9",        true},
       {"nvram-addr-short instance=0 line=9 other=10..12 wins=0", "nvram-addr-short instance=0 line=13 other=9",        false},
       {"flash-erase-ignored sector=*",                           "flash-erase-ignored",                                true},
@@ -253,8 +252,8 @@ TEST(candidates, hold_the_faults_that_they_name) {
       {"pci-wrong-id bus=2 dev=0 func=0 vendor=0..5 device=*",   "pci-wrong-id bus=2 dev=0 func=0 device=3",           false},
       {"nvram-cell-stuck instance=0 offset=0x10..0x16/2+0x40*3 bit=1 level=0", "nvram-cell-stuck instance=0 offset=0x54 bit=1 level=0", true},
       {"nvram-cell-stuck instance=0 offset=0x10..0x16/2+0x40*3 bit=1 level=0", "nvram-cell-stuck instance=0 offset=0xD0 bit=1 level=0", false},
-      // clang-format on
   };
+  // clang-format on
   for (const auto &[group, fault, held] : cases)
     EXPECT_EQ(lab::group_of(group).holds(lab::parse_fault_text(fault)), held) << group << " | " << fault;
   const auto some = lab::group_of("nvram-cell-stuck instance=0 offset=0x10..0x16/2+0x40*3 bit=1,3 level=0");

@@ -127,7 +127,7 @@ TEST(log_of_dead_runs, tells_each_run_and_how_far_it_came) {
   const std::string in_nvram = through(full_log, "NVRAM Test: \n.");
   constexpr char nvram[] = "started bits 1; seeprom ...0; gige ....2; nvram ,?";
   // clang-format off
-  const std::tuple<const char *, std::string, std::vector<std::string>> cases[] = {
+  const struct { const char *name; std::string log; std::vector<std::string> runs; } cases[] = {
       {"nothing",                      "", {}},
       {"foreign lines only",           "boot\n\nPOST is completed\ndone (1 seconds)\n", {}},
       {"before the program has started", in_startup, {"starting; asserted"}},

@@ -143,8 +143,11 @@ TEST_F(post_results, is_understood_by_readers_of_others) {
 TEST_F(post_results, names_the_board_by_its_sprom) {
   const std::string sprom = sh("board-sim --card 11096 -- sprom show --json SUPERVISOR").out;
   save("result", full_records);
-  // Change bits that the run printed, whether all blocks of the SPROM are good, the form, and what stands in it.
-  const std::tuple<std::string, bool, std::string, std::string> cases[] = {
+  const struct {
+    std::string printed_bits;
+    bool good_sprom;
+    std::string form, expected;
+  } cases[] = {
       {"0x1", true, "table", "Board: card 11096, part SUP-DORVAN, serial SIM00000001, change bits 0x1\n"},
       {"0x1", true, "ktap", "\n# board: card 11096, part SUP-DORVAN, serial SIM0"},
       {"0x1", true, "junit", R"(<property name="serial" value="SIM00000001">)"},

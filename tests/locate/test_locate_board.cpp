@@ -131,8 +131,11 @@ TEST(locate_board, writes_and_restores_two_sectors_of_the_flash) {
   const auto before = read_file(state.path() / "flash");
   EXPECT_EQ(run_board(state.path(), {"--", locate, "--write", "flash"}).status, 0);
   EXPECT_TRUE(read_file(state.path() / "flash") == before);
-  // Fault, whether the contents are kept, and a part of the report.
-  const std::tuple<const char *, bool, const char *> cases[] = {
+  const struct {
+    const char *fault;
+    bool keeps;
+    const char *says;
+  } cases[] = {
       {"flash-data-stuck line=3 level=0 p=300000", true, "Nothing was written: reads are not steady."},
       {"flash-program-hangs sector=0 nth=5 times=1 dq5=1", true, "sector at 0x0000000 fail at times"},
       {"flash-program-ignored sector=511", false, "no single fault of its lines"},
