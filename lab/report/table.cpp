@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
+#include <numeric>
 
 #include "lab/base/fault_list.h"
 #include "lab/base/text.h"
@@ -180,14 +181,17 @@ live_line::live_line(const std::vector<run_item> &left, unsigned jobs, std::chro
     ++m_left.at(static_cast<size_t>(run.mode));
 }
 
+// By what the runs of each mode took. All else that a run costs, such as post-locate after it, is in proportion.
 double live_line::seconds_left() const {
+  const std::chrono::duration<double> elapsed = std::chrono::steady_clock::now() - m_began;
+  const double busy = std::accumulate(m_seconds.begin(), m_seconds.end(), 0.0);
   double seconds = 0;
   for (size_t mode = 0; mode < m_left.size(); ++mode) {
     const double one = m_counted[mode] == 0 ? expected_seconds(static_cast<run_mode>(mode))
                                             : m_seconds[mode] / static_cast<double>(m_counted[mode]);
     seconds += one * static_cast<double>(m_left[mode]);
   }
-  return seconds / m_jobs;
+  return seconds / m_jobs * (busy > 0 ? std::max(elapsed.count() * m_jobs / busy, 1.0) : 1);
 }
 
 void live_line::add(const run_result &run) {

@@ -61,7 +61,8 @@ class live_line {
 
   bool m_terminal;
   std::chrono::seconds m_between;
-  std::chrono::steady_clock::time_point m_said = std::chrono::steady_clock::now();
+  std::chrono::steady_clock::time_point m_began = std::chrono::steady_clock::now();
+  std::chrono::steady_clock::time_point m_said = m_began;
   unsigned m_jobs;
   size_t m_all;
   size_t m_done = 0;
