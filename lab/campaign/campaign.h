@@ -31,7 +31,7 @@ struct campaign_request {
 
   // How they run.
   std::string shard;   // "K/N" or "auto", "" for all
-  std::string resume;  // work directory of an interrupted campaign, whose plan holds instead of all that is above
+  std::string resume;  // work directory of an interrupted campaign: its plan holds, with `keep` and `jobs` as here
   std::string work;    // new or empty, "" for a temporary one
   bool keep = false;
   bool locate = false;
