@@ -1,9 +1,12 @@
-// text.h: numbers and words of the command line.
+// text.h: numbers and words of the command line, and whether progress can be shown beside it.
 #pragma once
+
+#include <unistd.h>
 
 #include <algorithm>
 #include <charconv>
 #include <cstdint>
+#include <cstdlib>
 #include <optional>
 #include <span>
 #include <string>
@@ -12,6 +15,12 @@
 #include <vector>
 
 namespace sim {
+
+// Whether standard error is a terminal that can clear a line (ECMA-48, "EL"), to show progress in one.
+inline bool can_rewrite_a_line() {
+  const char *const terminal = std::getenv("TERM");
+  return terminal != nullptr && std::string_view(terminal) != "dumb" && isatty(STDERR_FILENO) != 0;
+}
 
 // A number in C notation: decimal, 0x hexadecimal, 0 octal. Nothing if the text is none or does not fit.
 inline std::optional<uint64_t> parse_number(std::string_view text) {

@@ -11,6 +11,7 @@
 #include <iostream>
 
 #include "faults/arguments.h"
+#include "faults/text.h"
 #include "locate/parts.h"
 #include "locate/report.h"
 
@@ -99,7 +100,7 @@ int run(options chosen) {
   board_names names;
   if (const auto wrong = read_names(chosen.names, &names); !wrong.empty()) return complain(wrong);
   chosen.how.wait_ms = chosen.wait * 1000;
-  chosen.how.progress = isatty(STDERR_FILENO) != 0;
+  chosen.how.progress = sim::can_rewrite_a_line();
   std::string did;
   const bool restored = restore_interrupted(chosen.how, &did);
   std::cerr << did;

@@ -1,12 +1,11 @@
 #include "lab/report/table.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <numeric>
 
+#include "faults/text.h"
 #include "lab/base/fault_list.h"
 #include "lab/base/text.h"
 #include "lab/report/patterns.h"
@@ -176,7 +175,7 @@ std::vector<reason_group> groups_of(const matrix &all) {
 }
 
 live_line::live_line(const std::vector<run_item> &left, unsigned jobs, std::chrono::seconds between)
-    : m_terminal(isatty(STDERR_FILENO) != 0), m_between(between), m_jobs(jobs), m_all(left.size()) {
+    : m_terminal(sim::can_rewrite_a_line()), m_between(between), m_jobs(jobs), m_all(left.size()) {
   for (const auto &run : left)
     ++m_left.at(static_cast<size_t>(run.mode));
 }

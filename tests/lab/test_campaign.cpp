@@ -216,6 +216,13 @@ TEST_F(campaign, ends_with_its_status_and_says_why) {
   EXPECT_TRUE(exists("full/x"));
 }
 
+TEST_F(campaign, clears_the_line_of_its_progress_only_where_the_terminal_can) {
+  const std::string command = " script -qec 'post-campaign --fault sprom-refuse --summary' /dev/null";
+  EXPECT_THAT(sh("TERM=xterm" + command).out, HasSubstr("1 of 1 done"));
+  EXPECT_THAT(sh("TERM=dumb" + command).out, Not(HasSubstr("\x1b")));
+  EXPECT_THAT(sh("unset TERM;" + command).out, Not(HasSubstr("\x1b")));
+}
+
 TEST_F(campaign, has_the_stored_pages_of_the_stored_matrices) {
   const std::string docs = LAB_TESTS_DIR "/../../docs/";
   const struct {
