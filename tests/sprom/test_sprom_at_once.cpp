@@ -149,7 +149,7 @@ TEST_F(sprom_board, keeps_nobody_waiting_for_an_answer) {
     outcome run;
     std::thread asked([&] {
       run =
-          sh("rm -f go said; (until test -e go; do sleep 0.05; done; echo y; sleep 1) | timeout 60 script -qec "
+          sh("rm -f go said; (until test -e go; do sleep 0.05; done; echo y; sleep 1) | timeout 60 script -qfec "
              "'board-sim --state st -- sprom edit 1,1 --num_6=7' said");
     });
     for (int i = 0; i < 1000 && !read_file(path("said")).ends_with("[y/N] "); ++i)
