@@ -54,6 +54,7 @@ run() { # run PAGE COMMAND: a campaign and an audit are shortened
     # shellcheck disable=SC2053 # a pattern
     [[ $command != $pattern ]] || { seen[$pattern]=1 && return; }
   done
+  count=$((count + 1))
   case $command in
     *gdb* | *tools/debug*) type -P gdb >/dev/null || return 0 ;;
     *strace*) type -P strace >/dev/null || return 0 ;;
@@ -66,7 +67,6 @@ run() { # run PAGE COMMAND: a campaign and an audit are shortened
   esac
   echo "$ $command"
   bash -c "$command" >"$dir/out" 2>"$dir/err" </dev/null || status=$?
-  count=$((count + 1))
   # A fault that is found ends its run with 1, a power cut or an assertion by a signal.
   case $2 in *power-cut*) [ $status != 137 ] || status=1 ;; *bar-missing*) [ $status != 134 ] || status=1 ;; esac
   if [ $status -gt 1 ] || { [ $status = 1 ] && [[ $2 != *fault* && $2 != *post-explain* ]]; }; then
