@@ -208,6 +208,21 @@ END
   grep -qE '^host: test \([0-9]+ s, failed\)$' "$dir/said"
 }
 
+# What cannot be said is no reason to stop, nor to end otherwise.
+nobody_listens() {
+  local err deaf
+  toolchain
+  stand_in ctest <<<'sleep 1.5; echo "100% tests passed, 0 tests failed out of 2"'
+  export progress_seconds=1
+  for err in /dev/full '&-'; do
+    deaf="\"\$0\" \"\$@\" 2>$err; echo ended: \$?"
+    expect 0 'ended: 0' bash -c "$deaf" "$checkout/tools/run-post"
+    expect 0 'ended: 2' bash -c "$deaf" "$checkout/tools/run-tests" windows
+    expect 0 '2 passed, 0 failed' bash -c "$deaf" "$checkout/tools/run-tests" host
+    rm -r "$checkout/build"
+  done
+}
+
 other_versions() {
   local program
   toolchain
