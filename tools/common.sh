@@ -7,7 +7,11 @@ me=${0##*/}
 # Counting for coverage, a test that limits its files' sizes would meet complaints among what the program says.
 export GCOV_ERROR_FILE=/dev/null
 
-note() { printf '%s\n' "$*" >&2; }
+# What runs when the user interrupts may end as if nothing had been: the command ends all the same, by the signal.
+trap 'trap - INT; kill -INT $$' INT
+
+# What cannot be said is no reason to stop.
+note() { printf '%s\n' "$*" >&2 || true; }
 fail() {
   note "$me: $*"
   exit 1
@@ -114,20 +118,19 @@ commands() {
 includes() { printf '#if !__has_include(<%s>)\n#error\n#endif\n' "$1" | g++ -E -x c++ - >/dev/null 2>&1; }
 
 # makes COMPILER FLAGS... [-- ARGUMENTS...]: succeeds if the program on standard input can be built and runs.
-makes() {
-  local dir flags=() ok=1
+makes() (
+  flags=()
   while [ $# != 0 ] && [ "$1" != -- ]; do
     flags+=("$1")
     shift
   done
   [ $# = 0 ] || shift
-  dir=$(mktemp -d)
+  dir=$(mktemp -d) || exit 1
+  trap 'rm -r -- "$dir"' EXIT
   cat >"$dir/probe.cpp"
   "${flags[0]}" "$dir/probe.cpp" "${flags[@]:1}" -o "$dir/probe" >/dev/null 2>&1 &&
-    "$dir/probe" "$@" >/dev/null 2>&1 && ok=0
-  rm -r -- "$dir"
-  return $ok
-}
+    "$dir/probe" "$@" >/dev/null 2>&1
+)
 
 # For 32-bit tests. For others a library of the machine's own will do, where there are no such packages.
 has_googletest_sources() { [ -e "${GOOGLETEST_SOURCES:-/usr/src/googletest}/CMakeLists.txt" ]; }
@@ -157,6 +160,9 @@ other_version() {
 # want THING...: installs what is missing, if it can. Fails if something stays missing.
 want() {
   local thing name missing=() names=() reasons=''
+  # What is installed is tried in a folder there.
+  local folder=${TMPDIR:-/tmp}
+  { [ -d "$folder" ] && [ -w "$folder" ]; } || fail "TMPDIR=$folder is no folder that can be written"
   for thing in "$@"; do
     have "$thing" && continue
     missing+=("$thing")
@@ -203,11 +209,11 @@ install_packages() {
     sudo apt-get --version >/dev/null || { no_installing=1; return 1; }
     as_root=(sudo)
   fi
-  log=$(mktemp)
+  mkdir -p "$root/build"
+  log=$root/build/install.log
   quiet_seconds=0 step "$me: installing $* (for: $reason)" "$log" run_apt_get "$@" || status=1
   lists_are_new=1
   [ $status = 0 ] || cat "$log" >&2
-  rm -- "$log"
   [ $status != 0 ] || installed=1
   return $status
 }

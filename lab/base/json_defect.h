@@ -7,14 +7,14 @@
 
 namespace lab {
 
-// The library's words without its prefix, other exceptions' words as they are.
+// Of the library's words only the name of what is missing; other exceptions' words as they are.
 inline std::string json_defect(const std::exception &wrong) {
   if (const auto *const parse = dynamic_cast<const nlohmann::json::parse_error *>(&wrong))
     return "it is not JSON, from byte " + std::to_string(parse->byte) + " on";
-  std::string text = wrong.what();
+  const std::string text = wrong.what();
   if (dynamic_cast<const nlohmann::json::exception *>(&wrong) == nullptr) return text;
-  const auto end = text.find("] ");
-  return "it has another form: " + (end == std::string::npos ? text : text.substr(end + 2));
+  const auto key = text.find("key '");
+  return "it has another form: " + (key == std::string::npos ? "a value of another type" : text.substr(key));
 }
 
 }  // namespace lab

@@ -203,7 +203,11 @@ std::optional<std::vector<run_item>> expand(std::string_view pattern, const spac
   }
   work.kind = words.empty() ? nullptr : sim::fault_named(words[0], source.faults);
   if (work.kind == nullptr) {
-    *error = "no such fault: '" + std::string(words.empty() ? pattern : words[0]) + "' (board-sim --list-faults)";
+    std::vector<std::string_view> names;
+    for (const auto &row : source.faults)
+      names.emplace_back(row.name);
+    const auto word = words.empty() ? pattern : words[0];
+    *error = "no such fault: " + sim::quoted(word) + sim::did_you_mean(word, names) + " (board-sim --list-faults)";
     return std::nullopt;
   }
   work.base.mode = mode.value_or(facts_of(work.kind->id).mode);

@@ -144,9 +144,11 @@ std::string notes_text(const explained_file &file) {
     text += "Note: " + note + "\n";
   if (file.log == nullptr) return text;
   const auto &notes = file.log->notes;
-  for (size_t i = 0; i < std::min(notes.size(), notes_shown); ++i)
-    text += "Note: lines " + std::to_string(notes[i].first) + " to " + std::to_string(notes[i].last) + ": " +
-            notes[i].text + "\n";
+  for (size_t i = 0; i < std::min(notes.size(), notes_shown); ++i) {
+    const auto &[first, last, what] = notes[i];
+    const std::string lines = first == last ? "line " : "lines " + std::to_string(first) + " to ";
+    text += "Note: " + lines + std::to_string(last) + ": " + what + "\n";
+  }
   if (file.log->note_count > notes_shown)
     text += "Note: and " + std::to_string(file.log->note_count - notes_shown) + " more\n";
   return text;

@@ -108,6 +108,9 @@ constexpr std::string_view startup_texts[]  = {
 };
 // clang-format on
 
+// The sequencer's text of a record that it cannot write.
+constexpr std::string_view no_record_text = "Could not open file post_results.txt";
+
 // The frame that the text from `at` on begins with.
 std::optional<frame> frame_at(std::string_view text, size_t at) {
   for (const frame_form &form : forms) {
@@ -178,6 +181,7 @@ class log_parser {
   void end_row();
   void start_next_devices(size_t count);
   void add_message(std::string_view piece);
+  void lose_records_of_row();
   void outside(size_t line);
   void flush_outside();
   void note(size_t first, size_t last, std::string_view text);
@@ -355,7 +359,15 @@ void log_parser::add_message(std::string_view piece) {
   }
   device_log &device = run().devices[m_row->current];
   device.messages.add(m_line, piece, m_line_ended);
-  device.record_lost |= piece == "Could not open file post_results.txt";
+  if (!contains(piece, no_record_text)) return;
+  // With something else in its line, dots may have been missed, and whose record it was is not known.
+  if (piece != no_record_text) return lose_records_of_row();
+  device.record_lost = true;
+}
+
+void log_parser::lose_records_of_row() {
+  for (size_t index = first_case(m_row->row); index < m_row->end; ++index)
+    run().devices[index].record_lost = true;
 }
 
 void log_parser::outside(size_t line) {
@@ -398,14 +410,15 @@ bool message_list::contain(std::string_view text) const {
 }
 
 bool run_log::short_test() const {
+  bool before_ended = false;
   bool left_out = false;
-  bool later = false;
   for (size_t row = 0; row < rows.size(); ++row) {
     if (lab::rows[row].short_skips && rows[row].started) return false;
-    left_out |= lab::rows[row].short_skips;
-    later |= left_out && rows[row].started;
+    if (lab::rows[row].short_skips) left_out = before_ended;
+    if (!lab::rows[row].short_skips) before_ended = rows[row].seconds.has_value();
+    if (left_out && rows[row].started) return true;
   }
-  return later;
+  return false;
 }
 
 std::optional<size_t> run_log::stopped_at() const {

@@ -64,7 +64,8 @@ struct run_log {
   std::optional<bool> passed;                  // the verdict line
   bool completed = false;                      // "POST is completed"
 
-  // Whether the rows that the short test skips were left out while a later row was run.
+  // Whether the rows that the short test skips were left out: a later row follows the end of the one before them. A log
+  // that lost lines does not show that.
   [[nodiscard]] bool short_test() const;
   // The device within which a run stopped. Nothing if it stopped elsewhere or not at all.
   [[nodiscard]] std::optional<size_t> stopped_at() const;

@@ -206,12 +206,9 @@ exit_code add_option(int value, std::span<const std::string> fields, options_t &
       return EXIT_OK;
     default:
       if (set_of(value) != 0 && value < LONG_FIELD_NAME) return EXIT_OK;  // being given is all
-      if (value < LONG_FIELD_NAME) break;
       options.fields.emplace_back(fields[static_cast<size_t>(value - LONG_FIELD_NAME)], optarg);
       return EXIT_OK;
   }
-  (void)fputs("Try 'sprom --help' for more information.\n", stderr);  // getopt_long has printed what is wrong
-  return EXIT_USAGE;
 }
 
 exit_code run_command(const options_t &given) {
@@ -246,29 +243,36 @@ exit_code run_command(const options_t &given) {
   return command->run(options);
 }
 
-// After getopt_long has refused an option: which one may be meant.
-void suggest_option(std::string_view word, const std::vector<option> &table) {
+// What getopt_long has found wrong, a value that is missing or something else, and which option may be meant.
+exit_code refuse_option(bool no_value, std::string_view word, const std::vector<option> &table) {
+  const auto known = std::ranges::find_if(
+      table, [](const option &one) { return one.name != nullptr && optopt != 0 && one.val == optopt; });
+  if (known != table.end())
+    return complain_usage("option '--%s' %s", known->name, no_value ? "needs a value" : "takes no value");
+  if (optopt != 0)
+    return complain_usage("unknown option '%s'", shown(std::string{'-', static_cast<char>(optopt)}).c_str());
   word = word.substr(0, word.find('='));
   std::vector<std::string> options;
-  options.reserve(table.size());
-  for (const option &known : table)
-    if (known.name != nullptr) options.push_back(std::string("--") + known.name);
-  if (!word.starts_with("--") || std::ranges::find(options, word) != options.end()) return;
-  const std::string hint = did_you_mean(word, {options.begin(), options.end()});
-  if (!hint.empty()) complain("%s%s", shown(word).c_str(), hint.c_str());
+  std::string longer;
+  for (const option &one : table) {
+    if (one.name == nullptr) continue;
+    options.push_back(std::string("--") + one.name);
+    if (options.back().starts_with(word)) longer += (longer.empty() ? "" : ", ") + options.back();
+  }
+  if (!longer.empty()) return complain_usage("option '%s' can be %s", shown(word).c_str(), longer.c_str());
+  return complain_usage("unknown option '%s'%s", shown(word).c_str(),
+                        did_you_mean(word, {options.begin(), options.end()}).c_str());
 }
 
 exit_code run(int argc, char **argv) {
-  std::array program{'s', 'p', 'r', 'o', 'm', '\0'};
-  if (argc > 0) argv[0] = program.data();  // getopt_long begins its messages with it
   const long_options_t all = long_options();
   options_t options;
   for (;;) {
-    const int value = getopt_long(argc, argv, "f:F:jynvhV", all.table.data(), nullptr);
+    const int value = getopt_long(argc, argv, ":f:F:jynvhV", all.table.data(), nullptr);
     if (value < 0) break;
     if (value == 'h') return print_help(), EXIT_OK;
     if (value == 'V') return (void)printf("sprom %s\n", SPROM_TOOL_VERSION), EXIT_OK;
-    if (value == '?') suggest_option(argv[optind - 1], all.table);
+    if (value == '?' || value == ':') return refuse_option(value == ':', argv[optind - 1], all.table);
     if (const exit_code code = add_option(value, all.fields, options); code != EXIT_OK) return code;
     options.given |= set_of(value);
   }

@@ -32,6 +32,7 @@ class post_boot : public in_directory {
 };
 
 TEST_F(post_boot, ends_and_reports_as_the_board_does) {
+  const std::string lost = "stand_in tee <<'END'\necho none | /usr/bin/tee \"$1\"\nEND\n";
   // clang-format off
   const struct { const char *name, *options; std::string before;
                  int status, records; std::string verdict, result; } cases[] = {
@@ -41,6 +42,7 @@ TEST_F(post_boot, ends_and_reports_as_the_board_does) {
       {"POST ends before its verdict", "--fault pci-list-unreadable",          "true",             1, 0,  "-1", "ERROR"},
       {"the unit is stopped",          "",                                     ends_by("0"),       1, 6,  "-1", "ERROR"},
       {"only the script is stopped",   "",                                     ends_by("\\$PPID"), 1, 6,  "-1", "ERROR"},
+      {"its output is lost",           "",                                     lost,               1, 13, "-1", "ERROR"},
   };
   // clang-format on
   const std::string journal =
@@ -51,7 +53,8 @@ TEST_F(post_boot, ends_and_reports_as_the_board_does) {
     (void)sh("rm -rf ./*");
     const auto run = boot(c.options, "mkdir -p logs/earlier && ln -s earlier logs/last\n" + c.before);
     expect_run(run, c.status, Not(""), _);
-    EXPECT_EQ(run.err.find("a signal ended the test") != std::string::npos, c.before != "true") << run.err;
+    EXPECT_EQ(run.err.find("a signal ended the test") != std::string::npos, c.before.find("kill") != std::string::npos)
+        << run.err;
     EXPECT_EQ(load("run/last/output"), run.out);
     EXPECT_EQ(load("logs/last/output"), run.out);
     EXPECT_EQ(std::ranges::count(load("logs/last/result"), '\n'), c.records);
@@ -89,13 +92,26 @@ TEST_F(post_boot, runs_the_test_that_the_administrator_chose) {
   }
 }
 
-TEST_F(post_boot, refuses_other_arguments_than_its_own) {
-  for (const std::string &args : std::vector<std::string>{"-x", "-sS", "-s -s", "--full-next -s", "s", "''"}) {
+TEST_F(post_boot, runs_no_test_that_nobody_asked_for) {
+  // clang-format off
+  const std::pair<std::string, int> cases[] = {
+      {"-x", 2}, {"-sS", 2}, {"-s -s", 2}, {"--full-next -s", 2}, {"s", 2}, {"''", 2}, {"--help >/dev/full", 1}, {"--full-next", 1}};
+  // clang-format on
+  for (const auto &[args, status] : cases) {
     SCOPED_TRACE(args);
     (void)sh("rm -rf ./*");
-    expect_run(boot("", "true", args), 2, "", StartsWith("post-boot: wrong arguments: "));
+    const auto run = boot("", "mkdir -p state/full-next", args);
+    expect_run(run, status, "", StartsWith(status == 2 ? "post-boot: wrong arguments: " : "/"));
     EXPECT_FALSE(fs::exists(path("logs")));
   }
+}
+
+// The next in line of a pipe, and another user who reads the metrics.
+TEST_F(post_boot, gives_its_verdict_whoever_reads) {
+  const auto run = boot("", "umask 077; mkfifo out; head -n 1 <out >/dev/null & exec >out");
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_THAT(load("run/last/output"), EndsWith("POST is completed\n"));
+  EXPECT_EQ(sh("stat -c %a metrics/post.prom").out, "644\n");
 }
 
 // A pass of an earlier run is no answer, and a journal that took nothing has none.

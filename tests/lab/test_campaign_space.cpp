@@ -95,7 +95,7 @@ TEST(patterns, take_board_and_mode_from_themselves_then_from_the_defaults_then_f
 TEST(patterns, are_refused_with_what_is_wrong) {
   const std::pair<const char *, const char *> cases[] = {
       {"", "no such fault: ''"},
-      {"nothing line=1", "no such fault: 'nothing'"},
+      {"plan line=1", "no such fault: 'plan' (did you mean 'plain'?) (board-sim --list-faults)"},
       {"plain line=1", "no such parameter: line=1"},
       {"cell offset", "no such parameter: offset"},
       {"cell offset=5..1", "bad value: offset=5..1"},

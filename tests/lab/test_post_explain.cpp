@@ -124,6 +124,9 @@ TEST_F(post_explain, guesses_nothing_from_damaged_and_foreign_logs) {
     save("log", log);
     EXPECT_EQ(headlines("log"), text);
   }
+  save("log", "one\ntwo");
+  EXPECT_THAT(sh("post-explain log").out, EndsWith("\nNote: line 2: the log stops within this line\n"
+                                                   "Note: lines 1 to 2: of no run\n"));
 }
 
 TEST_F(post_explain, reads_records_beside_the_log_or_alone) {

@@ -99,6 +99,13 @@ machine_that_cannot() {
     expect 1 'apt-get install g++ cmake ninja-build nlohmann-json3-dev libcli11-dev (' "$checkout/tools/$tool"
   done
   expect 77 'nothing is checked' "$checkout/tools/check-packages"
+  TMPDIR=$dir/none expect 1 "TMPDIR=$dir/none is no folder that can be written" "$checkout/tools/run-post"
+  # A signal to what tries whether the compiler works.
+  stand_in g++ <<<'[[ " $* " != *" -o "* ]] || { kill "$PPID"; sleep 0.2; }'
+  mkdir "$dir/tmp"
+  TMPDIR=$dir/tmp expect 1 'something is missing' "$checkout/tools/run-post"
+  [ -z "$(ls "$dir/tmp")" ]
+  rm "$dir/bin/g++"
   stand_in uname <<<'echo Linux aarch64'
   expect 1 'POST runs on x86 Linux only; this is Linux aarch64.' "$checkout/tools/run-post"
 }
@@ -206,6 +213,30 @@ END
   stand_in ctest <<<'exit 1'
   expect 1 'host: test (' "$checkout/tools/run-tests" host
   grep -qE '^host: test \([0-9]+ s, failed\)$' "$dir/said"
+}
+
+# An interruption ends the command, also if what runs takes it for its own and goes on.
+interrupted() {
+  [ -z "$(trap -p INT)" ] || return 0 # ignored here
+  toolchain
+  stand_in ctest <<<'kill -INT $PPID; sleep 0.2; echo "100% tests passed, 0 tests failed out of 2"'
+  expect 130 'host: test' "$checkout/tools/run-tests" host
+  never said passed
+}
+
+# What cannot be said is no reason to stop, nor to end otherwise.
+nobody_listens() {
+  local err deaf
+  toolchain
+  stand_in ctest <<<'sleep 1.5; echo "100% tests passed, 0 tests failed out of 2"'
+  export progress_seconds=1
+  for err in /dev/full '&-'; do
+    deaf="\"\$0\" \"\$@\" 2>$err; echo ended: \$?"
+    expect 0 'ended: 0' bash -c "$deaf" "$checkout/tools/run-post"
+    expect 0 'ended: 2' bash -c "$deaf" "$checkout/tools/run-tests" windows
+    expect 0 '2 passed, 0 failed' bash -c "$deaf" "$checkout/tools/run-tests" host
+    rm -r "$checkout/build"
+  done
 }
 
 other_versions() {
