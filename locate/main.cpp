@@ -134,7 +134,10 @@ int parse_and_run(int argc, char **argv) try {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError &stop) {
-    if (stop.get_exit_code() == 0) return app.exit(stop);
+    if (stop.get_exit_code() == 0) {
+      (void)app.exit(stop);
+      return std::cout << std::flush ? EXIT_NOTHING : complain(os_error("standard output"));
+    }
     return complain(sim::defect_of(app, stop) + "\nTry 'post-locate --help' for more information.");
   }
   return run(std::move(chosen));

@@ -25,7 +25,7 @@ struct option_row {
 
 bool take_path(std::string_view text, std::string *path) {
   *path = text;
-  return !text.empty() && text.find('\n') == std::string_view::npos;
+  return !text.empty() && text != "--" && text.find('\n') == std::string_view::npos;
 }
 
 struct family_row {

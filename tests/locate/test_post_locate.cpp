@@ -55,6 +55,7 @@ TEST_F(post_locate, reports_each_kind_of_result) {
        "nvram2: faulty, 2881551 accesses\n  32 cells of NVRAM 2 fail, all in bit 3 of their words: a line is bad at "
        "times, or the chip is.\n"},
       {"", "--names /missing", 2, ""},
+      {"", "--help >/dev/full", 2, ""},
       {"", "nvram3", 2, ""},
   };
   for (const auto &[fault, arguments, status, out] : cases) {

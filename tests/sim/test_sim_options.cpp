@@ -90,6 +90,7 @@ TEST(sim_options, tell_what_is_wrong) {
       {{"--revision", "P2"},        "bad value 'P2' of option '--revision', allowed is P0|P1"},
       {{"--change-bits", "0x10000000000000000"}, "bad value '0x10000000000000000' of option '--change-bits', allowed is a number of at most 64 bits"},
       {{"--family=velto"},          "bad value 'velto' of option '--family', allowed is dorvan|pellin|tosk"},
+      {{"--cut-audit", "--", "-s"}, "bad value '--' of option '--cut-audit', allowed is a path without line ends"},
       {{"--state", "a\nb"},         "bad value 'a\nb' of option '--state', allowed is a path without line ends"},
       {{"--estimate", "--", "cat"}, "--estimate knows only the times of post"},
       {{"--real-times=1"},          "option '--real-times' takes no value"},

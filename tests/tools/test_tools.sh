@@ -181,6 +181,7 @@ headers_come_later() {
   expect 1 'Type, as root: apt-get install nlohmann-json3-dev libcli11-dev' "$checkout/tools/run-campaign"
   expect 1 'post-results is not built. For sprom, post-locate and the lab programs type, as root: apt-get install nlohmann' \
     "$checkout/tools/run" post-results
+  expect 1 'post-locate is not built.' "$checkout/tools/run" board-sim --card 11096 -- post-locate pci
   : >"$dir/json"
   expect 0 'post-results in ' "$checkout/tools/run" post-results
   rm -r "$dir/json" "$checkout/build"
