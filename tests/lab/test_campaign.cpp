@@ -126,6 +126,11 @@ TEST_F(campaign, ends_its_runs_with_itself_and_says_how_to_go_on) {
               ContainsRegex("interrupted; go on with: post-campaign --resume .*here.? --from long -j 1 --limit 900\n"));
   EXPECT_TRUE(exists("here/plan.json"));
   EXPECT_EQ(sh("grep -l 'here/run-[2]' /proc/[0-9]*/cmdline").out, "") << "a run outlives its campaign";
+  // The signal comes while the accesses of a healthy run are counted.
+  EXPECT_EQ(sh("post-campaign --set transients --work count & until [ -e count/occasions ]; do :; done\n"
+               "kill -TERM $!; wait $!; echo $?")
+                .out,
+            "143\n");
 }
 
 TEST_F(campaign, ends_a_run_that_takes_longer_than_its_limit) {
