@@ -6,8 +6,10 @@
 
 #include <array>
 #include <cerrno>
+#include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <system_error>
 
 #include "locate/finding.h"
 #include "platform/mfgd/cmn_lib/diag_util/owner.h"
@@ -16,6 +18,20 @@ namespace locate {
 namespace {
 
 constexpr size_t line_bytes = sizeof "1FFE ABCD";
+
+// A line is as keep() writes it. Anything else, such as zeros that a disk has in place of lines, may hide words.
+std::optional<kept_word> word_in(std::string_view line) {
+  const auto number = [line](size_t first) {
+    uint16_t value = 0;
+    const auto *const begin = line.data() + first;
+    const auto [end, wrong] = std::from_chars(begin, begin + 4, value, 16);
+    return wrong == std::errc{} && end == begin + 4 ? std::optional(value) : std::nullopt;
+  };
+  const auto offset = number(0);
+  const auto word = number(5);
+  if (!offset || *offset % 2 != 0 || !word || line[4] != ' ' || line[9] != '\n') return std::nullopt;
+  return kept_word{*offset, *word};
+}
 
 // A file that is new, or gone, stays so.
 void sync_directory(const std::string &path) {
@@ -76,21 +92,17 @@ std::optional<std::vector<kept_word>> journal::left() const {
   errno = 0;
   const file_ptr file(fopen(m_path.c_str(), "re"));
   if (!file) return errno == ENOENT || errno == ENOTDIR ? std::optional(words) : std::nullopt;
-  std::array<char, line_bytes + 1> line{};
-  while (fgets(line.data(), line.size(), file.get()) != nullptr) {
-    const std::string_view text = line.data();
-    const bool whole = text.ends_with('\n');
-    // The last line may be torn; what it describes was not done then.
-    if (!whole && text.size() < line_bytes) break;
-    unsigned offset = 0;
-    unsigned word = 0;
-    const int found = std::sscanf(line.data(), "%4X %4X", &offset, &word);
-    if (!whole || text.size() != line_bytes || found != 2) {
+  std::array<char, line_bytes> line{};
+  size_t length = 0;
+  while ((length = fread(line.data(), 1, line.size(), file.get())) == line.size()) {
+    const auto word = word_in({line.data(), length});
+    if (!word) {
       errno = EBADMSG;
       return std::nullopt;
     }
-    words.push_back({offset, static_cast<uint16_t>(word)});
+    words.push_back(*word);
   }
+  // The last line may be torn; what it describes was not done then.
   return std::ferror(file.get()) == 0 ? std::optional(words) : std::nullopt;
 }
 

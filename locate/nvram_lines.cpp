@@ -305,15 +305,36 @@ class line_probe {
       report_intermittent(fits, rounds);
   }
 
-  // The line faults that may act in some accesses only and would give these answers, without unlikely ones.
+  // Whether a word is wrong in nearly every round, and one that the fault can spoil as well in hardly any: what comes
+  // and goes hits all alike, unless it acts all the time.
+  [[nodiscard]] bool is_uneven(const single_line_fault &fault, std::span<const round_answers> rounds) const {
+    bool often = false;
+    bool seldom = false;
+    for (size_t k = 0; k <= m_lines; ++k) {
+      const auto wrong = static_cast<size_t>(std::ranges::count_if(rounds, [k](const round_answers &one) {
+        return std::ranges::find(one.wrong, place(k), &wrong_answer::offset) != one.wrong.end();
+      }));
+      often |= 10 * wrong >= 9 * rounds.size();
+      seldom |= 10 * wrong <= rounds.size() && fault.bad.pass(place(k)) != place(k);
+    }
+    return often && seldom &&
+           std::ranges::none_of(rounds, [&](const auto &one) { return models::gives(&fault, one.log); });
+  }
+
+  // The line faults that may act in some accesses only and would give these answers, without unlikely ones. Two answers
+  // that an address fault does not explain, but another fault beside it would, are too many.
   [[nodiscard]] fault_list possible(std::span<const round_answers> rounds) const {
+    constexpr size_t too_many = 2;
     const auto log = joined_log(rounds);
     // An answer that must be former contents could have been anything else.
     const double by_chance = std::log(0x1p-16);
     std::vector<std::pair<double, const single_line_fault *>> likely;
-    for (const auto &fault : m_faults)
-      if (const auto former = models::may_give(fault, log))
-        likely.emplace_back(likelihood(fault, rounds, m_lines + 1) + static_cast<double>(*former) * by_chance, &fault);
+    for (const auto &fault : m_faults) {
+      const auto former = models::may_give(fault, log);
+      if (!former || (fault.address && (former->doubtful >= too_many || is_uneven(fault, rounds)))) continue;
+      likely.emplace_back(likelihood(fault, rounds, m_lines + 1) + static_cast<double>(former->count) * by_chance,
+                          &fault);
+    }
     fault_list fits;
     for (const auto &[of_it, fault] : likely)
       if (of_it >= std::ranges::max_element(likely)->first + std::log(least_likely)) fits.push_back(fault);
@@ -391,13 +412,14 @@ class line_probe {
 
   // No line is named. A cell is left to the cells' test, if there is one.
   void report_any(std::span<const round_answers> rounds, finding what) {
-    add_changed({}, &what);
-    if (m_cell == nullptr || !is_one_cell(rounds)) return add_finding(std::move(what), m_result);
+    const bool one_cell = is_one_cell(rounds);
+    add_changed({}, &what, one_cell);
+    if (m_cell == nullptr || !one_cell) return add_finding(std::move(what), m_result);
     *m_cell = {of_one_bit(rounds)[0].offset, std::move(what)};
   }
 
-  // Which words the accesses may have reached, and so changed.
-  void add_changed(const fault_list &fits, finding *what) const {
+  // Which words the accesses may have reached, and so changed. Where no line is named, an address line may be bad.
+  void add_changed(const fault_list &fits, finding *what, bool named = true) const {
     std::vector<uint32_t> places;
     for (size_t k = 0; k <= m_lines; ++k) {
       places.push_back(place(k));
@@ -409,7 +431,8 @@ class line_probe {
     std::string list;
     for (const auto at : places)
       list += (list.empty() ? "" : " ") + hex(at);
-    what->evidence.push_back("these words may have changed: " + list);
+    what->evidence.push_back("these words may have changed" +
+                             std::string(named ? "" : ", or any others if an address line is bad") + ": " + list);
   }
 
   // Writes each word until it reads back, backwards as after each round. A word that does not is an answer of the last

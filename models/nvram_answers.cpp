@@ -1,6 +1,7 @@
 #include "models/nvram_answers.h"
 
 #include <algorithm>
+#include <bit>
 #include <map>
 #include <set>
 
@@ -22,6 +23,8 @@ class possible_words {
   explicit possible_words(const single_line_fault &fault) : m_fault(fault) {}
 
   void write(uint32_t offset, uint16_t word) {
+    m_written[offset] = word;
+    if (!m_own.contains(word)) m_tags.insert(word);
     const auto other = place_of(&m_fault, offset);
     if (other == offset) {
       m_words[offset] = {{word, wrong(word)}, true};
@@ -45,9 +48,14 @@ class possible_words {
     }
     here.doubtful = true;
     m_former.insert(answer);
+    const auto written = m_written.find(offset);
+    if (written == m_written.end())
+      m_own.insert(answer);
+    else if (std::popcount(static_cast<uint16_t>(written->second ^ answer)) <= few_bits || m_tags.contains(answer))
+      m_doubtful.insert(answer);
     return true;
   }
-  [[nodiscard]] size_t former() const { return m_former.size(); }
+  [[nodiscard]] former_answers former() const { return {m_former.size(), m_doubtful.size()}; }
 
  private:
   struct held {
@@ -68,9 +76,15 @@ class possible_words {
     return static_cast<uint16_t>(m_fault.bad.pass(word, ~uint32_t{word}));
   }
 
+  static constexpr int few_bits = 2;
+
   const single_line_fault &m_fault;
   std::map<uint32_t, held> m_words;
+  std::map<uint32_t, uint16_t> m_written;  // last, at each offset
+  std::set<uint16_t> m_own;                // what was read before anything was written there
+  std::set<uint16_t> m_tags;               // what was written but such words
   std::set<uint16_t> m_former;
+  std::set<uint16_t> m_doubtful;
 };
 
 }  // namespace
@@ -94,7 +108,7 @@ bool gives(const single_line_fault *fault, std::span<const nvram_access> log) {
   return true;
 }
 
-std::optional<size_t> may_give(const single_line_fault &fault, std::span<const nvram_access> log) {
+std::optional<former_answers> may_give(const single_line_fault &fault, std::span<const nvram_access> log) {
   possible_words words(fault);
   for (const auto &one : log) {
     if (one.write)

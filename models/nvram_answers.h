@@ -22,9 +22,15 @@ struct nvram_access {
 // memory.
 [[nodiscard]] bool gives(const single_line_fault *fault, std::span<const nvram_access> log);
 
-// The same of a fault that may act in any of the accesses: how many unlike answers must be former contents, or nothing
-// if it does not give these answers. Believes too much rather than too little.
-[[nodiscard]] std::optional<size_t> may_give(const single_line_fault &fault, std::span<const nvram_access> log);
+// Unlike answers that must be former contents.
+struct former_answers {
+  size_t count = 0;
+  size_t doubtful = 0;  // answers that nearly are what was written there, or are what was written elsewhere
+};
+
+// The same of a fault that may act in any of the accesses; nothing if it does not give these answers. Believes too much
+// rather than too little.
+[[nodiscard]] std::optional<former_answers> may_give(const single_line_fault &fault, std::span<const nvram_access> log);
 
 // Whether a memory with this bad cell gives these answers, for some levels that the fault's cells had before. The first
 // access to each word is a write.

@@ -140,23 +140,25 @@ std::vector<repeated_fault> rates(const matrix &all) {
 }
 
 std::vector<std::string> changes_since(const matrix &former, const matrix &now) {
-  std::map<std::string, const run_result *> before;
+  std::multimap<std::string, const run_result *> before;  // somebody may ask for a fault twice
   for (const auto &run : former.runs)
     before.emplace(run.what.key(), &run);
   const bool same_space = former.space == now.space && !former.part && !now.part;
   std::vector<std::string> changes;
   for (const auto &run : now.runs) {
-    const auto found = before.find(run.what.key());
-    if (found == before.end()) {
+    const auto [found, end] = before.equal_range(run.what.key());
+    if (found == end) {
       if (same_space) changes.push_back(run.what.key() + ": new, " + told(run));
       continue;
     }
     compare(*found->second, run, &changes);
     before.erase(found);
   }
+  std::set<const run_result *> left;
+  for (const auto &[key, run] : before)
+    left.insert(run);
   for (const auto &run : former.runs)
-    if (same_space && before.contains(run.what.key()))
-      changes.push_back(run.what.key() + ": not run, was " + told(run));
+    if (same_space && left.contains(&run)) changes.push_back(run.what.key() + ": not run, was " + told(run));
   return changes;
 }
 

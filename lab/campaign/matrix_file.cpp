@@ -71,11 +71,19 @@ ordered_json to_json(const run_result &run, bool times) {
 
 // ---- reading: a matrix may come from anywhere
 
+// Those of ASCII, and U+0080 to U+009F, which some terminals obey as well.
+bool has_control(std::string_view text) {
+  const auto is_control = [](char c) { return (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7F; };
+  const auto is_second = [](char first, char second) {
+    return first == '\xC2' && static_cast<unsigned char>(second) < 0xA0;
+  };
+  return std::ranges::any_of(text, is_control) || std::ranges::adjacent_find(text, is_second) != text.end();
+}
+
 // A text of the object; not one that a terminal or a page could take for more.
 std::string text_in(const ordered_json &value, const char *key) {
   auto text = value.at(key).get<std::string>();
-  const auto is_control = [](char c) { return (static_cast<unsigned char>(c) < 0x20 && c != '\t') || c == 0x7F; };
-  if (std::ranges::any_of(text, is_control)) throw std::invalid_argument(std::string(key) + " has a control character");
+  if (has_control(text)) throw std::invalid_argument(std::string(key) + " has a control character");
   return text;
 }
 

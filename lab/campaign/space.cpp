@@ -32,11 +32,11 @@ std::string number_text(uint64_t number, bool hexadecimal) {
   return {text, end.ptr};
 }
 
-// More values than anybody can run.
+// More values of a parameter, and more runs of a pattern, than anybody can run.
 constexpr uint64_t most_values = 1'000'000;
 
-// "LOW..HIGH" or "LOW..HIGH/STEP".
-bool take_range(std::string_view piece, std::vector<std::string> *values) {
+// "LOW..HIGH" or "LOW..HIGH/STEP". The board says what it allows of a range that goes beyond the parameter's.
+bool take_range(std::string_view piece, const parm_row &parameter, std::vector<std::string> *values) {
   const auto dots = piece.find("..");
   if (dots == std::string_view::npos) return false;
   const auto slash = std::min(piece.find('/', dots), piece.size());
@@ -45,8 +45,12 @@ bool take_range(std::string_view piece, std::vector<std::string> *values) {
   const auto step = slash == piece.size() ? std::optional<uint64_t>(1) : parse_c_number(piece.substr(slash + 1));
   if (!low || !high || !step || *step == 0 || *low > *high || *high - *low > most_values) return false;
   const bool hexadecimal = piece.starts_with("0x");
-  for (uint64_t number = *low; number <= *high; number += *step)
-    values->push_back(number_text(number, hexadecimal));
+  if (*high > parameter.highest()) {
+    values->push_back(number_text(*high, hexadecimal));
+    return true;
+  }
+  for (uint64_t turn = 0; turn <= (*high - *low) / *step; ++turn)
+    values->push_back(number_text(*low + turn * *step, hexadecimal));
   return true;
 }
 
@@ -76,7 +80,7 @@ std::optional<std::vector<std::string>> values_of(std::string_view pattern, cons
     if (piece.starts_with('*')) {
       if (!take_all(piece, parameter, fault, &values)) return std::nullopt;
     } else if (piece.find("..") != std::string_view::npos) {
-      if (!take_range(piece, &values)) return std::nullopt;
+      if (!take_range(piece, parameter, &values)) return std::nullopt;
     } else if (piece.find('*') != std::string_view::npos) {
       return std::nullopt;
     } else {
@@ -100,6 +104,7 @@ void expand_functions(size_t word, const std::string &fault, expansion *work) {
 void expand_from(size_t word, const std::string &fault, expansion *work) {
   if (!work->error.empty()) return;
   if (word == work->words.size()) {
+    if (work->runs.size() == most_values) work->error = "more than " + std::to_string(most_values) + " runs";
     work->runs.push_back(work->base);
     work->runs.back().fault = fault;
     return;

@@ -176,21 +176,17 @@ std::string_view last_word(std::string_view text) {
   return start == std::string_view::npos ? text : text.substr(start + 1);
 }
 
-void add_sub_tests(const row_lines &lines, const std::string &port, finding *found) {
-  found->part = port.empty() ? lines.part : "eth" + port;
-  for (const auto &line : found->evidence) {
-    const auto *const test = std::ranges::find_if(
-        sub_tests, [&](const sub_test &one) { return line.text.find(one.text) != std::string::npos; });
-    const auto code = std::string(last_word(line.text));
-    if (test == std::end(sub_tests) || code == "0") continue;
-    const std::string key(test->key);
-    found->what += (found->what.empty() ? "" : ", ") + key + " sub-test failed (" + code + ")";
-    auto group = group_of("ethtool-fail port=" + found->part + " test=" + key + " code=" + code);
-    group.where = found->part;
-    group.how = "its " + key + " sub-test fails";
-    found->faults.push_back(std::move(group));
-  }
-  if (found->what.empty()) found->what = "ethtool reports FAIL and shows no sub-test";
+void add_sub_test(const std::string &line, finding *found) {
+  const auto *const test =
+      std::ranges::find_if(sub_tests, [&](const sub_test &one) { return line.find(one.text) != std::string::npos; });
+  const auto code = std::string(last_word(line));
+  if (test == std::end(sub_tests) || code == "0") return;
+  const std::string key(test->key);
+  found->what += (found->what.empty() ? "" : ", ") + key + " sub-test failed (" + code + ")";
+  auto group = group_of("ethtool-fail port=" + found->part + " test=" + key + " code=" + code);
+  group.where = found->part;
+  group.how = "its " + key + " sub-test fails";
+  found->faults.push_back(std::move(group));
 }
 
 // ---- PCIe
@@ -270,16 +266,22 @@ std::vector<finding> explain_seeprom(row_lines *lines) {
   return findings;
 }
 
+// Lines of other programs may be between those of ethtool.
 std::vector<finding> explain_gige(row_lines *lines) {
+  constexpr std::string_view of_ethtool[] = {"The test result is ", "The test extra info", "(offline)", "(on/offline)"};
   finding found;
-  std::optional<std::string> port;
   for (size_t line = 0; line < lines->count(); ++line) {
-    const auto fields = find_text("ethtool -t eth{n}", lines->text(line));
-    if (fields && !port) port = fields->at("n");
-    if (port) take_line(lines, line, &found);
+    const auto &text = lines->text(line);
+    const auto fields = find_text("ethtool -t eth{n}", text);
+    const bool starts = fields && found.part.empty();
+    if (starts) found.part = "eth" + fields->at("n");
+    const auto is_in_it = [&](std::string_view part) { return text.find(part) != std::string::npos; };
+    if (!starts && (found.part.empty() || std::ranges::none_of(of_ethtool, is_in_it))) continue;
+    take_line(lines, line, &found);
+    add_sub_test(text, &found);
   }
-  if (!port) return {};
-  add_sub_tests(*lines, *port, &found);
+  if (found.part.empty()) return {};
+  if (found.what.empty()) found.what = "ethtool reports FAIL and shows no sub-test";
   return {std::move(found)};
 }
 

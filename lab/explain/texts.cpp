@@ -73,7 +73,7 @@ constexpr std::array table{std::to_array<text_row>({
                 "lock-dir-read-only", "Mount a file system there that can be written."},
     {"",        "ERROR {op}(): error creating lock: {path}",        none,      "",
                 "/var/lock", "the lock {path} cannot be made",
-                "lock-dir-missing; lock-dir-read-only", "Look at the directory and its rights."},
+                "?lock-dir-missing; ?lock-dir-read-only", "Look at the directory and its rights."},
     {"",        "Lock not initialized.  Fatal error, exitting",     none,      "",
                 "the program", "used a lock that was never made", "", "This is a fault of the program: keep the whole log."},
     {"",        "ERROR {op}(): lock_req( m_lock, {a}, {b}) failed: OS Error: errno: {n}", none, "",

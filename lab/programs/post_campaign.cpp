@@ -146,7 +146,10 @@ std::string list_runs(const lab::campaign &all) {
 std::optional<lab::matrix> run_campaign(const options &opts, std::string *error) {
   lab::campaign all(opts.campaign, stop_pipe[0]);
   *error = all.prepare();
-  if (!error->empty()) return std::nullopt;
+  if (!error->empty()) {
+    if (stop_signal != 0) error->clear();  // what the signal ended has not failed
+    return std::nullopt;
+  }
   if (opts.list) {
     *error = list_runs(all);
     return error->empty() ? std::optional(lab::matrix{}) : std::nullopt;

@@ -126,6 +126,11 @@ TEST_F(campaign, ends_its_runs_with_itself_and_says_how_to_go_on) {
               ContainsRegex("interrupted; go on with: post-campaign --resume .*here.? --from long -j 1 --limit 900\n"));
   EXPECT_TRUE(exists("here/plan.json"));
   EXPECT_EQ(sh("grep -l 'here/run-[2]' /proc/[0-9]*/cmdline").out, "") << "a run outlives its campaign";
+  // The signal comes while the accesses of a healthy run are counted.
+  EXPECT_EQ(sh("post-campaign --set transients --work count & until [ -e count/occasions ]; do :; done\n"
+               "kill -TERM $!; wait $!; echo $?")
+                .out,
+            "143\n");
 }
 
 TEST_F(campaign, ends_a_run_that_takes_longer_than_its_limit) {
@@ -190,13 +195,13 @@ TEST_F(campaign, ends_with_its_status_and_says_why) {
       {"--read good.json --expect bad.json",    2, "bad.json: "},
       {"--read good.json --html no/such/file",  2, "no/such/file: No such file or directory"},
       {"--list >/dev/full",                     2, "standard output: No space left on device"},
-      {"--read good.json >/dev/full",           2, "standard output: No space left on device"},
+      {"--read good.json <&- >&-",              2, "standard output: Bad file descriptor"},
       {"--read good.json --json - >/dev/full",  2, "standard output: No space left on device"},
       {"--from no-such-file",                   2, "no-such-file: No such file or directory"},
       {"--from bad",                            2, "no such fault: 'nothing'"},
       {"--from /dev/null",                      2, "/dev/null: no faults"},
       {"--fault 'flash-silent p=0.01'",         2, "bad value in 'p=0.01', allowed is 1..1000000"},
-      {"--fault nvram-data-stuck",              2, "parameter 'instance' is missing"},
+      {"--fault 'nvram-data-stuck instance=0xFFFFFFFFFFFFFFFE..0xFFFFFFFFFFFFFFFF line=0 level=0'", 2, "allowed is 0..2"},
       {"--resume no-such-directory",            2, "no-such-directory: No such file or directory"},
       {"--resume full",                         2, "full/plan.json: No such file or directory"},
       {"--work full --fault sprom-refuse",      2, "full: the directory is not empty"},

@@ -104,6 +104,7 @@ TEST(patterns, are_refused_with_what_is_wrong) {
       {"cell offset=**", "bad value"},
       {"cell offset=1*", "bad value"},
       {"cell offset=0..0xFFFFFFFFFFFFFFFF", "bad value"},
+      {"huge offset=0..999999,0..9", "more than 1000000 runs"},
       {"short other=*>line", "bad value: other=*>line"},
       {"huge offset=*", "bad value"},
       {"--card=70000 plain", "bad option --card=70000"},

@@ -209,6 +209,7 @@ TEST(explain_models, never_name_less_from_a_log_that_was_cut) {
       run_with("11062", {"sprom-corrupt image=bp block=wwn offset=1", "pci-missing bus=0x2A dev=0 func=0"}),
       run_with("11062", {"i2c-absent bus=1 addr=0x52"}),
       run_with("11061", {"ethtool-missing"}),
+      run_with("11061", {"lock-dir-missing"}),
       run_board(state.path(), {"--revision", "P0", "--fault", "i2c-fail bus=1 addr=0x52", "--", "-s"}).out,
       run_with("11062", {"mem-mmap-refused errno=12 nth=2"}),
       edited(full_log, {{"OBFL Test: \n.",
@@ -238,6 +239,20 @@ TEST(explain_models, never_name_less_from_a_log_that_was_cut) {
         }
       for (const auto &[device, fault] : examples_of(part))
         ASSERT_LE(is_sure(part, fault), is_sure(all, fault)) << fault << "\n" << text.substr(0, length);
+    }
+  }
+}
+
+// Nor from one without any of its lines.
+TEST(explain_models, list_the_fault_where_a_line_is_lost) {
+  for (const std::string fault : {"ethtool-silent", "mem-mmap-refused errno=12 nth=3"}) {
+    const auto lines = lines_of(run_with("11062", {fault}));
+    for (size_t lost = 0; lost < lines.size(); ++lost) {
+      std::string text;
+      for (size_t i = 0; i < lines.size(); ++i)
+        if (i != lost) text += lines[i] + "\n";
+      const auto what = explain(text);
+      EXPECT_TRUE(examples_of(what).empty() || lists(what, fault, true)) << lines[lost] << "\n" << what.in_short();
     }
   }
 }

@@ -88,6 +88,10 @@ TEST_F(post_explain, guesses_nothing_from_damaged_and_foreign_logs) {
   const std::array<std::string, 3> cases[] = {
       {"as it is",           with(mismatch + failure), "failed\n" + cell},
       {"kernel's lines in it", with(mismatch + "[ 12.3] eth0: link up\n" + failure), "failed\n" + cell + "unknown: 1\n"},
+      {"kernel's lines in ethtool's", edited(full_log,
+        {{"GigE Port Test: \n.", "GigE Port Test: \n.ethtool -t eth0\nThe test result is FAIL\n[ 1.2] eth0: link up\n"
+          "Loopback test  (offline)\t 1\n\n ERROR: Executing 5 on dev 0\n"}, {"Completed Successfully", "Failed"}}),
+       "failed\neth0: loopback sub-test failed (1)\nunknown: 1\n"},
       {"two runs",           with(mismatch + failure) + "login:\n" + full_log, "failed\n" + cell + "passed\n"},
       {"cut after the mismatch", through(with(mismatch + failure), mismatch),
        "did not come to its end\nNVRAM: wrote 0x091c at 0x1236, read 0x0918: cell 0x1236 bit 2; if it comes and goes, also data "

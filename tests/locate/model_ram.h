@@ -1,6 +1,9 @@
 // model_ram.h: an NVRAM of the models on a bus, with its contents as they were and are.
 #pragma once
 
+#include <list>
+#include <sstream>
+
 #include "faults/fault.h"
 #include "locate/device.h"
 #include "models/nvram.h"
@@ -9,9 +12,9 @@
 class model_ram : public locate::word_bus {
  public:
   // Noise, or one of the contents in which much is alike.
-  //   fault  as it is asked for; "" for none
+  //   asked  faults, with ';' between them; "" for none
   //   bytes  of the memory, a power of two
-  model_ram(const std::string &fault, unsigned seed, uint32_t bytes = 0x8000)
+  model_ram(const std::string &asked, unsigned seed, uint32_t bytes = 0x8000)
       : m_tags(seed % 8 == 2), m_bytes(bytes, seed % 8 == 1 ? 0 : 0xFF) {
     std::mt19937 random(seed);
     for (uint32_t i = 0; m_tags && i < bytes; ++i)
@@ -19,10 +22,13 @@ class model_ram : public locate::word_bus {
     if (seed % 8 > 2) std::ranges::generate(m_bytes, [&] { return static_cast<uint8_t>(random()); });
     m_before = m_bytes;
     std::string error;
-    if (!fault.empty()) m_asked = sim::fault_parse(fault, &error);
-    EXPECT_EQ(error, "");
     std::vector<models::chip_fault> faults;
-    if (m_asked) faults.push_back(models::chip_fault_of(*m_asked));
+    std::istringstream list(asked);
+    for (std::string fault; std::getline(list, fault, ';');) {
+      m_asked.push_back(sim::fault_parse(fault, &error));
+      EXPECT_EQ(error, "");
+      if (m_asked.back()) faults.push_back(models::chip_fault_of(*m_asked.back()));
+    }
     m_ram = models::nvram(models::memory(m_bytes), faults);
   }
 
@@ -51,7 +57,7 @@ class model_ram : public locate::word_bus {
   bool m_tags;  // every word is the first tag of the lines' probe
   std::vector<uint8_t> m_bytes;
   std::vector<uint8_t> m_before;
-  std::optional<sim::fault> m_asked;
+  std::list<std::optional<sim::fault>> m_asked;
   models::nvram m_ram;
   uint64_t m_accesses = 0;
 };

@@ -109,6 +109,29 @@ TEST(locate_lines, leaves_only_cells_to_the_test_of_cells) {
   }
 }
 
+// Of two faults of lines, what is named has a line of one of them. LOCATE_PAIRS=N draws N pairs.
+TEST(locate_lines, names_no_third_line_where_two_are_bad) {
+  const auto lines = models::line_faults(models::memory_kind::nvram, 1, 14);
+  std::mt19937 random(static_cast<unsigned>(number_from("LOCATE_SEED", 1)));
+  const auto draw = [&] { return models::notation(lines[random() % lines.size()].fault); };
+  // "nvram-addr-", and a line of the fault
+  const auto has_line_of = [](const std::string &fault) {
+    const auto parsed = sim::parse_fault_text(fault);
+    return AllOf(StartsWith(fault.substr(0, 11)),
+                 ContainsRegex(" (line|other)=(" + std::to_string(parsed.number("line")) + "|" +
+                               std::to_string(parsed.number("other", parsed.number("line"))) + ")( |$)"));
+  };
+  for (unsigned i = 0; i < number_from("LOCATE_PAIRS", 150); ++i) {
+    const auto lasts = draw();
+    const auto acts = draw();
+    const auto when = " nth=" + std::to_string(1 + random() % 20) + " times=" + std::to_string(1 + random() % 10);
+    model_ram ram(lasts + ";" + acts + when, i);
+    for (const auto &what : measure(&ram, 0, i % 2 == 0 ? 1 : 16).findings)
+      EXPECT_THAT(what.candidates, AnyOf(IsEmpty(), Contains(AnyOf(has_line_of(lasts), has_line_of(acts)))))
+          << what.sentence << lasts << ";" << acts << when;
+  }
+}
+
 TEST(locate_lines, names_what_no_line_does) {
   struct unknown_case {
     const char *fault;

@@ -79,7 +79,7 @@ TEST_F(post_locate, keeps_a_journal_until_its_words_read_back) {
       {"0002 0008\n", "nvram-data-stuck instance=1 line=3 level=0", 2, " that do not read back: 1 of 1; "},
       {"0002 0008\n8000 0001\n", "", 2, "/nvram1.journal that do not read back: 1 of 2; "},
       {"0002 0008\nx\n0004 0001\n", "", 2, "nvram1: the journal cannot be read: /var/lib/post"},
-      {"0002 00080\n", "", 2, "nvram1: the journal cannot be read: "},
+      {std::string("0002 0008\n\0\0\0\0\0\0\0\0\0\n", 20), "", 2, "nvram1: the journal cannot be read: "},
       {"0002 0008\n", "lock-held lock=nvram1 kind=write ms=60000", 2,
        "nvram1: words in its journal may not be restored yet: The lock RTC_NVRAM1-write is held by p"},
   };
