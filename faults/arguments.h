@@ -1,6 +1,9 @@
-// arguments.h: what is wrong with the arguments of a program, in this project's words where the library's are made for
-// programmers.
+// arguments.h: how a program of a board or of the lab begins: its standard streams, and what is wrong with its
+// arguments, in this project's words where the library's are made for programmers.
 #pragma once
+
+#include <fcntl.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <string>
@@ -10,6 +13,14 @@
 #include "faults/text.h"
 
 namespace sim {
+
+// Devices, files and pipes must not get the numbers of standard streams that are closed.
+inline void open_standard_streams() {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(stream, F_GETFD) >= 0) continue;
+    (void)open("/dev/null", stream == STDERR_FILENO ? O_WRONLY : O_RDONLY);  // the lowest number that is free
+  }
+}
 
 // The names that an argument may be a slip of: "--log", "--json".
 inline std::vector<std::string> option_names(const CLI::App &app) {

@@ -87,6 +87,21 @@ void journal::finish() {
   if (unlink(m_path.c_str()) == 0) sync_directory(m_directory);
 }
 
+std::optional<std::string> journal::set_aside() {
+  const auto lost = m_path.substr(0, m_path.rfind('.')) + ".lost";
+  auto path = lost;
+  // A name that is new; one that is there has what other words held.
+  for (unsigned number = 2;; ++number) {
+    const unique_fd is_new(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (is_new) break;
+    if (errno != EEXIST) return std::nullopt;
+    path = lost + "." + std::to_string(number);
+  }
+  if (rename(m_path.c_str(), path.c_str()) != 0) return std::nullopt;
+  sync_directory(m_directory);
+  return path;
+}
+
 std::optional<std::vector<kept_word>> journal::left() const {
   std::vector<kept_word> words;
   errno = 0;

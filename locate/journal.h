@@ -38,6 +38,10 @@ class journal {
   // All words hold their contents again: the file goes.
   void finish();
 
+  // Words cannot be restored: what they held stays in a file of another name, which no start restores. Returns its
+  // path; nothing if that fails.
+  [[nodiscard]] std::optional<std::string> set_aside();
+
   // What an interrupted process has left, in the order in which it was kept. Nothing if that cannot be read;
   // errno has why.
   [[nodiscard]] std::optional<std::vector<kept_word>> left() const;

@@ -1,7 +1,4 @@
 // post-locate: measures which line, pair of lines or cell of the board is broken, and keeps the contents.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
@@ -119,14 +116,6 @@ int run(options chosen) {
   return restored ? exit_code_of(results) : EXIT_TROUBLE;
 }
 
-// Devices must not get the numbers of standard streams that are closed.
-void open_standard_streams() {
-  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    if (fcntl(stream, F_GETFD) >= 0) continue;
-    (void)open("/dev/null", stream == STDERR_FILENO ? O_WRONLY : O_RDONLY);  // the lowest number that is free
-  }
-}
-
 int parse_and_run(int argc, char **argv) try {
   CLI::App app{about, program};
   options chosen;
@@ -149,7 +138,7 @@ int parse_and_run(int argc, char **argv) try {
 }  // namespace locate
 
 int main(int argc, char **argv) {
-  locate::open_standard_streams();
+  sim::open_standard_streams();
   for (const int number : {SIGPIPE, SIGXFSZ})
     (void)std::signal(number, SIG_IGN);
   return locate::parse_and_run(argc, argv);

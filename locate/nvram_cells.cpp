@@ -436,14 +436,18 @@ void report_many(std::span<const cell> cells, std::span<const uint32_t> failed, 
   add_finding(std::move(what), result);
 }
 
-void report_lost(size_t count, unsigned instance, part_result *result) {
+void report_lost(size_t count, unsigned instance, journal *kept, part_result *result) {
   const auto number = std::to_string(instance);
-  add_finding({.sentence = "NVRAM " + number + " does not hold its contents: " + std::to_string(count) +
+  finding what{.sentence = "NVRAM " + number + " does not hold its contents: " + std::to_string(count) +
                            (count == 1 ? " word." : " words."),
                .evidence = {"restored and read back several times"},
                .next = "measure the lines often: --repeat 1000",
-               .places = {"nvram" + number}},
-              result);
+               .places = {"nvram" + number}};
+  if (const auto path = kept->set_aside()) {
+    what.evidence.push_back("what the words held is in " + *path);
+    what.next += "; after the repair give this file the name " + kept->path() + ", and the next start restores them";
+  }
+  add_finding(std::move(what), result);
 }
 
 }  // namespace
@@ -479,7 +483,7 @@ std::vector<uint32_t> locate_cells(word_bus *ram, unsigned instance, const setti
   }
   const auto lost = restore(&all, failing);
   all.end_progress();
-  if (lost != 0) report_lost(lost, instance, result);
+  if (lost != 0) report_lost(lost, instance, kept, result);
   std::erase_if(unsteady, [&](uint32_t word) { return failing.contains(word) && failing.size() <= most_cells; });
   if (!unsteady.empty()) report_unsteady(unsteady, instance, result);
   if (all.stopped())

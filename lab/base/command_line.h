@@ -1,9 +1,6 @@
 // command_line.h: how the lab's programs take their arguments, complain and end.
 #pragma once
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <cerrno>
@@ -23,12 +20,6 @@ enum exit_code : int {
   EXIT_USAGE = 2,  // also a file that cannot be read or written
 };
 
-// Files and pipes must not get the numbers of standard streams that are closed.
-inline void open_standard_streams() {
-  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO})
-    if (fcntl(stream, F_GETFD) < 0) (void)open("/dev/null", stream == STDERR_FILENO ? O_WRONLY : O_RDONLY);
-}
-
 // Says on standard error what is wrong with a program's call. Returns EXIT_USAGE.
 inline int complain(std::string_view program, std::string_view what) {
   std::cerr << program << ": " << what << "\n";
@@ -46,7 +37,7 @@ inline int put_out(std::string_view program, std::string_view text, int status) 
 template <class options_t>
 int run_program(const char *name, const char *about, int argc, char **argv,
                 void (*add_options)(CLI::App *, options_t *), int (*run)(const options_t &)) try {
-  open_standard_streams();
+  sim::open_standard_streams();
   CLI::App app{about, name};
   options_t chosen;
   add_options(&app, &chosen);

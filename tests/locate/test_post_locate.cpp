@@ -95,6 +95,23 @@ TEST_F(post_locate, keeps_a_journal_until_its_words_read_back) {
   }
 }
 
+// A line breaks during the march: what the words held is not lost, and no earlier loss is overwritten.
+TEST_F(post_locate, sets_aside_what_does_not_read_back) {
+  (void)run("", "nvram1");
+  const auto before = load("nvram1");
+  for (const std::string lost : {"nvram1.lost", "nvram1.lost.2"}) {
+    save("nvram1", before);
+    EXPECT_THAT(run("nvram-data-stuck instance=1 line=3 level=1 nth=400000", "--cells nvram1").out,
+                HasSubstr("what the words held is in /var/lib/post-locate/" + lost + "\n"));
+    EXPECT_NE(load("nvram1"), before);
+    EXPECT_EQ(run("", "nvram0").err, "");
+    std::filesystem::rename(journals() / lost, journals() / "nvram1.journal");
+    EXPECT_THAT(run("", "nvram0").err, HasSubstr("words restored"));
+    EXPECT_EQ(load("nvram1"), before);
+    save("var/lib/post-locate/nvram1.lost", "");
+  }
+}
+
 // Signals come at any time and end the program, but leave neither a journal nor other contents.
 TEST_F(post_locate, restores_before_a_signal_ends_it) {
   (void)run("", "nvram1");
