@@ -49,6 +49,7 @@ struct round_answers {
   bool differed = false;              // two reads of a word, one after the other
   std::vector<wrong_answer> changed;  // words since the first round
   std::array<uint16_t, tags.size()> saved{};
+  std::array<bool, tags.size()> checked{};  // words that were read after all had their tags
 
   [[nodiscard]] bool is_wrong() const { return differed || !wrong.empty(); }
   [[nodiscard]] bool is_bad() const { return is_wrong() || !changed.empty(); }
@@ -105,6 +106,7 @@ class star_round {
 
   uint16_t check(size_t k) {
     const auto word = read(k);
+    m_answers.checked[k] = true;
     if (word != tags[k]) m_answers.wrong.push_back({place(k), tags[k], word});
     return word;
   }
@@ -308,14 +310,17 @@ class line_probe {
   // Whether a word is wrong in nearly every round, and one that the fault can spoil as well in hardly any: what comes
   // and goes hits all alike, unless it acts all the time.
   [[nodiscard]] bool is_uneven(const single_line_fault &fault, std::span<const round_answers> rounds) const {
+    constexpr ptrdiff_t enough = rounds_of_intermittent / 2;
     bool often = false;
     bool seldom = false;
     for (size_t k = 0; k <= m_lines; ++k) {
-      const auto wrong = static_cast<size_t>(std::ranges::count_if(rounds, [k](const round_answers &one) {
+      const auto checked = std::ranges::count_if(rounds, [k](const auto &one) { return one.checked[k]; });
+      const auto wrong = std::ranges::count_if(rounds, [k](const auto &one) {
         return std::ranges::find(one.wrong, place(k), &wrong_answer::offset) != one.wrong.end();
-      }));
-      often |= 10 * wrong >= 9 * rounds.size();
-      seldom |= 10 * wrong <= rounds.size() && fault.bad.pass(place(k)) != place(k);
+      });
+      if (checked < enough) continue;
+      often |= 10 * wrong >= 9 * checked;
+      seldom |= 10 * wrong <= checked && fault.bad.pass(place(k)) != place(k);
     }
     return often && seldom &&
            std::ranges::none_of(rounds, [&](const auto &one) { return models::gives(&fault, one.log); });
@@ -323,7 +328,7 @@ class line_probe {
 
   // The line faults that may act in some accesses only and would give these answers, without unlikely ones. Two answers
   // that an address fault does not explain, but another fault beside it would, are too many.
-  [[nodiscard]] fault_list possible(std::span<const round_answers> rounds) const {
+  [[nodiscard]] fault_list possible(std::span<const round_answers> rounds) {
     constexpr size_t too_many = 2;
     const auto log = joined_log(rounds);
     // An answer that must be former contents could have been anything else.
@@ -331,7 +336,11 @@ class line_probe {
     std::vector<std::pair<double, const single_line_fault *>> likely;
     for (const auto &fault : m_faults) {
       const auto former = models::may_give(fault, log);
-      if (!former || (fault.address && (former->doubtful >= too_many || is_uneven(fault, rounds)))) continue;
+      if (!former) continue;
+      if (fault.address && (former->doubtful >= too_many || is_uneven(fault, rounds))) {
+        m_doubted = true;
+        continue;
+      }
       likely.emplace_back(likelihood(fault, rounds, m_lines + 1) + static_cast<double>(former->count) * by_chance,
                           &fault);
     }
@@ -384,6 +393,8 @@ class line_probe {
         .sentence = m_of.sentence + " gives answers that no single line fault gives.",
         .intermittent = !alike,
         .next = "look for several bad lines, a missing supply or select signal, or bad cells: --cells names them"};
+    if (m_doubted)
+      what.sentence = m_of.sentence + " has several bad lines, or one that is bad at times; no answer shows the place.";
     if (silent) what.sentence = m_of.sentence + " does not answer: every word reads 0xFFFF.";
     if (silent) what.next = "check the chip's supply, its select signal and the bridge's local address space";
     const bool one_cell = is_one_cell(rounds);
@@ -457,6 +468,7 @@ class line_probe {
   unsigned m_lines;
   memory_name m_of;
   std::vector<single_line_fault> m_faults;
+  bool m_doubted = false;  // a line fault may have given the answers, but two are likelier
 };
 
 }  // namespace
