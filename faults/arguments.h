@@ -39,7 +39,8 @@ inline std::string unexpected_argument(const CLI::App &app, const std::string &e
          did_you_mean(extra, std::vector<std::string_view>(names.begin(), names.end()));
 }
 
-// "NAME: VALUE not in {A,B}", "NAME: Value VALUE not in range A to B"; "" for other texts.
+// "NAME: VALUE not in {A,B}", "NAME: Value VALUE not in range A to B", or "[A - B]" since version 2.3 of the library;
+// "" for other texts.
 inline std::string bad_value(std::string_view text) {
   const auto colon = text.find(": ");
   const auto middle = text.find(" not in ");
@@ -55,6 +56,9 @@ inline std::string bad_value(std::string_view text) {
     std::ranges::replace(allowed, ' ', '|');
   } else if (allowed.starts_with("range ") && value.starts_with("Value ")) {
     allowed.erase(0, std::string_view("range ").size());
+    if (allowed.starts_with('['))
+      allowed = allowed.substr(1, allowed.find(" - ") - 1) + " to " + allowed.substr(allowed.find(" - ") + 3);
+    if (allowed.ends_with(']')) allowed.pop_back();
     value.remove_prefix(std::string_view("Value ").size());
   }
   return "bad value " + sim::quoted(value) + " of " +

@@ -64,7 +64,7 @@ thread_local memory_under_test *under_test = nullptr;
 
 // What a print of the test becomes; other prints of this program go their way.
 __attribute__((format(printf, 1, 0))) int print(const char *format, va_list values) {
-  if (under_test == nullptr) return std::vprintf(format, values);
+  if (under_test == nullptr) return std::vfprintf(stdout, format, values);
   char text[512];
   const int length = std::vsnprintf(text, sizeof text, format, values);
   under_test->printed += text;
@@ -116,6 +116,7 @@ uint32_t pfm_get_card_index(uint16_t *card_index) {
 // The linker leads the test's calls of printf here (--wrap).
 int __wrap_printf(const char *format, ...) __attribute__((format(printf, 1, 2)));
 int __wrap___printf_chk(int flag, const char *format, ...) __attribute__((format(printf, 2, 3)));
+int __wrap___vprintf_chk(int flag, const char *format, va_list values) __attribute__((format(printf, 2, 0)));
 
 int __wrap_printf(const char *format, ...) {
   va_list values;
@@ -131,5 +132,9 @@ int __wrap___printf_chk(int /*flag*/, const char *format, ...) {
   const int length = lab::print(format, values);
   va_end(values);
   return length;
+}
+
+int __wrap___vprintf_chk(int /*flag*/, const char *format, va_list values) {
+  return lab::print(format, values);
 }
 }

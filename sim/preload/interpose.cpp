@@ -248,6 +248,7 @@ int __open_2(const char *path, int flags);
 int __openat_2(int dir, const char *path, int flags);
 ssize_t __read_chk(int fd, void *to, size_t length, size_t room);
 int __printf_chk(int flag, const char *format, ...) __attribute__((format(printf, 2, 3)));
+int __vprintf_chk(int flag, const char *format, va_list args) __attribute__((format(printf, 2, 0)));
 // And one that they define: no compiler but gcc takes a second definition of that name.
 int print_list(const char *format, va_list args) __asm__("vprintf") __attribute__((format(printf, 1, 0)));
 #if __SIZEOF_POINTER__ == 4
@@ -381,6 +382,9 @@ FILE *popen(const char *command, const char *mode) {
 // --- What the program prints. A sanitizer's library comes before ours and hands vprintf() on, not printf().
 
 int print_list(const char *format, va_list args) {
+  return print(format, args);
+}
+int __vprintf_chk(int, const char *format, va_list args) {
   return print(format, args);
 }
 int printf(const char *format, ...) {

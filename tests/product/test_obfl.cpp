@@ -295,9 +295,9 @@ TEST(obfl_driver, asserts_its_arguments) {
   for (const assert_case &c : assert_cases)
     expect(c);
   for (const auto &[op, call] : sector_operations) {
-    expect({op, "inst < OBFL_INST_MAX", 0, [call = call] { call(1, at(0x04000001)); }});
-    expect({op, "sector_addr.so.mbz == 0", 0, [call = call] { call(0, at(0x04000001)); }});
-    expect({op, "sector_addr.so.offset == 0", 0, [call = call] { call(0, at(0x00020002)); }});
+    expect({op, "inst < OBFL_INST_MAX", 0, [run = call] { run(1, at(0x04000001)); }});
+    expect({op, "sector_addr.so.mbz == 0", 0, [run = call] { run(0, at(0x04000001)); }});
+    expect({op, "sector_addr.so.offset == 0", 0, [run = call] { run(0, at(0x00020002)); }});
   }
 }
 

@@ -1,6 +1,5 @@
 // opened.h: the flags with which a program opened its files last. The linker hands open to this file, which one source
-// of a program includes; the name of the call depends on the word size:
-//   -Wl,--wrap=open,--wrap=open64,--defsym=__wrap_open64=__wrap_open
+// of a program includes; see post_wrap_open().
 #pragma once
 
 #include "tests/support/test.h"
@@ -12,9 +11,13 @@ inline std::map<std::string, int> &opened_with() {  // by path; constructors of 
 
 extern "C" {
 int __real_open(const char *path, int flags, ...), __wrap_open(const char *path, int flags, ...);
+int __wrap___open_2(const char *path, int flags);
 
 int __wrap_open(const char *path, int flags, ...) {
   opened_with()[path] = flags;
   return __real_open(path, flags, 0600);
+}
+int __wrap___open_2(const char *path, int flags) {
+  return __wrap_open(path, flags);
 }
 }
