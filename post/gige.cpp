@@ -24,14 +24,16 @@ constexpr const char *sub_tests[] = {"Register test", "Eeprom test", "Loopback t
 using line_buffer = std::array<char, 128>;
 
 // The verdict comes from the log, not from a command's exit status. Commands would inherit what is ignored here: they
-// meet a broken pipe and a full file as those that a shell starts do.
+// meet a broken pipe and a full file as those that a shell starts do. A program that loads this test may have handlers
+// of its own: they come back with their flags.
 void run(const char *command) {
-  std::array<sighandler_t, ignored_signals.size()> own{};
+  const struct sigaction no_handler {};
+  std::array<struct sigaction, ignored_signals.size()> own;
   for (size_t i = 0; i < own.size(); ++i)
-    own[i] = signal(ignored_signals[i], SIG_DFL);
+    (void)sigaction(ignored_signals[i], &no_handler, &own[i]);
   [[maybe_unused]] const int status = system(command);
   for (size_t i = 0; i < own.size(); ++i)
-    (void)signal(ignored_signals[i], own[i]);
+    (void)sigaction(ignored_signals[i], &own[i], nullptr);
 }
 
 enum class verdict { pass, fail, none };
