@@ -404,7 +404,6 @@ TEST_F(sprom_board, writes_nothing_when_anything_before_fails) {
       {"write -y 1,1 --raw cards",        other_card},
       {"edit -y 1,1 --from card.json",    other_card},
       {"write -y --bus 6 --addr 0x54 ps ps", "power supply (/dev/i2c-6:0x54): not written: it holds a fan image; --force writes it all the same"},
-      {"write -y --backup=no/x 1,1 sup",  not_written + "no backup of the old image: no/x: No such file or directory (errno 2); --backup names another file"},
   };
   // clang-format on
   for (const auto &[args, err] : rows) {
@@ -534,6 +533,7 @@ TEST_F(sprom_board, reports_changes_as_json) {
       {"", "edit -yj PS1 --num_6=1",              0, ps1 + "," + result_of(true, "unchanged", 0, 0, "true", "null") + "]" + done},
       {"", "edit -yjf image --num_6=1",           0, file + "," + result_of(true, "written", 2, 2, "null", "null") + back + done},
       {"", "edit -j PS1 --num_6=9",               1, ps1 + "," + result_of(false, "refused", 4, 0, "null", "null") + changes + said + label + "not written: there is no terminal to ask on; --yes writes without asking\"]}"},
+      {"", "edit -yj PS1 --num_6=9 --backup=no/x", 1, ps1 + "," + result_of(false, "refused", 4, 0, "null", "null") + changes + said + label + "not written: no backup of the old image: no/x: No such file or directory (errno 2); --backup names another file\"]}"},
       {"i2c-fail bus=6 addr=0x52 nth=397", "edit -yj PS1 --num_6=9 --no-backup", 1,
            ps1 + "," + result_of(false, "failed", 4, 2, "false", "null") + changes + said + label + "writing byte 4 (EEPROM offset 0x0004) failed after 2 of 4 bytes: Input/output error (errno 5)\",\"" +
            label + "reads back with 2 of 196 bytes different from the image, the first at byte 4\"]}"},
