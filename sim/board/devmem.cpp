@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -54,6 +55,23 @@ const fault *undecoded(const window &w, const options &opts) {
 size_t whole_pages(size_t length) {
   return (length + page_size - 1) & ~(page_size - 1);
 }
+
+// Holds the program's signals back: their handlers may use the device that is being made.
+class no_signals {
+ public:
+  no_signals() { (void)::syscall(SYS_rt_sigprocmask, SIG_BLOCK, &all, &m_before, sizeof(m_before)); }
+  no_signals(const no_signals &) = delete;
+  no_signals &operator=(const no_signals &) = delete;
+  ~no_signals() {
+    const keep_errno kept;
+    (void)::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &m_before, nullptr, sizeof(m_before));
+  }
+
+ private:
+  // As the kernel has them: the C library's sets are longer, and its functions leave two signals out.
+  static constexpr uint64_t all = ~uint64_t{0};
+  uint64_t m_before = 0;
+};
 
 void *refuse(int error) {
   errno = error;
@@ -131,6 +149,7 @@ bool devmem::may_open_flash() const {
 // Contents that do not exist yet are made at the first access: most runs of a short test never make one. Until then
 // mappings hold the place.
 void devmem::first_flash_access() {
+  const no_signals held;
   std::string error;
   if (!power_up_flash(&error)) end_run(error);
   for (const auto &m : m_mappings) {

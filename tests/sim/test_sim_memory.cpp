@@ -111,6 +111,17 @@ TEST(sim_devmem, answers_no_memory_access_where_its_bar_does_not_map_memory) {
   }
 }
 
+TEST(sim_devmem, makes_the_flash_before_a_signals_handler_uses_it) {
+  const test_board board;
+  static volatile uint16_t *words;
+  words = map_window<uint16_t>(flash);
+  (void)signal(SIGALRM, [](int) { (void)words[1]; });
+  (void)ualarm(1000, 1000);
+  const auto low = static_cast<char>(words[0]);
+  (void)ualarm(0, 0);
+  EXPECT_EQ(low, board.contents("flash")[0]);
+}
+
 TEST(sim_devmem_death, ends_the_run_where_there_is_no_space_for_the_flash) {
   const test_board board;
   const rlimit limit{0x100000, 0x100000};
