@@ -276,6 +276,21 @@ std::string_view fault::word(parm key) const {
   return has(key) ? row().find(key)->word(get(key)) : "";
 }
 
+// Faults with occasions take turns.
+bool fault::excludes(const fault &other) const {
+  // How a thing is wrong; the other parameters say which one.
+  constexpr std::array how{parm::vendor, parm::device, parm::high,    parm::error, parm::after,
+                           parm::khz,    parm::ms,     parm::code,    parm::polls, parm::nth,
+                           parm::torn,   parm::seed,   parm::program, parm::erase};
+  if (id != other.id) return false;
+  if (row().when != fault_when::always) return values == other.values;
+  return std::ranges::all_of(row().parms(), [&](const parm_row &parm) {
+    const auto own = find(parm.key);
+    const auto others = other.find(parm.key);
+    return own == others || !own || !others || std::ranges::find(how, parm.key) != how.end();
+  });
+}
+
 bool fault_trigger::next() {
   ++m_occasions;
   if (m_occasions < m_nth || (m_times != 0 && m_occasions - m_nth >= m_times)) return false;

@@ -180,6 +180,8 @@ struct fault {
   [[nodiscard]] std::string_view word(parm key) const;
   // For faults of any kind: nothing if the parameter was left out or the kind lacks it.
   [[nodiscard]] std::optional<uint64_t> find(parm key) const;
+  // Whether both are faults of one thing that can be wrong in one way only: then one of them would do nothing.
+  [[nodiscard]] bool excludes(const fault &other) const;
   // The parameter errno.
   [[nodiscard]] int error() const { return static_cast<int>(get(parm::error)); }
   // Whether the parameters bus and addr name this I2C device.

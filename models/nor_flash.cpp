@@ -322,7 +322,7 @@ nor_flash::nor_flash(memory words, std::span<const chip_fault> faults, const fla
     m_plain = m_plain && std::ranges::find(not_of_reads, f.id) != not_of_reads.end();
     if (add_line_fault(f, &data.lines(), &address)) continue;
     if (f.id == fault_id::flash_silent)
-      m_silent = f;
+      m_silent.push_back(f.cause);
     else if (f.id == fault_id::flash_slow)
       m_slow = f;
     else
@@ -332,16 +332,20 @@ nor_flash::nor_flash(memory words, std::span<const chip_fault> faults, const fla
   m_plain = m_plain && m_cells.read_plainly();
 }
 
+bool nor_flash::is_silent() const {
+  return std::ranges::any_of(m_silent, strikes);
+}
+
 uint16_t nor_flash::read(uint32_t offset) {
   if (reads_plainly()) return m_words.get(offset);
   const uint32_t arriving = m_cycle_address.pass(offset, all_lines);
   if (arriving != offset && steady_word(arriving) != steady_word(offset)) m_cycle_address.fired();
   const uint16_t word = m_cycle_data.to_bus(chip_read(arriving));
-  return m_silent && word != 0xFFFF && strikes(m_silent->cause) ? 0xFFFF : word;
+  return word != 0xFFFF && is_silent() ? 0xFFFF : word;
 }
 
 void nor_flash::write(uint32_t offset, uint16_t data) {
-  if (m_silent && strikes(m_silent->cause)) return;
+  if (is_silent()) return;
   const auto seen = decoded(static_cast<uint8_t>(data));
   const uint32_t arriving = m_cycle_address.pass(offset, seen.address);
   m_cycle_address.fired();

@@ -172,6 +172,7 @@ class nor_flash {
   void act(action what, uint32_t offset, uint16_t data);
   void load(uint32_t offset, uint16_t data);
 
+  [[nodiscard]] bool is_silent() const;
   [[nodiscard]] const chip_fault *struck(fault_id id, uint32_t sector) const;
   [[nodiscard]] bool is_blank(uint32_t sector) const;
   void program(std::span<const word_load> loads, unsigned typical_us, unsigned factor);
@@ -198,7 +199,7 @@ class nor_flash {
   bus_lines m_cycle_address;
   bus_lines m_array_address;
   bad_cells m_cells;
-  std::optional<chip_fault> m_silent;
+  std::vector<const fault *> m_silent;  // causes
   std::optional<chip_fault> m_slow;
   std::vector<chip_fault> m_others;  // of the query, and programs and erases gone wrong
   std::optional<uint64_t> m_cut;     // the power fails in this cycle: state of the random numbers

@@ -93,6 +93,8 @@ constexpr std::array whole_files{std::to_array<whole_file>({
     {"",                       "nvram"},
     {"",                       "eeprom-"},
     {"",                       "counter-"},
+    {"",                       "expander-"},
+    {"",                       "port."},
     {"/proc",                  "cpuinfo."},
     {"/proc/bus/pci",          "devices."},
 })};

@@ -158,8 +158,12 @@ std::string take_option(command *cmd, const option_row &row, std::string_view va
   std::string error;
   const auto parsed = fault_parse(value, &error);
   if (!parsed) return error + " (--list-faults lists them)";
-  if (std::ranges::find(cmd->opts.faults, parsed->text, &fault::text) != cmd->opts.faults.end())
-    return "fault " + quoted(parsed->text) + " is given twice";
+  const auto former = std::ranges::find_if(cmd->opts.faults, [&](const fault &f) { return f.excludes(*parsed); });
+  if (former != cmd->opts.faults.end()) {
+    const auto text = "fault " + quoted(parsed->text);
+    return text +
+           (former->values == parsed->values ? " is given twice" : " does nothing beside " + quoted(former->text));
+  }
   cmd->opts.faults.push_back(*parsed);
   return "";
 }

@@ -83,6 +83,13 @@ inline int munmap(void *addr, size_t length) {
   return static_cast<int>(::syscall(SYS_munmap, addr, length));
 }
 
+inline int mprotect(void *addr, size_t length, int prot) {
+  return static_cast<int>(::syscall(SYS_mprotect, addr, length, prot));
+}
+inline void *mremap(void *addr, size_t length, size_t new_length, int flags, void *to) {
+  return reinterpret_cast<void *>(::syscall(SYS_mremap, addr, length, new_length, flags, to));
+}
+
 inline void *mmap(void *addr, size_t length, int prot, int flags, int fd, uint64_t offset) {
 #ifdef SYS_mmap2
   const long at = ::syscall(SYS_mmap2, addr, length, prot, flags, fd, static_cast<unsigned long>(offset / page_size));

@@ -199,7 +199,11 @@ const options *board_options() {
 
 int device_open(const redirection &to, int flags) {
   // Writes of the C library that bypass the board must fail.
-  return sys::open(to.path.c_str(), O_RDONLY | (flags & O_CLOEXEC));
+  return sys::open(to.path.c_str(), O_RDONLY | (flags & O_CLOEXEC) | device_mark((flags & O_ACCMODE) == O_RDWR));
+}
+
+int device_mark(bool writable) {
+  return writable ? O_APPEND : 0;
 }
 
 std::optional<int> device_ioctl(int fd, unsigned long request, void *arg) {
@@ -224,7 +228,18 @@ std::optional<ssize_t> device_transfer(int fd, bool reading, void *data, size_t 
 std::optional<void *> device_mmap(size_t length, int prot, int flags, int fd, uint64_t offset) {
   const auto *const to = device_of(fd);
   if (to == nullptr || to->device != device::mem) return std::nullopt;
-  return running->memory.map(length, prot, flags, offset);
+  const bool may_write = (sys::fcntl(fd, F_GETFL, 0) & device_mark(true)) != 0;
+  return running->memory.map(length, prot, flags, offset, may_write);
+}
+
+std::optional<int> device_mprotect(void *addr, size_t length, int prot) {
+  if (running == nullptr) return std::nullopt;
+  return running->memory.protect(addr, length, prot);
+}
+
+std::optional<void *> device_mremap(void *addr, size_t length, size_t new_length, int flags, void *to) {
+  if (running == nullptr) return std::nullopt;
+  return running->memory.remap(addr, length, new_length, flags, to);
 }
 
 bool device_munmap(void *addr, size_t length) {

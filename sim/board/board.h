@@ -37,11 +37,17 @@ const options *board_options();
 // device, so copies of it mean the device as well, also in programs that inherit it. The address that
 // I2C_SLAVE chose is the file's offset, which copies share.
 int device_open(const redirection &to, int flags);
+// The flag of such a descriptor that says whether the program may write: all of them are open for reading only.
+int device_mark(bool writable);
 
 std::optional<int> device_ioctl(int fd, unsigned long request, void *arg);
 
 // mmap() of /dev/mem.
 std::optional<void *> device_mmap(size_t length, int prot, int flags, int fd, uint64_t offset);
+
+// mprotect() and mremap() of such mappings.
+std::optional<int> device_mprotect(void *addr, size_t length, int prot);
+std::optional<void *> device_mremap(void *addr, size_t length, size_t new_length, int flags, void *to);
 
 // munmap() of such a mapping or a part of it.
 [[nodiscard]] bool device_munmap(void *addr, size_t length);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -54,6 +55,23 @@ const fault *undecoded(const window &w, const options &opts) {
 size_t whole_pages(size_t length) {
   return (length + page_size - 1) & ~(page_size - 1);
 }
+
+// Holds the program's signals back: their handlers may use the device that is being made.
+class no_signals {
+ public:
+  no_signals() { (void)::syscall(SYS_rt_sigprocmask, SIG_BLOCK, &all, &m_before, sizeof(m_before)); }
+  no_signals(const no_signals &) = delete;
+  no_signals &operator=(const no_signals &) = delete;
+  ~no_signals() {
+    const keep_errno kept;
+    (void)::syscall(SYS_rt_sigprocmask, SIG_SETMASK, &m_before, nullptr, sizeof(m_before));
+  }
+
+ private:
+  // As the kernel has them: the C library's sets are longer, and its functions leave two signals out.
+  static constexpr uint64_t all = ~uint64_t{0};
+  uint64_t m_before = 0;
+};
 
 void *refuse(int error) {
   errno = error;
@@ -131,6 +149,7 @@ bool devmem::may_open_flash() const {
 // Contents that do not exist yet are made at the first access: most runs of a short test never make one. Until then
 // mappings hold the place.
 void devmem::first_flash_access() {
+  const no_signals held;
   std::string error;
   if (!power_up_flash(&error)) end_run(error);
   for (const auto &m : m_mappings) {
@@ -148,7 +167,7 @@ void devmem::set_flash_open(bool open) {
   m_flash_open = open;
   for (const auto &m : m_mappings) {
     if (m.window != flash_window) continue;
-    if (mprotect(reinterpret_cast<void *>(m.address), m.length, direct_prot(m)) != 0)
+    if (sys::mprotect(reinterpret_cast<void *>(m.address), m.length, direct_prot(m)) != 0)
       trap_die("flash window: %s", strerror(errno));
   }
   set_answered();
@@ -175,7 +194,7 @@ void devmem::set_answered() const {
   trampoline_ranges(std::span(ranges).first(count));
 }
 
-void *devmem::map(size_t length, int prot, int flags, uint64_t phys) {
+void *devmem::map(size_t length, int prot, int flags, uint64_t phys, bool may_write) {
   const on_the_bus held(m_lock);
   for (const auto &f : m_opts.faults)
     if (f.id == fault_id::mem_mmap_refused && f.strikes()) return refuse(f.error());
@@ -183,13 +202,14 @@ void *devmem::map(size_t length, int prot, int flags, uint64_t phys) {
   const bool shared = sharing == MAP_SHARED || sharing == MAP_SHARED_VALIDATE;
   if (length == 0 || phys % page_size != 0 || !shared || (flags & MAP_FIXED) != 0) return refuse(EINVAL);
   if (length > SIZE_MAX - page_size) return refuse(ENOMEM);
+  if ((prot & PROT_WRITE) != 0 && !may_write) return refuse(EACCES);
   const size_t whole = whole_pages(length);
   const auto *const found = std::ranges::find_if(windows, [&](const window &w) {
     return phys >= w.base && phys - w.base < w.length && whole <= w.length - (phys - w.base);
   });
   if (found == windows.end()) return refuse(EPERM);
   const auto index = static_cast<size_t>(found - windows.begin());
-  mapping m{0, whole, index, static_cast<uint32_t>(phys - found->base), prot};
+  mapping m{0, whole, index, static_cast<uint32_t>(phys - found->base), prot, may_write};
   void *const address = m_contents[index].is_open()
                             ? m_contents[index].map(nullptr, whole, direct_prot(m), MAP_SHARED, m.offset)
                             : sys::mmap(nullptr, whole, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
@@ -217,24 +237,82 @@ void devmem::mapped_over(const void *addr, size_t length) {
   forget(reinterpret_cast<uintptr_t>(addr), whole_pages(length));
 }
 
+std::optional<int> devmem::protect(void *addr, size_t length, int prot) {
+  const auto begin = reinterpret_cast<uintptr_t>(addr);
+  if (begin % page_size != 0 || length > SIZE_MAX - page_size) return std::nullopt;
+  const uintptr_t end = begin + whole_pages(length);
+  const on_the_bus held(m_lock);
+  if (!meets(begin, end)) return std::nullopt;
+  split(begin);
+  split(end);
+  int result = 0;
+  for (uintptr_t at = begin; at < end && result == 0;) {
+    uintptr_t next = end;
+    int rights = prot;
+    for (auto &m : m_mappings) {
+      if (m.address > at) next = std::min(next, m.address);
+      if (m.address != at) continue;
+      if ((prot & PROT_WRITE) != 0 && !m.may_write) return fail(EACCES);
+      m.prot = prot;
+      rights = direct_prot(m);
+      next = std::min(next, at + m.length);
+    }
+    result = sys::mprotect(reinterpret_cast<void *>(at), next - at, rights);
+    at = next;
+  }
+  set_answered();
+  return result;
+}
+
+std::optional<void *> devmem::remap(void *addr, size_t length, size_t new_length, int flags, void *to) {
+  const auto begin = reinterpret_cast<uintptr_t>(addr);
+  if (length > SIZE_MAX - page_size || new_length > SIZE_MAX - page_size) return std::nullopt;
+  const size_t whole = whole_pages(length);
+  const size_t new_whole = whole_pages(new_length);
+  const on_the_bus held(m_lock);
+  if (!meets(begin, begin + std::max(whole, page_size))) return std::nullopt;
+  const auto *const found = mapping_at(begin, whole);
+  if (begin % page_size != 0 || whole == 0 || (flags & ~(MREMAP_MAYMOVE | MREMAP_FIXED)) != 0) return refuse(EINVAL);
+  if (found == nullptr || new_whole > whole) return refuse(EFAULT);
+  auto moved = *found;
+  moved.offset += static_cast<uint32_t>(begin - moved.address);
+  moved.length = new_whole;
+  void *const at = sys::mremap(addr, length, new_length, flags, to);
+  if (at == MAP_FAILED) return at;
+  moved.address = reinterpret_cast<uintptr_t>(at);
+  forget(begin, whole);
+  forget(moved.address, new_whole);
+  m_mappings.push_back(moved);
+  set_answered();
+  return at;
+}
+
+bool devmem::meets(uintptr_t begin, uintptr_t end) const {
+  return std::ranges::any_of(m_mappings,
+                             [&](const mapping &m) { return m.address < end && begin < m.address + m.length; });
+}
+
+// Makes two mappings of the one that has this address within.
+void devmem::split(uintptr_t at) {
+  for (size_t i = 0; i < m_mappings.size(); ++i) {
+    auto upper = m_mappings[i];
+    if (!upper.holds(at, 1) || upper.address == at) continue;
+    const size_t lower = at - upper.address;
+    m_mappings[i].length = lower;
+    upper.address = at;
+    upper.length -= lower;
+    upper.offset += static_cast<uint32_t>(lower);
+    m_mappings.push_back(upper);
+  }
+}
+
 // Keeps what is outside [begin, begin + length). Allocates only where a mapping is inside: an allocator may have
 // called.
 void devmem::forget(uintptr_t begin, size_t length) {
-  const auto meets = [&](const mapping &m) { return m.address < begin + length && begin < m.address + m.length; };
-  if (std::ranges::none_of(m_mappings, meets)) return;
-  std::vector<mapping> kept;
-  for (const auto &m : m_mappings) {
-    const uintptr_t end = m.address + m.length;
-    const uintptr_t first = std::clamp(begin, m.address, end);
-    const uintptr_t last = std::clamp(begin + length, first, end);
-    const auto keep = [&](uintptr_t from, uintptr_t to) {
-      if (from == to) return;
-      kept.push_back({from, to - from, m.window, static_cast<uint32_t>(m.offset + (from - m.address)), m.prot});
-    };
-    keep(m.address, first);
-    keep(last, end);
-  }
-  m_mappings = std::move(kept);
+  if (!meets(begin, begin + length)) return;
+  split(begin);
+  split(begin + length);
+  std::erase_if(m_mappings, [&](const mapping &m) { return m.address - begin < length; });
   set_answered();
 }
 

@@ -37,13 +37,19 @@ class devmem final : public cpu_bus {
   // mmap() of /dev/mem: physical range [phys, phys + length), rounded up to whole pages. A device may be mapped several
   // times. A mapping puts the handler of trapped accesses in place.
   //   prot, flags  as for mmap(); MAP_SHARED without MAP_FIXED
-  // Returns MAP_FAILED with errno set: EINVAL for an offset within a page, no length or other flags; EPERM where no
-  // window holds the whole range.
-  [[nodiscard]] void *map(size_t length, int prot, int flags, uint64_t phys);
+  //   may_write    the descriptor is open for writing
+  // Returns MAP_FAILED with errno set: EINVAL for an offset within a page, no length or other flags; EACCES for writing
+  // without may_write; EPERM where no window holds the whole range.
+  [[nodiscard]] void *map(size_t length, int prot, int flags, uint64_t phys, bool may_write);
 
   // munmap() of a mapping or a part of it. Returns false, with nothing done, if [addr, addr + length) does not lie in
   // one mapping.
   [[nodiscard]] bool unmap(void *addr, size_t length);
+
+  // mprotect() and mremap() of a range. They return nothing, with nothing done, if no mapping is in it. A mapping moves
+  // as a whole or in part, but does not grow.
+  [[nodiscard]] std::optional<int> protect(void *addr, size_t length, int prot);
+  [[nodiscard]] std::optional<void *> remap(void *addr, size_t length, size_t new_length, int flags, void *to);
 
   // Forgets the mappings in [addr, addr + length), which was unmapped or mapped over.
   void mapped_over(const void *addr, size_t length);
@@ -74,6 +80,7 @@ class devmem final : public cpu_bus {
     size_t window;
     uint32_t offset;  // within the window
     int prot;         // as asked for
+    bool may_write;   // mprotect() may ask for that
 
     [[nodiscard]] bool holds(uintptr_t a, size_t bytes) const {
       return a >= address && a - address < length && bytes <= length - (a - address);
@@ -104,6 +111,8 @@ class devmem final : public cpu_bus {
 
   [[nodiscard]] int direct_prot(const mapping &m) const;
   void set_answered() const;
+  [[nodiscard]] bool meets(uintptr_t begin, uintptr_t end) const;
+  void split(uintptr_t at);
   void forget(uintptr_t begin, size_t length);
   [[nodiscard]] const mapping *mapping_at(uintptr_t address, size_t bytes) const;
   [[nodiscard]] const mapping *accessed(uintptr_t address, unsigned width, int prot);

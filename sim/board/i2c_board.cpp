@@ -137,8 +137,9 @@ expander_pins pins_of(const device_row &row, const options &opts) {
   if (row.straps < 16) {
     const auto mask = static_cast<uint16_t>(3u << row.straps);
     pins.level = static_cast<uint16_t>((pins.level & ~mask) | straps_of(opts.family) << row.straps);
-    if (const auto *const f = opts.find(fault_id::straps))
-      pins.outside.push_back({f, mask, static_cast<uint16_t>(f->get(parm::value) << row.straps)});
+    for (const auto &f : opts.faults)
+      if (f.id == fault_id::straps)
+        pins.outside.push_back({&f, mask, static_cast<uint16_t>(f.get(parm::value) << row.straps)});
   }
   for (const auto &f : opts.faults) {
     if (f.id != fault_id::pin_stuck || !f.is_at(row.bus, row.addr)) continue;
@@ -197,12 +198,16 @@ eeprom::setup setup_of(const image_row &row, const options &opts, const io_port 
     with.busy_forever = with.busy_polls == 0;
     with.slow = f;
   }
-  with.locked = device_fault(opts, fault_id::eeprom_protected, row.bus, row.addr);
   with.write_protected = protection(row, opts, port, expanders);
   with.corrupt = corruptions(opts, row.bus, row.addr);
-  for (const auto id : {fault_id::eeprom_power_cut, fault_id::eeprom_dies})
-    if (const auto *const f = device_fault(opts, id, row.bus, row.addr))
-      with.cut = {f, f->get(parm::nth), static_cast<uint8_t>(f->get(parm::torn)), id == fault_id::eeprom_power_cut};
+  for (const auto &f : opts.faults) {
+    const bool of_the_run = f.id == fault_id::eeprom_power_cut;
+    if (f.id == fault_id::eeprom_protected && f.is_at(row.bus, row.addr)) with.locked.push_back(&f);
+    if ((!of_the_run && f.id != fault_id::eeprom_dies) || !f.is_at(row.bus, row.addr)) continue;
+    // Nothing is written after the first of them.
+    if (with.cut.cause == nullptr || f.get(parm::nth) < with.cut.byte)
+      with.cut = {&f, f.get(parm::nth), static_cast<uint8_t>(f.get(parm::torn)), of_the_run};
+  }
   return with;
 }
 

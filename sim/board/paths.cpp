@@ -10,7 +10,9 @@
 
 #include "sim/base/files.h"
 #include "sim/base/real.h"
+#include "sim/board/cpuinfo.h"
 #include "sim/board/i2c_board.h"
+#include "sim/board/pci_list.h"
 
 namespace sim {
 
@@ -23,24 +25,26 @@ struct path_row {
   std::optional<fault_id> failing;    // opening fails with the errno that the fault names
   std::optional<fault_id> read_only;  // it cannot be written
   sim::device device;
-  std::span<const fault_id> contents;  // what is wrong in it
+  std::string (*contents)(const options &opts) = nullptr;
 };
 
 using id = fault_id;
 constexpr std::nullopt_t none = std::nullopt;
-constexpr std::array in_pci_list{id::pci_missing, id::pci_wrong_id, id::bar_missing, id::bar_64bit, id::bar_io};
-constexpr std::array in_cpuinfo{id::cpuinfo_no_rate, id::cpuinfo_rate};
+
+std::string cpuinfo_of_some_rate(const options &opts) {
+  return cpuinfo(opts, UINT64_MAX);
+}
 
 // clang-format off
 constexpr std::array path_rows{std::to_array<path_row>({
     // path                   tree   missing               failing                  read-only               device         contents
-    {"/post",                 true,  id::post_missing,     none,                    none,                   device::none,  {}},
-    {"/var/lock",             true,  id::lock_dir_missing, none,                    id::lock_dir_read_only, device::none,  {}},
-    {"/var/lib/post-locate",  true,  none,                 none,                    none,                   device::none,  {}},
-    {"/proc/bus/pci/devices", false, none,                 id::pci_list_unreadable, none,                   device::none,  in_pci_list},
-    {"/proc/cpuinfo",         false, id::cpuinfo_missing,  none,                    none,                   device::none,  in_cpuinfo},
-    {"/dev/sprom",            false, id::sprom_absent,     none,                    none,                   device::sprom, {}},
-    {"/dev/mem",              false, none,                 id::mem_absent,          none,                   device::mem,   {}},
+    {"/post",                 true,  id::post_missing,     none,                    none,                   device::none},
+    {"/var/lock",             true,  id::lock_dir_missing, none,                    id::lock_dir_read_only, device::none},
+    {"/var/lib/post-locate",  true,  none,                 none,                    none,                   device::none},
+    {"/proc/bus/pci/devices", false, none,                 id::pci_list_unreadable, none,                   device::none,  pci_list},
+    {"/proc/cpuinfo",         false, id::cpuinfo_missing,  none,                    none,                   device::none,  cpuinfo_of_some_rate},
+    {"/dev/sprom",            false, id::sprom_absent,     none,                    none,                   device::sprom},
+    {"/dev/mem",              false, none,                 id::mem_absent,          none,                   device::mem},
 })};
 // clang-format on
 
@@ -124,7 +128,7 @@ std::optional<redirection> redirect_i2c(const options &opts, std::string_view pa
   if (result != std::errc{} || stop != end || (digits.size() > 1 && digits[0] == '0')) return std::nullopt;
   const auto present = i2c_bus_numbers(opts);
   const bool missing = std::ranges::find(present, number) == present.end();
-  return redirection{place(opts, missing, path), 0, device::i2c, number, absent_bus(opts, number), nullptr, {}};
+  return redirection{place(opts, missing, path), 0, device::i2c, number, absent_bus(opts, number)};
 }
 
 std::optional<redirection> redirect_normal(const options &opts, std::string_view path, bool writing) {
@@ -209,8 +213,13 @@ void count_faults(const options &opts, const redirection &to, path_use use) {
   }
   if (to.refused != nullptr && use != path_use::ask) to.refused->fired();
   if (to.refused != nullptr || use != path_use::read) return;
-  for (const auto &f : opts.faults)
-    if (std::ranges::find(to.contents, f.id) != to.contents.end()) f.fired();
+  if (to.contents == nullptr) return;
+  const auto whole = to.contents(opts);
+  for (const auto &f : opts.faults) {
+    auto without = opts;
+    std::erase_if(without.faults, [&](const fault &other) { return other.text == f.text; });
+    if (to.contents(without) != whole) f.fired();
+  }
 }
 
 void count_program_faults(const options &opts, std::string_view program) {

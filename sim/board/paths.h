@@ -2,7 +2,6 @@
 #pragma once
 
 #include <optional>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -20,7 +19,8 @@ struct redirection {
   uint32_t number = 0;                     // of an I2C bus
   const fault *missing = nullptr;          // why the path leads nowhere
   const fault *refused = nullptr;          // why opening fails
-  std::span<const fault_id> contents{};    // what may be wrong in the file
+  // What the file holds on a board, if faults change that.
+  std::string (*contents)(const options &opts) = nullptr;
 };
 
 // What a call does with a path: it asks about the file, and what cannot be opened is no error; it opens it to read; it

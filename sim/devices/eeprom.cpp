@@ -80,7 +80,7 @@ void eeprom::stop() {
   if (!m_any_written) return;
   m_any_written = false;
   if (m_setup.write_protected && m_setup.write_protected()) return;
-  if (m_setup.locked != nullptr && changes() && m_setup.locked->strikes()) return;
+  if (changes() && std::ranges::any_of(m_setup.locked, [](const fault *f) { return f->strikes(); })) return;
   program();
 }
 

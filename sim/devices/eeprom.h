@@ -36,7 +36,7 @@ class eeprom : public i2c_device {
     bool busy_forever = false;              // a write cycle never ends
     const fault *slow = nullptr;            // why its busy time is not the usual one
     std::function<bool()> write_protected;  // the level of the protect pin; none: low
-    const fault *locked = nullptr;          // it drops what is written
+    std::vector<const fault *> locked;      // it drops what is written
     struct corruption {
       uint16_t offset;
       uint8_t bits;  // inverted when the byte is read

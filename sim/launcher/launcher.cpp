@@ -94,9 +94,15 @@ int write_report(const sim::file &output, const sim::command &cmd, int status) {
   return fail(sim::os_error(cmd.fault_report));
 }
 
-void show_result(const std::string &state) {
-  const auto records = sim::read_file(state + "/post/result");
-  if (records) (void)std::fwrite(records->data(), 1, records->size(), stdout);
+// Returns the exit status.
+int print(const std::string &text) {
+  const bool printed = std::fwrite(text.data(), 1, text.size(), stdout) == text.size() && std::fflush(stdout) == 0;
+  return printed ? 0 : fail(sim::os_error("standard output"));
+}
+
+int show_result(const std::string &state, int status) {
+  const int shown = print(sim::read_file(state + "/post/result").value_or(""));
+  return shown != 0 ? shown : status;
 }
 
 int report(const std::string &program, const sim::run_end &end) {
@@ -174,14 +180,8 @@ int run_on_board(sim::command cmd) {
   if (program.empty()) return fail(cmd.program + ": not found in PATH", exit_not_found);
   int status = run_with_library(cmd, program);
   if (faults.is_open()) status = write_report(faults, cmd, status);
-  if (cmd.show_result) show_result(cmd.opts.state);
+  if (cmd.show_result) status = show_result(cmd.opts.state, status);
   return status;
-}
-
-// Returns the exit status.
-int print(const std::string &text) {
-  const bool printed = std::fputs(text.c_str(), stdout) != EOF && std::fflush(stdout) == 0;
-  return printed ? 0 : fail(sim::os_error("standard output"));
 }
 
 bool is_ethtool(const char *name) {

@@ -45,6 +45,10 @@ bool state_directory::make_temporary(std::string *error) {
 bool state_directory::lock(std::string *error) {
   const auto path = m_path + "/lock";
   m_lock = file(sys::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC));
+  if (!m_lock.is_open()) {
+    *error = os_error(path);
+    return false;
+  }
   struct flock held {};
   do {
     held.l_type = F_WRLCK;

@@ -138,8 +138,10 @@ template <symbol name, class... A>
 FILE *stream(FILE *(*own)(const char *, const char *, A...), const char *path, const char *mode, A... rest) {
   const auto to = board_path(AT_FDCWD, path, intent_of(mode));
   if (to && to->error != 0) return failed<FILE *>(to->error);
-  if (to && to->device != sim::device::none) mode = strchr(mode, 'e') != nullptr ? "re" : "r";
-  return next<name>(own)(to ? to->path.c_str() : path, mode, rest...);
+  if (!to || to->device == sim::device::none) return next<name>(own)(to ? to->path.c_str() : path, mode, rest...);
+  FILE *const opened = next<name>(own)(to->path.c_str(), strchr(mode, 'e') != nullptr ? "re" : "r", rest...);
+  if (opened != nullptr) (void)sim::sys::fcntl(fileno(opened), F_SETFL, sim::device_mark(strchr(mode, '+') != nullptr));
+  return opened;
 }
 
 int rename_any(int from_dir, const char *from, int to_dir, const char *to, unsigned flags) {
@@ -453,6 +455,20 @@ int munmap(void *addr, size_t length) noexcept {
   const int result = next<"munmap">(munmap)(addr, length);
   if (result == 0) sim::device_mapped_over(addr, length);
   return result;
+}
+int mprotect(void *addr, size_t length, int prot) noexcept {
+  const auto result = sim::device_mprotect(addr, length, prot);
+  return result ? *result : next<"mprotect">(mprotect)(addr, length, prot);
+}
+void *mremap(void *addr, size_t length, size_t new_length, int flags, ...) noexcept {
+  va_list args;
+  va_start(args, flags);
+  void *const to = (flags & MREMAP_FIXED) != 0 ? va_arg(args, void *) : nullptr;
+  va_end(args);
+  if (const auto at = sim::device_mremap(addr, length, new_length, flags, to)) return *at;
+  void *const at = next<"mremap">(mremap)(addr, length, new_length, flags, to);
+  if (at != MAP_FAILED && to != nullptr) sim::device_mapped_over(at, new_length);
+  return at;
 }
 
 int iopl(int level) noexcept {

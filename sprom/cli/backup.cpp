@@ -128,6 +128,7 @@ exit_code keep_backup(const options_t &options, const target_t &target, const im
   if (error == 0) return EXIT_OK;
   complain("%s: not written: no backup of the old image: %s: %s; --backup names another file", target.label().c_str(),
            shown(path).c_str(), error_text(error).c_str());
+  path.clear();
   return EXIT_FAILED;
 }
 

@@ -59,18 +59,21 @@ std::vector<write_step_t> plan_write(std::span<const image_place_t> images, std:
   std::vector<bool> is_checksum(to.size());
   for (const placed_block_t &block : blocks)
     is_checksum[block.checksum] = is_checksum[block.checksum + 1] = true;
+  size_t differing = 0;
+  for (size_t offset = 0; offset < to.size(); ++offset)
+    differing += from[offset] != to[offset] ? 1U : 0U;
   writer_t writer{from};
   for (const placed_block_t &block : blocks) {
     bool is_changed = false;
     for (size_t offset = block.start; offset < block.end; ++offset)
-      is_changed = is_changed || (!is_checksum[offset] && from[offset] != to[offset]);
+      is_changed = is_changed || (from[offset] != to[offset] && (!is_checksum[offset] || differing > 1));
     if (is_changed) writer.put(block.checksum, mark);
   }
   for (size_t offset = 0; offset < to.size(); ++offset) {
     if (!is_checksum[offset]) writer.put(offset, to[offset]);
   }
   for (const placed_block_t &block : blocks) {
-    for (const size_t offset : {block.checksum, block.checksum + 1})
+    for (const size_t offset : {block.checksum + 1, block.checksum})
       writer.put(offset, to[offset]);
   }
   return writer.take();

@@ -4,12 +4,13 @@
 // image, the new one, or one that verification refuses. So every block that changes is first made invalid, by a
 // checksum that no sum of its bytes reaches, and the checksums come last:
 //
-//   marks      FF into the checksum's high byte of each block in which more than the checksum changes
+//   marks      FF into the checksum's high byte of each block that changes, unless that is one byte of its checksum and
+//              nothing else changes
 //   bodies     every byte that differs, outside the images, too
-//   checksums  each byte that differs or is the mark
+//   checksums  each byte that differs or is the mark, the mark last
 //
-// While a mark is set the whole image is refused, so that old and new blocks are never taken for one image. A
-// torn byte of a checksum fits its block only if it is the right one.
+// While a mark is set the whole image is refused, so that old and new blocks are never taken for one image, even if
+// the checksums of one are wrong. A torn byte of a right checksum fits its block only if it is the right one.
 #pragma once
 
 #include <stdint.h>

@@ -249,6 +249,11 @@ TEST(sim_flash, shows_each_fault_as_the_chip_would_and_counts_it) {
   expect_all(flash_faults, {sim::fault_part::flash}, sim::fault_id::flash_power_cut);
 }
 
+TEST(sim_flash, takes_several_faults_of_a_kind) {
+  chip flash({"flash-silent times=1", "flash-silent nth=2 times=1"});
+  flash.run("E0000:FFFF E0000:4007 E0000:FFFF E0000:4007");
+}
+
 // Sector 7 after the power was cut in the nth cycle of a script.
 std::string torn(const char *script, unsigned nth, unsigned seed) {
   const auto fault = "flash-power-cut nth=" + std::to_string(nth) + " seed=" + std::to_string(seed);

@@ -56,7 +56,8 @@ TEST(sim_i2c, devices_answer_as_their_data_sheets_say) {
       {"busy", {"eeprom-busy bus=1 addr=0x52 polls=4", "--busy=time"},
        "1:52 w200001 =; w = ENXIO; w = ENXIO; r1 = ENXIO; w = ENXIO; w2000 r1 = 01", {2}},
       {"busy for ever", {"eeprom-busy bus=1 addr=0x52"}, "1:52 w200001 =; w = ENXIO; w = ENXIO; w = ENXIO", {1}},
-      {"protected", {"eeprom-protected bus=1 addr=0x52"}, "1:52 w00001234 =; w0000 r2 = ABAB", {1}},
+      {"protected", {"eeprom-protected bus=1 addr=0x52 times=1", "eeprom-protected bus=1 addr=0x52 nth=2 times=1"},
+       "1:52 w00001234 =; w00001234 =; r1 = ENXIO; r1 = ENXIO; w00005678 =; w0000 r2 = 1234", {1, 1}},
       {"corrupt", {"eeprom-corrupt bus=1 addr=0x52 offset=1 xor=0x0F", "sprom-corrupt image=bp block=license offset=15 xor=1"},
        "1:52 w0000 r3 = ABA403; w11D5 r2 = 2931", {1, 1}},
 
@@ -64,8 +65,8 @@ TEST(sim_i2c, devices_answer_as_their_data_sheets_say) {
       {"one address byte", {"--family=tosk"}, "6:52 w22 r3 = 505752; wFF r2 = FFAB; w0022 =; r1 = ENXIO; r1 = ENXIO; w00 r2 = 22AB"},
       {"pages of eight", {"--family=tosk"}, "6:52 wFE010203 =; r1 = ENXIO; r1 = ENXIO; wFE r2 = 0102; wF8 r1 = 03"},
       // A byte is torn when the power goes. What is dead does not answer.
-      {"dies", {"--family=tosk", "eeprom-dies bus=6 addr=0x53 nth=2 torn=0xF0"},
-       "6:53 wF08A =; r1 = ENXIO; r1 = ENXIO; wF18A =; r1 = ENXIO; r1 = ENXIO; r1 = ENXIO; 6:52 wF1 r1 = FF", {2}},
+      {"dies", {"--family=tosk", "eeprom-power-cut bus=6 addr=0x53 nth=3", "eeprom-dies bus=6 addr=0x53 nth=2 torn=0xF0"},
+       "6:53 wF08A =; r1 = ENXIO; r1 = ENXIO; wF18A =; r1 = ENXIO; r1 = ENXIO; r1 = ENXIO; 6:52 wF1 r1 = FF", {0, 2}},
 
       // PCA9539: pairs alternate, from the odd register too; a read without a command goes on there; nothing
       // above register 7.
@@ -77,8 +78,8 @@ TEST(sim_i2c, devices_answer_as_their_data_sheets_say) {
       {"pins", {"--family=pellin", "pin-stuck bus=7 addr=0x75 pin=9 level=0"},
        "7:75 w00 r2 = FFFD; w000000 =; w02F7FF =; w00 r2 = FFFD; w06F7FD =; w00 r2 = F7FD; w02FFFF =; w00 r2 = FFFD; w040902 =; w00 r2 = F6FF; w02 r2 = FFFF", {5}},
       // PCA8575: a pull-up that the outside pulls low.
-      {"no registers", {"--family=pellin", "straps value=2"},
-       "8:26 r3 = FFBFFF; wF0 =; r2 = F0BF; wFF7F =; r2 = FF3F; wFFFFFE =; r2 = FEBF", {3}},
+      {"no registers", {"--family=pellin", "straps value=2", "straps value=1 nth=9"},
+       "8:26 r3 = FFBFFF; wF0 =; r2 = F0BF; wFF7F =; r2 = FF3F; wFFFFFE =; r2 = FEBF", {3, 0}},
 
       {"absent", {"i2c-absent bus=1 addr=0x52"}, "1:52 w0000 = ENXIO; r1 = ENXIO", {2}},
       // Busy time lets no transaction through and does not count; a failed one does not change the chip.

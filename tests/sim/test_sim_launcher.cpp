@@ -197,6 +197,7 @@ TEST_F(launcher, tells_wrong_arguments_and_unusable_boards_and_ends_with_2) {
   };
   for (const auto &[args, error] : cases)
     expect_run(run(args, {"system", "echo it runs"}), 2, "", "board-sim: " + error);
+  EXPECT_THAT(sh("board-sim --state /proc").err, MatchesRegex("board-sim: /proc/lock: (No such file|Permission).*\n"));
   EXPECT_EQ(sh("TMPDIR=/a:b board-sim").err, "board-sim: " + colon + "/a:b'\n");
 }
 
@@ -211,7 +212,8 @@ TEST_F(launcher, helps) {
   EXPECT_THAT(run({"--version"}).out, MatchesRegex("board-sim [0-9.]+\n"));
   EXPECT_EQ(run({"-h"}).out, run({"--help"}).out);
   EXPECT_EQ(run({"-V"}).out, run({"--version"}).out);
-  for (const std::string option : {"--help", "--version", "--list-faults"})
+  const auto result = "--show-result -- '" + own_path() + "' --part system 'echo x >/post/result'";
+  for (const std::string &option : {std::string("--help"), std::string("--list-faults"), result})
     expect_run(sh("board-sim " + option + " >/dev/full"), 2, "",
                "board-sim: standard output: No space left on device\n");
 }

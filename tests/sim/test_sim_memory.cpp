@@ -57,15 +57,21 @@ TEST(sim_devmem, maps_what_lies_in_a_window_and_nothing_else) {
   }
 }
 
-TEST(sim_devmem, knows_offsets_and_keeps_the_rest_when_a_part_is_taken_away) {
+TEST(sim_devmem, knows_offsets_and_answers_where_parts_are_taken_away_moved_and_get_other_rights) {
   const test_board board({"nvram-cell-stuck instance=1 offset=0x7000 bit=0 level=1"});
   auto *const bytes = static_cast<uint8_t *>(map(0xF4014000, 0x4000));  // the upper half of nvram1
   EXPECT_EQ(munmap(bytes + 0x2000, 0x1000), 0);
   EXPECT_EQ(rights(bytes + 0x1FFF), "--");
   EXPECT_EQ(rights(bytes + 0x2000), "");
-  auto *const words = reinterpret_cast<volatile uint16_t *>(bytes);
-  words[0x3000 / 2] = 0x5678;
-  EXPECT_EQ(words[0x3000 / 2], 0x5679);
+  EXPECT_EQ(mprotect(bytes + 0x1000, 0x1000, PROT_READ), 0);
+  EXPECT_EQ(mprotect(bytes + 0x1000, 0x1000, read_write), 0);
+  EXPECT_EQ(rights(bytes + 0x1000), "--");
+  EXPECT_EQ(mremap(bytes, 0x2000, 0x3000, MREMAP_MAYMOVE), MAP_FAILED);
+  auto *const words = static_cast<volatile uint16_t *>(
+      mremap(bytes + 0x3000, 0x1000, 0x1000, MREMAP_MAYMOVE | MREMAP_FIXED, bytes + 0x2000));
+  EXPECT_EQ(rights(bytes + 0x3000), "");
+  words[0] = 0x5678;
+  EXPECT_EQ(words[0], 0x5679);
   EXPECT_EQ(board.contents("nvram1").substr(0x7000, 2), "\x79\x56");
 }
 
@@ -105,6 +111,17 @@ TEST(sim_devmem, answers_no_memory_access_where_its_bar_does_not_map_memory) {
   }
 }
 
+TEST(sim_devmem, makes_the_flash_before_a_signals_handler_uses_it) {
+  const test_board board;
+  static volatile uint16_t *words;
+  words = map_window<uint16_t>(flash);
+  (void)signal(SIGALRM, [](int) { (void)words[1]; });
+  (void)ualarm(1000, 1000);
+  const auto low = static_cast<char>(words[0]);
+  (void)ualarm(0, 0);
+  EXPECT_EQ(low, board.contents("flash")[0]);
+}
+
 TEST(sim_devmem_death, ends_the_run_where_there_is_no_space_for_the_flash) {
   const test_board board;
   const rlimit limit{0x100000, 0x100000};
@@ -124,7 +141,17 @@ TEST(sim_devmem_death, carries_out_no_access_that_its_mapping_does_not_allow) {
     (void)munmap(const_cast<uint8_t *>(bytes) + at, 0x1000);
     return bytes;
   };
+  const auto changed = [&](int prot) {
+    auto *const bytes = mapped(read_write);
+    (void)mprotect(const_cast<uint8_t *>(bytes), 0x1000, prot);
+    return bytes;
+  };
+  const unique_fd reading(open("/dev/mem", O_RDONLY | O_CLOEXEC));
+  EXPECT_EQ(mmap(nullptr, 0x1000, read_write, MAP_SHARED, reading.get(), static_cast<off_t>(0xF4000000)), MAP_FAILED);
+  EXPECT_EQ(errno, EACCES);
   const auto killed = testing::KilledBySignal(SIGSEGV);
+  EXPECT_EXIT(changed(PROT_READ)[0] = 1, killed, "");
+  EXPECT_EXIT((void)changed(PROT_NONE)[0], killed, "");
   EXPECT_EXIT(mapped(PROT_READ)[0] = 1, killed, "");
   EXPECT_EXIT((void)mapped(PROT_NONE)[0], killed, "");
   EXPECT_EXIT((void)cut(0)[0], killed, "");

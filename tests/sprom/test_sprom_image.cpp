@@ -170,6 +170,20 @@ TEST(sprom_plan, stands_a_cut_at_any_byte_torn_to_anything) {
       cut[step.offset] = step.value;
       expect_no_false_block(type, cut, swapped);
     }
+
+    // To wrong checksums. The first one's high byte and the old low byte together would be right.
+    cut[14] = cut[15] = 0;
+    seal_image(&cut, type);
+    bytes wrong = cut;
+    wrong[14] = wrong[15] = 0x80;
+    seal_image(&wrong, type);
+    wrong[5] ^= 1;
+    wrong[165] ^= 1;
+    const bytes right = cut;
+    for (const tool::write_step_t &step : plan(type, right, wrong)) {
+      cut[step.offset] = step.value;
+      EXPECT_FALSE(is_false(cut, right, wrong, type)) << step.offset;
+    }
     EXPECT_TRUE(plan(type, other, other).empty());
   }
 }
