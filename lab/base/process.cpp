@@ -71,7 +71,8 @@ void follow(int fd, int stop_fd, clock::time_point end, process_result *result) 
   }
 }
 
-// Waits for the program itself; what it left running in its group goes with it.
+// Waits for the program itself; what it left running in its group goes with it, and is gone when this returns: orphans
+// become children of this process.
 void finish(pid_t child, process_result *result) {
   if (result->timed_out || result->stopped) (void)kill(-child, SIGKILL);
   // Until it is waited for, nobody else can have the group's number.
@@ -82,6 +83,8 @@ void finish(pid_t child, process_result *result) {
   int status = 0;
   rusage used{};
   while (wait4(child, &status, 0, &used) < 0 && errno == EINTR) {
+  }
+  while (waitpid(-child, nullptr, 0) > 0 || errno == EINTR) {
   }
   result->status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   result->cpu_seconds = seconds_of(used.ru_utime) + seconds_of(used.ru_stime);
@@ -111,6 +114,7 @@ process_result run_process(const std::vector<std::string> &words, const run_limi
   const rlimit processor{seconds, seconds + 2};
   const auto start = clock::now();
   const pid_t parent = getpid();
+  (void)prctl(PR_SET_CHILD_SUBREAPER, 1);
   const pid_t child = fork();
   if (child == 0) become(argv.data(), processor, output[1], told[1], parent);
   if (child < 0) result.error = errno;

@@ -183,6 +183,18 @@ size_t each_line(std::istream &in, const line_splitter::line_sink &sink) {
   return lines.lines();
 }
 
+void text_hash::add(std::string_view bytes) {
+  for (const char c : bytes)
+    add(static_cast<unsigned char>(c));
+  add(bytes.size());
+}
+
+std::string text_hash::text() const {
+  char digits[24];
+  (void)std::snprintf(digits, sizeof digits, "%016llx", static_cast<unsigned long long>(m_hash));
+  return digits;
+}
+
 bool take(std::string_view *text, std::string_view literal) {
   if (!text->starts_with(literal)) return false;
   text->remove_prefix(literal.size());

@@ -78,6 +78,19 @@ size_t each_line(std::istream &in, const line_splitter::line_sink &sink);
 // A stream of a file that can be read, or what keeps it from that in *error, with errno set.
 [[nodiscard]] std::ifstream open_file(const std::string &path, std::string *error);
 
+// A number for texts in this order: FNV-1a, Fowler, Noll and Vo.
+class text_hash {
+ public:
+  void add(std::string_view bytes);
+  // 16 digits.
+  [[nodiscard]] std::string text() const;
+
+ private:
+  void add(uint64_t number) { m_hash = (m_hash ^ number) * 0x100000001B3; }
+
+  uint64_t m_hash = 0xCBF29CE484222325;
+};
+
 // Takes a literal off the front. Returns whether it was there.
 bool take(std::string_view *text, std::string_view literal);
 

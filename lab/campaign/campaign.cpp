@@ -104,6 +104,7 @@ std::string campaign::go_on() {
 std::string campaign::plan_runs() {
   std::string error;
   auto space = space_of(m_request, m_runner->source(), &error);
+  if (auto wrong = m_runner->source_error(); !wrong.empty()) return wrong;
   if (!space) return error;
   m_plan.space = std::move(*space);
   repeat_runs(&m_plan.space, m_request.repeats);

@@ -54,8 +54,8 @@ class campaign {
   [[nodiscard]] std::vector<run_item> left() const;
   // Does them; `done` is called after each. Returns "" or what went wrong.
   [[nodiscard]] std::string run(const std::function<void(const run_result &)> &done);
-  // Leaves the work directory, so that the campaign can be gone on with.
-  void keep() { m_work.keep(); }
+  // Leaves the work directory, so that the campaign can be gone on with, or lets it go with this object.
+  void keep(bool stays) { m_work.keep(stays); }
   [[nodiscard]] const std::string &directory() const { return m_work.path(); }
 
   // Everything is done and taken.

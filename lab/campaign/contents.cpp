@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 
 #include "lab/base/files.h"
@@ -179,8 +180,14 @@ std::string contents_template::board_directory(const board_setting &board) const
 }
 
 std::string contents_template::take_eeproms(const board_setting &board, const std::string &state) {
+  // The directory has its name only once it has all of them.
   const auto to = board_directory(board);
-  return make_directory(to) ? copy_files(state, to, "eeprom-") : os_error(to);
+  const auto made = to + ".part";
+  std::error_code ignored;
+  std::filesystem::remove_all(made, ignored);
+  auto wrong = make_directory(made) ? copy_files(state, made, "eeprom-") : os_error(made);
+  if (wrong.empty() && rename(made.c_str(), to.c_str()) != 0) wrong = os_error(to);
+  return wrong;
 }
 
 bool contents_template::has_eeproms(const board_setting &board) const {

@@ -58,6 +58,7 @@ struct shard {
   std::string plan;               // identifies the programs and the runs of the whole campaign
   size_t all_runs = 0;            // of the whole campaign
   std::vector<size_t> positions;  // of its own runs among these
+  bool is_intact = true;          // they, and the runs, are what was written
 };
 
 struct matrix {

@@ -5,8 +5,10 @@
 #include <cmath>
 #include <limits>
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "lab/base/json_defect.h"
+#include "lab/base/text.h"
 #include "lab/run/rows.h"
 
 namespace lab {
@@ -105,6 +107,29 @@ void must_be(bool good, const std::string &what) {
   if (!good) throw std::invalid_argument(what);
 }
 
+// Whether the object has these; all of them or none.
+bool has_all(const ordered_json &value, std::initializer_list<const char *> keys) {
+  const auto there = std::ranges::count_if(keys, [&](const char *key) { return value.contains(key); });
+  must_be(there == 0 || static_cast<size_t>(there) == keys.size(),
+          "some but not all of " + std::string(*keys.begin()) + " and what belongs to it");
+  return there != 0;
+}
+
+// Of a key that an object has twice the library takes either value without a word.
+ordered_json parse(std::string_view text) {
+  std::vector<std::set<std::string>> keys;  // of the objects around the place
+  const auto look = [&keys](int /*depth*/, ordered_json::parse_event_t event, const ordered_json &value) {
+    if (event == ordered_json::parse_event_t::object_start) keys.emplace_back();
+    if (event == ordered_json::parse_event_t::object_end) keys.pop_back();
+    if (event == ordered_json::parse_event_t::key) {
+      auto key = value.get<std::string>();
+      must_be(keys.back().insert(key).second, "a key is there twice: " + printable(key));
+    }
+    return true;
+  };
+  return ordered_json::parse(text, look);
+}
+
 bool is_device(const std::string &name) {
   for (const auto &row : rows)
     for (size_t i = 0; i < row.parts.size(); ++i)
@@ -135,20 +160,22 @@ run_result from_json(const ordered_json &value) {
   run.status = number_in<uint8_t>(value, "status");
   run.contents = text_in(value, "contents");
   run.reason = text_in(value, "reason");
-  if (value.contains("headline")) {
+  if (has_all(value, {"explanation", "listed", "headline", "places"})) {
     const auto headline = headline_named(text_in(value, "headline"));
     must_be(headline.has_value(), "no headline says this");
     run.explained = run_explanation{text_in(value, "explanation"), value.at("listed").get<bool>(), *headline,
                                     number_in<uint64_t>(value, "places")};
   }
-  if (value.contains("located")) {
+  if (has_all(value, {"located", "located_places", "located_text", "located_contents"})) {
     const auto answer = located_named(text_in(value, "located"));
     must_be(answer.has_value(), "no such answer of post-locate");
     run.located = location{*answer, number_in<uint64_t>(value, "located_places"), text_in(value, "located_text"),
                            text_in(value, "located_contents")};
   }
-  if (value.contains("seconds")) run.seconds = seconds_in(value, "seconds");
-  if (value.contains("cpu_seconds")) run.cpu_seconds = seconds_in(value, "cpu_seconds");
+  if (has_all(value, {"seconds", "cpu_seconds"})) {
+    run.seconds = seconds_in(value, "seconds");
+    run.cpu_seconds = seconds_in(value, "cpu_seconds");
+  }
   return run;
 }
 
@@ -231,17 +258,31 @@ ordered_json to_json(const provenance &origin) {
   return value;
 }
 
-std::string head_of(const matrix &all) {
+std::string runs_text(const matrix &all) {
+  std::string text;
+  for (const auto &run : all.runs)
+    text += (&run == &all.runs.front() ? "\n    " : ",\n    ") + run_to_json(run, all.times.has_value());
+  return text;
+}
+
+// What an edit or a damaged disk changes in a part.
+std::string check_of(const std::vector<size_t> &positions, std::string_view runs) {
+  text_hash hash;
+  for (const auto position : positions)
+    hash.add(std::to_string(position));
+  hash.add(runs);
+  return hash.text();
+}
+
+std::string head_of(const matrix &all, std::string_view runs) {
   ordered_json head;
   head["format"] = format_name;
   head["version"] = format_version;
   head["origin"] = to_json(all.origin);
   if (all.part)
-    head["shard"] = {{"number", all.part->number},
-                     {"of", all.part->of},
-                     {"plan", all.part->plan},
-                     {"all_runs", all.part->all_runs},
-                     {"positions", all.part->positions}};
+    head["shard"] = {{"number", all.part->number},       {"of", all.part->of},
+                     {"plan", all.part->plan},           {"all_runs", all.part->all_runs},
+                     {"positions", all.part->positions}, {"check", check_of(all.part->positions, runs)}};
   head["space"] = all.space;
   head["description"] = all.description;
   head["repeats"] = all.repeats;
@@ -270,12 +311,21 @@ matrix read_matrix(const ordered_json &value) {
   all.repeats = number_in<uint32_t>(value, "repeats");
   for (const auto &kind : value.at("left_out"))
     all.left_out.emplace_back(text_in(kind, "fault"), text_in(kind, "reason"));
+  const bool timed = value.contains("times");
   for (const auto &run : value.at("runs"))
-    all.runs.push_back(from_json(run));
+    try {
+      must_be(run.contains("seconds") == timed, timed ? "no times" : "times, and the matrix has none");
+      all.runs.push_back(from_json(run));
+    } catch (const std::exception &wrong) {
+      throw std::invalid_argument("run " + std::to_string(all.runs.size() + 1) + ": " + json_defect(wrong));
+    }
   if (const auto times = value.find("times"); times != value.end())
     all.times = campaign_times{seconds_in(*times, "elapsed"), seconds_in(*times, "run_cpu"),
                                seconds_in(*times, "other_cpu"), number_in<unsigned>(*times, "jobs")};
-  if (value.contains("shard")) all.part = shard_from(value["shard"], all.runs.size());
+  if (value.contains("shard")) {
+    all.part = shard_from(value["shard"], all.runs.size());
+    all.part->is_intact = text_in(value["shard"], "check") == check_of(all.part->positions, runs_text(all));
+  }
   return all;
 }
 
@@ -286,23 +336,21 @@ std::string run_to_json(const run_result &run, bool times) {
 }
 
 std::string matrix_to_json(const matrix &all) {
-  auto text = head_of(all);
+  const auto runs = runs_text(all);
+  auto text = head_of(all, runs);
   text.resize(text.rfind('\n'));
-  text += ",\n  \"runs\": [";
-  for (const auto &run : all.runs)
-    text += (&run == &all.runs.front() ? "\n    " : ",\n    ") + run_to_json(run, all.times.has_value());
-  return text + "\n  ]\n}\n";
+  return text + ",\n  \"runs\": [" + runs + "\n  ]\n}\n";
 }
 
 std::optional<matrix> matrix_from_json(std::string_view text, std::string *error) try {
-  return read_matrix(ordered_json::parse(text));
+  return read_matrix(parse(text));
 } catch (const std::exception &wrong) {
   *error = json_defect(wrong);
   return std::nullopt;
 }
 
 std::optional<run_result> run_from_json(std::string_view text, std::string *error) try {
-  return from_json(ordered_json::parse(text));
+  return from_json(parse(text));
 } catch (const std::exception &wrong) {
   *error = json_defect(wrong);
   return std::nullopt;

@@ -1,5 +1,6 @@
 #include "lab/campaign/runner.h"
 
+#include <poll.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -83,9 +84,11 @@ std::string runner::prepare() {
     return m_options.board_sim + ": this board cannot count how often a fault fired";
   const auto locate = post_locate_beside(m_options.board_sim);
   if (m_options.locate && access(locate.c_str(), X_OK) != 0) return os_error(locate);
-  m_fault_list_text = run_process({m_options.board_sim, "--list-faults"}, short_limit, m_stop_fd).output;
+  const auto list = run_process({m_options.board_sim, "--list-faults"}, short_limit, m_stop_fd);
+  if (list.error != 0 || list.status != 0) return program_error(list, m_options.board_sim);
+  m_fault_list_text = list.output;
   m_source.functions = [this](const board_setting &board) {
-    if (!prepare_board(board).empty()) return std::vector<pci_position>{};
+    if (auto wrong = prepare_board(board); !wrong.empty()) m_source_error = std::move(wrong);
     const auto name = std::to_string(board.card) + "-" + board.revision;
     return parse_pci_list(read_whole(directory("boards/" + name + "/proc/bus/pci/devices")).value_or(""));
   };
@@ -94,10 +97,18 @@ std::string runner::prepare() {
   return m_contents.use(directory("before"));
 }
 
-// A short run on the healthy board makes its EEPROMs and its PCI list.
+std::string runner::source_error() const {
+  pollfd stop{m_stop_fd, POLLIN, 0};
+  return m_source_error.empty() && poll(&stop, 1, 0) > 0 ? "interrupted" : m_source_error;
+}
+
+// A short run on the healthy board makes its EEPROMs and its PCI list. What a campaign that was killed left of such a
+// run is of no use.
 std::string runner::prepare_board(const board_setting &board) {
   if (m_contents.has_eeproms(board)) return "";
   const auto state = directory("boards/" + std::to_string(board.card) + "-" + board.revision);
+  std::error_code ignored;
+  std::filesystem::remove_all(state, ignored);
   const auto made = run_process({m_options.board_sim, "--state", state, "--card", std::to_string(board.card),
                                  "--revision", board.revision, "--", "-s"},
                                 short_limit, m_stop_fd);

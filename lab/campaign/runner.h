@@ -34,6 +34,9 @@ class runner {
   [[nodiscard]] std::string prepare();
   // What a space is made from.
   [[nodiscard]] const space_source &source() const { return m_source; }
+  // Why what it was made from is not whole: a board that did not run, or the end that was asked for meanwhile. "" if
+  // it is.
+  [[nodiscard]] std::string source_error() const;
   // The list of faults as the board prints it.
   [[nodiscard]] const std::string &fault_list_text() const { return m_fault_list_text; }
 
@@ -59,6 +62,7 @@ class runner {
   int m_stop_fd;
   contents_template m_contents;
   space_source m_source;
+  std::string m_source_error;
   std::string m_fault_list_text;
 };
 

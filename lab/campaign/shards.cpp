@@ -8,8 +8,8 @@
 #include <numeric>
 #include <queue>
 
-#include "lab/base/fault_list.h"
 #include "lab/base/files.h"
+#include "lab/base/text.h"
 
 namespace lab {
 namespace {
@@ -19,21 +19,36 @@ struct shard_environment {
   const char *number;
   const char *of;
   const char *first;  // variable with the lowest number; null where that is `base`
+  const char *step;   // between two numbers; null where that is 1
   uint64_t base;
   const char *status_file;  // names a file that shows that sharding is understood
 };
 // clang-format off
 constexpr std::array environments{std::to_array<shard_environment>({
-    {"TEST_SHARD_INDEX",    "TEST_TOTAL_SHARDS",      nullptr,                0, "TEST_SHARD_STATUS_FILE"},  // Bazel
-    {"GTEST_SHARD_INDEX",   "GTEST_TOTAL_SHARDS",     nullptr,                0, "GTEST_SHARD_STATUS_FILE"},
-    {"SLURM_ARRAY_TASK_ID", "SLURM_ARRAY_TASK_COUNT", "SLURM_ARRAY_TASK_MIN", 1, nullptr},
-    {"CI_NODE_INDEX",       "CI_NODE_TOTAL",          nullptr,                1, nullptr},                   // GitLab
+    {"TEST_SHARD_INDEX",    "TEST_TOTAL_SHARDS",      nullptr,                nullptr,                 0, "TEST_SHARD_STATUS_FILE"},  // Bazel
+    {"GTEST_SHARD_INDEX",   "GTEST_TOTAL_SHARDS",     nullptr,                nullptr,                 0, "GTEST_SHARD_STATUS_FILE"},
+    {"SLURM_ARRAY_TASK_ID", "SLURM_ARRAY_TASK_COUNT", "SLURM_ARRAY_TASK_MIN", "SLURM_ARRAY_TASK_STEP", 1, nullptr},
+    {"CI_NODE_INDEX",       "CI_NODE_TOTAL",          nullptr,                nullptr,                 1, nullptr},                   // GitLab
 })};
 // clang-format on
 
-std::optional<uint64_t> variable(const char *name) {
+// A number in decimal, also with zeros before it: who counts 08, 09, 10 does not mean octal.
+std::optional<uint64_t> decimal(std::string_view text) {
+  const auto number = take_number<uint64_t>(&text);
+  return text.empty() ? number : std::nullopt;
+}
+
+// Its number; `usual` where there is no such variable, nothing where it is no number.
+std::optional<uint64_t> variable(const char *name, std::optional<uint64_t> usual = std::nullopt) {
   const char *const value = name == nullptr ? nullptr : std::getenv(name);
-  return value == nullptr ? std::nullopt : parse_c_number(value);
+  return value == nullptr ? usual : decimal(value);
+}
+
+// The turn of a number, from 1.
+std::optional<uint64_t> turn_of(std::optional<uint64_t> number, std::optional<uint64_t> first,
+                                std::optional<uint64_t> step) {
+  const bool fits = number && first && step && *step > 0 && *number >= *first && (*number - *first) % *step == 0;
+  return fits ? std::optional((*number - *first) / *step + 1) : std::nullopt;
 }
 
 std::optional<shard_number> made(std::optional<uint64_t> number, std::optional<uint64_t> of) {
@@ -44,9 +59,8 @@ std::optional<shard_number> made(std::optional<uint64_t> number, std::optional<u
 std::optional<shard_number> shard_of_environment(std::string *error) {
   for (const auto &one : environments) {
     if (std::getenv(one.number) == nullptr) continue;
-    const auto number = variable(one.number);
-    const auto shard = made(number ? std::optional(*number + 1 - variable(one.first).value_or(one.base)) : std::nullopt,
-                            variable(one.of));
+    const auto turn = turn_of(variable(one.number), variable(one.first, one.base), variable(one.step, 1));
+    const auto shard = made(turn, variable(one.of));
     if (!shard) *error = std::string("--shard auto: bad values of ") + one.number + " and " + one.of;
     const char *const file = one.status_file == nullptr ? nullptr : std::getenv(one.status_file);
     if (shard && file != nullptr) *error = write_whole(file, "");
@@ -56,11 +70,10 @@ std::optional<shard_number> shard_of_environment(std::string *error) {
   return std::nullopt;
 }
 
-// FNV-1a, Fowler, Noll and Vo.
-void add_to_hash(std::string_view bytes, uint64_t *hash) {
-  for (const char c : bytes)
-    *hash = (*hash ^ static_cast<unsigned char>(c)) * 0x100000001B3;
-  *hash = (*hash ^ bytes.size()) * 0x100000001B3;
+// The first half of a plan's identity.
+void add_item(const run_item &run, text_hash *hash) {
+  hash->add(run.key());
+  hash->add(run.stratum);
 }
 
 bool is_same_program(const provenance &a, const provenance &b) {
@@ -71,7 +84,8 @@ bool is_same_program(const provenance &a, const provenance &b) {
 std::string conflict(const matrix &a, const matrix &b) {
   if (!b.part) return "no shard, but a whole matrix";
   if (!is_same_program(a.origin, b.origin)) return "made by or of another program";
-  if (a.space != b.space || a.description != b.description || a.repeats != b.repeats) return "another fault space";
+  const bool same_space = a.space == b.space && a.description == b.description && a.repeats == b.repeats;
+  if (!same_space || a.left_out != b.left_out) return "another fault space";
   if (a.part->of != b.part->of || a.part->all_runs != b.part->all_runs) return "a shard of another number of shards";
   return a.part->plan == b.part->plan ? "" : "made with other programs, or of other runs";
 }
@@ -106,12 +120,13 @@ class whole_plan {
 
   // Returns "" or what is covered twice.
   std::string add(const std::string &name, const matrix &part) {
-    m_shards.push_back(part.part->number);
     for (size_t i = 0; i < part.runs.size(); ++i) {
       const auto [before, is_new] = m_runs.try_emplace(part.part->positions[i], name, part.runs[i]);
       if (!is_new) return part.runs[i].what.key() + " is in " + before->second.first + " and in " + name;
     }
-    return "";
+    const auto number = part.part->number;
+    const auto [before, is_new] = m_shards.try_emplace(number, name);
+    return is_new ? "" : "shard " + std::to_string(number) + " is in " + before->second + " and in " + name;
   }
 
   // Returns "" or what is in no part.
@@ -121,10 +136,29 @@ class whole_plan {
       runs.push_back(position + 1);
     const auto lost_runs = gaps_text(runs, m_all_runs);
     if (lost_runs.empty()) return "";
-    std::ranges::sort(m_shards);
-    const auto lost = gaps_text(m_shards, m_all_shards);
+    std::vector<size_t> shards;
+    for (const auto &[number, name] : m_shards)
+      shards.push_back(number);
+    const auto lost = gaps_text(shards, m_all_shards);
     return "missing of " + std::to_string(m_all_runs) + " runs, by their line in --list: " + lost_runs +
            (lost.empty() ? "" : "; no matrix was given of shard " + lost + " of " + std::to_string(m_all_shards));
+  }
+
+  // Returns "" if they are the runs that the plan was made of, each at its place.
+  [[nodiscard]] std::string altered(std::string_view identity) const {
+    text_hash hash;
+    for (const auto &[position, run] : m_runs)
+      add_item(run.second.what, &hash);
+    if (identity.starts_with(hash.text())) return "";
+    std::string text = "the runs are not those of the plan: a fault, its board, mode, turn or position was changed";
+    std::map<std::string, size_t> seen;
+    for (const auto &[position, run] : m_runs) {
+      const auto [before, is_new] = seen.try_emplace(run.second.what.key(), position);
+      if (!is_new)
+        return text + "; twice: " + before->first + ", as run " + std::to_string(before->second + 1) + " and run " +
+               std::to_string(position + 1);
+    }
+    return text;
   }
 
   [[nodiscard]] std::vector<run_result> take_runs() {
@@ -138,7 +172,7 @@ class whole_plan {
   size_t m_all_runs;
   size_t m_all_shards;
   std::map<size_t, std::pair<std::string, run_result>> m_runs;  // with the part's name
-  std::vector<size_t> m_shards;
+  std::map<size_t, std::string> m_shards;                       // by number, the same
 };
 
 }  // namespace
@@ -146,8 +180,7 @@ class whole_plan {
 std::optional<shard_number> parse_shard(std::string_view text, std::string *error) {
   if (text == "auto") return shard_of_environment(error);
   const auto slash = std::min(text.find('/'), text.size());
-  const auto shard =
-      made(parse_c_number(text.substr(0, slash)), parse_c_number(text.substr(std::min(slash + 1, text.size()))));
+  const auto shard = made(decimal(text.substr(0, slash)), decimal(text.substr(std::min(slash + 1, text.size()))));
   if (!shard) *error = "--shard: '" + std::string(text) + "' is neither K/N, with K from 1 to N, nor auto";
   return shard;
 }
@@ -175,14 +208,13 @@ std::vector<std::vector<size_t>> split(const std::vector<run_item> &runs, size_t
 }
 
 std::string plan_identity(const std::vector<run_item> &runs, const std::vector<std::string> &deciding) {
-  uint64_t hash = 0xCBF29CE484222325;
+  text_hash items;
   for (const auto &run : runs)
-    add_to_hash(run.key(), &hash);
+    add_item(run, &items);
+  text_hash rest;
   for (const auto &bytes : deciding)
-    add_to_hash(bytes, &hash);
-  char text[24];
-  (void)std::snprintf(text, sizeof text, "%016llx", static_cast<unsigned long long>(hash));
-  return text;
+    rest.add(bytes);
+  return items.text() + "-" + rest.text();
 }
 
 std::optional<matrix> merge(std::vector<std::pair<std::string, matrix>> parts, std::string *error) {
@@ -203,6 +235,10 @@ std::optional<matrix> merge(std::vector<std::pair<std::string, matrix>> parts, s
     if (part.origin.machine != first.origin.machine) first.origin.machine = "several";
   }
   *error = plan.missing();
+  if (error->empty()) *error = plan.altered(first.part->plan);
+  for (const auto &[name, part] : parts)
+    if (!part.part->is_intact)
+      *error = name + ": its runs are not those that were written" + (error->empty() ? "" : "; " + *error);
   if (!error->empty()) return std::nullopt;
   if (parts.size() == 1) times.jobs = first.times ? first.times->jobs : 0;
   auto whole = std::move(first);

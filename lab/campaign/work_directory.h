@@ -5,7 +5,8 @@
 
 namespace lab {
 
-// It goes with its owner unless it is kept. Only one campaign at a time can have a directory.
+// A new one goes with its owner unless it is kept; one that was taken over stays unless it is let go. Only one campaign
+// at a time can have a directory.
 class work_directory {
  public:
   work_directory() = default;
@@ -18,7 +19,7 @@ class work_directory {
   [[nodiscard]] std::string make(const std::string &asked);
   // Takes over the one of an interrupted campaign.
   [[nodiscard]] std::string take_over(const std::string &asked);
-  void keep() { m_goes = false; }
+  void keep(bool stays) { m_goes = !stays; }
 
   [[nodiscard]] const std::string &path() const { return m_path; }
 

@@ -61,13 +61,14 @@ struct wrong_byte {
   std::vector<uint32_t> offsets;  // in the block, any of them
   std::string bits;               // that differ
   std::string where;
+  size_t places;
   bool may_differ;
 };
 
 // A wrong signature or length shows the byte; a wrong sum shows none.
 std::optional<wrong_byte> byte_of(const bad_block &bad, uint32_t length) {
   const auto one = [](uint32_t offset, uint32_t bits) {
-    return wrong_byte{{offset}, list_of(bits), "byte " + std::to_string(offset) + " of the block", false};
+    return wrong_byte{{offset}, list_of(bits), "byte " + std::to_string(offset) + " of the block", 1, false};
   };
   const auto signature = bad.find(field::signature);
   const auto size = bad.find(field::length);
@@ -77,8 +78,9 @@ std::optional<wrong_byte> byte_of(const bad_block &bad, uint32_t length) {
     return differs > 0xFF ? one(SPROM_BLK_SIGNATURE, differs >> 8) : one(SPROM_BLK_SIGNATURE + 1, differs);
   }
   if (size != bad.end()) return one(SPROM_BLK_LENGTH, size->second.differs() & 0xFF);
-  wrong_byte other{{SPROM_BLK_VERSION}, "*", "a byte of this block, or of its checksum", true};
-  for (uint32_t offset = SPROM_BLK_CHECKSUM; offset < length; ++offset)
+  // Those of the signature and the length print a line of their own, which can be lost.
+  wrong_byte other{{}, "*", "a byte of this block, or of its checksum", length - SPROM_BLK_CHECKSUM + 1, true};
+  for (uint32_t offset = 0; offset < length; ++offset)
     other.offsets.push_back(offset);
   return other;
 }
@@ -100,7 +102,7 @@ void add_byte(const image_row &image, std::string_view key, const sprom_block_t 
     group.where = byte->where;
     group.how = "differs";
     group.may_differ = byte->may_differ;
-    group.places = byte->offsets.size();
+    group.places = byte->places;
     found->faults.push_back(std::move(group));
   }
 }

@@ -299,8 +299,16 @@ void run_explainer::scan_outside(const message_list &messages, std::string_view 
   scan(std::move(where));
 }
 
-// A run that was not completed, unless a known line shows what ended it.
+// A run that was not completed, unless a known line shows what ended it; one that failed without a device's line.
 void run_explainer::add_end() {
+  if (m_log.completed && m_log.passed == false && m_all.findings.empty()) {
+    finding found;
+    found.part = ended_run;
+    found.known = false;
+    found.what = "its verdict is failed, and no device shows it: lines are missing";
+    found.next.emplace_back("Run the test again and keep what it prints.");
+    m_all.findings.push_back(std::move(found));
+  }
   if (m_log.completed) return;
   const auto explains = [&](const finding &one) {
     const bool by_assertion = m_log.asserted && !m_unknown_ending && one.known && one.device == m_stopped_in;

@@ -15,7 +15,12 @@ constexpr std::string_view bridge_ids =
     "?pci-missing bus=0x16,0x2E,6 dev=0 func=0; ?pci-wrong-id bus=0x16,0x2E,6 dev=0 func=0 vendor=* device=*";
 constexpr std::string_view eeprom_unreadable =
     "i2c-bus-absent bus=1; i2c-absent bus=1 addr=0x52; i2c-fail bus=1 addr=0x52 errno=* times=0";
-constexpr std::string_view eeprom_unread_at_times = "~i2c-absent bus=1 addr=0x52; ~i2c-fail bus=1 addr=0x52 errno=*";
+// A line that is lost can have been that of another device, or of a block.
+constexpr std::string_view eeprom_unread_at_times =
+    "~i2c-absent bus=1 addr=0x52; ~i2c-fail bus=1 addr=0x52 errno=*; ?i2c-bus-absent bus=1";
+constexpr std::string_view sprom_unread =
+    "~i2c-absent bus=1 addr=0x52; ~i2c-fail bus=1 addr=0x52 errno=*; ?i2c-bus-absent bus=1; "
+    "?eeprom-corrupt bus=1 addr=0x52 offset=* xor=*; ?sprom-corrupt image=* block=* offset=* xor=*";
 constexpr std::string_view eeprom_perhaps_unreadable =
     "?i2c-bus-absent bus=1; ?i2c-absent bus=1 addr=0x52; ?i2c-fail bus=1 addr=0x52 errno=*; "
     "~i2c-absent bus=1 addr=0x52; ~i2c-fail bus=1 addr=0x52 errno=*";
@@ -109,7 +114,7 @@ constexpr std::array table{std::to_array<text_row>({
                 "", ""},
     {"seeprom", "",                                                 none,      "",
                 "{part}", "could not be read: no block was compared",
-                eeprom_unread_at_times, look_at_bus},
+                sprom_unread, look_at_bus},
 
     // GigE.
     {"gige",    "ethtool: {shell}not found",                        none,      "",

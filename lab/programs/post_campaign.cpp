@@ -111,15 +111,15 @@ std::string shell_word(const std::string &word) {
 }
 
 // What was typed, under the name of the command that started this program, but with the directory of the interrupted
-// campaign.
+// campaign, whose plan holds the shard.
 std::string resume_command(const std::string &work) {
   const char *const command = std::getenv("POST_CAMPAIGN_COMMAND");
   std::string line = shell_word(command != nullptr ? command : typed_command) + " --resume " + shell_word(work);
   for (size_t i = 0; i < typed.size(); ++i) {
     const std::string name = typed[i].substr(0, typed[i].find('='));
-    const bool is_place = name == "--resume" || name == "--work";
-    if (!is_place) line += " " + shell_word(typed[i]);
-    if (is_place && name == typed[i]) ++i;
+    const bool is_other = name == "--resume" || name == "--work" || name == "--shard";
+    if (!is_other) line += " " + shell_word(typed[i]);
+    if (is_other && name == typed[i]) ++i;
   }
   return line;
 }
@@ -142,12 +142,17 @@ std::string list_runs(const lab::campaign &all) {
   return lab::write_whole("-", text);
 }
 
+void say_how_to_go_on(const std::string &what, const lab::campaign &all) {
+  (void)fail(what + "; go on with: " + resume_command(all.directory()));
+}
+
 // Returns nothing and says why in *error if there is no whole matrix.
-std::optional<lab::matrix> run_campaign(const options &opts, std::string *error) {
-  lab::campaign all(opts.campaign, stop_pipe[0]);
+std::optional<lab::matrix> run_campaign(const options &opts, lab::campaign &all, std::string *error) {
   *error = all.prepare();
   if (!error->empty()) {
-    if (stop_signal != 0) error->clear();  // what the signal ended has not failed
+    if (stop_signal == 0) return std::nullopt;
+    error->clear();  // what the signal ended has not failed
+    if (!opts.campaign.resume.empty()) say_how_to_go_on("interrupted", all);
     return std::nullopt;
   }
   if (opts.list) {
@@ -159,8 +164,8 @@ std::optional<lab::matrix> run_campaign(const options &opts, std::string *error)
   *error = all.run([&live](const lab::run_result &result) { live.add(result); });
   live.end();
   const bool whole = all.left().empty();
-  if (opts.campaign.keep || !whole) all.keep();
-  if (!whole) (void)fail("interrupted; go on with: " + resume_command(all.directory()));
+  all.keep(opts.campaign.keep || !whole);
+  if (!whole) say_how_to_go_on("interrupted", all);
   if (!whole || !error->empty()) return std::nullopt;
   auto matrix = all.take_matrix("post-campaign " LAB_VERSION, lab_commit);
   matrix.times = times_of(matrix, start, opts.campaign.jobs);
@@ -349,14 +354,27 @@ int run(const options &opts) {
     former = read_matrix(opts.expect, &error);
     if (!former) return fail(error);
   }
+  std::optional<lab::campaign> campaign;
   std::optional<lab::matrix> matrix;
   if (!opts.merge.empty())
     matrix = merge_matrices(opts.merge, &error);
+  else if (!opts.read.empty())
+    matrix = read_matrix(opts.read, &error);
   else
-    matrix = opts.read.empty() ? run_campaign(opts, &error) : read_matrix(opts.read, &error);
-  if (!matrix && error.empty() && stop_signal != 0) end_by_signal();
-  if (!matrix) return fail(error);
-  return opts.list ? lab::EXIT_CLEAN : conclude(opts, std::move(*matrix), former);
+    matrix = run_campaign(opts, campaign.emplace(opts.campaign, stop_pipe[0]), &error);
+  if (!matrix) {
+    campaign.reset();
+    if (error.empty() && stop_signal != 0) end_by_signal();
+    return fail(error);
+  }
+  if (opts.list) return lab::EXIT_CLEAN;
+  const int status = conclude(opts, std::move(*matrix), former);
+  // The runs are not lost with a file that cannot be written.
+  if (campaign && status == lab::EXIT_USAGE) {
+    campaign->keep(true);
+    say_how_to_go_on("the runs are done", *campaign);
+  }
+  return status;
 }
 
 }  // namespace

@@ -102,6 +102,7 @@ TEST_F(campaign, goes_on_where_it_was_interrupted_and_keeps_what_each_run_left) 
   ASSERT_EQ(sh("post-campaign --from few --shard 1/2 --no-times --json 1.json").status, 0);
   ASSERT_EQ(sh("post-campaign --from few --shard 2/2 --work second --keep").status, 0);
   ASSERT_EQ(sh("rm second/runs && post-campaign --resume second --no-times --json 2.json").status, 0);
+  EXPECT_FALSE(exists("second"));
   EXPECT_EQ(sh("post-campaign --merge 2.json 1.json --no-times --json merged.json").status, 0);
   EXPECT_EQ(load("merged.json"), load("whole.json"));
   expect_run(sh("post-campaign --merge 2.json"), 2, "", HasSubstr("no matrix was given of shard 1 of 2"));
@@ -118,7 +119,7 @@ TEST_F(campaign, ends_its_runs_with_itself_and_says_how_to_go_on) {
   // The second run would take ten minutes.
   save("long", "pci-missing bus=2 dev=0 func=0\n--mode=no-flash lock-held lock=nvram0 kind=read ms=600000\n");
   const outcome ran =
-      sh("post-campaign --from long -j 1 --work here --limit 900 >out 2>err & pid=$!\n"
+      sh("post-campaign --from long -j 1 --work here --shard 1/1 --limit 900 >out 2>err & pid=$!\n"
          "until grep -q pci-missing here/runs && [ -e here/run-2/state/faults ]; do :; done 2>/dev/null\n"
          "kill -TERM $pid; wait $pid; echo $?");
   EXPECT_EQ(ran.out, "143\n");
@@ -126,11 +127,11 @@ TEST_F(campaign, ends_its_runs_with_itself_and_says_how_to_go_on) {
               ContainsRegex("interrupted; go on with: post-campaign --resume .*here.? --from long -j 1 --limit 900\n"));
   EXPECT_TRUE(exists("here/plan.json"));
   EXPECT_EQ(sh("grep -l 'here/run-[2]' /proc/[0-9]*/cmdline").out, "") << "a run outlives its campaign";
-  // The signal comes while the accesses of a healthy run are counted.
-  EXPECT_EQ(sh("post-campaign --set transients --work count & until [ -e count/occasions ]; do :; done\n"
-               "kill -TERM $!; wait $!; echo $?")
-                .out,
-            "143\n");
+  // The signal comes while the accesses of a healthy run are counted, or its functions: there is no plan yet.
+  for (const std::string planning : {"--set transients --work w & until [ -e w/occasions ]",
+                                     "--fault 'pci-missing function=*' --work w & until [ -e w/boards/11062-P1 ]"})
+    expect_run(sh("post-campaign " + planning + "; do :; done; kill -TERM $!; wait $!; echo $?; ls w"), 2, "143\n",
+               Not(HasSubstr("interrupted")));
 }
 
 TEST_F(campaign, ends_a_run_that_takes_longer_than_its_limit) {
@@ -213,6 +214,9 @@ TEST_F(campaign, ends_with_its_status_and_says_why) {
       {"--jobs 0",                              2, "bad value '0' of option '--jobs', allowed is 1 to 1024"},
       {"--limit none",                          2, "--limit"},
       {"--shard 8/7 --list",                    2, "'8/7' is neither K/N"},
+      {"--shard '' --list",                     2, "empty value of option '--shard'"},
+      {"--fault sprom-refuse --work w --json - >/dev/full", 2, "the runs are done; go on with: post-campaign --resume "},
+      {"--resume w",                            0, ""},
       {"--merge good.json",                     2, "good.json: no shard"},
       {"--version",                             0, ""},
   });

@@ -358,7 +358,10 @@ TEST(matrix, is_refused_when_it_is_none) {
         edited(text, {{R"("verdict":"failed")", R"("verdict":"<script>")"}}),
         edited(text, {{R"("nvram.0")", R"("nvram.7")"}}), edited(text, {{"because", "be\\u001bcause"}}),
         edited(text, {{R"("card":11062)", R"("card":70000)"}}),
-        edited(text, {{R"("seconds":0.25)", R"("seconds":-1)"}}),
+        edited(text, {{R"("seconds":0.25)", R"("seconds":-1)"}}), edited(text, {{R"(,"seconds":0.25)", ""}}),
+        edited(text, {{R"("seconds":0.25,"cpu_seconds":)", R"("x":)"}}),
+        edited(text, {{R"("reason":"because")", R"("reason":"because","places":1)"}}),
+        edited(text, {{R"("fired":3)", R"("fired":3,"fired":4)"}}),
         edited(text, {{R"("revision":"P1")", R"("revision":"<b>")"}}), edited(text, {{"bench", "be\\u009bnch"}})}) {
     ASSERT_FALSE(wrong.starts_with("nothing like it")) << wrong;
     std::string error;
@@ -581,23 +584,37 @@ TEST(shards, cost_the_same_and_make_the_whole_again) {
 }
 
 TEST(shards, that_do_not_belong_together_are_refused) {
-  const auto parts = parts_of(whole_of(9), 3);
-  const auto error_of = [&](void (*change)(named_parts *)) {
+  const auto parts = parts_of(whole_of(5), 6);  // the last one is empty
+  const struct {
+    void (*change)(named_parts *);
+    const char *error;
+  } cases[] = {
+      // clang-format off
+      {[](auto *p) { p->erase(p->begin() + 1); },                    "missing of 5 runs, by their line in --list: .*; no matrix was given of shard 2 of 6"},
+      {[](auto *p) { p->at(2).second.part.reset(); },                "3: no shard, but a whole matrix"},
+      {[](auto *p) { p->emplace_back("again", p->at(1).second); },   ".* is in 2 and in again"},
+      {[](auto *p) { p->emplace_back("again", p->at(5).second); },   "shard 6 is in 6 and in again"},
+      {[](auto *p) { p->at(1).second.part->plan = "x"; },            "2: made with other programs, or of other runs"},
+      {[](auto *p) { p->at(1).second.origin.word_bits = 64; },       "2: made by or of another program"},
+      {[](auto *p) { p->at(1).second.space = "lines"; },             "2: another fault space"},
+      {[](auto *p) { p->at(1).second.left_out.clear(); },            "2: another fault space"},
+      {[](auto *p) { p->at(1).second.part->of = 4; },                "2: a shard of another number of shards"},
+      {[](auto *p) { p->at(1).second.runs[0] = p->at(2).second.runs[0]; }, "the runs are not .* was changed; twice: flash-.*, as run . and run ."},
+      {[](auto *p) { p->at(1).second.runs[0].what.stratum = "other"; }, "the runs are not those of the plan: .* was changed"},
+      {[](auto *p) { std::swap(p->at(1).second.part->positions, p->at(2).second.part->positions); }, "the runs are not .* was changed"},
+      {[](auto *p) {
+         std::string error;
+         p->at(1).second = *lab::matrix_from_json(edited(lab::matrix_to_json(p->at(1).second), {{"missed\",\"fired", "hung\",\"fired"}}), &error);
+       }, "2: its runs are not those that were written"},
+      // clang-format on
+  };
+  for (const auto &[change, expected] : cases) {
     auto changed = parts;
     change(&changed);
     std::string error;
-    EXPECT_FALSE(lab::merge(std::move(changed), &error));
-    return error;
-  };
-  EXPECT_THAT(error_of([](auto *p) { p->erase(p->begin() + 1); }),
-              MatchesRegex("missing of 9 runs, by their line in --list: .*; no matrix was given of shard 2 of 3"));
-  EXPECT_EQ(error_of([](auto *p) { p->at(2).second.part.reset(); }), "3: no shard, but a whole matrix");
-  EXPECT_THAT(error_of([](auto *p) { p->at(2) = {"again", p->at(1).second}; }), HasSubstr(" is in 2 and in again"));
-  EXPECT_EQ(error_of([](auto *p) { p->at(1).second.part->plan = "x"; }),
-            "2: made with other programs, or of other runs");
-  EXPECT_EQ(error_of([](auto *p) { p->at(1).second.origin.word_bits = 64; }), "2: made by or of another program");
-  EXPECT_EQ(error_of([](auto *p) { p->at(1).second.space = "lines"; }), "2: another fault space");
-  EXPECT_EQ(error_of([](auto *p) { p->at(1).second.part->of = 4; }), "2: a shard of another number of shards");
+    EXPECT_FALSE(lab::merge(std::move(changed), &error)) << expected;
+    EXPECT_THAT(error, MatchesRegex(expected));
+  }
 }
 
 TEST(shards, are_numbered_by_the_user_or_the_environment) {
@@ -609,13 +626,20 @@ TEST(shards, are_numbered_by_the_user_or_the_environment) {
   } cases[] = {
       {"2/7", {}, "2/7"},
       {"0/7", {}, ""},
-      {"2", {}, ""},
+      {"", {}, ""},
+      {"08/10", {}, "8/10"},
       {"auto", {}, ""},
       {"auto", {{"TEST_SHARD_INDEX", "0"}, {"TEST_TOTAL_SHARDS", "4"}}, "1/4"},
       {"auto", {{"GTEST_SHARD_INDEX", "3"}, {"GTEST_TOTAL_SHARDS", "4"}}, "4/4"},
       {"auto", {{"GTEST_SHARD_INDEX", "4"}, {"GTEST_TOTAL_SHARDS", "4"}}, ""},
       {"auto", {{"SLURM_ARRAY_TASK_ID", "5"}, {"SLURM_ARRAY_TASK_COUNT", "7"}, {"SLURM_ARRAY_TASK_MIN", "1"}}, "5/7"},
-      {"auto", {{"SLURM_ARRAY_TASK_ID", "0"}, {"SLURM_ARRAY_TASK_COUNT", "7"}, {"SLURM_ARRAY_TASK_MIN", "0"}}, "1/7"},
+      {"auto", {{"SLURM_ARRAY_TASK_ID", "5"}, {"SLURM_ARRAY_TASK_COUNT", "7"}, {"SLURM_ARRAY_TASK_MIN", "x"}}, ""},
+      {"auto",
+       {{"SLURM_ARRAY_TASK_ID", "4"},
+        {"SLURM_ARRAY_TASK_COUNT", "3"},
+        {"SLURM_ARRAY_TASK_MIN", "0"},
+        {"SLURM_ARRAY_TASK_STEP", "2"}},
+       "3/3"},
       {"auto", {{"CI_NODE_INDEX", "2"}, {"CI_NODE_TOTAL", "3"}}, "2/3"},
       {"auto", {{"CI_NODE_INDEX", "x"}, {"CI_NODE_TOTAL", "3"}}, ""},
   };

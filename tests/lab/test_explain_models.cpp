@@ -245,7 +245,9 @@ TEST(explain_models, never_name_less_from_a_log_that_was_cut) {
 
 // Nor from one without any of its lines.
 TEST(explain_models, list_the_fault_where_a_line_is_lost) {
-  for (const std::string fault : {"ethtool-silent", "mem-mmap-refused errno=12 nth=3"}) {
+  for (const std::string fault : {"ethtool-silent", "mem-mmap-refused errno=12 nth=3", "i2c-bus-absent bus=1",
+                                  "eeprom-corrupt bus=1 addr=0x52 offset=0x11CE xor=0x90",
+                                  "sprom-corrupt image=sup block=sensor offset=1 xor=8"}) {
     const auto lines = lines_of(run_with("11062", {fault}));
     for (size_t lost = 0; lost < lines.size(); ++lost) {
       std::string text;

@@ -117,6 +117,8 @@ TEST_F(post_explain, guesses_nothing_from_damaged_and_foreign_logs) {
        "failed\nNVRAM 0: count: a word reads wrong: the line with the words is missing\n"},
       {"an unknown text",    with("the lamp is broken\n"),
        "failed\nNVRAM: not known: failed, and none of its lines is known\nunknown: 1\n"},
+      {"without its error",  edited(full_log, {{"Completed Successfully", "Failed"}}),
+       "failed\nthe run: not known: its verdict is failed, and no device shows it: lines are missing\n"},
       {"no text",            with(""),
        "failed\nNVRAM: not known: failed, and none of its lines is known\n"},
       {"of no run",          "login\n\xff\x01 0x0000: Expected\n", ""},
