@@ -63,13 +63,15 @@ void ask_to_stop(int signal) {
   (void)!write(stop_pipe[1], "", 1);
 }
 
-bool catch_signals() {
+// What runs nothing just ends by them.
+bool catch_signals(bool has_runs) {
+  (void)std::signal(SIGPIPE, SIG_IGN);
+  if (!has_runs) return true;
   if (pipe2(stop_pipe, O_CLOEXEC | O_NONBLOCK) != 0) return false;
   struct sigaction act {};
   act.sa_handler = ask_to_stop;
   for (const int signal : {SIGINT, SIGTERM, SIGHUP})
     (void)sigaction(signal, &act, nullptr);
-  (void)std::signal(SIGPIPE, SIG_IGN);
   return true;
 }
 
@@ -346,7 +348,7 @@ void add_options(CLI::App *app, options *opts) {
 }
 
 int run(const options &opts) {
-  if (!catch_signals()) return fail(lab::os_error("pipe"));
+  if (!catch_signals(opts.merge.empty() && opts.read.empty())) return fail(lab::os_error("pipe"));
   std::string error = check_files(opts);
   if (!error.empty()) return fail(error);
   std::optional<lab::matrix> former;

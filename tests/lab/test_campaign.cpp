@@ -132,6 +132,7 @@ TEST_F(campaign, ends_its_runs_with_itself_and_says_how_to_go_on) {
                                      "--fault 'pci-missing function=*' --work w & until [ -e w/boards/11062-P1 ]"})
     expect_run(sh("post-campaign " + planning + "; do :; done; kill -TERM $!; wait $!; echo $?; ls w"), 2, "143\n",
                Not(HasSubstr("interrupted")));
+  EXPECT_EQ(sh("sleep 4 | timeout -s TERM -k 1 1 post-campaign --read /dev/stdin").status, 124) << "it waits on";
 }
 
 TEST_F(campaign, ends_a_run_that_takes_longer_than_its_limit) {
