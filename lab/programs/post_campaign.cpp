@@ -70,8 +70,11 @@ bool catch_signals(bool has_runs) {
   if (pipe2(stop_pipe, O_CLOEXEC | O_NONBLOCK) != 0) return false;
   struct sigaction act {};
   act.sa_handler = ask_to_stop;
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP})
-    (void)sigaction(signal, &act, nullptr);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction former {};
+    const bool ignored = sigaction(signal, nullptr, &former) == 0 && former.sa_handler == SIG_IGN;  // as by nohup
+    if (!ignored) (void)sigaction(signal, &act, nullptr);
+  }
   return true;
 }
 

@@ -132,6 +132,10 @@ TEST_F(campaign, ends_its_runs_with_itself_and_says_how_to_go_on) {
                                      "--fault 'pci-missing function=*' --work w & until [ -e w/boards/11062-P1 ]"})
     expect_run(sh("post-campaign " + planning + "; do :; done; kill -TERM $!; wait $!; echo $?; ls w"), 2, "143\n",
                Not(HasSubstr("interrupted")));
+  EXPECT_EQ(sh("trap '' HUP; post-campaign --fault sprom-refuse --work w & "
+               "until [ -e w/plan.json ] || ! kill -0 $!; do :; done; kill -HUP $!; wait $!")
+                .status,
+            0);
   EXPECT_EQ(sh("sleep 4 | timeout -s TERM -k 1 1 post-campaign --read /dev/stdin").status, 124) << "it waits on";
 }
 
