@@ -19,7 +19,7 @@ namespace {
 
 constexpr size_t line_bytes = sizeof "1FFE ABCD";
 
-// A line is as keep() writes it. Anything else, such as zeros that a disk has in place of lines, may hide words.
+// A line is as keep() writes it. Anything else may hide words, such as zeros that a disk has instead of lines.
 std::optional<kept_word> word_in(std::string_view line) {
   const auto number = [line](size_t first) {
     uint16_t value = 0;

@@ -7,10 +7,10 @@ me=${0##*/}
 # Counting for coverage, a test that limits its files' sizes would meet complaints among what the program says.
 export GCOV_ERROR_FILE=/dev/null
 
-# What runs when the user interrupts may end as if nothing had been: the command ends all the same, by the signal.
+# A child may take an interruption for its own and end normally: the command ends by the signal all the same.
 trap 'trap - INT; kill -INT $$' INT
 
-# What cannot be said is no reason to stop.
+# A message that cannot be written does not end the command.
 note() { printf '%s\n' "$*" >&2 || true; }
 fail() {
   note "$me: $*"
@@ -160,7 +160,7 @@ other_version() {
 # want THING...: installs what is missing, if it can. Fails if something stays missing.
 want() {
   local thing name missing=() names=() reasons=''
-  # What is installed is tried in a folder there.
+  # Whether a thing works is tried in a folder there.
   local folder=${TMPDIR:-/tmp}
   { [ -d "$folder" ] && [ -w "$folder" ]; } || fail "TMPDIR=$folder is no folder that can be written"
   for thing in "$@"; do

@@ -27,7 +27,7 @@ struct shard_number {
 [[nodiscard]] std::vector<std::vector<size_t>> split(const std::vector<run_item> &runs, size_t shards);
 
 // A text that is the same only for the same runs where the same decides their results. Its first half is of the runs
-// only, so that merging can tell whether it has them all, each at its place.
+// only, so that merging can see whether it has them all, each at its place.
 //   deciding  the bytes of each program, and the limits
 [[nodiscard]] std::string plan_identity(const std::vector<run_item> &runs, const std::vector<std::string> &deciding);
 

@@ -106,7 +106,7 @@ TEST_F(post_boot, runs_no_test_that_nobody_asked_for) {
   }
 }
 
-// The next in line of a pipe, and another user who reads the metrics.
+// A reader of the pipe that goes away, and another user who reads the metrics.
 TEST_F(post_boot, gives_its_verdict_whoever_reads) {
   EXPECT_THAT(boot("", "METRICS=$PWD/none/post.prom").err, HasSubstr("post-boot: cannot write "));
   const auto run = boot("", "umask 077; mkfifo out; head -n 1 <out >/dev/null & exec >out");

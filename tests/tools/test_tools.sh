@@ -225,7 +225,7 @@ interrupted() {
   never said passed
 }
 
-# What cannot be said is no reason to stop, nor to end otherwise.
+# A message that cannot be written changes neither the end of a command nor its status.
 nobody_listens() {
   local err deaf
   toolchain
