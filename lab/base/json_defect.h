@@ -11,7 +11,7 @@ namespace lab {
 inline std::string json_defect(const std::exception &wrong) {
   if (const auto *const parse = dynamic_cast<const nlohmann::json::parse_error *>(&wrong))
     return "it is not JSON, from byte " + std::to_string(parse->byte) + " on";
-  const std::string text = wrong.what();
+  std::string text = wrong.what();
   if (dynamic_cast<const nlohmann::json::exception *>(&wrong) == nullptr) return text;
   const auto key = text.find("key '");
   return "it has another form: " + (key == std::string::npos ? "a value of another type" : text.substr(key));
