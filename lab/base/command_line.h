@@ -47,7 +47,7 @@ int run_program(const char *name, const char *about, int argc, char **argv,
     if (stop.get_exit_code() == 0) return put_out(name, "", app.exit(stop));
     return complain(name, sim::defect_of(app, stop) + "\nTry '" + name + " --help' for more information.");
   }
-  // Such as of a shell's variable that is not set; the default would be another thing than was asked for.
+  // A shell's variable that is not set leaves such a value, and the default is not what was asked for.
   for (const auto *const option : app.get_options())
     if (std::ranges::find(option->results(), "") != option->results().end())
       return complain(name, "empty value of option '" + option->get_name() + "'");

@@ -14,7 +14,9 @@ inline std::string json_defect(const std::exception &wrong) {
   std::string text = wrong.what();
   if (dynamic_cast<const nlohmann::json::exception *>(&wrong) == nullptr) return text;
   const auto key = text.find("key '");
-  return "it has another form: " + (key == std::string::npos ? "a value of another type" : text.substr(key));
+  if (key != std::string::npos) return "it has another form: " + text.substr(key);
+  const bool of_type = dynamic_cast<const nlohmann::json::type_error *>(&wrong) != nullptr;
+  return std::string("it has another form: ") + (of_type ? "a value of another type" : "a value that does not fit");
 }
 
 }  // namespace lab

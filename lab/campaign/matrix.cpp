@@ -10,7 +10,7 @@
 namespace lab {
 namespace {
 
-std::string told(const run_result &run) {
+std::string result_text(const run_result &run) {
   auto text = title_of(run);
   for (const auto &device : run.reported)
     text += (&device == &run.reported.front() ? " (" : ", ") + device;
@@ -29,7 +29,7 @@ void compare(const run_result &before, const run_result &now, std::vector<std::s
     if (was != is) changes->push_back(now.what.key() + ": " + what + "was " + was + ", is " + is);
   };
   const auto shown = [](const std::string &text) { return text.empty() ? "nothing" : "\"" + text + "\""; };
-  add(told(before), told(now));
+  add(result_text(before), result_text(now));
   add(shown(before.contents), shown(now.contents), "changed contents: ");
   add(shown(before.line), shown(now.line), "first line: ");
   if (before.explained && now.explained) add(named(*before.explained), named(*now.explained));
@@ -148,7 +148,7 @@ std::vector<std::string> changes_since(const matrix &former, const matrix &now) 
   for (const auto &run : now.runs) {
     const auto [found, end] = before.equal_range(run.what.key());
     if (found == end) {
-      if (same_space) changes.push_back(run.what.key() + ": new, " + told(run));
+      if (same_space) changes.push_back(run.what.key() + ": new, " + result_text(run));
       continue;
     }
     compare(*found->second, run, &changes);
@@ -158,7 +158,7 @@ std::vector<std::string> changes_since(const matrix &former, const matrix &now) 
   for (const auto &[key, run] : before)
     left.insert(run);
   for (const auto &run : former.runs)
-    if (same_space && left.contains(&run)) changes.push_back(run.what.key() + ": not run, was " + told(run));
+    if (same_space && left.contains(&run)) changes.push_back(run.what.key() + ": not run, was " + result_text(run));
   return changes;
 }
 

@@ -41,8 +41,8 @@ std::array<size_t, 2> ports_by_verdict(const run_log &log) {
   for (const size_t port : {size_t{0}, size_t{3}}) {
     const auto &device = log.devices[first_case(*row_of_test(5)) + port];
     const bool silent = device.messages.contain("Fail to parse /post/ethtool.log");
-    const bool told = silent || !device.failed || device.messages.contain("ethtool -t eth");
-    if (device.ended && told) ++count[silent ? 0 : 1];
+    const bool shows_verdict = silent || !device.failed || device.messages.contain("ethtool -t eth");
+    if (device.ended && shows_verdict) ++count[silent ? 0 : 1];
   }
   return count;
 }

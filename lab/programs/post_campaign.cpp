@@ -63,7 +63,7 @@ void ask_to_stop(int signal) {
   (void)!write(stop_pipe[1], "", 1);
 }
 
-// What runs nothing just ends by them.
+// Without runs the signals end this program as they end any other.
 bool catch_signals(bool has_runs) {
   (void)std::signal(SIGPIPE, SIG_IGN);
   if (!has_runs) return true;
@@ -152,27 +152,27 @@ void say_how_to_go_on(const std::string &what, const lab::campaign &all) {
 }
 
 // Returns nothing and says why in *error if there is no whole matrix.
-std::optional<lab::matrix> run_campaign(const options &opts, lab::campaign &all, std::string *error) {
-  *error = all.prepare();
+std::optional<lab::matrix> run_campaign(const options &opts, lab::campaign *all, std::string *error) {
+  *error = all->prepare();
   if (!error->empty()) {
     if (stop_signal == 0) return std::nullopt;
     error->clear();  // what the signal ended has not failed
-    if (!opts.campaign.resume.empty()) say_how_to_go_on("interrupted", all);
+    if (!opts.campaign.resume.empty()) say_how_to_go_on("interrupted", *all);
     return std::nullopt;
   }
   if (opts.list) {
-    *error = list_runs(all);
+    *error = list_runs(*all);
     return error->empty() ? std::optional(lab::matrix{}) : std::nullopt;
   }
   const auto start = steady::now();
-  lab::live_line live(all.left(), opts.campaign.jobs);
-  *error = all.run([&live](const lab::run_result &result) { live.add(result); });
+  lab::live_line live(all->left(), opts.campaign.jobs);
+  *error = all->run([&live](const lab::run_result &result) { live.add(result); });
   live.end();
-  const bool whole = all.left().empty();
-  all.keep(opts.campaign.keep || !whole);
-  if (!whole) say_how_to_go_on("interrupted", all);
+  const bool whole = all->left().empty();
+  all->keep(opts.campaign.keep || !whole);
+  if (!whole) say_how_to_go_on("interrupted", *all);
   if (!whole || !error->empty()) return std::nullopt;
-  auto matrix = all.take_matrix("post-campaign " LAB_VERSION, lab_commit);
+  auto matrix = all->take_matrix("post-campaign " LAB_VERSION, lab_commit);
   matrix.times = times_of(matrix, start, opts.campaign.jobs);
   return matrix;
 }
@@ -366,7 +366,7 @@ int run(const options &opts) {
   else if (!opts.read.empty())
     matrix = read_matrix(opts.read, &error);
   else
-    matrix = run_campaign(opts, campaign.emplace(opts.campaign, stop_pipe[0]), &error);
+    matrix = run_campaign(opts, &campaign.emplace(opts.campaign, stop_pipe[0]), &error);
   if (!matrix) {
     campaign.reset();
     if (error.empty() && stop_signal != 0) end_by_signal();

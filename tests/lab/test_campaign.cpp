@@ -188,6 +188,7 @@ TEST_F(campaign, repeats_what_happens_by_chance_with_other_seeds) {
 TEST_F(campaign, ends_with_its_status_and_says_why) {
   ASSERT_EQ(sh("post-campaign --fault sprom-refuse --json good.json && mkdir full && touch full/x").status, 0);
   save("bad.json", "[]");
+  save("big.json", "{\"format\":1e999}");
   save("bad", "nothing at=all\n");
   // Status, and a part of the errors.
   // clang-format off
@@ -198,7 +199,7 @@ TEST_F(campaign, ends_with_its_status_and_says_why) {
       {"--set transients --samples 1 --list",   0, ""},
       {"--read no-such-file",                   2, "no-such-file: No such file or directory"},
       {"--read bad.json",                       2, "bad.json: it has another form: a value of another type\n"},
-      {"--read good.json --expect bad.json",    2, "bad.json: "},
+      {"--read good.json --expect big.json",    2, "big.json: it has another form: a value that does not fit\n"},
       {"--read good.json --html no/such/file",  2, "no/such/file: No such file or directory"},
       {"--list >/dev/full",                     2, "standard output: No space left on device"},
       {"--read good.json <&- >&-",              2, "standard output: Bad file descriptor"},
