@@ -90,7 +90,7 @@ void journal::finish() {
 std::optional<std::string> journal::set_aside() {
   const auto lost = m_path.substr(0, m_path.rfind('.')) + ".lost";
   auto path = lost;
-  // A name that is new; one that is there has what other words held.
+  // A new name: a file that is there holds words of an earlier run.
   for (unsigned number = 2;; ++number) {
     const unique_fd is_new(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     if (is_new) break;

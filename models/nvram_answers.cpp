@@ -82,7 +82,7 @@ class possible_words {
   std::map<uint32_t, held> m_words;
   std::map<uint32_t, uint16_t> m_written;  // last, at each offset
   std::set<uint16_t> m_own;                // what was read before anything was written there
-  std::set<uint16_t> m_tags;               // what was written but such words
+  std::set<uint16_t> m_tags;               // what was written, without such words
   std::set<uint16_t> m_former;
   std::set<uint16_t> m_doubtful;
 };

@@ -31,7 +31,7 @@ struct path_row {
 using id = fault_id;
 constexpr std::nullopt_t none = std::nullopt;
 
-// A rate that no fault names; that of short waits is no fault's.
+// With a rate that no fault names, so that each fault of the rate changes the file.
 std::string cpuinfo_of_some_rate(const options &opts) {
   auto others = opts;
   others.short_waits = false;
